@@ -1,0 +1,83 @@
+// The per-thread record: everything that survives from one call to the next and is not the caller's.
+#pragma once
+
+#include "KT_TYPES.h"
+
+// Fields stay in this order. On 32-bit builds the record is exactly 220 bytes; pointers are natural elsewhere. Each
+// group has an owner, the one module that reads and writes it, and a capacity goes with each buffer: a request beyond
+// it frees the block, zeroes pointer and capacity, allocates, and stores both only on success. Buffers outlive the
+// thread unless the owner's KTFree...Tbls was called on it.
+struct KTContext {
+    // KT_ERROR
+    int status;
+    int errMode;
+    KTErrorHandler errHandler; // the one field that starts non-zero: KTWinError
+    // KT_PREE
+    int buffLen; // capacity of buff, in floats
+    float* buff;
+    // KT_LPRED, KT_LPSPE
+    struct {
+        void* wLPTwiddle; // raw blocks of the twiddle tables
+        void* sLPTwiddle;
+        int wTwiddleOrder; // FFT order and number of coefficients for which a table was built
+        int wTwiddleLen;
+        int sTwiddleOrder;
+        int sTwiddleLen;
+        void* wLPBuffer; // FFT work buffers and the orders for which they were sized
+        void* sLPBuffer;
+        int wBufferOrder;
+        int sBufferOrder;
+        void* spare0;
+        void* spare1;
+        int nAutocorr; // row lengths of the two tables
+        float** arrAutocorr;
+        int nCovariance;
+        float** arrCovariance;
+    } LP;
+    // KT_CEPS: aligned blocks
+    struct {
+        float* filterOutput;
+        float* fftOut;
+        void* spare0;
+        void* spare1;
+        float* tempVect;
+        float* tempCeps;
+        float* filterDctInput;
+        float* filterDctOutput;
+        void* spare2;
+        void* spare3;
+        void* spare4;
+        float melMul; // mel scale; 0 means the default
+        float melDiv;
+        int fftLen; // capacities: FFT length, filters, coefficients
+        int nFilters;
+        int nCeps;
+    } Ceps;
+    // KT_HINT and the HMM modules
+    unsigned hmmMode;
+    int nHMMClasses;
+    int nHMMServers;
+    struct HMMClass* hmmClassList;   // sentinel of the class list
+    struct HMMServer* hmmServerList; // sentinel of the server list
+    struct HMMServer* hmmServerCursor;
+    struct SemicontCodebook* sSemicont;
+    struct SemicontCodebook* wSemicont;
+    int* hmmScalesBuffer;
+    int hmmScalesLen;
+    // KT_DTW
+    int nFixedPatterns;
+    struct wPattern* wPatternList;
+    int nFloatPatterns;
+    struct sPattern* sPatternList;
+    // KT_GAUSS
+    int gaussBufferLen;
+    void* gaussBuffer;
+    int trainBufferLen;
+    void* trainBuffer;
+};
+
+static_assert(sizeof(void*) != 4 || sizeof(KTContext) == 220, "the record of a 32-bit build");
+
+// The calling thread's record, made at its first call when the thread's start was not seen; never null: on exhaustion
+// the process ends.
+KTContext* KTGetContext();

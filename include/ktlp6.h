@@ -1,0 +1,139 @@
+/* ktlp6.h - ktlP6, building blocks for speech recognition, in 32-bit float and 16-bit fixed point.
+ *
+ * Names. KT, then the data flavour (s float, w 16-bit fixed point, d double, i 32-bit integer, sw and ws converters,
+ * b block), then verb and object. Functions without a flavour serve both.
+ *
+ * Fixed point. An array of 16-bit values shares one power-of-two scale: a real value is stored * 2^scale. Every
+ * conversion, downward or upward, multiplies by 2^(-scale); what was converted down with scale s is restored with -s.
+ *
+ * Threads. All state is per thread: status, error mode, handler, scratch, pattern stores, HMM servers and classes,
+ * semicontinuous codebooks. Handles and ids mean something only on the thread that made them. Nothing takes a lock.
+ *
+ * Errors. A function that fails reports to the thread's handler, stores a status (KTGetStatus) and returns a failure
+ * value. The default handler asks, in a message box or on the terminal, and ends the process where nobody can be asked.
+ * A service calls KTSetStdError() and KTSetErrMode(KT_ErrorModeParent) first, on each thread.
+ *
+ * Memory. Who calls a ...Init, ...Read, ...Build or ...Make function owns its result and frees it with the matching
+ * ...Free. Scratch stays with the thread until the family's KTFree...Tbls is called on it.
+ */
+#ifndef KTLP6_H
+#define KTLP6_H
+
+#include <stdio.h>
+
+#if defined(_WIN32) && !defined(KTLP6_STATIC)
+#ifdef KTLP6_BUILDING
+#define KTL_API
+#else
+#define KTL_API __declspec(dllimport)
+#endif
+#elif defined(KTLP6_BUILDING) && defined(__GNUC__)
+#define KTL_API __attribute__((visibility("default")))
+#else
+#define KTL_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ==== context and errors ====================================================================================== */
+
+/* Status codes. */
+#define KT_StsOk 0           /* no error */
+#define KT_StsBacktrace (-1) /* trace marker: a caller reports that a callee has already failed */
+#define KT_StsUnknownErr (-2)
+#define KT_StsBadState (-3)
+#define KT_StsNoMem (-4)
+#define KT_StsBadArg (-5)
+#define KT_StsUnsupported (-6)
+#define KT_StsNoConverge (-7)
+#define KT_StsAutotrace (-8) /* trace marker: a call is traced */
+#define KT_StsOverflow (-20)
+#define KT_StsUnderflow (-21)
+
+/* Error modes, per thread. */
+#define KT_ErrorModeLeaf 0   /* report where it happens; the application is to end (the default) */
+#define KT_ErrorModeParent 1 /* report and continue */
+#define KT_ErrorModeSilent 2 /* show nothing, store the status */
+
+typedef int (*KTErrorHandler)(int status, const char* funcName, const char* message, const char* sourceName, int line);
+
+typedef struct KTLibVersion {
+    int major;
+    int minor;
+    int build;
+    const char* fileName;
+    const char* versionText;
+    const char* internalVersion;
+    const char* buildDate;
+    const char* linkage;
+} KTLibVersion;
+
+KTL_API int KTGetStatus(void);
+KTL_API void KTSetStatus(int status);
+KTL_API int KTGetErrMode(void);
+KTL_API void KTSetErrMode(int mode);
+KTL_API int KTError(int status, const char* funcName, const char* message, const char* sourceName, int line);
+KTL_API const char* KTErrorStr(int status);
+KTL_API KTErrorHandler KTRedirectError(KTErrorHandler handler);
+KTL_API KTErrorHandler KTSetStdError(void);
+KTL_API KTErrorHandler KTSetWinError(void);
+KTL_API int KTStdError(int status, const char* funcName, const char* message, const char* sourceName, int line);
+KTL_API int KTWinError(int status, const char* funcName, const char* message, const char* sourceName, int line);
+KTL_API int KTNulDevReport(int status, const char* funcName, const char* message, const char* sourceName, int line);
+KTL_API const KTLibVersion* KTGetLibVersion(void);
+
+/* ==== conversions and numeric helpers ========================================================================== */
+
+/* Scale modes of every downward conversion and fixed-point output; any value but 0, 1 and 2 saturates. */
+#define KT_NoScale 0
+#define KT_FixedScale 1
+#define KT_AutoScale 2
+#define KT_Saturate 3
+
+/* ==== streams ================================================================================================== */
+
+/* ==== front end: pre-emphasis ================================================================================== */
+
+/* ==== front end: mel filter bank =============================================================================== */
+
+/* ==== front end: cepstra and liftering ========================================================================= */
+
+/* ==== front end: linear prediction ============================================================================= */
+
+/* ==== front end: LP spectrum =================================================================================== */
+
+/* ==== distances ================================================================================================ */
+
+/* ==== dynamic time warping: pattern store ====================================================================== */
+
+/* ==== dynamic time warping: evaluation ========================================================================= */
+
+/* ==== dynamic time warping: pattern files ====================================================================== */
+
+/* ==== tree codebooks =========================================================================================== */
+
+/* ==== semicontinuous codebooks ================================================================================= */
+
+/* ==== Kohonen quantiser ======================================================================================== */
+
+/* ==== Gaussian mixtures ======================================================================================== */
+
+/* ==== hidden Markov models: registry and classes =============================================================== */
+
+/* ==== hidden Markov models: creation, copy, release, query ===================================================== */
+
+/* ==== hidden Markov models: evaluation ========================================================================= */
+
+/* ==== hidden Markov models: transforms and files =============================================================== */
+
+/* ==== hidden Markov models: training =========================================================================== */
+
+/* ==== multilayer perceptrons =================================================================================== */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KTLP6_H */

@@ -1,0 +1,46 @@
+// One table of kernels per instruction-set level, and the choice of the level.
+//
+// A module M keeps its inner loops in vsqM_level.cpp, which is compiled once per level into the namespaces
+// vsq::baseline, vsq::avx2 and vsq::avx512, and lists them in a record of function pointers in vsqM_level.h. Here
+// those records come together. Callers write `vsq::kernels().arith->zero(dst, n)`.
+//
+// Kernels reached through these tables check nothing: n may be 0, pointers are the caller's affair, and no pointer
+// needs any alignment beyond that of its element unless the record says so.
+#pragma once
+
+// Declares, for every level, the record that vsqM_level.cpp defines.
+#define VSQ_DECLARE_LEVELS(Record, name)                                                                     \
+    namespace baseline {                                                                                     \
+    extern const Record name;                                                                                \
+    }                                                                                                        \
+    namespace avx2 {                                                                                         \
+    extern const Record name;                                                                                \
+    }                                                                                                        \
+    namespace avx512 {                                                                                       \
+    extern const Record name;                                                                                \
+    }
+
+#include "vsqarith_level.h"
+
+namespace vsq {
+
+enum class Level { baseline, avx2, avx512 };
+
+struct LevelTable {
+    const ArithKernels* arith;
+};
+
+extern const LevelTable* activeTable;
+
+// The kernels of the level in force: the processor's best one, chosen once when the module is loaded.
+inline const LevelTable& kernels() { return *activeTable; }
+
+// For tests and benchmarks: whether this build and this processor have the level; and putting it in force for the
+// whole process (false, and no change, where it is not available).
+bool levelAvailable(Level level);
+bool selectLevel(Level level);
+Level bestLevel();
+Level activeLevel();
+const char* levelName(Level level);
+
+} // namespace vsq

@@ -1,0 +1,279 @@
+// Vectors of the level being compiled; included by level sources (*_level.cpp) only.
+//
+// Pack<T, N> is N lanes of T whatever the register width: one register, or two packs of half the lanes, down to what
+// a register of this level holds. A kernel that sums in a Pack<double, 16> adds the same numbers in the same order at
+// every level, so all levels give the same bits. Everything stands in an unnamed namespace and is inlined: a level
+// object may define no symbol that the linker could merge with another level's.
+#pragma once
+
+#ifndef VSQ_LEVEL
+#error "simd.h belongs to level sources (*_level.cpp)"
+#endif
+
+#include <cstdint>
+#include <cstring>
+#include <utility>
+#if defined(__SSE2__)
+#include <immintrin.h>
+#endif
+
+#define VSQ_INLINE inline __attribute__((always_inline))
+#define VSQ_LAMBDA __attribute__((always_inline))
+
+namespace vsq::VSQ_LEVEL {
+namespace {
+
+inline constexpr int registerBytes = VSQ_REGISTER_BYTES;
+
+template <class T, int N> inline constexpr bool isRegister = int(sizeof(T)) * N <= registerBytes;
+
+template <class T, int N, bool fits = isRegister<T, N>> struct Pack;
+
+template <class T, int N> struct Pack<T, N, true> {
+    typedef T Register __attribute__((vector_size(sizeof(T) * N)));
+    Register r;
+};
+
+template <class T, int N> struct Pack<T, N, false> {
+    Pack<T, N / 2> lo, hi;
+};
+
+// The signed integer of T's width: masks (all ones where true) and bit patterns.
+template <int bytes> struct IntOf;
+template <> struct IntOf<1> {
+    using type = std::int8_t;
+};
+template <> struct IntOf<2> {
+    using type = std::int16_t;
+};
+template <> struct IntOf<4> {
+    using type = std::int32_t;
+};
+template <> struct IntOf<8> {
+    using type = std::int64_t;
+};
+template <class T> using MaskOf = typename IntOf<int(sizeof(T))>::type;
+
+// --- moving data ---
+
+template <class T, int N> VSQ_INLINE Pack<T, N> load(const T* p) {
+    Pack<T, N> v;
+    if constexpr (isRegister<T, N>) {
+        std::memcpy(&v.r, p, sizeof v.r);
+    } else {
+        v.lo = load<T, N / 2>(p);
+        v.hi = load<T, N / 2>(p + N / 2);
+    }
+    return v;
+}
+
+template <class T, int N> VSQ_INLINE void store(T* p, const Pack<T, N>& v) {
+    if constexpr (isRegister<T, N>) {
+        std::memcpy(p, &v.r, sizeof v.r);
+    } else {
+        store(p, v.lo);
+        store(p + N / 2, v.hi);
+    }
+}
+
+template <class T, int N> VSQ_INLINE Pack<T, N> splat(T value) {
+    Pack<T, N> v;
+    if constexpr (isRegister<T, N>) {
+        v.r = value - typename Pack<T, N>::Register{}; // the operator broadcasts; x - 0 keeps every x, -0.0 too
+    } else {
+        v.lo = splat<T, N / 2>(value);
+        v.hi = v.lo;
+    }
+    return v;
+}
+
+// The first `count` (0 to N) elements; the other lanes are `fill`.
+template <class T, int N> VSQ_INLINE Pack<T, N> loadPart(const T* p, int count, T fill = T(0)) {
+    T lanes[N];
+    for (int i = 0; i < N; ++i)
+        lanes[i] = fill;
+    for (int i = 0; i < count; ++i)
+        lanes[i] = p[i];
+    return load<T, N>(lanes);
+}
+
+template <class T, int N> VSQ_INLINE void storePart(T* p, const Pack<T, N>& v, int count) {
+    T lanes[N];
+    store(lanes, v);
+    for (int i = 0; i < count; ++i)
+        p[i] = lanes[i];
+}
+
+// --- halves ---
+
+template <class V, class H, int offset, int... I>
+VSQ_INLINE H selectLanes(const V& v, std::integer_sequence<int, I...>) {
+    return __builtin_shufflevector(v, v, (I + offset)...);
+}
+
+template <class T, int N> VSQ_INLINE Pack<T, N / 2> low(const Pack<T, N>& v) {
+    if constexpr (isRegister<T, N>)
+        return {selectLanes<decltype(v.r), typename Pack<T, N / 2>::Register, 0>(
+            v.r, std::make_integer_sequence<int, N / 2>())};
+    else
+        return v.lo;
+}
+
+template <class T, int N> VSQ_INLINE Pack<T, N / 2> high(const Pack<T, N>& v) {
+    if constexpr (isRegister<T, N>)
+        return {selectLanes<decltype(v.r), typename Pack<T, N / 2>::Register, N / 2>(
+            v.r, std::make_integer_sequence<int, N / 2>())};
+    else
+        return v.hi;
+}
+
+template <class V, class H, int... I> VSQ_INLINE V joinLanes(H lo, H hi, std::integer_sequence<int, I...>) {
+    return __builtin_shufflevector(lo, hi, I...);
+}
+
+template <class T, int H> VSQ_INLINE Pack<T, 2 * H> join(const Pack<T, H>& lo, const Pack<T, H>& hi) {
+    if constexpr (isRegister<T, 2 * H>)
+        return {joinLanes<typename Pack<T, 2 * H>::Register>(lo.r, hi.r, std::make_integer_sequence<int, 2 * H>())};
+    else
+        return {lo, hi};
+}
+
+// --- elementwise operations ---
+
+// Applies `op` register by register; all operands split alike.
+template <class R, int N, class Op, class P, class... Q>
+VSQ_INLINE Pack<R, N> each(const Op& op, const P& p, const Q&... q) {
+    if constexpr (requires { p.lo; })
+        return {each<R, N / 2>(op, p.lo, q.lo...), each<R, N / 2>(op, p.hi, q.hi...)};
+    else
+        return {op(p.r, q.r...)};
+}
+
+template <class T, int N> VSQ_INLINE Pack<T, N> operator+(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x + y; }, a, b);
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> operator-(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x - y; }, a, b);
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> operator*(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x * y; }, a, b);
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> operator/(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x / y; }, a, b);
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> operator&(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x & y; }, a, b);
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> operator|(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x | y; }, a, b);
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> operator^(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x ^ y; }, a, b);
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> operator<<(const Pack<T, N>& a, int bits) {
+    return each<T, N>([bits](auto x) VSQ_LAMBDA { return x << bits; }, a);
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> operator>>(const Pack<T, N>& a, int bits) {
+    return each<T, N>([bits](auto x) VSQ_LAMBDA { return x >> bits; }, a);
+}
+
+template <class T, int N> VSQ_INLINE Pack<MaskOf<T>, N> operator<(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<MaskOf<T>, N>([](auto x, auto y) VSQ_LAMBDA { return x < y; }, a, b);
+}
+template <class T, int N> VSQ_INLINE Pack<MaskOf<T>, N> operator<=(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<MaskOf<T>, N>([](auto x, auto y) VSQ_LAMBDA { return x <= y; }, a, b);
+}
+template <class T, int N> VSQ_INLINE Pack<MaskOf<T>, N> operator==(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<MaskOf<T>, N>([](auto x, auto y) VSQ_LAMBDA { return x == y; }, a, b);
+}
+
+// Lane by lane, a where the mask is all ones and b where it is zero.
+template <class T, int N>
+VSQ_INLINE Pack<T, N> select(const Pack<MaskOf<T>, N>& mask, const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<T, N>([](auto m, auto x, auto y) VSQ_LAMBDA { return m ? x : y; }, mask, a, b);
+}
+
+// a < b ? a : b and a > b ? a : b; where a comparison fails for a not-a-number, b.
+template <class T, int N> VSQ_INLINE Pack<T, N> smaller(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x < y ? x : y; }, a, b);
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> larger(const Pack<T, N>& a, const Pack<T, N>& b) {
+    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x > y ? x : y; }, a, b);
+}
+
+// The same bits as another type of the same width.
+template <class U, class T, int N> VSQ_INLINE Pack<U, N> bits(const Pack<T, N>& a) {
+    static_assert(sizeof(U) == sizeof(T));
+    return each<U, N>([](auto x) VSQ_LAMBDA { return (typename Pack<U, N>::Register)x; }, a);
+}
+
+// Each lane's value as another type (float to integer truncates; out of range is undefined).
+template <class U, class T, int N> VSQ_INLINE Pack<U, N> convert(const Pack<T, N>& a) {
+    if constexpr (isRegister<T, N> && isRegister<U, N>)
+        return {__builtin_convertvector(a.r, typename Pack<U, N>::Register)};
+    else
+        return join(convert<U>(low(a)), convert<U>(high(a)));
+}
+
+template <class V> VSQ_INLINE V rootOf(V x) {
+#if defined(__AVX512F__)
+    if constexpr (sizeof(V) == 64 && sizeof(x[0]) == 4)
+        return (V)_mm512_sqrt_ps((__m512)x);
+    else if constexpr (sizeof(V) == 64)
+        return (V)_mm512_sqrt_pd((__m512d)x);
+    else
+#endif
+#if defined(__AVX__)
+        if constexpr (sizeof(V) == 32 && sizeof(x[0]) == 4)
+        return (V)_mm256_sqrt_ps((__m256)x);
+    else if constexpr (sizeof(V) == 32)
+        return (V)_mm256_sqrt_pd((__m256d)x);
+    else
+#endif
+#if defined(__SSE2__)
+        if constexpr (sizeof(V) == 16 && sizeof(x[0]) == 4)
+        return (V)_mm_sqrt_ps((__m128)x);
+    else if constexpr (sizeof(V) == 16)
+        return (V)_mm_sqrt_pd((__m128d)x);
+    else
+#endif
+    {
+        for (unsigned i = 0; i < sizeof(V) / sizeof(x[0]); ++i) {
+            if constexpr (sizeof(x[0]) == 4)
+                x[i] = __builtin_sqrtf(x[i]);
+            else
+                x[i] = __builtin_sqrt(x[i]);
+        }
+        return x;
+    }
+}
+
+template <class T, int N> VSQ_INLINE Pack<T, N> squareRoot(const Pack<T, N>& a) {
+    return each<T, N>([](auto x) VSQ_LAMBDA { return rootOf(x); }, a);
+}
+
+// --- across lanes, always as the same tree: lower half plus upper half, down to one ---
+
+template <class T, int N> VSQ_INLINE T sumLanes(const Pack<T, N>& v) {
+    if constexpr (N == 1)
+        return v.r[0];
+    else
+        return sumLanes(low(v) + high(v));
+}
+
+template <class T, int N> VSQ_INLINE T smallestLane(const Pack<T, N>& v) {
+    if constexpr (N == 1)
+        return v.r[0];
+    else
+        return smallestLane(smaller(low(v), high(v)));
+}
+
+template <class T, int N> VSQ_INLINE T largestLane(const Pack<T, N>& v) {
+    if constexpr (N == 1)
+        return v.r[0];
+    else
+        return largestLane(larger(low(v), high(v)));
+}
+
+} // namespace
+} // namespace vsq::VSQ_LEVEL

@@ -1,0 +1,26 @@
+#include "levels.h"
+#include "simd.h"
+
+namespace vsq::VSQ_LEVEL {
+namespace {
+
+void set(float value, float* dst, int n) {
+    for (int i = 0; i < n; ++i)
+        dst[i] = value;
+}
+
+void scale(float factor, float* dst, int n) {
+    for (int i = 0; i < n; ++i)
+        dst[i] *= factor;
+}
+
+void multiply(const float* src, float* dst, int n) {
+    for (int i = 0; i < n; ++i)
+        dst[i] *= src[i];
+}
+
+} // namespace
+
+extern const ArithKernels arithKernels{set, scale, multiply};
+
+} // namespace vsq::VSQ_LEVEL
