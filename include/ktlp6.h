@@ -94,6 +94,18 @@ KTL_API const KTLibVersion* KTGetLibVersion(void);
 
 /* ==== streams ================================================================================================== */
 
+/* Opens and closes the streams that the read and write functions take. A module may have a C runtime of its own, to
+ * which another runtime's FILE means nothing; so such streams are opened and closed here, and not by the application.
+ * Both forward to the standard calls, check nothing, report nothing and leave the status alone. */
+
+/* Opens the file `name` in `mode`, as fopen does; the files of this library are binary ("rb", "wb"). Neither may be
+ * null. Returns the stream, which the caller closes with KTCloseFile, or null (errno of this module's runtime). */
+KTL_API FILE* KTOpenFile(const char* name, const char* mode);
+
+/* Closes a stream of KTOpenFile, as fclose does; `stream` may not be null. Returns 0, or EOF when writing out what was
+ * still buffered failed; the stream is gone in both cases. */
+KTL_API int KTCloseFile(FILE* stream);
+
 /* ==== front end: pre-emphasis ================================================================================== */
 
 /* ==== front end: mel filter bank =============================================================================== */

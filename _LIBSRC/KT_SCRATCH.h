@@ -1,0 +1,101 @@
+// Memory that lives as long as a scope. A guard that got none says false; each releases what it holds on
+// every path.
+#pragma once
+
+#include "KT_ALLOC.h"
+
+#include <concepts>
+#include <cstdint>
+#include <cstdlib>
+#include <type_traits>
+#include <utility>
+
+namespace ktl {
+
+// Room for `count` elements from malloc; null when memory ran out, for a size beyond the address space and
+// for a negative count. A count of 0 gives a block all the same, so that null always means failure.
+template <class T, std::integral Count>
+T* allocPlain(Count count) {
+    if (std::cmp_less(count, 0) ||
+        std::cmp_greater(count, PTRDIFF_MAX / static_cast<std::ptrdiff_t>(sizeof(T))))
+        return nullptr;
+    const std::size_t size = static_cast<std::size_t>(count) * sizeof(T);
+    return static_cast<T*>(std::malloc(size != 0 ? size : 1));
+}
+
+// The guards' common part: one block, and the function that releases it.
+template <class T, void (*release)(void*)>
+class Held {
+    static_assert(std::is_trivially_copyable_v<T>);
+
+public:
+    Held() = default;
+    explicit Held(T* block) : held(block) {}
+    Held(Held&& other) noexcept : held(other.take()) {}
+    Held& operator=(Held&& other) noexcept {
+        std::swap(held, other.held);
+        return *this;
+    }
+    ~Held() { release(held); }
+
+    explicit operator bool() const { return held != nullptr; }
+    T* get() const { return held; }
+    T* data() const { return held; }
+    T& operator[](std::ptrdiff_t i) const { return held[i]; }
+    T* take() { return std::exchange(held, nullptr); } // the caller frees it from now on
+
+private:
+    T* held = nullptr;
+};
+
+inline void freePlain(void* block) {
+    std::free(block);
+}
+
+// Scratch<float> frame(n); if (!frame) { ... }: n elements, not cleared.
+template <class T>
+struct Scratch : Held<T, freePlain> {
+    Scratch() = default;
+    template <std::integral Count>
+    explicit Scratch(Count n) : Held<T, freePlain>(allocPlain<T>(n)) {}
+};
+
+// The same, aligned for whole-register loads; take() hands over a block for ownFreeAligned.
+template <class T>
+struct AlignedScratch : Held<T, ownFreeAligned> {
+    AlignedScratch() = default;
+    explicit AlignedScratch(std::ptrdiff_t n) : Held<T, ownFreeAligned>(vsq::allocAligned<T>(n)) {}
+};
+
+// A table of aligned rows, float or short: table[row][column]. Has reported when it says false.
+template <class T>
+struct Table : Held<T*, KTFree2> {
+    Table() = default;
+    Table(int nRows, int nCols) : Held<T*, KTFree2>(allocate(nRows, nCols)) {}
+
+private:
+    static T** allocate(int nRows, int nCols) {
+        if constexpr (std::is_same_v<T, float>)
+            return KTsAlloc2(nRows, nCols);
+        else
+            return KTwAlloc2(nRows, nCols);
+    }
+};
+
+// The growth rule of the context's buffers: where the capacity does not do, the old block goes, both fields
+// become 0, and only success stores them again. False when memory ran out; the caller reports.
+//     growBuffer<float>(context->buff, context->buffLen, n)
+template <class T, class Pointer>
+bool growBuffer(Pointer& buffer, int& capacity, int wanted) {
+    if (wanted <= capacity) return true;
+    std::free(buffer);
+    buffer = nullptr;
+    capacity = 0;
+    T* grown = allocPlain<T>(wanted);
+    if (grown == nullptr) return false;
+    buffer = grown;
+    capacity = wanted;
+    return true;
+}
+
+} // namespace ktl
