@@ -92,6 +92,66 @@ KTL_API const KTLibVersion* KTGetLibVersion(void);
 #define KT_AutoScale 2
 #define KT_Saturate 3
 
+/* Downward: pDst[i] = pSrc[i] * 2^(-scale), as an integer.
+ *   pSrc, pDst  n elements each, not overlapping; n of 0 or below writes no element
+ *   scaleMode   KT_NoScale     no factor; the fraction is dropped
+ *               KT_FixedScale  the factor is 2^(-*pScale); the fraction is dropped; *pScale is kept
+ *               KT_AutoScale   the largest factor that keeps every element inside the target's range; *pScale receives
+ *                              its scale
+ *               else           no factor; values beyond the target's range become the nearer end of it, then the
+ *                              fraction is dropped; not-a-number becomes the smallest value
+ *   pScale      in KT_FixedScale read, otherwise written (0 where there is no factor); null stands for a scale of 0
+ * Without saturation a value that does not fit the target, not-a-number included, becomes the target's most negative
+ * value. Nothing wraps, nothing is reported. Factors are exact and products have at least double precision.
+ *
+ * KT_AutoScale works on the order of the array (below): the scale is the order less 15 (16-bit target) or less 31
+ * (32-bit target), so that 1.0 becomes 16384 with the scale -14. Where the order is above the upper limit all results
+ * are 0 and *pScale is 0x7FFFFFFF; below the lower limit all results are 0 and *pScale is 0. The limits are 128 and -125
+ * for KTswb... and KTdwb..., 1024 and -1021 for KTsib... and KTdib...: KTsibConvertDown does not catch an infinity, and
+ * gives zeros the scale -157. */
+KTL_API void KTswbConvertDown(const float* pSrc, short* pDst, int n, int scaleMode, int* pScale);
+KTL_API void KTdwbConvertDown(const double* pSrc, short* pDst, int n, int scaleMode, int* pScale);
+KTL_API void KTsibConvertDown(const float* pSrc, int* pDst, int n, int scaleMode, int* pScale);
+KTL_API void KTdibConvertDown(const double* pSrc, int* pDst, int n, int scaleMode, int* pScale);
+
+/* One value downward; arguments as above, the result is returned. Two differences from the block forms: the limits of
+ * KT_AutoScale are 128 and -125 except for KTdwConvertDown, which has 1024 and -1021; and without saturation the low bits
+ * of the truncated magnitude that fit the target are kept and then the sign is applied, so that 40000.0 wraps to -25536 in
+ * KTswConvertDown. From a magnitude of 2^31 on, and for not-a-number, the result is the target's most negative value. */
+KTL_API short KTswConvertDown(float value, int scaleMode, int* pScale);
+KTL_API short KTdwConvertDown(double value, int scaleMode, int* pScale);
+KTL_API int KTsiConvertDown(float value, int scaleMode, int* pScale);
+KTL_API int KTdiConvertDown(double value, int scaleMode, int* pScale);
+
+/* Upward: pDst[i] = pSrc[i] * 2^(-scale), rounded once, to the destination's type. The sign is the same as downward: what
+ * was converted down with the scale s is restored with -s.
+ *   pSrc, pDst  n elements each, not overlapping; n of 0 or below writes nothing
+ *   scale       any */
+KTL_API void KTwsbConvertUp(const short* pSrc, float* pDst, int n, int scale);
+KTL_API void KTwdbConvertUp(const short* pSrc, double* pDst, int n, int scale);
+KTL_API void KTisbConvertUp(const int* pSrc, float* pDst, int n, int scale);
+KTL_API void KTidbConvertUp(const int* pSrc, double* pDst, int n, int scale);
+
+/* One value upward: value * 2^(-scale), in double precision under either name. */
+KTL_API double KTwdConvertUp(short value, int scale);
+KTL_API double KTidConvertUp(int value, int scale);
+KTL_API double KTwsConvertUp(short value, int scale);
+KTL_API double KTisConvertUp(int value, int scale);
+
+/* 2^exponent, exact wherever a double can hold it: infinity for 1024 and above, 0 below -1074. */
+KTL_API double KTPower2(int exponent);
+
+/* The order of an array of n elements: the smallest k with all magnitudes below 2^k.
+ *   KTsMaxOrder  from the exponent fields alone: -126 where all elements are zero or denormal (and for n below 1), 0 for
+ *                0.75, 1 for 1.0, 129 where an infinity or a not-a-number occurs
+ *   KTwMaxOrder  0 for zeros (and for n below 1), 1 for a largest magnitude of 1, 16 for -32768
+ * The matrix forms take nRows row pointers to nCols elements each; 0, without looking at the data, where nRows or nCols is
+ * not above 0. */
+KTL_API int KTsMaxOrder(const float* pSrc, int n);
+KTL_API int KTwMaxOrder(const short* pSrc, int n);
+KTL_API int KTsMaxMatrixOrder(float** ppRows, int nRows, int nCols);
+KTL_API int KTwMaxMatrixOrder(short** ppRows, int nRows, int nCols);
+
 /* ==== streams ================================================================================================== */
 
 /* Opens and closes the streams that the read and write functions take. A module may have a C runtime of its own, to

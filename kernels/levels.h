@@ -21,6 +21,7 @@
     }
 
 #include "vsqarith_level.h"
+#include "vsqcvrts_level.h"
 
 namespace vsq {
 
@@ -28,6 +29,7 @@ enum class Level { baseline, avx2, avx512 };
 
 struct LevelTable {
     const ArithKernels* arith;
+    const CvrtsKernels* cvrts;
 };
 
 extern const LevelTable* activeTable;

@@ -252,6 +252,115 @@ template <class T, int N> VSQ_INLINE Pack<T, N> squareRoot(const Pack<T, N>& a) 
     return each<T, N>([](auto x) VSQ_LAMBDA { return rootOf(x); }, a);
 }
 
+// --- float to integer and to narrower integers, defined for every value ---
+
+// Toward zero; what does not fit, not-a-number included, becomes the most negative int, as the x86
+// instructions do it.
+template <class R, class V>
+VSQ_INLINE R truncatedVector(V x) {
+#if defined(__AVX512F__)
+    if constexpr (sizeof(V) == 64 && sizeof(x[0]) == 4)
+        return (R)_mm512_cvttps_epi32((__m512)x);
+    else if constexpr (sizeof(V) == 64)
+        return (R)_mm512_cvttpd_epi32((__m512d)x);
+    else
+#endif
+#if defined(__AVX__)
+        if constexpr (sizeof(V) == 32 && sizeof(x[0]) == 4)
+        return (R)_mm256_cvttps_epi32((__m256)x);
+    else if constexpr (sizeof(V) == 32)
+        return (R)_mm256_cvttpd_epi32((__m256d)x);
+    else
+#endif
+#if defined(__SSE2__)
+        if constexpr (sizeof(V) == 16 && sizeof(x[0]) == 4)
+        return (R)_mm_cvttps_epi32((__m128)x);
+    else
+#endif
+    {
+        typedef decltype(x[0] + 0) Element;
+        R result;
+        for (unsigned i = 0; i < sizeof(V) / sizeof(x[0]); ++i) {
+            const bool fits = x[i] >= Element(-2147483648.0) && x[i] < Element(2147483648.0);
+            result[i] = fits ? static_cast<std::int32_t>(x[i]) : INT32_MIN;
+        }
+        return result;
+    }
+}
+
+template <class T, int N>
+VSQ_INLINE Pack<std::int32_t, N> truncated(const Pack<T, N>& a) {
+    if constexpr (isRegister<T, N>)
+        return {truncatedVector<typename Pack<std::int32_t, N>::Register>(a.r)};
+    else
+        return join(truncated(low(a)), truncated(high(a)));
+}
+
+// To 16 bits; beyond their range the nearer end of it.
+template <class R, class V>
+VSQ_INLINE R narrowedVector(V x) {
+#if defined(__AVX512BW__)
+    if constexpr (sizeof(V) == 64)
+        return (R)_mm512_cvtsepi32_epi16((__m512i)x);
+    else
+#endif
+#if defined(__AVX2__)
+        if constexpr (sizeof(V) == 32)
+        return (R)_mm_packs_epi32(_mm256_castsi256_si128((__m256i)x),
+                                  _mm256_extracti128_si256((__m256i)x, 1));
+    else
+#endif
+#if defined(__SSE2__)
+        if constexpr (sizeof(V) == 16) {
+        const __m128i packed = _mm_packs_epi32((__m128i)x, (__m128i)x);
+        R result;
+        std::memcpy(&result, &packed, sizeof result);
+        return result;
+    } else
+#endif
+    {
+        x = x < -32768 ? V{} - 32768 : x;
+        x = x > 32767 ? V{} + 32767 : x;
+        return __builtin_convertvector(x, R);
+    }
+}
+
+// Two registers into one.
+template <class R, class V>
+VSQ_INLINE R narrowedPair(V lo, V hi) {
+#if defined(__AVX512BW__)
+    if constexpr (sizeof(V) == 64)
+        return (R)_mm512_permutexvar_epi64(_mm512_setr_epi64(0, 2, 4, 6, 1, 3, 5, 7),
+                                           _mm512_packs_epi32((__m512i)lo, (__m512i)hi));
+    else
+#endif
+#if defined(__AVX2__)
+        if constexpr (sizeof(V) == 32)
+        return (R)_mm256_permute4x64_epi64(_mm256_packs_epi32((__m256i)lo, (__m256i)hi), 0xD8);
+    else
+#endif
+#if defined(__SSE2__)
+        if constexpr (sizeof(V) == 16)
+        return (R)_mm_packs_epi32((__m128i)lo, (__m128i)hi);
+    else
+#endif
+    {
+        typedef std::int16_t Half __attribute__((vector_size(sizeof(R) / 2)));
+        return joinLanes<R>(narrowedVector<Half>(lo), narrowedVector<Half>(hi),
+                            std::make_integer_sequence<int, int(sizeof(R) / 2)>());
+    }
+}
+
+template <int N>
+VSQ_INLINE Pack<std::int16_t, N> narrowed(const Pack<std::int32_t, N>& a) {
+    if constexpr (isRegister<std::int32_t, N>)
+        return {narrowedVector<typename Pack<std::int16_t, N>::Register>(a.r)};
+    else if constexpr (isRegister<std::int16_t, N>)
+        return {narrowedPair<typename Pack<std::int16_t, N>::Register>(a.lo.r, a.hi.r)};
+    else
+        return {narrowed(a.lo), narrowed(a.hi)};
+}
+
 // --- across lanes, always as the same tree: lower half plus upper half, down to one ---
 
 template <class T, int N> VSQ_INLINE T sumLanes(const Pack<T, N>& v) {

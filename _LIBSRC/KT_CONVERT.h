@@ -1,0 +1,8 @@
+// Conversions between the numeric flavours, beyond the exported ones of ktlp6.h.
+#pragma once
+
+#include "KT_TYPES.h"
+
+// The order of an array as KTsMaxOrder and KTwMaxOrder define it; 0 for n below 1.
+int KTdMaxOrder(const double* pSrc, int n);
+int KTiMaxOrder(const int* pSrc, int n);
