@@ -1,16 +1,34 @@
 #include "KT_CONTEXT.h"
 
+#include <new>
+
 namespace {
 
-KTContext freshContext() {
-    KTContext context{};
-    context.errHandler = KTWinError;
-    return context;
+// All fields 0, which is what the modes, counts, capacities and pointers start from; but for the handler.
+void setUp(void* record) {
+    auto* context = new (record) KTContext{};
+    context->errHandler = KTWinError;
 }
+
+constexpr platform::RecordForm form{sizeof(KTContext), setUp};
+
+// Loading and unloading the module. In a static build its life is that of the program's static objects;
+// whoever calls outside of it gets a record on first use.
+struct ModuleLife {
+    ModuleLife() { platform::loadModule(form); }
+    ~ModuleLife() { platform::unloadModule(); }
+} moduleLife;
 
 } // namespace
 
-KTContext* KTGetContext() {
-    static thread_local KTContext context = freshContext();
-    return &context;
+KTContext* ktlFirstContext() {
+    void* record = platform::startThread(form);
+    if (record == nullptr) platform::fatalExit("KTlib. Problem to allocate memory for TLS KTL context.");
+    return static_cast<KTContext*>(record);
+}
+
+const KTLibVersion* KTGetLibVersion(void) {
+    static constexpr KTLibVersion version{
+        4, 0, 18, "ktlp6.dll", "Version 4.1 Beta Release", "[4.00.18, 01/21/99]", "Jan 26 1999", "DLL"};
+    return &version;
 }

@@ -3,10 +3,12 @@
 
 #include "KT_TYPES.h"
 
-// Fields stay in this order. On 32-bit builds the record is exactly 220 bytes; pointers are natural elsewhere. Each
-// group has an owner, the one module that reads and writes it, and a capacity goes with each buffer: a request beyond
-// it frees the block, zeroes pointer and capacity, allocates, and stores both only on success. Buffers outlive the
-// thread unless the owner's KTFree...Tbls was called on it.
+#include "platform.h"
+
+// Fields stay in this order. On 32-bit builds the record is exactly 220 bytes; pointers are natural
+// elsewhere. Each group has an owner, the one module that reads and writes it, and a capacity goes with each
+// buffer: a request beyond it frees the block, zeroes pointer and capacity, allocates, and stores both only
+// on success. Buffers outlive the thread unless the owner's KTFree...Tbls was called on it.
 struct KTContext {
     // KT_ERROR
     int status;
@@ -78,6 +80,15 @@ struct KTContext {
 
 static_assert(sizeof(void*) != 4 || sizeof(KTContext) == 220, "the record of a 32-bit build");
 
-// The calling thread's record, made at its first call when the thread's start was not seen; never null: on exhaustion
-// the process ends.
-KTContext* KTGetContext();
+// Makes the record of a thread that has none yet; on exhaustion the process ends, since there is nowhere to
+// report to.
+KTContext* ktlFirstContext();
+
+// The calling thread's record, made at its first call when the thread's start was not seen; never null.
+// Nearly every function begins with it, so the normal path is one read of the thread's slot.
+inline KTContext* KTGetContext() {
+    void* record = platform::threadRecord();
+    if (record == nullptr) [[unlikely]]
+        return ktlFirstContext();
+    return static_cast<KTContext*>(record);
+}

@@ -39,26 +39,36 @@ extern "C" {
 
 /* ==== context and errors ====================================================================================== */
 
-/* Status codes. */
+/* Status codes. 0 means no error; negative values are errors, but for the two trace markers, which tell the
+ * story of an error and never replace the stored status. The numbers between -8 and -20 are not used. */
 #define KT_StsOk 0           /* no error */
 #define KT_StsBacktrace (-1) /* trace marker: a caller reports that a callee has already failed */
-#define KT_StsUnknownErr (-2)
-#define KT_StsBadState (-3)
-#define KT_StsNoMem (-4)
-#define KT_StsBadArg (-5)
-#define KT_StsUnsupported (-6)
-#define KT_StsNoConverge (-7)
-#define KT_StsAutotrace (-8) /* trace marker: a call is traced */
-#define KT_StsOverflow (-20)
-#define KT_StsUnderflow (-21)
+#define KT_StsUnknownErr                                                                                     \
+    (-2)                    /* a failure without a better class, for example a file that could not be read */
+#define KT_StsBadState (-3) /* an object is in a state in which the operation cannot run */
+#define KT_StsNoMem (-4)    /* memory ran out */
+#define KT_StsBadArg (-5)   /* an argument was refused */
+#define KT_StsUnsupported (-6) /* no such operation in this flavour */
+#define KT_StsNoConverge (-7)  /* an iteration ended without converging */
+#define KT_StsAutotrace (-8)   /* trace marker: a call is traced */
+#define KT_StsOverflow (-20)   /* numeric overflow */
+#define KT_StsUnderflow (-21)  /* numeric underflow */
 
-/* Error modes, per thread. */
-#define KT_ErrorModeLeaf 0   /* report where it happens; the application is to end (the default) */
-#define KT_ErrorModeParent 1 /* report and continue */
-#define KT_ErrorModeSilent 2 /* show nothing, store the status */
+/* Error modes, per thread: what a handler does with a report. */
+#define KT_ErrorModeLeaf                                                                                     \
+    0 /* the default: the failure is reported where it happens, and the application is to end */
+#define KT_ErrorModeParent 1 /* report and continue; each caller on the way up may add a line of backtrace   \
+                              */
+#define KT_ErrorModeSilent 2 /* show nothing, only store the status */
 
-typedef int (*KTErrorHandler)(int status, const char* funcName, const char* message, const char* sourceName, int line);
+/* A report: what happened (a status code), in which function, the message, the source module and the line.
+ * Any of the texts may be null. The result becomes that of KTError; the library ignores it, and by custom it
+ * is `status`. A handler is called on the thread that failed and returns there; it must not let an exception
+ * or a longjmp pass through. */
+typedef int (*KTErrorHandler)(int status, const char* funcName, const char* message, const char* sourceName,
+                              int line);
 
+/* What the library says of itself; the texts are constant. */
 typedef struct KTLibVersion {
     int major;
     int minor;
@@ -70,18 +80,74 @@ typedef struct KTLibVersion {
     const char* linkage;
 } KTLibVersion;
 
+/* The calling thread's status: 0 in a new thread, then the last one stored. Neither reading it nor a later
+ * success clears it: call KTSetStatus(KT_StsOk) before the calls that you want to examine. */
 KTL_API int KTGetStatus(void);
+
+/* Stores the calling thread's status, any value. */
 KTL_API void KTSetStatus(int status);
+
+/* The calling thread's error mode: KT_ErrorModeLeaf in a new thread, then what KTSetErrMode stored. */
 KTL_API int KTGetErrMode(void);
+
+/* Stores the calling thread's error mode. The value is not checked; in a mode outside the three, KTStdError
+ * and KTNulDevReport behave as in KT_ErrorModeParent, and KTWinError shows nothing. */
 KTL_API void KTSetErrMode(int mode);
+
+/* Reports. Stores `status` as the thread's status, unless it is one of the two trace markers, and passes all
+ * five arguments unchanged to the thread's handler, whose result it returns. A `status` of 0 clears the
+ * stored status, calls no handler and returns 0. The library reports its failures through this function; an
+ * application may do so too. */
 KTL_API int KTError(int status, const char* funcName, const char* message, const char* sourceName, int line);
+
+/* The text of a status code, such as "Out of memory"; for a value that is none, "Unknown status code 3" or
+ * "Unknown error code -9". The caller does not free it. The texts of known codes are constant; that of an
+ * unknown one stands in one buffer that all threads share, and holds until the next such call. */
 KTL_API const char* KTErrorStr(int status);
+
+/* Installs `handler` for the calling thread, KTWinError if it is null. Returns the handler that was active,
+ * never null. */
 KTL_API KTErrorHandler KTRedirectError(KTErrorHandler handler);
+
+/* Installs KTStdError for the calling thread and returns the handler that was active. */
 KTL_API KTErrorHandler KTSetStdError(void);
+
+/* Installs KTWinError for the calling thread and returns the handler that was active. */
 KTL_API KTErrorHandler KTSetWinError(void);
-KTL_API int KTStdError(int status, const char* funcName, const char* message, const char* sourceName, int line);
-KTL_API int KTWinError(int status, const char* funcName, const char* message, const char* sourceName, int line);
-KTL_API int KTNulDevReport(int status, const char* funcName, const char* message, const char* sourceName, int line);
+
+/* The three handlers. Each can be installed, and called by a handler of the application's to pass a report
+ * on; any text may be null. Each returns `status`, if it returns. */
+
+/* Writes the report to the standard error stream:
+ *
+ *     KTL Error: Out of memory
+ *         in function
+ *         [module:line]:function():
+ *         message
+ *
+ * and for KT_StsBacktrace and KT_StsAutotrace "called from" in place of the first two lines. Other codes it
+ * stores as the thread's status. In KT_ErrorModeLeaf it then ends the process with exit code 1, through exit.
+ * In KT_ErrorModeSilent it writes nothing, returns, and stores every status but KT_StsBacktrace. */
+KTL_API int KTStdError(int status, const char* funcName, const char* message, const char* sourceName,
+                       int line);
+
+/* The default handler: shows the report in a message box, captioned with the text of the stored status, and
+ * asks. In KT_ErrorModeLeaf the question is whether to terminate the application: Yes ends the process, No
+ * continues. In KT_ErrorModeParent it is whether to continue: OK continues, Cancel ends the process. In any
+ * other mode it shows nothing and returns. Text and caption hold 999 and 99 characters; the rest is cut off.
+ * The end is FatalAppExit on Windows; elsewhere it is immediate, with exit code 1 and no exit handlers run.
+ *
+ * Where there is no window system, the text goes to standard error and the question is asked there if
+ * standard input and standard error are both a terminal. If not, nobody can answer, and the first button
+ * counts: in KT_ErrorModeLeaf the process ends, in KT_ErrorModeParent it continues. */
+KTL_API int KTWinError(int status, const char* funcName, const char* message, const char* sourceName,
+                       int line);
+
+/* Shows nothing, ever. In KT_ErrorModeLeaf it ends the process with exit code 1, through exit. */
+KTL_API int KTNulDevReport(int status, const char* funcName, const char* message, const char* sourceName,
+                           int line);
+
+/* The library's version record, the same on every call. The caller neither changes nor frees it. */
 KTL_API const KTLibVersion* KTGetLibVersion(void);
 
 /* ==== conversions and numeric helpers ========================================================================== */

@@ -9,10 +9,8 @@ ProcessorLevel processorLevel() {
                       __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2");
     const bool avx512 = avx2 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
                         __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl");
-    if (avx512)
-        return ProcessorLevel::avx512;
-    if (avx2)
-        return ProcessorLevel::avx2;
+    if (avx512) return ProcessorLevel::avx512;
+    if (avx2) return ProcessorLevel::avx2;
 #endif
     return ProcessorLevel::baseline;
 }
