@@ -131,11 +131,20 @@ void vsqcbPowerSpectr(const float* src, float* spectr, int length);
 /* ---- conversions: vsqcvrts
  * ----------------------------------------------------------------------------------- */
 
-/* Converts `len` floats to integers of wordSize 8, 16 or 32 bits. flags: 0x80 saturates, 0x1000 truncates
- * toward zero. Refused, status -5: "len<=0", "src==0", "dst==0", and other word sizes. */
+/* Flags of the conversions, to be combined. Without a rounding flag values go to the nearest integer, halves
+ * to the even one; VSQ_RoundToZero is stronger than VSQ_RoundDown. */
+#define VSQ_Saturate 0x80      /* what does not fit becomes the nearer end of the range */
+#define VSQ_RoundToZero 0x1000 /* the fraction is dropped */
+#define VSQ_RoundDown 0x2000   /* toward minus infinity */
+
+/* dst[i] = src[i] as a signed integer of wordSize bits, 8, 16 or 32. After rounding, a value that does not
+ * fit becomes the most negative integer, or with VSQ_Saturate the nearer end of the range; a not-a-number
+ * always the most negative one. dst holds len words and may be src where wordSize is 32. Refused, status -5:
+ * "len<=0", "src==0", "dst==0", "flags is wrong" (any bit but those above), "wordSize is wrong". */
 void vsqsbFloatToInt(const float* src, void* dst, int len, int wordSize, int flags);
 
-/* Converts `len` integers of wordSize 8, 16 or 32 bits to floats. Refused as above. */
+/* dst[i] = src[i], a signed integer of wordSize bits, 8, 16 or 32, rounded to the nearest float. The flags
+ * change nothing. dst may be src where wordSize is 32. Refused as above. */
 void vsqsbIntToFloat(const void* src, float* dst, int len, int wordSize, int flags);
 
 /* ---- norms, products, correlation: vsqnorm, vsqdotp, vsqdotpw, vsqcorr

@@ -1,0 +1,97 @@
+#include "levels.h"
+#include "vsqcontext.h"
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+namespace {
+
+constexpr vsq::Module module{"vsqcvrts"};
+
+constexpr int unknownFlags = ~(VSQ_Saturate | VSQ_RoundToZero | VSQ_RoundDown);
+
+// The fraction's fate for the modes that are not the block kernels' truncation. Not-a-number stays one.
+double rounded(double value, int flags) {
+    if (flags & VSQ_RoundToZero) return std::trunc(value);
+    if (flags & VSQ_RoundDown) return std::floor(value);
+    return std::nearbyint(value);
+}
+
+// What does not fit becomes the nearer end of the range if values saturate, and not-a-number then the
+// smallest value; otherwise both become the most negative value, as in the recognition layer's block
+// conversions.
+template <class T>
+T fitted(double whole, bool saturates) {
+    using Range = std::numeric_limits<T>;
+    if (whole >= Range::min() && whole <= Range::max()) return static_cast<T>(whole);
+    return saturates && whole > 0 ? Range::max() : Range::min();
+}
+
+template <class T>
+void convertAll(const float* src, void* dst, int len, int flags) {
+    T* out = static_cast<T*>(dst);
+    for (int i = 0; i < len; ++i)
+        out[i] = fitted<T>(rounded(src[i], flags), (flags & VSQ_Saturate) != 0);
+}
+
+// The two widths that frames use run over packs when they truncate.
+void truncateAll(const float* src, short* dst, int len, int flags) {
+    if (flags & VSQ_Saturate)
+        vsq::kernels().cvrts->clampFloatToShort(src, dst, len);
+    else
+        vsq::kernels().cvrts->truncateFloatToShort(src, dst, len, 1.0);
+}
+
+void truncateAll(const float* src, int* dst, int len, int flags) {
+    if (flags & VSQ_Saturate)
+        vsq::kernels().cvrts->clampFloatToInt(src, dst, len);
+    else
+        vsq::kernels().cvrts->truncateFloatToInt(src, dst, len, 1.0);
+}
+
+template <class T>
+void convertWide(const float* src, void* dst, int len, int flags) {
+    if (flags & VSQ_RoundToZero)
+        truncateAll(src, static_cast<T*>(dst), len, flags);
+    else
+        convertAll<T>(src, dst, len, flags);
+}
+
+} // namespace
+
+void vsqsbFloatToInt(const float* src, void* dst, int len, int wordSize, int flags) {
+    if (module.refuses(len <= 0, "len<=0") || module.refuses(src == nullptr, "src==0") ||
+        module.refuses(dst == nullptr, "dst==0") ||
+        module.refuses((flags & unknownFlags) != 0, "flags is wrong"))
+        return;
+    switch (wordSize) {
+    case 8:
+        return convertAll<std::int8_t>(src, dst, len, flags);
+    case 16:
+        return convertWide<short>(src, dst, len, flags);
+    case 32:
+        return convertWide<int>(src, dst, len, flags);
+    default:
+        module.refuses(true, "wordSize is wrong");
+    }
+}
+
+void vsqsbIntToFloat(const void* src, float* dst, int len, int wordSize, int flags) {
+    if (module.refuses(len <= 0, "len<=0") || module.refuses(src == nullptr, "src==0") ||
+        module.refuses(dst == nullptr, "dst==0") ||
+        module.refuses((flags & unknownFlags) != 0, "flags is wrong"))
+        return;
+    switch (wordSize) {
+    case 8:
+        for (int i = 0; i < len; ++i)
+            dst[i] = static_cast<const std::int8_t*>(src)[i];
+        return;
+    case 16:
+        return vsq::kernels().cvrts->shortToFloat(static_cast<const short*>(src), dst, len, 1.0);
+    case 32:
+        return vsq::kernels().cvrts->intToFloat(static_cast<const int*>(src), dst, len, 1.0);
+    default:
+        module.refuses(true, "wordSize is wrong");
+    }
+}
