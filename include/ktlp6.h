@@ -234,6 +234,34 @@ KTL_API int KTCloseFile(FILE* stream);
 
 /* ==== front end: pre-emphasis ================================================================================== */
 
+/* y[i] = x[i] - alpha * x[i-1] for i from 1 to n-1, in place, always from the unfiltered previous sample. The first
+ * sample of each call passes unfiltered: no state crosses from one call to the next. Nothing happens for n below 1.
+ *   pVec   n samples
+ *   alpha  any; usual values are 0.9 to 1.0
+ * No failure. */
+KTL_API void KTsPreemphasize(float* pVec, float alpha, int n);
+
+/* The same on 16-bit samples, pVec[i] * 2^scale afterwards as scaleMode and pScale of the conversions say; a null pScale
+ * stands for a scale of 0.
+ *
+ * Where alpha lies in 0 to 1, scaleMode is not KT_AutoScale and, for KT_FixedScale, *pScale lies in -14 to 14, the filter
+ * runs in integers: alpha is truncated to 14 fraction bits (0.97 to 15892), the accumulator of 32 bits holds the exact
+ * difference with those 14 bits, and an arithmetic shift, which rounds toward minus infinity, brings it back.
+ *   KT_Saturate    the shift is 14 and the result saturates; *pScale is set to 0
+ *   KT_NoScale     the shift is 14 and the low 16 bits are kept: the result wraps; *pScale is set to 0
+ *   KT_FixedScale  the shift is 14 + *pScale and the result wraps; the first sample is shifted by *pScale, to the left
+ *                  where that is negative; *pScale is kept
+ *   other modes    the shift is 14 and the result wraps; the first sample is shifted by *pScale, which is kept
+ * Otherwise the samples go through a float buffer of the thread's own and come back as KTswbConvertDown does it, which
+ * truncates toward zero and gives -32768 for what does not fit, or saturates: so the two ways differ by one unit on
+ * negative values.
+ *
+ * Fails with KT_StsNoMem when there is no memory for the float buffer; the samples are then unchanged. */
+KTL_API void KTwPreemphasize(short* pVec, float alpha, int n, int scaleMode, int* pScale);
+
+/* Releases the calling thread's float buffer, which otherwise stays for the next call. */
+KTL_API void KTFreePreemphasizeTbls(void);
+
 /* ==== front end: mel filter bank =============================================================================== */
 
 /* ==== front end: cepstra and liftering ========================================================================= */

@@ -22,6 +22,7 @@
 
 #include "vsqarith_level.h"
 #include "vsqcvrts_level.h"
+#include "vsqpree_level.h"
 
 namespace vsq {
 
@@ -30,6 +31,7 @@ enum class Level { baseline, avx2, avx512 };
 struct LevelTable {
     const ArithKernels* arith;
     const CvrtsKernels* cvrts;
+    const PreeKernels* pree;
 };
 
 extern const LevelTable* activeTable;

@@ -361,6 +361,53 @@ VSQ_INLINE Pack<std::int16_t, N> narrowed(const Pack<std::int32_t, N>& a) {
         return {narrowed(a.lo), narrowed(a.hi)};
 }
 
+// --- sums of two 16-bit products ---
+
+// Narrowed(middle(a * p + b * q)), lane by lane: the sums stand in 32 bits, `middle` maps a register of them, and what
+// it gives is narrowed with saturation. The widened lanes may pass through it in any order.
+template <class V, class Middle>
+VSQ_INLINE V pairSumsVector(V a, V b, std::int16_t p, std::int16_t q, const Middle& middle) {
+    typedef std::int32_t Wide __attribute__((vector_size(sizeof(V) < 4 ? 4 : sizeof(V))));
+    [[maybe_unused]] const auto factors =
+        static_cast<std::int32_t>(static_cast<std::uint16_t>(p) | static_cast<std::uint32_t>(q) << 16);
+#if defined(__AVX512BW__)
+    if constexpr (sizeof(V) == 64) {
+        const __m512i pq = _mm512_set1_epi32(factors);
+        const __m512i even = _mm512_madd_epi16(_mm512_unpacklo_epi16((__m512i)a, (__m512i)b), pq);
+        const __m512i odd = _mm512_madd_epi16(_mm512_unpackhi_epi16((__m512i)a, (__m512i)b), pq);
+        return (V)_mm512_packs_epi32((__m512i)middle((Wide)even), (__m512i)middle((Wide)odd));
+    } else
+#endif
+#if defined(__AVX2__)
+        if constexpr (sizeof(V) == 32) {
+        const __m256i pq = _mm256_set1_epi32(factors);
+        const __m256i even = _mm256_madd_epi16(_mm256_unpacklo_epi16((__m256i)a, (__m256i)b), pq);
+        const __m256i odd = _mm256_madd_epi16(_mm256_unpackhi_epi16((__m256i)a, (__m256i)b), pq);
+        return (V)_mm256_packs_epi32((__m256i)middle((Wide)even), (__m256i)middle((Wide)odd));
+    } else
+#endif
+#if defined(__SSE2__)
+        if constexpr (sizeof(V) == 16) {
+        const __m128i pq = _mm_set1_epi32(factors);
+        const __m128i even = _mm_madd_epi16(_mm_unpacklo_epi16((__m128i)a, (__m128i)b), pq);
+        const __m128i odd = _mm_madd_epi16(_mm_unpackhi_epi16((__m128i)a, (__m128i)b), pq);
+        return (V)_mm_packs_epi32((__m128i)middle((Wide)even), (__m128i)middle((Wide)odd));
+    } else
+#endif
+    {
+        typedef std::int32_t All __attribute__((vector_size(2 * sizeof(V))));
+        const All sums = __builtin_convertvector(a, All) * p + __builtin_convertvector(b, All) * q;
+        return narrowedVector<V>(static_cast<All>(middle(sums)));
+    }
+}
+
+template <int N, class Middle>
+VSQ_INLINE Pack<std::int16_t, N> pairSums(const Pack<std::int16_t, N>& a, std::int16_t p,
+                                          const Pack<std::int16_t, N>& b, std::int16_t q, const Middle& middle) {
+    return each<std::int16_t, N>(
+        [&](auto x, auto y) VSQ_LAMBDA { return pairSumsVector(x, y, p, q, middle); }, a, b);
+}
+
 // --- across lanes, always as the same tree: lower half plus upper half, down to one ---
 
 template <class T, int N> VSQ_INLINE T sumLanes(const Pack<T, N>& v) {
