@@ -264,7 +264,96 @@ KTL_API void KTFreePreemphasizeTbls(void);
 
 /* ==== front end: mel filter bank =============================================================================== */
 
+/* A bank of triangular filters over a spectrum, with the tables of its cepstrum; float in both data flavours. Made by
+ * KTsMFCCInit or KTwMFCCInit, freed by the matching Free. Holds scratch: one thread at a time may use it. */
+typedef struct KTMFCCFilters KTMFCCFilters;
+
+/* Sets the calling thread's mel scale, mel(f) = mul * log10(1 + f / div) with f in Hz, for later inits on this thread.
+ * Nothing is checked. Without it the scale is 2595 and 700; a div of 0 brings both of these back at the next init,
+ * whatever mul is. */
+KTL_API void KTSetMelScale(float mul, float div);
+
+/* Designs a filter bank: triangles that overlap by half, each with weights that add up to 1.
+ *   fftOrder    order of the transform, 0 to 30: the spectrum has 2^fftOrder bins, of which the filters may reach the
+ *               upper half as well
+ *   nFilters    number of filters; 0 or below gives a bank without filters
+ *   lowFreq, highFreq   left edge of the first and right edge of the last filter, Hz
+ *   sampleFreq  the frequency that the last of the 2^fftOrder bins stands for, Hz: bin b lies at
+ *               b * sampleFreq / (2^fftOrder - 1)
+ *   nLinear     how many of the filters are evenly spaced, from lowFreq on, at most nFilters; the last of them joins
+ *               the mel-spaced ones
+ *   linearTop   where the linear part ends, Hz; at or below lowFreq there is no linear part
+ * A filter too narrow to hold a bin gets the whole weight on the bin nearest to its centre, or on its neighbour's bin
+ * if it is one of the leading filters, which share one length: the linear ones and the short ones behind them. A lone
+ * bin exactly on its filter's left edge gets the whole weight too.
+ * Result: the bank, for KTsFreeMFCCFilters, or null after a report: status -4, "insufficiency of memory for pointer  "
+ * and what there was no room for; all else is released. Arguments are not checked: frequencies in odd orders give odd
+ * banks, a scale without a meaning gives weights that are not numbers. An order beyond 0 to 30 gives a bank over the
+ * first bin alone, and no bank at all (status -4) for 31.
+ * Davis, Mermelstein: Comparison of Parametric Representations for Monosyllabic Word Recognition in Continuously Spoken
+ * Sentences, 1980. */
+KTL_API KTMFCCFilters* KTsMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq, int nLinear,
+                                   int linearTop);
+
+/* The same for the fixed-point flavour. A negative status, be it an old one that was not cleared, is reported once more
+ * as a backtrace, and the result is null. */
+KTL_API KTMFCCFilters* KTwMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq, int nLinear,
+                                   int linearTop);
+
+/* Free a bank with all it holds; null is allowed. */
+KTL_API void KTsFreeMFCCFilters(KTMFCCFilters* filters);
+KTL_API void KTwFreeMFCCFilters(KTMFCCFilters* filters);
+
+/* Applies the bank: pOut[i] is the sum of spectrum values times filter i's weights, each product and the sum in double.
+ *   pSpectrum  from bin 0 up to the highest bin that a filter has; nothing behind it is read
+ *   pOut       as many values as there are filters; not overlapping the spectrum
+ * Does nothing if an argument is null. */
+KTL_API void KTsMelFiltering(KTMFCCFilters* filters, const float* pSpectrum, float* pOut);
+
 /* ==== front end: cepstra and liftering ========================================================================= */
+
+/* Flags of the cepstrum, in any combination. */
+#define KT_CepsTimeInput 0x01   /* the input is samples; otherwise it is a magnitude spectrum */
+#define KT_CepsThreshold 0x04   /* values below the threshold are raised to it before the logarithm */
+#define KT_CepsFilterFirst 0x08 /* filter, then take the logarithm; otherwise the logarithm comes first */
+#define KT_CepsZeroth 0x10      /* the output starts at coefficient 0; otherwise at coefficient 1 */
+
+/* Mel-frequency cepstrum of one frame: spectrum, floor, log10, mel filters, orthonormal DCT-II.
+ *   filters  the bank; it fixes the length of the frame, N = 2^fftOrder. Null: nothing is done
+ *   pIn      KT_CepsTimeInput: N samples, kept as they are. Otherwise N/2 + 1 spectrum values; without KT_CepsFilterFirst
+ *            the floor (all of them) and the natural logarithm (up to one bin behind the filters) are written into them
+ *   pCeps    receives nCeps coefficients, at least 1; those that the bank does not have, coefficient nFilters and up,
+ *            are 0
+ *   thresh   the floor, for KT_CepsThreshold. It applies to the filter outputs with KT_CepsFilterFirst, otherwise to the
+ *            spectrum; with KT_CepsTimeInput and without KT_CepsFilterFirst the spectrum is a power spectrum at that
+ *            point, and the floor a power. Without a floor a zero gives minus infinity
+ *   flags    KT_Ceps..., above
+ * The thread's buffers are kept for the next frame; after the first frame of a size nothing is allocated.
+ * Failures: status -4, "insufficiency of memory for pointer  pKTcontext->Ceps." and the buffer's name; pCeps is not
+ * written. A negative status that was there before the call is reported as a backtrace: KTSetStatus(0) before going on
+ * after a failure. With KT_CepsTimeInput, and with a number of filters that is a power of two, this ends the call with
+ * pCeps unwritten. The kernels refuse, and that ends the process, a bank without filters, an order that is none with
+ * KT_CepsTimeInput, and an output without a coefficient where the number of filters is no power of two. */
+KTL_API void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags);
+
+/* The same in fixed point. The input is a real value times 2^inScale, and so is thresh; it is converted to float, and the
+ * coefficients are converted down: see KTswbConvertDown for outMode and pOutScale (null stands for a scale of 0). pIn is
+ * kept as it is. After a failure, reported by KTsCepstralMFCC or here (status -4), pCeps is not written.
+ * Fixed point: all arithmetic is float; what the last conversion truncates, wraps or saturates is outMode's. */
+KTL_API void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh, int flags,
+                             int inScale, int outMode, int* pOutScale);
+
+/* Liftering in place: pCeps[i] *= 1 + L/2 * sin(pi * i / L), for i from 0 to n - 1, computed in double. n of 0 or below
+ * and L of 0 change nothing.
+ * Juang, Rabiner, Wilpon: On the Use of Bandpass Liftering in Speech Recognition, 1987. */
+KTL_API void KTsLiftering(float* pCeps, int n, int L);
+
+/* The same in fixed point: each product is truncated toward zero; one that 16 bits do not hold becomes -32768. */
+KTL_API void KTwLiftering(short* pCeps, int n, int L);
+
+/* Releases the calling thread's cepstrum buffers, and the tables of the transforms and of the DCT, which all threads
+ * share: call it while no other thread transforms. The mel scale is kept. */
+KTL_API void KTFreeCepsTbls(void);
 
 /* ==== front end: linear prediction ============================================================================= */
 

@@ -8,7 +8,8 @@ namespace {
 
 // A level's table; every record of levels.h appears here once.
 #define VSQ_LEVEL_TABLE(level)                                                                               \
-    LevelTable { &level::arithKernels, &level::cvrtsKernels, &level::preeKernels }
+    LevelTable { &level::arithKernels, &level::cvrtsKernels, &level::preeKernels, &level::melKernels         \
+    }
 
 constinit const LevelTable baselineTable = VSQ_LEVEL_TABLE(baseline);
 #ifdef VSQ_HAS_X86_LEVELS

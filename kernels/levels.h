@@ -23,6 +23,7 @@
 #include "vsqarith_level.h"
 #include "vsqcvrts_level.h"
 #include "vsqpree_level.h"
+#include "vsqmel_level.h"
 
 namespace vsq {
 
@@ -32,6 +33,7 @@ struct LevelTable {
     const ArithKernels* arith;
     const CvrtsKernels* cvrts;
     const PreeKernels* pree;
+    const MelKernels* mel;
 };
 
 extern const LevelTable* activeTable;

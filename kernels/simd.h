@@ -138,6 +138,26 @@ template <class T, int H> VSQ_INLINE Pack<T, 2 * H> join(const Pack<T, H>& lo, c
         return {lo, hi};
 }
 
+// --- pairs of lanes ---
+
+template <class V, int odd, int... I> VSQ_INLINE V pairLanes(V a, V b, std::integer_sequence<int, I...>) {
+    return __builtin_shufflevector(a, b, (I % 2 == 0 ? I + odd : int(sizeof...(I)) + I - 1 + odd)...);
+}
+
+// a0 b0 a2 b2 ... and a1 b1 a3 b3 ...: the 2 by 2 transposes of a and b.
+template <class T, int N> VSQ_INLINE Pack<T, N> evenPairs(const Pack<T, N>& a, const Pack<T, N>& b) {
+    if constexpr (isRegister<T, N>)
+        return {pairLanes<decltype(a.r), 0>(a.r, b.r, std::make_integer_sequence<int, N>())};
+    else
+        return {evenPairs(a.lo, b.lo), evenPairs(a.hi, b.hi)};
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> oddPairs(const Pack<T, N>& a, const Pack<T, N>& b) {
+    if constexpr (isRegister<T, N>)
+        return {pairLanes<decltype(a.r), 1>(a.r, b.r, std::make_integer_sequence<int, N>())};
+    else
+        return {oddPairs(a.lo, b.lo), oddPairs(a.hi, b.hi)};
+}
+
 // --- elementwise operations ---
 
 // Applies `op` register by register; all operands split alike.
