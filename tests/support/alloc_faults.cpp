@@ -1,5 +1,6 @@
 #include "support/alloc_faults.h"
 
+#include <atomic>
 #include <cstddef>
 
 namespace support::alloc {
@@ -10,13 +11,19 @@ thread_local bool hasFailed = false;
 thread_local bool armed = false;
 thread_local long seen = 0;
 thread_local long live = 0;
+constinit std::atomic<long> liveInProcess = 0;
+
+// The two counts that are always kept.
+
+void count(long blocks) {
+    live += blocks;
+    liveInProcess.fetch_add(blocks, std::memory_order_relaxed);
+}
 
 bool refuse() {
-    if (!armed)
-        return false;
+    if (!armed) return false;
     ++seen;
-    if (countdown == 0 || --countdown != 0)
-        return false;
+    if (countdown == 0 || --countdown != 0) return false;
     hasFailed = true;
     return true;
 }
@@ -30,10 +37,21 @@ void arm(int failAt) {
     armed = true;
 }
 
-void disarm() { armed = false; }
-bool failed() { return hasFailed; }
-long allocations() { return seen; }
-long liveBlocks() { return live; }
+void disarm() {
+    armed = false;
+}
+bool failed() {
+    return hasFailed;
+}
+long allocations() {
+    return seen;
+}
+long liveBlocks() {
+    return live;
+}
+long liveBlocksOfProcess() {
+    return liveInProcess;
+}
 
 } // namespace support::alloc
 
@@ -47,31 +65,28 @@ void* __real_realloc(void*, std::size_t);
 void __real_free(void*);
 
 void* __wrap_malloc(std::size_t size) {
-    if (refuse())
-        return nullptr;
+    if (refuse()) return nullptr;
     void* block = __real_malloc(size);
-    live += block != nullptr;
+    count(block != nullptr);
     return block;
 }
 
-void* __wrap_calloc(std::size_t count, std::size_t size) {
-    if (refuse())
-        return nullptr;
-    void* block = __real_calloc(count, size);
-    live += block != nullptr;
+void* __wrap_calloc(std::size_t number, std::size_t size) {
+    if (refuse()) return nullptr;
+    void* block = __real_calloc(number, size);
+    count(block != nullptr);
     return block;
 }
 
 void* __wrap_realloc(void* block, std::size_t size) {
-    if (refuse())
-        return nullptr;
+    if (refuse()) return nullptr;
     void* grown = __real_realloc(block, size);
-    live += block == nullptr && grown != nullptr;
+    count(block == nullptr && grown != nullptr);
     return grown;
 }
 
 void __wrap_free(void* block) {
-    live -= block != nullptr;
+    count(-(block != nullptr));
     __real_free(block);
 }
 }
