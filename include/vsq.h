@@ -187,7 +187,8 @@ double vsqsNorm(const float* a, const float* b, int n, int flags);
 int vsqwNorm(const short* a, const short* b, int n, int flags);
 
 /* vsqwNorm with a scale. VSQ_FIXED_SCALE: the exact integer norm is shifted right by *scaleFactor, or left by
- * -*scaleFactor if that is negative, before it saturates; a quotient is scaled before it is truncated.
+ * -*scaleFactor if that is negative, before it saturates; a quotient (also the 1 for a null b) is scaled before it is
+ * truncated.
  * VSQ_AUTO_SCALE: *scaleFactor is set to the smallest right shift, 0 or more, under which the norm fits, and
  * the norm shifted by it. Refused, status -5, after the checks of vsqwNorm: "scaleMode & VSQ_FIXED_SCALE &&
  * scaleMode & VSQ_AUTO_SCALE", "scaleMode & VSQ_FIXED_SCALE && (scaleFactor==NULL)", "scaleMode &

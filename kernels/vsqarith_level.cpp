@@ -9,6 +9,11 @@ void set(float value, float* dst, int n) {
         dst[i] = value;
 }
 
+void setWords(short value, short* dst, int n) {
+    for (int i = 0; i < n; ++i)
+        dst[i] = value;
+}
+
 void scale(float factor, float* dst, int n) {
     for (int i = 0; i < n; ++i)
         dst[i] *= factor;
@@ -21,6 +26,6 @@ void multiply(const float* src, float* dst, int n) {
 
 } // namespace
 
-extern const ArithKernels arithKernels{set, scale, multiply};
+extern const ArithKernels arithKernels{set, setWords, scale, multiply};
 
 } // namespace vsq::VSQ_LEVEL

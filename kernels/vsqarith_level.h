@@ -1,12 +1,13 @@
-// Elementwise float arithmetic. All arrays have n elements; dst may be src.
+// Elementwise arithmetic and fills. All arrays have n elements; dst may be src.
 #pragma once
 
 namespace vsq {
 
 struct ArithKernels {
-    void (*set)(float value, float* dst, int n);            // dst[i] = value
-    void (*scale)(float factor, float* dst, int n);         // dst[i] *= factor
-    void (*multiply)(const float* src, float* dst, int n);  // dst[i] *= src[i]
+    void (*set)(float value, float* dst, int n);           // dst[i] = value
+    void (*setWords)(short value, short* dst, int n);      // dst[i] = value
+    void (*scale)(float factor, float* dst, int n);        // dst[i] *= factor
+    void (*multiply)(const float* src, float* dst, int n); // dst[i] *= src[i]
 };
 VSQ_DECLARE_LEVELS(ArithKernels, arithKernels)
 

@@ -1,0 +1,35 @@
+#include "levels.h"
+#include "vsqcontext.h"
+
+#include <cmath>
+
+namespace {
+
+constexpr vsq::Module module{"vsqcorr"};
+
+enum Type { plain, biased, unbiased }; // undivided, divided by n, divided by the number of products
+
+double divisorOf(int type, int n, int lag) {
+    if (type == biased)
+        return n;
+    return type == unbiased ? n - lag : 1;
+}
+
+} // namespace
+
+void vsqsAutoCorr(const float* src, int n, float* dst, int nLags, int type) {
+    if (module.refuses(src == nullptr, "Null SRC buffer pointer") ||
+        module.refuses(dst == nullptr, "Null DST buffer pointer") ||
+        module.refuses(n < 1, "Invalid SRC buffer length") ||
+        module.refuses(nLags < 1 || nLags > n, "Invalid LAG value") ||
+        module.refuses(type < plain || type > unbiased, "Invalid auto-corr type"))
+        return;
+    constexpr int groupLags = 64; // a multiple of what the kernel takes in one pass
+    double sums[groupLags];
+    for (int from = 0; from < nLags; from += groupLags) {
+        const int count = nLags - from < groupLags ? nLags - from : groupLags;
+        vsq::kernels().corr->autoCorr(src, n, from, sums, count);
+        for (int k = 0; k < count; ++k)
+            dst[from + k] = float(sums[k] / divisorOf(type, n, from + k));
+    }
+}

@@ -1,0 +1,14 @@
+#include "levels.h"
+#include "vsqcontext.h"
+
+namespace {
+
+constexpr vsq::Module module{"vsqdotp"};
+
+}
+
+double vsqsDotProd(const float* a, const float* b, int n) {
+    if (module.refuses(a == nullptr, "a==0") || module.refuses(b == nullptr, "b==0") || module.refuses(n < 0, "n<0"))
+        return 0.0;
+    return vsq::kernels().dotProduct->dot(a, b, n);
+}

@@ -1,0 +1,24 @@
+#include "levels.h"
+#include "simd.h"
+
+namespace vsq::VSQ_LEVEL {
+namespace {
+
+constexpr int lanes = 16;
+
+double dot(const float* a, const float* b, int n) {
+    auto sum = splat<double, lanes>(0);
+    int i = 0;
+    for (; i + lanes <= n; i += lanes)
+        sum = sum + convert<double>(load<float, lanes>(a + i)) * convert<double>(load<float, lanes>(b + i));
+    if (i < n)
+        sum = sum + convert<double>(loadPart<float, lanes>(a + i, n - i)) *
+                        convert<double>(loadPart<float, lanes>(b + i, n - i));
+    return sumLanes(sum);
+}
+
+} // namespace
+
+extern const DotProductKernels dotProductKernels{dot};
+
+} // namespace vsq::VSQ_LEVEL

@@ -1,0 +1,19 @@
+#include "levels.h"
+#include "simd.h"
+
+namespace vsq::VSQ_LEVEL {
+namespace {
+
+// Each product fits in 32 bits; the sum wraps, which only unsigned words are allowed to.
+int dot(const short* a, const short* b, int n) {
+    std::uint32_t sum = 0;
+    for (int i = 0; i < n; ++i)
+        sum += std::uint32_t(a[i] * b[i]);
+    return int(sum);
+}
+
+} // namespace
+
+extern const WordDotProductKernels wordDotProductKernels{dot};
+
+} // namespace vsq::VSQ_LEVEL

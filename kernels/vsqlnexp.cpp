@@ -1,0 +1,20 @@
+#include "levels.h"
+#include "vsqcontext.h"
+
+namespace {
+
+constexpr vsq::Module module{"vsqlnexp"};
+
+}
+
+void vsqsbLn1(float* vec, int len) {
+    if (module.refuses(len <= 0, "len<=0") || module.refuses(vec == nullptr, "vec==0"))
+        return;
+    vsq::kernels().lnExp->ln(vec, len);
+}
+
+void vsqsbExp1(float* vec, int len) {
+    if (module.refuses(len <= 0, "len<=0") || module.refuses(vec == nullptr, "vec==0"))
+        return;
+    vsq::kernels().lnExp->exp(vec, len);
+}
