@@ -6,10 +6,22 @@
 namespace vsq {
 namespace {
 
-// A level's table; every record of levels.h appears here once.
+// A level's table; every record of levels.h appears here once, in the order of the fields.
+// clang-format off
 #define VSQ_LEVEL_TABLE(level)                                                                               \
-    LevelTable { &level::arithKernels, &level::cvrtsKernels, &level::preeKernels, &level::melKernels         \
+    LevelTable {                                                                                             \
+        .arith = &level::arithKernels,                                                                       \
+        .cvrts = &level::cvrtsKernels,                                                                       \
+        .pree = &level::preeKernels,                                                                         \
+        .mel = &level::melKernels,                                                                           \
+        .misc = &level::miscKernels,                                                                         \
+        .lnexp = &level::lnExpKernels,                                                                       \
+        .norm = &level::normKernels,                                                                         \
+        .dotp = &level::dotProductKernels,                                                                   \
+        .dotpw = &level::wordDotProductKernels,                                                              \
+        .corr = &level::corrKernels,                                                                         \
     }
+// clang-format on
 
 constinit const LevelTable baselineTable = VSQ_LEVEL_TABLE(baseline);
 #ifdef VSQ_HAS_X86_LEVELS

@@ -21,9 +21,15 @@
     }
 
 #include "vsqarith_level.h"
+#include "vsqcorr_level.h"
 #include "vsqcvrts_level.h"
-#include "vsqpree_level.h"
+#include "vsqdotp_level.h"
+#include "vsqdotpw_level.h"
+#include "vsqlnexp_level.h"
 #include "vsqmel_level.h"
+#include "vsqmisc_level.h"
+#include "vsqnorm_level.h"
+#include "vsqpree_level.h"
 
 namespace vsq {
 
@@ -34,6 +40,12 @@ struct LevelTable {
     const CvrtsKernels* cvrts;
     const PreeKernels* pree;
     const MelKernels* mel;
+    const MiscKernels* misc;
+    const LnExpKernels* lnexp;
+    const NormKernels* norm;
+    const DotProductKernels* dotp;
+    const WordDotProductKernels* dotpw;
+    const CorrKernels* corr;
 };
 
 extern const LevelTable* activeTable;

@@ -224,7 +224,12 @@ template <class T, int N> VSQ_INLINE Pack<T, N> larger(const Pack<T, N>& a, cons
 // The same bits as another type of the same width.
 template <class U, class T, int N> VSQ_INLINE Pack<U, N> bits(const Pack<T, N>& a) {
     static_assert(sizeof(U) == sizeof(T));
-    return each<U, N>([](auto x) VSQ_LAMBDA { return (typename Pack<U, N>::Register)x; }, a);
+    return each<U, N>(
+        [](auto x) VSQ_LAMBDA {
+            typedef U Register __attribute__((vector_size(sizeof x)));
+            return (Register)x;
+        },
+        a);
 }
 
 // Each lane's value as another type (float to integer truncates; out of range is undefined).

@@ -8,8 +8,7 @@ constexpr vsq::Module module{"vsqarith"};
 }
 
 void vsqsbMpy1(float val, float* dst, int n) {
-    if (module.refuses(n <= 0, "n<=0") || module.refuses(dst == nullptr, "dst==0"))
-        return;
+    if (module.refuses(n <= 0, "n<=0") || module.refuses(dst == nullptr, "dst==0")) return;
     vsq::kernels().arith->scale(val, dst, n);
 }
 

@@ -10,8 +10,7 @@ constexpr vsq::Module module{"vsqcorr"};
 enum Type { plain, biased, unbiased }; // undivided, divided by n, divided by the number of products
 
 double divisorOf(int type, int n, int lag) {
-    if (type == biased)
-        return n;
+    if (type == biased) return n;
     return type == unbiased ? n - lag : 1;
 }
 

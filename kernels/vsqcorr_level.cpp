@@ -4,9 +4,10 @@
 namespace vsq::VSQ_LEVEL {
 namespace {
 
-// One pass over a stretch of the signal serves a group of up to 16 lags. With four lanes, lag 4 q + r multiplies block
-// i - q of the signal by the four elements from 4 i + r on: so the four loads r = 0 to 3 serve all lags of the group,
-// and the first factors lie on block boundaries. Both factors are widened to double once a stretch.
+// One pass over a stretch of the signal serves a group of up to 16 lags. With four lanes, lag 4 q + r
+// multiplies block i - q of the signal by the four elements from 4 i + r on: so the four loads r = 0 to 3
+// serve all lags of the group, and the first factors lie on block boundaries. Both factors are widened to
+// double once a stretch.
 constexpr int lanes = 4;
 constexpr int phases = lanes;
 constexpr int groupLags = 16;
@@ -27,10 +28,13 @@ VSQ_INLINE void widen(const float* src, int count, double* dst, int room) {
         dst[i] = 0;
 }
 
-VSQ_INLINE int smallerOf(int a, int b) { return a < b ? a : b; }
+VSQ_INLINE int smallerOf(int a, int b) {
+    return a < b ? a : b;
+}
 
 // Adds the stretch's part of `count` lags.
-template <int count> VSQ_INLINE void addLags(const Stretch& work, int blocks, Doubles (&sums)[groupLags]) {
+template <int count>
+VSQ_INLINE void addLags(const Stretch& work, int blocks, Doubles (&sums)[groupLags]) {
     for (int i = 0; i < blocks + history; ++i) {
         const double* first = work.first + margin + i * lanes;
         const double* second = work.second + i * lanes;
@@ -42,7 +46,8 @@ template <int count> VSQ_INLINE void addLags(const Stretch& work, int blocks, Do
     }
 }
 
-template <int count> void groupOfLags(const float* src, int n, int firstLag, double* sums) {
+template <int count>
+void groupOfLags(const float* src, int n, int firstLag, double* sums) {
     Doubles lanesOf[groupLags];
     for (Doubles& sum : lanesOf)
         sum = splat<double, lanes>(0);
@@ -61,15 +66,19 @@ template <int count> void groupOfLags(const float* src, int n, int firstLag, dou
         sums[k] = sumLanes(lanesOf[k]);
 }
 
-template <int... count> struct Counts {
+template <int... count>
+struct Counts {
     using Group = void (*)(const float* src, int n, int firstLag, double* sums);
     static constexpr Group table[] = {groupOfLags<count + 1>...};
 };
-template <int... count> constexpr Counts<count...> countsOf(std::integer_sequence<int, count...>) { return {}; }
+template <int... count>
+constexpr Counts<count...> countsOf(std::integer_sequence<int, count...>) {
+    return {};
+}
 constexpr auto groups = countsOf(std::make_integer_sequence<int, groupLags>());
 
-// The zeros around a stretch meet elements that have no partner. Where such an element is infinite or no number that
-// gives a sum that is no number; then the plain sum, over the true pairs alone, says what it is.
+// The zeros around a stretch meet elements that have no partner. Where such an element is infinite or no
+// number that gives a sum that is no number; then the plain sum, over the true pairs alone, says what it is.
 double plainSum(const float* src, int n, int lag) {
     double sum = 0;
     for (int i = 0; i + lag < n; ++i)
@@ -83,8 +92,7 @@ void autoCorr(const float* src, int n, int firstLag, double* sums, int nLags) {
         groups.table[count - 1](src, n, firstLag + k, sums + k);
     }
     for (int k = 0; k < nLags; ++k)
-        if (!(sums[k] == sums[k]))
-            sums[k] = plainSum(src, n, firstLag + k);
+        if (!(sums[k] == sums[k])) sums[k] = plainSum(src, n, firstLag + k);
 }
 
 } // namespace

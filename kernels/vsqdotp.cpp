@@ -8,7 +8,8 @@ constexpr vsq::Module module{"vsqdotp"};
 }
 
 double vsqsDotProd(const float* a, const float* b, int n) {
-    if (module.refuses(a == nullptr, "a==0") || module.refuses(b == nullptr, "b==0") || module.refuses(n < 0, "n<0"))
+    if (module.refuses(a == nullptr, "a==0") || module.refuses(b == nullptr, "b==0") ||
+        module.refuses(n < 0, "n<0"))
         return 0.0;
-    return vsq::kernels().dotProduct->dot(a, b, n);
+    return vsq::kernels().dotp->dot(a, b, n);
 }

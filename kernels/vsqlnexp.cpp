@@ -8,13 +8,11 @@ constexpr vsq::Module module{"vsqlnexp"};
 }
 
 void vsqsbLn1(float* vec, int len) {
-    if (module.refuses(len <= 0, "len<=0") || module.refuses(vec == nullptr, "vec==0"))
-        return;
-    vsq::kernels().lnExp->ln(vec, len);
+    if (module.refuses(len <= 0, "len<=0") || module.refuses(vec == nullptr, "vec==0")) return;
+    vsq::kernels().lnexp->ln(vec, len);
 }
 
 void vsqsbExp1(float* vec, int len) {
-    if (module.refuses(len <= 0, "len<=0") || module.refuses(vec == nullptr, "vec==0"))
-        return;
-    vsq::kernels().lnExp->exp(vec, len);
+    if (module.refuses(len <= 0, "len<=0") || module.refuses(vec == nullptr, "vec==0")) return;
+    vsq::kernels().lnexp->exp(vec, len);
 }

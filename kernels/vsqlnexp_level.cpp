@@ -9,22 +9,26 @@ using Floats = Pack<float, lanes>;
 using Ints = Pack<std::int32_t, lanes>;
 using Words = Pack<std::uint32_t, lanes>;
 
-VSQ_INLINE Floats splatted(float value) { return splat<float, lanes>(value); }
+VSQ_INLINE Floats splatted(float value) {
+    return splat<float, lanes>(value);
+}
 
 // The polynomial with these coefficients, the constant one first.
-template <int count> VSQ_INLINE Floats polynomial(const Floats& x, const float (&coefficients)[count]) {
+template <int count>
+VSQ_INLINE Floats polynomial(const Floats& x, const float (&coefficients)[count]) {
     Floats value = splatted(coefficients[count - 1]);
     for (int i = count - 2; i >= 0; --i)
         value = value * x + splatted(coefficients[i]);
     return value;
 }
 
-// Both functions take ln 2 in two parts. The upper part has so few bits that its product with an exponent is exact.
+// Both functions take ln 2 in two parts. The upper part has so few bits that its product with an exponent is
+// exact.
 constexpr float ln2High = 0x1.62e4p-1f;
 constexpr float ln2Low = 0x1.7f7d1cp-20f;
 
-// Coefficients from vsqlnexp_coefficients.py: ln(1 + f) = f - f^2 / 2 + f^3 p(f) for 1 + f from sqrt(1/2) to sqrt(2),
-// with a relative error of 2^-27.3.
+// Coefficients from vsqlnexp_coefficients.py: ln(1 + f) = f - f^2 / 2 + f^3 p(f) for 1 + f from sqrt(1/2) to
+// sqrt(2), with a relative error of 2^-27.3.
 constexpr float lnCoefficients[] = {0x1.555554p-2f, -0x1.000226p-2f, 0x1.99a008p-3f, -0x1.547244p-3f,
                                     0x1.22da1ep-3f, -0x1.0d8542p-3f, 0x1.055b68p-3f, -0x1.38b578p-4f};
 
@@ -37,19 +41,22 @@ VSQ_INLINE Floats lnOf(const Floats& x) {
     const Words pattern = bits<std::uint32_t>(select(isTiny, x * splatted(0x1p23f), x));
     const Ints offset = bits<std::int32_t>(pattern - splat<std::uint32_t, lanes>(rootOfHalf));
     const Floats k = convert<float>(offset >> 23) - select(isTiny, splatted(23), zero);
-    const Ints mantissa = (offset & splat<std::int32_t, lanes>(0x7FFFFF)) + splat<std::int32_t, lanes>(rootOfHalf);
+    const Ints mantissa =
+        (offset & splat<std::int32_t, lanes>(0x7FFFFF)) + splat<std::int32_t, lanes>(rootOfHalf);
 
     const Floats f = bits<float>(mantissa) - splatted(1);
     const Floats square = f * f;
     const Floats rest = square * f * polynomial(f, lnCoefficients) + k * splatted(ln2Low);
     const Floats ln = k * splatted(ln2High) + (f + (rest - splatted(0.5f) * square));
 
-    const Floats finite = select(x == zero, zero - infinity, select(x < zero, splatted(__builtin_nanf("")), ln));
+    const Floats finite =
+        select(x == zero, zero - infinity, select(x < zero, splatted(__builtin_nanf("")), ln));
     return select(x < infinity, finite, x + x); // infinity and not-a-numbers
 }
 
 // e^r = 1 + r + r^2 q(r) for |r| up to ln(2) / 2, with a relative error of 2^-28.2.
-constexpr float expCoefficients[] = {0x1.fffffcp-2f, 0x1.55549p-3f, 0x1.5558f4p-5f, 0x1.123a6cp-7f, 0x1.6a2352p-10f};
+constexpr float expCoefficients[] = {0x1.fffffcp-2f, 0x1.55549p-3f, 0x1.5558f4p-5f, 0x1.123a6cp-7f,
+                                     0x1.6a2352p-10f};
 
 // e^x = 2^n e^r with n the integer next to x / ln 2 and r = x - n ln 2.
 VSQ_INLINE Floats expOf(const Floats& x) {
@@ -70,12 +77,12 @@ VSQ_INLINE Floats expOf(const Floats& x) {
     return mantissa * first * second;
 }
 
-template <class Function> VSQ_INLINE void apply(float* vec, int n, const Function& function) {
+template <class Function>
+VSQ_INLINE void apply(float* vec, int n, const Function& function) {
     int i = 0;
     for (; i + lanes <= n; i += lanes)
         store(vec + i, function(load<float, lanes>(vec + i)));
-    if (i < n)
-        storePart(vec + i, function(loadPart<float, lanes>(vec + i, n - i, 1)), n - i);
+    if (i < n) storePart(vec + i, function(loadPart<float, lanes>(vec + i, n - i, 1)), n - i);
 }
 
 void ln(float* vec, int n) {

@@ -21,13 +21,16 @@ void blockRoot(const float* src, float* dst, int len, const char* funcName = __b
 
 } // namespace
 
-void vsqsbSqrt2(const float* src, float* dst, int len) { blockRoot(src, dst, len); }
+void vsqsbSqrt2(const float* src, float* dst, int len) {
+    blockRoot(src, dst, len);
+}
 
-void vsqsbSqrt1(const float* src, float* dst, int len) { blockRoot(src, dst, len); }
+void vsqsbSqrt1(const float* src, float* dst, int len) {
+    blockRoot(src, dst, len);
+}
 
 void vsqsbThresh1(float* vec, int len, float thresh, int relOp) {
-    if (module.refuses(len <= 0, "len<=0") || module.refuses(vec == nullptr, "vec==0"))
-        return;
+    if (module.refuses(len <= 0, "len<=0") || module.refuses(vec == nullptr, "vec==0")) return;
     const vsq::MiscKernels& kernels = *vsq::kernels().misc;
     (relOp == 0 ? kernels.raiseTo : kernels.lowerTo)(vec, len, thresh);
 }
@@ -44,7 +47,8 @@ void vsqsbInvThresh1(float* vec, int len, float thresh) {
     module.refuses(hasZero, "zero element and zero thresh");
 }
 
-// Power spectrum and root run as one block; the squares' sums are never negative, so that nothing can be refused.
+// Power spectrum and root run as one block; the squares' sums are never negative, so that nothing can be
+// refused.
 void vsqcbMag(const float* src, float* mag, int length) {
     if (module.refuses(length <= 0, "length<=0") || module.refuses(mag == nullptr, "mag==0") ||
         module.refuses(src == nullptr, "src==0"))

@@ -8,13 +8,14 @@ constexpr int lanes = 16;
 using Floats = Pack<float, lanes>;
 using Ints = Pack<std::int32_t, lanes>;
 
-// Runs `step(values, i, count)` over the array in packs; `count` lanes of the last one are real, the others `fill`.
-template <class Step> VSQ_INLINE void overPacks(const float* src, int n, float fill, const Step& step) {
+// Runs `step(values, i, count)` over the array in packs; `count` lanes of the last one are real, the others
+// `fill`.
+template <class Step>
+VSQ_INLINE void overPacks(const float* src, int n, float fill, const Step& step) {
     int i = 0;
     for (; i + lanes <= n; i += lanes)
         step(load<float, lanes>(src + i), i, lanes);
-    if (i < n)
-        step(loadPart<float, lanes>(src + i, n - i, fill), i, n - i);
+    if (i < n) step(loadPart<float, lanes>(src + i, n - i, fill), i, n - i);
 }
 
 VSQ_INLINE void put(float* p, const Floats& v, int count) {
@@ -44,9 +45,9 @@ bool root(const float* src, float* dst, int n) {
     return smallestLane(negative) != 0;
 }
 
-// Patterns of non-negative floats ascend with their value, those of negative floats descend. So against a non-negative
-// threshold the signed patterns compare as the values do; against a negative one they compare the other way round among
-// the negative elements, and the others are left out.
+// Patterns of non-negative floats ascend with their value, those of negative floats descend. So against a
+// non-negative threshold the signed patterns compare as the values do; against a negative one they compare
+// the other way round among the negative elements, and the others are left out.
 void raiseTo(float* vec, int n, float thresh) {
     const Ints limit = bits<std::int32_t>(splat<float, lanes>(thresh));
     const Ints isBelowZero = limit >> 31; // all ones for a negative threshold
@@ -72,7 +73,8 @@ void lowerTo(float* vec, int n, float thresh) {
 }
 
 bool reciprocal(float* vec, int n, float thresh) {
-    const Floats one = splat<float, lanes>(1), zero = splat<float, lanes>(0), limit = splat<float, lanes>(thresh);
+    const Floats one = splat<float, lanes>(1), zero = splat<float, lanes>(0),
+                 limit = splat<float, lanes>(thresh);
     const Ints sign = splat<std::int32_t, lanes>(INT32_MIN);
     Ints zeros = splat<std::int32_t, lanes>(0);
     overPacks(vec, n, 1, [&](const Floats& x, int i, int count) VSQ_LAMBDA {

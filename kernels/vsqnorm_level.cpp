@@ -14,47 +14,55 @@ VSQ_INLINE Doubles absolute(const Doubles& v) {
 struct ValuesOf { // a's own values
     const float* a;
     VSQ_INLINE Doubles at(int i) const { return convert<double>(load<float, lanes>(a + i)); }
-    VSQ_INLINE Doubles at(int i, int count) const { return convert<double>(loadPart<float, lanes>(a + i, count)); }
+    VSQ_INLINE Doubles at(int i, int count) const {
+        return convert<double>(loadPart<float, lanes>(a + i, count));
+    }
 };
 
 struct DifferencesOf {
     const float *a, *b;
     VSQ_INLINE Doubles at(int i) const { return ValuesOf{a}.at(i) - ValuesOf{b}.at(i); }
-    VSQ_INLINE Doubles at(int i, int count) const { return ValuesOf{a}.at(i, count) - ValuesOf{b}.at(i, count); }
+    VSQ_INLINE Doubles at(int i, int count) const {
+        return ValuesOf{a}.at(i, count) - ValuesOf{b}.at(i, count);
+    }
 };
 
 // Folds the values into 16 lanes; lanes behind the end see 0.
-template <class Values, class Fold> VSQ_INLINE Doubles folded(const Values& values, int n, const Fold& fold) {
+template <class Values, class Fold>
+VSQ_INLINE Doubles folded(const Values& values, int n, const Fold& fold) {
     Doubles result = splat<double, lanes>(0);
     int i = 0;
     for (; i + lanes <= n; i += lanes)
         result = fold(result, values.at(i));
-    if (i < n)
-        result = fold(result, values.at(i, n - i));
+    if (i < n) result = fold(result, values.at(i, n - i));
     return result;
 }
 
-template <class Fold> VSQ_INLINE Doubles folded(const float* a, const float* b, int n, const Fold& fold) {
+template <class Fold>
+VSQ_INLINE Doubles folded(const float* a, const float* b, int n, const Fold& fold) {
     return b == nullptr ? folded(ValuesOf{a}, n, fold) : folded(DifferencesOf{a, b}, n, fold);
 }
 
 double largest(const float* a, const float* b, int n) {
-    return largestLane(folded(a, b, n, [](const Doubles& most, const Doubles& value)
-                                           VSQ_LAMBDA { return larger(absolute(value), most); }));
+    return largestLane(folded(a, b, n, [](const Doubles& most, const Doubles& value) VSQ_LAMBDA {
+        return larger(absolute(value), most);
+    }));
 }
 
 double sum(const float* a, const float* b, int n) {
-    return sumLanes(folded(a, b, n, [](const Doubles& total, const Doubles& value)
-                                        VSQ_LAMBDA { return total + absolute(value); }));
+    return sumLanes(folded(a, b, n, [](const Doubles& total, const Doubles& value) VSQ_LAMBDA {
+        return total + absolute(value);
+    }));
 }
 
 double squares(const float* a, const float* b, int n) {
-    return sumLanes(folded(a, b, n, [](const Doubles& total, const Doubles& value)
-                                        VSQ_LAMBDA { return total + value * value; }));
+    return sumLanes(folded(a, b, n, [](const Doubles& total, const Doubles& value) VSQ_LAMBDA {
+        return total + value * value;
+    }));
 }
 
-// Magnitudes of 16-bit differences need 17 bits, so 32-bit lanes hold them and sums of up to 2^15 of them; longer sums
-// are carried on in 64 bits.
+// Magnitudes of 16-bit differences need 17 bits, so 32-bit lanes hold them and sums of up to 2^15 of them;
+// longer sums are carried on in 64 bits.
 constexpr int wordBlock = 1 << 15;
 
 VSQ_INLINE std::int32_t magnitudeAt(const short* a, const short* b, int i) {
@@ -77,7 +85,8 @@ std::int64_t largestWords(const short* a, const short* b, int n) {
     return most;
 }
 
-template <class At> VSQ_INLINE std::int64_t sumOfMagnitudes(int n, const At& at) {
+template <class At>
+VSQ_INLINE std::int64_t sumOfMagnitudes(int n, const At& at) {
     std::int64_t total = 0;
     for (int from = 0; from < n;) {
         const int to = n - from > wordBlock ? from + wordBlock : n;
@@ -91,13 +100,13 @@ template <class At> VSQ_INLINE std::int64_t sumOfMagnitudes(int n, const At& at)
 }
 
 std::int64_t sumWords(const short* a, const short* b, int n) {
-    if (b == nullptr)
-        return sumOfMagnitudes(n, [a](int i) VSQ_LAMBDA { return magnitudeAt(a, nullptr, i); });
+    if (b == nullptr) return sumOfMagnitudes(n, [a](int i) VSQ_LAMBDA { return magnitudeAt(a, nullptr, i); });
     return sumOfMagnitudes(n, [a, b](int i) VSQ_LAMBDA { return magnitudeAt(a, b, i); });
 }
 
 // The square of a difference fills 32 unsigned bits.
-template <class At> VSQ_INLINE std::int64_t sumOfSquares(int n, const At& at) {
+template <class At>
+VSQ_INLINE std::int64_t sumOfSquares(int n, const At& at) {
     std::uint64_t total = 0;
     for (int i = 0; i < n; ++i) {
         const auto value = std::uint32_t(at(i));
@@ -107,8 +116,7 @@ template <class At> VSQ_INLINE std::int64_t sumOfSquares(int n, const At& at) {
 }
 
 std::int64_t squaresWords(const short* a, const short* b, int n) {
-    if (b == nullptr)
-        return sumOfSquares(n, [a](int i) VSQ_LAMBDA { return magnitudeAt(a, nullptr, i); });
+    if (b == nullptr) return sumOfSquares(n, [a](int i) VSQ_LAMBDA { return magnitudeAt(a, nullptr, i); });
     return sumOfSquares(n, [a, b](int i) VSQ_LAMBDA { return magnitudeAt(a, b, i); });
 }
 

@@ -20,31 +20,25 @@ bool isRefused(const void* src, const void* dst, int n, const char* funcName = _
 } // namespace
 
 void vsqsbZero(float* dst, int n) {
-    if (!isRefused(dst, n))
-        std::memset(dst, 0, std::size_t(n) * sizeof *dst);
+    if (!isRefused(dst, n)) std::memset(dst, 0, std::size_t(n) * sizeof *dst);
 }
 
 void vsqwbZero(short* dst, int n) {
-    if (!isRefused(dst, n))
-        std::memset(dst, 0, std::size_t(n) * sizeof *dst);
+    if (!isRefused(dst, n)) std::memset(dst, 0, std::size_t(n) * sizeof *dst);
 }
 
 void vsqsbSet(float val, float* dst, int n) {
-    if (!isRefused(dst, n))
-        vsq::kernels().arith->set(val, dst, n);
+    if (!isRefused(dst, n)) vsq::kernels().arith->set(val, dst, n);
 }
 
 void vsqwbSet(short val, short* dst, int n) {
-    if (!isRefused(dst, n))
-        vsq::kernels().arith->setWords(val, dst, n);
+    if (!isRefused(dst, n)) vsq::kernels().arith->setWords(val, dst, n);
 }
 
 void vsqsbCopy(const float* src, float* dst, int n) {
-    if (!isRefused(src, dst, n))
-        std::memmove(dst, src, std::size_t(n) * sizeof *dst);
+    if (!isRefused(src, dst, n)) std::memmove(dst, src, std::size_t(n) * sizeof *dst);
 }
 
 void vsqwbCopy(const short* src, short* dst, int n) {
-    if (!isRefused(src, dst, n))
-        std::memmove(dst, src, std::size_t(n) * sizeof *dst);
+    if (!isRefused(src, dst, n)) std::memmove(dst, src, std::size_t(n) * sizeof *dst);
 }

@@ -3,6 +3,8 @@
 
 #include "vsqcontext.h"
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
@@ -55,5 +57,23 @@ private:
     vsqErrorHandler previousHandler;
     int previousStatus;
 };
+
+// Expects that `call` is refused with this one report, status -5, and that under the layer's own handler it
+// ends the process with exit code 1 and no text.
+template <class Call>
+void expectRefused(Call call, const std::string& message, const std::string& function,
+                   const std::string& source) {
+    {
+        KernelReports reports;
+        call();
+        ASSERT_EQ(reports.all().size(), 1u) << message;
+        EXPECT_EQ(reports.all()[0].status, -5);
+        EXPECT_EQ(reports.all()[0].message, message);
+        EXPECT_EQ(reports.all()[0].function, function);
+        EXPECT_EQ(reports.all()[0].source, source);
+        EXPECT_EQ(vsqGetStatus(), -5);
+    }
+    EXPECT_EXIT(call(), testing::ExitedWithCode(1), "^$") << message;
+}
 
 } // namespace support
