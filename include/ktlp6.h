@@ -361,11 +361,112 @@ KTL_API void KTFreeCepsTbls(void);
 
 /* ==== distances ================================================================================================ */
 
+/* Mahalanobis distances (P. C. Mahalanobis, On the Generalised Distance in Statistics, 1936): the difference of two
+ * vectors weighted by an inverse covariance. Nothing is checked, reported or allocated.
+ *   pVec1, pVec2  nDim elements each; fixed-point vectors have the same scale
+ *   ppInvCov      inverse covariance: nDim rows, of which row i needs to hold only elements 0 to i (the lower triangle of
+ *                 a symmetric matrix; the rest is never read)
+ *   pInvCovD      inverse variances of a diagonal covariance: nDim elements
+ *   nDim          1 or more (below, the distance is 0)
+ *   bRoot         non-zero: the root of the quadratic form; 0: the form itself
+ * Differences, products and sums are double precision. Equal vectors give exactly 0. A matrix that is not positive can
+ * give a negative form, and its root is not a number. */
+KTL_API double KTsMahalanobis(const float* pVec1, const float* pVec2, const float* const* ppInvCov, int nDim, int bRoot);
+KTL_API double KTsMahalanobisD(const float* pVec1, const float* pVec2, const float* pInvCovD, int nDim, int bRoot);
+
+/* Fixed point: the distance of the stored integers, taken in double precision (exact below 2^53: nothing wraps) and
+ * converted at the end, after the root, as KTdiConvertDown(distance, scaleMode, pScale) does it; only there can it
+ * saturate. pScale may be null. */
+KTL_API int KTwMahalanobis(const short* pVec1, const short* pVec2, const short* const* ppInvCov, int nDim, int bRoot,
+                           int scaleMode, int* pScale);
+KTL_API int KTwMahalanobisD(const short* pVec1, const short* pVec2, const short* pInvCovD, int nDim, int bRoot,
+                            int scaleMode, int* pScale);
+
 /* ==== dynamic time warping: pattern store ====================================================================== */
+
+/* Patterns are reference utterances that the library keeps. Each thread has two stores, for float and for fixed point,
+ * that know nothing of each other; a handle is a positive integer, valid in its store on its thread. What is not freed
+ * when a thread ends stays allocated. */
+
+/* Stores a copy of a pattern.
+ *   ppVectors  nVectors rows of nDim elements
+ *   nVectors   frames; a pattern of 0 frames may be stored, and never matches
+ *   nDim       elements per frame, 1 or more
+ *   scale      of fixed-point rows: a real value is stored * 2^scale
+ * Returns the handle, the smallest positive number that is free in the store, or -1 after a report: KT_StsNoMem when
+ * memory ran out, KT_StsBadArg for a negative nVectors or an nDim below 1. The store is then unchanged. */
+KTL_API int KTsPatternIni(float** ppVectors, int nVectors, int nDim);
+KTL_API int KTwPatternIni(short** ppVectors, int nVectors, int nDim, int scale);
+
+/* The stored rows, in the store's own table, which stays valid until the pattern is freed and is not the caller's to free
+ * or to change. Each output may be null. Returns the handle, or 0 where there is no such pattern; the outputs are then
+ * untouched, and an empty store is reported (KT_StsUnknownErr). */
+KTL_API int KTsPatternGet(int handle, float*** pppVectors, int* pnVectors, int* pnDim);
+KTL_API int KTwPatternGet(int handle, short*** pppVectors, int* pnVectors, int* pnDim, int* pScale);
+
+/* Frees one pattern: 0, or -1 after a report (KT_StsUnknownErr) for an unknown handle. */
+KTL_API int KTsPatternFree(int handle);
+KTL_API int KTwPatternFree(int handle);
+
+/* Frees all patterns of this thread: 0, also for an empty store, or -1 after reports if some could not be freed. */
+KTL_API int KTsPatternFreeAll(void);
+KTL_API int KTwPatternFreeAll(void);
+
+/* The number of patterns stored by this thread. */
+KTL_API int KTsPatternsNumber(void);
+KTL_API int KTwPatternsNumber(void);
 
 /* ==== dynamic time warping: evaluation ========================================================================= */
 
+#define KT_DTW_FIXED_ENDS 0x01    /* delta counts as 0: paths join the first frames and the last frames */
+#define KT_DTW_USE_THRESHOLD 0x40 /* threshold is used */
+#define KT_DTW_NORM_L1 0x80       /* local distance: sum of magnitudes; otherwise the root of the sum of squares */
+
+/* Compares a test utterance with stored patterns by dynamic time warping (F. Itakura, Minimum Prediction Residual
+ * Principle Applied to Speech Recognition, 1975). Each test frame takes one step, which stays on a pattern frame (never
+ * twice in a row), goes to the next one or skips one; equal costs go to the next one. The cost is the sum of the local
+ * distances, in float, divided by nothing. A test of one frame counts its distance twice.
+ *   pHandles   nPatterns handles of the flavour's store; an unknown one counts as a pattern that is not admitted
+ *   nPatterns  0 or less: 0 is returned and nothing written
+ *   ppTest     nTest rows of nDim elements
+ *   flags      KT_DTW_..., combined with |
+ *   threshold  with KT_DTW_USE_THRESHOLD: a cell whose best predecessor has reached it is dropped, and a pattern without
+ *              a path below it gets the threshold as its result; otherwise the limit is 3.4e+38
+ *   delta      pattern frames by which a path may begin late and end early; its sign is ignored
+ *   pResults   nPatterns results: the cost of the best path; 3.4e+38 for a pattern that is not admitted, because its nDim
+ *              differs or its number of frames lies outside (nTest - 1) / 2 + 1 to 2 * nTest - 1 + margin, where the
+ *              margin is 0 or |delta|
+ * Returns the index into pHandles of the smallest result, the lowest one of equals, and 0 where no result is below
+ * 3.4e+38; or -1 after a report (KT_StsNoMem), with pResults untouched, when memory ran out. Handles looked up in an
+ * empty store are reported (KT_StsUnknownErr). */
+KTL_API int KTsEvalDTW(const int* pHandles, int nPatterns, float** ppTest, int nTest, int nDim, int flags,
+                       double threshold, int delta, double* pResults);
+
+/* Fixed point: the same computation on real values, which for the test are stored * 2^testScale and for the threshold
+ * threshold * 2^thresholdScale; nothing wraps. The results are converted together, as
+ * KTdibConvertDown(results, pResults, nPatterns, scaleMode, pScale) does it; the index was settled before. pScale may be
+ * null. */
+KTL_API int KTwEvalDTW(const int* pHandles, int nPatterns, short** ppTest, int nTest, int nDim, int testScale, int flags,
+                       int threshold, int thresholdScale, int delta, int* pResults, int scaleMode, int* pScale);
+
 /* ==== dynamic time warping: pattern files ====================================================================== */
+
+/* One pattern to or from a stream (KTOpenFile, binary), any number of them one after another. A record: the tag "DTW ";
+ * handle, a flag, nDim, nVectors, and in fixed point the scale, as 32-bit little-endian words; the vectors row after row
+ * as 32-bit floats; in fixed point once more as 16-bit integers. The flavour is not recorded: what one flavour wrote,
+ * the other misreads. */
+
+/* Writes the pattern; a short write leaves a truncated record, in silence. Nothing is written for an unknown handle; an
+ * empty store is reported (KT_StsUnknownErr). */
+KTL_API void KTsWriteDTWPattern(FILE* pFile, int handle);
+KTL_API void KTwWriteDTWPattern(FILE* pFile, int handle);
+
+/* Reads a pattern into the store, under the handle that it had when it was written: restore into an empty store, since
+ * of two equal handles the older one is found. Returns the handle, or -1 with the store unchanged: in silence for a
+ * stream that ends early or holds anything else and when memory ran out, after a report (KT_StsNoMem) where that met the
+ * table of 16-bit rows. */
+KTL_API int KTsReadDTWPattern(FILE* pFile);
+KTL_API int KTwReadDTWPattern(FILE* pFile);
 
 /* ==== tree codebooks =========================================================================================== */
 

@@ -20,6 +20,8 @@ namespace {
         .dotp = &level::dotProductKernels,                                                                   \
         .dotpw = &level::wordDotProductKernels,                                                              \
         .corr = &level::corrKernels,                                                                         \
+        .mahal = &level::mahalKernels,                                                                       \
+        .dtw = &level::dtwKernels,                                                                           \
     }
 // clang-format on
 

@@ -25,7 +25,9 @@
 #include "vsqcvrts_level.h"
 #include "vsqdotp_level.h"
 #include "vsqdotpw_level.h"
+#include "vsqdtw_level.h"
 #include "vsqlnexp_level.h"
+#include "vsqmahal_level.h"
 #include "vsqmel_level.h"
 #include "vsqmisc_level.h"
 #include "vsqnorm_level.h"
@@ -46,6 +48,8 @@ struct LevelTable {
     const DotProductKernels* dotp;
     const WordDotProductKernels* dotpw;
     const CorrKernels* corr;
+    const MahalKernels* mahal;
+    const DtwKernels* dtw;
 };
 
 extern const LevelTable* activeTable;

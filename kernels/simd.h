@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 #if defined(__SSE2__)
 #include <immintrin.h>
@@ -87,14 +88,52 @@ template <class T, int N> VSQ_INLINE Pack<T, N> splat(T value) {
     return v;
 }
 
+// One register of loadPart. Elements from `count` on are not touched, with or without instructions that mask loads.
+template <class V, class T> VSQ_INLINE V loadPartOf(const T* p, int count, T fill) {
+    constexpr int lanes = int(sizeof(V) / sizeof(T));
+    const V others = fill - V{};
+#if defined(__AVX512VL__) && defined(__AVX512BW__)
+    const auto mask = count >= lanes ? ~0ull : (1ull << count) - 1;
+    if constexpr (sizeof(V) == 64 && sizeof(T) == 8)
+        return (V)_mm512_mask_loadu_epi64((__m512i)others, __mmask8(mask), p);
+    else if constexpr (sizeof(V) == 64 && sizeof(T) == 4)
+        return (V)_mm512_mask_loadu_epi32((__m512i)others, __mmask16(mask), p);
+    else if constexpr (sizeof(V) == 64 && sizeof(T) == 2)
+        return (V)_mm512_mask_loadu_epi16((__m512i)others, __mmask32(mask), p);
+    else if constexpr (sizeof(V) == 32 && sizeof(T) == 8)
+        return (V)_mm256_mask_loadu_epi64((__m256i)others, __mmask8(mask), p);
+    else if constexpr (sizeof(V) == 32 && sizeof(T) == 4)
+        return (V)_mm256_mask_loadu_epi32((__m256i)others, __mmask8(mask), p);
+    else if constexpr (sizeof(V) == 32 && sizeof(T) == 2)
+        return (V)_mm256_mask_loadu_epi16((__m256i)others, __mmask16(mask), p);
+    else
+#elif defined(__AVX2__)
+    if constexpr (sizeof(V) == 32 && sizeof(T) == 4) {
+        const __m256i mask =
+            _mm256_cmpgt_epi32(_mm256_set1_epi32(count), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+        const __m256i found = _mm256_maskload_epi32((const int*)p, mask);
+        return (V)_mm256_blendv_epi8((__m256i)others, found, mask);
+    } else
+#endif
+    {
+        T copy[lanes];
+        std::memcpy(copy, &others, sizeof copy);
+        for (int i = 0; i < lanes; ++i)
+            if (i < count) copy[i] = p[i];
+        V result;
+        std::memcpy(&result, copy, sizeof result);
+        return result;
+    }
+}
+
 // The first `count` (0 to N) elements; the other lanes are `fill`.
 template <class T, int N> VSQ_INLINE Pack<T, N> loadPart(const T* p, int count, T fill = T(0)) {
-    T lanes[N];
-    for (int i = 0; i < N; ++i)
-        lanes[i] = fill;
-    for (int i = 0; i < count; ++i)
-        lanes[i] = p[i];
-    return load<T, N>(lanes);
+    if constexpr (isRegister<T, N>)
+        return {loadPartOf<typename Pack<T, N>::Register>(p, count, fill)};
+    else if (count <= N / 2)
+        return {loadPart<T, N / 2>(p, count, fill), splat<T, N / 2>(fill)};
+    else
+        return {load<T, N / 2>(p), loadPart<T, N / 2>(p + N / 2, count - N / 2, fill)};
 }
 
 template <class T, int N> VSQ_INLINE void storePart(T* p, const Pack<T, N>& v, int count) {
@@ -386,6 +425,13 @@ VSQ_INLINE Pack<std::int16_t, N> narrowed(const Pack<std::int32_t, N>& a) {
         return {narrowed(a.lo), narrowed(a.hi)};
 }
 
+// The distance from zero: the sign bit is cleared.
+template <class T, int N> VSQ_INLINE Pack<T, N> magnitude(const Pack<T, N>& a) {
+    using I = MaskOf<T>;
+    constexpr I allButSign = I((~typename std::make_unsigned<I>::type(0)) >> 1);
+    return bits<T>(bits<I>(a) & splat<I, N>(allButSign));
+}
+
 // --- sums of two 16-bit products ---
 
 // Narrowed(middle(a * p + b * q)), lane by lane: the sums stand in 32 bits, `middle` maps a register of them, and what
@@ -454,6 +500,38 @@ template <class T, int N> VSQ_INLINE T largestLane(const Pack<T, N>& v) {
         return v.r[0];
     else
         return largestLane(larger(low(v), high(v)));
+}
+
+// Whether any lane of a mask is set.
+template <class V> VSQ_INLINE bool anySet(V mask) {
+#if defined(__AVX512F__)
+    if constexpr (sizeof(V) == 64)
+        return _mm512_test_epi64_mask((__m512i)mask, (__m512i)mask) != 0;
+    else
+#endif
+#if defined(__AVX__)
+    if constexpr (sizeof(V) == 32)
+        return _mm256_testz_si256((__m256i)mask, (__m256i)mask) == 0;
+    else
+#endif
+#if defined(__SSE2__)
+    if constexpr (sizeof(V) == 16)
+        return _mm_movemask_epi8((__m128i)mask) != 0;
+    else
+#endif
+    {
+        bool any = false;
+        for (unsigned i = 0; i < sizeof(V) / sizeof(mask[0]); ++i)
+            any = any || mask[i] != 0;
+        return any;
+    }
+}
+
+template <class T, int N> VSQ_INLINE bool anyLane(const Pack<T, N>& mask) {
+    if constexpr (isRegister<T, N>)
+        return anySet(mask.r);
+    else
+        return anyLane(mask.lo | mask.hi);
 }
 
 } // namespace

@@ -1,0 +1,315 @@
+// The pattern stores: creation, lookup, release. One text for both flavours over a description of each.
+#include "KT_DTW.h"
+
+#include "KT_ALLOC.h"
+#include "KT_SCRATCH.h"
+
+#include "levels.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace ktl::dtw {
+namespace {
+
+// What tells the flavours apart: where the context keeps the store, and what its reports say.
+template <class Pattern>
+struct Store;
+
+template <>
+struct Store<sPattern> {
+    static sPattern*& head(KTContext* context) { return context->sPatternList; }
+    static int& count(KTContext* context) { return context->nFloatPatterns; }
+    static constexpr const char* empty = "sPatterns have not been initialized.";
+    static constexpr const char* noMemory = "sPattern can not be allocated";
+    static constexpr const char* badSize = "nVectors<0 or nDim<=0";
+    static constexpr const char* unknown =
+        "sPattern NULL ptr is met in internal structure. The sPattern can not be free.";
+    static constexpr const char* damaged = "Error in internal structure. sPatterns have not be allocated.";
+    static constexpr const char* notFreed = "Error in internal structure. sPattern can not be free";
+    static constexpr const char* iniName = "KTsPatternIni";
+    static constexpr const char* ptrGetName = "KTsPatternPtrGet";
+    static constexpr const char* ptrFreeName = "KTsPatternPtrFree";
+    static constexpr const char* freeName = "KTsPatternFree";
+    static constexpr const char* freeAllName = "KTsPatternFreeAll";
+};
+
+template <>
+struct Store<wPattern> {
+    static wPattern*& head(KTContext* context) { return context->wPatternList; }
+    static int& count(KTContext* context) { return context->nFixedPatterns; }
+    static constexpr const char* empty = "wPatterns have not been initialized.";
+    static constexpr const char* noMemory = "wPattern can not be allocated";
+    static constexpr const char* badSize = "nVectors<0 or nDim<=0";
+    static constexpr const char* unknown =
+        "wPattern NULL ptr is met in internal structure. The wPattern can not be free.";
+    static constexpr const char* damaged = "Error in internal structure. wPatterns have not be allocated.";
+    static constexpr const char* notFreed = "Error in internal structure. wPattern can not be free";
+    static constexpr const char* iniName = "KTwPatternIni";
+    static constexpr const char* ptrGetName = "KTwPatternPtrGet";
+    static constexpr const char* ptrFreeName = "KTwPatternPtrFree";
+    static constexpr const char* freeName = "KTwPatternFree";
+    static constexpr const char* freeAllName = "KTwPatternFreeAll";
+};
+
+// The smallest positive handle that no record holds. It is at most one above the number of records, so
+// candidates are marked in a window of bits, in one pass over the list per window; the first window does for
+// thousands of patterns.
+template <class Pattern>
+int freeHandle(const Pattern* head) {
+    constexpr int window = 8192, wordBits = 32;
+    for (int first = 1;; first += window) {
+        unsigned taken[window / wordBits] = {};
+        for (const Pattern* p = head; p != nullptr; p = p->next)
+            if (p->handle >= first && p->handle - first < window)
+                taken[(p->handle - first) / wordBits] |= 1u << (p->handle - first) % wordBits;
+        for (int word = 0; word < window / wordBits; ++word)
+            if (~taken[word] != 0) return first + word * wordBits + __builtin_ctz(~taken[word]);
+    }
+}
+
+template <class Pattern>
+void appendTo(Pattern* record) {
+    using S = Store<Pattern>;
+    KTContext* context = KTGetContext();
+    Pattern*& head = S::head(context);
+    ++S::count(context);
+    record->next = nullptr;
+    record->prev = nullptr;
+    record->isFirst = head == nullptr;
+    if (head == nullptr) {
+        head = record;
+        return;
+    }
+    Pattern* tail = head;
+    while (tail->next != nullptr)
+        tail = tail->next;
+    tail->next = record;
+    record->prev = tail;
+}
+
+template <class Pattern>
+bool arrange(Pattern& pattern) {
+    pattern.pColumns = allocPlain<double>(vsq::dtwPatternSize(pattern.nVectors, pattern.nDim));
+    if (pattern.pColumns == nullptr) return false;
+    vsq::kernels().dtw->arrange(realRows(pattern), pattern.nVectors, pattern.nDim, pattern.pColumns);
+    return true;
+}
+
+template <class Pattern>
+Pattern* find(int handle) {
+    using S = Store<Pattern>;
+    KTContext* context = KTGetContext();
+    Pattern* p = S::head(context);
+    if (S::count(context) == 0 || p == nullptr) {
+        module.report(KT_StsUnknownErr, S::empty, S::ptrGetName);
+        return nullptr;
+    }
+    while (p != nullptr && p->handle != handle)
+        p = p->next;
+    return p;
+}
+
+template <class Pattern>
+void unlink(Pattern*& head, Pattern* record) {
+    if (record->next != nullptr) record->next->prev = record->prev;
+    if (record->isFirst == 0) {
+        record->prev->next = record->next;
+    } else {
+        head = record->next;
+        if (head != nullptr) head->isFirst = 1;
+    }
+}
+
+template <class Pattern>
+int freeOne(Pattern* record) {
+    using S = Store<Pattern>;
+    if (record == nullptr) return -1;
+    KTContext* context = KTGetContext();
+    if (S::count(context) == 0 || S::head(context) == nullptr) {
+        module.report(KT_StsUnknownErr, S::damaged, S::ptrFreeName);
+        return -1;
+    }
+    unlink(S::head(context), record);
+    --S::count(context);
+    freeRecord(record);
+    return 0;
+}
+
+template <class Pattern>
+int freeByHandle(int handle) {
+    Pattern* record = find<Pattern>(handle);
+    if (record != nullptr) return freeOne(record);
+    module.report(KT_StsUnknownErr, Store<Pattern>::unknown, Store<Pattern>::freeName);
+    return -1;
+}
+
+template <class Pattern>
+int freeAll() {
+    int result = 0;
+    for (Pattern *p = Store<Pattern>::head(KTGetContext()), *next; p != nullptr; p = next) {
+        next = p->next;
+        if (freeOne(p) == 0) continue;
+        module.report(KT_StsUnknownErr, Store<Pattern>::notFreed, Store<Pattern>::freeAllName);
+        result = -1;
+    }
+    return result;
+}
+
+// Vectors of no elements are refused, like negative counts; a pattern of no vectors may be stored, and never
+// matches.
+template <class Pattern>
+bool sizesAccepted(int nVectors, int nDim) {
+    if (nVectors == 0 || (nVectors > 0 && nDim > 0)) return true;
+    module.report(KT_StsBadArg, Store<Pattern>::badSize, Store<Pattern>::iniName);
+    return false;
+}
+
+bool fill(sPattern& pattern, float** ppVectors) {
+    pattern.pData = KTsAlloc2(pattern.nVectors, pattern.nDim);
+    if (pattern.pData == nullptr) return false;
+    for (int i = 0; i < pattern.nVectors; ++i)
+        std::memcpy(pattern.pData[i], ppVectors[i], sizeof(float) * static_cast<std::size_t>(pattern.nDim));
+    return true;
+}
+
+// Real values are exact multiples of 2^scale, short of the ends of a float's range.
+bool fill(wPattern& pattern, short** ppVectors) {
+    pattern.pData = KTwAlloc2(pattern.nVectors, pattern.nDim);
+    if (pattern.pData == nullptr) return false;
+    pattern.pFloatData = KTsAlloc2(pattern.nVectors, pattern.nDim);
+    if (pattern.pFloatData == nullptr) return false;
+    for (int i = 0; i < pattern.nVectors; ++i) {
+        KTwsbConvertUp(ppVectors[i], pattern.pFloatData[i], pattern.nDim, negated(pattern.scale));
+        std::memcpy(pattern.pData[i], ppVectors[i], sizeof(short) * static_cast<std::size_t>(pattern.nDim));
+    }
+    return true;
+}
+
+template <class Pattern, class Sample>
+int create(NewRecord<Pattern>& record, Sample** ppVectors, int nVectors, int nDim) {
+    if (record) {
+        record->nVectors = nVectors;
+        record->nDim = nDim;
+        if (fill(*record, ppVectors) && arrangeColumns(*record)) {
+            record->handle = freeHandle(Store<Pattern>::head(KTGetContext()));
+            return record.join();
+        }
+    }
+    module.report(KT_StsNoMem, Store<Pattern>::noMemory, Store<Pattern>::iniName);
+    return -1;
+}
+
+// Output pointers may be null where the caller has no use for a value.
+template <class T>
+void give(T* pOut, T value) {
+    if (pOut != nullptr) *pOut = value;
+}
+
+} // namespace
+
+template <class Pattern>
+NewRecord<Pattern>::NewRecord() : record(static_cast<Pattern*>(std::calloc(1, sizeof(Pattern)))) {
+}
+template class NewRecord<sPattern>;
+template class NewRecord<wPattern>;
+
+void freeRecord(sPattern* pPattern) {
+    if (pPattern == nullptr) return;
+    std::free(pPattern->pColumns);
+    KTFree2(pPattern->pData);
+    std::free(pPattern);
+}
+
+void freeRecord(wPattern* pPattern) {
+    if (pPattern == nullptr) return;
+    std::free(pPattern->pColumns);
+    KTFree2(pPattern->pFloatData);
+    KTFree2(pPattern->pData);
+    std::free(pPattern);
+}
+
+bool arrangeColumns(sPattern& pattern) {
+    return arrange(pattern);
+}
+bool arrangeColumns(wPattern& pattern) {
+    return arrange(pattern);
+}
+
+void append(sPattern* pPattern) {
+    appendTo(pPattern);
+}
+void append(wPattern* pPattern) {
+    appendTo(pPattern);
+}
+
+} // namespace ktl::dtw
+
+using namespace ktl::dtw;
+
+sPattern* KTsPatternPtrGet(int handle) {
+    return find<sPattern>(handle);
+}
+wPattern* KTwPatternPtrGet(int handle) {
+    return find<wPattern>(handle);
+}
+
+int KTsPatternPtrFree(sPattern* pPattern) {
+    return freeOne(pPattern);
+}
+int KTwPatternPtrFree(wPattern* pPattern) {
+    return freeOne(pPattern);
+}
+
+int KTsPatternIni(float** ppVectors, int nVectors, int nDim) {
+    if (!sizesAccepted<sPattern>(nVectors, nDim)) return -1;
+    NewRecord<sPattern> record;
+    return create(record, ppVectors, nVectors, nDim);
+}
+
+int KTwPatternIni(short** ppVectors, int nVectors, int nDim, int scale) {
+    if (!sizesAccepted<wPattern>(nVectors, nDim)) return -1;
+    NewRecord<wPattern> record;
+    if (record) record->scale = scale;
+    return create(record, ppVectors, nVectors, nDim);
+}
+
+int KTsPatternGet(int handle, float*** pppVectors, int* pnVectors, int* pnDim) {
+    const sPattern* p = KTsPatternPtrGet(handle);
+    if (p == nullptr) return 0;
+    give(pppVectors, p->pData);
+    give(pnVectors, p->nVectors);
+    give(pnDim, p->nDim);
+    return handle;
+}
+
+int KTwPatternGet(int handle, short*** pppVectors, int* pnVectors, int* pnDim, int* pScale) {
+    const wPattern* p = KTwPatternPtrGet(handle);
+    if (p == nullptr) return 0;
+    give(pppVectors, p->pData);
+    give(pnVectors, p->nVectors);
+    give(pnDim, p->nDim);
+    give(pScale, p->scale);
+    return handle;
+}
+
+int KTsPatternFree(int handle) {
+    return freeByHandle<sPattern>(handle);
+}
+int KTwPatternFree(int handle) {
+    return freeByHandle<wPattern>(handle);
+}
+
+int KTsPatternFreeAll(void) {
+    return freeAll<sPattern>();
+}
+int KTwPatternFreeAll(void) {
+    return freeAll<wPattern>();
+}
+
+int KTsPatternsNumber(void) {
+    return KTGetContext()->nFloatPatterns;
+}
+int KTwPatternsNumber(void) {
+    return KTGetContext()->nFixedPatterns;
+}
