@@ -470,95 +470,135 @@ KTL_API int KTwReadDTWPattern(FILE* pFile);
 
 /* ==== tree codebooks =========================================================================================== */
 
-/* A binary tree of clusters, grown by splitting one leaf after the other along its two farthest members; a vector is
- * quantised by going down the tree, at each node to the nearer of the two children, so the cell found is not always the
- * nearest of all. (Binary-split vector quantisation: A. Buzo, A. H. Gray, R. M. Gray, J. D. Markel, Speech Coding Based
- * Upon Vector Quantization, 1980.) Cells count from 1, from left to right; 0 stands for a vector that was not quantised.
- *
- * A codebook is opaque, belongs to the caller until KT_FreeCodebook, and may be used by several threads at once.
- */
-typedef struct KTCodebook KTCodebook;
-
-#define KT_CB_EUCLID 0x004        /* Euclidean distance; the only one, and required */
-#define KT_CB_SPLIT_LARGEST 0x100 /* split the leaf with most members next; it wins over the other flag */
-#define KT_CB_SPLIT_WIDEST 0x200  /* split the leaf whose two farthest members are farthest apart next */
-
-/* Trains a codebook of nSize cells on nVectors rows of nDim elements.
- *
- * pLabels: nVectors words, each vector's cell; may be null. nSize below 2 gives one cell.
- * flags: KT_CB_EUCLID and one of the KT_CB_SPLIT flags; without one a codebook of at most two cells can be made.
- *
- * Each split divides the members between the two farthest of them (the first such pair of the list), then once more
- * between the means of the two halves; of equal distances the right side wins. The means of the first division stay as
- * the children's centroids. KT_CB_SPLIT_LARGEST goes on when the vectors of a leaf are all equal and makes empty cells;
- * an empty cell's centroid is a not-a-number in the float and 0 in the fixed flavour.
- *
- * Fixed flavour: distances are truncated to integers (sums of 64 bits), so that close vectors tie; a mean is truncated
- * toward zero. Nothing wraps or saturates.
- *
- * Returns the codebook, or null after a report: KT_StsBadArg without KT_CB_EUCLID, when nDim is below 1, or when there
- * is no leaf left to split (with KT_CB_SPLIT_WIDEST when there are fewer distinct vectors than cells); KT_StsNoMem.
- */
-KTL_API KTCodebook* KTsMakeCodebook(float** ppVectors, int* pLabels, int nVectors, int nDim, int nSize, int flags);
-KTL_API KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVectors, int nDim, int nSize, int flags);
-
-/* Quantises nVectors rows of nDim elements with a codebook of the same flavour.
- *
- * pIndex: nVectors words, each vector's cell; may be null. *pDistortion: the mean distance of the vectors from their
- * cells' centroids; 0 without vectors. nDim is the codebook's; of shorter vectors the elements that exist are compared,
- * of longer ones as many as the codebook has.
- *
- * Reports KT_StsBadArg, once for the call, when vectors reached no cell: their index is 0 and they add nothing to the
- * distortion. That is so for all of them when the codebook is null or of the other flavour, or nDim is below 1. Both
- * functions report under the name "KTsVQCodebook".
- */
-KTL_API void KTsVQCodebook(KTCodebook* pCodebook, float** ppVectors, int* pIndex, int nVectors, int nDim,
-                           double* pDistortion);
-
-/* The fixed flavour takes scaleMode and pScale (null stands for a word that holds 0) twice: as the kernels' scale mode of
- * each distance (VSQ_FIXED_SCALE 2 shifts it right by *pScale, VSQ_AUTO_SCALE 4 stores a shift there; see vsqwNormExt,
- * which ends the process when both bits are set), and as the scale mode in which KTdiConvertDown makes *pDistortion of
- * the mean. Distances are truncated to integers, with saturation at 0x7FFFFFFF; they are summed in double.
- */
-KTL_API void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex, int nVectors, int nDim,
-                           int* pDistortion, int scaleMode, int* pScale);
-
-/* Frees a codebook of either flavour; null is allowed. */
-KTL_API void KT_FreeCodebook(KTCodebook* pCodebook);
-
 /* ==== semicontinuous codebooks ================================================================================= */
 
 /* ==== Kohonen quantiser ======================================================================================== */
 
-/* The search step of a self-organising map (T. Kohonen, Self-Organized Formation of Topologically Correct Feature Maps,
- * 1982): the distances of one vector from all codes, and the nearest ones. Nothing is allocated, checked or reported.
- *
- * pVector: nDim elements; ppCodes: nCodes rows of nDim elements. pDistances: nCodes words, the distances in the order of
- * the codes: squared ones, or Euclidean ones if bRoot is not 0. With nCodes below 1 nothing is written.
- *
- * pIndices by nBest:
- *   0 or less  not touched, may be null;
- *   1          pIndices[0] is the nearest code, the first one of equals, and then pIndices[that code] is set to 0, so the
- *              array must reach that far: give it nCodes words;
- *   above 1    nCodes words: the nBest nearest in order of distance (at most nCodes - 1), then the other codes. At each
- *              place the first of the smallest that are left is exchanged with the code that stands there.
- * Distances are compared as 32-bit signed integers in both flavours.
- *
- * Float: each squared distance is the sum of two sums in float, over the even and over the odd elements.
- */
-KTL_API void KTsVQKohonen(const float* pVector, float** ppCodes, float* pDistances, int nDim, int nCodes,
-                          int* pIndices, int nBest, int bRoot);
-
-/* Fixed: with scaleMode KT_AutoScale or KT_Saturate the exact squared distances, or their roots, are rounded to float and
- * converted by KTsibConvertDown with scaleMode and pScale. With any other mode they are 32-bit sums, which wrap silently;
- * roots are the truncated ones of the sums read as unsigned. With KT_FixedScale they are shifted: right by *pScale from 1
- * up (31 and above leave the sign), left by the low five bits of *pScale below 1, so -1 shifts left by 31. pScale may be
- * null, for a scale of 0.
- */
-KTL_API void KTwVQKohonen(const short* pVector, short** ppCodes, int* pDistances, int nDim, int nCodes, int* pIndices,
-                          int nBest, int bRoot, int scaleMode, int* pScale);
-
 /* ==== Gaussian mixtures ======================================================================================== */
+
+/* A mixture of nMix Gaussians in nDim dimensions: weights, means, and inverse covariances, full or diagonal;
+ * 32-bit float or 16-bit fixed point. One block of memory, opaque to callers; KTsFreeGaussMixServer frees it,
+ * in both flavours. A server serves one thread at a time, since every evaluation writes into it; different
+ * servers may be used on different threads.
+ *
+ * The values are relative likelihoods: weight * exp(-q / 2), q being the quadratic form of vector and mean.
+ * The power of 2 pi is left out everywhere, and the determinant enters with KT_GAUSS_NORMALIZE only. */
+typedef struct GaussMixServer GaussMixServer;
+
+/* Flags of a server. Callers pass KT_GAUSS_NORMALIZE and KT_GAUSS_FULL; the others are the library's. */
+#define GAUSS_SERVER_FVR_W 0x10 /* fixed flavour */
+#define GAUSS_SERVER_FVR_S 0x20 /* float flavour */
+#define KT_GAUSS_NORMALIZE                                                                                   \
+    0x80                    /* weights are multiplied by the root of the inverse covariance's determinant */
+#define KT_GAUSS_FULL 0x100 /* full inverse covariance */
+#define KT_GAUSS_DIAGONAL 0x200   /* diagonal inverse covariance */
+#define KT_GAUSS_RAW 0x1000       /* the matrices are covariances, not yet inverted */
+#define KT_GAUSS_BLOCK 0x40000000 /* left on a float server by the file reader */
+
+/* Makes a server from arrays, which are copied and stay the caller's.
+ *   pWeights       nMix weights; a weight of 0 keeps its mixture in the server, and evaluation skips it
+ *   ppMeans        nMix rows of nDim elements
+ *   pppInverseCov  nMix tables of nDim rows of nDim elements, symmetric, both triangles; null for a diagonal
+ * server ppInverseCovD  nMix rows of nDim elements, the diagonals; null for a full server nDim, nMix     1 or
+ * more flags          KT_GAUSS_NORMALIZE or 0, other bits are ignored. Float: each weight that evaluation
+ * uses is multiplied by the root of the magnitude of its inverse covariance's determinant, 0 for a singular
+ * full matrix (a pivot below 1e-20). Fixed: only remembered scale          fixed flavour: a real quadratic
+ * form is the integer one * 2^scale. With means stored at meanScale and inverse covariances at invCovScale
+ * that is 2 * meanScale + invCovScale Returns the server, which the caller frees, or null. Reports -5 "One of
+ * InverseCov or InverseCovD must be NULL and the other non NULL"; -4 "insufficiency of memory for pointer
+ * ptr" for the block, also when it would exceed 2 GB, and "insufficiency of memory for pointer  ptr2" for the
+ * thread's work table. nDim or nMix below 1, or another array null, give null without a report. */
+KTL_API GaussMixServer* KTsInitGaussMixServer(const float* pWeights, float** ppMeans, float*** pppInverseCov,
+                                              float** ppInverseCovD, int nDim, int nMix, int flags);
+KTL_API GaussMixServer* KTwInitGaussMixServer(const short* pWeights, short** ppMeans, short*** pppInverseCov,
+                                              short** ppInverseCovD, int nDim, int nMix, int flags,
+                                              int scale);
+
+/* Frees a server of either flavour; null is allowed. One function under two names. */
+KTL_API void KTsFreeGaussMixServer(GaussMixServer* pServer);
+KTL_API void KTwFreeGaussMixServer(GaussMixServer* pServer);
+
+/* Frees the calling thread's work tables, which full covariances and training grow and keep. */
+KTL_API void KTFreeGaussTbls(void);
+
+/* Writes a server of either flavour at the stream's position, as the tag "GAUS" and a 32-bit little-endian
+ * image. The server is unchanged. Null arguments write nothing. Nothing is reported: a failed write leaves
+ * the stream incomplete, and the stream's own error indicator is all that tells. */
+KTL_API void KTWriteGaussMixServer(FILE* pFile, GaussMixServer* pServer);
+
+/* Reads a server from the stream's position and leaves the stream right behind it. Returns the server, which
+ * the caller frees, or null. A stream that ends, another tag, or sizes that contradict each other give null
+ * without a report and without a change of the status. Reports -5 "One of InverseCov or InverseCovD must be
+ * NULL and the other non NULL" when the record says so, and -4 "insufficiency of memory for pointer  ptr".
+ * Memory is taken as data comes in, so a damaged size takes no more than the stream holds. */
+KTL_API GaussMixServer* KTReadGaussMixServer(FILE* pFile);
+
+/* The likelihood of pVector (nDim floats; nDim is the server's, and a larger one counts as that) under a
+ * float server: the sum over mixtures of normalised weight * exp(-|q| / 2), exponents rounded to float, sums
+ * in double. Mixtures whose weight is +0.0 contribute nothing. A raw server is not refused, but its values
+ * mean nothing. Reports nothing; 0 for null and for a fixed server. */
+KTL_API double KTsEvalGaussMix(GaussMixServer* pServer, const float* pVector, int nDim);
+
+/* The same for a fixed server of two mixtures or more; the vector has the scale of the means.
+ * Fixed point: the form of a diagonal server is summed as d * d * c in 32 bits and wraps silently, so the
+ * caller's scales must keep it below 2^31; that of a full server is summed in double and truncated to 32
+ * bits. The exponentials have 30 fractional bits and an accuracy of 0.1 per cent. Their products with the
+ * 16-bit weights are summed exactly in 64 bits, as S with 30 fractional bits, and the result is KT_NoScale
+ * the low 32 bits of S >> 30; *pScale becomes 0 KT_FixedScale  the low 32 bits of S >> (30 + *pScale), from
+ * *pScale of 2 on of its upper half, shifted on KT_AutoScale   30 significant bits of S, or all it has;
+ * *pScale receives the scale else           S >> 30, saturated to 32 bits; *pScale becomes 0 A likelihood is
+ * result * 2^*pScale, in units of the weights' scale. pScale may be null, which counts as 0. A server of one
+ * mixture gives 0 and leaves *pScale alone, as do null and a float server. Reports nothing. */
+KTL_API int KTwEvalGaussMix(GaussMixServer* pServer, const short* pVector, int nDim, int scaleMode,
+                            int* pScale);
+
+/* Inverts the matrices of a float server into a new one, covariances into inverse covariances (or back).
+ * Diagonals element by element, full matrices by Gauss-Jordan elimination with column pivots, in float. flags
+ * KT_GAUSS_NORMALIZE or 0. With it the weights of evaluation become weight * sqrt(|det|) of the result (from
+ * a raw server) or weight * sqrt(|det|) of the source (from one not marked raw) The result keeps the
+ * observation count and is not raw. Returns it, the caller frees it; pServer stays the caller's. Null without
+ * a report when a density is singular: an element or pivot below 1e-30, or a determinant below 1.38e-76; and
+ * for null and fixed servers. Reports -4 "insufficiency of memory for pointer  ptr" for the new server, and
+ * "insufficiency of memory for pointer  ptr2" for the thread's work table: in this one case pServer is freed.
+ */
+KTL_API GaussMixServer* KTsInvertGaussianCovMatrix(GaussMixServer* pServer, int flags);
+
+/* Estimates one Gaussian from nVectors (2 or more) rows of nDim elements: means and unbiased covariances,
+ * from sums and sums of products in float (shorts are multiplied as 32-bit integers). The result is a float
+ * server of one mixture of weight 1, marked KT_GAUSS_RAW: KTsInvertGaussianCovMatrix makes it fit for
+ * evaluation. flags  KT_GAUSS_FULL for a full covariance, or 0 for a diagonal one Returns the server, which
+ * the caller frees, or null after the report -4 "insufficiency of memory for pointer  ptr". One vector gives
+ * infinities or not-a-numbers, and so does none; nDim below 1 gives null without a report. */
+KTL_API GaussMixServer* KTsBuildGaussMixServer(float** ppVectors, int nVectors, int nDim, int flags);
+KTL_API GaussMixServer* KTwBuildGaussMixServer(short** ppVectors, int nVectors, int nDim, int flags);
+
+/* Merges a further batch into an estimate: a new raw server that has, up to rounding, what one build over all
+ * vectors would give, full or diagonal as pOld is. pOld, a raw float server of at least nDim dimensions, is
+ * left as it is. Returns the server, which the caller frees; null when the thread's status is negative after
+ * the batch was built (KTSetStatus(0) first if an earlier failure left it so), for null and fixed servers and
+ * a larger nDim, and after the report -4 "insufficiency of memory for pointer  ptr" for the batch's server or
+ * the thread's work vector. */
+KTL_API GaussMixServer* KTsTrainGaussMixServer(GaussMixServer* pOld, float** ppVectors, int nVectors,
+                                               int nDim);
+KTL_API GaussMixServer* KTwTrainGaussMixServer(GaussMixServer* pOld, short** ppVectors, int nVectors,
+                                               int nDim);
+
+/* A fixed server from a float one, and back. A real value is stored * 2^scale going down; going up an element
+ * becomes stored * 2^(-scale), so that what went down with the scale s comes back with -s. One scale each for
+ * the weights, the means and all covariance elements. Down: truncates toward zero and saturates at 32767 and
+ * -32767; the weights are those that evaluation uses, the determinant factor included; the server's scale
+ * becomes 2 * meanScale + invCovScale. Up: the weights become those of evaluation, and, from a server with
+ * KT_GAUSS_NORMALIZE, the plain weights are restored by dividing by the root of the determinant unless that
+ * is 0. Both keep the observation count and leave the source as it is. Return the new server, which the
+ * caller frees, or null; null also for null. Reports, under the names "KTswConvertGaussMixfServer" and
+ * "KTwsConvertGaussMixfServer": -5 "One of InverseCov or InverseCovD must be NULL and the other non NULL",
+ * "flser->flags&GAUSS_SERVER_FVR_W", "shser->flags&GAUSS_SERVER_FVR_S"; under "KTsInitGaussMixServer": -4
+ * "insufficiency of memory for pointer  ptr", and for the determinant's copy "insufficiency of memory for
+ * pointer  ptr2". */
+KTL_API GaussMixServer* KTswConvertGaussMixServer(GaussMixServer* flser, int weightScale, int meanScale,
+                                                  int invCovScale);
+KTL_API GaussMixServer* KTwsConvertGaussMixServer(GaussMixServer* shser, int weightScale, int meanScale,
+                                                  int invCovScale);
 
 /* ==== hidden Markov models: registry and classes =============================================================== */
 

@@ -1,0 +1,119 @@
+// Float servers into fixed ones and back.
+//
+// Fixed point: an element is a 16-bit integer, its real value stored * 2^scale, with one scale each for
+// weights, means and covariance elements. Going down truncates toward zero and saturates at 32767 and -32767,
+// so that a negated element can't overflow. Nothing wraps.
+#include "KT_GAUSSBLOCK.h"
+#include "KT_SCRATCH.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace ktl::gauss {
+namespace {
+
+constexpr char allocName[] = "KTsInitGaussMixServer"; // under which both conversions report exhaustion
+
+short saturated(float value, int scale, double factor) {
+    const double u = double(value) * factor;
+    if (u >= 32767.0) return 0x7FFF;
+    if (u < -32767.0) return -0x7FFF;
+    return KTswConvertDown(value, KT_FixedScale, &scale);
+}
+
+void convertDown(const float* src, short* dst, std::ptrdiff_t n, int scale) {
+    const double factor = KTPower2(-scale);
+    for (std::ptrdiff_t i = 0; i < n; ++i)
+        dst[i] = saturated(src[i], scale, factor);
+}
+
+// One report's worth of checks, the same for both directions.
+bool acceptable(const GaussMixServer* server, int forbiddenFlag, const char* refusal, const char* funcName) {
+    if ((server->pppInverseCov == nullptr) == (server->ppInverseCovD == nullptr)) {
+        module.report(KT_StsBadArg, bothOrNeither, funcName);
+        return false;
+    }
+    if ((server->flags & forbiddenFlag) != 0) {
+        module.report(KT_StsBadArg, refusal, funcName);
+        return false;
+    }
+    return true;
+}
+
+double diagonalDeterminant(const float* diagonal, int n) {
+    ScaledProduct product;
+    for (int i = 0; i < n; ++i)
+        product.times(double(diagonal[i]));
+    return product.value();
+}
+
+// Takes the determinant factor out of pWeights again. False when memory ran out.
+bool plainWeights(GaussMixServer* server) {
+    const int n = server->nDim;
+    const bool full = isFull(server);
+    ktl::Scratch<float> elements(full ? std::int64_t(n) * n : 1);
+    ktl::Scratch<float*> rows(full ? n : 1);
+    if (!elements || !rows) return false;
+    for (int k = 0; k < server->nMix; ++k) {
+        for (int i = 0; full && i < n; ++i) {
+            rows[i] = elements.get() + std::ptrdiff_t(i) * n;
+            std::copy_n(matrices<float>(server)[k][i], n, rows[i]);
+        }
+        const double det =
+            full ? determinant(rows.get(), n) : diagonalDeterminant(diagonals<float>(server)[k], n);
+        float& weight = weights<float>(server)[k];
+        if (det != 0.0) weight = float(double(weight) / std::sqrt(std::fabs(det)));
+    }
+    return true;
+}
+
+} // namespace
+} // namespace ktl::gauss
+
+using namespace ktl::gauss;
+
+GaussMixServer* KTswConvertGaussMixServer(GaussMixServer* flser, int weightScale, int meanScale,
+                                          int invCovScale) {
+    if (flser == nullptr || !acceptable(flser, GAUSS_SERVER_FVR_W, "flser->flags&GAUSS_SERVER_FVR_W",
+                                        "KTswConvertGaussMixfServer"))
+        return nullptr;
+    const Shape shape = shapeOf(flser);
+    GaussMixServer* shser = createOrReport<short>(shape, allocName);
+    if (shser == nullptr) return nullptr;
+    // A fixed server has no second set of weights, so the determinant factor goes into its only one.
+    convertDown(flser->pNormWeights, weights<short>(shser), shape.nMix, weightScale);
+    convertDown(means<float>(flser)[0], means<short>(shser)[0], meanElements(shape), meanScale);
+    convertDown(covariance<float>(flser), covariance<short>(shser), covarianceElements(shape), invCovScale);
+    shser->scale = int(2u * unsigned(meanScale) + unsigned(invCovScale));
+    shser->flags = (flser->flags & ~(GAUSS_SERVER_FVR_S | KT_GAUSS_BLOCK)) | GAUSS_SERVER_FVR_W;
+    shser->nObservations = flser->nObservations;
+    return shser;
+}
+
+GaussMixServer* KTwsConvertGaussMixServer(GaussMixServer* shser, int weightScale, int meanScale,
+                                          int invCovScale) {
+    if (shser == nullptr || !acceptable(shser, GAUSS_SERVER_FVR_S, "shser->flags&GAUSS_SERVER_FVR_S",
+                                        "KTwsConvertGaussMixfServer"))
+        return nullptr;
+    const Shape shape = shapeOf(shser);
+    GaussMixServer* flser = createOrReport<float>(shape, allocName);
+    if (flser == nullptr) return nullptr;
+    KTwsbConvertUp(weights<short>(shser), flser->pNormWeights, shape.nMix, weightScale);
+    for (int k = 0; k < shape.nMix; ++k) {
+        KTwsbConvertUp(means<short>(shser)[k], means<float>(flser)[k], shape.nDim, meanScale);
+        if (!shape.full)
+            KTwsbConvertUp(diagonals<short>(shser)[k], diagonals<float>(flser)[k], shape.nDim, invCovScale);
+        for (int i = 0; shape.full && i < shape.nDim; ++i)
+            KTwsbConvertUp(matrices<short>(shser)[k][i], matrices<float>(flser)[k][i], shape.nDim,
+                           invCovScale);
+    }
+    std::copy_n(flser->pNormWeights, shape.nMix, weights<float>(flser));
+    flser->flags = (shser->flags & ~(GAUSS_SERVER_FVR_W | KT_GAUSS_BLOCK)) | GAUSS_SERVER_FVR_S;
+    flser->nObservations = shser->nObservations;
+    if ((shser->flags & KT_GAUSS_NORMALIZE) != 0 && !plainWeights(flser)) {
+        module.report(KT_StsNoMem, noTable, allocName);
+        std::free(flser);
+        return nullptr;
+    }
+    return flser;
+}

@@ -1,0 +1,82 @@
+// The likelihood of a vector under a mixture.
+//
+// Fixed point: the form of a diagonal server is a 32-bit integer sum of d*d*c and wraps silently; that of a
+// full one is summed in double and truncated to 32 bits. The shift of the form wraps. Exponentials have 30
+// fractional bits and saturate; their weighted sum is exact in 64 bits, and scaleMode says which 32 of them
+// come back.
+#include "KT_GAUSSBLOCK.h"
+
+#include "levels.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+
+namespace ktl::gauss {
+
+int fixedForm(const GaussMixServer* server, int mixture, const short* pVector, int nDim) {
+    const short* mean = means<short>(server)[mixture];
+    if (isFull(server)) {
+        const short* const* rows = matrices<short>(server)[mixture];
+        return KTdiConvertDown(vsq::kernels().mahal->fullFixed(pVector, mean, rows, nDim), KT_NoScale,
+                               nullptr);
+    }
+    int form;
+    const short* diagonal = diagonals<short>(server)[mixture];
+    vsq::kernels().gauss->formsW(pVector, &mean, &diagonal, nDim, 1, &form);
+    return form;
+}
+
+namespace {
+
+// Into pWork: -|form| / 2 rounded to float, 0 for a mixture whose weight's bit pattern is 0.
+void exponents(const GaussMixServer* server, const float* pVector, int nDim, float* work) {
+    const float* weight = weights<float>(server);
+    float** mean = means<float>(server);
+    if (!isFull(server)) {
+        vsq::kernels().gauss->exponentsDiagonal(pVector, mean, diagonals<float>(server), weight, nDim,
+                                                server->nMix, work);
+        return;
+    }
+    for (int k = 0; k < server->nMix; ++k) {
+        work[k] = 0.0f;
+        if (std::bit_cast<std::uint32_t>(weight[k]) == 0) continue;
+        const double form = vsq::kernels().mahal->full(pVector, mean[k], matrices<float>(server)[k], nDim);
+        work[k] = float(-std::fabs(form) * 0.5);
+    }
+}
+
+// Into pWork: the integer forms. A mixture of weight 0 may get anything.
+void fixedForms(const GaussMixServer* server, const short* pVector, int nDim, int* work) {
+    if (!isFull(server)) {
+        vsq::kernels().gauss->formsW(pVector, means<short>(server), diagonals<short>(server), nDim,
+                                     server->nMix, work);
+        return;
+    }
+    for (int k = 0; k < server->nMix; ++k)
+        if (weights<short>(server)[k] != 0) work[k] = fixedForm(server, k, pVector, nDim);
+}
+
+} // namespace
+} // namespace ktl::gauss
+
+using namespace ktl::gauss;
+
+double KTsEvalGaussMix(GaussMixServer* pServer, const float* pVector, int nDim) {
+    if (pServer == nullptr || !isFloat(pServer)) return 0.0;
+    auto* work = static_cast<float*>(pServer->pWork);
+    exponents(pServer, pVector, std::min(nDim, pServer->nDim), work);
+    vsq::kernels().lnexp->exp(work, pServer->nMix);
+    return vsq::kernels().dotp->dot(work, pServer->pNormWeights, pServer->nMix);
+}
+
+int KTwEvalGaussMix(GaussMixServer* pServer, const short* pVector, int nDim, int scaleMode, int* pScale) {
+    if (pServer == nullptr || isFloat(pServer)) return 0;
+    auto* work = static_cast<int*>(pServer->pWork);
+    const short* weight = weights<short>(pServer);
+    const ExponentPlan plan = planExponent(pServer->scale);
+    fixedForms(pServer, pVector, std::min(nDim, pServer->nDim), work);
+    for (int k = 0; k < pServer->nMix; ++k)
+        work[k] = weight[k] != 0 ? KTexpFix(exponentOf(work[k], plan.shift), plan.frac, 30) : 0;
+    return KTwDotMix(work, weight, pServer->nMix, scaleMode, pScale);
+}

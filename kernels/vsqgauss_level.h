@@ -1,0 +1,38 @@
+// Inner loops of the Gaussian mixtures. "Padded rows" may be read to their n elements
+// rounded up to a multiple of 4; what stands behind the n does not count.
+#pragma once
+
+namespace vsq {
+
+struct GaussKernels {
+    // exponents[k] = -|q| / 2 rounded to float, q being the sum over i of c[k][i] * (x[i] - m[k][i])^2 with
+    // the bits of MahalKernels::diagonal; 0 where the bit pattern of weights[k] is 0. x has n elements, the
+    // nRows rows are padded.
+    void (*exponentsDiagonal)(const float* x, const float* const* m, const float* const* c,
+                              const float* weights, int n, int nRows, float* exponents);
+
+    // forms[k] = sum over i of (x[i] - m[k][i])^2 * c[k][i] in wrapping 32-bit arithmetic. Rows as above.
+    void (*formsW)(const short* x, const short* const* m, const short* const* c, int n, int nRows,
+                   int* forms);
+
+    // Sums over `count` vectors of n elements, one vector after the other on top of what is there, in float:
+    // sums[i] += x[i]; sums[i] += x[i] * x[i]; sums[i][j] += x[i] * x[j] for j <= i. Products of shorts are
+    // exact 32-bit integers before they become floats.
+    void (*sumsS)(const float* const* vectors, int count, int n, float* sums);
+    void (*sumsW)(const short* const* vectors, int count, int n, float* sums);
+    void (*squaresS)(const float* const* vectors, int count, int n, float* sums);
+    void (*squaresW)(const short* const* vectors, int count, int n, float* sums);
+    void (*productsS)(const float* const* vectors, int count, int n, float* const* sums);
+    void (*productsW)(const short* const* vectors, int count, int n, float* const* sums);
+
+    // Gauss-Jordan inversion in float of the symmetric matrix a (n rows of n, destroyed); b comes as the
+    // identity and leaves as the inverse, rows and columns in a's order. `pivots` has room for n. Returns a's
+    // determinant; 0, and no inverse, when a pivot is below 1e-30.
+    double (*invert)(float* const* a, float* const* b, int* pivots, int n);
+
+    // The determinant of a (n rows of n, destroyed); 0 when a pivot is below 1e-20.
+    double (*determinant)(float* const* a, int n);
+};
+VSQ_DECLARE_LEVELS(GaussKernels, gaussKernels)
+
+} // namespace vsq
