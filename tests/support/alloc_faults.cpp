@@ -14,7 +14,6 @@ thread_local long live = 0;
 constinit std::atomic<long> liveInProcess = 0;
 
 // The two counts that are always kept.
-
 void count(long blocks) {
     live += blocks;
     liveInProcess.fetch_add(blocks, std::memory_order_relaxed);
