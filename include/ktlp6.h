@@ -470,9 +470,93 @@ KTL_API int KTwReadDTWPattern(FILE* pFile);
 
 /* ==== tree codebooks =========================================================================================== */
 
+/* A binary tree of clusters, grown by splitting one leaf after the other along its two farthest members; a vector is
+ * quantised by going down the tree, at each node to the nearer of the two children, so the cell found is not always the
+ * nearest of all. (Binary-split vector quantisation: A. Buzo, A. H. Gray, R. M. Gray, J. D. Markel, Speech Coding Based
+ * Upon Vector Quantization, 1980.) Cells count from 1, from left to right; 0 stands for a vector that was not quantised.
+ *
+ * A codebook is opaque, belongs to the caller until KT_FreeCodebook, and may be used by several threads at once.
+ */
+typedef struct KTCodebook KTCodebook;
+
+#define KT_CB_EUCLID 0x004        /* Euclidean distance; the only one, and required */
+#define KT_CB_SPLIT_LARGEST 0x100 /* split the leaf with most members next; it wins over the other flag */
+#define KT_CB_SPLIT_WIDEST 0x200  /* split the leaf whose two farthest members are farthest apart next */
+
+/* Trains a codebook of nSize cells on nVectors rows of nDim elements.
+ *
+ * pLabels: nVectors words, each vector's cell; may be null. nSize below 2 gives one cell.
+ * flags: KT_CB_EUCLID and one of the KT_CB_SPLIT flags; without one a codebook of at most two cells can be made.
+ *
+ * Each split divides the members between the two farthest of them (the first such pair of the list), then once more
+ * between the means of the two halves; of equal distances the right side wins. The means of the first division stay as
+ * the children's centroids. KT_CB_SPLIT_LARGEST goes on when the vectors of a leaf are all equal and makes empty cells;
+ * an empty cell's centroid is a not-a-number in the float and 0 in the fixed flavour.
+ *
+ * Fixed flavour: distances are truncated to integers (sums of 64 bits), so that close vectors tie; a mean is truncated
+ * toward zero. Nothing wraps or saturates.
+ *
+ * Returns the codebook, or null after a report: KT_StsBadArg without KT_CB_EUCLID, when nDim is below 1, or when there
+ * is no leaf left to split (with KT_CB_SPLIT_WIDEST when there are fewer distinct vectors than cells); KT_StsNoMem.
+ */
+KTL_API KTCodebook* KTsMakeCodebook(float** ppVectors, int* pLabels, int nVectors, int nDim, int nSize, int flags);
+KTL_API KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVectors, int nDim, int nSize, int flags);
+
+/* Quantises nVectors rows of nDim elements with a codebook of the same flavour.
+ *
+ * pIndex: nVectors words, each vector's cell; may be null. *pDistortion: the mean distance of the vectors from their
+ * cells' centroids; 0 without vectors. nDim is the codebook's; of shorter vectors the elements that exist are compared,
+ * of longer ones as many as the codebook has.
+ *
+ * Reports KT_StsBadArg, once for the call, when vectors reached no cell: their index is 0 and they add nothing to the
+ * distortion. That is so for all of them when the codebook is null or of the other flavour, or nDim is below 1. Both
+ * functions report under the name "KTsVQCodebook".
+ */
+KTL_API void KTsVQCodebook(KTCodebook* pCodebook, float** ppVectors, int* pIndex, int nVectors, int nDim,
+                           double* pDistortion);
+
+/* The fixed flavour takes scaleMode and pScale (null stands for a word that holds 0) twice: as the kernels' scale mode of
+ * each distance (VSQ_FIXED_SCALE 2 shifts it right by *pScale, VSQ_AUTO_SCALE 4 stores a shift there; see vsqwNormExt,
+ * which ends the process when both bits are set), and as the scale mode in which KTdiConvertDown makes *pDistortion of
+ * the mean. Distances are truncated to integers, with saturation at 0x7FFFFFFF; they are summed in double.
+ */
+KTL_API void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex, int nVectors, int nDim,
+                           int* pDistortion, int scaleMode, int* pScale);
+
+/* Frees a codebook of either flavour; null is allowed. */
+KTL_API void KT_FreeCodebook(KTCodebook* pCodebook);
+
 /* ==== semicontinuous codebooks ================================================================================= */
 
 /* ==== Kohonen quantiser ======================================================================================== */
+
+/* The search step of a self-organising map (T. Kohonen, Self-Organized Formation of Topologically Correct Feature Maps,
+ * 1982): the distances of one vector from all codes, and the nearest ones. Nothing is allocated, checked or reported.
+ *
+ * pVector: nDim elements; ppCodes: nCodes rows of nDim elements. pDistances: nCodes words, the distances in the order of
+ * the codes: squared ones, or Euclidean ones if bRoot is not 0. With nCodes below 1 nothing is written.
+ *
+ * pIndices by nBest:
+ *   0 or less  not touched, may be null;
+ *   1          pIndices[0] is the nearest code, the first one of equals, and then pIndices[that code] is set to 0, so the
+ *              array must reach that far: give it nCodes words;
+ *   above 1    nCodes words: the nBest nearest in order of distance (at most nCodes - 1), then the other codes. At each
+ *              place the first of the smallest that are left is exchanged with the code that stands there.
+ * Distances are compared as 32-bit signed integers in both flavours.
+ *
+ * Float: each squared distance is the sum of two sums in float, over the even and over the odd elements.
+ */
+KTL_API void KTsVQKohonen(const float* pVector, float** ppCodes, float* pDistances, int nDim, int nCodes,
+                          int* pIndices, int nBest, int bRoot);
+
+/* Fixed: with scaleMode KT_AutoScale or KT_Saturate the exact squared distances, or their roots, are rounded to float and
+ * converted by KTsibConvertDown with scaleMode and pScale. With any other mode they are 32-bit sums, which wrap silently;
+ * roots are the truncated ones of the sums read as unsigned. With KT_FixedScale they are shifted: right by *pScale from 1
+ * up (31 and above leave the sign), left by the low five bits of *pScale below 1, so -1 shifts left by 31. pScale may be
+ * null, for a scale of 0.
+ */
+KTL_API void KTwVQKohonen(const short* pVector, short** ppCodes, int* pDistances, int nDim, int nCodes, int* pIndices,
+                          int nBest, int bRoot, int scaleMode, int* pScale);
 
 /* ==== Gaussian mixtures ======================================================================================== */
 

@@ -22,6 +22,8 @@ namespace {
         .corr = &level::corrKernels,                                                                         \
         .mahal = &level::mahalKernels,                                                                       \
         .dtw = &level::dtwKernels,                                                                           \
+        .kohonen = &level::kohonenKernels,                                                                   \
+        .tree = &level::treeKernels,                                                                         \
         .gauss = &level::gaussKernels,                                                                       \
     }
 // clang-format on

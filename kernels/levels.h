@@ -27,12 +27,14 @@
 #include "vsqdotpw_level.h"
 #include "vsqdtw_level.h"
 #include "vsqgauss_level.h"
+#include "vsqkohonen_level.h"
 #include "vsqlnexp_level.h"
 #include "vsqmahal_level.h"
 #include "vsqmel_level.h"
 #include "vsqmisc_level.h"
 #include "vsqnorm_level.h"
 #include "vsqpree_level.h"
+#include "vsqtree_level.h"
 
 namespace vsq {
 
@@ -51,6 +53,8 @@ struct LevelTable {
     const CorrKernels* corr;
     const MahalKernels* mahal;
     const DtwKernels* dtw;
+    const KohonenKernels* kohonen;
+    const TreeKernels* tree;
     const GaussKernels* gauss;
 };
 

@@ -479,6 +479,39 @@ VSQ_INLINE Pack<std::int16_t, N> pairSums(const Pack<std::int16_t, N>& a, std::i
         [&](auto x, auto y) VSQ_LAMBDA { return pairSumsVector(x, y, p, q, middle); }, a, b);
 }
 
+// A bit for each lane of a mask, lane 0 lowest; up to 32 lanes.
+template <class V> VSQ_INLINE unsigned bitsOfVector(V x) {
+#if defined(__AVX512DQ__)
+    if constexpr (sizeof(V) == 64 && sizeof(x[0]) == 4)
+        return unsigned(_mm512_movepi32_mask((__m512i)x));
+    else
+#endif
+#if defined(__AVX2__)
+        if constexpr (sizeof(V) == 32 && sizeof(x[0]) == 4)
+        return unsigned(_mm256_movemask_ps((__m256)x));
+    else
+#endif
+#if defined(__SSE2__)
+        if constexpr (sizeof(V) == 16 && sizeof(x[0]) == 4)
+        return unsigned(_mm_movemask_ps((__m128)x));
+    else
+#endif
+    {
+        unsigned result = 0;
+        for (unsigned i = 0; i < sizeof(V) / sizeof(x[0]); ++i)
+            result |= unsigned(x[i] != 0) << i;
+        return result;
+    }
+}
+
+template <class T, int N> VSQ_INLINE unsigned laneBits(const Pack<T, N>& mask) {
+    static_assert(N <= 32);
+    if constexpr (isRegister<T, N>)
+        return bitsOfVector(mask.r);
+    else
+        return laneBits(mask.lo) | laneBits(mask.hi) << (N / 2);
+}
+
 // --- across lanes, always as the same tree: lower half plus upper half, down to one ---
 
 template <class T, int N> VSQ_INLINE T sumLanes(const Pack<T, N>& v) {

@@ -1,0 +1,131 @@
+#include "Kt_cdbk_descent.h"
+
+#include "Kt_cdbk_points.h"
+
+#include <algorithm>
+
+// Arrays by node, in the order of a walk level by level; each is freed with the record. One node more, a
+// leaf, stands at the end: there points wait that are in doubt.
+struct KTDescent {
+    int nDim;
+    vsq::PlaneTree tree;
+    const KTCluster** clusters;
+    vsq::Plane* planes;
+    int* children;
+    float* normals;
+    float* centre;
+};
+
+namespace ktl::codebook {
+namespace {
+
+bool allocate(KTDescent& descent, int nodes) {
+    const std::int64_t all = std::int64_t(nodes) + 1;
+    descent.clusters = allocPlain<const KTCluster*>(all);
+    descent.planes = allocPlain<vsq::Plane>(all);
+    descent.children = allocPlain<int>(all);
+    descent.normals = allocPlain<float>(all * descent.tree.stride);
+    descent.centre = allocPlain<float>(descent.nDim);
+    return descent.clusters != nullptr && descent.planes != nullptr && descent.children != nullptr &&
+           descent.normals != nullptr && descent.centre != nullptr;
+}
+
+void fillLeaf(KTDescent& descent, int node) {
+    float* const normal = descent.normals + std::ptrdiff_t(node) * descent.tree.stride;
+    std::fill(normal, normal + descent.tree.stride, 0.0f);
+    descent.planes[node] = planeOfLeaf();
+    descent.children[node] = node;
+}
+
+template <class Sample>
+void fillNodes(KTDescent& descent, const KTCluster* root, double unit) {
+    int known = 1;
+    descent.clusters[0] = root;
+    for (int node = 0; node < known; ++node) {
+        const KTCluster* const cluster = descent.clusters[node];
+        if (cluster->isLeaf != 0) {
+            fillLeaf(descent, node);
+            continue;
+        }
+        descent.planes[node] =
+            planeBetween(static_cast<const Sample*>(cluster->pLeft->pCentroid),
+                         static_cast<const Sample*>(cluster->pRight->pCentroid), descent.centre, descent.nDim,
+                         unit, descent.normals + std::ptrdiff_t(node) * descent.tree.stride);
+        descent.children[node] = known;
+        descent.clusters[known++] = cluster->pLeft;
+        descent.clusters[known++] = cluster->pRight;
+    }
+    fillLeaf(descent, known);
+    descent.clusters[known] = nullptr;
+    descent.tree.parking = known;
+}
+
+int clustersOf(const KTCodebook& codebook) {
+    int count = 0;
+    for (const KTCluster* cluster = codebook.pNewest; cluster != nullptr; cluster = cluster->pOlder)
+        ++count;
+    return count;
+}
+
+float makePoint(const float* row, const KTDescent& descent, float* point) {
+    return vsq::kernels().tree->pointOfFloats(row, descent.centre, descent.nDim, point, descent.tree.stride);
+}
+
+float makePoint(const short* row, const KTDescent& descent, float* point) {
+    return vsq::kernels().tree->pointOfShorts(row, descent.centre, descent.nDim, point, descent.tree.stride);
+}
+
+} // namespace
+
+template <class Sample>
+KTDescent* makeDescent(const KTCodebook& codebook, const float* centre, double unit) {
+    auto* const descent = static_cast<KTDescent*>(std::calloc(1, sizeof(KTDescent)));
+    if (descent == nullptr) return nullptr;
+    descent->nDim = codebook.nDim;
+    descent->tree.stride = strideFor(codebook.nDim);
+    if (!allocate(*descent, clustersOf(codebook))) {
+        freeDescent(descent);
+        return nullptr;
+    }
+    std::copy(centre, centre + codebook.nDim, descent->centre);
+    fillNodes<Sample>(*descent, codebook.pRoot, unit);
+    descent->tree.normals = descent->normals;
+    descent->tree.planes = descent->planes;
+    descent->tree.children = descent->children;
+    return descent;
+}
+
+template KTDescent* makeDescent<float>(const KTCodebook&, const float*, double);
+template KTDescent* makeDescent<short>(const KTCodebook&, const float*, double);
+
+void freeDescent(KTDescent* descent) {
+    if (descent == nullptr) return;
+    std::free(descent->clusters);
+    std::free(descent->planes);
+    std::free(descent->children);
+    std::free(descent->normals);
+    std::free(descent->centre);
+    std::free(descent);
+}
+
+template <class Sample>
+void descendWhileSure(const KTDescent& descent, const Sample* const* rows, int count,
+                      const KTCluster** nodes) {
+    constexpr int group = vsq::descendGroup;
+    alignas(64) float points[group * ((longestOfDescent + 15) / 16 * 16)];
+    float reach[group];
+    int reached[group];
+    for (int i = 0; i < group; ++i) {
+        const Sample* const row = rows[i < count ? i : count - 1];
+        reach[i] = reachOf(makePoint(row, descent, points + i * descent.tree.stride), descent.nDim);
+        reached[i] = 0;
+    }
+    vsq::kernels().tree->descend(&descent.tree, points, reach, reached);
+    for (int i = 0; i < count; ++i)
+        nodes[i] = descent.clusters[reached[i] < 0 ? ~reached[i] : reached[i]];
+}
+
+template void descendWhileSure(const KTDescent&, const float* const*, int, const KTCluster**);
+template void descendWhileSure(const KTDescent&, const short* const*, int, const KTCluster**);
+
+} // namespace ktl::codebook

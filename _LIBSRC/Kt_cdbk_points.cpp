@@ -1,0 +1,371 @@
+#include "Kt_cdbk_points.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+namespace ktl::codebook {
+namespace {
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+constexpr double farOut = 1e15; // beyond it products of two lengths may leave the floats: bounds give way
+
+// Bounds below are relative errors with room to spare: the distances are within 2^-22 of the exact ones, a
+// coordinate relative to the centre within 2^-24, a float sum of nDim products within (nDim + 2) * 2^-24 of
+// the sum of magnitudes.
+constexpr double distanceError = 0x1p-22;
+double sumError(int nDim) {
+    return (nDim + 16.0) * 0x1p-23;
+}
+
+const vsq::TreeKernels& kernels() {
+    return *vsq::kernels().tree;
+}
+
+} // namespace
+
+int strideFor(int nDim) {
+    return (nDim + 15) / 16 * 16;
+}
+
+float reachOf(float squares, int nDim) {
+    const double length =
+        std::sqrt(double(squares)) * (1 + sumError(nDim)) + std::sqrt(double(nDim)) * 0x1p-60;
+    return length < farOut ? static_cast<float>(length * 1.0001) : std::numeric_limits<float>::infinity();
+}
+
+// For exact coordinates y, l, r: |y - r|^2 - |y - l|^2 = y . 2(l - r) + |r|^2 - |l|^2.
+template <class Sample>
+vsq::Plane planeBetween(const Sample* left, const Sample* right, const float* centre, int nDim, double unit,
+                        float* normal) {
+    double leftSquares = 0, rightSquares = 0, normalSquares = 0;
+    for (int k = 0; k < nDim; ++k) {
+        const double l = double(left[k]) - centre[k], r = double(right[k]) - centre[k];
+        const double direction = 2 * (l - r);
+        normal[k] = static_cast<float>(direction);
+        leftSquares += l * l;
+        rightSquares += r * r;
+        normalSquares += direction * direction;
+    }
+    std::fill(normal + nDim, normal + strideFor(nDim), 0.0f);
+
+    const double far = std::sqrt(std::max(leftSquares, rightSquares)), length = std::sqrt(normalSquares);
+    const double offset = rightSquares - leftSquares;
+    vsq::Plane plane{};
+    if (!(leftSquares < farOut * farOut && rightSquares < farOut * farOut)) { // not-a-number too
+        plane.base = std::numeric_limits<float>::infinity();
+        return plane;
+    }
+    // The two distances d, each below reach + far, are themselves rounded: their squares are off by up to
+    // 4 * distanceError * (reach^2 + far^2). The last term of base is for products below the normal floats.
+    constexpr double room = 1.01;
+    plane.offset = static_cast<float>(offset);
+    plane.curve = static_cast<float>(room * 8 * distanceError);
+    plane.slope = static_cast<float>(room * length * (sumError(nDim) + 0x1p-21));
+    plane.base = static_cast<float>(
+        room * (std::fabs(offset) * 0x1p-21 + 8 * distanceError * far * far + nDim * 0x1p-90));
+    // Truncated distances surely differ when the exact ones are 1 apart: when the squares are dL + dR apart.
+    plane.lead = static_cast<float>(room * unit * 2 * far);
+    plane.leadSlope = static_cast<float>(room * unit * 2);
+    return plane;
+}
+
+template vsq::Plane planeBetween(const float*, const float*, const float*, int, double, float*);
+template vsq::Plane planeBetween(const short*, const short*, const float*, int, double, float*);
+
+vsq::Plane planeOfLeaf() {
+    vsq::Plane plane{};
+    plane.offset = 1;
+    return plane;
+}
+
+// --- the scratch of a training ---
+
+namespace {
+
+float makePoint(const float* row, const float* centre, int nDim, float* point, int stride) {
+    return kernels().pointOfFloats(row, centre, nDim, point, stride);
+}
+
+float makePoint(const short* row, const float* centre, int nDim, float* point, int stride) {
+    return kernels().pointOfShorts(row, centre, nDim, point, stride);
+}
+
+} // namespace
+
+template <class Sample>
+bool Points::take(const Vectors& set, const Sample* const* rows, const Sample* centreOfSet) {
+    set_ = set;
+    stride_ = strideFor(set.nDim);
+    const auto n = static_cast<std::uint64_t>(std::max(set.nVectors, 0));
+    const std::uint64_t nBlocks = (n + vsq::pointBlock - 1) / vsq::pointBlock;
+    points_ = Scratch<float>(n * std::uint64_t(stride_));
+    centre_ = Scratch<float>(stride_);
+    normal_ = Scratch<float>(stride_);
+    reach_ = Scratch<float>(n);
+    squares_ = Scratch<float>(2 * n);
+    blocks_ = Scratch<float>(nBlocks * vsq::pointBlock * std::uint64_t(set.nDim));
+    sums_ = Scratch<double>(set.nDim);
+    candidates_ = Scratch<Candidate>(n);
+    order_ = Scratch<int>(nBlocks);
+    labels_ = Scratch<char>(n);
+    if (!points_ || !centre_ || !normal_ || !reach_ || !squares_ || !blocks_ || !sums_ || !candidates_ ||
+        !order_ || !labels_)
+        return false;
+    for (int k = 0; k < set.nDim; ++k) {
+        const auto value = static_cast<float>(centreOfSet[k]);
+        centre_[k] = std::isfinite(value) ? value : 0.0f;
+    }
+    for (int i = 0; i < set.nVectors; ++i) {
+        float* point = points_.get() + std::ptrdiff_t(i) * stride_;
+        reach_[i] = reachOf(makePoint(rows[i], centre(), set.nDim, point, stride_), set.nDim);
+    }
+    return true;
+}
+
+template bool Points::take(const Vectors&, const float* const*, const float*);
+template bool Points::take(const Vectors&, const short* const*, const short*);
+
+void Points::label(const int* members, int n, const vsq::Plane& plane) {
+    kernels().sides(points_.get(), reach_.get(), stride_, members, n, normal(), &plane, labels());
+}
+
+// --- farthest pair ---
+
+// Every pair is below the sum of its members' distances (radii) from any one point. So once a good pair is
+// known, only members far out can be part of a better one: they are sorted by radius, and each is compared
+// with those before which the sum of the radii does not do. A float distance then tells which of them the
+// distance itself has to judge.
+class Points::Search {
+public:
+    Search(Points& points, const int* list, int count) : own(points), members(list), n(count) {
+        float most = 0;
+        for (int i = 0; i < n; ++i)
+            most = std::max(most, own.reach_[members[i]]);
+        // Two exact points are at most this much farther apart than their float copies.
+        slack = 2 * (most * 0x1p-22 + std::sqrt(double(own.set_.nDim)) * 0x1p-60);
+        error = sumError(own.set_.nDim);
+    }
+
+    FarPair run() {
+        if (n <= plainLimit)
+            comparePlainly();
+        else if (!findGoodPair())
+            compareFarOnes();
+        return best;
+    }
+
+private:
+    static constexpr int plainLimit = 8;
+
+    // Judges the pair of two places by the distance itself. Of equal distances the pair that the double loop
+    // meets first stands.
+    void judge(int i, int j) {
+        const int first = std::min(i, j), second = std::max(i, j);
+        const double distance = own.set_.distance(own.set_, members[first], members[second]);
+        if (distance > best.spread || (distance == best.spread && isBeforeBest(first, second)))
+            best = {distance, first, second};
+    }
+
+    bool isBeforeBest(int first, int second) const {
+        return first < best.first || (first == best.first && second < best.second);
+    }
+
+    void comparePlainly() {
+        for (int i = 0; i < n; ++i)
+            for (int j = i + 1; j < n; ++j)
+                judge(i, j);
+    }
+
+    // Goes from one member to the farthest from it, a few times. True when that settles it: all vectors are
+    // equal.
+    bool findGoodPair() {
+        for (int round = 0, from = 0; round < 6; ++round) {
+            const double before = best.spread;
+            kernels().squaresFrom(own.points_.get(), own.stride_, members, n, own.pointOf(members[from]),
+                                  own.squares_.get());
+            const int farthest = placeOfLargest(own.squares_.get());
+            if (farthest != from) judge(from, farthest);
+            if (best.spread == before) break;
+            from = farthest;
+        }
+        return best.spread == 0 && allEqualFirst();
+    }
+
+    int placeOfLargest(const float* squares) const {
+        int place = 0;
+        for (int i = 1; i < n; ++i)
+            place = squares[i] > squares[place] ? i : place;
+        return place;
+    }
+
+    bool allEqualFirst() const {
+        for (int i = 1; i < n; ++i)
+            if (own.set_.distance(own.set_, members[0], members[i]) != 0) return false;
+        return true;
+    }
+
+    void compareFarOnes() {
+        const float* squares = squaresFromCentre();
+        updateCuts();
+        const int count = removeEqual(collectFarOnes(squares));
+        fillBlocks(count);
+        int end = count;
+        for (int i = 0; i + 1 < end; ++i) {
+            while (end > i + 1 && own.candidates_[i].radius + own.candidates_[end - 1].radius < cuts.radii)
+                --end;
+            compareRow(i, end);
+        }
+    }
+
+    // Radii may be taken from any point. The mean suits clouds, the middle of the good pair suits skewed
+    // sets; the one with the smaller largest radius is used.
+    const float* squaresFromCentre() {
+        const int nDim = own.set_.nDim;
+        float* const centre = own.normal();
+        float* const fromMean = own.squares_.get();
+        float* const fromMiddle = fromMean + n;
+        std::fill(centre, centre + own.stride_, 0.0f);
+        std::fill(own.sums_.get(), own.sums_.get() + nDim, 0.0);
+        for (int i = 0; i < n; ++i)
+            kernels().addFloats(own.pointOf(members[i]), own.sums_.get(), nDim);
+        for (int k = 0; k < nDim; ++k)
+            centre[k] = static_cast<float>(own.sums_[k] / n);
+        kernels().squaresFrom(own.points_.get(), own.stride_, members, n, centre, fromMean);
+
+        const float* const a = own.pointOf(members[best.first]);
+        const float* const b = own.pointOf(members[best.second]);
+        for (int k = 0; k < nDim; ++k)
+            centre[k] = 0.5f * a[k] + 0.5f * b[k];
+        kernels().squaresFrom(own.points_.get(), own.stride_, members, n, centre, fromMiddle);
+        return fromMiddle[placeOfLargest(fromMiddle)] < fromMean[placeOfLargest(fromMean)] ? fromMiddle
+                                                                                           : fromMean;
+    }
+
+    // A distance reaches `wanted` only if the float copies are at least this far apart.
+    double apart(double wanted) const { return std::max(wanted * (1 - distanceError) - slack, 0.0); }
+
+    // The float square below which two float copies are surely less than that apart.
+    float squareCut(double wanted) const {
+        const double least = apart(wanted);
+        const double square = least * least * (1 - 2 * error) - own.set_.nDim * 0x1p-120;
+        return square > 0 ? static_cast<float>(square * (1 - 0x1p-22)) : 0.0f;
+    }
+
+    void updateCuts() {
+        cuts.radii = apart(best.spread) * (1 - 2 * error) - slack;
+        cuts.limit = squareCut(best.spread);
+        cuts.above = squareCut(best.spread + own.set_.unit);
+    }
+
+    // An overflow or a not-a-number counts as farthest out.
+    static double radiusOf(float square) {
+        return square <= std::numeric_limits<float>::max() ? std::sqrt(double(square)) : infinity;
+    }
+
+    int collectFarOnes(const float* squares) {
+        double most = 0;
+        for (int i = 0; i < n; ++i)
+            most = std::max(most, radiusOf(squares[i]));
+        int count = 0;
+        for (int i = 0; i < n; ++i) {
+            const double radius = radiusOf(squares[i]);
+            if (radius + most < cuts.radii) continue;
+            own.candidates_[count++] = {radius, hashOf(own.pointOf(members[i])), i};
+        }
+        std::sort(own.candidates_.get(), own.candidates_.get() + count, [](const auto& a, const auto& b) {
+            if (a.radius != b.radius) return a.radius > b.radius;
+            return a.hash != b.hash ? a.hash < b.hash : a.place < b.place;
+        });
+        return count;
+    }
+
+    unsigned hashOf(const float* point) const {
+        unsigned hash = 0;
+        for (int k = 0; k < own.set_.nDim; ++k) {
+            std::uint32_t bits;
+            std::memcpy(&bits, point + k, sizeof bits);
+            hash = (hash ^ bits) * 0x9E3779B1u;
+            hash ^= hash >> 15;
+        }
+        return hash;
+    }
+
+    // Of members with the same vector only the first in the list can be in the pair that is looked for.
+    int removeEqual(int count) {
+        int kept = 0;
+        for (int i = 0; i < count; ++i) {
+            const Candidate& next = own.candidates_[i];
+            if (kept == 0 || !isSameVector(own.candidates_[kept - 1].place, next.place))
+                own.candidates_[kept++] = next;
+        }
+        return kept;
+    }
+
+    bool isSameVector(int i, int j) const {
+        return std::memcmp(own.pointOf(members[i]), own.pointOf(members[j]),
+                           std::size_t(own.set_.nDim) * sizeof(float)) == 0 &&
+               own.set_.distance(own.set_, members[i], members[j]) == 0;
+    }
+
+    void fillBlocks(int count) {
+        const int nDim = own.set_.nDim;
+        for (int start = 0, block = 0; start < count; start += vsq::pointBlock, ++block) {
+            int list[vsq::pointBlock];
+            int first = std::numeric_limits<int>::max();
+            for (int i = 0; i < vsq::pointBlock; ++i) { // the last one fills the block up
+                const int place = own.candidates_[std::min(start + i, count - 1)].place;
+                list[i] = members[place];
+                first = std::min(first, place);
+            }
+            own.order_[block] = first;
+            kernels().transposeBlock(own.points_.get(), own.stride_, list, nDim,
+                                     own.blocks_.get() + std::ptrdiff_t(block) * vsq::pointBlock * nDim);
+        }
+    }
+
+    // Compares candidate i with those from i + 1 to end - 1.
+    void compareRow(int i, int end) {
+        const int place = own.candidates_[i].place;
+        const float* const point = own.pointOf(members[place]);
+        const int endBlock = (end + vsq::pointBlock - 1) / vsq::pointBlock;
+        for (int block = (i + 1) / vsq::pointBlock;; ++block) {
+            unsigned masks[2];
+            block = kernels().nextFar(point, own.blocks_.get(), own.set_.nDim, block, endBlock, cuts.limit,
+                                      cuts.above, masks);
+            if (block >= endBlock) return;
+            // Pairs that can only be as far apart as the best one matter when they come before it.
+            if (std::min(place, own.order_[block]) > best.first) masks[0] &= masks[1];
+            compareLanes(place, block, i + 1, end, masks);
+        }
+    }
+
+    void compareLanes(int place, int block, int from, int end, const unsigned* masks) {
+        const double before = best.spread;
+        const int start = block * vsq::pointBlock;
+        for (unsigned left = masks[0]; left != 0; left &= left - 1) {
+            const int lane = __builtin_ctz(left);
+            const int j = start + lane;
+            if (j < from || j >= end) continue;
+            const int other = own.candidates_[j].place;
+            if ((masks[1] >> lane & 1u) != 0 || isBeforeBest(std::min(place, other), std::max(place, other)))
+                judge(place, other);
+        }
+        if (best.spread != before) updateCuts();
+    }
+
+    Points& own;
+    const int* members;
+    int n;
+    double slack, error;
+    FarPair best;
+    Cuts cuts{};
+};
+
+FarPair Points::farthest(const int* members, int n) {
+    return Search(*this, members, n).run();
+}
+
+} // namespace ktl::codebook

@@ -1,0 +1,73 @@
+// The loops of tree codebooks: which of two seeds is nearer, and which pair of points is the farthest.
+//
+// Everything here works on points: float copies of the vectors, relative to one centre, `stride` floats each
+// (a multiple of 16, filled up with zeros). Results are sound, not exact: where float arithmetic cannot tell
+// what the distances themselves would say, the answer is "in doubt", and the caller asks the distances. So
+// every decision is the one of the distances, whatever the order of summation here.
+#pragma once
+
+namespace vsq {
+
+// The plane halfway between two seeds L and R. For a point p of length at most `reach`, the value
+//     v = |p - R|^2 - |p - L|^2 = p . normal + offset
+// is computed with an error below margin = base + reach * (slope + reach * curve), which also covers the
+// rounding of the two distances themselves. v < -margin: R is nearer. v > margin + lead + leadSlope * reach:
+// L is nearer, by a whole unit where distances are truncated to integers. Anything else, not-a-numbers
+// included, is in doubt.
+struct Plane {
+    float offset;
+    float base, slope, curve;
+    float lead, leadSlope;
+};
+
+// A tree of planes. Node k has the normal normals[k * stride], the plane planes[k], and its children are
+// children[k] (left) and children[k] + 1 (right). A leaf is its own left child, and its plane always says
+// left.
+struct PlaneTree {
+    int stride;
+    const float* normals;
+    const Plane* planes;
+    const int* children;
+    int parking; // a leaf where points in doubt are left standing
+};
+
+// Points for the farthest pair, transposed in blocks of 16: coordinate k of point i is
+// coordinates[(i / 16) * 16 * nDim + k * 16 + i % 16].
+constexpr int pointBlock = 16;
+
+struct TreeKernels {
+    // Writes one point: p[k] = src[k] - centre[k] for k < nDim, zeros up to stride. Returns the sum of its
+    // squares.
+    float (*pointOfFloats)(const float* src, const float* centre, int nDim, float* p, int stride);
+    float (*pointOfShorts)(const short* src, const float* centre, int nDim, float* p, int stride);
+
+    // sums[k] += src[k]
+    void (*addFloats)(const float* src, double* sums, int nDim);
+    void (*addShorts)(const short* src, double* sums, int nDim);
+
+    // For the n points points[members[i] * stride]: labels[i] becomes 'L', 'R', or '?' in doubt.
+    void (*sides)(const float* points, const float* reach, int stride, const int* members, int n,
+                  const float* normal, const Plane* plane, char* labels);
+
+    // Takes 8 points, one after the other with their reaches, from nodes[i] down to a leaf; a point in doubt
+    // at node k ends as ~k.
+    void (*descend)(const PlaneTree* tree, const float* points, const float* reach, int* nodes);
+
+    // squares[i] = squared distance of points[members[i] * stride] from the point `from`.
+    void (*squaresFrom)(const float* points, int stride, const int* members, int n, const float* from,
+                        float* squares);
+
+    // Writes one block of the transposed form, of points[members[i] * stride] for 16 members.
+    void (*transposeBlock)(const float* points, int stride, const int* members, int nDim, float* block);
+
+    // The first block from `block` on, below `end`, with a point whose squared distance from p is not below
+    // `limit`; `end` if there is none. masks[0] has a bit for each such point of the block, masks[1] one for
+    // each whose squared distance is not below `above` either.
+    int (*nextFar)(const float* p, const float* coordinates, int nDim, int block, int end, float limit,
+                   float above, unsigned* masks);
+};
+VSQ_DECLARE_LEVELS(TreeKernels, treeKernels)
+
+constexpr int descendGroup = 8; // points that `descend` takes at a time
+
+} // namespace vsq

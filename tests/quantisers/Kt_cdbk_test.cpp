@@ -1,0 +1,790 @@
+#include "Kt_cdbk.h"
+#include "Kt_cdbk_points.h"
+#include "support/alloc_faults.h"
+#include "support/every_level.h"
+#include "support/guarded.h"
+#include "support/reports.h"
+#include "vsq.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <random>
+
+namespace {
+
+constexpr int largest = KT_CB_EUCLID | KT_CB_SPLIT_LARGEST;
+constexpr int widest = KT_CB_EUCLID | KT_CB_SPLIT_WIDEST;
+constexpr const char* source = "..\\_LIBSRC\\Kt_cdbk";
+
+// --- both flavours under one name ---
+
+template <class T>
+constexpr bool isFloat = std::is_same_v<T, float>;
+
+double distanceOf(const float* a, const float* b, int n) {
+    return vsqsNorm(a, b, n, VSQ_NormRoot);
+}
+int distanceOf(const short* a, const short* b, int n) {
+    return vsqwNormExt(a, b, n, VSQ_NormRoot, 0, nullptr);
+}
+
+KTCodebook* make(float** rows, int* labels, int n, int nDim, int nSize, int flags) {
+    return KTsMakeCodebook(rows, labels, n, nDim, nSize, flags);
+}
+KTCodebook* make(short** rows, int* labels, int n, int nDim, int nSize, int flags) {
+    return KTwMakeCodebook(rows, labels, n, nDim, nSize, flags);
+}
+
+double quantise(KTCodebook* codebook, float** rows, int* index, int n, int nDim) {
+    double distortion = -1;
+    KTsVQCodebook(codebook, rows, index, n, nDim, &distortion);
+    return distortion;
+}
+double quantise(KTCodebook* codebook, short** rows, int* index, int n, int nDim) {
+    int distortion = -1;
+    KTwVQCodebook(codebook, rows, index, n, nDim, &distortion, KT_NoScale, nullptr);
+    return distortion;
+}
+
+double spreadOf(const KTCluster& cluster, float) {
+    return cluster.spread.wide;
+}
+double spreadOf(const KTCluster& cluster, short) {
+    return cluster.spread.halves[0];
+}
+
+struct Freed {
+    void operator()(KTCodebook* codebook) const { KT_FreeCodebook(codebook); }
+};
+using Codebook = std::unique_ptr<KTCodebook, Freed>;
+
+template <class T>
+struct Rows {
+    Rows() = default;
+    Rows(std::initializer_list<std::vector<T>> values) : Rows(std::vector<std::vector<T>>(values)) {}
+    explicit Rows(std::vector<std::vector<T>> values) : rows(std::move(values)) {
+        for (auto& row : rows)
+            pointers.push_back(row.data());
+    }
+    int count() const { return int(rows.size()); }
+    int nDim() const { return int(rows.front().size()); }
+    T** get() { return pointers.data(); }
+
+    std::vector<std::vector<T>> rows;
+    std::vector<T*> pointers;
+};
+
+template <class T>
+Codebook train(Rows<T>& set, int nSize, int flags, int* labels = nullptr) {
+    return Codebook(make(set.get(), labels, set.count(), set.nDim(), nSize, flags));
+}
+
+// --- the plain form of it all ---
+
+template <class T>
+struct Leaf {
+    std::vector<int> members;
+    std::vector<T> centroid;
+    double spread = 0;
+    int far1 = 0, far2 = 0, cell = 0, count = 0, level = 1;
+    unsigned node = 1;
+    std::unique_ptr<Leaf> left, right;
+};
+
+template <class T>
+struct Reference {
+    using Node = Leaf<T>;
+    Rows<T>& set;
+    int nDim;
+    Node root;
+    int depth = 0, status = 0;
+    std::vector<int> labels;
+    std::vector<const Node*> cells;
+
+    explicit Reference(Rows<T>& rows) : set(rows), nDim(rows.nDim()) {}
+
+    double between(const T* a, const T* b) const { return distanceOf(a, b, nDim); }
+
+    void farthest(Node& node) const {
+        node.count = int(node.members.size());
+        double best = 0;
+        for (int a = 0; a < node.count; ++a)
+            for (int b = a + 1; b < node.count; ++b) {
+                const double d = between(set.pointers[std::size_t(node.members[std::size_t(a)])],
+                                         set.pointers[std::size_t(node.members[std::size_t(b)])]);
+                if (d > best) {
+                    best = d;
+                    node.far1 = a;
+                    node.far2 = b;
+                }
+            }
+        node.spread = best;
+    }
+
+    std::vector<T> mean(const std::vector<int>& members) const {
+        std::vector<T> result;
+        for (int k = 0; k < nDim; ++k) {
+            double sum = 0;
+            for (int m : members)
+                sum += set.rows[std::size_t(m)][std::size_t(k)];
+            if constexpr (isFloat<T>)
+                result.push_back(float(sum) / float(members.size()));
+            else
+                result.push_back(members.empty() ? short(0) : short(int(sum / double(members.size()))));
+        }
+        return result;
+    }
+
+    void divide(const Node& node, const T* leftSeed, const T* rightSeed, std::vector<int>& left,
+                std::vector<int>& right) const {
+        left.clear();
+        right.clear();
+        for (int m : node.members) {
+            const T* row = set.pointers[std::size_t(m)];
+            const double dL = between(row, leftSeed), dR = between(row, rightSeed);
+            (dR <= dL ? right : left).push_back(m);
+        }
+    }
+
+    void split(Node& node) const {
+        node.left = std::make_unique<Node>();
+        node.right = std::make_unique<Node>();
+        Node &l = *node.left, &r = *node.right;
+        const T* a = set.pointers[std::size_t(node.members[std::size_t(node.far1)])];
+        const T* b = set.pointers[std::size_t(node.members[std::size_t(node.far2)])];
+        divide(node, a, b, l.members, r.members);
+        l.centroid = mean(l.members);
+        r.centroid = mean(r.members);
+        divide(node, l.centroid.data(), r.centroid.data(), l.members, r.members);
+        farthest(l);
+        farthest(r);
+        node.members.clear();
+        l.level = r.level = node.level + 1;
+        l.node = 2 * node.node;
+        r.node = l.node + 1;
+    }
+
+    template <class Visit>
+    static void eachLeaf(Node& node, const Visit& visit) {
+        if (!node.left) return visit(node);
+        eachLeaf(*node.left, visit);
+        eachLeaf(*node.right, visit);
+    }
+
+    void train(int nSize, int flags) {
+        for (int i = 0; i < set.count(); ++i)
+            root.members.push_back(i);
+        farthest(root);
+        root.centroid = mean(root.members);
+        for (int i = 1; i < nSize; ++i) {
+            Node* best = nullptr;
+            double most = 0;
+            eachLeaf(root, [&](Node& leaf) {
+                const double size = flags & KT_CB_SPLIT_LARGEST ? leaf.count : leaf.spread;
+                if (size > most) {
+                    most = size;
+                    best = &leaf;
+                }
+            });
+            if (best == nullptr) {
+                status = KT_StsBadArg;
+                return;
+            }
+            split(*best);
+        }
+        labels.assign(set.rows.size(), 0);
+        eachLeaf(root, [&](Node& leaf) {
+            cells.push_back(&leaf);
+            leaf.cell = int(cells.size());
+            depth = std::max(depth, leaf.level);
+            for (int m : leaf.members)
+                labels[std::size_t(m)] = leaf.cell;
+        });
+    }
+
+    const Node& quantise(const T* row) const {
+        const Node* node = &root;
+        while (node->left) {
+            const double dL = between(row, node->left->centroid.data());
+            const double dR = between(row, node->right->centroid.data());
+            node = dR <= dL ? node->right.get() : node->left.get();
+        }
+        return *node;
+    }
+};
+
+template <class T>
+bool sameBits(T a, T b) {
+    return a == b || (a != a && b != b);
+}
+
+template <class T>
+void expectSameTree(const KTCluster* got, const Leaf<T>& want) {
+    ASSERT_NE(got, nullptr);
+    EXPECT_EQ(spreadOf(*got, T()), want.spread);
+    EXPECT_EQ(got->iFar1, want.far1);
+    EXPECT_EQ(got->iFar2, want.far2);
+    EXPECT_EQ(got->nMembers, want.count);
+    EXPECT_EQ(unsigned(got->node), want.node);
+    const T* centroid = static_cast<const T*>(got->pCentroid);
+    for (std::size_t k = 0; k < want.centroid.size(); ++k)
+        ASSERT_TRUE(sameBits(centroid[k], want.centroid[k])) << "element " << k << " of node " << want.node;
+    ASSERT_EQ(got->isLeaf != 0, want.left == nullptr);
+    if (want.left) {
+        EXPECT_EQ(got->pMembers, nullptr);
+        expectSameTree(got->pLeft, *want.left);
+        expectSameTree(got->pRight, *want.right);
+        return;
+    }
+    EXPECT_EQ(got->cell, want.cell);
+    EXPECT_EQ(got->pLeft, nullptr);
+    EXPECT_EQ(got->pRight, nullptr);
+    for (int i = 0; i < want.count; ++i)
+        ASSERT_EQ(got->pMembers[i], want.members[std::size_t(i)]);
+}
+
+// Trains and quantises, and compares with the plain form.
+template <class T>
+void expectAsPlain(Rows<T>& set, int nSize, int flags, Rows<T>* tested = nullptr) {
+    support::CapturedReports reports;
+    Reference<T> plain(set);
+    plain.train(nSize, flags);
+    support::Guarded<int> labels(set.rows.size(), -7);
+    Codebook codebook = train(set, nSize, flags, labels.data());
+    EXPECT_TRUE(labels.intact());
+    if (plain.status != 0) {
+        EXPECT_EQ(codebook, nullptr);
+        EXPECT_EQ(KTGetStatus(), plain.status);
+        return;
+    }
+    ASSERT_NE(codebook, nullptr);
+    EXPECT_EQ(labels.values(), plain.labels);
+    EXPECT_EQ(codebook->depth, plain.depth);
+    EXPECT_EQ(codebook->nSize, nSize);
+    EXPECT_EQ(codebook->nDim, set.nDim());
+    expectSameTree(codebook->pRoot, plain.root);
+    for (std::size_t c = 0; c < plain.cells.size(); ++c)
+        EXPECT_TRUE(
+            sameBits(static_cast<const T*>(codebook->ppCentroids[c])[0], plain.cells[c]->centroid[0]));
+
+    Rows<T>& rows = tested != nullptr ? *tested : set;
+    support::Guarded<int> index(rows.rows.size(), -7);
+    const double distortion = quantise(codebook.get(), rows.get(), index.data(), rows.count(), rows.nDim());
+    double total = 0;
+    for (int i = 0; i < rows.count(); ++i) {
+        const auto& leaf = plain.quantise(rows.pointers[std::size_t(i)]);
+        ASSERT_EQ(index[std::size_t(i)], leaf.cell) << "vector " << i;
+        total += plain.between(rows.pointers[std::size_t(i)], leaf.centroid.data());
+    }
+    total /= rows.count();
+    EXPECT_TRUE(sameBits(distortion, isFloat<T> ? total : std::trunc(total))) << distortion << total;
+    EXPECT_TRUE(index.intact());
+    EXPECT_EQ(reports.count(), 0u);
+}
+
+// --- sets of vectors ---
+
+using Random = std::mt19937;
+
+template <class T>
+Rows<T> fill(int n, int nDim, const std::function<double(int, int)>& value) {
+    std::vector<std::vector<T>> rows(static_cast<std::size_t>(n),
+                                     std::vector<T>(static_cast<std::size_t>(nDim)));
+    for (int i = 0; i < n; ++i)
+        for (int k = 0; k < nDim; ++k)
+            rows[std::size_t(i)][std::size_t(k)] = static_cast<T>(value(i, k));
+    return Rows<T>(std::move(rows));
+}
+
+constexpr int kinds = 8;
+
+// Kinds of sets, most of them full of equal distances.
+template <class T>
+Rows<T> someSet(int kind, int n, int nDim, Random& random) {
+    std::normal_distribution<double> normal;
+    const double unit = isFloat<T> ? 1 : 1000;
+    const auto integer = [&](int most) { return double(random() % unsigned(most + 1)); };
+    switch (kind) {
+    case 0: // a cloud
+        return fill<T>(n, nDim, [&](int, int) { return unit * normal(random); });
+    case 1: // small integers: a grid
+        return fill<T>(n, nDim, [&](int, int) { return integer(3); });
+    case 2: // corners of a cube
+        return fill<T>(n, nDim, [&](int, int) { return 100 * integer(1); });
+    case 3: { // few distinct vectors, each many times
+        Rows<T> few = fill<T>(5, nDim, [&](int, int) { return unit * normal(random); });
+        std::vector<std::vector<T>> rows;
+        for (int i = 0; i < n; ++i)
+            rows.push_back(few.rows[random() % 5]);
+        return Rows<T>(std::move(rows));
+    }
+    case 4: // a cloud far from the origin
+        return fill<T>(n, nDim, [&](int, int) { return 20 * unit + unit * 0.1 * normal(random); });
+    case 5: // clouds in two places and an outlier
+        return fill<T>(n, nDim, [&](int i, int) {
+            return i == n / 2 ? 30 * unit : unit * (i % 2) * 5 + unit * normal(random);
+        });
+    case 6: { // on a sphere: radii tell nothing
+        Rows<T> rows = fill<T>(n, nDim, [&](int, int) { return 0; });
+        for (auto& row : rows.rows) {
+            std::vector<double> direction;
+            double length = 0;
+            for (int k = 0; k < nDim; ++k) {
+                direction.push_back(normal(random));
+                length += direction.back() * direction.back();
+            }
+            for (int k = 0; k < nDim; ++k)
+                row[std::size_t(k)] =
+                    static_cast<T>(10 * unit * direction[std::size_t(k)] / std::sqrt(length));
+        }
+        return rows;
+    }
+    default: // extremes
+        return fill<T>(n, nDim, [&](int, int) {
+            return isFloat<T> ? (integer(1) - 0.5) * 6e38 : integer(1) * 65535 - 32768;
+        });
+    }
+}
+
+template <class T>
+class Tree : public testing::Test {};
+using Flavours = testing::Types<float, short>;
+TYPED_TEST_SUITE(Tree, Flavours);
+
+// --- against the plain form ---
+
+TYPED_TEST(Tree, EqualsThePlainForm) {
+    Random random(1);
+    for (int round = 0; round < 160; ++round) {
+        const int kind = round % kinds, n = 1 + int(random() % 200), nDim = 1 + int(random() % 20);
+        const int nSize = 1 + int(random() % 24), flags = round / kinds % 2 ? largest : widest;
+        SCOPED_TRACE(testing::Message()
+                     << "kind " << kind << " n " << n << " nDim " << nDim << " nSize " << nSize);
+        Rows<TypeParam> set = someSet<TypeParam>(kind, n, nDim, random);
+        Rows<TypeParam> tested = someSet<TypeParam>(kind, 100, nDim, random);
+        expectAsPlain(set, nSize, flags);
+        expectAsPlain(set, nSize, flags, &tested);
+        if (this->HasFatalFailure()) return;
+    }
+}
+
+TYPED_TEST(Tree, IsTheSameOnEveryLevel) {
+    Random random(2);
+    for (int kind = 0; kind < kinds; ++kind) {
+        Rows<TypeParam> set = someSet<TypeParam>(kind, 150, 13, random);
+        support::onEveryLevel([&] { expectAsPlain(set, 16, largest); });
+    }
+}
+
+TYPED_TEST(Tree, TakesVectorsOfAnyLength) {
+    Random random(3);
+    for (int nDim : {1, 15, 16, 17, 64, 65, 100, 101, 300}) {
+        SCOPED_TRACE(nDim);
+        Rows<TypeParam> set = someSet<TypeParam>(0, 40, nDim, random);
+        expectAsPlain(set, 6, widest);
+        Rows<TypeParam> grid = someSet<TypeParam>(1, 40, nDim, random);
+        expectAsPlain(grid, 6, largest);
+    }
+}
+
+TYPED_TEST(Tree, TakesFewerVectorsThanElements) {
+    Random random(4);
+    Rows<TypeParam> set = someSet<TypeParam>(0, 3, 50, random);
+    expectAsPlain(set, 3, widest);
+}
+
+TEST(TreeFloat, HoldsForTinyHugeAndMissingNumbers) {
+    Random random(5);
+    const double scales[] = {1e-44, 1e-38, 1e-30, 1e-20, 1e14, 1e16, 1e19, 1e30};
+    for (double scale : scales) {
+        SCOPED_TRACE(scale);
+        std::normal_distribution<double> normal;
+        Rows<float> set = fill<float>(60, 5, [&](int, int) { return scale * normal(random); });
+        expectAsPlain(set, 8, widest);
+        Rows<float> mixed =
+            fill<float>(60, 5, [&](int i, int) { return (i % 7 ? 1 : scale) * normal(random); });
+        expectAsPlain(mixed, 8, widest);
+    }
+    for (double odd : {double(std::numeric_limits<float>::infinity()), std::nan("")}) {
+        std::normal_distribution<double> normal;
+        Rows<float> set =
+            fill<float>(60, 5, [&](int i, int k) { return i == 20 && k == 3 ? odd : normal(random); });
+        expectAsPlain(set, 8, largest);
+    }
+}
+
+// --- the farthest pair alone ---
+
+template <class T>
+double rowDistance(const ktl::codebook::Vectors& v, int a, int b) {
+    const auto* const* rows = static_cast<const T* const*>(v.ppVectors);
+    return distanceOf(rows[a], rows[b], v.nDim);
+}
+
+TYPED_TEST(Tree, FarthestPairIsTheFirstOneOfTheDoubleLoop) {
+    using T = TypeParam;
+    Random random(6);
+    int ties = 0;
+    for (int round = 0; round < 480; ++round) {
+        const int kind = round % kinds, n = 2 + int(random() % 300), nDim = 1 + int(random() % 16);
+        Rows<T> set = someSet<T>(kind, n, nDim, random);
+        std::vector<int> members; // a list out of order, not of all
+        for (int i = 0; i < n; ++i)
+            if (random() % 8 != 0) members.push_back(i);
+        std::shuffle(members.begin(), members.end(), random);
+        Reference<T> plain(set);
+        Leaf<T> want;
+        want.members = members;
+        plain.farthest(want);
+
+        const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<T>, isFloat<T> ? 0. : 1.};
+        ktl::codebook::Points points;
+        ASSERT_TRUE(points.take(vectors, set.get(), set.get()[0]));
+        const auto got = points.farthest(members.data(), int(members.size()));
+        ASSERT_EQ(got.spread, want.spread) << "round " << round;
+        ASSERT_EQ(got.first, want.far1) << "round " << round;
+        ASSERT_EQ(got.second, want.far2) << "round " << round;
+        for (std::size_t a = 0; a < members.size() && want.spread > 0; ++a)
+            for (std::size_t b = a + 1; b < members.size(); ++b)
+                ties += rowDistance<T>(vectors, members[a], members[b]) == want.spread;
+    }
+    EXPECT_GT(ties, 4800); // the sets are full of them
+}
+
+TYPED_TEST(Tree, FarthestPairOfManyEqualVectorsIsQuick) { // a plain loop over 2 * 10^10 pairs would time out
+    using T = TypeParam;
+    const int n = 200000;
+    std::vector<T> one(13, T(7)), other(13, T(9)), middle(13, T(8));
+    std::vector<T*> rows(std::size_t(n), one.data());
+    const ktl::codebook::Vectors vectors{rows.data(), n, 13, rowDistance<T>, isFloat<T> ? 0. : 1.};
+    std::vector<int> members;
+    for (int i = 0; i < n; ++i)
+        members.push_back(i);
+    ktl::codebook::Points points;
+    ASSERT_TRUE(points.take(vectors, rows.data(), middle.data()));
+    EXPECT_EQ(points.farthest(members.data(), n).second, 0);
+    for (int i = 3; i < n; i += 2)
+        rows[std::size_t(i)] = other.data();
+    ASSERT_TRUE(points.take(vectors, rows.data(), middle.data()));
+    const auto pair = points.farthest(members.data(), n);
+    EXPECT_EQ(pair.first, 0);
+    EXPECT_EQ(pair.second, 3);
+}
+
+// --- edge cases ---
+
+TYPED_TEST(Tree, OneCellIsTheRoot) {
+    Rows<TypeParam> set{{1, 2}, {3, 4}, {5, 9}};
+    for (int nSize : {1, 0, -3}) {
+        int labels[3] = {};
+        Codebook codebook = train(set, nSize, widest, labels);
+        ASSERT_NE(codebook, nullptr);
+        EXPECT_EQ(codebook->depth, 1);
+        EXPECT_EQ(labels[0], 1);
+        EXPECT_EQ(labels[1], 1);
+        EXPECT_EQ(labels[2], 1);
+        int index[3] = {};
+        quantise(codebook.get(), set.get(), index, 3, 2);
+        EXPECT_EQ(index[0], 1);
+        EXPECT_EQ(index[2], 1);
+    }
+}
+
+TYPED_TEST(Tree, FreeingAOneCellCodebookFreesTheRootsMembers) {
+    const long before = support::alloc::liveBlocks();
+    {
+        Rows<TypeParam> set{{1, 2}, {3, 4}, {5, 9}};
+        train(set, 1, largest);
+    }
+    EXPECT_EQ(support::alloc::liveBlocks(), before);
+    KT_FreeCodebook(nullptr);
+}
+
+TYPED_TEST(Tree, TwoCellsHaveDepthTwo) {
+    Rows<TypeParam> set{{0}, {1}, {10}, {11}};
+    int labels[4] = {};
+    Codebook codebook = train(set, 2, widest, labels);
+    ASSERT_NE(codebook, nullptr);
+    EXPECT_EQ(codebook->depth, 2);
+    EXPECT_EQ(std::vector<int>(labels, labels + 4), (std::vector<int>{1, 1, 2, 2}));
+    EXPECT_EQ(codebook->flags, isFloat<TypeParam> ? 5 : 6);
+}
+
+TYPED_TEST(Tree, WidestFailsWhenNoLeafHasAnySpread) {
+    support::CapturedReports reports;
+    Rows<TypeParam> set{{1}, {5}, {1}, {5}, {1}};
+    const long before = support::alloc::liveBlocks();
+    EXPECT_NE(train(set, 2, widest), nullptr);
+    EXPECT_EQ(reports.count(), 0u);
+    EXPECT_EQ(train(set, 3, widest), nullptr);
+    ASSERT_EQ(reports.count(), 1u);
+    EXPECT_EQ(reports[0].status, KT_StsBadArg);
+    EXPECT_EQ(reports[0].message, "codebook of given size can not be constructed");
+    EXPECT_EQ(reports[0].function, isFloat<TypeParam> ? "KTsMakeCodebook" : "KTwMakeCodebook");
+    EXPECT_EQ(reports[0].source, source);
+    EXPECT_EQ(KTGetStatus(), KT_StsBadArg);
+    Rows<TypeParam> single{{3, 4}};
+    EXPECT_EQ(train(single, 2, widest), nullptr);
+    EXPECT_EQ(reports.count(), 2u);
+    EXPECT_EQ(support::alloc::liveBlocks(), before);
+}
+
+TYPED_TEST(Tree, LargestGoesOnWithEmptyLeaves) {
+    Rows<TypeParam> set{{1, 1}, {5, 1}, {1, 1}, {5, 1}, {1, 1}};
+    expectAsPlain(set, 3, largest);
+    expectAsPlain(set, 7, largest);
+    int labels[5] = {};
+    Codebook codebook = train(set, 7, largest, labels);
+    ASSERT_NE(codebook, nullptr);
+    EXPECT_EQ(labels[0], labels[2]);
+    EXPECT_EQ(labels[0], labels[4]);
+    EXPECT_EQ(labels[1], labels[3]);
+    EXPECT_NE(labels[0], labels[1]);
+}
+
+TYPED_TEST(Tree, LargestWinsOverWidest) {
+    Random random(7);
+    Rows<TypeParam> set = someSet<TypeParam>(5, 80, 3, random);
+    Codebook one = train(set, 9, largest), both = train(set, 9, largest | KT_CB_SPLIT_WIDEST);
+    Codebook other = train(set, 9, widest);
+    std::vector<int> a(80), b(80), c(80);
+    quantise(one.get(), set.get(), a.data(), 80, 3);
+    quantise(both.get(), set.get(), b.data(), 80, 3);
+    quantise(other.get(), set.get(), c.data(), 80, 3);
+    EXPECT_EQ(a, b);
+    EXPECT_NE(a, c);
+}
+
+TYPED_TEST(Tree, WithoutAFlagThatChoosesTwoCellsAreTheMost) {
+    support::CapturedReports reports;
+    Rows<TypeParam> set{{0}, {1}, {10}, {11}};
+    EXPECT_NE(train(set, 2, KT_CB_EUCLID), nullptr);
+    EXPECT_EQ(train(set, 3, KT_CB_EUCLID), nullptr);
+    ASSERT_EQ(reports.count(), 1u);
+    EXPECT_EQ(reports[0].status, KT_StsBadArg);
+    EXPECT_EQ(reports[0].message, "codebook of given size can not be constructed");
+}
+
+TYPED_TEST(Tree, RefusesToStartWithoutADistance) {
+    support::CapturedReports reports;
+    Rows<TypeParam> set{{0}, {1}};
+    EXPECT_EQ(train(set, 2, KT_CB_SPLIT_WIDEST), nullptr);
+    ASSERT_EQ(reports.count(), 1u);
+    EXPECT_EQ(reports[0].status, KT_StsBadArg);
+    EXPECT_EQ(reports[0].message, "No distance is choosen in input flags.");
+    EXPECT_EQ(reports[0].function, isFloat<TypeParam> ? "KTsMakeCodebook" : "KTwMakeCodebook");
+    EXPECT_EQ(reports[0].source, source);
+}
+
+TYPED_TEST(Tree, RefusesVectorsWithoutElements) {
+    support::CapturedReports reports;
+    Rows<TypeParam> set{{0}, {1}};
+    EXPECT_EQ(make(set.get(), nullptr, 2, 0, 2, widest), nullptr);
+    EXPECT_EQ(reports.count(), 1u);
+    EXPECT_EQ(KTGetStatus(), KT_StsBadArg);
+    Codebook codebook = train(set, 2, widest);
+    int index[2] = {9, 9};
+    quantise(codebook.get(), set.get(), index, 2, 0);
+    EXPECT_EQ(index[0], 0);
+    EXPECT_EQ(reports.count(), 2u);
+}
+
+TYPED_TEST(Tree, NoVectorsMakeOneEmptyCell) {
+    support::CapturedReports reports;
+    for (int n : {0, -5}) {
+        Codebook codebook(make(static_cast<TypeParam**>(nullptr), nullptr, n, 3, 1, largest));
+        ASSERT_NE(codebook, nullptr);
+        EXPECT_EQ(codebook->pRoot->nMembers, 0);
+        EXPECT_EQ(make(static_cast<TypeParam**>(nullptr), nullptr, n, 3, 2, widest), nullptr);
+        EXPECT_EQ(make(static_cast<TypeParam**>(nullptr), nullptr, n, 3, 3, largest), nullptr);
+    }
+    EXPECT_EQ(reports.count(), 4u);
+}
+
+TYPED_TEST(Tree, AVectorMidwayGoesRightAtEveryLevel) {
+    Rows<TypeParam> set{{0}, {8}, {16}, {24}};
+    Codebook codebook = train(set, 4, largest);
+    ASSERT_NE(codebook, nullptr);
+    Rows<TypeParam> midway{{12}, {4}, {20}}; // between 4 and 20, between 0 and 8, between 16 and 24
+    int index[3] = {};
+    quantise(codebook.get(), midway.get(), index, 3, 1);
+    EXPECT_EQ(index[0], 3); // right at the root; 12 is nearer to 16 then
+    EXPECT_EQ(index[1], 2);
+    EXPECT_EQ(index[2], 4);
+}
+
+TYPED_TEST(Tree, NullLabelsAndNullIndexAreAccepted) {
+    Random random(8);
+    Rows<TypeParam> set = someSet<TypeParam>(0, 30, 4, random);
+    Codebook codebook = train(set, 5, widest);
+    ASSERT_NE(codebook, nullptr);
+    std::vector<int> index(30);
+    const double with = quantise(codebook.get(), set.get(), index.data(), 30, 4);
+    EXPECT_EQ(quantise(codebook.get(), set.get(), nullptr, 30, 4), with);
+    EXPECT_GT(with, 0);
+}
+
+TYPED_TEST(Tree, QuantisingNothingGivesNoDistortion) {
+    support::CapturedReports reports;
+    Rows<TypeParam> set{{0}, {8}};
+    Codebook codebook = train(set, 2, widest);
+    EXPECT_EQ(quantise(codebook.get(), set.get(), nullptr, 0, 1), 0);
+    EXPECT_EQ(quantise(codebook.get(), set.get(), nullptr, -1, 1), 0);
+    EXPECT_EQ(reports.count(), 0u);
+}
+
+TYPED_TEST(Tree, AnIncompleteDescentGivesIndexZeroAndOneReport) {
+    support::CapturedReports reports;
+    Rows<TypeParam> set{{0}, {1}, {100}, {140}, {200}};
+    Codebook codebook = train(set, 4, widest);
+    ASSERT_NE(codebook, nullptr);
+    std::vector<int> whole(5), cut(5, -1);
+    quantise(codebook.get(), set.get(), whole.data(), 5, 1);
+    const int depth = codebook->depth;
+    codebook->depth = depth - 1; // as if the record had been damaged
+    quantise(codebook.get(), set.get(), cut.data(), 5, 1);
+    int zeros = 0;
+    for (std::size_t i = 0; i < 5; ++i) {
+        EXPECT_TRUE(cut[i] == 0 || cut[i] == whole[i]);
+        zeros += cut[i] == 0;
+    }
+    EXPECT_GT(zeros, 0);
+    EXPECT_LT(zeros, 5);
+    ASSERT_EQ(reports.count(), 1u);
+    EXPECT_EQ(reports[0].status, KT_StsBadArg);
+    EXPECT_EQ(reports[0].message, "VQ is not performed for some input vectors.");
+    EXPECT_EQ(reports[0].function, "KTsVQCodebook"); // in both flavours
+    EXPECT_EQ(reports[0].source, source);
+    codebook->depth = depth;
+}
+
+TYPED_TEST(Tree, OnlyACompleteCodebookOfTheFlavourQuantises) {
+    support::CapturedReports reports;
+    Rows<TypeParam> set{{0}, {8}};
+    Codebook codebook = train(set, 2, widest);
+    int index[2] = {9, 9};
+    const int complete = codebook->flags;
+    for (int flags : {1, 2, complete == 5 ? 6 : 5}) {
+        codebook->flags = flags;
+        index[0] = index[1] = 9;
+        EXPECT_EQ(quantise(codebook.get(), set.get(), index, 2, 1), 0);
+        EXPECT_EQ(index[0], 0);
+        EXPECT_EQ(index[1], 0);
+    }
+    quantise(nullptr, set.get(), index, 2, 1);
+    EXPECT_EQ(reports.count(), 4u);
+}
+
+TYPED_TEST(Tree, ShorterAndLongerVectorsStayInsideTheCentroids) {
+    Random random(9);
+    Rows<TypeParam> set = someSet<TypeParam>(0, 30, 4, random);
+    Rows<TypeParam> longer = someSet<TypeParam>(0, 30, 40, random);
+    Codebook codebook = train(set, 5, widest);
+    std::vector<int> whole(30), more(30), less(30);
+    quantise(codebook.get(), longer.get(), whole.data(), 30, 4);
+    quantise(codebook.get(), longer.get(), more.data(), 30, 40);
+    EXPECT_EQ(whole, more);
+    quantise(codebook.get(), set.get(), less.data(), 30, 2);
+    for (int cell : less)
+        EXPECT_TRUE(cell >= 1 && cell <= 5);
+}
+
+TYPED_TEST(Tree,
+           SurvivesADegenerateTree) { // every split makes one empty leaf: a tree as deep as it has cells
+    std::vector<TypeParam> row(3, TypeParam(5));
+    std::vector<TypeParam*> rows(4, row.data());
+    Codebook codebook(make(rows.data(), nullptr, 4, 3, 3000, largest));
+    ASSERT_NE(codebook, nullptr);
+    EXPECT_EQ(codebook->depth, 3000);
+    int index[4] = {};
+    quantise(codebook.get(), rows.data(), index, 4, 3);
+    EXPECT_GE(index[0], 1);
+}
+
+TYPED_TEST(Tree, EveryFailedAllocationIsReportedAndNothingIsLost) {
+    for (int nDim : {3, 70}) {
+        Random random(10);
+        Rows<TypeParam> set = someSet<TypeParam>(0, 60, nDim, random);
+        std::vector<int> labels(60);
+        support::CapturedReports reports;
+        Codebook codebook;
+        std::string texts;
+        texts.reserve(4096);
+        const long before = support::alloc::liveBlocks();
+        const int failures = support::alloc::failEach(
+            [&] { codebook.reset(make(set.get(), labels.data(), 60, nDim, 4, widest)); },
+            [&] {
+                EXPECT_EQ(codebook, nullptr);
+                EXPECT_EQ(KTGetStatus(), KT_StsNoMem);
+                ASSERT_EQ(reports.count(), 1u);
+                EXPECT_EQ(reports[0].status, KT_StsNoMem);
+                const bool isStart = reports[0].message == "insufficiency of memory for pointer  codebook";
+                EXPECT_TRUE(isStart || reports[0].message == "codebook of given size can not be constructed");
+                texts += isStart ? 's' : 'c';
+                reports.clear();
+                EXPECT_EQ(support::alloc::liveBlocks(), before);
+            });
+        EXPECT_NE(codebook, nullptr);
+        EXPECT_EQ(texts.front(), 's');
+        EXPECT_EQ(texts.back(), 'c');
+        EXPECT_GT(failures, 20);
+        KTSetStatus(0);
+    }
+}
+
+// --- the scale of the fixed flavour ---
+
+TEST(TreeFixed, DistortionGoesThroughTheScaleTwice) {
+    Rows<short> set{{0, 0}, {0, 10}, {1000, 0}, {1000, 10}};
+    Codebook codebook = train(set, 2, widest);
+    ASSERT_NE(codebook, nullptr);
+    Rows<short> tested{{0, 305}, {1000, 505}}; // 300 and 500 from the centroids (0, 5) and (1000, 5)
+    int index[2] = {}, distortion = 0;
+    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_NoScale, nullptr);
+    EXPECT_EQ(distortion, 400);
+
+    int scale = 2; // the kernels see no scale here, only the mean is scaled
+    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_FixedScale, &scale);
+    EXPECT_EQ(distortion, 100);
+    EXPECT_EQ(scale, 2);
+
+    scale = 1; // the kernels' fixed scale shifts each distance; the mean finds a scale of its own
+    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_AutoScale, &scale);
+    EXPECT_EQ(scale, 8 - 31);
+    EXPECT_EQ(distortion, 200 << 23);
+
+    scale = 1; // both: each distance is shifted, the mean saturates
+    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_Saturate, &scale);
+    EXPECT_EQ(distortion, 200);
+    EXPECT_EQ(index[0], 1);
+    EXPECT_EQ(index[1], 2);
+}
+
+TEST(TreeFixed, AScaleThatMakesDistancesEqualSendsVectorsRight) {
+    Rows<short> set{{0}, {8}};
+    Codebook codebook = train(set, 2, widest);
+    Rows<short> tested{{0}};
+    int index = 0, distortion = 0, scale = 10;
+    KTwVQCodebook(codebook.get(), tested.get(), &index, 1, 1, &distortion, KT_Saturate, &scale);
+    EXPECT_EQ(index, 2);
+}
+
+TEST(TreeFixed, MeansAreTruncatedTowardZero) {
+    Rows<short> set{{-1, 1}, {-2, 2}, {30000, -30000}, {30001, -30001}};
+    Codebook codebook = train(set, 2, widest);
+    ASSERT_NE(codebook, nullptr);
+    const auto* left = static_cast<const short*>(codebook->ppCentroids[0]);
+    EXPECT_EQ(left[0], -1);
+    EXPECT_EQ(left[1], 1);
+    const auto* right = static_cast<const short*>(codebook->ppCentroids[1]);
+    EXPECT_EQ(right[0], 30000);
+    EXPECT_EQ(right[1], -30000);
+}
+
+} // namespace
