@@ -187,12 +187,11 @@ double vsqsNorm(const float* a, const float* b, int n, int flags);
 int vsqwNorm(const short* a, const short* b, int n, int flags);
 
 /* vsqwNorm with a scale. VSQ_FIXED_SCALE: the exact integer norm is shifted right by *scaleFactor, or left by
- * -*scaleFactor if that is negative, before it saturates; a quotient (also the 1 for a null b) is scaled before it is
- * truncated.
- * VSQ_AUTO_SCALE: *scaleFactor is set to the smallest right shift, 0 or more, under which the norm fits, and
- * the norm shifted by it. Refused, status -5, after the checks of vsqwNorm: "scaleMode & VSQ_FIXED_SCALE &&
- * scaleMode & VSQ_AUTO_SCALE", "scaleMode & VSQ_FIXED_SCALE && (scaleFactor==NULL)", "scaleMode &
- * VSQ_AUTO_SCALE && scaleFactor==NULL"; the result is then 0. */
+ * -*scaleFactor if that is negative, before it saturates; a quotient (also the 1 for a null b) is scaled
+ * before it is truncated. VSQ_AUTO_SCALE: *scaleFactor is set to the smallest right shift, 0 or more, under
+ * which the norm fits, and the norm shifted by it. Refused, status -5, after the checks of vsqwNorm:
+ * "scaleMode & VSQ_FIXED_SCALE && scaleMode & VSQ_AUTO_SCALE", "scaleMode & VSQ_FIXED_SCALE &&
+ * (scaleFactor==NULL)", "scaleMode & VSQ_AUTO_SCALE && scaleFactor==NULL"; the result is then 0. */
 int vsqwNormExt(const short* a, const short* b, int n, int flags, int scaleMode, int* scaleFactor);
 
 /* Autocorrelation: dst[k] is the sum of src[i] * src[i + k] for k from 0 to nLags - 1, in double, rounded
@@ -203,6 +202,75 @@ void vsqsAutoCorr(const float* src, int n, float* dst, int nLags, int type);
 
 /* ---- transforms: vsqffts, vsqfftw, vsqdct, vsqtwd
  * ------------------------------------------------------------- */
+
+/* The real transforms and their tables may run on several threads at once: a table is made by the first call
+ * that needs it and then only read. Only a release asks for care: call it while no other thread runs a
+ * transform. */
+
+/* Flags of the transforms. Exactly one of VSQ_Forw and VSQ_Inv, and exactly one of VSQ_RCPack and VSQ_RCPerm.
+ */
+#define VSQ_Forw 0x001    /* time to spectrum: X[k] = sum of x[n] exp(-2 pi i k n / N), not scaled */
+#define VSQ_Inv 0x002     /* spectrum to time, multiplied by 1 / N */
+#define VSQ_Init 0x004    /* only prepare the tables for this order */
+#define VSQ_Free 0x008    /* only release the tables for this order */
+#define VSQ_NoScale 0x010 /* VSQ_Inv without the factor 1 / N */
+#define VSQ_RCPack 0x100  /* spectrum as X[0], re X[1], im X[1], ..., re X[N/2 - 1], im X[N/2 - 1], X[N/2] */
+#define VSQ_RCPerm 0x200  /* spectrum as X[0], X[N/2], re X[1], im X[1], ..., re X[N/2 - 1], im X[N/2 - 1] */
+#define VSQ_RoundMode0 0x2000 /* vsqwRealFftl only, not both; results are truncated whichever is set */
+#define VSQ_RoundMode1 0x4000
+
+/* The transform of N = 2^order reals, in place or from inSamps to outSamps (which may be the same array;
+ * otherwise inSamps is left as it was). The spectrum, input of VSQ_Inv and output of VSQ_Forw, is packed into
+ * N floats. Relative root mean square error at most 1.5e-7 * sqrt(order); the same bits on every processor.
+ * VSQ_Free comes before everything else and needs nothing but the order; then the order is checked, then the
+ * tables are made; VSQ_Init returns here and needs no pointers. Refused, status -5, in this order: "order<0",
+ * "order>31", "samps==0" or "inSamps==0", "outSamps==0",
+ * "(flags & 1) && (flags & 2)", "(flags & 1)==0 && (flags & 2)==0", "(flags & 256) && (flags & 512)",
+ * "(flags & 256)==0 && (flags & 512)==0". When memory for tables or scratch runs out, all cached tables are
+ * released and the request is made once more; then -4 "No working Twd memory". Method: a complex transform of
+ * N/2 points and a split step; J. W. Cooley, P. A. W. Lewis, P. D. Welch, "The Fast Fourier Transform
+ * Algorithm: Programming Considerations in the Calculation of Sine, Cosine and Laplace Transforms", 1970; the
+ * radix passes order as they go, after T. G. Stockham (in W. T. Cochran et al., "What is the Fast Fourier
+ * Transform?", 1967). */
+void vsqsRealFftl(float* samps, int order, int flags);
+void vsqsRealFftlNip(const float* inSamps, float* outSamps, int order, int flags);
+
+/* The same in place on 16-bit values, the transform itself in float. Results are brought to 16 bits at the
+ * end: scaleMode 0 or 1: as they stand; VSQ_FIXED_SCALE: multiplied by 2^-*scaleFactor (a null scaleFactor
+ * counts as 0); VSQ_AUTO_SCALE: multiplied by 2^-s for the smallest s, 0 or more, under which none saturates,
+ * and *scaleFactor = s. Each is truncated toward zero and saturates at -32768 and 32767; nothing wraps. Order
+ * 0 and 1 work in integers of 32 bits, and VSQ_Inv shifts both sums of order 1 right by one, arithmetically,
+ * unless VSQ_NoScale is set. VSQ_Free also releases the float copy of the samples that is kept between calls.
+ * Refused, status -5, in this order: "order<0", "order>31", "(flags & 8192) && (flags & 16384)"; then,
+ * without VSQ_Init, "samps==0", the four flag texts above, "(scaleMode & 0x0002) && (scaleMode & 0x0004)",
+ * "scaleFactor==0" (with VSQ_AUTO_SCALE). -4 "No working memory" when memory ran out twice. If the float
+ * transform failed: -1 "out vsqsRealFftl VSQ_Init" or "out vsqsRealFftl calc. FFT". */
+void vsqwRealFftl(short* samps, int order, int flags, int scaleMode, int* scaleFactor);
+
+/* Release what the layer caches: the tables of vsqGetBitRevTbl and vsqcGetFftTwdTbl of all orders (pointers
+ * to them are then invalid); the working tables and the scratch of the float transforms; the float samples of
+ * the fixed-point transform. The next call that needs them makes them again. */
+void vsqFreeFftTbls(void);
+void vsqsFreeRealFftTbls(void);
+void vsqwFreeRealFftTbls(void);
+
+/* Flags of the discrete cosine transform: one of the first two, or VSQ_DctFree alone. */
+#define VSQ_DctForw 1
+#define VSQ_DctInv 2
+#define VSQ_DctFree 8
+
+/* The orthonormal DCT-II of n values (VSQ_DctForw), y[0] = sqrt(1/n) * sum of x[j] and y[k] = sqrt(2/n) * sum
+ * of x[j] cos(pi k (2j + 1) / (2n)), or its inverse (VSQ_DctInv). Any n; pSrc and pDst may be the same array.
+ * Powers of two from 64 on take an FFT, other lengths n * n / 2 multiplications by cosines that are kept for
+ * this n. The same bits on every processor. With flags equal to VSQ_DctFree all cached tables of both
+ * functions are released (while no other thread runs one), and the other arguments are ignored. Refused:
+ * "\nNull pointer to data buffer\n", "\nBad value of data buffer size\n" (n below 1), "\nBad value of the
+ * transform flag\n", status -5; "\nMemory allocation problem\n", status -4. */
+void vsqsDct(const float* pSrc, float* pDst, int n, int flags);
+
+/* The same on 16-bit values: computed in float from the integers, truncated toward zero, saturated to 16
+ * bits; nothing wraps. */
+void vsqwDct(const short* pSrc, short* pDst, int n, int flags);
 
 #ifdef __cplusplus
 }

@@ -20,6 +20,8 @@ namespace {
         .dotp = &level::dotProductKernels,                                                                   \
         .dotpw = &level::wordDotProductKernels,                                                              \
         .corr = &level::corrKernels,                                                                         \
+        .dct = &level::dctKernels,                                                                           \
+        .ffts = &level::fftsKernels,                                                                         \
         .mahal = &level::mahalKernels,                                                                       \
         .dtw = &level::dtwKernels,                                                                           \
         .kohonen = &level::kohonenKernels,                                                                   \

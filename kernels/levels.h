@@ -23,9 +23,11 @@
 #include "vsqarith_level.h"
 #include "vsqcorr_level.h"
 #include "vsqcvrts_level.h"
+#include "vsqdct_level.h"
 #include "vsqdotp_level.h"
 #include "vsqdotpw_level.h"
 #include "vsqdtw_level.h"
+#include "vsqffts_level.h"
 #include "vsqgauss_level.h"
 #include "vsqkohonen_level.h"
 #include "vsqlnexp_level.h"
@@ -51,6 +53,8 @@ struct LevelTable {
     const DotProductKernels* dotp;
     const WordDotProductKernels* dotpw;
     const CorrKernels* corr;
+    const DctKernels* dct;
+    const FftsKernels* ffts;
     const MahalKernels* mahal;
     const DtwKernels* dtw;
     const KohonenKernels* kohonen;

@@ -7,6 +7,7 @@ namespace support::alloc {
 namespace {
 
 thread_local int countdown = 0; // allocations until the one that fails; 0: none fails
+thread_local bool failsOn = false; // whether those behind it fail too
 thread_local bool hasFailed = false;
 thread_local bool armed = false;
 thread_local long seen = 0;
@@ -22,7 +23,8 @@ void count(long blocks) {
 bool refuse() {
     if (!armed) return false;
     ++seen;
-    if (countdown == 0 || --countdown != 0) return false;
+    if (countdown == 0) return failsOn && hasFailed;
+    if (--countdown != 0) return false;
     hasFailed = true;
     return true;
 }
@@ -31,9 +33,15 @@ bool refuse() {
 
 void arm(int failAt) {
     countdown = failAt;
+    failsOn = false;
     hasFailed = false;
     seen = 0;
     armed = true;
+}
+
+void armFrom(int failFrom) {
+    arm(failFrom);
+    failsOn = true;
 }
 
 void disarm() {

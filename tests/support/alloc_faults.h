@@ -6,6 +6,7 @@
 namespace support::alloc {
 
 void arm(int failAt); // the failAt-th allocation from now on (counting from 1) returns null; 0: none does
+void armFrom(int failFrom); // the same, and all later ones fail too
 void disarm();
 bool failed();      // whether an allocation was made to fail since arm()
 long allocations(); // allocations seen since arm(), the failed one included
