@@ -166,7 +166,7 @@ double vsqsDotProd(const float* a, const float* b, int n);
 int vsqwDotProdExt(const short* a, const short* b, int n, int scaleMode, int* scaleFactor);
 
 /* Norms: exactly one of the first four; VSQ_NormRelative may stand beside it. */
-#define VSQ_NormMax 0x01      /* largest absolute value */
+#define VSQ_NormMax 0x01      /* largest absolute value; not-a-numbers are passed over */
 #define VSQ_NormSum 0x02      /* sum of absolute values */
 #define VSQ_NormRoot 0x04     /* square root of the sum of squares */
 #define VSQ_NormRelative 0x08 /* the norm of a - b divided by the norm of a */

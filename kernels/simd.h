@@ -136,11 +136,43 @@ template <class T, int N> VSQ_INLINE Pack<T, N> loadPart(const T* p, int count, 
         return {load<T, N / 2>(p), loadPart<T, N / 2>(p + N / 2, count - N / 2, fill)};
 }
 
+// One register of storePart; memory from `count` elements on is not touched.
+template <class V, class T> VSQ_INLINE void storePartOf(T* p, V v, int count) {
+    constexpr int lanes = int(sizeof(V) / sizeof(T));
+#if defined(__AVX512VL__) && defined(__AVX512BW__)
+    const auto mask = count >= lanes ? ~0ull : (1ull << count) - 1;
+    if constexpr (sizeof(V) == 64 && sizeof(T) == 8)
+        return _mm512_mask_storeu_epi64(p, __mmask8(mask), (__m512i)v);
+    else if constexpr (sizeof(V) == 64 && sizeof(T) == 4)
+        return _mm512_mask_storeu_epi32(p, __mmask16(mask), (__m512i)v);
+    else if constexpr (sizeof(V) == 64 && sizeof(T) == 2)
+        return _mm512_mask_storeu_epi16(p, __mmask32(mask), (__m512i)v);
+    else
+#elif defined(__AVX2__)
+    if constexpr (sizeof(V) == 32 && sizeof(T) == 4) {
+        const __m256i mask =
+            _mm256_cmpgt_epi32(_mm256_set1_epi32(count), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+        return _mm256_maskstore_epi32((int*)p, mask, (__m256i)v);
+    } else
+#endif
+    {
+        T copy[lanes];
+        std::memcpy(copy, &v, sizeof copy);
+        for (int i = 0; i < lanes; ++i)
+            if (i < count)
+                p[i] = copy[i];
+    }
+}
+
 template <class T, int N> VSQ_INLINE void storePart(T* p, const Pack<T, N>& v, int count) {
-    T lanes[N];
-    store(lanes, v);
-    for (int i = 0; i < count; ++i)
-        p[i] = lanes[i];
+    if constexpr (isRegister<T, N>) {
+        storePartOf(p, v.r, count);
+    } else if (count <= N / 2) {
+        storePart(p, v.lo, count);
+    } else {
+        store(p, v.lo);
+        storePart(p + N / 2, v.hi, count - N / 2);
+    }
 }
 
 // --- halves ---

@@ -4,51 +4,60 @@
 namespace vsq::VSQ_LEVEL {
 namespace {
 
-// One pass over a stretch of the signal serves a group of up to 16 lags. With four lanes, lag 4 q + r
+// One pass over a stretch of the signal serves a group of up to 20 lags. With four lanes, lag 4 q + r
 // multiplies block i - q of the signal by the four elements from 4 i + r on: so the four loads r = 0 to 3
 // serve all lags of the group, and the first factors lie on block boundaries. Both factors are widened to
 // double once a stretch.
 constexpr int lanes = 4;
 constexpr int phases = lanes;
-constexpr int groupLags = 16;
+constexpr int groupLags = 20;
 constexpr int history = groupLags / lanes - 1; // blocks that the first factor lies back, at most
 constexpr int stretch = 512;
 constexpr int margin = history * lanes;
 using Doubles = Pack<double, lanes>;
 
+constexpr int step =
+    8; // elements widened at a time; the arrays have room for a last step that is only partly needed
+
 struct Stretch {
-    double first[margin + stretch + margin]; // zeros around the signal's stretch
-    double second[stretch + margin + lanes]; // the signal from the group's first lag on, then zeros
+    alignas(64) double first[margin + stretch + margin + lanes + step]; // zeros around the signal's stretch
+    alignas(64) double second[stretch + margin + lanes +
+                              step]; // the signal from the group's first lag on, then zeros
 };
 
+// dst[i] = src[i] for the `count` elements, then zeros up to `room`.
 VSQ_INLINE void widen(const float* src, int count, double* dst, int room) {
-    for (int i = 0; i < count; ++i)
-        dst[i] = src[i];
-    for (int i = count; i < room; ++i)
-        dst[i] = 0;
+    int i = 0;
+    for (; i + step <= count; i += step)
+        store(dst + i, convert<double>(load<float, step>(src + i)));
+    if (i < count) {
+        store(dst + i, convert<double>(loadPart<float, step>(src + i, count - i)));
+        i += step;
+    }
+    for (; i < room; i += step)
+        store(dst + i, splat<double, step>(0));
 }
 
 VSQ_INLINE int smallerOf(int a, int b) {
     return a < b ? a : b;
 }
 
-// Adds the stretch's part of `count` lags.
-template <int count>
-VSQ_INLINE void addLags(const Stretch& work, int blocks, Doubles (&sums)[groupLags]) {
-    for (int i = 0; i < blocks + history; ++i) {
-        const double* first = work.first + margin + i * lanes;
-        const double* second = work.second + i * lanes;
-        for (int r = 0; r < phases && r < count; ++r) {
-            const Doubles factor = load<double, lanes>(second + r);
-            for (int q = 0; 4 * q + r < count; ++q)
-                sums[4 * q + r] = sums[4 * q + r] + load<double, lanes>(first - q * lanes) * factor;
-        }
+// The sums of a group's lags over one stretch. Written out for each lag, so that they stay in registers.
+template <int... k>
+VSQ_INLINE void addLags(const double* first, const double* second, int blocks, Doubles* sums,
+                        std::integer_sequence<int, k...>) {
+    Doubles part[] = {sums[k]...};
+    for (int i = 0; i < blocks + history; ++i, first += lanes, second += lanes) {
+        const Doubles factors[phases] = {load<double, lanes>(second), load<double, lanes>(second + 1),
+                                         load<double, lanes>(second + 2), load<double, lanes>(second + 3)};
+        ((part[k] = part[k] + load<double, lanes>(first - k / phases * lanes) * factors[k % phases]), ...);
     }
+    ((sums[k] = part[k]), ...);
 }
 
 template <int count>
 void groupOfLags(const float* src, int n, int firstLag, double* sums) {
-    Doubles lanesOf[groupLags];
+    Doubles lanesOf[count];
     for (Doubles& sum : lanesOf)
         sum = splat<double, lanes>(0);
     Stretch work;
@@ -57,10 +66,15 @@ void groupOfLags(const float* src, int n, int firstLag, double* sums) {
     for (int from = 0; from < last; from += smallerOf(stretch, last - from)) {
         const int length = smallerOf(stretch, last - from);
         const int blocks = (length + lanes - 1) / lanes;
-        widen(src + from, length, work.first + margin, blocks * lanes + margin);
-        const int room = (blocks + history) * lanes + lanes;
-        widen(src + from + firstLag, smallerOf(room, last - from), work.second, room);
-        addLags<count>(work, blocks, lanesOf);
+        double* const first = work.first + margin;
+        widen(src + from, length, first, blocks * lanes + margin + lanes);
+        const double* second = first; // a short signal's first group has the same elements in both places
+        if (firstLag != 0 || n > stretch) {
+            const int room = (blocks + history) * lanes + lanes;
+            widen(src + from + firstLag, smallerOf(room, last - from), work.second, room);
+            second = work.second;
+        }
+        addLags(first, second, blocks, lanesOf, std::make_integer_sequence<int, count>());
     }
     for (int k = 0; k < count; ++k)
         sums[k] = sumLanes(lanesOf[k]);

@@ -88,19 +88,37 @@ bool reciprocal(float* vec, int n, float thresh) {
     return smallestLane(zeros) != 0;
 }
 
-// Reads both elements of a pair before it writes one, ascending, and so works in place.
-void power(const float* src, float* dst, int n) {
+// Pairs are read in ascending runs into a buffer before anything is written, and so power and magnitude work
+// in place: dst[i] never lies behind the pair i, and the compiler may take the buffer apart from both arrays.
+constexpr int run = 128;
+
+VSQ_INLINE void powerOfRun(const float* __restrict__ src, float* __restrict__ buffer, int n) {
     for (int i = 0; i < n; ++i) {
-        const float re = src[2 * std::int64_t(i)], im = src[2 * std::int64_t(i) + 1];
-        dst[i] = re * re + im * im;
+        const float re = src[2 * i], im = src[2 * i + 1];
+        buffer[i] = re * re + im * im;
     }
 }
 
-void magnitude(const float* src, float* dst, int n) {
-    for (int i = 0; i < n; ++i) {
-        const float re = src[2 * std::int64_t(i)], im = src[2 * std::int64_t(i) + 1];
-        dst[i] = __builtin_sqrtf(re * re + im * im);
+template <class Finish>
+VSQ_INLINE void overRuns(const float* src, float* dst, int n, const Finish& finish) {
+    float buffer[run];
+    for (int from = 0; from < n; from += run) {
+        const int count = n - from < run ? n - from : run;
+        powerOfRun(src + 2 * std::int64_t(from), buffer, count);
+        finish(buffer, dst + from, count);
+        if (count < run) return; // from + run might pass the largest int
     }
+}
+
+void power(const float* src, float* dst, int n) {
+    overRuns(src, dst, n, [](const float* buffer, float* part, int count) VSQ_LAMBDA {
+        std::memcpy(part, buffer, std::size_t(count) * sizeof(float));
+    });
+}
+
+void magnitude(const float* src, float* dst, int n) {
+    overRuns(src, dst, n,
+             [](const float* buffer, float* part, int count) VSQ_LAMBDA { root(buffer, part, count); });
 }
 
 } // namespace

@@ -13,7 +13,10 @@ VSQ_INLINE Doubles absolute(const Doubles& v) {
 
 struct ValuesOf { // a's own values
     const float* a;
-    VSQ_INLINE Doubles at(int i) const { return convert<double>(load<float, lanes>(a + i)); }
+    VSQ_INLINE Doubles at(int i) const {
+        return join(convert<double>(load<float, lanes / 2>(a + i)),
+                    convert<double>(load<float, lanes / 2>(a + i + lanes / 2)));
+    }
     VSQ_INLINE Doubles at(int i, int count) const {
         return convert<double>(loadPart<float, lanes>(a + i, count));
     }

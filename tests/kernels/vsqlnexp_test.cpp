@@ -185,6 +185,29 @@ TEST_F(LnExp, ResultsDoNotDependOnPlaceOrLength) {
     expectSameInEveryPlace(vsqsbExp1);
 }
 
+// A special argument takes its neighbours off the straight path, which must not show in their results.
+TEST_F(LnExp, SpecialArgumentsLeaveTheirNeighboursAlone) {
+    const float specials[] = {0.0f, -1.0f, infinity, nan, 1e-40f, 100.0f, -100.0f};
+    for (Function function : {vsqsbLn1, vsqsbExp1}) {
+        support::onEveryLevel([&] {
+            std::vector<float> plain(77);
+            for (std::size_t i = 0; i < plain.size(); ++i)
+                plain[i] = 0.37f + 0.91f * float(i);
+            std::vector<float> expected = plain;
+            function(expected.data(), 77);
+            for (std::size_t place = 0; place < plain.size(); ++place) {
+                std::vector<float> a = plain, alone(1, specials[place % std::size(specials)]);
+                a[place] = alone[0];
+                function(a.data(), 77);
+                function(alone.data(), 1);
+                EXPECT_TRUE(sameSpecial(a[place], alone[0]));
+                a[place] = expected[place];
+                EXPECT_EQ(a, expected);
+            }
+        });
+    }
+}
+
 TEST_F(LnExp, RefusesBadArgumentsInOrder) {
     expectRefused([] { vsqsbLn1(nullptr, 0); }, "len<=0", "vsqsbLn1", "vsqlnexp");
     expectRefused([] { vsqsbLn1(nullptr, 1); }, "vec==0", "vsqsbLn1", "vsqlnexp");
