@@ -229,6 +229,24 @@ template <class T, int N> VSQ_INLINE Pack<T, N> oddPairs(const Pack<T, N>& a, co
         return {oddPairs(a.lo, b.lo), oddPairs(a.hi, b.hi)};
 }
 
+// The lower halves of a and b side by side, and the upper ones.
+template <class V, int first, int... I> VSQ_INLINE V halvesOf(V a, V b, std::integer_sequence<int, I...>) {
+    constexpr int n = int(sizeof...(I));
+    return __builtin_shufflevector(a, b, (first + I + (I < n / 2 ? 0 : n / 2))...);
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> lowHalves(const Pack<T, N>& a, const Pack<T, N>& b) {
+    if constexpr (isRegister<T, N>)
+        return {halvesOf<decltype(a.r), 0>(a.r, b.r, std::make_integer_sequence<int, N>())};
+    else
+        return {a.lo, b.lo};
+}
+template <class T, int N> VSQ_INLINE Pack<T, N> highHalves(const Pack<T, N>& a, const Pack<T, N>& b) {
+    if constexpr (isRegister<T, N>)
+        return {halvesOf<decltype(a.r), N / 2>(a.r, b.r, std::make_integer_sequence<int, N>())};
+    else
+        return {a.hi, b.hi};
+}
+
 // --- elementwise operations ---
 
 // Applies `op` register by register; all operands split alike.
@@ -303,9 +321,26 @@ template <class U, class T, int N> VSQ_INLINE Pack<U, N> bits(const Pack<T, N>& 
         a);
 }
 
+// Float to double, of which compilers make several steps.
+template <class R, class V> VSQ_INLINE R widenedVector(V x) {
+#if defined(__AVX512F__)
+    if constexpr (sizeof(R) == 64)
+        return (R)_mm512_cvtps_pd((__m256)x);
+    else
+#endif
+#if defined(__AVX__)
+        if constexpr (sizeof(R) == 32)
+        return (R)_mm256_cvtps_pd((__m128)x);
+    else
+#endif
+        return __builtin_convertvector(x, R);
+}
+
 // Each lane's value as another type (float to integer truncates; out of range is undefined).
 template <class U, class T, int N> VSQ_INLINE Pack<U, N> convert(const Pack<T, N>& a) {
-    if constexpr (isRegister<T, N> && isRegister<U, N>)
+    if constexpr (std::is_same_v<T, float> && std::is_same_v<U, double> && isRegister<U, N>)
+        return {widenedVector<typename Pack<U, N>::Register>(a.r)};
+    else if constexpr (isRegister<T, N> && isRegister<U, N>)
         return {__builtin_convertvector(a.r, typename Pack<U, N>::Register)};
     else
         return join(convert<U>(low(a)), convert<U>(high(a)));

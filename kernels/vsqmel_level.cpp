@@ -10,15 +10,13 @@ constexpr int bins = MelPlan::binsPerBlock;
 using Wide = Pack<double, bins>;
 using Quad = Pack<double, rows>;
 
-// The sums of the lanes of four packs, side by side; each is added as sumLanes adds it.
-VSQ_INLINE Quad sumRows(const Quad& a, const Quad& b, const Quad& c, const Quad& d) {
-    const Quad ac = join(low(a), low(c)) + join(high(a), high(c));
-    const Quad bd = join(low(b), low(d)) + join(high(b), high(d));
-    return evenPairs(ac, bd) + oddPairs(ac, bd);
-}
-
-VSQ_INLINE Quad halved(const Wide& a) {
-    return low(a) + high(a);
+// The sums of the lanes of four packs, side by side: neighbours first, then halves.
+VSQ_INLINE Quad sumRows(const Wide& a, const Wide& b, const Wide& c, const Wide& d) {
+    const Wide ab = evenPairs(a, b) + oddPairs(a, b);
+    const Wide cd = evenPairs(c, d) + oddPairs(c, d);
+    const Quad halfAb = low(ab) + high(ab);
+    const Quad halfCd = low(cd) + high(cd);
+    return lowHalves(halfAb, halfCd) + highHalves(halfAb, halfCd);
 }
 
 // One group: four sums that grow together, so that their additions do not wait for each other.
@@ -35,7 +33,7 @@ VSQ_INLINE Pack<float, rows> groupOf(const int* firstBin, int nBlocks, const dou
             sum[row] = sum[row] + convert<double>(load<float, bins>(spectrum + firstBin[row])) *
                                       load<double, bins>(weights + row * bins);
     }
-    return convert<float>(sumRows(halved(sum[0]), halved(sum[1]), halved(sum[2]), halved(sum[3])));
+    return convert<float>(sumRows(sum[0], sum[1], sum[2], sum[3]));
 }
 
 bool filter(const MelPlan& plan, const float* spectrum, float* out) {
