@@ -357,7 +357,60 @@ KTL_API void KTFreeCepsTbls(void);
 
 /* ==== front end: linear prediction ============================================================================= */
 
+/* Methods of linear prediction; where both are set, the first. */
+#define KT_LPAutocorr 0x1   /* autocorrelation: Durbin's recursion */
+#define KT_LPCovariance 0x2 /* covariance: an LDL decomposition */
+
+/* The predictor of a block of samples: x[n] is about the sum of a[i] x[n-i], i from 1 to `order`.
+ *   pSrc      nSamples samples, more than `order` of them
+ *   pCoef     receives a[1] to a[order]
+ *   flags     the method
+ * Returns 1, or 0 where flags name no method, where memory ran out (KT_StsNoMem; pCoef is unchanged), or where the
+ * recursion lost stability, a reflection coefficient beyond 1 in magnitude, which a pure sine can bring about; that is not
+ * reported and leaves the status and pCoef alone. A silent block gives 1 and coefficients that are no numbers.
+ * Too few samples, or an order below 0, are refused by the signal kernels, which end the process.
+ *
+ * Scratch is the thread's own and stays; no memory is taken after the first call of the largest order.
+ * Methods: J. Durbin, "The Fitting of Time-Series Models", 1960; B. S. Atal and S. L. Hanauer, "Speech Analysis and
+ * Synthesis by Linear Prediction of the Speech Wave", 1971; J. Makhoul, "Linear Prediction: A Tutorial Review", 1975. */
+KTL_API int KTsLPredict(const float* pSrc, int nSamples, float* pCoef, int order, int flags);
+
+/* The same on 16-bit samples; the prediction runs in float.
+ *   pCoef              receives the coefficients as KTswbConvertDown gives them: 16 bits, truncated toward zero, with
+ *                      saturation or -32768 for what does not fit
+ *   scaleMode, pScale  as there; a null pScale stands for a scale of 0
+ * Where the result is 0 without a report, pCoef is written all the same, with values that mean nothing. Takes memory in
+ * each call; where there is none (KT_StsNoMem) pCoef is unchanged. */
+KTL_API int KTwLPredict(const short* pSrc, int nSamples, short* pCoef, int order, int flags, int scaleMode, int* pScale);
+
+/* Releases what linear prediction and the LP spectrum keep for the calling thread, and the kernel layer's FFT tables,
+ * which all threads share: call it while no other thread runs a transform. */
+KTL_API void KTFreeLPTbls(void);
+
 /* ==== front end: LP spectrum =================================================================================== */
+
+/* The magnitude response of an all-pole model, gain / |A|, A(z) = 1 - sum of a[i] z^(-i), at N = 2^fftOrder equally spaced
+ * frequencies from 0 up to but not including half the sampling rate.
+ *   pCoef     a[1] to a[nCoef]; may be null where nCoef is 0 or below, which stands for A = 1
+ *   pSpec     receives N values
+ *   fftOrder  0 to 30
+ *   gain      any
+ * Few coefficients for the order are summed directly, with a table of sines and cosines that stays with the thread for
+ * this pair of fftOrder and nCoef; more go through a real FFT of 2N points in a buffer that stays as well.
+ * Fails with pSpec unchanged: KT_StsNoMem for table or buffer, KT_StsBadArg for an order outside 0 to 30. The FFT road
+ * also fails, with a backtrace report, where the thread's status was negative before the call. A zero of A on one of the
+ * frequencies is refused by the signal kernels, which end the process. */
+KTL_API void KTsLPSpectrum(const float* pCoef, int nCoef, float* pSpec, int fftOrder, float gain);
+
+/* The same in 16 bits.
+ *   pCoef               coefficients, stored * 2^inScale
+ *   outMode, pOutScale  scale mode and scale of pSpec, as in KTswbConvertDown; a null pOutScale stands for 0
+ * The direct sum has twiddles of 14 fraction bits and accumulators of 32 bits, which wrap: the one of A stands there as
+ * 2^(14 - inScale), and as 0 where 32 bits do not hold that. The FFT's bins are integers in the coefficients' scale, which
+ * saturate at 16 bits; the one of A is 0 there for an inScale above 0 or below -15. From the magnitudes on the computation
+ * is in float, until the conversion downward truncates. Failures as above. */
+KTL_API void KTwLPSpectrum(const short* pCoef, int nCoef, short* pSpec, int fftOrder, float gain, int inScale, int outMode,
+                           int* pOutScale);
 
 /* ==== distances ================================================================================================ */
 

@@ -13,6 +13,7 @@ namespace {
         .arith = &level::arithKernels,                                                                       \
         .cvrts = &level::cvrtsKernels,                                                                       \
         .pree = &level::preeKernels,                                                                         \
+        .lpc = &level::lpcKernels,                                                                           \
         .mel = &level::melKernels,                                                                           \
         .misc = &level::miscKernels,                                                                         \
         .lnexp = &level::lnExpKernels,                                                                       \

@@ -31,6 +31,7 @@
 #include "vsqgauss_level.h"
 #include "vsqkohonen_level.h"
 #include "vsqlnexp_level.h"
+#include "vsqlpc_level.h"
 #include "vsqmahal_level.h"
 #include "vsqmel_level.h"
 #include "vsqmisc_level.h"
@@ -46,6 +47,7 @@ struct LevelTable {
     const ArithKernels* arith;
     const CvrtsKernels* cvrts;
     const PreeKernels* pree;
+    const LpcKernels* lpc;
     const MelKernels* mel;
     const MiscKernels* misc;
     const LnExpKernels* lnexp;

@@ -1,0 +1,131 @@
+#include "levels.h"
+#include "simd.h"
+
+#include <cstddef>
+
+namespace vsq::VSQ_LEVEL {
+namespace {
+
+using std::int16_t;
+using std::int32_t;
+using std::uint32_t;
+
+// What differs between the flavours: the sums' type and how a response becomes a power.
+struct FloatSums {
+    using Element = float;
+    using Sum = double;
+    Sum one;
+
+    template <int N>
+    static VSQ_INLINE Pack<double, N> wide(const float* p) {
+        return convert<double>(load<float, N>(p));
+    }
+    static VSQ_INLINE double wide(float v) { return v; }
+    template <int N>
+    VSQ_INLINE Pack<float, N> power(const Pack<double, N>& re, const Pack<double, N>& im) const {
+        return convert<float>(re * re + im * im);
+    }
+};
+
+struct FixedSums {
+    using Element = short;
+    using Sum = uint32_t; // unsigned, so that wrapping is defined
+    Sum one;
+    double unit;
+
+    template <int N>
+    static VSQ_INLINE Pack<uint32_t, N> wide(const short* p) {
+        return bits<uint32_t>(convert<int32_t>(load<int16_t, N>(p)));
+    }
+    static VSQ_INLINE uint32_t wide(short v) { return static_cast<uint32_t>(static_cast<int32_t>(v)); }
+    template <int N>
+    static VSQ_INLINE Pack<double, N> rounded(const Pack<uint32_t, N>& v) {
+        return convert<double>(convert<float>(bits<int32_t>(v)));
+    }
+    template <int N>
+    VSQ_INLINE Pack<float, N> power(const Pack<uint32_t, N>& re, const Pack<uint32_t, N>& im) const {
+        const Pack<double, N> real = rounded(re), imaginary = rounded(im);
+        return convert<float>((real * real + imaginary * imaginary) * splat<double, N>(unit));
+    }
+};
+
+template <class V, int... I>
+VSQ_INLINE V reversedVector(V v, std::integer_sequence<int, I...>) {
+    return __builtin_shufflevector(v, v, (int(sizeof...(I)) - 1 - I)...);
+}
+
+template <int N>
+VSQ_INLINE Pack<float, N> reversed(const Pack<float, N>& v) {
+    if constexpr (isRegister<float, N>)
+        return {reversedVector(v.r, std::make_integer_sequence<int, N>())};
+    else
+        return {reversed(v.hi), reversed(v.lo)};
+}
+
+// Powers at bins k to k + N - 1, and at their mirror images n - k - N + 1 to n - k, ascending. Cosines of
+// even rows are the same at k and n - k and those of odd rows opposite, sines the other way round, so each
+// product serves two bins.
+template <int N, class Sums>
+VSQ_INLINE void twoSides(const Sums& sums, const typename Sums::Element* table, int n,
+                         const typename Sums::Element* coef, int nCoef, int k, Pack<float, N>& power,
+                         Pack<float, N>& mirrored) {
+    using Sum = typename Sums::Sum;
+    auto evenRe = splat<Sum, N>(Sum(0)), oddRe = evenRe, evenIm = evenRe, oddIm = evenRe;
+    const auto* row = table + k;
+    const auto add = [&](int i, auto& re, auto& im) VSQ_LAMBDA {
+        const auto factor = splat<Sum, N>(Sums::wide(coef[i]));
+        re = re + Sums::template wide<N>(row) * factor;
+        im = im + Sums::template wide<N>(row + n) * factor;
+        row += 2 * std::ptrdiff_t(n);
+    };
+    int i = 0; // coef[0] belongs to the first, an odd row
+    for (; i + 1 < nCoef; i += 2) {
+        add(i, oddRe, oddIm);
+        add(i + 1, evenRe, evenIm);
+    }
+    if (i < nCoef) add(i, oddRe, oddIm);
+    const auto one = splat<Sum, N>(sums.one);
+    power = sums.power(one - (evenRe + oddRe), evenIm + oddIm);
+    mirrored = reversed(sums.power(one - (evenRe - oddRe), oddIm - evenIm));
+}
+
+// Bins 0 to n / 2 - 1 in blocks with their mirror images, of which bin n does not exist, and bin n / 2 alone.
+// Lanes do not mix, so the number of them changes no result.
+template <class Sums>
+VSQ_INLINE void powerSpectrum(const Sums& sums, const typename Sums::Element* table, int n,
+                              const typename Sums::Element* coef, int nCoef, float* power) {
+    constexpr int lanes = registerBytes / 4;
+    const int half = n / 2;
+    int k = 0;
+    if (half >= lanes)
+        for (; k < half; k += lanes) {
+            Pack<float, lanes> low, high;
+            twoSides(sums, table, n, coef, nCoef, k, low, high);
+            store(power + k, low);
+            if (k > 0)
+                store(power + n - k - lanes + 1, high);
+            else
+                storePart(power + n - lanes + 1, high, lanes - 1);
+        }
+    for (; k <= half && k < n; ++k) {
+        Pack<float, 1> low, high;
+        twoSides(sums, table, n, coef, nCoef, k, low, high);
+        if (k > 0) store(power + n - k, high); // bin n / 2 is its own image
+        store(power + k, low);
+    }
+}
+
+void floatPower(const float* table, int n, const float* coef, int nCoef, float* power) {
+    powerSpectrum(FloatSums{1.0}, table, n, coef, nCoef, power);
+}
+
+void fixedPower(const short* table, int n, const short* coef, int nCoef, unsigned one, double unit,
+                float* power) {
+    powerSpectrum(FixedSums{one, unit}, table, n, coef, nCoef, power);
+}
+
+} // namespace
+
+extern const LpcKernels lpcKernels{floatPower, fixedPower};
+
+} // namespace vsq::VSQ_LEVEL

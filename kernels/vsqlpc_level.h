@@ -1,0 +1,21 @@
+// The prediction-error filter's response, |1 - sum c[i] exp(-j w i)|^2, at n equally spaced frequencies from
+// 0 up to but not including the Nyquist frequency.
+#pragma once
+
+namespace vsq {
+
+// Tables of cosines and negated sines, row by row: row i - 1 has at [k] the cosine of i k pi / n and at [n +
+// k] its negated sine, for k from 0 to n - 1; so a row is 2 n elements long. n is a power of two; nCoef is
+// the number of coefficients c[1], c[2], ..., and of rows read; 0 is allowed. Rows are exactly symmetric
+// about n / 2, even and odd rows with opposite signs, on which the kernels rely.
+struct LpcKernels {
+    // Sums in double; each result is rounded once.
+    void (*floatPower)(const float* table, int n, const float* coef, int nCoef, float* power);
+    // Sums in 32 bits, which wrap; the sum of squares of re = one - ... and im, each rounded to float first,
+    // times `unit`.
+    void (*fixedPower)(const short* table, int n, const short* coef, int nCoef, unsigned one, double unit,
+                       float* power);
+};
+VSQ_DECLARE_LEVELS(LpcKernels, lpcKernels)
+
+} // namespace vsq
