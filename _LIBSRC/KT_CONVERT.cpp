@@ -53,8 +53,8 @@ double factorOfScale(int scale) {
 constexpr int floatOrderBias = 126, doubleOrderBias = 1022;
 
 // The position of the highest set bit plus 1; 0 for 0.
-int orderOfMagnitudes(unsigned magnitudes) {
-    return static_cast<int>(std::bit_width(magnitudes));
+int orderOfMagnitude(unsigned magnitude) {
+    return static_cast<int>(std::bit_width(magnitude));
 }
 
 int maxOrder(const float* src, int n) {
@@ -201,11 +201,11 @@ int KTdMaxOrder(const double* pSrc, int n) {
 }
 
 int KTwMaxOrder(const short* pSrc, int n) {
-    return orderOfMagnitudes(vsq::kernels().cvrts->shortMagnitudes(pSrc, n));
+    return orderOfMagnitude(vsq::kernels().cvrts->largestShortMagnitude(pSrc, n));
 }
 
 int KTiMaxOrder(const int* pSrc, int n) {
-    return orderOfMagnitudes(vsq::kernels().cvrts->intMagnitudes(pSrc, n));
+    return orderOfMagnitude(vsq::kernels().cvrts->largestIntMagnitude(pSrc, n));
 }
 
 int KTsMaxMatrixOrder(float** ppRows, int nRows, int nCols) {

@@ -83,11 +83,8 @@ void clamp(const Src* src, Dst* dst, int n) {
 
 template <class Work, class Src, class Dst>
 VSQ_INLINE void raiseIn(const Src* src, Dst* dst, int n, Work factor) {
-    forBlocks<16>(n, [=](int i, auto lanes) VSQ_LAMBDA {
-        constexpr int N = decltype(lanes)::value;
-        const auto wide = convert<Work>(convert<int32_t>(load<Src, N>(src + i)));
-        store(dst + i, convert<Dst>(wide * splat<Work, N>(factor)));
-    });
+    for (int i = 0; i < n; ++i)
+        dst[i] = static_cast<Dst>(static_cast<Work>(src[i]) * factor);
 }
 
 template <class Src, class Dst>
@@ -141,29 +138,41 @@ int largestDoubleExponent(const double* src, int n) {
     return largestMasked<int64_t, 64>(src, std::ptrdiff_t(4) * n, 0x7FF0000000000000) >> 4;
 }
 
-// Magnitudes stay unsigned, so that the most negative value has one.
-template <class T, class U>
-VSQ_INLINE unsigned magnitudes(const T* src, int n) {
-    U all = 0;
-    for (int i = 0; i < n; ++i)
-        all = static_cast<U>(all | (src[i] < 0 ? 0u - static_cast<U>(src[i]) : static_cast<U>(src[i])));
-    return all;
+// Largest and smallest element, so that no magnitude is formed before the end, where it is unsigned: the most
+// negative value has one.
+template <class T>
+VSQ_INLINE unsigned largestMagnitude(const T* src, int n) {
+    constexpr int N = 128 / int(sizeof(T));
+    auto highest = splat<T, N>(0), lowest = highest;
+    int i = 0;
+    for (; n - i >= N; i += N) {
+        const auto x = load<T, N>(src + i);
+        highest = larger(highest, x);
+        lowest = smaller(lowest, x);
+    }
+    T high = largestLane(highest), low = smallestLane(lowest);
+    for (; i < n; ++i) {
+        high = src[i] > high ? src[i] : high;
+        low = src[i] < low ? src[i] : low;
+    }
+    const unsigned above = static_cast<unsigned>(high), below = 0u - static_cast<unsigned>(low);
+    return above > below ? above : below;
 }
 
-unsigned shortMagnitudes(const short* src, int n) {
-    return magnitudes<short, unsigned short>(src, n);
+unsigned largestShortMagnitude(const short* src, int n) {
+    return largestMagnitude(src, n);
 }
-unsigned intMagnitudes(const int* src, int n) {
-    return magnitudes<int, unsigned>(src, n);
+unsigned largestIntMagnitude(const int* src, int n) {
+    return largestMagnitude(src, n);
 }
 
 } // namespace
 
 extern const CvrtsKernels cvrtsKernels{
-    truncate<float, short>, truncate<double, short>, truncate<float, int>, truncate<double, int>,
-    clamp<float, short>,    clamp<double, short>,    clamp<float, int>,    clamp<double, int>,
-    raise<short, float>,    raise<short, double>,    raise<int, float>,    raise<int, double>,
-    largestFloatExponent,   largestDoubleExponent,   shortMagnitudes,      intMagnitudes,
+    truncate<float, short>, truncate<double, short>, truncate<float, int>,  truncate<double, int>,
+    clamp<float, short>,    clamp<double, short>,    clamp<float, int>,     clamp<double, int>,
+    raise<short, float>,    raise<short, double>,    raise<int, float>,     raise<int, double>,
+    largestFloatExponent,   largestDoubleExponent,   largestShortMagnitude, largestIntMagnitude,
 };
 
 } // namespace vsq::VSQ_LEVEL
