@@ -63,41 +63,68 @@ VSQ_INLINE Pairs squaresOfGroup(const float* vector, const float* const* codes, 
 }
 
 void squaresOfFloats(const float* vector, const float* const* codes, float* squares, int nDim, int nCodes) {
-    constexpr int group = 2 * pairs;
+    constexpr int together = 2 * pairs;
     int c = 0;
-    for (; c + group <= nCodes; c += group)
+    for (; c + together <= nCodes; c += together)
         store(squares + c, squaresOfGroup(vector, codes + c, nDim));
     if (c == nCodes) return;
-    const float* last[group]; // the group that is not full, its last code repeated
-    for (int i = 0; i < group; ++i)
+    const float* last[together]; // the group that is not full, its last code repeated
+    for (int i = 0; i < together; ++i)
         last[i] = codes[c + i < nCodes ? c + i : nCodes - 1];
     storePart(squares + c, squaresOfGroup(vector, last, nDim), nCodes - c);
 }
 
 // --- fixed point ---
 
-VSQ_INLINE std::uint32_t squareAt(const short* a, const short* b, int k) {
-    const auto difference = std::uint32_t(a[k] - b[k]);
+constexpr int group = 8;
+using Words = Pack<std::int16_t, group>;
+using Squares = Pack<std::uint32_t, group>;
+
+// Differences have 17 bits, so that their squares fill 32 unsigned ones.
+VSQ_INLINE Squares squaresOf(const Words& a, const Words& b) {
+    const auto difference = bits<std::uint32_t>(convert<std::int32_t>(a) - convert<std::int32_t>(b));
     return difference * difference;
+}
+
+constexpr std::int16_t lastOnes[2 * group] = {0, 0, 0, 0, 0, 0, 0, 0, -1, -1, -1, -1, -1, -1, -1, -1};
+
+// The sum of the squares in words of type Sum. What is left behind whole groups is taken as the last whole
+// group of the row, without the elements that have been taken already.
+template <class Sum>
+VSQ_INLINE Sum sumOfSquares(const short* a, const short* b, int nDim) {
+    if (nDim < group) {
+        Sum sum = 0;
+        for (int k = 0; k < nDim; ++k) {
+            const auto difference = std::uint32_t(a[k] - b[k]);
+            sum += difference * difference;
+        }
+        return sum;
+    }
+    auto total = splat<Sum, group>(0);
+    int k = 0;
+    for (; k + group <= nDim; k += group)
+        total = total +
+                convert<Sum>(squaresOf(load<std::int16_t, group>(a + k), load<std::int16_t, group>(b + k)));
+    if (k < nDim) {
+        const Words left = load<std::int16_t, group>(lastOnes + (nDim - k));
+        const int last = nDim - group;
+        const Words x = load<std::int16_t, group>(a + last) & left;
+        const Words y = load<std::int16_t, group>(b + last) & left;
+        total = total + convert<Sum>(squaresOf(x, y));
+    }
+    return sumLanes(total);
 }
 
 void squaresOfShorts(const short* vector, const short* const* codes, void* squares, int nDim, int nCodes) {
     for (int c = 0; c < nCodes; ++c) {
-        std::uint64_t total = 0;
-        for (int k = 0; k < nDim; ++k)
-            total += squareAt(codes[c], vector, k);
-        const float rounded = float(std::int64_t(total));
+        const float rounded = float(std::int64_t(sumOfSquares<std::uint64_t>(codes[c], vector, nDim)));
         std::memcpy(static_cast<char*>(squares) + std::ptrdiff_t(c) * 4, &rounded, 4);
     }
 }
 
 void wrappingSquares(const short* vector, const short* const* codes, int* squares, int nDim, int nCodes) {
-    for (int c = 0; c < nCodes; ++c) {
-        std::uint32_t total = 0;
-        for (int k = 0; k < nDim; ++k)
-            total += squareAt(codes[c], vector, k);
-        squares[c] = int(total);
-    }
+    for (int c = 0; c < nCodes; ++c)
+        squares[c] = int(sumOfSquares<std::uint32_t>(codes[c], vector, nDim));
 }
 
 constexpr int lanes = 16;
