@@ -106,6 +106,10 @@ template <class V, class T> VSQ_INLINE V loadPartOf(const T* p, int count, T fil
         return (V)_mm256_mask_loadu_epi32((__m256i)others, __mmask8(mask), p);
     else if constexpr (sizeof(V) == 32 && sizeof(T) == 2)
         return (V)_mm256_mask_loadu_epi16((__m256i)others, __mmask16(mask), p);
+    else if constexpr (sizeof(V) == 16 && sizeof(T) == 4)
+        return (V)_mm_mask_loadu_epi32((__m128i)others, __mmask8(mask), p);
+    else if constexpr (sizeof(V) == 16 && sizeof(T) == 2)
+        return (V)_mm_mask_loadu_epi16((__m128i)others, __mmask8(mask), p);
     else
 #elif defined(__AVX2__)
     if constexpr (sizeof(V) == 32 && sizeof(T) == 4) {
@@ -321,16 +325,28 @@ template <class U, class T, int N> VSQ_INLINE Pack<U, N> bits(const Pack<T, N>& 
         a);
 }
 
-// Float to double, of which compilers make several steps.
-template <class R, class V> VSQ_INLINE R widenedVector(V x) {
-#if defined(__AVX512F__)
-    if constexpr (sizeof(R) == 64)
+// Widening and narrowing within one register is spelled out where compilers take the vector apart for it.
+template <class R, class U, class T, class V> VSQ_INLINE R convertedVector(V x) {
+#if defined(__AVX512F__) && defined(__AVX512BW__)
+    if constexpr (sizeof(R) == 64 && std::is_same_v<U, double> && std::is_same_v<T, float>)
         return (R)_mm512_cvtps_pd((__m256)x);
+    else if constexpr (sizeof(R) == 64 && std::is_same_v<U, double> && std::is_same_v<T, std::int32_t>)
+        return (R)_mm512_cvtepi32_pd((__m256i)x);
+    else if constexpr (sizeof(R) == 64 && std::is_same_v<U, std::int32_t> && std::is_same_v<T, std::int16_t>)
+        return (R)_mm512_cvtepi16_epi32((__m256i)x);
+    else if constexpr (sizeof(V) == 64 && std::is_same_v<U, float> && std::is_same_v<T, double>)
+        return (R)_mm512_cvtpd_ps((__m512d)x);
     else
 #endif
-#if defined(__AVX__)
-        if constexpr (sizeof(R) == 32)
+#if defined(__AVX2__)
+    if constexpr (sizeof(R) == 32 && std::is_same_v<U, double> && std::is_same_v<T, float>)
         return (R)_mm256_cvtps_pd((__m128)x);
+    else if constexpr (sizeof(R) == 32 && std::is_same_v<U, double> && std::is_same_v<T, std::int32_t>)
+        return (R)_mm256_cvtepi32_pd((__m128i)x);
+    else if constexpr (sizeof(R) == 32 && std::is_same_v<U, std::int32_t> && std::is_same_v<T, std::int16_t>)
+        return (R)_mm256_cvtepi16_epi32((__m128i)x);
+    else if constexpr (sizeof(V) == 32 && std::is_same_v<U, float> && std::is_same_v<T, double>)
+        return (R)_mm256_cvtpd_ps((__m256d)x);
     else
 #endif
         return __builtin_convertvector(x, R);
@@ -338,10 +354,8 @@ template <class R, class V> VSQ_INLINE R widenedVector(V x) {
 
 // Each lane's value as another type (float to integer truncates; out of range is undefined).
 template <class U, class T, int N> VSQ_INLINE Pack<U, N> convert(const Pack<T, N>& a) {
-    if constexpr (std::is_same_v<T, float> && std::is_same_v<U, double> && isRegister<U, N>)
-        return {widenedVector<typename Pack<U, N>::Register>(a.r)};
-    else if constexpr (isRegister<T, N> && isRegister<U, N>)
-        return {__builtin_convertvector(a.r, typename Pack<U, N>::Register)};
+    if constexpr (isRegister<T, N> && isRegister<U, N>)
+        return {convertedVector<typename Pack<U, N>::Register, U, T>(a.r)};
     else
         return join(convert<U>(low(a)), convert<U>(high(a)));
 }
