@@ -581,6 +581,38 @@ KTL_API void KT_FreeCodebook(KTCodebook* pCodebook);
 
 /* ==== semicontinuous codebooks ================================================================================= */
 
+struct GaussMixServer;
+
+/* Semicontinuous models share one set of densities: the thread's codebook, one for each numeric form, which has to exist
+ * before such a model is made. Densities are Gaussian mixture servers of one mixture; the codebook takes private copies. */
+
+/* Makes the thread's codebook of nSymbols densities from nVectors labelled vectors of nDim elements: density q is built
+ * from the vectors with label q and inverted. Labels count from 0, while KTsMakeCodebook numbers its cells from 1: subtract
+ * 1. A label that no vector has gives a density of not-a-numbers. flags: KT_GAUSS_FULL, KT_GAUSS_NORMALIZE. The fixed form
+ * stores means at meanScale and inverse covariances at invCovScale. An existing codebook is left alone. Reports KT_StsNoMem;
+ * a singular covariance leaves the thread without a codebook, silently. */
+KTL_API void KTsMakeSemicontCodebook(float** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbols,
+                                     int flags);
+KTL_API void KTwMakeSemicontCodebook(short** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbols,
+                                     int flags, int meanScale, int invCovScale);
+
+/* Sets the thread's codebook from nSymbols densities over vectors of nQuant elements; the servers stay the caller's. flags is
+ * not looked at. Returns 1, or -1 when there is a codebook already (free it first), when a server is null, of the other form
+ * or of fewer dimensions, or when memory ran out. A density whose copy was reported as out of memory, like any negative status
+ * that stood before, leaves the codebook empty; the result is 1 then too: look at KTGetStatus. */
+KTL_API int KTsInitSemicontCodebook(struct GaussMixServer** ppServers, int nSymbols, int nQuant, int flags);
+KTL_API int KTwInitSemicontCodebook(struct GaussMixServer** ppServers, int nSymbols, int nQuant, int flags);
+
+/* Releases the thread's codebook with its densities: 1; -1 when there is none, or while the thread's status is negative. */
+KTL_API int KTsFreeSemicontCodebook(void);
+KTL_API int KTwFreeSemicontCodebook(void);
+
+/* Float to fixed and fixed to float. Only an empty source is accepted: one that holds densities gives -1 and changes nothing.
+ * The target, released first if it holds any, becomes a codebook without densities: 1. To take a codebook to the other
+ * form convert its densities with KTswConvertGaussMixServer and hand them to the Init function. */
+KTL_API int KTswConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale);
+KTL_API int KTwsConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale);
+
 /* ==== Kohonen quantiser ======================================================================================== */
 
 /* The search step of a self-organising map (T. Kohonen, Self-Organized Formation of Topologically Correct Feature Maps,
@@ -739,9 +771,130 @@ KTL_API GaussMixServer* KTwsConvertGaussMixServer(GaussMixServer* shser, int wei
 
 /* ==== hidden Markov models: registry and classes =============================================================== */
 
+/* A hidden Markov model lives inside the library as a "server" and is known to its thread by an id, 1 or greater, the
+ * lowest that is free. One kind of record serves three flavours of output (discrete symbols, one Gaussian mixture per
+ * state, weights over a codebook of densities shared by all semicontinuous models), two numeric forms (float, fixed
+ * point) and two domains (probabilities, costs). A cost is -log10 of a probability: larger is less likely. The
+ * algorithms are those of L. R. Rabiner, A Tutorial on Hidden Markov Models and Selected Applications in Speech
+ * Recognition, 1989. */
+
+/* Status word of a server, as KTGetHMMParm gives it. The two domain bits are also the `flags` of the Init functions;
+ * the library sets all others. */
+#define KT_HMM_LOGARITHMIC 0x00000001u     /* data are costs */
+#define KT_HMM_EXPONENTIAL 0x00000002u     /* data are probabilities (float form only) */
+#define HMM_SERVER_SHORT 0x00000010u       /* fixed-point form */
+#define HMM_SERVER_FLOAT 0x00000020u       /* float form */
+#define HMM_SERVER_TILED 0x00000100u       /* transitions are stored in tiles of four targets */
+#define HMM_SERVER_TRIANGULAR 0x00001000u  /* left-to-right model, found from the matrix */
+#define HMM_SERVER_BANDED 0x00002000u      /* transitions to the same state and the next two alone, found from it */
+#define HMM_SERVER_SEMICONT 0x00200000u    /* semicontinuous flavour */
+#define HMM_SERVER_CONT 0x00400000u        /* continuous flavour */
+#define HMM_SERVER_DISCRETE 0x00800000u    /* discrete flavour */
+#define HMM_SERVER_OWNS_MIXTURES 0x40000000u
+
+/* Modes of KTSetHMMMode: whether a converting operation releases its source server (the default) or leaves it. */
+#define KT_HMM_REPLACE 0x04000000
+#define KT_HMM_KEEP 0x08000000
+
+#define HMM_LOG_ZERO 0x1FFFFF               /* the fixed-point cost of zero probability */
+#define HMM_TOPOLOGY_ZERO_COST 30.0f        /* float costs from here on are no transition when a matrix is classified */
+
+/* Chooses what KTsLogHMMServer, KTsExpHMMServer and the conversions do with their source on this thread. KT_HMM_REPLACE
+ * wins when both are given; a value with neither changes nothing. */
+KTL_API void KTSetHMMMode(int mode);
+
+/* What a server is: each pointer may be null. nSymbols is the alphabet's size or the number of codebook densities,
+ * nQuant the length of an observation vector (continuous, semicontinuous), scale the power of two of fixed costs (real
+ * value = stored * 2^scale). Returns 0, or -1 for an unknown id, with nothing written. Reports nothing. */
+KTL_API int KTGetHMMParm(int id, int* nStates, int* nSymbols, int* nQuant, int* scale, int* status);
+
+/* A class is a set of servers of one flavour, form and domain, evaluated together: the evaluation functions take the
+ * negated class id in place of a server's. It does not own its members; a released server leaves all classes.
+ *
+ * KTCreateHMMClass returns the new id, 1 or greater, the lowest free one; -1 when memory ran out.
+ * KTDeleteHMMClass frees the class and leaves its members alone: 1, or -1 for an unknown id.
+ * KTAddHMMToClass returns 1 when the server is a member afterwards, -1 for an unknown id, when memory ran out, or, after
+ *   the report KT_StsBadArg "wrong class for HMM server", when it is of another kind than the class's first member was.
+ * KTRemoveHMMFromClass returns 1, also when the server was no member, or -1 for an unknown id. */
+KTL_API int KTCreateHMMClass(void);
+KTL_API int KTDeleteHMMClass(int classId);
+KTL_API int KTAddHMMToClass(int classId, int hmm);
+KTL_API int KTRemoveHMMFromClass(int classId, int hmm);
+
 /* ==== hidden Markov models: creation, copy, release, query ===================================================== */
 
+struct GaussMixServer;
+
+/* Creation. trans[i][j] is the transition from state i to state j, initial[i] the initial value of state i, out[i][k] the
+ * output of symbol (or the weight of density) k in state i: probabilities or costs as `flags` says (weights of densities
+ * are always plain). All arrays are copied and stay the caller's; so are the mixture servers, one for each state, of
+ * which the model takes private copies. nStates and nSymbols are at least 1.
+ *
+ * flags: float forms take KT_HMM_LOGARITHMIC (also when 0 is given) or KT_HMM_EXPONENTIAL; fixed forms
+ * KT_HMM_LOGARITHMIC or 0 (values without a domain). Fixed costs are 16-bit values at `scale`; 0x7FFE and 0x7FFF mean zero
+ * probability.
+ *
+ * The result is the new id, or a negative value: -1 for wrong flags (KT_StsBadArg), missing arrays, or when memory ran
+ * out; semicontinuous forms, which need this thread's codebook of the same numeric form first, also -2 (there is none),
+ * -3 (nSymbols is not its number of densities), -4 (nQuant is not its vectors' length), each with KT_StsBadArg. */
+KTL_API int KTwInitHMMServer(const short* const* trans, const short* const* out, const short* initial, int nStates,
+                             int nSymbols, int flags);
+KTL_API int KTsInitHMMServer(const float* const* trans, const float* const* out, const float* initial, int nStates,
+                             int nSymbols, int flags);
+KTL_API int KTwInitContHMMServer(const short* const* trans, const short* initial, struct GaussMixServer** mixtures,
+                                 int nStates, int nQuant, int flags, int scale);
+KTL_API int KTsInitContHMMServer(const float* const* trans, const float* initial, struct GaussMixServer** mixtures,
+                                 int nStates, int nQuant, int flags);
+KTL_API int KTwInitSemicontHMMServer(const short* const* trans, const short* const* out, const short* initial,
+                                     int nStates, int nSymbols, int nQuant, int flags, int scale);
+KTL_API int KTsInitSemicontHMMServer(const float* const* trans, const float* const* out, const float* initial,
+                                     int nStates, int nSymbols, int nQuant, int flags);
+
+/* Releases a server, with its private mixtures, and takes it out of every class. An unknown id does nothing. */
+KTL_API void KTFreeHMMServer(int id);
+
+/* Releases everything that the thread holds of this family: servers, classes, both semicontinuous codebooks, scratch;
+ * the mode goes back to KT_HMM_REPLACE. The library does not call it by itself. */
+KTL_API void KTHMMFreeAll(void);
+
+/* A server of its own with the same contents, in no class: its id, or -1 for an unknown id or when memory ran out. */
+KTL_API int KTCopyHMMServer(int hmm);
+
 /* ==== hidden Markov models: evaluation ========================================================================= */
+
+/* Evaluation. `hmm` is a server's id, or the negated id of a class, whose members are scored by ascending id; *pBest (may be
+ * null) receives the id of the best. nFrames is at least 1.
+ *
+ * Observations: discrete models take nFrames symbols, 0 .. nSymbols - 1; the others nFrames pointers to frames of nQuant
+ * elements. A symbol outside the alphabet, a server of another flavour or form, an id that does not exist, a negative status
+ * of the thread, or memory that ran out end the call with the failure value, in silence. Semicontinuous operations need the
+ * thread's codebook: with none, or one that does not agree with the server, they report KT_StsBadArg
+ * ("_sSemicontCodebook->ccgPdfs==0", "nSymbols!=_sSemicontCodebook->nSymbols", "nQuant!=_sSemicontCodebook->nQuant") and end
+ * with the failure value. */
+
+/* Forward: the total likelihood over all paths as a cost, -log10 P, of float servers in the exponential domain (which is not
+ * tested). *pBest is set to 0 first; among equals it names the first server. The failure value is the largest float; it is
+ * also the result, for the whole class, when one member cannot produce the sequence. With a single frame the likelihoods of
+ * a class's members add up from one to the next. */
+KTL_API float KTsEvalHMMForward(int hmm, const int* observations, int nFrames, int* pBest);
+KTL_API float KTsEvalContHMMForward(int hmm, const float* const* frames, int nFrames, int* pBest);
+KTL_API float KTsEvalSemicontHMMForward(int hmm, const float* const* frames, int nFrames, int* pBest);
+
+/* Viterbi: the cost of the best path of servers in the logarithmic domain (which is not tested); among equals *pBest names
+ * the last server, and it is written only when a server is scored. The failure value is the largest float, or 0x7FFFFFFF.
+ *
+ * The fixed-point operations return integers at the server's scale (value = stored * 2^scale). Costs are 32-bit sums that
+ * wrap: a path of impossible steps adds 2 * HMM_LOG_ZERO a frame. scaleMode KT_FixedScale shifts the result by *pScale, right
+ * when it is positive and left when it is negative, without saturation; any other mode sets *pScale to 0. pScale may be
+ * null: 0. */
+KTL_API float KTsEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest);
+KTL_API float KTsEvalContHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest);
+KTL_API float KTsEvalSemicontHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest);
+KTL_API int KTwEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest, int scaleMode, int* pScale);
+KTL_API int KTwEvalContHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest, int scaleMode,
+                                  int* pScale);
+KTL_API int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest, int scaleMode,
+                                      int* pScale);
 
 /* ==== hidden Markov models: transforms and files =============================================================== */
 

@@ -28,6 +28,7 @@ namespace {
         .kohonen = &level::kohonenKernels,                                                                   \
         .tree = &level::treeKernels,                                                                         \
         .gauss = &level::gaussKernels,                                                                       \
+        .hmm = &level::hmmKernels,                                                                           \
     }
 // clang-format on
 

@@ -8,18 +8,6 @@
 // needs any alignment beyond that of its element unless the record says so.
 #pragma once
 
-// Declares, for every level, the record that vsqM_level.cpp defines.
-#define VSQ_DECLARE_LEVELS(Record, name)                                                                     \
-    namespace baseline {                                                                                     \
-    extern const Record name;                                                                                \
-    }                                                                                                        \
-    namespace avx2 {                                                                                         \
-    extern const Record name;                                                                                \
-    }                                                                                                        \
-    namespace avx512 {                                                                                       \
-    extern const Record name;                                                                                \
-    }
-
 #include "vsqarith_level.h"
 #include "vsqcorr_level.h"
 #include "vsqcvrts_level.h"
@@ -30,6 +18,7 @@
 #include "vsqffts_level.h"
 #include "vsqgauss_level.h"
 #include "vsqkohonen_level.h"
+#include "vsqhmm_level.h"
 #include "vsqlnexp_level.h"
 #include "vsqlpc_level.h"
 #include "vsqmahal_level.h"
@@ -62,6 +51,7 @@ struct LevelTable {
     const KohonenKernels* kohonen;
     const TreeKernels* tree;
     const GaussKernels* gauss;
+    const HmmKernels* hmm;
 };
 
 extern const LevelTable* activeTable;

@@ -251,6 +251,19 @@ template <class T, int N> VSQ_INLINE Pack<T, N> highHalves(const Pack<T, N>& a, 
         return {a.hi, b.hi};
 }
 
+template <int offset, class V, int... I>
+VSQ_INLINE V windowLanes(const V& below, const V& v, std::integer_sequence<int, I...>) {
+    return __builtin_shufflevector(below, v, (I + offset)...);
+}
+
+// The lanes of v moved up by `count`, with the highest lanes of `below` moving in.
+template <int count, class T, int N> VSQ_INLINE Pack<T, N> movedUp(const Pack<T, N>& below, const Pack<T, N>& v) {
+    if constexpr (isRegister<T, N>)
+        return {windowLanes<N - count>(below.r, v.r, std::make_integer_sequence<int, N>())};
+    else
+        return {movedUp<count>(below.hi, v.lo), movedUp<count>(v.lo, v.hi)};
+}
+
 // --- elementwise operations ---
 
 // Applies `op` register by register; all operands split alike.

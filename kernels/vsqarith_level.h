@@ -1,6 +1,8 @@
 // Elementwise arithmetic and fills. All arrays have n elements; dst may be src.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 struct ArithKernels {

@@ -1,6 +1,8 @@
 // Autocorrelation of floats.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 struct CorrKernels {

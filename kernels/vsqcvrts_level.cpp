@@ -1,4 +1,4 @@
-#include "levels.h"
+#include "vsqcvrts_level.h"
 #include "simd.h"
 
 #include <cstddef>

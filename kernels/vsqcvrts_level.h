@@ -1,6 +1,8 @@
 // Conversions between floating and integer arrays, and the range of an array. All arrays have n elements.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 // Downward, `truncate...` multiplies by the factor (1.0 for none) and drops the fraction; what does not fit

@@ -1,4 +1,4 @@
-#include "levels.h"
+#include "vsqdct_level.h"
 #include "simd.h"
 
 #include <cstddef>

@@ -1,6 +1,8 @@
 // The loops of the cosine transform.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 // The direct form uses that cosines of even k are symmetric in j and those of odd k antisymmetric: two

@@ -1,6 +1,8 @@
 // Inner products of floats.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 struct DotProductKernels {

@@ -1,6 +1,8 @@
 // Inner products of 16-bit values.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 struct WordDotProductKernels {

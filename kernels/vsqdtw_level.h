@@ -2,6 +2,8 @@
 // pattern frames (columns).
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 // Columns are handled in runs of this many, wherever a run begins.

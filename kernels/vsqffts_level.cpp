@@ -20,7 +20,7 @@
 //
 // Each element goes through the same arithmetic whatever the width of the registers.
 #include "fft_butterflies.h"
-#include "levels.h"
+#include "vsqffts_level.h"
 
 #include <cstddef>
 

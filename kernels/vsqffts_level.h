@@ -1,6 +1,8 @@
 // The passes of the real transform.
 #pragma once
 
+#include "levelrecord.h"
+
 #include "vsqtwd.h"
 
 namespace vsq {

@@ -2,6 +2,8 @@
 // rounded up to a multiple of 4; what stands behind the n does not count.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 struct GaussKernels {

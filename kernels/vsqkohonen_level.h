@@ -3,6 +3,8 @@
 // bytes where floats stand in them, so that a caller's array of int may hold either.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 struct KohonenKernels {

@@ -2,7 +2,7 @@
 // single steps would leave the processor waiting for each result. Special arguments leave the straight path:
 // a branch that is hardly ever taken costs less than selections in every step. Both paths give an element the
 // same bits.
-#include "levels.h"
+#include "vsqlnexp_level.h"
 #include "simd.h"
 
 namespace vsq::VSQ_LEVEL {

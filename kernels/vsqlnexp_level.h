@@ -3,6 +3,8 @@
 // checked.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 struct LnExpKernels {

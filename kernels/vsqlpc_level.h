@@ -2,6 +2,8 @@
 // 0 up to but not including the Nyquist frequency.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 // Tables of cosines and negated sines, row by row: row i - 1 has at [k] the cosine of i k pi / n and at [n +

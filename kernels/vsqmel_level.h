@@ -1,6 +1,8 @@
 // Mel filtering: each output is a weighted sum over a short run of neighbouring spectrum bins.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 // Filters in the form that the kernel runs over. Groups of four rows share one number of blocks, a block is

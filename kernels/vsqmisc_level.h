@@ -2,6 +2,8 @@
 // (re, im); dst may be src.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 struct MiscKernels {

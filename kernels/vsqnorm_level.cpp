@@ -1,4 +1,4 @@
-#include "levels.h"
+#include "vsqnorm_level.h"
 #include "simd.h"
 
 namespace vsq::VSQ_LEVEL {

@@ -2,6 +2,8 @@
 // previous element. n may be anything; nothing is written for n below 2.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 // Fixed point: acc = x[i] * 2^14 - alphaQ * x[i-1] is exact in 32 bits for alphaQ from 0 to 2^14, and its

@@ -6,6 +6,8 @@
 // every decision is the one of the distances, whatever the order of summation here.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 // The plane halfway between two seeds L and R. For a point p of length at most `reach`, the value

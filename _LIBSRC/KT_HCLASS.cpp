@@ -1,0 +1,283 @@
+// Classes: ordered sets of models, kept in chunks of up to 64 members so that very many can join in any order
+// at the cost of short moves. A cursor in the record walks the members and stays on its member while others
+// come and go.
+#include "KT_ERROR.h"
+#include "KT_HMM.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr ktl::Module module{"..\\_LIBSRC\\KT_HMAN"};
+
+bool ready(const KTContext* context) {
+    return (context->hmmMode & HMM_MODE_READY) != 0;
+}
+
+template <class T>
+T* zeroed() {
+    return static_cast<T*>(std::calloc(1, sizeof(T)));
+}
+
+void freeChunks(HMMClass* group) {
+    for (HMMClassChunk* chunk = group->head; chunk != nullptr;) {
+        HMMClassChunk* next = chunk->next;
+        std::free(chunk);
+        chunk = next;
+    }
+}
+
+void deleteClass(KTContext* context, HMMClass* group) {
+    freeChunks(group);
+    group->prev->next = group->next;
+    group->next->prev = group->prev;
+    std::free(group);
+    --context->nHMMClasses;
+}
+
+// Where an id stands or belongs: its chunk, the chunk before, and the position of the first entry not below
+// the id.
+struct Place {
+    HMMClassChunk* before;
+    HMMClassChunk* chunk;
+    int position;
+
+    bool holds(int id) const {
+        return chunk != nullptr && position < chunk->count && chunk->entries[position].id == id;
+    }
+};
+
+int positionOf(const HMMClassChunk* chunk, int id) {
+    int first = 0, last = chunk->count;
+    while (first < last) {
+        const int middle = (first + last) / 2;
+        if (chunk->entries[middle].id < id)
+            first = middle + 1;
+        else
+            last = middle;
+    }
+    return first;
+}
+
+Place find(const HMMClass* group, int id) {
+    Place place{nullptr, group->head, 0};
+    while (place.chunk != nullptr && place.chunk->maxKey < id) {
+        place.before = place.chunk;
+        place.chunk = place.chunk->next;
+    }
+    if (place.chunk != nullptr) place.position = positionOf(place.chunk, id);
+    return place;
+}
+
+bool addFirst(HMMClass* group, HMMServer* server) {
+    HMMClassChunk* chunk = zeroed<HMMClassChunk>();
+    if (chunk == nullptr) return false;
+    chunk->classId = group->id;
+    chunk->maxKey = HMM_CHUNK_LAST_KEY;
+    chunk->count = 1;
+    chunk->entries[0] = {server->id, server};
+    group->head = group->cursorChunk = chunk;
+    group->cursorIndex = 0;
+    ++group->nMembers;
+    return true;
+}
+
+// Halves a full chunk: the upper entries move to a new one behind it.
+bool split(HMMClass* group, HMMClassChunk* chunk) {
+    constexpr int half = HMM_CHUNK_CAPACITY / 2;
+    HMMClassChunk* upper = zeroed<HMMClassChunk>();
+    if (upper == nullptr) return false;
+    upper->classId = group->id;
+    upper->next = chunk->next;
+    upper->maxKey = chunk->maxKey;
+    upper->count = half;
+    std::memcpy(upper->entries, chunk->entries + half, half * sizeof(HMMClassEntry));
+    std::memset(chunk->entries + half, 0, half * sizeof(HMMClassEntry));
+    chunk->next = upper;
+    chunk->count = half;
+    chunk->maxKey = chunk->entries[half - 1].id;
+    if (group->cursorChunk == chunk && group->cursorIndex >= half) {
+        group->cursorChunk = upper;
+        group->cursorIndex -= half;
+    }
+    return true;
+}
+
+void insert(HMMClass* group, HMMClassChunk* chunk, int position, HMMServer* server) {
+    HMMClassEntry* entry = chunk->entries + position;
+    std::memmove(entry + 1, entry, std::size_t(chunk->count - position) * sizeof(HMMClassEntry));
+    *entry = {server->id, server};
+    ++chunk->count;
+    ++group->nMembers;
+    if (server->id > chunk->maxKey) chunk->maxKey = server->id;
+    if (group->cursorChunk == chunk && position <= group->cursorIndex) ++group->cursorIndex;
+}
+
+bool add(HMMClass* group, HMMServer* server) {
+    if (group->head == nullptr) return addFirst(group, server);
+    Place place = find(group, server->id);
+    if (place.holds(server->id)) return true;
+    if (place.chunk->count == HMM_CHUNK_CAPACITY) {
+        if (!split(group, place.chunk)) return false;
+        if (server->id > place.chunk->maxKey) place.chunk = place.chunk->next;
+        place.position = positionOf(place.chunk, server->id);
+    }
+    insert(group, place.chunk, place.position, server);
+    return true;
+}
+
+// The member under the cursor goes or stands above the one that goes: the cursor steps to the member before.
+void stepCursorBack(HMMClass* group, const Place& place) {
+    if (group->cursorChunk != place.chunk || group->cursorIndex < place.position) return;
+    if (place.position > 0 || group->cursorIndex > 0) {
+        --group->cursorIndex;
+    } else if (place.before != nullptr) {
+        group->cursorChunk = place.before;
+        group->cursorIndex = place.before->count - 1;
+    } else {
+        group->cursorChunk = group->head;
+        group->cursorIndex = 0;
+        group->status |= HMM_CLASS_REWOUND;
+    }
+}
+
+void dropChunk(HMMClass* group, const Place& place) {
+    if (place.before == nullptr) {
+        group->head = place.chunk->next;
+        // the cursor must not be left on the chunk that goes; with nothing left there is nowhere for it to
+        // stand
+        if (group->cursorChunk == place.chunk || group->head == nullptr) group->cursorChunk = group->head;
+    } else {
+        place.before->next = place.chunk->next;
+        if (place.chunk->maxKey == HMM_CHUNK_LAST_KEY) place.before->maxKey = HMM_CHUNK_LAST_KEY;
+    }
+    std::free(place.chunk);
+}
+
+void remove(HMMClass* group, int id) {
+    const Place place = find(group, id);
+    if (!place.holds(id)) return;
+    HMMClassChunk* chunk = place.chunk;
+    stepCursorBack(group, place);
+    HMMClassEntry* entry = chunk->entries + place.position;
+    std::memmove(entry, entry + 1, std::size_t(chunk->count - place.position - 1) * sizeof(HMMClassEntry));
+    --group->nMembers;
+    if (chunk->count == 1) {
+        dropChunk(group, place);
+        return;
+    }
+    --chunk->count;
+    chunk->entries[chunk->count] = {};
+    if (id == chunk->maxKey && chunk->maxKey != HMM_CHUNK_LAST_KEY)
+        chunk->maxKey = chunk->entries[chunk->count - 1].id;
+}
+
+// Moves the cursor to the next entry; null at the end.
+const HMMClassEntry* step(HMMClass* group) {
+    if ((group->status & HMM_CLASS_AT_END) != 0) return nullptr;
+    if ((group->status & HMM_CLASS_REWOUND) != 0) {
+        group->status &= ~HMM_CLASS_REWOUND;
+        group->cursorChunk = group->head;
+        group->cursorIndex = 0;
+    } else if (group->cursorChunk != nullptr && ++group->cursorIndex >= group->cursorChunk->count) {
+        group->cursorChunk = group->cursorChunk->next;
+        group->cursorIndex = 0;
+    }
+    if (group->cursorChunk == nullptr) {
+        group->status |= HMM_CLASS_AT_END;
+        return nullptr;
+    }
+    return &group->cursorChunk->entries[group->cursorIndex];
+}
+
+} // namespace
+
+void rewindHMMClass(HMMClass* group) {
+    group->status = (group->status & ~HMM_CLASS_AT_END) | HMM_CLASS_REWOUND;
+    group->cursorChunk = group->head;
+    group->cursorIndex = 0;
+}
+
+HMMServer* nextHMMInClass(HMMClass* group) {
+    const HMMClassEntry* entry = step(group);
+    return entry != nullptr ? entry->server : nullptr;
+}
+
+HMMClass* KTFindHMMClass(int classId) {
+    const KTContext* context = KTGetContext();
+    if (!ready(context)) return nullptr;
+    HMMClass* group = context->hmmClassList->next;
+    while (group != context->hmmClassList && group->id < classId)
+        group = group->next;
+    return group != context->hmmClassList && group->id == classId ? group : nullptr;
+}
+
+int KTResetHMMClass(int classId) {
+    HMMClass* group = KTFindHMMClass(classId);
+    if (group == nullptr) return -1;
+    rewindHMMClass(group);
+    return 1;
+}
+
+int KTNextHMMInClass(int classId) {
+    HMMClass* group = KTFindHMMClass(classId);
+    if (group == nullptr) return -1;
+    const HMMClassEntry* entry = step(group);
+    return entry != nullptr ? entry->id : 0;
+}
+
+void KTFreeHMMClasses() {
+    KTContext* context = KTGetContext();
+    while (context->hmmClassList->next != context->hmmClassList)
+        deleteClass(context, context->hmmClassList->next);
+}
+
+int KTCreateHMMClass(void) {
+    KTInitHMMRegistry();
+    KTContext* context = KTGetContext();
+    HMMClass* group = ready(context) ? zeroed<HMMClass>() : nullptr;
+    if (group == nullptr) return -1;
+    HMMClass* before = context->hmmClassList;
+    while (before->next->id == before->id + 1)
+        before = before->next;
+    group->id = before->id + 1;
+    group->status = HMM_CLASS_REWOUND;
+    group->prev = before;
+    group->next = before->next;
+    before->next->prev = group;
+    before->next = group;
+    ++context->nHMMClasses;
+    return group->id;
+}
+
+int KTDeleteHMMClass(int classId) {
+    HMMClass* group = KTFindHMMClass(classId);
+    if (group == nullptr) return -1;
+    deleteClass(KTGetContext(), group);
+    return 1;
+}
+
+int KTAddHMMToClass(int classId, int hmm) {
+    HMMClass* group = KTFindHMMClass(classId);
+    HMMServer* server = KTFindHMMServer(hmm);
+    if (group == nullptr || server == nullptr) return -1;
+    const unsigned key = server->status & HMM_CLASS_KEY_MASK;
+    const unsigned groupKey = group->status & HMM_CLASS_KEY_MASK;
+    if (groupKey != 0 && groupKey != key) {
+        module.report(KT_StsBadArg, "wrong class for HMM server");
+        return -1;
+    }
+    const unsigned statusBefore = group->status;
+    if (groupKey == 0) group->status = key;
+    if (add(group, server)) return 1;
+    group->status = statusBefore;
+    return -1;
+}
+
+int KTRemoveHMMFromClass(int classId, int hmm) {
+    HMMClass* group = KTFindHMMClass(classId);
+    if (group == nullptr || KTFindHMMServer(hmm) == nullptr) return -1;
+    remove(group, hmm);
+    return 1;
+}

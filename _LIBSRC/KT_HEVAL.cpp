@@ -1,0 +1,111 @@
+#include "KT_HEVAL.h"
+
+#include "vsq.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace hmm {
+
+const SemicontCodebook* codebookWithDensities(const ktl::Module& module, bool isFixed, const char* funcName) {
+    const SemicontCodebook* codebook = isFixed ? KTGetContext()->wSemicont : KTGetContext()->sSemicont;
+    if (codebook->ccgPdfs != nullptr) return codebook;
+    module.report(KT_StsBadArg, isFixed ? "_wSemicontCodebook->ccgPdfs==0" : "_sSemicontCodebook->ccgPdfs==0",
+                  funcName);
+    return nullptr;
+}
+
+bool agreesWithCodebook(const ktl::Module& module, const HMMServer* server, const SemicontCodebook* codebook,
+                        const char* funcName) {
+    const char* mismatch = nullptr; // both numeric forms report with the float codebook's name
+    if (server->nSymbols != codebook->nSymbols)
+        mismatch = "nSymbols!=_sSemicontCodebook->nSymbols";
+    else if (server->nQuant != codebook->nQuant)
+        mismatch = "nQuant!=_sSemicontCodebook->nQuant";
+    if (mismatch != nullptr) module.report(KT_StsBadArg, mismatch, funcName);
+    return mismatch == nullptr;
+}
+
+namespace {
+
+void evaluateFrames(const SemicontCodebook* codebook, const float* const* frames, float** rows, int nFrames) {
+    KTsEvalPdfsFrames(codebook, frames, rows, nFrames, codebook->nSymbols, codebook->nQuant);
+}
+void evaluateFrames(const SemicontCodebook* codebook, const short* const* frames, short** rows, int nFrames) {
+    KTwEvalPdfsFrames(codebook, frames, rows, nFrames, codebook->nSymbols, codebook->nQuant);
+}
+
+} // namespace
+
+template <class T>
+bool DensityTable<T>::evaluate(const SemicontCodebook* codebook, const T* const* frames, int nFrames) {
+    const int columns = multipleOf4(codebook->nSymbols);
+    const std::size_t stride =
+        std::size_t(columns) + 16 / sizeof(T); // the rows' room, and slack for whole registers
+    const std::size_t pointers = std::size_t(nFrames) * sizeof(T*);
+    if (nFrames < 0 || stride > PTRDIFF_MAX / sizeof(T) / (std::size_t(nFrames) + 1) / 2) return false;
+    block = ktl::AlignedScratch<char>(
+        static_cast<std::ptrdiff_t>(pointers + 64 + std::size_t(nFrames) * stride * sizeof(T)));
+    if (!block) return false;
+    rows = reinterpret_cast<T**>(block.get());
+    T* first = aligned<T>(block.get() + pointers, 32);
+    for (int t = 0; t < nFrames; ++t)
+        rows[t] = first + std::size_t(t) * stride;
+    evaluateFrames(codebook, frames, rows, nFrames);
+    return true;
+}
+
+template class DensityTable<float>;
+template class DensityTable<short>;
+
+} // namespace hmm
+
+namespace {
+
+using ktl::gauss::diagonals;
+using ktl::gauss::matrices;
+using ktl::gauss::means;
+using ktl::gauss::weights;
+
+float exponentOfDensity(const GaussMixServer* server, const float* frame, int nDim) {
+    const float* mean = means<float>(server)[0];
+    if (ktl::gauss::isFull(server)) {
+        const float* const* inverse = matrices<float>(server)[0];
+        return static_cast<float>(-std::fabs(KTsMahalanobis(frame, mean, inverse, nDim, 0)));
+    }
+    return static_cast<float>(-std::fabs(KTsMahalanobisD(frame, mean, diagonals<float>(server)[0], nDim, 0)) *
+                              0.5);
+}
+
+short fixedDensity(const GaussMixServer* server, const short* frame, int nDim) {
+    const auto plan = ktl::gauss::planExponent(server->scale);
+    const int form = ktl::gauss::fixedForm(server, 0, frame, nDim);
+    const int density = KTexpFix(ktl::gauss::exponentOf(form, plan.shift), plan.frac, 14); // at most 2^14
+    return static_cast<short>((density * weights<short>(server)[0]) >> 14);
+}
+
+} // namespace
+
+void KTsEvalPdfsFrames(const SemicontCodebook* pCodebook, const float* const* ppFrames, float** ppOut,
+                       int nFrames, int nPdfs, int nDim) {
+    if (nPdfs <= 0) return;
+    const int padded = hmm::multipleOf4(nPdfs);
+    for (int t = 0; t < nFrames; ++t) {
+        float* row = ppOut[t];
+        for (int k = 0; k < nPdfs; ++k)
+            row[k] = exponentOfDensity(pCodebook->ccgPdfs[k], ppFrames[t], nDim);
+        std::fill(row + nPdfs, row + padded, -hmm::absentCost); // its exponential is 0
+        vsqsbExp1(row, padded);
+        vsqsbMpy2(ownsSemicontWeights(pCodebook), row, nPdfs);
+    }
+}
+
+void KTwEvalPdfsFrames(const SemicontCodebook* pCodebook, const short* const* ppFrames, short** ppOut,
+                       int nFrames, int nPdfs, int nDim) {
+    for (int t = 0; t < nFrames; ++t) {
+        short* row = ppOut[t];
+        for (int k = 0; k < nPdfs; ++k)
+            row[k] = fixedDensity(pCodebook->ccgPdfs[k], ppFrames[t], nDim);
+        std::fill(row + nPdfs, row + hmm::multipleOf4(nPdfs), short(0));
+    }
+}

@@ -1,0 +1,133 @@
+// Where each element of a model stands in its stored arrays.
+//
+// The transition array is laid out in the order in which the loop that reads it walks: the forward recursion
+// of the exponential domain goes by source state, the Viterbi recursion of the logarithmic domain by target
+// state, from the last one to the first. Every setter, query, conversion and file goes through the one map
+// given here.
+#pragma once
+
+#include "KT_HMM.h"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace hmm {
+
+enum class Topology { full, triangular, banded };
+
+enum class Order {
+    bySource, // float, exponential
+    byTarget, // float, logarithmic
+    tiled,    // float, logarithmic: targets in tiles of four, the highest first
+    fixed     // fixed point, whatever its domain
+};
+
+constexpr int even(int n) {
+    return n + (n & 1);
+}
+constexpr int multipleOf4(int n) {
+    return (n + 3) & ~3;
+}
+
+inline Topology topologyOf(unsigned status) {
+    if ((status & HMM_SERVER_BANDED) != 0) return Topology::banded;
+    return (status & HMM_SERVER_TRIANGULAR) != 0 ? Topology::triangular : Topology::full;
+}
+
+inline Order orderOf(unsigned status) {
+    if ((status & HMM_SERVER_SHORT) != 0) return Order::fixed;
+    if ((status & HMM_SERVER_TILED) != 0) return Order::tiled;
+    return (status & KT_HMM_LOGARITHMIC) != 0 ? Order::byTarget : Order::bySource;
+}
+
+// Whether a topology stores the transition from i to j.
+constexpr bool stores(Topology topology, int i, int j) {
+    return topology == Topology::full || (j >= i && (topology == Topology::triangular || j <= i + 2));
+}
+
+// The map of one model's transition array: 4-byte elements, floats or widened integers.
+struct TransitionMap {
+    Topology topology;
+    Order order;
+    int n; // states
+
+    static TransitionMap of(const HMMServer& server) {
+        return {topologyOf(server.status), orderOf(server.status), server.nStates};
+    }
+
+    std::size_t size() const;
+    std::size_t position(int i, int j) const; // of a stored transition
+
+    // Banded float arrays hold a(n-1,n-1) twice; this is where the second one stands (elsewhere: size()).
+    std::size_t duplicate() const;
+};
+
+// First elements on the boundary that the kernels expect: 16 bytes in the float form, 8 in the fixed one.
+inline constexpr std::size_t floatAlignment = 16, fixedAlignment = 8;
+
+template <class T>
+T* aligned(void* block, std::size_t alignment) {
+    const auto address = reinterpret_cast<std::uintptr_t>(block);
+    return reinterpret_cast<T*>((address + alignment - 1) & ~std::uintptr_t(alignment - 1));
+}
+
+inline std::size_t alignmentOf(unsigned status) {
+    return (status & HMM_SERVER_SHORT) != 0 ? fixedAlignment : floatAlignment;
+}
+
+inline float* floats(void* block) {
+    return aligned<float>(block, floatAlignment);
+}
+inline int* ints(void* block) {
+    return aligned<int>(block, fixedAlignment);
+}
+
+// A zeroed block with room for `count` elements behind its aligned start and for a register's length beyond
+// them, so that vector loops may read whole groups; null when memory ran out or the size is beyond the
+// address space.
+void* allocateArray(std::size_t count, std::size_t elementSize);
+
+// The stored lengths of a model's vectors and rows.
+inline int initialsLength(unsigned status, int nStates) {
+    return (status & HMM_SERVER_SHORT) != 0 ? even(nStates) : multipleOf4(nStates);
+}
+
+// The output table: a pointer table, then the rows, in one block.
+struct OutputShape {
+    int rows;    // discrete: one per symbol; semicontinuous: one per state
+    int columns; // elements that mean something
+    int stride;  // row length with padding
+    int slots;   // length of the pointer table
+    std::size_t elementSize;
+
+    static OutputShape of(unsigned status, int nStates, int nSymbols);
+    std::size_t elements() const { return std::size_t(rows) * std::size_t(stride); }
+};
+
+// Allocates the block, fills its pointer table and returns it; the rows are zero. Null when memory ran out.
+void* allocateOutputs(const OutputShape& shape, std::size_t alignment);
+
+template <class T>
+T** outputRows(void* outputs) {
+    return static_cast<T**>(outputs);
+}
+
+// The whole of a model's stored transitions in another order, into an array of to.size() elements that is
+// already filled with what absent elements hold.
+template <class T>
+void rewriteTransitions(const TransitionMap& from, const T* source, const TransitionMap& to, T* target) {
+    for (int i = 0; i < from.n; ++i)
+        for (int j = 0; j < from.n; ++j)
+            if (stores(from.topology, i, j)) target[to.position(i, j)] = source[from.position(i, j)];
+    if (to.duplicate() < to.size()) target[to.duplicate()] = target[to.position(to.n - 1, to.n - 1)];
+}
+
+// What the lanes hold that no transition or output fills: the largest float.
+inline constexpr float absentCost = 3.40282346638528859811704183484516925e+38f;
+
+} // namespace hmm
+
+// Brings the transitions of a logarithmic float server into tiles and back. `pPlain` and the result are
+// arrays from hmm::allocateArray; null when memory ran out, the source array is left as it is.
+void* KTTileHMMTrans(void* pPlain, unsigned status, int nStates);
+void* KTUntileHMMTrans(void* pTiled, unsigned status, int nStates);

@@ -1,0 +1,120 @@
+// The record of a hidden Markov model, the thread's registry of them, and their classes.
+#pragma once
+
+#include "KT_CONTEXT.h"
+
+struct GaussMixServer;
+
+// Everything about one model, told apart by `status`. The field order is that of the file image, in which
+// each field is one 32-bit word; in memory pointers are natural.
+struct HMMServer {
+    int id;
+    int tag; // kept by files, read by nothing; 0 on every server that the library makes
+    int nStates;
+    int nSymbols; // discrete: alphabet; semicontinuous: codebook densities; continuous: unused
+    void* transitions;
+    void* outputs; // discrete, semicontinuous: pointer table and rows in one block; continuous: null
+    void* initials;
+    HMMServer* next;
+    HMMServer* prev;
+    unsigned status;
+    int* stateWords;           // nStates words that came with a file, carried along; usually null
+    GaussMixServer** mixtures; // continuous: nStates pointers, otherwise null
+    int nQuant;
+    int scale;
+    int reserved0;
+    int reserved1; // carried by copies and conversions
+};
+static_assert(sizeof(void*) != 4 || sizeof(HMMServer) == 64, "the record of a 32-bit build");
+
+// Bits of KTContext::hmmMode beside the public KT_HMM_REPLACE and KT_HMM_KEEP.
+inline constexpr unsigned HMM_MODE_READY = 0x01000000u; // the registry exists
+inline constexpr unsigned HMM_MODE_TILED =
+    0x00000100u; // keep logarithmic float transitions tiled; set by nothing yet
+
+inline constexpr unsigned hmmDomainBits = KT_HMM_LOGARITHMIC | KT_HMM_EXPONENTIAL;
+inline constexpr unsigned hmmFormBits = HMM_SERVER_SHORT | HMM_SERVER_FLOAT;
+inline constexpr unsigned hmmTopologyBits = HMM_SERVER_TRIANGULAR | HMM_SERVER_BANDED;
+
+// --- registry (KT_HREG) ---
+
+// Creates the thread's registry where there is none. On exhaustion HMM_MODE_READY stays clear, and nothing is
+// reported.
+void KTInitHMMRegistry();
+
+// Gives a record the lowest free id and links it; returns the id, or -1 when memory ran out (the record is
+// then still the caller's). Constant time.
+int KTRegisterHMMServer(HMMServer* server);
+
+// Takes a record out of the list; the record becomes the caller's again. Constant time.
+void KTUnregisterHMMServer(HMMServer* server);
+
+HMMServer* KTFindHMMServer(int id); // null for an unknown id, or when there is no registry
+
+// Each output pointer may be null; an unknown id sets all to 0. `outputs` of a continuous server is its
+// `mixtures`.
+void KTGetHMMServerInfo(int id, int* tag, void** transitions, void** outputs, void** initials, int* nStates,
+                        int* nSymbols, int* nQuant, int* scale, unsigned* status);
+
+// Frees both sentinels and what hangs off them; every server and class is gone by then.
+void KTFreeHMMRegistry();
+
+// --- classes (KT_HCLASS) ---
+
+inline constexpr unsigned HMM_CLASS_REWOUND = 0x80000000u; // the next step delivers the first member
+inline constexpr unsigned HMM_CLASS_AT_END = 0x40000000u;  // the cursor has passed the last member
+inline constexpr unsigned HMM_CLASS_KEY_MASK = 0x00E000F3u;
+inline constexpr int HMM_CHUNK_CAPACITY = 64;
+inline constexpr int HMM_CHUNK_LAST_KEY = 0x1FFFFFFF;
+
+struct HMMClassEntry {
+    int id;
+    HMMServer* server;
+};
+
+struct HMMClassChunk {
+    int classId;
+    HMMClassChunk* next;
+    int maxKey; // the largest id that may fall in this chunk
+    int count;
+    HMMClassEntry entries[HMM_CHUNK_CAPACITY]; // by ascending id
+};
+
+struct HMMClass {
+    int id;
+    int reserved;
+    HMMClass* next;
+    HMMClass* prev;
+    int nMembers;
+    unsigned status; // cursor bits and, from the first member on, the key bits of its members
+    HMMClassChunk* head;
+    HMMClassChunk* cursorChunk;
+    int cursorIndex;
+};
+
+HMMClass* KTFindHMMClass(int classId);
+int KTResetHMMClass(int classId);  // rewinds the cursor: 1, or -1 for an unknown class
+int KTNextHMMInClass(int classId); // the next member's id, 0 at the end, -1 for an unknown class
+void KTFreeHMMClasses();           // all of the thread's classes
+
+// The same steps on the record itself, for the evaluation loops: no lookup for each member.
+void rewindHMMClass(HMMClass* group);
+HMMServer* nextHMMInClass(HMMClass* group); // null at the end
+
+// --- creation (KT_HMAN) ---
+
+// Frees a record that is in no list, complete or half built. `mixtures` ends with a null entry.
+void ownFreeHMMRecord(HMMServer* server);
+
+// Registers a record that was built by other means than an Init: its id, or -1, with the record freed, when
+// memory ran out. A negative status of the thread releases the new server; the id is returned all the same.
+int ownRegisterComplete(HMMServer* server);
+
+// --- parameter setting (KT_HINT) ---
+
+// Stores a model's arrays in the layouts of KT_HLAYOUT.h and commits tag, counts and status (topology
+// included). `trans` and `out` are row tables of the form that the status says. Negative counts and status
+// keep what the record holds, null arrays are left as they are. Failures show in the thread's status; an
+// array for which memory ran out is silently missing, and nothing is committed then.
+void KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, const void* initial, int nStates,
+                        int nSymbols, int status);

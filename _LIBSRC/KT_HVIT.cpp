@@ -1,0 +1,268 @@
+// Cost of the best state path through a model, or through the best model of a class: the Viterbi recursion on
+// costs, -log10 of probabilities, in float and in fixed point. One text serves the flavours, topologies and
+// numeric forms. A. J. Viterbi, Error Bounds for Convolutional Codes and an Asymptotically Optimum Decoding
+// Algorithm, 1967.
+#include "KT_HLOG.h"
+#include "KT_HOUTPUT.h"
+
+#include "vsq.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr ktl::Module module{"..\\_LIBSRC\\KT_HVIT"};
+
+constexpr float minusLog10OfE = -0.4342945f;
+
+// --- the numeric forms ---
+
+struct FloatForm {
+    using Cost = float;
+    using Feature = float;
+    static constexpr unsigned bit = HMM_SERVER_FLOAT;
+    static constexpr bool isFixed = false;
+    static constexpr float failure = hmm::absentCost;
+    static void advance(const vsq::HmmModel<float>& model, const float* const* rows, int n,
+                        vsq::HmmPath<float>* state) {
+        vsq::kernels().hmm->pathFloat(model, rows, n, state);
+    }
+    static float sum(float a, float b) { return a + b; }
+};
+
+struct FixedForm {
+    using Cost = int;
+    using Feature = short;
+    static constexpr unsigned bit = HMM_SERVER_SHORT;
+    static constexpr bool isFixed = true;
+    static constexpr int failure = 0x7FFFFFFF;
+    static void advance(const vsq::HmmModel<int>& model, const int* const* rows, int n,
+                        vsq::HmmPath<int>* state) {
+        vsq::kernels().hmm->pathInt(model, rows, n, state);
+    }
+    static int sum(int a, int b) {
+        return static_cast<int>(static_cast<unsigned>(a) + static_cast<unsigned>(b));
+    }
+};
+
+// Turns likelihoods of a frame's states into costs.
+void toCosts(const HMMServer* server, float* row) {
+    vsqsbLn1(row, server->nStates);
+    vsqsbMpy1(minusLog10OfE, row, server->nStates);
+}
+
+// --- output costs by flavour ---
+
+template <class Form>
+struct Discrete {
+    static constexpr unsigned kind = HMM_SERVER_DISCRETE | Form::bit;
+    const int* observations;
+
+    bool accepts(const HMMServer*) const { return true; }
+    bool rows(const HMMServer* server, int first, int count, typename Form::Cost*,
+              hmm::RowRun<typename Form::Cost>& run) const {
+        return hmm::discreteRows(server, observations + first, count, run);
+    }
+};
+
+// Flavours whose output costs are computed, into rows of the scratch.
+template <class Form, class Flavour>
+struct Computed {
+    using Cost = typename Form::Cost;
+
+    bool rows(const HMMServer* server, int first, int count, Cost* room, hmm::RowRun<Cost>& run) const {
+        hmm::pointAtRows<const Cost>(room, server->nStates, count, run);
+        for (int t = 0; t < count; ++t)
+            static_cast<const Flavour*>(this)->row(
+                server, first + t, room + std::ptrdiff_t(t) * vsq::hmmStride(server->nStates));
+        return true;
+    }
+};
+
+template <class Form>
+struct Continuous : Computed<Form, Continuous<Form>> {
+    static constexpr unsigned kind = HMM_SERVER_CONT | Form::bit;
+    const typename Form::Feature* const* frames;
+
+    explicit Continuous(const typename Form::Feature* const* framesOfCall) : frames(framesOfCall) {}
+    bool accepts(const HMMServer*) const { return true; }
+    void row(const HMMServer* server, int t, float* costs) const {
+        hmm::mixtureRow(server, frames[t], costs);
+        toCosts(server, costs);
+    }
+    void row(const HMMServer* server, int t, int* costs) const {
+        for (int i = 0; i < server->nStates; ++i) {
+            int scale = -16;
+            costs[i] = KTwEvalGaussMix(server->mixtures[i], frames[t], server->nQuant, KT_FixedScale, &scale);
+        }
+        ownwLog10Scaled(costs, server->nStates, -28, -server->scale);
+    }
+};
+
+template <class Form>
+struct Semicontinuous : Computed<Form, Semicontinuous<Form>> {
+    static constexpr unsigned kind = HMM_SERVER_SEMICONT | Form::bit;
+    const SemicontCodebook* codebook;
+    const hmm::DensityTable<typename Form::Feature>* densities;
+    const char* funcName;
+
+    Semicontinuous(const SemicontCodebook* book, const hmm::DensityTable<typename Form::Feature>* table,
+                   const char* name)
+        : codebook(book), densities(table), funcName(name) {}
+    bool accepts(const HMMServer* server) const {
+        return hmm::agreesWithCodebook(module, server, codebook, funcName);
+    }
+    void row(const HMMServer* server, int t, float* costs) const {
+        hmm::weightedRow(server, densities->row(t), costs);
+        toCosts(server, costs);
+    }
+    void row(const HMMServer* server, int t, int* costs) const {
+        const short* const* weights = hmm::outputRows<const short>(server->outputs);
+        for (int i = 0; i < server->nStates; ++i)
+            costs[i] = vsqwDotProdExt(weights[i], densities->row(t), server->nSymbols, 0, nullptr);
+        ownwLog10Scaled(costs, server->nStates, -24, -server->scale);
+    }
+};
+
+// --- the recursion over one server ---
+
+template <class Form, class Outputs>
+class Evaluation {
+    using Cost = typename Form::Cost;
+
+public:
+    Evaluation(const Outputs& outputsOfCall, int frameCount) : outputs(outputsOfCall), nFrames(frameCount) {}
+
+    // The server's cost; false when it cannot be evaluated or memory ran out.
+    bool run(const HMMServer* server, Cost* cost) {
+        const int stride = vsq::hmmStride(server->nStates);
+        const std::size_t modelCount = hmm::modelSize(server);
+        Cost* room =
+            scratch.template reserve<Cost>(modelCount + std::size_t(stride) * (2 + hmm::framesPerRun));
+        if (room == nullptr) return false;
+        const std::size_t alignment = hmm::alignmentOf(server->status);
+        model = hmm::unpackModel(server, hmm::aligned<const Cost>(server->transitions, alignment), room);
+        Cost* vectors = room + modelCount;
+        state = {vectors, vectors + stride};
+        std::fill_n(vectors, std::ptrdiff_t(stride) * (2 + hmm::framesPerRun), Cost(0));
+        if (!allFrames(server, vectors + 2 * stride)) return false;
+        *cost = *std::min_element(state.current, state.current + server->nStates);
+        return true;
+    }
+
+private:
+    bool allFrames(const HMMServer* server, Cost* room) {
+        const Cost* initials = hmm::aligned<const Cost>(server->initials, hmm::alignmentOf(server->status));
+        for (int first = 0; first < nFrames; first += hmm::framesPerRun) {
+            const int count = std::min(hmm::framesPerRun, nFrames - first);
+            hmm::RowRun<Cost> run;
+            if (!outputs.rows(server, first, count, room, run)) return false;
+            const int skipped = first == 0 ? 1 : 0;
+            if (first == 0)
+                std::transform(initials, initials + server->nStates, run[0], state.current, Form::sum);
+            Form::advance(model, run.data() + skipped, count - skipped, &state);
+        }
+        return true;
+    }
+
+    Outputs outputs;
+    int nFrames;
+    hmm::GrowingScratch scratch;
+    vsq::HmmModel<Cost> model{};
+    vsq::HmmPath<Cost> state{};
+};
+
+// Walks the servers; among equal scores the last one wins: the comparison is "not greater". False when the
+// operation is to leave with the plain failure value: an unknown server or class, a negative status, a server
+// that cannot be evaluated, no memory. A walk over no servers leaves `best` as it is and is a result.
+template <class Form, class Outputs>
+bool evaluate(int hmm, const Outputs& outputs, int nFrames, int* pBest, typename Form::Cost* best) {
+    hmm::ServerWalk walk(hmm);
+    if (!walk.isKnown() || nFrames < 1) return false;
+    Evaluation<Form, Outputs> evaluation(outputs, nFrames);
+    while (const HMMServer* server = walk.next()) {
+        typename Form::Cost cost;
+        if (KTGetStatus() < 0 || !outputs.accepts(server) || !hmm::evaluable(server, Outputs::kind) ||
+            !evaluation.run(server, &cost))
+            return false;
+        if (cost <= *best) {
+            *best = cost;
+            if (pBest != nullptr) *pBest = server->id;
+        }
+    }
+    return true;
+}
+
+template <class Form>
+bool evaluateSemicont(int hmm, const typename Form::Feature* const* frames, int nFrames, int* pBest,
+                      const char* funcName, typename Form::Cost* best) {
+    if (!hmm::ServerWalk(hmm).isKnown() || nFrames < 1) return false;
+    // the report of an empty codebook carries the float operation's name in both forms
+    const SemicontCodebook* codebook =
+        hmm::codebookWithDensities(module, Form::isFixed, "KTsEvalSemicontHMMViterbi");
+    hmm::DensityTable<typename Form::Feature> densities;
+    if (codebook == nullptr || !densities.evaluate(codebook, frames, nFrames)) return false;
+    return evaluate<Form>(hmm, Semicontinuous<Form>(codebook, &densities, funcName), nFrames, pBest, best);
+}
+
+bool ready() {
+    return (KTGetContext()->hmmMode & HMM_MODE_READY) != 0;
+}
+
+// The result at the caller's scale: a shift by *pScale in the fixed mode, as it stands in any other. Nothing
+// saturates.
+int scaled(int best, int scaleMode, int* pScale) {
+    if (scaleMode != KT_FixedScale) {
+        if (pScale != nullptr) *pScale = 0;
+        return best;
+    }
+    const int shift = pScale != nullptr ? *pScale : 0;
+    if (shift >= 0) return best >> std::min(shift, 31);
+    return shift > -32 ? static_cast<int>(static_cast<unsigned>(best) << -shift) : 0;
+}
+
+} // namespace
+
+float KTsEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest) {
+    float best = FloatForm::failure;
+    const bool done =
+        ready() && evaluate<FloatForm>(hmm, Discrete<FloatForm>{observations}, nFrames, pBest, &best);
+    return done ? best : FloatForm::failure;
+}
+
+float KTsEvalContHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest) {
+    float best = FloatForm::failure;
+    const bool done =
+        ready() && evaluate<FloatForm>(hmm, Continuous<FloatForm>(frames), nFrames, pBest, &best);
+    return done ? best : FloatForm::failure;
+}
+
+float KTsEvalSemicontHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest) {
+    float best = FloatForm::failure;
+    const bool done = ready() && evaluateSemicont<FloatForm>(hmm, frames, nFrames, pBest,
+                                                             "KTsEvalSemicontHMMViterbi", &best);
+    return done ? best : FloatForm::failure;
+}
+
+int KTwEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest, int scaleMode, int* pScale) {
+    int best = FixedForm::failure;
+    const bool done =
+        ready() && evaluate<FixedForm>(hmm, Discrete<FixedForm>{observations}, nFrames, pBest, &best);
+    return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
+}
+
+int KTwEvalContHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest, int scaleMode,
+                          int* pScale) {
+    int best = FixedForm::failure;
+    const bool done =
+        ready() && evaluate<FixedForm>(hmm, Continuous<FixedForm>(frames), nFrames, pBest, &best);
+    return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
+}
+
+int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest, int scaleMode,
+                              int* pScale) {
+    int best = FixedForm::failure;
+    const bool done = ready() && evaluateSemicont<FixedForm>(hmm, frames, nFrames, pBest,
+                                                             "KTwEvalSemicontHMMViterbi", &best);
+    return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
+}

@@ -1,0 +1,271 @@
+// The thread's two semicontinuous codebooks: made from labelled vectors or from given densities, copied,
+// released.
+#include "KT_SEMICONT.h"
+
+#include "KT_ERROR.h"
+#include "KT_GAUSS.h"
+#include "KT_HLAYOUT.h"
+#include "KT_SCRATCH.h"
+
+#include <cstdlib>
+
+namespace {
+
+constexpr ktl::Module module{"..\\_LIBSRC\\Kt_cdbk"};
+
+using ktl::gauss::diagonals;
+using ktl::gauss::matrices;
+using ktl::gauss::means;
+using ktl::gauss::weights;
+
+// The two numeric forms: where the thread keeps the codebook, and how its densities are made.
+struct FloatForm {
+    using Element = float;
+    static constexpr int bit = HMM_SERVER_FLOAT;
+    static constexpr std::size_t alignment = hmm::floatAlignment;
+    static SemicontCodebook* codebook(const KTContext* context) { return context->sSemicont; }
+    static bool matches(const GaussMixServer* server) { return ktl::gauss::isFloat(server); }
+    static float weightOf(const GaussMixServer* server) { return server->pNormWeights[0]; }
+    static GaussMixServer* copy(const GaussMixServer* s) {
+        return KTsInitGaussMixServer(weights<float>(s), means<float>(s), matrices<float>(s),
+                                     diagonals<float>(s), s->nDim, s->nMix, s->flags | KT_GAUSS_BLOCK);
+    }
+};
+
+struct FixedForm {
+    using Element = short;
+    static constexpr int bit = HMM_SERVER_SHORT;
+    static constexpr std::size_t alignment = hmm::fixedAlignment;
+    static SemicontCodebook* codebook(const KTContext* context) { return context->wSemicont; }
+    static bool matches(const GaussMixServer* server) { return !ktl::gauss::isFloat(server); }
+    static short weightOf(const GaussMixServer* server) { return weights<short>(server)[0]; }
+    static GaussMixServer* copy(const GaussMixServer* s) {
+        return KTwInitGaussMixServer(weights<short>(s), means<short>(s), matrices<short>(s),
+                                     diagonals<short>(s), s->nDim, s->nMix, s->flags | KT_GAUSS_BLOCK,
+                                     s->scale);
+    }
+};
+
+// The thread's codebook of a form, with the registry made where there is none; null on exhaustion.
+template <class Form>
+SemicontCodebook* startedCodebook() {
+    KTInitHMMRegistry();
+    const KTContext* context = KTGetContext();
+    return (context->hmmMode & HMM_MODE_READY) != 0 ? Form::codebook(context) : nullptr;
+}
+
+void freeServers(GaussMixServer** servers, int n) {
+    for (int k = 0; servers != nullptr && k < n; ++k)
+        KTsFreeGaussMixServer(servers[k]);
+    std::free(servers);
+}
+
+// A zeroed table of server pointers; never empty, so that null means that memory ran out.
+GaussMixServer** newServerTable(int n) {
+    if (n < 0) return nullptr;
+    return static_cast<GaussMixServer**>(std::calloc(std::size_t(n) + 1, sizeof(GaussMixServer*)));
+}
+
+// Empties a codebook, complete or half built with n densities.
+void empty(SemicontCodebook* codebook, int n) {
+    freeServers(codebook->ccgPdfs, n);
+    std::free(codebook->pWeights);
+    std::free(codebook->pFurther);
+    *codebook = SemicontCodebook{};
+}
+
+// Fills an empty codebook with n densities made by `make(k)` and weights by `weight(k)`. On success, 1; 1
+// also when a density's maker has reported, with the codebook empty; -1 when memory ran out elsewhere.
+template <class Form, class Make, class Weight>
+int fill(SemicontCodebook* codebook, int n, int nQuant, Make make, Weight weight) {
+    codebook->ccgPdfs = newServerTable(n);
+    if (codebook->ccgPdfs == nullptr) return -1;
+    for (int k = 0; k < n && KTGetStatus() >= 0; ++k)
+        codebook->ccgPdfs[k] = make(k);
+    if (KTGetStatus() < 0) {
+        empty(codebook, n);
+        return 1;
+    }
+    codebook->pWeights = hmm::allocateArray(std::size_t(n), sizeof(typename Form::Element));
+    if (codebook->pWeights == nullptr) {
+        empty(codebook, n);
+        return -1;
+    }
+    auto* first = hmm::aligned<typename Form::Element>(codebook->pWeights, Form::alignment);
+    for (int k = 0; k < n; ++k)
+        first[k] = weight(k);
+    codebook->nSymbols = n;
+    codebook->nQuant = nQuant;
+    codebook->status = SEMICONT_OWNS_PDFS | Form::bit;
+    return 1;
+}
+
+template <class Form>
+int initialise(GaussMixServer** ppServers, int nSymbols, int nQuant) {
+    SemicontCodebook* codebook = startedCodebook<Form>();
+    if (codebook == nullptr || codebook->status != 0 || nSymbols < 0) return -1;
+    // a density that evaluation would read beyond is refused here, where it costs one look
+    for (int k = 0; k < nSymbols; ++k)
+        if (ppServers[k] == nullptr || !Form::matches(ppServers[k]) || ppServers[k]->nDim < nQuant) return -1;
+    return fill<Form>(
+        codebook, nSymbols, nQuant, [=](int k) { return Form::copy(ppServers[k]); },
+        [=](int k) { return Form::weightOf(codebook->ccgPdfs[k]); });
+}
+
+template <class Form>
+int release() {
+    const KTContext* context = KTGetContext();
+    if ((context->hmmMode & HMM_MODE_READY) == 0) return -1;
+    SemicontCodebook* codebook = Form::codebook(context);
+    if (codebook->status == 0) return -1;
+    if ((codebook->status & SEMICONT_OWNS_PDFS) == 0) {
+        std::free(codebook->ccgPdfs);
+        codebook->ccgPdfs = nullptr;
+    }
+    empty(codebook, codebook->nSymbols);
+    return KTGetStatus() < 0 ? -1 : 1;
+}
+
+// The source has to be empty: one that holds densities is refused. What comes out is a target without
+// densities.
+template <class Source, class Target, class Convert, class Weight>
+int convertCodebook(Convert convert, Weight weight) {
+    SemicontCodebook* target = startedCodebook<Target>();
+    if (target == nullptr) return -1;
+    const SemicontCodebook* source = Source::codebook(KTGetContext());
+    if (source->status != 0) return -1;
+    if (target->status != 0) release<Target>();
+    return fill<Target>(
+        target, source->nSymbols, source->nQuant, [=](int k) { return convert(source->ccgPdfs[k]); },
+        [=](int k) { return weight(source, k); });
+}
+
+// --- making from labelled vectors ---
+
+// The vectors of one label, in their order; an empty guard when memory ran out.
+template <class T>
+ktl::Scratch<T*> membersOf(int label, T** ppVectors, const int* pLabels, int nVectors, int* pCount) {
+    int count = 0;
+    for (int i = 0; i < nVectors; ++i)
+        count += pLabels[i] == label;
+    ktl::Scratch<T*> members(count);
+    if (members) {
+        for (int i = 0, next = 0; next < count; ++i)
+            if (pLabels[i] == label) members[next++] = ppVectors[i];
+    }
+    *pCount = count;
+    return members;
+}
+
+GaussMixServer* built(float** ppVectors, int n, int nDim, int flags) {
+    return KTsBuildGaussMixServer(ppVectors, n, nDim, flags);
+}
+GaussMixServer* built(short** ppVectors, int n, int nDim, int flags) {
+    return KTwBuildGaussMixServer(ppVectors, n, nDim, flags);
+}
+
+// The inverse of what build gives, ready to evaluate; null after a report or for a singular covariance.
+GaussMixServer* inverted(GaussMixServer* raw, int flags) {
+    if (raw == nullptr) return nullptr;
+    const int statusBefore = KTGetStatus();
+    KTSetStatus(KT_StsOk);
+    GaussMixServer* server = KTsInvertGaussianCovMatrix(raw, flags);
+    const bool rawIsGone =
+        server == nullptr && KTGetStatus() < 0; // a failed inversion has released its source
+    if (!rawIsGone) {
+        KTsFreeGaussMixServer(raw);
+        KTSetStatus(statusBefore);
+    }
+    return server;
+}
+
+template <class T, class Finish, class Init>
+void make(T** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbols, int flags,
+          const char* funcName, Finish finish, Init init) {
+    GaussMixServer** servers = newServerTable(nSymbols);
+    if (servers == nullptr) {
+        module.report(KT_StsNoMem, "insufficiency of memory for pointer  GMSSet", funcName);
+        return;
+    }
+    for (int q = 0; q < nSymbols; ++q) {
+        int count = 0;
+        const ktl::Scratch<T*> members = membersOf(q, ppVectors, pLabels, nVectors, &count);
+        if (!members) {
+            freeServers(servers, nSymbols);
+            module.report(KT_StsNoMem, "insufficiency of memory for pointer  clusters", funcName);
+            return;
+        }
+        servers[q] = finish(inverted(built(members.get(), count, nDim, flags), flags));
+        if (servers[q] == nullptr) { // memory ran out, which has been reported, or the covariance is singular
+            freeServers(servers, nSymbols);
+            return;
+        }
+    }
+    init(servers, nSymbols, nDim, flags);
+    freeServers(servers, nSymbols);
+}
+
+} // namespace
+
+const float* ownsSemicontWeights(const SemicontCodebook* codebook) {
+    return hmm::floats(codebook->pWeights);
+}
+
+const short* ownwSemicontWeights(const SemicontCodebook* codebook) {
+    return hmm::aligned<short>(codebook->pWeights, hmm::fixedAlignment);
+}
+
+void KTsMakeSemicontCodebook(float** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbols,
+                             int flags) {
+    make(
+        ppVectors, pLabels, nVectors, nDim, nSymbols, flags, "KTsMakeSemicontCodebook",
+        [](GaussMixServer* server) { return server; }, KTsInitSemicontCodebook);
+}
+
+void KTwMakeSemicontCodebook(short** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbols,
+                             int flags, int meanScale, int invCovScale) {
+    const auto toFixed = [=](GaussMixServer* server) {
+        GaussMixServer* fixed =
+            server != nullptr ? KTswConvertGaussMixServer(server, 0, meanScale, invCovScale) : nullptr;
+        KTsFreeGaussMixServer(server);
+        return fixed;
+    };
+    make(ppVectors, pLabels, nVectors, nDim, nSymbols, flags, "KTwMakeSemicontCodebook", toFixed,
+         KTwInitSemicontCodebook);
+}
+
+int KTsInitSemicontCodebook(GaussMixServer** ppServers, int nSymbols, int nQuant, int) {
+    return initialise<FloatForm>(ppServers, nSymbols, nQuant);
+}
+
+int KTwInitSemicontCodebook(GaussMixServer** ppServers, int nSymbols, int nQuant, int) {
+    return initialise<FixedForm>(ppServers, nSymbols, nQuant);
+}
+
+int KTsFreeSemicontCodebook(void) {
+    return release<FloatForm>();
+}
+int KTwFreeSemicontCodebook(void) {
+    return release<FixedForm>();
+}
+
+int KTswConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale) {
+    return convertCodebook<FloatForm, FixedForm>(
+        [=](GaussMixServer* server) {
+            return KTswConvertGaussMixServer(server, weightScale, meanScale, invCovScale);
+        },
+        [=](const SemicontCodebook* source, int k) {
+            int scale = weightScale;
+            return KTswConvertDown(ownsSemicontWeights(source)[k], KT_FixedScale, &scale);
+        });
+}
+
+int KTwsConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale) {
+    return convertCodebook<FixedForm, FloatForm>(
+        [=](GaussMixServer* server) {
+            return KTwsConvertGaussMixServer(server, weightScale, meanScale, invCovScale);
+        },
+        [=](const SemicontCodebook* source, int k) {
+            return static_cast<float>(KTwsConvertUp(ownwSemicontWeights(source)[k], weightScale));
+        });
+}

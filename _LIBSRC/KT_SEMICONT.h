@@ -1,0 +1,26 @@
+// The codebook of densities that all semicontinuous models of a thread share, one for each numeric form.
+#pragma once
+
+#include "KT_CONTEXT.h"
+
+struct GaussMixServer;
+
+inline constexpr int SEMICONT_OWNS_PDFS = 0x40000000;
+
+struct SemicontCodebook {
+    int nSymbols; // number of densities
+    int nQuant;   // length of the feature vectors
+    int status; // 0: empty; SEMICONT_OWNS_PDFS with HMM_SERVER_FLOAT or HMM_SERVER_SHORT: holds densities of
+                // its own
+    int reserved;
+    GaussMixServer** ccgPdfs; // nSymbols servers of one mixture
+    void* spare0;
+    void* spare1;
+    void* pWeights; // raw block; the nSymbols weights begin at its first 16-byte (float) or 8-byte (short)
+                    // boundary
+    void* pFurther; // released with the codebook; nothing sets it
+};
+
+// The density weights at their aligned place.
+const float* ownsSemicontWeights(const SemicontCodebook* codebook);
+const short* ownwSemicontWeights(const SemicontCodebook* codebook);
