@@ -3,15 +3,23 @@
 #include <atomic>
 #include <cstddef>
 
+// mingw's thread-local variables are allocated at first use, through the very functions that are wrapped here;
+// so on Windows the counters are the process's, and tests that use them there run no second thread meanwhile.
+#ifdef _WIN32
+#define PER_THREAD constinit
+#else
+#define PER_THREAD constinit thread_local
+#endif
+
 namespace support::alloc {
 namespace {
 
-thread_local int countdown = 0; // allocations until the one that fails; 0: none fails
-thread_local bool failsOn = false; // whether those behind it fail too
-thread_local bool hasFailed = false;
-thread_local bool armed = false;
-thread_local long seen = 0;
-thread_local long live = 0;
+PER_THREAD int countdown = 0; // allocations until the one that fails; 0: none fails
+PER_THREAD bool failsOn = false; // whether those behind it fail too
+PER_THREAD bool hasFailed = false;
+PER_THREAD bool armed = false;
+PER_THREAD long seen = 0;
+PER_THREAD long live = 0;
 constinit std::atomic<long> liveInProcess = 0;
 
 // The two counts that are always kept.
