@@ -689,6 +689,16 @@ constexpr int zipUpperBackLane(int i, int n) { return zipBackLane(i, n) - n / 2;
 
 // a[0], b[N-1], b[N-2], ..., b[1]
 constexpr int mirrorLane(int i, int n) { return i == 0 ? 0 : 2 * n - i; }
+// b[0], a[1], a[2], ..., a[N-1]
+constexpr int firstOfOtherLane(int i, int n) { return i == 0 ? n : i; }
+// Without a[1]: a[0], a[2], ..., a[N-1], b[0]; and with a gap there: a[0], a[0], a[1], ..., a[N-2]
+constexpr int skipSecondLane(int i, int) { return i == 0 ? 0 : i + 1; }
+constexpr int gapSecondLane(int i, int) { return i == 0 ? 0 : i - 1; }
+// The last one or two of a, then b; and from the second or third of a on, then b.
+constexpr int lastOneLane(int i, int n) { return n - 1 + i; }
+constexpr int lastTwoLane(int i, int n) { return n - 2 + i; }
+constexpr int fromSecondLane(int i, int) { return i + 1; }
+constexpr int fromThirdLane(int i, int) { return i + 2; }
 
 // Steps of a transposition, by quarters of 4 lanes: lanes 0 and 1 of both, or 2 and 3; pairs 0 of both, or 1.
 constexpr int quarterZipLane(int i, int n) { return i / 4 * 4 + i % 4 / 2 + i % 2 * n; }

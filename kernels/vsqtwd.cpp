@@ -106,6 +106,7 @@ Sizes sizesOf(const FftTables& tables) {
     const std::size_t points = std::size_t{1} << tables.order;
     Sizes sizes{};
     sizes.split = 2 * points;
+    if (tables.order == 4 || tables.order == 5) sizes.columns = 8 * (points / 4 - 1);
     if (tables.nPasses == 0) return sizes;
     const std::size_t height = points / 16;
     sizes.columns = 2 * 15 * height;
@@ -131,9 +132,9 @@ void setRoot(float* re, float* im, unsigned long long k, int order, double facto
     *im = static_cast<float>(root.im * factor);
 }
 
-// 15 times `width` real and `width` imaginary parts of w(2^order, (first + lane) * k).
-float* fillColumnBlock(float* p, unsigned long long first, int width, int order) {
-    for (unsigned k = 1; k < 16; ++k, p += 2 * width)
+// radix - 1 times `width` real and `width` imaginary parts of w(2^order, (first + lane) * k).
+float* fillColumnBlock(float* p, unsigned long long first, int width, int order, unsigned radix = 16) {
+    for (unsigned k = 1; k < radix; ++k, p += 2 * width)
         for (int lane = 0; lane < width; ++lane)
             setRoot(p + lane, p + width + lane, (first + static_cast<unsigned>(lane)) * k, order, 1.0);
     return p;
@@ -174,7 +175,7 @@ void fillSplit(float* split, float* lanes, int order) {
             setRoot(lanes + k, lanes + 16 + k, k, order + 1, 1.0);
         return;
     }
-    const unsigned long long width = points < 64 ? points : 16;
+    const unsigned long long width = points < 16 ? points : 16;
     for (unsigned long long k = 0; k < points; ++k) {
         float* block = split + k / width * 2 * width + k % width;
         setRoot(block, block + width, k, order + 1, 0.5);
@@ -194,6 +195,7 @@ FftTables* buildFftTables(int order) {
     float* rows = columnLanes + sizes.columnLanes;
     float* split = rows + sizes.rows;
     float* splitLanes = split + sizes.split;
+    if (order == 4 || order == 5) fillColumnBlock(columns, 0, 4, order, 1U << (order - 2));
     if (tables.nPasses > 0) {
         fillColumns(columns, columnLanes, order);
         fillRows(rows, tables);

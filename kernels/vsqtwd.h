@@ -32,14 +32,14 @@ struct FftTables {
     // Column twiddles w(M, p * k), k = 1 .. 15, for each block of 16 columns p (or all H, if those are
     // fewer): 15 times the real parts and then the imaginary parts. From twoLevelFrom on they are products of
     // columns[block][k - 1], a pair w(M, 16 * block * k), and the lanes w(M, lane * k) in columnLanes, laid
-    // out as one block.
+    // out as one block. Orders 4 and 5 have 4 columns p and k = 1 .. M / 4 - 1.
     const float* columns;
     const float* columnLanes;
     // Row twiddles, pass by pass but the last: for each p below n / r the r - 1 pairs w(n, p * k), k = 1 .. r
     // - 1.
     const float* rows;
     // Split twiddles w(2 M, k) / 2 in blocks of 16 real and 16 imaginary parts, for all k below M; below
-    // order 6, M real and M imaginary parts. From twoLevelFrom on the products of the pairs split[block] and
+    // order 4, M real and M imaginary parts. From twoLevelFrom on the products of the pairs split[block] and
     // one block splitLanes.
     const float* split;
     const float* splitLanes;
