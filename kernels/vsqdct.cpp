@@ -102,7 +102,7 @@ std::ptrdiff_t tableFloats(int n, Form form) {
 DctTable* buildTable(int n, Form form) {
     constexpr std::ptrdiff_t header = 64 / sizeof(float);
     static_assert(sizeof(DctTable) <= 64);
-    if (form == Form::cosines && n > PTRDIFF_MAX / 32) return nullptr;
+    if (form == Form::cosines && std::ptrdiff_t{n} > PTRDIFF_MAX / 32) return nullptr;
     float* block = allocAligned<float>(header + tableFloats(n, form));
     if (block == nullptr) return nullptr;
     DctTable* table = new (block) DctTable{nullptr, n, form, {}, nullptr};
