@@ -20,8 +20,8 @@
 // with real and imaginary parts exchanged.
 //
 // Each element goes through the same arithmetic whatever the width of the registers.
-#include "fft_butterflies.h"
 #include "vsqffts_level.h"
+#include "fft_butterflies.h"
 
 #include <cstddef>
 
@@ -520,6 +520,34 @@ VSQ_INLINE void joinGroup(const Spectrum& spectrum, Index group, float* own, flo
     }
 }
 
+// Where point k of the only group of a transform lies.
+VSQ_INLINE float* pointIn(float* rows, Index k) {
+    return rows + k / 16 * rowFloats + k % 16;
+}
+
+// All bins of a transform that has one group. The mirror images of L bins become L points together with the
+// first image of the bins that follow.
+template <int radix, bool twoLevels>
+VSQ_INLINE void joinOnlyGroup(const Spectrum& spectrum, float* rows) {
+    constexpr int L = registerLanes;
+    constexpr Index points = 16 * radix;
+    Points<L> z, zMirror, before;
+    loadEdges<L>(spectrum.in, spectrum.shift, points, z, before);
+    joinPair(Points<L>(z), Points<L>(before), splitTwiddles<L, twoLevels>(spectrum.tables, 0, 0), z, before);
+    storeRow(rows, z);
+    for (Index k = L; k < points / 2; k += L) {
+        const Points<L> x = loadPairs<L>(spectrum.in + 2 * k - spectrum.shift);
+        const Points<L> xMirror = loadPairsBack<L>(spectrum.in + 2 * (points - k - L + 1) - spectrum.shift);
+        joinPair(x, xMirror, splitTwiddles<L, twoLevels>(spectrum.tables, k / 16, int(k % 16)), z, zMirror);
+        storeRow(pointIn(rows, k), z);
+        storeRow(pointIn(rows, points - k), mirrorOf<L>(zMirror, before));
+        before = zMirror;
+    }
+    const float* pair = spectrum.in + points - spectrum.shift; // X[M / 2], its own mirror image
+    const Points<L> middle = {splat<float, L>(-pair[1]), splat<float, L>(pair[0])};
+    storeRow(pointIn(rows, points / 2), mirrorOf<L>(middle, before));
+}
+
 // Z[M / 2], exchanged.
 VSQ_INLINE void joinMiddle(const Spectrum& spectrum, float* row) {
     const float* pair = spectrum.in + spectrum.points - spectrum.shift;
@@ -534,14 +562,13 @@ void firstInverse(const Spectrum& spectrum, float* scratch) {
     const auto target = [&](Index group)
                             VSQ_LAMBDA { return scratch + order.place(group) * (radix * rowFloats); };
     Group<radix> front[2], back[2];
-    front[0].clearFirsts();
     float* const zero = front[0].rows;
     if (spectrum.groups == 1) {
-        joinGroup<radix, twoLevels>(spectrum, 0, zero, zero, zero);
-        joinMiddle(spectrum, zero + radix / 2 * rowFloats);
+        joinOnlyGroup<radix, twoLevels>(spectrum, zero);
         transformGroup<radix>(zero, target(0));
         return;
     }
+    front[0].clearFirsts();
     front[1].clearFirsts();
     joinGroup<radix, twoLevels>(spectrum, 0, zero, back[0].rows, zero);
     joinMiddle(spectrum, zero + radix / 2 * rowFloats);
