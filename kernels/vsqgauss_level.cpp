@@ -13,23 +13,33 @@ using Ints = Pack<std::int32_t, lanes>;
 // As many rows at once as there are registers for their sums.
 constexpr int group = registerBytes / 16;
 
+// N elements as doubles, each register of doubles straight from memory.
+template <int N>
+VSQ_INLINE Pack<double, N> loadDoubles(const float* p) {
+    if constexpr (isRegister<double, N>)
+        return convert<double>(load<float, N>(p));
+    else
+        return {loadDoubles<N / 2>(p), loadDoubles<N / 2>(p + N / 2)};
+}
+
 alignas(64) constexpr std::int16_t laneIndex[lanes] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+
+// All ones in the first `count` lanes.
+template <class Mask>
+VSQ_INLINE Pack<Mask, lanes> firstLanes(int count) {
+    const auto index = convert<Mask>(load<std::int16_t, lanes>(laneIndex));
+    return index < splat<Mask, lanes>(Mask(count));
+}
 
 // The first `count` (1 to 16) elements of a padded row, the other lanes zero, whatever the row holds there.
 template <class T>
 VSQ_INLINE Pack<T, lanes> loadPadded(const T* p, int count) {
     const Pack<T, 4> none = splat<T, 4>(0);
     const Pack<T, 4> first = load<T, 4>(p), second = count > 4 ? load<T, 4>(p + 4) : none;
-    const Pack<T, 4> third = count > 8 ? load<T, 4>(p + 8) : none,
-                     fourth = count > 12 ? load<T, 4>(p + 12) : none;
-    const auto index = convert<MaskOf<T>>(load<std::int16_t, lanes>(laneIndex));
-    const auto kept = index < splat<MaskOf<T>, lanes>(MaskOf<T>(count));
-    return select(kept, join(join(first, second), join(third, fourth)), splat<T, lanes>(0));
-}
-
-VSQ_INLINE Lanes terms(const Lanes& x, const Pack<float, lanes>& m, const Pack<float, lanes>& c) {
-    const Lanes d = x - convert<double>(m);
-    return convert<double>(c) * d * d;
+    const Pack<T, 4> third = count > 8 ? load<T, 4>(p + 8) : none;
+    const Pack<T, 4> fourth = count > 12 ? load<T, 4>(p + 12) : none;
+    const auto all = join(join(first, second), join(third, fourth));
+    return select(firstLanes<MaskOf<T>>(count), all, splat<T, lanes>(0));
 }
 
 VSQ_INLINE Ints wide(const Pack<short, lanes>& v) {
@@ -48,40 +58,98 @@ VSQ_INLINE float exponentOf(double form, const float& weight) {
     return pattern == 0 ? 0.0f : float(-__builtin_fabs(form) * 0.5);
 }
 
-// The forms of `rows` rows side by side.
-template <int rows>
-VSQ_INLINE void diagonalGroup(const float* x, const float* const* m, const float* const* c, int n,
-                              double* forms) {
-    Lanes sums[rows];
+template <int N>
+VSQ_INLINE Pack<double, N> terms(const Pack<double, N>& x, const Pack<double, N>& m,
+                                 const Pack<double, N>& c) {
+    const Pack<double, N> d = x - m;
+    return c * d * d;
+}
+
+// The vector's last 1 to 16 elements in two halves of 8 lanes, padded with zeros, and masks of what counts in
+// each.
+struct Tail {
+    static constexpr int half = lanes / 2;
+    Pack<double, half> x[2];
+    Pack<std::int32_t, half> kept[2];
+    int first; // index of the first element
+
+    VSQ_INLINE Tail(const float* vector, int i, int n) : first(i) {
+        const auto all = convert<double>(loadPart<float, lanes>(vector + i, n - i));
+        const auto mask = firstLanes<std::int32_t>(n - i);
+        x[0] = low(all);
+        x[1] = high(all);
+        kept[0] = low(mask);
+        kept[1] = high(mask);
+    }
+
+    // Half h of a row, of which `groups` (1 or 2) groups of four may be read.
+    template <int h, int groups>
+    VSQ_INLINE Pack<double, half> row(const float* p) const {
+        const float* from = p + first + h * half;
+        Pack<float, half> v;
+        if constexpr (groups == 2)
+            v = load<float, half>(from);
+        else
+            v = join(load<float, 4>(from), splat<float, 4>(0));
+        return convert<double>(select(kept[h], v, splat<float, half>(0)));
+    }
+
+    template <int h, int groups>
+    VSQ_INLINE Pack<double, half> termsOf(const float* m, const float* c) const {
+        return terms(x[h], row<h, groups>(m), row<h, groups>(c));
+    }
+};
+
+// The forms of `rows` rows side by side; the last 1 to 16 elements stand in `tailGroups` groups of four.
+template <int rows, int tailGroups>
+VSQ_INLINE void formsOf(const float* x, const float* const* m, const float* const* c, const Tail& tail,
+                        Lanes* sums) {
     for (int k = 0; k < rows; ++k)
         sums[k] = splat<double, lanes>(0);
-    int i = 0;
-    for (; i + lanes <= n; i += lanes) {
-        const Lanes wideX = convert<double>(load<float, lanes>(x + i));
+    for (int i = 0; i < tail.first; i += lanes) {
+        const Lanes wideX = loadDoubles<lanes>(x + i);
         for (int k = 0; k < rows; ++k)
-            sums[k] = sums[k] + terms(wideX, load<float, lanes>(m[k] + i), load<float, lanes>(c[k] + i));
+            sums[k] = sums[k] + terms(wideX, loadDoubles<lanes>(m[k] + i), loadDoubles<lanes>(c[k] + i));
     }
-    if (i < n) {
-        const Lanes wideX = convert<double>(loadPart<float, lanes>(x + i, n - i));
-        for (int k = 0; k < rows; ++k)
-            sums[k] = sums[k] + terms(wideX, loadPadded(m[k] + i, n - i), loadPadded(c[k] + i, n - i));
+    for (int k = 0; k < rows; ++k) {
+        sums[k].lo = sums[k].lo + tail.termsOf<0, (tailGroups > 1 ? 2 : 1)>(m[k], c[k]);
+        if constexpr (tailGroups > 2) sums[k].hi = sums[k].hi + tail.termsOf<1, tailGroups - 2>(m[k], c[k]);
     }
-    for (int k = 0; k < rows; ++k)
-        forms[k] = sumLanes(sums[k]);
+}
+
+template <int tailGroups>
+VSQ_INLINE void exponentsOf(const float* x, const float* const* m, const float* const* c,
+                            const float* weights, const Tail& tail, int nRows, float* exponents) {
+    Lanes sums[group];
+    int k = 0;
+    for (; k + group <= nRows; k += group) {
+        formsOf<group, tailGroups>(x, m + k, c + k, tail, sums);
+        for (int g = 0; g < group; ++g)
+            exponents[k + g] = exponentOf(sumLanes(sums[g]), weights[k + g]);
+    }
+    for (; k < nRows; ++k) {
+        formsOf<1, tailGroups>(x, m + k, c + k, tail, sums);
+        exponents[k] = exponentOf(sumLanes(sums[0]), weights[k]);
+    }
 }
 
 void exponentsDiagonal(const float* x, const float* const* m, const float* const* c, const float* weights,
                        int n, int nRows, float* exponents) {
-    double forms[group];
-    int k = 0;
-    for (; k + group <= nRows; k += group) {
-        diagonalGroup<group>(x, m + k, c + k, n, forms);
-        for (int g = 0; g < group; ++g)
-            exponents[k + g] = exponentOf(forms[g], weights[k + g]);
+    if (n <= 0) {
+        for (int k = 0; k < nRows; ++k)
+            exponents[k] = exponentOf(0.0, weights[k]);
+        return;
     }
-    for (; k < nRows; ++k) {
-        diagonalGroup<1>(x, m + k, c + k, n, forms);
-        exponents[k] = exponentOf(forms[0], weights[k]);
+    const Tail tail(x, (n - 1) / lanes * lanes, n);
+    switch ((n - tail.first + 3) / 4) {
+    case 1:
+        return exponentsOf<1>(x, m, c, weights, tail, nRows, exponents);
+    case 2:
+        return exponentsOf<2>(x, m, c, weights, tail, nRows, exponents);
+    case 3:
+        return exponentsOf<3>(x, m, c, weights, tail, nRows, exponents);
+    default:
+        return exponentsOf<4>(x, m, c, weights, tail, nRows, exponents);
     }
 }
 
@@ -104,53 +172,148 @@ void formsW(const short* x, const short* const* m, const short* const* c, int n,
 }
 
 // --- statistics of training vectors ---
+//
+// Every sum takes the vectors in order, one by one, so that its bits depend on nothing else. Lanes are
+// elements.
 
-VSQ_INLINE float productOf(float a, float b) {
-    return a * b;
-}
-VSQ_INLINE float productOf(short a, short b) {
-    return float(a * b);
-}
+using Floats = Pack<float, lanes>;
 
-template <class T>
-VSQ_INLINE void addSums(const T* const* vectors, int count, int n, float* __restrict sums) {
+// What one chunk of 16 elements adds: the elements, or their squares.
+struct Values {
+    static VSQ_INLINE Floats of(const float* x) { return load<float, lanes>(x); }
+    static VSQ_INLINE Floats of(const short* x) { return convert<float>(wide(load<short, lanes>(x))); }
+    static VSQ_INLINE float one(float x) { return x; }
+    static VSQ_INLINE float one(short x) { return float(x); }
+};
+struct Squares {
+    static VSQ_INLINE Floats of(const float* x) { return load<float, lanes>(x) * load<float, lanes>(x); }
+    static VSQ_INLINE Floats of(const short* x) {
+        const Ints v = wide(load<short, lanes>(x));
+        return convert<float>(v * v);
+    }
+    static VSQ_INLINE float one(float x) { return x * x; }
+    static VSQ_INLINE float one(short x) { return float(x * x); }
+};
+
+// Chunks `first` to `first + chunks - 1`, the last of all ending at element n whatever the others cover
+// already.
+template <class Term, int chunks, class T>
+VSQ_INLINE void addChunks(const T* const* vectors, int count, int n, int first, float* sums) {
+    Floats total[chunks];
+    int start[chunks];
+    for (int c = 0; c < chunks; ++c) {
+        start[c] = (first + c) * lanes < n - lanes ? (first + c) * lanes : n - lanes;
+        total[c] = load<float, lanes>(sums + start[c]);
+    }
     for (int t = 0; t < count; ++t)
-        for (int i = 0; i < n; ++i)
-            sums[i] += float(vectors[t][i]);
+        for (int c = 0; c < chunks; ++c)
+            total[c] = total[c] + Term::of(vectors[t] + start[c]);
+    for (int c = 0; c < chunks; ++c) {
+        const int done =
+            (first + c) * lanes - start[c]; // elements of the chunk before, which has stored them
+        float lane[lanes];
+        store(lane, total[c]);
+        for (int i = done; i < lanes; ++i)
+            sums[start[c] + i] = lane[i];
+    }
 }
 
+template <class Term, class T>
+VSQ_INLINE void addTerms(const T* const* vectors, int count, int n, float* sums) {
+    constexpr int atOnce = 4;
+    if (n < lanes) {
+        for (int t = 0; t < count; ++t)
+            for (int i = 0; i < n; ++i)
+                sums[i] += Term::one(vectors[t][i]);
+        return;
+    }
+    const int chunks = (n + lanes - 1) / lanes;
+    // The last chunk overlaps the one before and must start from sums that it has not touched: it comes
+    // first.
+    int left = chunks;
+    if (n % lanes != 0) addChunks<Term, 1>(vectors, count, n, --left, sums);
+    int c = 0;
+    for (; c + atOnce <= left; c += atOnce)
+        addChunks<Term, atOnce>(vectors, count, n, c, sums);
+    for (; c + 2 <= left; c += 2)
+        addChunks<Term, 2>(vectors, count, n, c, sums);
+    for (; c < left; ++c)
+        addChunks<Term, 1>(vectors, count, n, c, sums);
+}
+
+// Products: 16 columns of a block of vectors are gathered once, then serve every row of the lower triangle.
+constexpr int blockVectors = 64;
+constexpr int tileRows = registerBytes / 8;
+
 template <class T>
-VSQ_INLINE void addSquares(const T* const* vectors, int count, int n, float* __restrict sums) {
-    for (int t = 0; t < count; ++t) {
-        const T* x = vectors[t];
-        for (int i = 0; i < n; ++i)
-            sums[i] += productOf(x[i], x[i]);
+struct Panel; // the columns as they are multiplied
+template <>
+struct Panel<float> {
+    using Element = float;
+    static VSQ_INLINE Floats products(float x, const float* columns) {
+        return splat<float, lanes>(x) * load<float, lanes>(columns);
+    }
+};
+template <>
+struct Panel<short> {
+    using Element = std::int32_t;
+    static VSQ_INLINE Floats products(short x, const std::int32_t* columns) {
+        return convert<float>(splat<std::int32_t, lanes>(x) * load<std::int32_t, lanes>(columns));
+    }
+};
+
+template <int rows, class T>
+VSQ_INLINE void addTile(const T* const* vectors, int count, const typename Panel<T>::Element* panel, int row,
+                        int column, float* const* sums) {
+    Floats total[rows];
+    for (int r = 0; r < rows; ++r) {
+        const int valid = row + r - column + 1;
+        total[r] = loadPart<float, lanes>(sums[row + r] + column, valid < lanes ? valid : lanes);
+    }
+    for (int t = 0; t < count; ++t)
+        for (int r = 0; r < rows; ++r)
+            total[r] = total[r] + Panel<T>::products(vectors[t][row + r], panel + t * lanes);
+    for (int r = 0; r < rows; ++r) {
+        const int valid = row + r - column + 1;
+        storePart(sums[row + r] + column, total[r], valid < lanes ? valid : lanes);
     }
 }
 
 template <class T>
-VSQ_INLINE void addProducts(const T* const* vectors, int count, int n, float* const* rows) {
-    for (int t = 0; t < count; ++t) {
-        const T* x = vectors[t];
-        for (int i = 0; i < n; ++i) {
-            float* __restrict sums = rows[i];
-            for (int j = 0; j <= i; ++j)
-                sums[j] += productOf(x[i], x[j]);
-        }
+VSQ_INLINE void addBlock(const T* const* vectors, int count, int n, float* const* sums) {
+    alignas(64) typename Panel<T>::Element panel[blockVectors * lanes];
+    for (int column = 0; column < n; column += lanes) {
+        const int width = n - column < lanes ? n - column : lanes;
+        for (int t = 0; t < count; ++t)
+            for (int j = 0; j < lanes; ++j)
+                panel[t * lanes + j] = j < width ? vectors[t][column + j] : T(0);
+        int row = column;
+        for (; row + tileRows <= n; row += tileRows)
+            addTile<tileRows>(vectors, count, panel, row, column, sums);
+        for (; row + 2 <= n; row += 2)
+            addTile<2>(vectors, count, panel, row, column, sums);
+        for (; row < n; ++row)
+            addTile<1>(vectors, count, panel, row, column, sums);
     }
+}
+
+template <class T>
+VSQ_INLINE void addProducts(const T* const* vectors, int count, int n, float* const* sums) {
+    for (int t = 0; t < count; t += blockVectors)
+        addBlock(vectors + t, count - t < blockVectors ? count - t : blockVectors, n, sums);
 }
 
 void sumsS(const float* const* vectors, int count, int n, float* sums) {
-    addSums(vectors, count, n, sums);
+    addTerms<Values>(vectors, count, n, sums);
 }
 void sumsW(const short* const* vectors, int count, int n, float* sums) {
-    addSums(vectors, count, n, sums);
+    addTerms<Values>(vectors, count, n, sums);
 }
 void squaresS(const float* const* vectors, int count, int n, float* sums) {
-    addSquares(vectors, count, n, sums);
+    addTerms<Squares>(vectors, count, n, sums);
 }
 void squaresW(const short* const* vectors, int count, int n, float* sums) {
-    addSquares(vectors, count, n, sums);
+    addTerms<Squares>(vectors, count, n, sums);
 }
 void productsS(const float* const* vectors, int count, int n, float* const* sums) {
     addProducts(vectors, count, n, sums);
