@@ -76,6 +76,10 @@ constexpr int exponentOf(int form, int shift) {
 // wrapping 32-bit sum of d*d*c for a diagonal one. nDim is at most the server's.
 int fixedForm(const GaussMixServer* server, int mixture, const short* pVector, int nDim);
 
+// Turns nMix forms of the given scale into densities with 30 fractional bits, in place; 0 where the weight is
+// 0.
+void fixedDensities(int* forms, const short* weights, int nMix, int scale);
+
 } // namespace ktl::gauss
 
 // exp(value / 2^nFracBits) with nOutFracBits (0 to 31) fractional bits, saturated to 0x7FFFFFFF; nFracBits is

@@ -74,9 +74,7 @@ int KTwEvalGaussMix(GaussMixServer* pServer, const short* pVector, int nDim, int
     if (pServer == nullptr || isFloat(pServer)) return 0;
     auto* work = static_cast<int*>(pServer->pWork);
     const short* weight = weights<short>(pServer);
-    const ExponentPlan plan = planExponent(pServer->scale);
     fixedForms(pServer, pVector, std::min(nDim, pServer->nDim), work);
-    for (int k = 0; k < pServer->nMix; ++k)
-        work[k] = weight[k] != 0 ? KTexpFix(exponentOf(work[k], plan.shift), plan.frac, 30) : 0;
+    fixedDensities(work, weight, pServer->nMix, pServer->scale);
     return KTwDotMix(work, weight, pServer->nMix, scaleMode, pScale);
 }

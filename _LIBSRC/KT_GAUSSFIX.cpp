@@ -1,6 +1,7 @@
 // The fixed exponential and the 64-bit dot product of the fixed mixtures.
 #include "KT_GAUSS.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
@@ -105,12 +106,13 @@ constexpr auto makeExpFrac() {
     return table;
 }
 
-// floor(e^(i - 22) * 2^31)
+// floor(e^n * 2^31) for n of -22 to -1 at [n + 23]. The entry before them, for all that lies below, is 0, and
+// so is the first, which makes everything below e^-21 vanish.
 constexpr auto makeExpNeg() {
-    std::array<std::uint32_t, deepest> table{};
+    std::array<std::uint32_t, deepest + 1> table{};
     const Precise step = reciprocalOfE();
     Precise value = one();
-    for (int i = deepest - 1; i >= 0; --i) {
+    for (int i = deepest; i > 0; --i) {
         value = product(value, step);
         table[std::size_t(i)] = value.fraction() >> 1;
     }
@@ -138,16 +140,15 @@ constexpr auto makeExpPos() {
 constexpr auto expFrac = makeExpFrac();
 constexpr auto expNeg = makeExpNeg();
 constexpr auto expPos = makeExpPos();
-static_assert(expFrac[0] == 1024 && expFrac[1023] == 2780 && expNeg[0] == 0 && expPos[0].high == 1 &&
-              expPos[0].low == 0);
+static_assert(expFrac[0] == 1024 && expFrac[1023] == 2780 && expNeg[0] == 0 && expNeg[1] == 0 &&
+              expPos[0].high == 1 && expPos[0].low == 0);
 
 constexpr int largest = 0x7FFFFFFF;
 
-// e^(n + r/1024) for n of -22 to -1
+// e^(n + r/1024) for negative n. expNeg has 31 fractional bits and expFrac 10; an r of 0 leaves expNeg as it
+// is.
 int expBelowOne(int n, unsigned r, int nOutFracBits) {
-    if (n < -deepest || (n == -deepest && r < 0x211)) return 0;
-    const std::uint32_t whole = expNeg[std::size_t(n + deepest)];
-    if (r == 0) return int(whole >> (31 - nOutFracBits));
+    const std::uint32_t whole = expNeg[std::size_t(std::max(n + deepest + 1, 0))];
     return int(std::uint64_t(whole) * expFrac[r] >> (41 - nOutFracBits));
 }
 
@@ -194,11 +195,21 @@ int saturate(std::int64_t sum) {
 
 } // namespace
 
-int KTexpFix(int value, int nFracBits, int nOutFracBits) {
+static inline int fixedExponential(int value, int nFracBits, int nOutFracBits) {
     const int n = value >> std::min(nFracBits, 31);
     const unsigned r = nFracBits >= 10 ? unsigned(value >> std::min(nFracBits - 10, 31)) & 1023
                                        : unsigned(value) << (10 - nFracBits) & 1023;
     return n < 0 ? expBelowOne(n, r, nOutFracBits) : expAboveOne(n, r, nOutFracBits);
+}
+
+int KTexpFix(int value, int nFracBits, int nOutFracBits) {
+    return fixedExponential(value, nFracBits, nOutFracBits);
+}
+
+void ktl::gauss::fixedDensities(int* forms, const short* weights, int nMix, int scale) {
+    const ExponentPlan plan = planExponent(scale);
+    for (int k = 0; k < nMix; ++k)
+        forms[k] = weights[k] != 0 ? fixedExponential(exponentOf(forms[k], plan.shift), plan.frac, 30) : 0;
 }
 
 int KTwDotMix(const int* pValues, const short* pWeights, int nMix, int scaleMode, int* pScale) {

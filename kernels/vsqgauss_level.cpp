@@ -34,11 +34,14 @@ VSQ_INLINE Pack<Mask, lanes> firstLanes(int count) {
 // The first `count` (1 to 16) elements of a padded row, the other lanes zero, whatever the row holds there.
 template <class T>
 VSQ_INLINE Pack<T, lanes> loadPadded(const T* p, int count) {
-    const Pack<T, 4> none = splat<T, 4>(0);
-    const Pack<T, 4> first = load<T, 4>(p), second = count > 4 ? load<T, 4>(p + 4) : none;
-    const Pack<T, 4> third = count > 8 ? load<T, 4>(p + 8) : none;
-    const Pack<T, 4> fourth = count > 12 ? load<T, 4>(p + 12) : none;
-    const auto all = join(join(first, second), join(third, fourth));
+    const auto four = [](const T* q) VSQ_LAMBDA { return join(load<T, 4>(q), splat<T, 4>(0)); };
+    Pack<T, lanes> all;
+    if (count > 12)
+        all = load<T, lanes>(p);
+    else if (count > 8)
+        all = join(load<T, 8>(p), four(p + 8));
+    else
+        all = join(count > 4 ? load<T, 8>(p) : four(p), splat<T, 8>(0));
     return select(firstLanes<MaskOf<T>>(count), all, splat<T, lanes>(0));
 }
 
@@ -117,6 +120,29 @@ VSQ_INLINE void formsOf(const float* x, const float* const* m, const float* cons
     }
 }
 
+// The four sums across lanes side by side, each by the tree of sumLanes.
+VSQ_INLINE Pack<double, 4> sumFour(const Lanes* sums) {
+    const auto eight = [&](int k) VSQ_LAMBDA { return low(sums[k]) + high(sums[k]); };
+    const auto first = eight(0), second = eight(1), third = eight(2), fourth = eight(3);
+    const auto x = lowHalves(first, third) + highHalves(first, third); // four lanes of each
+    const auto y = lowHalves(second, fourth) + highHalves(second, fourth);
+    const auto even = evenPairs(x, y), odd = oddPairs(x, y);
+    return (lowHalves(low(even), high(even)) + highHalves(low(even), high(even))) +
+           (lowHalves(low(odd), high(odd)) + highHalves(low(odd), high(odd)));
+}
+
+VSQ_INLINE void storeExponents(const Lanes* sums, const float* weights, float* exponents) {
+    if constexpr (group == 4) {
+        const auto form = bits<std::int64_t>(sumFour(sums)) & splat<std::int64_t, 4>(0x7FFFFFFFFFFFFFFF);
+        const auto exponent = convert<float>(bits<double>(form) * splat<double, 4>(-0.5));
+        const auto absent = bits<std::int32_t>(load<float, 4>(weights)) == splat<std::int32_t, 4>(0);
+        store(exponents, select(absent, splat<float, 4>(0), exponent));
+    } else {
+        for (int g = 0; g < group; ++g)
+            exponents[g] = exponentOf(sumLanes(sums[g]), weights[g]);
+    }
+}
+
 template <int tailGroups>
 VSQ_INLINE void exponentsOf(const float* x, const float* const* m, const float* const* c,
                             const float* weights, const Tail& tail, int nRows, float* exponents) {
@@ -124,8 +150,7 @@ VSQ_INLINE void exponentsOf(const float* x, const float* const* m, const float* 
     int k = 0;
     for (; k + group <= nRows; k += group) {
         formsOf<group, tailGroups>(x, m + k, c + k, tail, sums);
-        for (int g = 0; g < group; ++g)
-            exponents[k + g] = exponentOf(sumLanes(sums[g]), weights[k + g]);
+        storeExponents(sums, weights + k, exponents + k);
     }
     for (; k < nRows; ++k) {
         formsOf<1, tailGroups>(x, m + k, c + k, tail, sums);
