@@ -50,7 +50,7 @@ bool workingTables(int order, const char* funcName, const FftTables** tables) {
 // Everything up to the pointers: whether a transform is to follow.
 bool prepared(int order, int flags, const char* funcName, const FftTables** tables) {
     if ((flags & VSQ_Free) != 0) {
-        releaseFftTables(order - 1);
+        if (order > 0) releaseFftTables(order - 1);
         return false;
     }
     if (module.refuses(order < 0, "order<0", funcName) || module.refuses(order > 31, "order>31", funcName))
