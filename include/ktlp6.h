@@ -902,6 +902,177 @@ KTL_API int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int n
 
 /* ==== multilayer perceptrons =================================================================================== */
 
+/* Feed-forward networks with one weighted layer after the other, in two flavours of one shape: 32-bit float weights and
+ * data, or 16-bit weights, 32-bit net sums and 16-bit outputs. Servers are opaque and own their memory. They hold scratch,
+ * so a server serves one thread at a time; different servers may be used on different threads.
+ *
+ * nLayers counts the input layer. pCounts[0] is the number of inputs and pCounts[l], l from 1 to nLayers - 1, the number
+ * of neurons of layer l. Tables of layers are indexed by l - 1: pppWeights[l - 1][j] is the row of neuron j of layer l,
+ * one weight per output of layer l - 1. A neuron's net sum is the inner product of its row and those outputs; its output
+ * is the activation of that.
+ *
+ * Sparse networks name the inputs of each neuron: row j of layer l has ppConnCounts[l - 1][j] weights, and
+ * pppConnections[l - 1][j][i] is the index, in layer l - 1, of input i. They are evaluated, but neither trained nor
+ * written to files. */
+typedef struct sMLPServer sMLPServer;
+typedef struct wMLPServer wMLPServer;
+
+/* Activations and derivatives of a layer: n elements from pIn to pOut. Training calls those of an application with n = 1,
+ * and derivatives with the neuron's output, not its net sum.
+ * Fixed: an input stands for pIn[i] * 2^(-inScale), and a result r is to be stored as r * 2^(-outScale). */
+typedef void (*KTMLPActivationFn)(const float* pIn, float* pOut, int n);
+typedef void (*KTMLPFixedActivationFn)(const int* pIn, short* pOut, int n, int inScale, int outScale);
+
+/* Flags; others are kept, and mean nothing. */
+#define KT_MLP_SIGMOID 2   /* the sigmoid pair on every layer */
+#define KT_MLP_THRESHOLD 4 /* thresholds are in force */
+#define KT_MLP_ABS 8       /* the 1/(1+|x|) pair on every layer, unless KT_MLP_SIGMOID is set too */
+
+/* Makes a server. Weights, connections, counts and functions are copied, and the caller's arrays can go at once.
+ *   pppWeights      rows as above; only the live weights are read
+ *   pppConnections, ppConnCounts  both null for a dense network
+ *   pCounts         nLayers widths, 0 or more; nLayers of 1 gives a network without weights
+ *   pActivation, pDerivative  nLayers - 1 functions each; with KT_MLP_SIGMOID or KT_MLP_ABS ignored and may be null
+ *   flags           KT_MLP_...
+ *   weightScale     fixed: a weight is stored * 2^weightScale, -15 for weights in Q15
+ *   pThresholds     one per neuron of all layers, in layer order, or null. NOT copied: the vector stays the caller's, must
+ *                   outlive the server, and what the caller changes in it changes the network
+ * Returns the server, freed by KT?FreeMLPServer, or null after a report: -4 "insufficiency of memory for pointer
+ * pMLPserver" or "nomemory" (also for widths below 0, nLayers below 1 and sizes beyond the address space), -5 "can't
+ * define type of activation and derivative function to use" without a flag and with a function array missing, -5 "bad
+ * connections of a sparse network" when pppConnections is missing or an index lies outside the layer before. */
+KTL_API sMLPServer* KTsInitMLPServer(float*** pppWeights, int*** pppConnections, int** ppConnCounts,
+                                     const int* pCounts, const KTMLPActivationFn* pActivation,
+                                     const KTMLPActivationFn* pDerivative, int nLayers, int flags,
+                                     const float* pThresholds);
+KTL_API wMLPServer* KTwInitMLPServer(short*** pppWeights, int*** pppConnections, int** ppConnCounts,
+                                     const int* pCounts, const KTMLPFixedActivationFn* pActivation,
+                                     const KTMLPFixedActivationFn* pDerivative, int nLayers, int flags,
+                                     int weightScale, const short* pThresholds);
+
+/* Frees a server, but not the thresholds; null is allowed. */
+KTL_API void KTsFreeMLPServer(sMLPServer* pServer);
+KTL_API void KTwFreeMLPServer(wMLPServer* pServer);
+
+/* Makes a weights table for a dense network of this shape, every weight being `value`: fill the rows, hand it to
+ * KT?InitMLPServer, free it. Rows are padded to a multiple of 4 elements, and the block begins on a 32-byte boundary.
+ * Returns the table, or null after the report -4 "nomemory". There is no random initialisation: a network that is to be
+ * trained wants rows that differ. */
+KTL_API float*** KTsSetWeightsStr(const int* pCounts, int nLayers, float value);
+KTL_API short*** KTwSetWeightsStr(const int* pCounts, int nLayers, short value);
+
+/* Frees a weights table; null is allowed. One function under two names. */
+KTL_API void KTsFreeWeightsStr(float*** ppp);
+KTL_API void KTwFreeWeightsStr(short*** ppp);
+
+/* Copies the pCounts[layer - 1] weights of one neuron out of a dense server, and into it. `layer` counts from 1, `neuron`
+ * from 0. Nothing happens for a layer or a neuron that is not there, and for a sparse server. */
+KTL_API void sMLPGetWeights(sMLPServer* pServer, int layer, int neuron, float* pDest);
+KTL_API void sMLPSetWeights(sMLPServer* pServer, int layer, int neuron, const float* pSrc);
+
+/* The logistic sigmoid 1 / (1 + exp(-x)), within a relative error of 3e-7: a table of polynomials for x between -78 and
+ * 17, the formula from -104 to -78 and for 17, 1 above and 0 below. pOut may be pIn. */
+KTL_API void KTsSigmoidActivation(const float* pIn, float* pOut, int n);
+
+/* (1 - v) * v of the neuron's output v. */
+KTL_API void KTsSigmoidDerivative(const float* pIn, float* pOut, int n);
+
+/* 1 / (1 + |x|). */
+KTL_API void KTsAbsActivation(const float* pIn, float* pOut, int n);
+
+/* -1 / (1 + x)^2 for x > 0, 1 / (1 - x)^2 for x < 0, and 0 for 0. Training calls it with the neuron's output, as it calls
+ * every derivative. */
+KTL_API void KTsAbsDerivative(const float* pIn, float* pOut, int n);
+
+/* The same in fixed point; scales as told at KTMLPFixedActivationFn. All work from the last element to the first, and in
+ * double precision.
+ *   KTwSigmoidActivation  the formula; truncated and saturated to 16 bits. Powers of two are those of a 32-bit integer,
+ *                         1 << scale. With inScale 0 THE INPUT IS NOT READ: x is the scaled result of the element before,
+ *                         0.0 for the last element, which comes first.
+ *   KTwSigmoidDerivative  truncated, and not saturated: the low 16 bits
+ *   KTwAbsActivation      the same; x is the low 16 bits of the input with their sign: larger sums wrap
+ *   KTwAbsDerivative      the same; the case is chosen by the sign of the whole 32 bits */
+KTL_API void KTwSigmoidActivation(const int* pIn, short* pOut, int n, int inScale, int outScale);
+KTL_API void KTwSigmoidDerivative(const int* pIn, short* pOut, int n, int inScale, int outScale);
+KTL_API void KTwAbsActivation(const int* pIn, short* pOut, int n, int inScale, int outScale);
+KTL_API void KTwAbsDerivative(const int* pIn, short* pOut, int n, int inScale, int outScale);
+
+/* Evaluates a network.
+ *   pInput    nInputs floats. nInputs, not pCounts[0], is the width of the first layer: with fewer, the rest of each row
+ *             plays no part; more than pCounts[0] are not looked at
+ *   pOutput   as many floats as the last layer has neurons, whatever nOutputs says
+ * With KT_MLP_THRESHOLD the thresholds, if there are any, are subtracted from the net sums of a dense network; a sparse
+ * one has none. A layer whose activation is null stores nothing. A network of nLayers = 1 writes nothing. Products and
+ * sums are floats; a sum runs in 16 lanes, column i in lane i % 16, which are then added as a tree. A dense server needs no memory and cannot fail; a sparse one
+ * reports -4 "insufficiency of memory for pointer  outputPtr" and leaves pOutput as it was. */
+KTL_API void KTsEvalMLPFeedForward(sMLPServer* pServer, const float* pInput, int nInputs, float* pOutput,
+                                   int nOutputs);
+
+/* Evaluates a network in fixed point. Inputs, net sums and outputs of all layers have the scale actScale: a value is
+ * stored * 2^actScale, -15 for Q15.
+ *   pInput        nInputs words; nInputs as above
+ *   pOutput       nOutputs words: that many results of the last layer, if it has them
+ *   scaleMode     KT_FixedScale: results are brought from actScale to *pScaleFactor, by a shift to the right that rounds
+ *                 down, or one to the left that drops what goes beyond 16 bits. KT_NoScale: *pScaleFactor becomes 0, and
+ *                 results are shifted to the right by an actScale above 0, to the LEFT by the low five bits of one below,
+ *                 which for -15 leaves 0. Any other: *pScaleFactor becomes 0 and results are copied
+ *   pScaleFactor  may be null, which counts as 0
+ * Fixed point: a product of a weight and an input, 32 bits, is shifted right by -weightScale (modulo 32) before it is
+ * added, rounding down: (-1 * 1) >> 15 is -1. The 32-bit sums wrap. Thresholds, 16 bits on the scale of the weights, are
+ * brought to actScale by a shift of weightScale - actScale (to the left when positive) and subtracted with wrapping, as in
+ * the float flavour and there too in dense networks only. The library's sigmoid saturates. With actScale 0 it does not
+ * read the sums; see KTwSigmoidActivation. No failure. */
+KTL_API void KTwEvalMLPFeedForward(wMLPServer* pServer, const short* pInput, int nInputs, short* pOutput,
+                                   int nOutputs, int scaleMode, int* pScaleFactor, int actScale);
+
+/* Trains a dense float network in place by back-propagation with momentum, pattern by pattern.
+ *   ppInputs       nPatterns rows of pCounts[0] floats, also when nInputs is smaller
+ *   nInputs        the width of the first layer in the first error measure and for the first pattern; from then on the
+ *                  function takes the width of the LAST layer for it
+ *   ppTargets      nPatterns rows of nOutputs floats; nOutputs is the width of the last layer
+ *   learningRate, momentum  a weight changes by learningRate * delta * input + momentum * its previous change
+ *   errorThreshold  training ends before an epoch when the error, the sum of the squared differences of all outputs and
+ *                  targets / (2 * nPatterns), is below it or within 1e-9 of it
+ *   maxEpochs      at most so many times through all patterns; 0 and below train nothing
+ *   pEpochs        receives the number of epochs run; may be null
+ *
+ * What follows for users:
+ * - A network whose first and last layers have the same width trains as expected. Where the last layer is narrower, only
+ *   as many inputs as there are outputs are fed forward after the first pattern, so make the widths equal: give the
+ *   network output neurons until there are as many as inputs, pad the targets of the further ones with a constant (0.5
+ *   is easy for a sigmoid), and leave their results out of account. Where it is wider, all inputs take part.
+ * - With KT_MLP_THRESHOLD training takes each row's first weight as the threshold of its neuron and skips the first
+ *   input, while evaluation, and with it the error, subtracts pThresholds. For a trained bias leave the flag off and
+ *   give the network one more input, which is always 1.
+ * - Patterns come in their order, each epoch begins one pattern further on, and nothing is random: shuffle them before.
+ * - The previous changes start at 0, except that where rows are padded (a width that is no multiple of 4) those of the
+ *   last rows start at the weights themselves. With a momentum of 0 that does not matter.
+ * - The error of the last epoch is not measured: when *pEpochs is maxEpochs, evaluate to know it.
+ *
+ * Reports -6 "training of a sparse network is not supported"; -4 "insufficiency of memory for pointer  pY", "...
+ * server2" (after the report of KTsInitMLPServer) and, as "getErrSumMLPBackProp", "...  o". *pEpochs is not written
+ * then. */
+KTL_API void KTsTrainMLPBackPropagation(sMLPServer* pServer, const float** ppInputs, int nPatterns, int nInputs,
+                                        const float** ppTargets, int nOutputs, float learningRate, int maxEpochs,
+                                        float errorThreshold, float momentum, int* pEpochs);
+
+/* Writes a dense server at the stream's position: a header of 60 (float) or 64 bytes, the neuron counts, the weights with
+ * their padding, 32-bit little-endian. Thresholds and functions of the application are not stored: a network that is
+ * written with KT_MLP_THRESHOLD comes back without thresholds, and one without KT_MLP_SIGMOID and KT_MLP_ABS does not
+ * come back. Reports -6 "a sparse network cannot be written"; "input_output_error" as -4 for the header and the counts
+ * and as -3 for the weights. Null arguments write nothing. */
+KTL_API void KTsWriteMLPServer(FILE* stream, sMLPServer* pServer);
+KTL_API void KTwWriteMLPServer(FILE* stream, wMLPServer* pServer);
+
+/* Reads a server from the stream's position and leaves the stream right behind it. Returns the server, which the caller
+ * frees, or null: without a report when the stream ends within the header; after -5 "Bad sMLPServer identifier" (or
+ * wMLPServer); -4 "insufficiency of memory for pointer  pMLPServer0. playerNeuronCounts"; -4 "nomemory" when the stream
+ * ends within the counts, when memory does not suffice for the weights, or when the counts contradict each other; -3
+ * "input_output_error" when it ends within the weights; and what KT?InitMLPServer reports. Memory is taken as data comes
+ * in, so damaged counts take no more than a few times what the stream holds. */
+KTL_API sMLPServer* KTsReadMLPServer(FILE* stream);
+KTL_API wMLPServer* KTwReadMLPServer(FILE* stream);
+
 #ifdef __cplusplus
 }
 #endif

@@ -29,6 +29,8 @@ namespace {
         .tree = &level::treeKernels,                                                                         \
         .gauss = &level::gaussKernels,                                                                       \
         .hmm = &level::hmmKernels,                                                                           \
+        .matvec = &level::matVecKernels,                                                                     \
+        .mlp = &level::mlpKernels,                                                                           \
     }
 // clang-format on
 

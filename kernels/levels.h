@@ -22,8 +22,10 @@
 #include "vsqlnexp_level.h"
 #include "vsqlpc_level.h"
 #include "vsqmahal_level.h"
+#include "vsqmatvec_level.h"
 #include "vsqmel_level.h"
 #include "vsqmisc_level.h"
+#include "vsqmlp_level.h"
 #include "vsqnorm_level.h"
 #include "vsqpree_level.h"
 #include "vsqtree_level.h"
@@ -52,6 +54,8 @@ struct LevelTable {
     const TreeKernels* tree;
     const GaussKernels* gauss;
     const HmmKernels* hmm;
+    const MatVecKernels* matvec;
+    const MlpKernels* mlp;
 };
 
 extern const LevelTable* activeTable;

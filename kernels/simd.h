@@ -573,6 +573,100 @@ VSQ_INLINE Pack<std::int16_t, N> pairSums(const Pack<std::int16_t, N>& a, std::i
         [&](auto x, auto y) VSQ_LAMBDA { return pairSumsVector(x, y, p, q, middle); }, a, b);
 }
 
+// --- products and pairs of 16-bit lanes ---
+
+// The upper 16 bits of each 32-bit product.
+template <class V>
+VSQ_INLINE V highProductsVector(V a, V b) {
+#if defined(__AVX512BW__)
+    if constexpr (sizeof(V) == 64)
+        return (V)_mm512_mulhi_epi16((__m512i)a, (__m512i)b);
+    else
+#endif
+#if defined(__AVX2__)
+        if constexpr (sizeof(V) == 32)
+        return (V)_mm256_mulhi_epi16((__m256i)a, (__m256i)b);
+    else
+#endif
+#if defined(__SSE2__)
+        if constexpr (sizeof(V) == 16)
+        return (V)_mm_mulhi_epi16((__m128i)a, (__m128i)b);
+    else
+#endif
+    {
+        typedef std::int32_t All __attribute__((vector_size(2 * sizeof(V))));
+        return __builtin_convertvector((__builtin_convertvector(a, All) * __builtin_convertvector(b, All)) >> 16,
+                                       V);
+    }
+}
+
+template <int N>
+VSQ_INLINE Pack<std::int16_t, N> highProducts(const Pack<std::int16_t, N>& a, const Pack<std::int16_t, N>& b) {
+    return each<std::int16_t, N>([](auto x, auto y) VSQ_LAMBDA { return highProductsVector(x, y); }, a, b);
+}
+
+// Lane i is the sum of lanes 2i and 2i + 1, in 32 bits.
+template <class R, class V>
+VSQ_INLINE R pairTotalsVector(V a) {
+#if defined(__AVX512BW__)
+    if constexpr (sizeof(V) == 64)
+        return (R)_mm512_madd_epi16((__m512i)a, _mm512_set1_epi16(1));
+    else
+#endif
+#if defined(__AVX2__)
+        if constexpr (sizeof(V) == 32)
+        return (R)_mm256_madd_epi16((__m256i)a, _mm256_set1_epi16(1));
+    else
+#endif
+#if defined(__SSE2__)
+        if constexpr (sizeof(V) == 16)
+        return (R)_mm_madd_epi16((__m128i)a, _mm_set1_epi16(1));
+    else
+#endif
+    {
+        R result;
+        for (unsigned i = 0; i < sizeof(R) / 4; ++i)
+            result[i] = std::int32_t(a[2 * i]) + std::int32_t(a[2 * i + 1]);
+        return result;
+    }
+}
+
+template <int N>
+VSQ_INLINE Pack<std::int32_t, N / 2> pairTotals(const Pack<std::int16_t, N>& a) {
+    if constexpr (isRegister<std::int16_t, N>)
+        return {pairTotalsVector<typename Pack<std::int32_t, N / 2>::Register>(a.r)};
+    else
+        return join(pairTotals(a.lo), pairTotals(a.hi));
+}
+
+// --- a table of 16 doubles ---
+
+template <class V, class I>
+VSQ_INLINE V lookUpVector(const double* table, I index) {
+#if defined(__AVX512F__)
+    if constexpr (sizeof(V) == 64)
+        return (V)_mm512_permutex2var_pd(_mm512_loadu_pd(table), (__m512i)index, _mm512_loadu_pd(table + 8));
+    else
+#endif
+    {
+        V result;
+        for (unsigned i = 0; i < sizeof(V) / sizeof(double); ++i)
+            result[i] = table[index[i]];
+        return result;
+    }
+}
+
+// table[index], lane by lane; every index is from 0 to 15.
+template <int N>
+VSQ_INLINE Pack<double, N> lookUp(const double* table, const Pack<std::int64_t, N>& index) {
+    return each<double, N>(
+        [table](auto i) VSQ_LAMBDA {
+            typedef double Register __attribute__((vector_size(sizeof i)));
+            return lookUpVector<Register>(table, i);
+        },
+        index);
+}
+
 // A bit for each lane of a mask, lane 0 lowest; up to 32 lanes.
 template <class V> VSQ_INLINE unsigned bitsOfVector(V x) {
 #if defined(__AVX512DQ__)

@@ -1,0 +1,107 @@
+// The activation functions of multilayer perceptrons and their derivatives.
+#include "KT_PERC.h"
+
+#include "levels.h"
+
+#include <cmath>
+#include <cstdint>
+
+namespace {
+
+// 2^count as fixed-point inputs and outputs take it: an int with one bit, which 31 makes the negative one,
+// and counts modulo 32.
+double bitAsDouble(unsigned count) {
+    return double(std::int32_t(1u << (count & 31)));
+}
+
+// value * 2^(-scale) by a factor of that kind.
+double scaled(double value, int scale) {
+    if (scale > 0) return value / bitAsDouble(unsigned(scale));
+    return scale < 0 ? value * bitAsDouble(0u - unsigned(scale)) : value;
+}
+
+short saturated(double value) {
+    if (value > 32767.0) return 0x7FFF;
+    if (!(value >= -32768.0)) return -32768;
+    return short(value);
+}
+
+// Toward zero, on the scale of the output, the bits beyond 16 dropped.
+short convertDown(double value, int outScale) {
+    return KTdwConvertDown(value, KT_FixedScale, &outScale);
+}
+
+// The low half of an element as a real number.
+double lowHalf(int element, int inScale) {
+    return KTwdConvertUp(short(std::uint16_t(element & 0xFFFF)), inScale);
+}
+
+double absActivation(double x) {
+    return x < 0.0 ? 1.0 / (1.0 - x) : 1.0 / (x + 1.0);
+}
+
+// The power 2.0 of the general function is the product: both are the double next to the square.
+double square(double x) {
+    return x * x;
+}
+
+// The derivative by the sign that goes with x, which in the fixed flavour is not always x's own. A
+// not-a-number stays.
+double absDerivative(double x, double sign) {
+    if (sign > 0.0) return -1.0 / square(x + 1.0);
+    if (sign < 0.0) return 1.0 / square(1.0 - x);
+    return sign == 0.0 ? 0.0 : sign;
+}
+
+} // namespace
+
+bool ktl::perc::isElementwise(KTMLPActivationFn function) {
+    return function == KTsSigmoidActivation || function == KTsSigmoidDerivative ||
+           function == KTsAbsActivation || function == KTsAbsDerivative;
+}
+
+void KTsSigmoidActivation(const float* pIn, float* pOut, int n) {
+    vsq::kernels().mlp->sigmoid(pIn, pOut, n);
+}
+
+void KTsSigmoidDerivative(const float* pIn, float* pOut, int n) {
+    for (int i = n - 1; i >= 0; --i)
+        pOut[i] = float((1.0 - double(pIn[i])) * double(pIn[i]));
+}
+
+void KTsAbsActivation(const float* pIn, float* pOut, int n) {
+    for (int i = n - 1; i >= 0; --i)
+        pOut[i] = float(absActivation(double(pIn[i])));
+}
+
+void KTsAbsDerivative(const float* pIn, float* pOut, int n) {
+    for (int i = n - 1; i >= 0; --i)
+        pOut[i] = float(absDerivative(double(pIn[i]), double(pIn[i])));
+}
+
+// With an inScale of 0 the input is not read: an element's x is the scaled result of the one before it.
+void KTwSigmoidActivation(const int* pIn, short* pOut, int n, int inScale, int outScale) {
+    double x = 0.0;
+    for (int i = n - 1; i >= 0; --i) {
+        if (inScale != 0) x = scaled(double(pIn[i]), inScale);
+        x = scaled(1.0 / (1.0 + std::exp(-x)), outScale);
+        pOut[i] = saturated(x);
+    }
+}
+
+void KTwSigmoidDerivative(const int* pIn, short* pOut, int n, int inScale, int outScale) {
+    for (int i = n - 1; i >= 0; --i) {
+        const double value = KTidConvertUp(pIn[i], inScale);
+        pOut[i] = convertDown((1.0 - value) * value, outScale);
+    }
+}
+
+void KTwAbsActivation(const int* pIn, short* pOut, int n, int inScale, int outScale) {
+    for (int i = n - 1; i >= 0; --i)
+        pOut[i] = convertDown(absActivation(lowHalf(pIn[i], inScale)), outScale);
+}
+
+void KTwAbsDerivative(const int* pIn, short* pOut, int n, int inScale, int outScale) {
+    for (int i = n - 1; i >= 0; --i)
+        pOut[i] = convertDown(absDerivative(lowHalf(pIn[i], inScale), double(pIn[i])), outScale);
+}
