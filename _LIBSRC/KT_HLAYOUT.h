@@ -45,6 +45,14 @@ constexpr bool stores(Topology topology, int i, int j) {
     return topology == Topology::full || (j >= i && (topology == Topology::triangular || j <= i + 2));
 }
 
+// The targets that a topology stores of source i are firstTarget .. endTarget - 1.
+constexpr int firstTarget(Topology topology, int i) {
+    return topology == Topology::full ? 0 : i;
+}
+constexpr int endTarget(Topology topology, int n, int i) {
+    return topology == Topology::banded && n - i > 3 ? i + 3 : n;
+}
+
 // The map of one model's transition array: 4-byte elements, floats or widened integers.
 struct TransitionMap {
     Topology topology;
@@ -112,14 +120,20 @@ T** outputRows(void* outputs) {
     return static_cast<T**>(outputs);
 }
 
-// The whole of a model's stored transitions in another order, into an array of to.size() elements that is
-// already filled with what absent elements hold.
+// The whole of a model's stored transitions in another order, each as convert(element), into an array of
+// to.size() elements that is already filled with what absent elements hold.
+template <class From, class To, class Convert>
+void rewriteTransitions(const TransitionMap& from, const From* source, const TransitionMap& to, To* target,
+                        Convert convert) {
+    for (int i = 0; i < from.n; ++i)
+        for (int j = firstTarget(from.topology, i); j < endTarget(from.topology, from.n, i); ++j)
+            target[to.position(i, j)] = convert(source[from.position(i, j)]);
+    if (to.duplicate() < to.size()) target[to.duplicate()] = target[to.position(to.n - 1, to.n - 1)];
+}
+
 template <class T>
 void rewriteTransitions(const TransitionMap& from, const T* source, const TransitionMap& to, T* target) {
-    for (int i = 0; i < from.n; ++i)
-        for (int j = 0; j < from.n; ++j)
-            if (stores(from.topology, i, j)) target[to.position(i, j)] = source[from.position(i, j)];
-    if (to.duplicate() < to.size()) target[to.duplicate()] = target[to.position(to.n - 1, to.n - 1)];
+    rewriteTransitions(from, source, to, target, [](T element) { return element; });
 }
 
 // What the lanes hold that no transition or output fills: the largest float.

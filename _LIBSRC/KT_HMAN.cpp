@@ -15,10 +15,6 @@ bool ready() {
     return (KTGetContext()->hmmMode & HMM_MODE_READY) != 0;
 }
 
-HMMServer* newRecord() {
-    return static_cast<HMMServer*>(std::calloc(1, sizeof(HMMServer)));
-}
-
 // --- domain flags ---
 
 bool refusesFixed(int flags, const char* funcName) {
@@ -90,31 +86,6 @@ GaussMixServer* ownMixture(const GaussMixServer* source, int flags) {
                                  diagonals<short>(source), source->nDim, source->nMix, flags, source->scale);
 }
 
-// A copy that scores alike bit for bit: the normalised weights are taken over instead of being computed
-// again.
-GaussMixServer* copyMixture(const GaussMixServer* source) {
-    if (source == nullptr || !ktl::gauss::isFloat(source))
-        return source != nullptr ? ownMixture(source, source->flags) : nullptr;
-    GaussMixServer* copy = ownMixture(source, source->flags & ~KT_GAUSS_NORMALIZE);
-    if (copy == nullptr) return nullptr;
-    std::memcpy(copy->pNormWeights, source->pNormWeights, std::size_t(source->nMix) * sizeof(float));
-    copy->flags |= source->flags & KT_GAUSS_NORMALIZE;
-    return copy;
-}
-
-// One mixture for each state, made by `make` from the source's; false when one could not be had.
-template <class Make>
-bool fillMixtures(HMMServer* server, GaussMixServer* const* sources, int nStates, Make make) {
-    server->mixtures =
-        static_cast<GaussMixServer**>(std::calloc(std::size_t(nStates) + 1, sizeof(GaussMixServer*)));
-    if (server->mixtures == nullptr) return false;
-    for (int i = 0; i < nStates; ++i) {
-        server->mixtures[i] = make(sources[i]);
-        if (server->mixtures[i] == nullptr) return false;
-    }
-    return true;
-}
-
 // --- creation ---
 
 // What an Init was asked for; arrays are of the form that `kind` says.
@@ -139,13 +110,14 @@ bool takeOver(HMMServer* server, const Request& request) {
     const auto make = [](const GaussMixServer* source) {
         return source != nullptr ? ownMixture(source, source->flags | KT_GAUSS_BLOCK) : nullptr;
     };
-    return request.mixtures != nullptr && fillMixtures(server, request.mixtures, request.nStates, make);
+    return request.mixtures != nullptr &&
+           ownFillMixtures(server, request.nStates, [&](int i) { return make(request.mixtures[i]); });
 }
 
 int create(const Request& request) {
     KTInitHMMRegistry();
     if (!ready()) return -1;
-    HMMServer* server = newRecord();
+    HMMServer* server = ownNewHMMRecord();
     if (server == nullptr) return -1;
     // until the parameters are committed a continuous model's mixtures are its own to release
     server->status = request.kind & (HMM_SERVER_CONT | HMM_SERVER_OWNS_MIXTURES);
@@ -197,8 +169,9 @@ bool copyOutputs(const HMMServer* source, HMMServer* target) {
 bool copyMixtures(const HMMServer* source, HMMServer* target) {
     if ((source->status & HMM_SERVER_CONT) == 0 || source->mixtures == nullptr) return true;
     const bool owns = (source->status & HMM_SERVER_OWNS_MIXTURES) != 0;
-    return fillMixtures(target, source->mixtures, source->nStates,
-                        [owns](GaussMixServer* mixture) { return owns ? copyMixture(mixture) : mixture; });
+    return ownFillMixtures(target, source->nStates, [=](int i) {
+        return owns ? ownCopyMixture(source->mixtures[i]) : source->mixtures[i];
+    });
 }
 
 bool copyStateWords(const HMMServer* source, HMMServer* target) {
@@ -227,6 +200,20 @@ bool copyContents(const HMMServer* source, HMMServer* target) {
 
 } // namespace
 
+HMMServer* ownNewHMMRecord() {
+    return static_cast<HMMServer*>(std::calloc(1, sizeof(HMMServer)));
+}
+
+GaussMixServer* ownCopyMixture(const GaussMixServer* source) {
+    if (source == nullptr || !ktl::gauss::isFloat(source))
+        return source != nullptr ? ownMixture(source, source->flags) : nullptr;
+    GaussMixServer* copy = ownMixture(source, source->flags & ~KT_GAUSS_NORMALIZE);
+    if (copy == nullptr) return nullptr;
+    std::memcpy(copy->pNormWeights, source->pNormWeights, std::size_t(source->nMix) * sizeof(float));
+    copy->flags |= source->flags & KT_GAUSS_NORMALIZE;
+    return copy;
+}
+
 void ownFreeHMMRecord(HMMServer* server) {
     freeMixtures(server);
     std::free(server->transitions);
@@ -236,13 +223,13 @@ void ownFreeHMMRecord(HMMServer* server) {
     std::free(server);
 }
 
-int ownRegisterComplete(HMMServer* server) {
+int ownRegisterComplete(HMMServer* server, int tag) {
     const int id = KTRegisterHMMServer(server);
     if (id < 0) {
         ownFreeHMMRecord(server);
         return -1;
     }
-    KTSetHMMServerParm(id, 0, nullptr, nullptr, nullptr, -1, -1, -1);
+    KTSetHMMServerParm(id, tag, nullptr, nullptr, nullptr, -1, -1, -1);
     if (KTGetStatus() < 0) KTFreeHMMServer(id);
     return id;
 }
@@ -325,7 +312,7 @@ void KTHMMFreeAll(void) {
 
 int KTCopyHMMServer(int hmm) {
     const HMMServer* source = KTFindHMMServer(hmm);
-    HMMServer* copy = source != nullptr ? newRecord() : nullptr;
+    HMMServer* copy = source != nullptr ? ownNewHMMRecord() : nullptr;
     if (copy == nullptr) return -1;
     if (!copyContents(source, copy)) {
         ownFreeHMMRecord(copy);

@@ -3,6 +3,9 @@
 
 #include "KT_CONTEXT.h"
 
+#include <cstddef>
+#include <cstdlib>
+
 struct GaussMixServer;
 
 // Everything about one model, told apart by `status`. The field order is that of the file image, in which
@@ -108,7 +111,28 @@ void ownFreeHMMRecord(HMMServer* server);
 
 // Registers a record that was built by other means than an Init: its id, or -1, with the record freed, when
 // memory ran out. A negative status of the thread releases the new server; the id is returned all the same.
-int ownRegisterComplete(HMMServer* server);
+int ownRegisterComplete(HMMServer* server, int tag = 0);
+
+// A zeroed record in no list; null when memory ran out.
+HMMServer* ownNewHMMRecord();
+
+// A mixture that scores like the source bit for bit: normalised weights are taken over instead of being
+// computed again. Null for null, and after a report when memory ran out.
+GaussMixServer* ownCopyMixture(const GaussMixServer* source);
+
+// One mixture for each state, made by make(state); false when one, or the array, could not be had. The record
+// then holds the ones before it, for ownFreeHMMRecord.
+template <class Make>
+bool ownFillMixtures(HMMServer* server, int nStates, Make make) {
+    server->mixtures =
+        static_cast<GaussMixServer**>(std::calloc(std::size_t(nStates) + 1, sizeof(GaussMixServer*)));
+    if (server->mixtures == nullptr) return false;
+    for (int i = 0; i < nStates; ++i) {
+        server->mixtures[i] = make(i);
+        if (server->mixtures[i] == nullptr) return false;
+    }
+    return true;
+}
 
 // --- parameter setting (KT_HINT) ---
 

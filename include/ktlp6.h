@@ -860,6 +860,22 @@ KTL_API void KTHMMFreeAll(void);
 /* A server of its own with the same contents, in no class: its id, or -1 for an unknown id or when memory ran out. */
 KTL_API int KTCopyHMMServer(int hmm);
 
+/* A server's parameters in the shape in which the Init functions take them, by source state: the inverse of creation.
+ * Every array may be null, and so may single rows of a table: what is null is not delivered.
+ *
+ * initial: nStates elements; trans: nStates pointers to rows of nStates; out (discrete models alone) and semicontOut
+ * (semicontinuous ones alone): nStates pointers to rows of nSymbols; float for a float server, short for a fixed one. Float
+ * values come as they are stored, costs or probabilities. A transition that the model's topology does not store is 0.0
+ * among probabilities, the largest float among costs, and 0x7FFF in every fixed server. Fixed point: stored values have
+ * 32 bits and are pinned to -0x7FFF and 0x7FFF, so that zero probability comes back as 0x7FFF; weights have 16 bits and
+ * are copied.
+ * mixtures (continuous models alone): nStates slots; each one that is not null on entry is overwritten with a new mixture
+ * server, which the caller frees with KTsFreeGaussMixServer; null, after a report, when memory ran out for it.
+ *
+ * Returns 0, or -1 for an unknown id, with nothing written. Reports nothing of its own. */
+KTL_API int KTGetHMMProb(int hmm, void* initial, void** trans, void** out, void** semicontOut,
+                         struct GaussMixServer** mixtures);
+
 /* ==== hidden Markov models: evaluation ========================================================================= */
 
 /* Evaluation. `hmm` is a server's id, or the negated id of a class, whose members are scored by ascending id; *pBest (may be
