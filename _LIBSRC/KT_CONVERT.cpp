@@ -43,11 +43,6 @@ constexpr auto low = negativePowers();
 constexpr auto high = highPowers();
 static_assert(low[63] == 0x1p-63f && high[1] == 0x1p1023 && high[17] == 0.5 && high[33] == 0x1p-1025);
 
-// The factor of a scale, in both directions of conversion.
-double factorOfScale(int scale) {
-    return KTPower2(scale == INT_MIN ? INT_MAX : -scale);
-}
-
 // --- orders ---
 
 constexpr int floatOrderBias = 126, doubleOrderBias = 1022;
@@ -136,14 +131,14 @@ void convertDown(const Src* src, Dst* dst, int n, int scaleMode, int* pScale, Or
     int ownScale = 0;
     int& scale = pScale != nullptr ? *pScale : ownScale;
     if (scaleMode == KT_FixedScale) {
-        truncateBlock(src, dst, n, factorOfScale(scale));
+        truncateBlock(src, dst, n, ownFactorOfScale(scale));
     } else if (scaleMode == KT_NoScale) {
         truncateBlock(src, dst, n, 1.0);
         scale = 0;
     } else if (scaleMode == KT_AutoScale) {
         const FoundScale found = findScale(maxOrder(src, n), limits, magnitudeBits<Dst>);
         if (found.usable)
-            truncateBlock(src, dst, n, factorOfScale(found.scale));
+            truncateBlock(src, dst, n, ownFactorOfScale(found.scale));
         else
             std::fill_n(dst, std::max(n, 0), Dst(0));
         scale = found.scale;
@@ -175,11 +170,11 @@ template <class Dst, class Src>
 Dst convertValueDown(Src value, int scaleMode, int* pScale, OrderLimits limits) {
     int ownScale = 0;
     int& scale = pScale != nullptr ? *pScale : ownScale;
-    if (scaleMode == KT_FixedScale) return truncateBits<Dst>(value * factorOfScale(scale));
+    if (scaleMode == KT_FixedScale) return truncateBits<Dst>(value * ownFactorOfScale(scale));
     if (scaleMode == KT_AutoScale) {
         const FoundScale found = findScale(maxOrder(&value, 1), limits, magnitudeBits<Dst>);
         scale = found.scale;
-        return found.usable ? truncateBits<Dst>(value * factorOfScale(found.scale)) : Dst(0);
+        return found.usable ? truncateBits<Dst>(value * ownFactorOfScale(found.scale)) : Dst(0);
     }
     scale = 0;
     return scaleMode == KT_NoScale ? truncateBits<Dst>(value) : clampValue<Dst>(value);
@@ -190,6 +185,10 @@ Dst convertValueDown(Src value, int scaleMode, int* pScale, OrderLimits limits) 
 double KTPower2(int exponent) {
     const int k = highestExponent - std::clamp(exponent, smallestExponent, infiniteExponent);
     return high[static_cast<unsigned>(k >> 6)] * low[static_cast<unsigned>(k & 63)];
+}
+
+double ownFactorOfScale(int scale) {
+    return KTPower2(scale == INT_MIN ? INT_MAX : -scale);
 }
 
 int KTsMaxOrder(const float* pSrc, int n) {
@@ -242,23 +241,23 @@ int KTdiConvertDown(double value, int scaleMode, int* pScale) {
 }
 
 void KTwsbConvertUp(const short* pSrc, float* pDst, int n, int scale) {
-    vsq::kernels().cvrts->shortToFloat(pSrc, pDst, n, factorOfScale(scale));
+    vsq::kernels().cvrts->shortToFloat(pSrc, pDst, n, ownFactorOfScale(scale));
 }
 void KTwdbConvertUp(const short* pSrc, double* pDst, int n, int scale) {
-    vsq::kernels().cvrts->shortToDouble(pSrc, pDst, n, factorOfScale(scale));
+    vsq::kernels().cvrts->shortToDouble(pSrc, pDst, n, ownFactorOfScale(scale));
 }
 void KTisbConvertUp(const int* pSrc, float* pDst, int n, int scale) {
-    vsq::kernels().cvrts->intToFloat(pSrc, pDst, n, factorOfScale(scale));
+    vsq::kernels().cvrts->intToFloat(pSrc, pDst, n, ownFactorOfScale(scale));
 }
 void KTidbConvertUp(const int* pSrc, double* pDst, int n, int scale) {
-    vsq::kernels().cvrts->intToDouble(pSrc, pDst, n, factorOfScale(scale));
+    vsq::kernels().cvrts->intToDouble(pSrc, pDst, n, ownFactorOfScale(scale));
 }
 
 double KTwdConvertUp(short value, int scale) {
-    return value * factorOfScale(scale);
+    return value * ownFactorOfScale(scale);
 }
 double KTidConvertUp(int value, int scale) {
-    return value * factorOfScale(scale);
+    return value * ownFactorOfScale(scale);
 }
 double KTwsConvertUp(short value, int scale) {
     return KTwdConvertUp(value, scale);

@@ -6,3 +6,6 @@
 // The order of an array as KTsMaxOrder and KTwMaxOrder define it; 0 for n below 1.
 int KTdMaxOrder(const double* pSrc, int n);
 int KTiMaxOrder(const int* pSrc, int n);
+
+// 2^(-scale), the factor of a scale in both directions of conversion.
+double ownFactorOfScale(int scale);

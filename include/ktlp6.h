@@ -914,6 +914,44 @@ KTL_API int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int n
 
 /* ==== hidden Markov models: transforms and files =============================================================== */
 
+/* Transforms. Each makes a new server and returns its id, in no class; the source is released, or stays, as KTSetHMMMode
+ * says. -1 for an unknown id, when memory ran out (in silence), and after a KT_StsBadArg report where one is named.
+ *
+ * KTsExpHMMServer turns costs into probabilities, KTsLogHMMServer probabilities into costs, of float servers: initial
+ * values, transitions and the outputs of discrete models; weights of densities and mixtures are the same in both domains.
+ * The topology stays what it is. Refused: "!(ser->status&HMM_SERVER_FLOAT)", "!(ser->status&KT_HMM_LOGARITHMIC)",
+ * "!(ser->status&KT_HMM_EXPONENTIAL)". Probability 0 becomes an infinite cost; a cost of 30 becomes 1e-30. When memory runs
+ * out while transitions are being rewritten, an unchanged copy of the source stays registered. */
+KTL_API int KTsExpHMMServer(int hmm);
+KTL_API int KTsLogHMMServer(int hmm);
+
+/* Numeric form: KTswConvertHMMServer makes a fixed server from a float one, KTwsConvertHMMServer the reverse. Both take
+ * servers of costs: KT_HMM_EXPONENTIAL is refused with "ser->status&KT_HMM_EXPONENTIAL" (under the name
+ * KTswConvertHMMServer in both). A server that is not of the form converted from gives -1 in silence. The last three scales
+ * go to KTswConvertGaussMixServer and KTwsConvertGaussMixServer for each state of a continuous model and mean nothing for
+ * others; where one of them leaves the thread's status negative, the result is -1.
+ *
+ * Down: x becomes x * 2^(-scale), truncated toward zero, and `scale` becomes the server's scale. x of 0x1FFFFF * 2^(-scale)
+ * or more (the unscaled x, compared with the scaled limit) becomes HMM_LOG_ZERO, x below its negative -HMM_LOG_ZERO; what
+ * passes and leaves 32 bits becomes the most negative integer. Weights of densities have the limit 32767 * 2^(-scale) and
+ * keep the low 16 bits of the same words: beyond the limit 1.0 becomes -1 and -1.0 becomes 1. A banded model with an odd
+ * number of states loses its transition from state 0 to state 2.
+ * Up: give the negated scale of the way down. An integer of 0x7FFF or more (HMM_LOG_ZERO among them) becomes the largest
+ * float, one of -0x7FFF or less its negative, any other v the float v * 2^(-scale). The new server's scale is 0. */
+KTL_API int KTswConvertHMMServer(int hmm, int scale, int weightScale, int meanScale, int invCovScale);
+KTL_API int KTwsConvertHMMServer(int hmm, int scale, int weightScale, int meanScale, int invCovScale);
+
+/* The orders (KTsMaxOrder) of a model's parts, by which scales for KTswConvertHMMServer are chosen. Each pointer may be null;
+ * an unknown id writes nothing.
+ * *pOrder: the largest among initial values, transitions and, for a discrete model, outputs; costs above 40.0 (above 0x10000
+ *   in a fixed server) count as 0.
+ * The others are written for continuous and semicontinuous models alone: the largest order of the weights, the means and the
+ * inverse covariances, of the states' mixtures or of the thread's codebook of the server's form (weights: of the server
+ * itself); -0x7FFFFFFF where there is nothing.
+ * KT_StsNoMem, "insufficiency of memory for pointer  buff" ("bufs" for a fixed server), when there is no scratch for the
+ * comparison of costs; nothing is written then. The scratch stays until KTHMMFreeAll. */
+KTL_API void KTGetHMMScales(int hmm, int* pOrder, int* pWeightsOrder, int* pMeansOrder, int* pVarsOrder);
+
 /* ==== hidden Markov models: training =========================================================================== */
 
 /* ==== multilayer perceptrons =================================================================================== */
