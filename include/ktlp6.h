@@ -954,6 +954,42 @@ KTL_API void KTGetHMMScales(int hmm, int* pOrder, int* pWeightsOrder, int* pMean
 
 /* ==== hidden Markov models: training =========================================================================== */
 
+/* Baum-Welch re-estimation from several observation sequences (L. R. Rabiner, A Tutorial on Hidden Markov Models and
+ * Selected Applications in Speech Recognition, 1989; L. E. Baum et al., A Maximization Technique Occurring in the
+ * Statistical Analysis of Probabilistic Functions of Markov Chains, 1970). `hmm` is the id of one float server of the
+ * operation's flavour in the exponential domain (which is not tested); class ids are refused. The server is never changed:
+ * the result is the id of a new one, which KTFreeHMMServer releases.
+ *
+ * nSequences sequences; pFrames[q] is the length of sequence q. Discrete: ppObservations[q] holds that many symbols, 0 ..
+ * nSymbols - 1. The others: pppFrames[q][t] is frame t, nQuant floats. A sequence that the model cannot produce, one with
+ * a symbol outside the alphabet and an empty one have no influence. States that are never visited keep their transitions
+ * and outputs; probabilities below 1e-20 become 0, and zeros stay zeros.
+ *
+ * Iterations end when the greatest change of a parameter falls below the goal, *pTolerance where that is above 0, otherwise
+ * 1e-6, or after maxIterations (below 1: 1000). pTolerance may be null; on success it receives the last change, so that
+ * comparing it with the goal tells whether the training converged.
+ *
+ * -1: no such server, a server of another flavour or form, or memory ran out; everything made on the way is released then.
+ * Nothing is reported, except by the mixture servers that continuous training makes, which report KT_StsNoMem.
+ *
+ * Discrete. Re-estimates start values, transitions and outputs; all of them enter the change. */
+KTL_API int KTsTrainHMMBaumWelch(int hmm, const int* const* ppObservations, const int* pFrames, int nSequences,
+                                 int maxIterations, float* pTolerance);
+
+/* Continuous. Re-estimates start values, transitions, mixture weights and means; inverse covariances stay. A density counts
+ * as weight * exp(-|q|) with a full inverse covariance and weight * exp(-|q| / 2) with a diagonal one, q being the quadratic
+ * form; the weights are the normalised ones in the first iteration and the re-estimated ones from then on. A component that
+ * receives no frames gets a mean of zeros, and a weight of zero stays zero. Weights do not enter the change. */
+KTL_API int KTsTrainContHMMBaumWelch(int hmm, const float* const* const* pppFrames, const int* pFrames,
+                                     int nSequences, int maxIterations, float* pTolerance);
+
+/* Semicontinuous. Re-estimates start values, transitions and the states' weights; all of them enter the change. The thread's
+ * codebook is only read. Where its counts are not the server's, KT_StsBadArg is reported
+ * ("nSymbols!=_sSemicontCodebook->nSymbols", "nQuant!=_sSemicontCodebook->nQuant", and "_sSemicontCodebook->ccgPdfs==0" when it is
+ * empty) and the training goes on with what both have: densities that the codebook lacks never respond. */
+KTL_API int KTsTrainSemicontHMMBaumWelch(int hmm, const float* const* const* pppFrames, const int* pFrames,
+                                         int nSequences, int maxIterations, float* pTolerance);
+
 /* ==== multilayer perceptrons =================================================================================== */
 
 /* Feed-forward networks with one weighted layer after the other, in two flavours of one shape: 32-bit float weights and

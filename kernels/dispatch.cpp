@@ -31,6 +31,7 @@ namespace {
         .hmm = &level::hmmKernels,                                                                           \
         .matvec = &level::matVecKernels,                                                                     \
         .mlp = &level::mlpKernels,                                                                           \
+        .hmmtrain = &level::hmmTrainKernels,                                                                 \
     }
 // clang-format on
 

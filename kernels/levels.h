@@ -19,6 +19,7 @@
 #include "vsqgauss_level.h"
 #include "vsqkohonen_level.h"
 #include "vsqhmm_level.h"
+#include "vsqhmmtrain_level.h"
 #include "vsqlnexp_level.h"
 #include "vsqlpc_level.h"
 #include "vsqmahal_level.h"
@@ -56,6 +57,7 @@ struct LevelTable {
     const HmmKernels* hmm;
     const MatVecKernels* matvec;
     const MlpKernels* mlp;
+    const HmmTrainKernels* hmmtrain;
 };
 
 extern const LevelTable* activeTable;

@@ -1,0 +1,208 @@
+// The frame of all three trainers: Baum-Welch re-estimation of start values and transitions, iteration by
+// iteration on fresh copies of the model. What differs is how outputs are scored and re-estimated; a flavour
+// supplies that. L. E. Baum, T. Petrie, G. Soules, N. Weiss, A Maximization Technique Occurring in the
+// Statistical Analysis of Probabilistic Functions of Markov Chains, 1970.
+//
+// A flavour has
+//     Sequence                            one observation sequence as the caller passes it
+//     kind                                the status bits of the servers that it trains
+//     prepare(model, longest)             storage for a whole call; false when memory ran out
+//     begin(current, next)                an iteration starts
+//     score(current, next, sequence, n, outputs)    the sequence's output values; false for one that can't be
+//                                         used
+//     count(current, counts, sequence, n, weight)   the outputs' numerators, from a sequence's lattice, whose
+//                                         beta it may overwrite
+//     finish(current, next, counts)       new outputs
+//     change(current, next)               the greatest difference between old and new outputs
+//     proceed(next)                       before the next iteration; false when memory ran out
+#pragma once
+
+#include "KT_HEVAL.h"
+#include "KT_HFB.h"
+
+namespace hmm {
+
+inline constexpr double smallestDenominator = 2.2250738585072014e-308; // the smallest normal double
+inline constexpr double smallestProbability = 1e-20;                   // anything below becomes 0
+
+// A double block of `count` zeros; false when memory ran out or the size is beyond the address space.
+class Numbers {
+public:
+    bool allocate(std::size_t rows, std::size_t columns) {
+        if (columns != 0 && rows > PTRDIFF_MAX / sizeof(double) / columns) return false;
+        count = rows * columns;
+        block = ktl::AlignedScratch<double>(static_cast<std::ptrdiff_t>(count));
+        clear();
+        return bool(block);
+    }
+    void clear() {
+        if (block) std::memset(block.get(), 0, count * sizeof(double));
+    }
+    double* get() const { return block.get(); }
+    double& operator[](std::size_t i) const { return block.get()[i]; }
+
+private:
+    ktl::AlignedScratch<double> block;
+    std::size_t count = 0;
+};
+
+// Where the transitions of source i stand: from target `first` on, in the stored array from `stored` on, in
+// the sums of a sequence from `summed` on.
+struct TransitionRow {
+    int count;
+    std::size_t stored;
+    std::size_t summed;
+};
+
+// What every flavour counts.
+struct Counts {
+    int nStates = 0;
+    std::size_t stride = 0; // nStates, padded for the kernels
+    Numbers alphaBeta, scales;
+    double gammaTotal = 0.0;
+    Numbers gammaTrans; // per state: occupancy over all frames but the last
+    Numbers gammaOut;   // per state: occupancy over all frames
+    Numbers piNum;      // per state: occupancy of the first frame
+    Numbers xiNum;      // per stored transition
+    Numbers xiSeq;      // the same for one sequence, before the factor a(i, j)
+    Numbers gammaSeq;   // per state, one sequence: over all frames but the last
+
+    bool allocate(const HMMServer* model, int longest);
+    void clear();
+    vsq::HmmLattice lattice(int nFrames) const;
+
+    // Adds one sequence, whose lattice is complete, with the weight 1 / likelihood.
+    void add(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames, double weight);
+
+    // The new model's start values and transitions.
+    void finish(const HMMServer* current, HMMServer* next) const;
+
+    bool visited(int state) const { return gammaOut[std::size_t(state)] >= smallestDenominator; }
+
+private:
+    TransitionRow row(const HMMServer* model, int source, std::size_t stored) const;
+};
+
+// The greatest difference between two arrays, or `atLeast`.
+double greatestChange(const float* a, const float* b, std::size_t count, double atLeast);
+
+// The same between the start values and transitions of two models.
+double modelChange(const HMMServer* current, const HMMServer* next);
+
+// A model made on the way: released unless it is handed over.
+class OwnModel {
+public:
+    OwnModel() = default;
+    OwnModel(const OwnModel&) = delete;
+    OwnModel& operator=(const OwnModel&) = delete;
+    ~OwnModel() { release(); }
+
+    bool copyOf(const HMMServer* source); // false when memory ran out; the model before is forgotten
+    void takeFrom(OwnModel& other) {
+        release();
+        id = std::exchange(other.id, 0);
+    }
+    void release() {
+        if (id > 0) KTFreeHMMServer(id);
+        id = 0;
+    }
+    int handOver() { return std::exchange(id, 0); }
+    HMMServer* get() const { return KTFindHMMServer(id); }
+
+private:
+    int id = 0;
+};
+
+// Copies and views are made under a status of their own: an older failure of the thread does not end a
+// training, and a success leaves the status as it was.
+class OwnStatus {
+public:
+    OwnStatus() : before(KTGetStatus()) { KTSetStatus(KT_StsOk); }
+    OwnStatus(const OwnStatus&) = delete;
+    OwnStatus& operator=(const OwnStatus&) = delete;
+    ~OwnStatus() {
+        if (KTGetStatus() >= 0) KTSetStatus(before);
+    }
+
+private:
+    int before;
+};
+
+// The observations of a call.
+template <class Sequence>
+struct Sequences {
+    const Sequence* all;
+    const int* pFrames;
+    int count;
+
+    int longest() const {
+        int frames = 0;
+        for (int q = 0; q < count; ++q)
+            frames = pFrames[q] > frames ? pFrames[q] : frames;
+        return frames;
+    }
+};
+
+struct StopRule {
+    int iterations;
+    double goal;
+
+    StopRule(int maxIterations, const float* pTolerance)
+        : iterations(maxIterations < 1 ? 1000 : maxIterations),
+          goal(double(pTolerance != nullptr && *pTolerance > 0.0f ? *pTolerance : 1e-6f)) {}
+
+    bool stops(double change) { return change < goal || --iterations < 1; }
+};
+
+// One iteration's pass over all sequences. Sequences that the model cannot produce have no influence.
+template <class Flavour>
+void countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
+              const Sequences<typename Flavour::Sequence>& sequences, Counts& counts) {
+    counts.clear();
+    for (int q = 0; q < sequences.count; ++q) {
+        const int nFrames = sequences.pFrames[q];
+        if (nFrames < 1) continue;
+        vsq::HmmOutputs outputs;
+        if (!flavour.score(current, next, sequences.all[q], nFrames, &outputs)) continue;
+        int exponent;
+        const double likelihood = forwardBackward(current, outputs, counts.lattice(nFrames), &exponent);
+        if (!(likelihood >= smallestDenominator)) continue;
+        counts.add(current, outputs, nFrames, 1.0 / likelihood);
+        flavour.count(current, counts, sequences.all[q], nFrames, 1.0 / likelihood);
+    }
+}
+
+// Trains copies of `model` until the rule stops; the new server's id, or -1 with everything released.
+template <class Flavour>
+int iterate(Flavour& flavour, const HMMServer* model, const Sequences<typename Flavour::Sequence>& sequences,
+            Counts& counts, StopRule rule, float* pTolerance) {
+    OwnModel before, newest;
+    for (const HMMServer* current = model;; current = before.get()) {
+        if (!newest.copyOf(current)) return -1;
+        HMMServer* next = newest.get();
+        flavour.begin(current, next);
+        countAll(flavour, current, next, sequences, counts);
+        counts.finish(current, next);
+        flavour.finish(current, next, counts);
+        const double atLeast = modelChange(current, next), outputChange = flavour.change(current, next);
+        const double change = outputChange > atLeast ? outputChange : atLeast;
+        if (rule.stops(change)) {
+            if (pTolerance != nullptr) *pTolerance = static_cast<float>(change);
+            return newest.handOver();
+        }
+        before.takeFrom(newest);
+        if (!flavour.proceed(before.get())) return -1;
+    }
+}
+
+template <class Flavour>
+int train(Flavour& flavour, const HMMServer* model, const Sequences<typename Flavour::Sequence>& sequences,
+          int maxIterations, float* pTolerance) {
+    if (!evaluable(model, Flavour::kind)) return -1;
+    const int longest = sequences.longest();
+    Counts counts;
+    if (!counts.allocate(model, longest) || !flavour.prepare(model, longest)) return -1;
+    return iterate(flavour, model, sequences, counts, StopRule(maxIterations, pTolerance), pTolerance);
+}
+
+} // namespace hmm
