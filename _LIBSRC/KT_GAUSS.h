@@ -80,6 +80,9 @@ int fixedForm(const GaussMixServer* server, int mixture, const short* pVector, i
 // 0.
 void fixedDensities(int* forms, const short* weights, int nMix, int scale);
 
+// KTsInvertGaussianCovMatrix, which also tells whether the one failure has come that releases its source.
+GaussMixServer* invert(GaussMixServer* pServer, int flags, bool* pReleased);
+
 } // namespace ktl::gauss
 
 // exp(value / 2^nFracBits) with nOutFracBits (0 to 31) fractional bits, saturated to 0x7FFFFFFF; nFracBits is

@@ -72,14 +72,21 @@ bool invertAll(const GaussMixServer* from, GaussMixServer* to, const WorkMatrix&
 using namespace ktl::gauss;
 
 GaussMixServer* KTsInvertGaussianCovMatrix(GaussMixServer* pServer, int flags) {
+    bool released = false;
+    return ktl::gauss::invert(pServer, flags, &released);
+}
+
+GaussMixServer* ktl::gauss::invert(GaussMixServer* pServer, int flags, bool* pReleased) {
+    *pReleased = false;
     if (pServer == nullptr || !isFloat(pServer)) return nullptr;
     const bool normalize = (flags & KT_GAUSS_NORMALIZE) != 0;
     WorkMatrix work{};
     if (isFull(pServer)) {
         work = workMatrix(pServer->nDim);
         if (work.rows == nullptr) {
-            module.report(KT_StsNoMem, noTable);
+            module.report(KT_StsNoMem, noTable, "KTsInvertGaussianCovMatrix");
             std::free(pServer); // as the caller is promised, for this failure alone
+            *pReleased = true;
             return nullptr;
         }
     }

@@ -102,8 +102,9 @@ vsq::HmmModel<T> unpackModel(const HMMServer* server, const Stored* stored, T* r
         for (int j = 0; j < n; ++j) {
             const int sources = map.topology == Topology::triangular ? j + 1 : n;
             const Stored* row = stored + map.position(0, j);
+            const int step = map.order == Order::tiled ? 4 : 1;
             for (int i = 0; i < sources; ++i)
-                room[std::ptrdiff_t(i) * stride + j] = row[i];
+                room[std::ptrdiff_t(i) * stride + j] = row[std::ptrdiff_t(i) * step];
         }
     }
     return {kernelTopology(server->status), n, stride, room};

@@ -181,7 +181,7 @@ std::int32_t upperWord(std::int64_t value) {
 std::int32_t coarse(std::uint32_t mantissa, std::int64_t exponent, int sfOut) {
     const std::uint32_t rounded = (mantissa >> 5) + (mantissa >> 4 & 1);
     const auto value = std::int32_t(rounded + std::uint32_t(upperWord(exponent))); // 26 fractional bits
-    const int shift = 26 - sfOut;
+    const std::int64_t shift = 26 - std::int64_t(sfOut);
     return std::int32_t(-std::int64_t(value) >> (shift > 63 ? 63 : shift));
 }
 

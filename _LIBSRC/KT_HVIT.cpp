@@ -51,6 +51,11 @@ void toCosts(const HMMServer* server, float* row) {
     vsqsbMpy1(minusLog10OfE, row, server->nStates);
 }
 
+// The number of fractional bits of a scale; any word is a scale.
+int negated(int scale) {
+    return static_cast<int>(0u - static_cast<unsigned>(scale));
+}
+
 // --- output costs by flavour ---
 
 template <class Form>
@@ -95,7 +100,7 @@ struct Continuous : Computed<Form, Continuous<Form>> {
             int scale = -16;
             costs[i] = KTwEvalGaussMix(server->mixtures[i], frames[t], server->nQuant, KT_FixedScale, &scale);
         }
-        ownwLog10Scaled(costs, server->nStates, -28, -server->scale);
+        ownwLog10Scaled(costs, server->nStates, -28, negated(server->scale));
     }
 };
 
@@ -120,7 +125,7 @@ struct Semicontinuous : Computed<Form, Semicontinuous<Form>> {
         const short* const* weights = hmm::outputRows<const short>(server->outputs);
         for (int i = 0; i < server->nStates; ++i)
             costs[i] = vsqwDotProdExt(weights[i], densities->row(t), server->nSymbols, 0, nullptr);
-        ownwLog10Scaled(costs, server->nStates, -24, -server->scale);
+        ownwLog10Scaled(costs, server->nStates, -24, negated(server->scale));
     }
 };
 

@@ -164,18 +164,12 @@ GaussMixServer* built(short** ppVectors, int n, int nDim, int flags) {
     return KTwBuildGaussMixServer(ppVectors, n, nDim, flags);
 }
 
-// The inverse of what build gives, ready to evaluate; null after a report or for a singular covariance.
+// The inverse of what build gives, ready to evaluate; null after a report or for a singular covariance. Takes
+// `raw` over.
 GaussMixServer* inverted(GaussMixServer* raw, int flags) {
-    if (raw == nullptr) return nullptr;
-    const int statusBefore = KTGetStatus();
-    KTSetStatus(KT_StsOk);
-    GaussMixServer* server = KTsInvertGaussianCovMatrix(raw, flags);
-    const bool rawIsGone =
-        server == nullptr && KTGetStatus() < 0; // a failed inversion has released its source
-    if (!rawIsGone) {
-        KTsFreeGaussMixServer(raw);
-        KTSetStatus(statusBefore);
-    }
+    bool released = false;
+    GaussMixServer* server = ktl::gauss::invert(raw, flags, &released);
+    if (!released) KTsFreeGaussMixServer(raw);
     return server;
 }
 

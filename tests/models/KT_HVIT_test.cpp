@@ -1,0 +1,575 @@
+#include "KT_HEVAL.h"
+#include "KT_HLOG.h"
+#include "models/codebooks.h"
+#include "support/alloc_faults.h"
+#include "support/every_level.h"
+#include "support/reports.h"
+#include "vsq.h"
+
+#include <climits>
+#include <limits>
+
+using namespace models;
+
+namespace {
+
+using Viterbi = ModelTest;
+
+constexpr float floatFailure = std::numeric_limits<float>::max();
+constexpr int fixedFailure = INT_MAX;
+
+float evaluate(int hmm, const std::vector<int>& symbols, int* pBest = nullptr) {
+    return KTsEvalHMMViterbi(hmm, symbols.data(), int(symbols.size()), pBest);
+}
+int evaluateFixed(int hmm, const std::vector<int>& symbols, int* pBest = nullptr) {
+    return KTwEvalHMMViterbi(hmm, symbols.data(), int(symbols.size()), pBest, 0, nullptr);
+}
+
+// What a float model costs a path for a likelihood.
+float costOf(float likelihood) {
+    vsqsbLn1(&likelihood, 1);
+    return likelihood * -0.4342945f;
+}
+
+// A model of one state: initial and transition cost as given, output costs of the symbols.
+template <class T>
+Model<T> oneState(T initial, T stay, std::vector<T> outputs) {
+    const int m = int(outputs.size());
+    return {1, m, Shape::full, {{stay}}, {std::move(outputs)}, {initial}};
+}
+
+} // namespace
+
+TEST_F(Viterbi, DiscreteFloatIsTheBestOfAllPaths) {
+    std::mt19937 random(1);
+    for (const Shape shape : allShapes)
+        for (int n = 1; n <= 4; ++n)
+            for (int frames = 1; frames <= 5; ++frames) {
+                const auto model = costsOf(randomModel(random, n, 3, shape));
+                const auto symbols = randomSymbols(random, frames, 3);
+                const int id = model.discrete(KT_HMM_LOGARITHMIC);
+                support::onEveryLevel([&] {
+                    int best = -7;
+                    EXPECT_EQ(
+                        evaluate(id, symbols, &best),
+                        bestOfAllPaths(model.trans, model.initial, outputsOf(model.out, symbols), shape));
+                    EXPECT_EQ(best, id);
+                });
+                KTFreeHMMServer(id);
+            }
+}
+
+TEST_F(Viterbi, DiscreteFixedIsTheBestOfAllPaths) {
+    std::mt19937 random(2);
+    for (const Shape shape : allShapes)
+        for (int n = 1; n <= 4; ++n)
+            for (int frames = 1; frames <= 5; ++frames) {
+                auto model = fixedOf(randomModel(random, n, 3, shape));
+                model.out[0][1] = 0x7FFE; // costs of zero probability
+                model.initial.back() = 0x7FFF;
+                const auto symbols = randomSymbols(random, frames, 3);
+                const int id = model.discrete(KT_HMM_LOGARITHMIC);
+                const auto initial = widened(Rows<short>{model.initial})[0];
+                support::onEveryLevel([&] {
+                    int best = -7;
+                    EXPECT_EQ(evaluateFixed(id, symbols, &best),
+                              bestOfAllPaths(widened(model.trans), initial,
+                                             outputsOf(widened(model.out), symbols), shape));
+                    EXPECT_EQ(best, id);
+                });
+                KTFreeHMMServer(id);
+            }
+}
+
+// Sizes on both sides of the vectors' widths and of their blocks; lengths on both sides of a run of frames.
+TEST_F(Viterbi, DiscreteIsThePlainRecursionBitForBit) {
+    std::mt19937 random(3);
+    for (const Shape shape : allShapes)
+        for (const int n : {3, 5, 8, 15, 16, 17, 30, 33, 48, 64, 65, 100})
+            for (const int frames : {1, 2, 63, 64, 65, 130}) {
+                const auto probabilities = randomModel(random, n, 4, shape);
+                const auto model = costsOf(probabilities);
+                const auto fixed = fixedOf(probabilities);
+                const auto symbols = randomSymbols(random, frames, 4);
+                const int id = model.discrete(0), fixedId = fixed.discrete(KT_HMM_LOGARITHMIC);
+                const float expected =
+                    bestPath(model.trans, model.initial, outputsOf(model.out, symbols), shape);
+                const int expectedFixed =
+                    bestPath(widened(fixed.trans), widened(Rows<short>{fixed.initial})[0],
+                             outputsOf(widened(fixed.out), symbols), shape);
+                support::onEveryLevel([&] {
+                    ASSERT_EQ(evaluate(id, symbols), expected) << n << ' ' << frames;
+                    ASSERT_EQ(evaluateFixed(fixedId, symbols), expectedFixed) << n << ' ' << frames;
+                });
+                KTFreeHMMServer(id);
+                KTFreeHMMServer(fixedId);
+            }
+}
+
+TEST_F(Viterbi, ContinuousFloat) {
+    std::mt19937 random(4);
+    constexpr int dim = 5;
+    for (const Shape shape : allShapes)
+        for (const bool full : {false, true}) {
+            const auto model = costsOf(randomModel(random, 4, 1, shape));
+            auto servers = floatServers(random, 4, dim, 3, full);
+            const auto frames = framesOf<float>(random, 5, dim);
+            Rows<float> outputs;
+            for (const auto& frame : frames) {
+                outputs.emplace_back();
+                for (auto* server : servers.table)
+                    outputs.back().push_back(
+                        costOf(static_cast<float>(KTsEvalGaussMix(server, frame.data(), dim))));
+            }
+            const int id = model.continuous(servers.table.data(), dim, 0);
+            int best = 0;
+            EXPECT_EQ(KTsEvalContHMMViterbi(id, pointers(frames).data(), 5, &best),
+                      bestOfAllPaths(model.trans, model.initial, outputs, shape));
+            EXPECT_EQ(best, id);
+            KTFreeHMMServer(id);
+        }
+}
+
+TEST_F(Viterbi, ContinuousFixed) {
+    std::mt19937 random(5);
+    constexpr int dim = 5, scale = -8;
+    for (const Shape shape : allShapes)
+        for (const bool full : {false, true}) {
+            const auto model = fixedOf(randomModel(random, 4, 1, shape));
+            auto servers = fixedServers(random, 4, dim, 2, full);
+            const auto frames = framesOf<short>(random, 5, dim);
+            Rows<int> outputs;
+            for (const auto& frame : frames) {
+                outputs.emplace_back();
+                for (auto* server : servers.table) {
+                    int sf = -16;
+                    int cost = KTwEvalGaussMix(server, frame.data(), dim, 1, &sf);
+                    EXPECT_GT(cost, 0); // otherwise there is nothing to tell apart
+                    ownwLog10Scaled(&cost, 1, -28, -scale);
+                    outputs.back().push_back(cost);
+                }
+            }
+            const int id = model.continuous(servers.table.data(), dim, KT_HMM_LOGARITHMIC, scale);
+            int best = 0;
+            EXPECT_EQ(
+                KTwEvalContHMMViterbi(id, pointers(frames).data(), 5, &best, 0, nullptr),
+                bestOfAllPaths(widened(model.trans), widened(Rows<short>{model.initial})[0], outputs, shape));
+            EXPECT_EQ(best, id);
+            KTFreeHMMServer(id);
+        }
+}
+
+TEST_F(Viterbi, SemicontinuousFloat) {
+    std::mt19937 random(6);
+    constexpr int dim = 4, m = 6;
+    for (const bool full : {false, true}) {
+        reset();
+        auto densities = floatServers(random, m, dim, 1, full);
+        ASSERT_EQ(KTsInitSemicontCodebook(densities.table.data(), m, dim, 0), 1);
+        for (const Shape shape : allShapes) {
+            const auto probabilities = randomModel(random, 4, m, shape);
+            auto model = costsOf(probabilities);
+            model.out = probabilities.out; // weights stay linear
+            const auto frames = framesOf<float>(random, 5, dim);
+            Rows<float> table(5, std::vector<float>(8)), outputs;
+            std::vector<float*> tableRows = mixtures::pointers(table);
+            KTsEvalPdfsFrames(KTGetContext()->sSemicont, pointers(frames).data(), tableRows.data(), 5, m,
+                              dim);
+            for (const auto& row : table) {
+                outputs.emplace_back();
+                for (const auto& weights : model.out) {
+                    double likelihood = 0;
+                    for (int k = 0; k < m; ++k)
+                        likelihood += static_cast<double>(weights[at(k)]) * static_cast<double>(row[at(k)]);
+                    outputs.back().push_back(costOf(static_cast<float>(likelihood)));
+                }
+            }
+            const int id = model.semicont(dim, 0);
+            int best = 0;
+            const float cost = KTsEvalSemicontHMMViterbi(id, pointers(frames).data(), 5, &best);
+            const float expected = bestOfAllPaths(model.trans, model.initial, outputs, shape);
+            // the order of the six products may move the last bit of a float likelihood: 5 frames of
+            // 2^-24 * log10(e) each, and as many roundings of costs below 64
+            EXPECT_NEAR(cost, expected, 5 * (0x1p-24 + 0x1p-19));
+            EXPECT_EQ(best, id);
+        }
+    }
+}
+
+TEST_F(Viterbi, SemicontinuousFixed) {
+    std::mt19937 random(7);
+    constexpr int dim = 4, m = 6, scale = -8;
+    for (const bool full : {false, true}) {
+        reset();
+        auto densities = fixedServers(random, m, dim, 1, full);
+        ASSERT_EQ(KTwInitSemicontCodebook(densities.table.data(), m, dim, 0), 1);
+        for (const Shape shape : allShapes) {
+            auto model = fixedOf(randomModel(random, 4, m, shape));
+            model.out = fixedWeights(random, 4, m);
+            const auto frames = framesOf<short>(random, 5, dim);
+            Rows<short> table(5, std::vector<short>(8));
+            Rows<int> outputs;
+            std::vector<short*> tableRows = mixtures::pointers(table);
+            KTwEvalPdfsFrames(KTGetContext()->wSemicont, pointers(frames).data(), tableRows.data(), 5, m,
+                              dim);
+            for (const auto& row : table) {
+                outputs.emplace_back();
+                for (const auto& weights : model.out) {
+                    int cost = 0;
+                    for (int k = 0; k < m; ++k)
+                        cost += weights[at(k)] * row[at(k)];
+                    EXPECT_GT(cost, 0);
+                    ownwLog10Scaled(&cost, 1, -24, -scale);
+                    outputs.back().push_back(cost);
+                }
+            }
+            const int id = model.semicont(dim, KT_HMM_LOGARITHMIC, scale);
+            int best = 0;
+            EXPECT_EQ(
+                KTwEvalSemicontHMMViterbi(id, pointers(frames).data(), 5, &best, 0, nullptr),
+                bestOfAllPaths(widened(model.trans), widened(Rows<short>{model.initial})[0], outputs, shape));
+            EXPECT_EQ(best, id);
+        }
+    }
+}
+
+// An impossible likelihood costs plus infinity in float and the log zero in fixed point.
+TEST_F(Viterbi, LikelihoodZero) {
+    const auto model = costsOf([] {
+        std::mt19937 random(8);
+        return randomModel(random, 3, 1, Shape::full);
+    }());
+    std::mt19937 random(9);
+    auto servers = floatServers(random, 3, 2, 1, false);
+    const int id = model.continuous(servers.table.data(), 2, 0);
+    const Rows<float> frames{{0, 0}, {1e18f, 1e18f}};
+    int best = -7;
+    EXPECT_EQ(KTsEvalContHMMViterbi(id, pointers(frames).data(), 2, &best), floatFailure);
+    EXPECT_EQ(best, -7); // plus infinity is not below the largest float
+
+    auto fixed = fixedServers(random, 1, 2, 2, false);
+    const auto word = oneState<short>(3, 0, {0});
+    const int fixedId = word.continuous(fixed.table.data(), 2, KT_HMM_LOGARITHMIC, -8);
+    const Rows<short> far{{32000, 32000}};
+    EXPECT_EQ(KTwEvalContHMMViterbi(fixedId, pointers(far).data(), 1, &best, 0, nullptr), HMM_LOG_ZERO + 3);
+    EXPECT_EQ(best, fixedId);
+}
+
+TEST_F(Viterbi, OneFrameIsTheSmallestStart) {
+    const Model<float> model{
+        3,           2, Shape::full, Rows<float>(3, std::vector<float>(3, 1.0f)), {{1, 9}, {2, 9}, {5, 9}},
+        {4, 2.5f, 3}};
+    const int id = model.discrete(0);
+    EXPECT_EQ(evaluate(id, {0}), 4.5f);
+    EXPECT_EQ(evaluate(id, {1}), 11.5f);
+}
+
+TEST_F(Viterbi, FixedUnitsAreTheScales) {
+    const auto model = oneState<short>(512, 0, {0, 512}); // 1e-2 at a scale of -8
+    const int id = model.discrete(KT_HMM_LOGARITHMIC);
+    EXPECT_EQ(evaluateFixed(id, {0}), 512);
+    EXPECT_EQ(evaluateFixed(id, {1, 1, 1}), 512 + 3 * 512);
+}
+
+TEST_F(Viterbi, ScaleStep) {
+    const int id = oneState<short>(100, 0, {0}).discrete(KT_HMM_LOGARITHMIC);
+    const int symbol = 0;
+    const auto shifted = [&](int mode, int scale) {
+        const int result = KTwEvalHMMViterbi(id, &symbol, 1, nullptr, mode, &scale);
+        return std::pair(result, scale);
+    };
+    EXPECT_EQ(shifted(1, 3), std::pair(100 >> 3, 3));
+    EXPECT_EQ(shifted(1, -3), std::pair(100 << 3, -3));
+    EXPECT_EQ(shifted(1, 0), std::pair(100, 0));
+    EXPECT_EQ(shifted(1, 31), std::pair(0, 31));
+    EXPECT_EQ(shifted(1, 32), std::pair(0, 32));
+    EXPECT_EQ(shifted(1, INT_MAX), std::pair(0, INT_MAX));
+    EXPECT_EQ(shifted(1, -30), std::pair(0, -30)); // 100 << 30 leaves the word: nothing saturates
+    EXPECT_EQ(shifted(1, INT_MIN), std::pair(0, INT_MIN));
+    for (const int mode : {0, 2, 3, -1})
+        EXPECT_EQ(shifted(mode, 3), std::pair(100, 0));
+    EXPECT_EQ(KTwEvalHMMViterbi(id, &symbol, 1, nullptr, 1, nullptr), 100);
+    EXPECT_EQ(KTwEvalHMMViterbi(id, &symbol, 1, nullptr, 0, nullptr), 100);
+}
+
+TEST_F(Viterbi, NegativeCostsShiftArithmetically) {
+    const int id = oneState<short>(-5, 0, {0}).discrete(KT_HMM_LOGARITHMIC);
+    int symbol = 0, scale = 1;
+    EXPECT_EQ(KTwEvalHMMViterbi(id, &symbol, 1, nullptr, 1, &scale), -3);
+}
+
+TEST_F(Viterbi, ATieNamesTheLaterModel) {
+    const auto model = oneState<float>(1, 0, {0.5f});
+    const int first = model.discrete(0), second = model.discrete(0), group = KTCreateHMMClass();
+    const int worse = oneState<float>(1, 0, {0.75f}).discrete(0);
+    for (const int id : {second, first, worse})
+        ASSERT_EQ(KTAddHMMToClass(group, id), 1);
+    int best = 0;
+    EXPECT_EQ(evaluate(-group, {0, 0}, &best), 2.0f);
+    EXPECT_EQ(best, second);
+    EXPECT_EQ(evaluate(-group, {0, 0}, &best), 2.0f); // the cursor is rewound on entry
+}
+
+TEST_F(Viterbi, AnImpossibleModelDoesNotEndTheClass) {
+    const int group = KTCreateHMMClass();
+    const int impossible = oneState<float>(1, 0, {std::numeric_limits<float>::max()}).discrete(0);
+    const int possible = oneState<float>(1, 0, {2}).discrete(0);
+    KTAddHMMToClass(group, impossible);
+    KTAddHMMToClass(group, possible);
+    int best = 0;
+    EXPECT_EQ(evaluate(-group, {0}, &best), 3.0f);
+    EXPECT_EQ(best, possible);
+}
+
+// Members of all topologies and sizes: the scratch grows on the way.
+TEST_F(Viterbi, ClassOfUnlikeModels) {
+    std::mt19937 random(10);
+    const int group = KTCreateHMMClass();
+    const auto symbols = randomSymbols(random, 70, 4);
+    float expected = floatFailure;
+    int expectedId = 0;
+    for (int k = 0; k < 100; ++k) {
+        const auto model = costsOf(randomModel(random, 1 + k * 37 % 50, 4, allShapes[k % 3]));
+        const int id = model.discrete(0);
+        ASSERT_EQ(KTAddHMMToClass(group, id), 1);
+        const float cost = evaluate(id, symbols);
+        if (cost <= expected) {
+            expected = cost;
+            expectedId = id;
+        }
+    }
+    int best = 0;
+    EXPECT_EQ(evaluate(-group, symbols, &best), expected);
+    EXPECT_EQ(best, expectedId);
+}
+
+// Impossible steps only: twice the log zero a frame, which wraps after 512 frames.
+TEST_F(Viterbi, FixedCostsWrap) {
+    const int id = oneState<short>(0x7FFF, 0x7FFF, {0x7FFF}).discrete(KT_HMM_LOGARITHMIC);
+    for (const int frames : {1, 512, 513, 1024, 5000}) {
+        const std::vector<int> symbols(at(frames), 0);
+        const auto expected =
+            static_cast<int>(2u * static_cast<unsigned>(frames) * static_cast<unsigned>(HMM_LOG_ZERO));
+        EXPECT_EQ(evaluateFixed(id, symbols), expected);
+    }
+    EXPECT_LT(evaluateFixed(id, std::vector<int>(513, 0)), 0);
+}
+
+TEST_F(Viterbi, AMillionFrames) {
+    std::mt19937 random(11);
+    for (const Shape shape : {Shape::banded, Shape::full}) {
+        const auto probabilities = randomModel(random, 5, 4, shape);
+        const auto model = costsOf(probabilities);
+        const auto fixed = fixedOf(probabilities);
+        const auto symbols = randomSymbols(random, 1000000, 4);
+        EXPECT_EQ(evaluate(model.discrete(0), symbols),
+                  bestPath(model.trans, model.initial, outputsOf(model.out, symbols), shape));
+        EXPECT_EQ(evaluateFixed(fixed.discrete(KT_HMM_LOGARITHMIC), symbols),
+                  bestPath(widened(fixed.trans), widened(Rows<short>{fixed.initial})[0],
+                           outputsOf(widened(fixed.out), symbols), shape));
+    }
+}
+
+// A server without a domain keeps its values as they came.
+TEST_F(Viterbi, FixedWithoutDomain) {
+    std::mt19937 random(12);
+    auto model = fixedOf(randomModel(random, 4, 3, Shape::full));
+    model.out[0][0] = 0x7FFF;
+    const auto symbols = randomSymbols(random, 9, 3);
+    const int id = model.discrete(0);
+    const auto plain = [](const Rows<short>& rows) {
+        Rows<int> result;
+        for (const auto& row : rows)
+            result.emplace_back(row.begin(), row.end());
+        return result;
+    };
+    EXPECT_EQ(evaluateFixed(id, symbols), bestPath(plain(model.trans), plain({model.initial})[0],
+                                                   outputsOf(plain(model.out), symbols), Shape::full));
+}
+
+// --- failures ---
+
+TEST_F(Viterbi, NoRegistry) {
+    const int symbol = 0;
+    const float* frame = nullptr;
+    const short* words = nullptr;
+    int best = -7, scale = 3;
+    EXPECT_EQ(KTsEvalHMMViterbi(1, &symbol, 1, &best), floatFailure);
+    EXPECT_EQ(KTsEvalContHMMViterbi(1, &frame, 1, &best), floatFailure);
+    EXPECT_EQ(KTsEvalSemicontHMMViterbi(1, &frame, 1, &best), floatFailure);
+    EXPECT_EQ(KTwEvalHMMViterbi(1, &symbol, 1, &best, 0, &scale), fixedFailure);
+    EXPECT_EQ(KTwEvalContHMMViterbi(1, &words, 1, &best, 0, &scale), fixedFailure);
+    EXPECT_EQ(KTwEvalSemicontHMMViterbi(1, &words, 1, &best, 0, &scale), fixedFailure);
+    EXPECT_EQ(best, -7);
+}
+
+TEST_F(Viterbi, UnknownIdsAndHmmZero) {
+    KTSetHMMMode(0);
+    const int symbol = 0;
+    const float* frame = nullptr;
+    const short* words = nullptr;
+    int best = -7, scale = 3;
+    for (const int hmm : {5, -5, INT_MIN, INT_MAX}) {
+        EXPECT_EQ(KTsEvalHMMViterbi(hmm, &symbol, 1, &best), floatFailure);
+        EXPECT_EQ(KTsEvalContHMMViterbi(hmm, &frame, 1, &best), floatFailure);
+        EXPECT_EQ(KTsEvalSemicontHMMViterbi(hmm, &frame, 1, &best), floatFailure);
+        EXPECT_EQ(KTwEvalHMMViterbi(hmm, &symbol, 1, &best, 0, &scale), fixedFailure);
+        EXPECT_EQ(KTwEvalContHMMViterbi(hmm, &words, 1, &best, 0, &scale), fixedFailure);
+        EXPECT_EQ(KTwEvalSemicontHMMViterbi(hmm, &words, 1, &best, 0, &scale), fixedFailure);
+    }
+    EXPECT_EQ(KTsEvalHMMViterbi(0, &symbol, 1, &best), floatFailure);
+    EXPECT_EQ(KTsEvalContHMMViterbi(0, &frame, 1, &best), floatFailure);
+    EXPECT_EQ(best, -7);
+    scale = 4;
+    EXPECT_EQ(KTwEvalHMMViterbi(0, &symbol, 1, &best, 1, &scale), INT_MAX >> 4);
+    EXPECT_EQ(KTwEvalContHMMViterbi(0, &words, 1, &best, 1, &scale), INT_MAX >> 4);
+    EXPECT_EQ(KTwEvalHMMViterbi(0, &symbol, 1, &best, 0, &scale), INT_MAX);
+    EXPECT_EQ(scale, 0);
+}
+
+TEST_F(Viterbi, AnEmptyClassGivesTheFailureValueThroughTheScaleStep) {
+    const int group = KTCreateHMMClass();
+    const int symbol = 0;
+    int best = -7, scale = 4;
+    EXPECT_EQ(KTsEvalHMMViterbi(-group, &symbol, 1, &best), floatFailure);
+    EXPECT_EQ(KTwEvalHMMViterbi(-group, &symbol, 1, &best, 1, &scale), INT_MAX >> 4);
+    EXPECT_EQ(best, -7);
+}
+
+TEST_F(Viterbi, NothingToObserve) {
+    const int id = oneState<float>(1, 0, {0}).discrete(0);
+    const int symbol = 0;
+    int best = -7;
+    EXPECT_EQ(KTsEvalHMMViterbi(id, &symbol, 0, &best), floatFailure);
+    EXPECT_EQ(KTsEvalHMMViterbi(id, &symbol, -3, &best), floatFailure);
+    EXPECT_EQ(best, -7);
+}
+
+TEST_F(Viterbi, SymbolsOutsideTheAlphabetAreNotRead) {
+    const int id = oneState<float>(1, 0, {0, 0, 0}).discrete(0);
+    EXPECT_EQ(evaluate(id, {0, 3}), floatFailure);
+    EXPECT_EQ(evaluate(id, {-1}), floatFailure);
+    EXPECT_EQ(evaluate(id, {INT_MAX}), floatFailure);
+}
+
+TEST_F(Viterbi, AServerOfAnotherKindIsNotRead) {
+    const int discrete = oneState<float>(1, 0, {0}).discrete(0);
+    const int fixed = oneState<short>(1, 0, {0}).discrete(KT_HMM_LOGARITHMIC);
+    const Rows<float> frames{{0, 0}};
+    EXPECT_EQ(KTsEvalContHMMViterbi(discrete, pointers(frames).data(), 1, nullptr), floatFailure);
+    EXPECT_EQ(evaluate(fixed, {0}), floatFailure);
+    EXPECT_EQ(evaluateFixed(discrete, {0}), fixedFailure);
+}
+
+TEST_F(Viterbi, ANegativeStatusEndsTheCall) {
+    const int id = oneState<float>(1, 0, {0}).discrete(0);
+    KTSetStatus(-2);
+    EXPECT_EQ(evaluate(id, {0}), floatFailure);
+    KTSetStatus(0);
+    EXPECT_EQ(evaluate(id, {0}), 1.0f);
+}
+
+namespace {
+
+void expectReport(const support::CapturedReports& reports, const char* text, const char* name) {
+    ASSERT_EQ(reports.count(), 1u) << text;
+    EXPECT_EQ(reports[0].status, KT_StsBadArg);
+    EXPECT_EQ(reports[0].message, text);
+    EXPECT_EQ(reports[0].function, name);
+    EXPECT_EQ(reports[0].source, "..\\_LIBSRC\\KT_HVIT");
+}
+
+} // namespace
+
+TEST_F(Viterbi, CodebookWithoutDensities) {
+    KTSetHMMMode(0);
+    const Rows<float> frames{{0, 0}};
+    const Rows<short> words{{0, 0}};
+    for (const int hmm : {0, -KTCreateHMMClass()}) {
+        support::CapturedReports reports;
+        int best = -7, scale = 4;
+        EXPECT_EQ(KTsEvalSemicontHMMViterbi(hmm, pointers(frames).data(), 1, &best), floatFailure);
+        expectReport(reports, "_sSemicontCodebook->ccgPdfs==0", "KTsEvalSemicontHMMViterbi");
+        reports.clear();
+        EXPECT_EQ(KTwEvalSemicontHMMViterbi(hmm, pointers(words).data(), 1, &best, 0, &scale), fixedFailure);
+        expectReport(reports, "_wSemicontCodebook->ccgPdfs==0", "KTsEvalSemicontHMMViterbi");
+        EXPECT_EQ(best, -7);
+    }
+}
+
+TEST_F(Viterbi, CodebookThatDisagrees) {
+    std::mt19937 random(13);
+    auto densities = floatServers(random, 4, 3, 1, false);
+    auto fixedDensities = fixedServers(random, 4, 3, 1, false);
+    ASSERT_EQ(KTsInitSemicontCodebook(densities.table.data(), 4, 3, 0), 1);
+    ASSERT_EQ(KTwInitSemicontCodebook(fixedDensities.table.data(), 4, 3, 0), 1);
+    const auto model = costsOf(randomModel(random, 2, 4, Shape::full));
+    const auto fixed = fixedOf(randomModel(random, 2, 4, Shape::full));
+    const int id = model.semicont(3, 0), fixedId = fixed.semicont(3, KT_HMM_LOGARITHMIC, -8);
+    ASSERT_GT(id, 0);
+    ASSERT_GT(fixedId, 0);
+    const auto frames = framesOf<float>(random, 1, 3);
+    const auto words = framesOf<short>(random, 1, 3);
+    const auto expect = [&](const char* text) {
+        support::CapturedReports reports;
+        int best = -7, scale = 4;
+        EXPECT_EQ(KTsEvalSemicontHMMViterbi(id, pointers(frames).data(), 1, &best), floatFailure);
+        expectReport(reports, text, "KTsEvalSemicontHMMViterbi");
+        reports.clear();
+        EXPECT_EQ(KTwEvalSemicontHMMViterbi(fixedId, pointers(words).data(), 1, &best, 0, &scale),
+                  fixedFailure);
+        expectReport(reports, text, "KTwEvalSemicontHMMViterbi");
+        EXPECT_EQ(best, -7);
+    };
+    KTsFreeSemicontCodebook();
+    KTwFreeSemicontCodebook();
+    KTsInitSemicontCodebook(densities.table.data(), 3, 3, 0);
+    KTwInitSemicontCodebook(fixedDensities.table.data(), 3, 3, 0);
+    expect("nSymbols!=_sSemicontCodebook->nSymbols");
+    KTsFreeSemicontCodebook();
+    KTwFreeSemicontCodebook();
+    KTsInitSemicontCodebook(densities.table.data(), 4, 2, 0);
+    KTwInitSemicontCodebook(fixedDensities.table.data(), 4, 2, 0);
+    expect("nQuant!=_sSemicontCodebook->nQuant");
+}
+
+TEST_F(Viterbi, AllocationFailures) {
+    std::mt19937 random(14);
+    auto densities = floatServers(random, 4, 3, 1, false);
+    ASSERT_EQ(KTsInitSemicontCodebook(densities.table.data(), 4, 3, 0), 1);
+    const int group = KTCreateHMMClass(), semicontGroup = KTCreateHMMClass();
+    for (const int n : {3, 40}) {
+        KTAddHMMToClass(group, costsOf(randomModel(random, n, 4, Shape::full)).discrete(0));
+        KTAddHMMToClass(semicontGroup, costsOf(randomModel(random, n, 4, Shape::full)).semicont(3, 0));
+    }
+    const auto symbols = randomSymbols(random, 10, 4);
+    const auto frames = framesOf<float>(random, 10, 3);
+    const auto rows = pointers(frames);
+    const long before = support::alloc::liveBlocks();
+    float result = 0;
+    const auto check = [&] {
+        EXPECT_EQ(result, floatFailure);
+        EXPECT_EQ(KTGetStatus(), 0);
+        EXPECT_EQ(support::alloc::liveBlocks(), before);
+    };
+    EXPECT_EQ(support::alloc::failEach([&] { result = evaluate(-group, symbols); }, check), 2);
+    EXPECT_LT(result, floatFailure);
+    EXPECT_EQ(
+        support::alloc::failEach(
+            [&] { result = KTsEvalSemicontHMMViterbi(-semicontGroup, rows.data(), 10, nullptr); }, check),
+        3);
+    EXPECT_LT(result, floatFailure);
+    EXPECT_EQ(support::alloc::liveBlocks(), before);
+}
+
+// However many members a class has, the scratch is taken once.
+TEST_F(Viterbi, NoAllocationForEachMember) {
+    const int group = KTCreateHMMClass();
+    const auto model = oneState<float>(1, 0, {0});
+    for (int k = 0; k < 500; ++k)
+        KTAddHMMToClass(group, model.discrete(0));
+    support::alloc::arm(0);
+    evaluate(-group, std::vector<int>(10, 0));
+    EXPECT_EQ(support::alloc::allocations(), 1);
+    support::alloc::disarm();
+}
