@@ -3,6 +3,8 @@
 
 #include "KT_TYPES.h"
 
+#include <cstddef>
+
 // A mixture of nMix Gaussians in nDim dimensions: this record, and behind it in the same block the arrays
 // that it points to. One free releases it. T is float in the float flavour and short in the fixed one; the
 // tables hold real T*, so the fields are reached through the views below. Every row has padded(nDim)
@@ -54,6 +56,9 @@ inline bool isFull(const GaussMixServer* server) {
 inline bool isFloat(const GaussMixServer* server) {
     return server->pNormWeights != nullptr;
 }
+
+// Bytes that KTWriteGaussMixServer puts on a stream.
+std::size_t imageBytes(const GaussMixServer* server);
 
 // How a server's integer form becomes the argument of KTexpFix: exp(-form * 2^scale / 2) is
 // KTexpFix(-(form << shift), frac, ...). `scale` is the server's.

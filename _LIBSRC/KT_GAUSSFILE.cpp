@@ -221,6 +221,11 @@ GaussMixServer* readServer(FILE* stream, const Record& record, const char* funcN
 }
 
 } // namespace
+
+std::size_t imageBytes(const GaussMixServer* server) {
+    return sizeof tag + sizeof(Record) + std::size_t(server->nBytes - imageStart(server));
+}
+
 } // namespace ktl::gauss
 
 using namespace ktl::gauss;

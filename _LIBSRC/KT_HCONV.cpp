@@ -29,19 +29,6 @@ void settleSource(int hmm) {
     if ((KTGetContext()->hmmMode & KT_HMM_KEEP) == 0) KTFreeHMMServer(hmm);
 }
 
-// Tiles a record's transitions where the thread's mode wants them tiled; false when memory ran out.
-bool tileIfWanted(HMMServer* server) {
-    const bool wanted = (KTGetContext()->hmmMode & HMM_MODE_TILED) != 0 && server->transitions != nullptr &&
-                        hmm::orderOf(server->status) == hmm::Order::byTarget;
-    if (!wanted) return true;
-    void* tiled = KTTileHMMTrans(server->transitions, server->status, server->nStates);
-    if (tiled == nullptr) return false;
-    std::free(server->transitions);
-    server->transitions = tiled;
-    server->status |= HMM_SERVER_TILED;
-    return true;
-}
-
 // --- probabilities and costs ---
 
 struct ToExponential {
@@ -104,9 +91,9 @@ bool changeDomain(HMMServer* server) {
         applyTo<Domain>(hmm::floats(server->initials), std::size_t(server->nStates));
     if (server->transitions != nullptr)
         applyTo<Domain>(hmm::floats(server->transitions), hmm::TransitionMap::of(*server).size());
+    if ((newStatus & HMM_SERVER_DISCRETE) == 0 || server->outputs == nullptr) return true;
     const auto shape = hmm::OutputShape::of(newStatus, server->nStates, server->nSymbols);
-    if ((newStatus & HMM_SERVER_DISCRETE) != 0 && server->outputs != nullptr && shape.rows > 0)
-        applyTo<Domain>(hmm::outputRows<float>(server->outputs)[0], shape.elements());
+    if (shape.rows > 0) applyTo<Domain>(hmm::outputRows<float>(server->outputs)[0], shape.elements());
     return true;
 }
 
@@ -123,7 +110,7 @@ int transformed(int hmm) {
     if (copy == nullptr) return -1;
     // a plain copy stays registered here; the only failure of the family that leaves a server behind
     if (!changeDomain<Domain>(copy)) return -1;
-    if (!tileIfWanted(copy)) {
+    if (!ownTileIfWanted(copy)) {
         KTFreeHMMServer(id);
         return -1;
     }
@@ -232,7 +219,7 @@ public:
     bool run() {
         describe();
         return convertInitials() && convertTransitions() && convertOutputs() && convertMixtures() &&
-               tileIfWanted(target);
+               ownTileIfWanted(target);
     }
 
 private:

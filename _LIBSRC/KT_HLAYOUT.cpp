@@ -185,3 +185,15 @@ void* KTTileHMMTrans(void* pPlain, unsigned status, int nStates) {
 void* KTUntileHMMTrans(void* pTiled, unsigned status, int nStates) {
     return rewritten(pTiled, status, nStates, hmm::Order::tiled, hmm::Order::byTarget, hmm::absentCost);
 }
+
+bool ownTileIfWanted(HMMServer* server) {
+    const bool wanted = (KTGetContext()->hmmMode & HMM_MODE_TILED) != 0 && server->transitions != nullptr &&
+                        hmm::orderOf(server->status) == hmm::Order::byTarget;
+    if (!wanted) return true;
+    void* tiled = KTTileHMMTrans(server->transitions, server->status, server->nStates);
+    if (tiled == nullptr) return false;
+    std::free(server->transitions);
+    server->transitions = tiled;
+    server->status |= HMM_SERVER_TILED;
+    return true;
+}

@@ -145,3 +145,7 @@ inline constexpr float absentCost = 3.40282346638528859811704183484516925e+38f;
 // arrays from hmm::allocateArray; null when memory ran out, the source array is left as it is.
 void* KTTileHMMTrans(void* pPlain, unsigned status, int nStates);
 void* KTUntileHMMTrans(void* pTiled, unsigned status, int nStates);
+
+// Tiles a record's transitions where they are plain costs and the thread's mode wants them tiled; false when
+// memory ran out.
+bool ownTileIfWanted(HMMServer* server);

@@ -44,22 +44,21 @@ class CommonOrder {
 public:
     // `plainTransitions`: the block of the transitions, not tiled.
     CommonOrder(const HMMServer* serverOfCall, void* plainTransitions)
-        : server(serverOfCall), transitions(plainTransitions),
-          outputs(hmm::OutputShape::of(server->status, server->nStates, server->nSymbols)) {
-        hasOutputs =
-            (server->status & HMM_SERVER_DISCRETE) != 0 && server->outputs != nullptr && outputs.rows > 0;
+        : server(serverOfCall), transitions(plainTransitions) {
+        // only a discrete model's nSymbols says how long rows are
+        if ((server->status & HMM_SERVER_DISCRETE) != 0 && server->outputs != nullptr)
+            outputs = hmm::OutputShape::of(server->status, server->nStates, server->nSymbols);
     }
 
     // False after a report when memory for the scratch ran out.
     bool measure(int* result) {
         const std::size_t nTransitions = transitions != nullptr ? transitionCount() : 0;
         if ((server->status & KT_HMM_LOGARITHMIC) != 0 &&
-            !grow(std::max({nTransitions, hasOutputs ? outputs.elements() : 0,
-                            std::size_t(std::max(server->nStates, 0))})))
+            !grow(std::max({nTransitions, outputs.elements(), std::size_t(std::max(server->nStates, 0))})))
             return false;
         if (server->initials != nullptr) consider(start(server->initials), std::size_t(server->nStates));
         consider(start(transitions), nTransitions);
-        if (hasOutputs) considerOutputs();
+        if (outputs.rows > 0) considerOutputs();
         *result = largest;
         return true;
     }
@@ -112,8 +111,7 @@ private:
 
     const HMMServer* server;
     void* transitions;
-    hmm::OutputShape outputs;
-    bool hasOutputs;
+    hmm::OutputShape outputs{}; // no rows where there are none to look at
     Element* scratch = nullptr; // null where the values are no costs
     int largest = INT_MIN;
 };

@@ -952,6 +952,22 @@ KTL_API int KTwsConvertHMMServer(int hmm, int scale, int weightScale, int meanSc
  * comparison of costs; nothing is written then. The scratch stays until KTHMMFreeAll. */
 KTL_API void KTGetHMMScales(int hmm, int* pOrder, int* pWeightsOrder, int* pMeansOrder, int* pVarsOrder);
 
+/* Files: one server after the other on a binary stream, each a header of 16 bytes with a name, the record, and the arrays as
+ * they are stored, all as a 32-bit little-endian image that every build reads and writes alike. Nothing is converted: form
+ * and domain come back as they were. The semicontinuous codebook is not in the file.
+ *
+ * KTWriteHMMServer: name is at most 12 characters, or null; further ones are dropped. An unknown id writes nothing. A write
+ * that comes up short ends the operation in silence and leaves the file incomplete. Continuous models: a negative status of
+ * the thread after a mixture gives a KT_StsBacktrace report, and the writing stops unless the handler returns 0.
+ *
+ * KTReadHMMServer: the id of a new server that stands on the stream's position, or -1 for everything that is not one, whole
+ * and consistent, and when memory ran out; nothing is registered then. It reports nothing itself; the mixtures' reader may.
+ * name (room for 12 characters, or null) receives the name in the file, with its terminator unless it has 12 characters; it
+ * is filled even where what follows can't be read. A status of the thread that is negative at the end releases the new
+ * server; its id is returned all the same. The caller frees with KTFreeHMMServer. */
+KTL_API void KTWriteHMMServer(FILE* stream, int hmm, const char* name);
+KTL_API int KTReadHMMServer(FILE* stream, char* name);
+
 /* ==== hidden Markov models: training =========================================================================== */
 
 /* Baum-Welch re-estimation from several observation sequences (L. R. Rabiner, A Tutorial on Hidden Markov Models and

@@ -1,5 +1,6 @@
 #include "models/hmm_models.h"
 #include "support/alloc_faults.h"
+#include "support/reports.h"
 
 #include "KT_HLAYOUT.h"
 #include "KT_SEMICONT.h"

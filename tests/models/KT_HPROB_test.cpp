@@ -1,6 +1,7 @@
 #include "models/hmm_models.h"
 #include "support/alloc_faults.h"
 #include "support/guarded.h"
+#include "support/reports.h"
 
 #include <gtest/gtest.h>
 

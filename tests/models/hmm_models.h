@@ -4,7 +4,6 @@
 
 #include "KT_HMM.h"
 #include "mixtures/mixtures.h"
-#include "support/reports.h"
 
 #include <cfloat>
 #include <cstdint>
