@@ -81,6 +81,10 @@ void KTsAbsDerivative(const float* pIn, float* pOut, int n) {
 
 // With an inScale of 0 the input is not read: an element's x is the scaled result of the one before it.
 void KTwSigmoidActivation(const int* pIn, short* pOut, int n, int inScale, int outScale) {
+    if (inScale >= 1 && inScale <= 30 && outScale <= -1 && outScale >= -30) {
+        vsq::kernels().mlp->sigmoidW(pIn, pOut, n, scaled(1.0, inScale), scaled(1.0, outScale));
+        return;
+    }
     double x = 0.0;
     for (int i = n - 1; i >= 0; --i) {
         if (inScale != 0) x = scaled(double(pIn[i]), inScale);

@@ -112,10 +112,8 @@ void forward(Training& t, const float* pattern) {
 
 // Changes the weights of `layer` by the deltas of its first nRows neurons; x is what the layer has read.
 void descend(const Training& t, int layer, const float* deltas, int nRows, const float* x) {
-    const int n = widthOf(t.server, layer - 1);
-    for (int k = 0; k < nRows; ++k)
-        vsq::kernels().mlp->descend(t.server->pppWeights[layer - 1][k], t.changes->pppWeights[layer - 1][k],
-                                    x, double(deltas[k]) * t.learningRate, t.momentum, n);
+    vsq::kernels().mlp->descend(t.server->pppWeights[layer - 1], t.changes->pppWeights[layer - 1], x, deltas,
+                                t.learningRate, t.momentum, nRows, widthOf(t.server, layer - 1));
 }
 
 // Outputs become deltas by the error and the derivative at the output.
@@ -128,9 +126,8 @@ void outputDeltas(const Training& t, float* outputs, const float* target) {
 // Outputs of a hidden layer become deltas by those of the layer above.
 void hiddenDeltas(const Training& t, int layer, float* outputs, const float* deltasAbove) {
     const int n = widthOf(t.server, layer);
-    std::fill_n(t.sums, n, 0.0);
-    for (int k = 0; k < widthOf(t.server, layer + 1); ++k)
-        vsq::kernels().mlp->addScaled(t.sums, t.server->pppWeights[layer][k], double(deltasAbove[k]), n);
+    vsq::kernels().mlp->weighDeltas(t.sums, t.server->pppWeights[layer], deltasAbove,
+                                    widthOf(t.server, layer + 1), n);
     apply(t.server->ppDerivative[layer - 1], outputs, t.slopes, n);
     for (int j = 0; j < n; ++j)
         outputs[j] = float(t.sums[j] * double(t.slopes[j]));

@@ -168,6 +168,7 @@ template <class V, class T> VSQ_INLINE void storePartOf(T* p, V v, int count) {
     }
 }
 
+// The first `count` (0 to N) lanes.
 template <class T, int N> VSQ_INLINE void storePart(T* p, const Pack<T, N>& v, int count) {
     if constexpr (isRegister<T, N>) {
         storePartOf(p, v.r, count);
@@ -651,12 +652,12 @@ VSQ_INLINE V lookUpVector(const double* table, I index) {
     {
         V result;
         for (unsigned i = 0; i < sizeof(V) / sizeof(double); ++i)
-            result[i] = table[index[i]];
+            result[i] = table[index[i] & 15];
         return result;
     }
 }
 
-// table[index], lane by lane; every index is from 0 to 15.
+// table[index modulo 16], lane by lane.
 template <int N>
 VSQ_INLINE Pack<double, N> lookUp(const double* table, const Pack<std::int64_t, N>& index) {
     return each<double, N>(

@@ -11,20 +11,22 @@ constexpr int group = 4; // rows side by side, whose last additions share regist
 using Lanes = Pack<float, lanes>;
 
 // The tree's upper half: 16 lanes to 4.
-VSQ_INLINE Pack<float, 4> foldedToFour(const Lanes& v) {
-    const Pack<float, 8> eight = low(v) + high(v);
+template <class T>
+VSQ_INLINE Pack<T, 4> foldedToFour(const Pack<T, lanes>& v) {
+    const Pack<T, 8> eight = low(v) + high(v);
     return low(eight) + high(eight);
 }
 
 // The rest of it for four rows at once, after a transposition: lane r is the sum of row r, as sumLanes adds
 // it.
-VSQ_INLINE Pack<float, 4> sumsOfRows(const Lanes (&sums)[group]) {
-    const Pack<float, 4> a = foldedToFour(sums[0]), b = foldedToFour(sums[1]);
-    const Pack<float, 4> c = foldedToFour(sums[2]), d = foldedToFour(sums[3]);
-    const Pack<float, 4> even0 = evenPairs(a, b), even1 = evenPairs(c, d); // a0 b0 a2 b2, c0 d0 c2 d2
-    const Pack<float, 4> odd0 = oddPairs(a, b), odd1 = oddPairs(c, d);
-    const Pack<float, 4> lane0 = join(low(even0), low(even1)), lane2 = join(high(even0), high(even1));
-    const Pack<float, 4> lane1 = join(low(odd0), low(odd1)), lane3 = join(high(odd0), high(odd1));
+template <class T>
+VSQ_INLINE Pack<T, 4> sumsOfRows(const Pack<T, lanes> (&sums)[group]) {
+    const Pack<T, 4> a = foldedToFour(sums[0]), b = foldedToFour(sums[1]);
+    const Pack<T, 4> c = foldedToFour(sums[2]), d = foldedToFour(sums[3]);
+    const Pack<T, 4> even0 = evenPairs(a, b), even1 = evenPairs(c, d); // a0 b0 a2 b2, c0 d0 c2 d2
+    const Pack<T, 4> odd0 = oddPairs(a, b), odd1 = oddPairs(c, d);
+    const Pack<T, 4> lane0 = join(low(even0), low(even1)), lane2 = join(high(even0), high(even1));
+    const Pack<T, 4> lane1 = join(low(odd0), low(odd1)), lane3 = join(high(odd0), high(odd1));
     return (lane0 + lane2) + (lane1 + lane3);
 }
 
@@ -73,16 +75,18 @@ using Sums = Pack<std::uint32_t, words / 2>;
 // leaves them positive.
 struct HalvesSummed {
     int shift;
-    Sums high, low;
+    Sums upper, lower;
 
-    explicit VSQ_INLINE HalvesSummed(int count)
-        : shift(count), high(splat<std::uint32_t, words / 2>(0)), low(high) {}
-    VSQ_INLINE void add(const Words& w, const Words& x) {
-        high = high + bits<std::uint32_t>(pairTotals(highProducts(w, x)));
-        const auto lower = bits<std::uint16_t>(w) * bits<std::uint16_t>(x);
-        low = low + bits<std::uint32_t>(pairTotals(bits<std::int16_t>(lower >> shift)));
+    VSQ_INLINE void clear(int count) {
+        shift = count;
+        upper = lower = splat<std::uint32_t, words / 2>(0);
     }
-    VSQ_INLINE std::uint32_t total() const { return sumLanes((high << (16 - shift)) + low); }
+    VSQ_INLINE void add(const Words& w, const Words& x) {
+        upper = upper + bits<std::uint32_t>(pairTotals(highProducts(w, x)));
+        const auto rest = bits<std::uint16_t>(w) * bits<std::uint16_t>(x);
+        lower = lower + bits<std::uint32_t>(pairTotals(bits<std::int16_t>(rest >> shift)));
+    }
+    VSQ_INLINE Sums total() const { return (upper << (16 - shift)) + lower; }
 };
 
 // Any other shift: the products themselves.
@@ -90,7 +94,10 @@ struct ProductsSummed {
     int shift;
     Sums sums;
 
-    explicit VSQ_INLINE ProductsSummed(int count) : shift(count), sums(splat<std::uint32_t, words / 2>(0)) {}
+    VSQ_INLINE void clear(int count) {
+        shift = count;
+        sums = splat<std::uint32_t, words / 2>(0);
+    }
     VSQ_INLINE void add(const Words& w, const Words& x) {
         addHalf(low(w), low(x));
         addHalf(high(w), high(x));
@@ -99,20 +106,41 @@ struct ProductsSummed {
         const auto products = convert<std::int32_t>(w) * convert<std::int32_t>(x);
         sums = sums + bits<std::uint32_t>(products >> shift);
     }
-    VSQ_INLINE std::uint32_t total() const { return sumLanes(sums); }
+    VSQ_INLINE Sums total() const { return sums; }
 };
+
+// The sums of `count` rows from rows[0] on.
+template <int count, class Adder>
+VSQ_INLINE void addWords(const short* const* rows, const short* x, int nCols, int shift, Sums* sums) {
+    Adder adders[count];
+    for (int r = 0; r < count; ++r)
+        adders[r].clear(shift);
+    int c = 0;
+    for (; c + words <= nCols; c += words) {
+        const Words part = load<std::int16_t, words>(x + c);
+        for (int r = 0; r < count; ++r)
+            adders[r].add(load<std::int16_t, words>(rows[r] + c), part);
+    }
+    if (c < nCols) {
+        const Words part = loadPart<std::int16_t, words>(x + c, nCols - c);
+        for (int r = 0; r < count; ++r)
+            adders[r].add(loadPart<std::int16_t, words>(rows[r] + c, nCols - c), part);
+    }
+    for (int r = 0; r < count; ++r)
+        sums[r] = adders[r].total();
+}
 
 template <class Adder>
 VSQ_INLINE void sumRows(int* dst, const short* const* rows, const short* x, int nRows, int nCols, int shift) {
-    for (int r = 0; r < nRows; ++r) {
-        Adder adder(shift);
-        int c = 0;
-        for (; c + words <= nCols; c += words)
-            adder.add(load<std::int16_t, words>(rows[r] + c), load<std::int16_t, words>(x + c));
-        if (c < nCols)
-            adder.add(loadPart<std::int16_t, words>(rows[r] + c, nCols - c),
-                      loadPart<std::int16_t, words>(x + c, nCols - c));
-        dst[r] = int(adder.total());
+    Sums sums[group];
+    int r = 0;
+    for (; r + group <= nRows; r += group) {
+        addWords<group, Adder>(rows + r, x, nCols, shift, sums);
+        store(dst + r, bits<std::int32_t>(sumsOfRows(sums)));
+    }
+    for (; r < nRows; ++r) {
+        addWords<1, Adder>(rows + r, x, nCols, shift, sums);
+        dst[r] = int(sumLanes(sums[0]));
     }
 }
 

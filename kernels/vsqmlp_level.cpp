@@ -39,7 +39,7 @@ constexpr NearTable nearColumns() {
 }
 constexpr NearTable nearTable = nearColumns();
 
-// The polynomial of one element, both chains in one register; the operations are those of nearPolynomials.
+// The polynomial of one element, both chains in one register; the operations are those of nearSigmoids.
 VSQ_INLINE double polynomial(int k, double u) {
     const double* row = table.rows[k];
     const Pack<double, 2> both = splat<double, 2>(u);
@@ -50,17 +50,24 @@ VSQ_INLINE double polynomial(int k, double u) {
     return high(chains).r[0] + square * square * low(chains).r[0];
 }
 
-// All elements at once, where every row is below nearRows.
-VSQ_INLINE Doubles nearPolynomials(const Ints& k, const Doubles& u) {
-    const auto index = convert<std::int64_t>(k);
-    const auto coefficient = [&](int i) VSQ_LAMBDA { return lookUp(nearTable.columns[i], index); };
-    Doubles a = coefficient(0), b = coefficient(4);
+// 1 / (1 + exp(-x)) for x between -16 and 16: the same for all elements at once.
+VSQ_INLINE Doubles nearSigmoids(const Doubles& x) {
+    // The sum with 1.5 * 2^52 is rounded to an integer, which its last bits hold. Half a unit less makes that
+    // the truncation of |x|; the little more decides for whole numbers, and is below the distance of floats
+    // and of fixed-point numbers with up to 30 fractional bits to the next whole number.
+    const Doubles rounder = splat<double, lanes>(0x1.8p52), zero = splat<double, lanes>(0);
+    const Doubles size = magnitude(x);
+    const Doubles turned = (size + splat<double, lanes>(-0.5 + 0x1p-40)) + rounder;
+    const Doubles u = (turned - rounder) - size;
+    const auto row = bits<std::int64_t>(turned);
+    Doubles a = lookUp(nearTable.columns[0], row), b = lookUp(nearTable.columns[4], row);
     for (int i = 1; i < 4; ++i) {
-        a = a * u + coefficient(i);
-        b = b * u + coefficient(i + 4);
+        a = a * u + lookUp(nearTable.columns[i], row);
+        b = b * u + lookUp(nearTable.columns[i + 4], row);
     }
     const Doubles square = u * u;
-    return b + square * square * a;
+    const Doubles value = b + square * square * a;
+    return select(zero <= x, splat<double, lanes>(1) - value, value);
 }
 
 // One element by the rules of its range. A not-a-number fails every comparison but the last one's opposite
@@ -75,50 +82,122 @@ VSQ_INLINE float sigmoidOf(float x) {
     return float(x >= 0.0f ? 1.0 - value : value);
 }
 
-// 16 elements between -16 and 16.
-VSQ_INLINE Floats nearSigmoids(const Floats& x, const Floats& size) {
-    const Ints k = convert<std::int32_t>(size);
-    const Doubles u = convert<double>(convert<float>(k) - size); // exact in float, since k <= |x| < k + 1
-    const Doubles value = nearPolynomials(k, u);
-    const Floats left = convert<float>(value), right = convert<float>(splat<double, lanes>(1) - value);
-    return select(splat<float, lanes>(0) <= x, right, left);
-}
-
 void sigmoid(const float* in, float* out, int n) {
     for (int i = 0; i < n; i += lanes) {
         const int count = n - i < lanes ? n - i : lanes;
         const Floats x = count == lanes ? load<float, lanes>(in + i) : loadPart<float, lanes>(in + i, count);
-        const Floats size = magnitude(x);
-        if (laneBits(size < splat<float, lanes>(nearRows)) != 0xFFFF) [[unlikely]] {
+        if (laneBits(magnitude(x) < splat<float, lanes>(nearRows)) != 0xFFFF) [[unlikely]] {
             for (int j = i; j < i + count; ++j)
                 out[j] = sigmoidOf(in[j]);
             continue;
         }
+        const Floats y = convert<float>(nearSigmoids(convert<double>(x)));
         if (count == lanes)
-            store(out + i, nearSigmoids(x, size));
+            store(out + i, y);
         else
-            storePart(out + i, nearSigmoids(x, size), count);
+            storePart(out + i, y, count);
+    }
+}
+
+VSQ_INLINE short exactWord(int in, double inFactor, double outFactor) {
+    const double y = 1.0 / (1.0 + __builtin_exp(-(double(in) * inFactor))) * outFactor;
+    return short(y > 32767.0 ? 32767 : int(y));
+}
+
+// The polynomials are good for the integer that comes out unless it is so near to the next one that their
+// error decides; such elements, one in a hundred, and those of blocks with large ones take the formula.
+void sigmoidW(const int* in, short* out, int n, double inFactor, double outFactor) {
+    const Doubles bound = splat<double, lanes>(nearRows), rounder = splat<double, lanes>(0x1.8p52);
+    for (int i = 0; i < n; i += lanes) {
+        const int count = n - i < lanes ? n - i : lanes;
+        const Ints words =
+            count == lanes ? load<std::int32_t, lanes>(in + i) : loadPart<std::int32_t, lanes>(in + i, count);
+        const Doubles x = convert<double>(words) * splat<double, lanes>(inFactor);
+        unsigned doubtful = ~laneBits(magnitude(x) < bound) & 0xFFFF;
+        if (doubtful == 0) {
+            const Doubles y = nearSigmoids(x) * splat<double, lanes>(outFactor);
+            const Doubles offset = magnitude(y - ((y + rounder) - rounder)); // to the nearest integer
+            doubtful = laneBits(offset <= y * splat<double, lanes>(3e-7));
+            const Pack<std::int16_t, lanes> narrow = narrowed(truncated(y));
+            if (count == lanes)
+                store(out + i, narrow);
+            else
+                storePart(out + i, narrow, count);
+        } else {
+            doubtful = 0xFFFF;
+        }
+        for (doubtful &= (1u << count) - 1; doubtful != 0; doubtful &= doubtful - 1) {
+            const int j = i + __builtin_ctz(doubtful);
+            out[j] = exactWord(in[j], inFactor, outFactor);
+        }
     }
 }
 
 // --- training ---
 
-void descend(float* __restrict weights, float* __restrict previous, const float* __restrict x, double g,
-             double momentum, int n) {
-    for (int i = 0; i < n; ++i) {
-        const double delta = double(x[i]) * g + double(previous[i]) * momentum;
-        weights[i] = float(double(weights[i]) + delta);
-        previous[i] = float(delta);
+constexpr int steps = 8;
+using Wide = Pack<double, steps>;
+
+// The next `count` elements of one row.
+template <bool whole>
+VSQ_INLINE void descendStep(float* weights, float* previous, const Wide& x, const Wide& g,
+                            const Wide& momentum, int count) {
+    const auto part = [count](const float* p) VSQ_LAMBDA {
+        return convert<double>(whole ? load<float, steps>(p) : loadPart<float, steps>(p, count));
+    };
+    const Wide delta = x * g + part(previous) * momentum;
+    const auto changed = convert<float>(part(weights) + delta), kept = convert<float>(delta);
+    if constexpr (whole) {
+        store(weights, changed);
+        store(previous, kept);
+    } else {
+        storePart(weights, changed, count);
+        storePart(previous, kept, count);
     }
 }
 
-void addScaled(double* __restrict sums, const float* __restrict weights, double delta, int n) {
-    for (int i = 0; i < n; ++i)
-        sums[i] += double(weights[i]) * delta;
+void descend(float* const* weights, float* const* previous, const float* x, const float* deltas, double rate,
+             double momentum, int nRows, int n) {
+    const Wide factor = splat<double, steps>(momentum);
+    int i = 0;
+    for (; i + steps <= n; i += steps) {
+        const Wide part = convert<double>(load<float, steps>(x + i));
+        for (int k = 0; k < nRows; ++k)
+            descendStep<true>(weights[k] + i, previous[k] + i, part,
+                              splat<double, steps>(double(deltas[k]) * rate), factor, steps);
+    }
+    if (i >= n) return;
+    const Wide part = convert<double>(loadPart<float, steps>(x + i, n - i));
+    for (int k = 0; k < nRows; ++k)
+        descendStep<false>(weights[k] + i, previous[k] + i, part,
+                           splat<double, steps>(double(deltas[k]) * rate), factor, n - i);
+}
+
+// Columns from i on, `count` of them.
+template <bool whole>
+VSQ_INLINE void weighStep(double* sums, const float* const* rows, const float* deltas, int nRows, int i,
+                          int count) {
+    Pack<double, lanes> sum = splat<double, lanes>(0);
+    for (int k = 0; k < nRows; ++k) {
+        const Floats row =
+            whole ? load<float, lanes>(rows[k] + i) : loadPart<float, lanes>(rows[k] + i, count);
+        sum = sum + convert<double>(row) * splat<double, lanes>(double(deltas[k]));
+    }
+    if constexpr (whole)
+        store(sums + i, sum);
+    else
+        storePart(sums + i, sum, count);
+}
+
+void weighDeltas(double* sums, const float* const* rows, const float* deltas, int nRows, int n) {
+    int i = 0;
+    for (; i + lanes <= n; i += lanes)
+        weighStep<true>(sums, rows, deltas, nRows, i, lanes);
+    if (i < n) weighStep<false>(sums, rows, deltas, nRows, i, n - i);
 }
 
 } // namespace
 
-extern const MlpKernels mlpKernels{sigmoid, descend, addScaled};
+extern const MlpKernels mlpKernels{sigmoid, sigmoidW, descend, weighDeltas};
 
 } // namespace vsq::VSQ_LEVEL

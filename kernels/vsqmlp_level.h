@@ -11,12 +11,20 @@ struct MlpKernels {
     // C library's exp.
     void (*sigmoid)(const float* in, float* out, int n);
 
-    // One row's step of gradient descent with momentum: delta = x[i] * g + previous[i] * momentum in double;
-    // weights[i] += delta and previous[i] = delta, each rounded to float once.
-    void (*descend)(float* weights, float* previous, const float* x, double g, double momentum, int n);
+    // out[i] = 1 / (1 + exp(-in[i] * inFactor)) * outFactor, truncated to an integer and not above 32767, n
+    // elements. Both factors are powers of two, inFactor from 2^-30 and outFactor to 2^30. The results are
+    // those of the formula in double with the C library's exp.
+    void (*sigmoidW)(const int* in, short* out, int n, double inFactor, double outFactor);
 
-    // sums[i] += weights[i] * delta, in double.
-    void (*addScaled)(double* sums, const float* weights, double delta, int n);
+    // A layer's step of gradient descent with momentum, all in double: for each row k below nRows, with
+    // g = deltas[k] * rate, delta = x[i] * g + previous[k][i] * momentum; weights[k][i] += delta and
+    // previous[k][i] = delta, each rounded to float once; i below n.
+    void (*descend)(float* const* weights, float* const* previous, const float* x, const float* deltas,
+                    double rate, double momentum, int nRows, int n);
+
+    // sums[i] = the sum over k below nRows, in ascending order, of rows[k][i] * deltas[k], in double; i below
+    // n.
+    void (*weighDeltas)(double* sums, const float* const* rows, const float* deltas, int nRows, int n);
 };
 VSQ_DECLARE_LEVELS(MlpKernels, mlpKernels)
 
