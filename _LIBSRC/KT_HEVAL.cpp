@@ -67,14 +67,31 @@ using ktl::gauss::matrices;
 using ktl::gauss::means;
 using ktl::gauss::weights;
 
-float exponentOfDensity(const GaussMixServer* server, const float* frame, int nDim) {
-    const float* mean = means<float>(server)[0];
-    if (ktl::gauss::isFull(server)) {
-        const float* const* inverse = matrices<float>(server)[0];
-        return static_cast<float>(-std::fabs(KTsMahalanobis(frame, mean, inverse, nDim, 0)));
+// Densities are taken in runs of this many, whose rows are looked up once for all frames.
+constexpr int densitiesPerRun = 64;
+
+// The exponents of up to densitiesPerRun densities in all frames: -|q| of a full one, -|q| / 2 of a diagonal
+// one.
+void exponentsOfRun(GaussMixServer* const* densities, int count, const float* const* frames, int nFrames,
+                    int nDim, float* const* rows, int first) {
+    const float *mean[densitiesPerRun], *diagonal[densitiesPerRun];
+    int place[densitiesPerRun], nDiagonal = 0;
+    for (int k = 0; k < count; ++k) {
+        if (ktl::gauss::isFull(densities[k])) continue;
+        mean[nDiagonal] = means<float>(densities[k])[0];
+        diagonal[nDiagonal] = diagonals<float>(densities[k])[0];
+        place[nDiagonal++] = first + k;
     }
-    return static_cast<float>(-std::fabs(KTsMahalanobisD(frame, mean, diagonals<float>(server)[0], nDim, 0)) *
-                              0.5);
+    for (int t = 0; t < nFrames; ++t) {
+        double forms[densitiesPerRun];
+        vsq::kernels().mahal->diagonalRows(frames[t], mean, diagonal, nDiagonal, nDim, forms);
+        for (int k = 0; k < nDiagonal; ++k)
+            rows[t][place[k]] = static_cast<float>(-std::fabs(forms[k]) * 0.5);
+        for (int k = 0; nDiagonal < count && k < count; ++k)
+            if (ktl::gauss::isFull(densities[k]))
+                rows[t][first + k] = static_cast<float>(-std::fabs(KTsMahalanobis(
+                    frames[t], means<float>(densities[k])[0], matrices<float>(densities[k])[0], nDim, 0)));
+    }
 }
 
 short fixedDensity(const GaussMixServer* server, const short* frame, int nDim) {
@@ -93,10 +110,11 @@ void KTsEvalPdfsFrames(const SemicontCodebook* pCodebook, const float* const* pp
                        int nFrames, int nPdfs, int nDim) {
     if (nPdfs <= 0) return;
     const int padded = hmm::multipleOf4(nPdfs);
+    for (int k = 0; k < nPdfs; k += densitiesPerRun)
+        exponentsOfRun(pCodebook->ccgPdfs + k, std::min(densitiesPerRun, nPdfs - k), ppFrames, nFrames, nDim,
+                       ppOut, k);
     for (int t = 0; t < nFrames; ++t) {
         float* row = ppOut[t];
-        for (int k = 0; k < nPdfs; ++k)
-            row[k] = exponentOfDensity(pCodebook->ccgPdfs[k], ppFrames[t], nDim);
         std::fill(row + nPdfs, row + padded, -hmm::absentCost); // its exponential is 0
         vsqsbExp1(row, padded);
         vsqsbMpy2(ownsSemicontWeights(pCodebook), row, nPdfs);

@@ -33,9 +33,9 @@ double evaluate(const HMMServer* server, const vsq::HmmOutputs& outputs, double*
 
 namespace hmm {
 
-vsq::HmmStored storedModel(const HMMServer* server) {
+vsq::HmmStored storedModel(const HMMServer* server, const vsq::HmmUnpacked& unpacked) {
     return {kernelTopology(server->status), server->nStates, floats(server->transitions),
-            floats(server->initials)};
+            floats(server->initials), unpacked};
 }
 
 bool inAlphabet(const HMMServer* server, const int* pObservations, int T) {
@@ -55,10 +55,11 @@ void compareWithCodebook(const HMMServer* server) {
 }
 
 double forwardBackward(const HMMServer* server, const vsq::HmmOutputs& outputs,
-                       const vsq::HmmLattice& lattice, int* pExponent) {
+                       const vsq::HmmLattice& lattice, int* pExponent, const vsq::HmmUnpacked& unpacked) {
     *pExponent = noExponent;
     if (lattice.nFrames < 1 || !evaluable(server, HMM_SERVER_FLOAT)) return 0.0;
-    return vsq::kernels().hmmtrain->forwardBackward(storedModel(server), outputs, lattice, pExponent);
+    return vsq::kernels().hmmtrain->forwardBackward(storedModel(server, unpacked), outputs, lattice,
+                                                    pExponent);
 }
 
 } // namespace hmm

@@ -30,9 +30,9 @@ namespace hmm {
 
 // The same for records and for rows that the caller has padded: what training works with.
 double forwardBackward(const HMMServer* server, const vsq::HmmOutputs& outputs,
-                       const vsq::HmmLattice& lattice, int* pExponent);
+                       const vsq::HmmLattice& lattice, int* pExponent, const vsq::HmmUnpacked& unpacked = {});
 
-vsq::HmmStored storedModel(const HMMServer* server);
+vsq::HmmStored storedModel(const HMMServer* server, const vsq::HmmUnpacked& unpacked = {});
 bool inAlphabet(const HMMServer* server, const int* pObservations, int T);
 void compareWithCodebook(const HMMServer* server);
 

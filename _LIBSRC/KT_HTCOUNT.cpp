@@ -40,17 +40,31 @@ bool Counts::allocate(const HMMServer* model, int longest) {
     const auto n = std::size_t(nStates);
     stride = (n + vsq::hmmTrainLanes - 1) / vsq::hmmTrainLanes * vsq::hmmTrainLanes;
     const auto frames = std::size_t(longest);
-    const std::size_t perRow = topologyOf(model->status) == Topology::banded ? 3 : stride;
+    const Topology topology = topologyOf(model->status);
+    const std::size_t perRow = topology == Topology::banded ? 3 : stride;
+    const std::size_t unpackedRows = topology == Topology::full ? 2 * n + 1 : 0;
     return alphaBeta.allocate(2 * frames, stride) && scales.allocate(frames, 1) &&
            gammaTrans.allocate(stride, 1) && gammaOut.allocate(stride, 1) && piNum.allocate(stride, 1) &&
            gammaSeq.allocate(stride, 1) && xiNum.allocate(TransitionMap::of(*model).size(), 1) &&
-           xiSeq.allocate(n, perRow);
+           xiSeq.allocate(n, perRow) && unpacked.allocate(unpackedRows, stride);
 }
 
-void Counts::clear() {
+void Counts::begin(const HMMServer* current) {
     gammaTotal = 0.0;
     for (Numbers* numbers : {&gammaTrans, &gammaOut, &piNum, &xiNum})
         numbers->clear();
+    if (topologyOf(current->status) != Topology::full) return;
+    const float* stored = transitionsOf(current);
+    const auto n = std::size_t(nStates);
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = 0; j < n; ++j)
+            unpacked[i * stride + j] = unpacked[(n + j) * stride + i] = double(stored[i * n + j]);
+}
+
+vsq::HmmUnpacked Counts::unpackedModel(const HMMServer* current) const {
+    if (topologyOf(current->status) != Topology::full) return {};
+    const std::size_t matrix = std::size_t(nStates) * stride;
+    return {unpacked.get(), unpacked.get() + matrix, unpacked.get() + 2 * matrix};
 }
 
 vsq::HmmLattice Counts::lattice(int nFrames) const {

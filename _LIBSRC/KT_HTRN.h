@@ -66,10 +66,12 @@ struct Counts {
     Numbers xiNum;      // per stored transition
     Numbers xiSeq;      // the same for one sequence, before the factor a(i, j)
     Numbers gammaSeq;   // per state, one sequence: over all frames but the last
+    Numbers unpacked;   // a full model's transitions in both directions, and a row; otherwise empty
 
     bool allocate(const HMMServer* model, int longest);
-    void clear();
+    void begin(const HMMServer* current); // an iteration
     vsq::HmmLattice lattice(int nFrames) const;
+    vsq::HmmUnpacked unpackedModel(const HMMServer* current) const;
 
     // Adds one sequence, whose lattice is complete, with the weight 1 / likelihood.
     void add(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames, double weight);
@@ -158,14 +160,16 @@ struct StopRule {
 template <class Flavour>
 void countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
               const Sequences<typename Flavour::Sequence>& sequences, Counts& counts) {
-    counts.clear();
+    counts.begin(current);
+    const vsq::HmmUnpacked unpacked = counts.unpackedModel(current);
     for (int q = 0; q < sequences.count; ++q) {
         const int nFrames = sequences.pFrames[q];
         if (nFrames < 1) continue;
         vsq::HmmOutputs outputs;
         if (!flavour.score(current, next, sequences.all[q], nFrames, &outputs)) continue;
         int exponent;
-        const double likelihood = forwardBackward(current, outputs, counts.lattice(nFrames), &exponent);
+        const double likelihood =
+            forwardBackward(current, outputs, counts.lattice(nFrames), &exponent, unpacked);
         if (!(likelihood >= smallestDenominator)) continue;
         counts.add(current, outputs, nFrames, 1.0 / likelihood);
         flavour.count(current, counts, sequences.all[q], nFrames, 1.0 / likelihood);

@@ -197,6 +197,61 @@ VSQ_INLINE double backwardBand(const HmmStored& model, const float* outputs, con
     return sum;
 }
 
+// --- full models that are unpacked: both directions run along rows ---
+
+// The sum over i of weights[i] * rows[i][block .. block + 7].
+VSQ_INLINE States weightedSum(const double* rows, long stride, int n, const double* weights) {
+    States sums[4] = {none(), none(), none(), none()};
+    const auto add = [&](States& sum, int i) VSQ_LAMBDA {
+        sum = sum + splat<double, lanes>(weights[i]) * load<double, lanes>(rows + i * stride);
+    };
+    int i = 0;
+    for (; i + 4 <= n; i += 4)
+        for (int k = 0; k < 4; ++k)
+            add(sums[k], i + k);
+    if (i < n) add(sums[0], i);
+    if (i + 1 < n) add(sums[1], i + 1);
+    if (i + 2 < n) add(sums[2], i + 2);
+    return (sums[0] + sums[1]) + (sums[2] + sums[3]);
+}
+
+VSQ_INLINE int paddedTo8(int n) {
+    return (n + lanes - 1) / lanes * lanes;
+}
+
+// Outputs of eight states; 0 behind the last one.
+VSQ_INLINE States outputsFrom(const float* outputs, int n, int j) {
+    return j + lanes <= n ? widened<true>(outputs + j, 0) : widened<false>(outputs + j, n - j);
+}
+
+VSQ_INLINE double forwardUnpacked(const HmmStored& model, const float* outputs, const double* current,
+                                  double* next) {
+    const int n = model.nStates, stride = paddedTo8(n);
+    States sums = none();
+    for (int j = 0; j < stride; j += lanes) {
+        const States values =
+            weightedSum(model.unpacked.bySource + j, stride, n, current) * outputsFrom(outputs, n, j);
+        store(next + j, values);
+        sums = sums + values;
+    }
+    return sumLanes(sums);
+}
+
+VSQ_INLINE double backwardUnpacked(const HmmStored& model, const float* outputs, const double* values,
+                                   double* before) {
+    const int n = model.nStates, stride = paddedTo8(n);
+    double* ahead = model.unpacked.ahead;
+    for (int j = 0; j < stride; j += lanes)
+        store(ahead + j, outputsFrom(outputs, n, j) * load<double, lanes>(values + j));
+    States sums = none();
+    for (int i = 0; i < stride; i += lanes) {
+        const States reaching = weightedSum(model.unpacked.byTarget + i, stride, n, ahead);
+        store(before + i, reaching);
+        sums = sums + reaching;
+    }
+    return sumLanes(sums);
+}
+
 // --- range control ---
 
 VSQ_INLINE std::uint64_t pattern(double value) {
@@ -256,6 +311,15 @@ struct Matrix {
     }
     static VSQ_INLINE double backward(const HmmStored& m, const float* b, const double* q, double* p) {
         return backwardMatrix<triangular, padded>(m, b, q, p);
+    }
+};
+
+struct Unpacked {
+    static VSQ_INLINE double forward(const HmmStored& m, const float* b, const double* p, double* q) {
+        return forwardUnpacked(m, b, p, q);
+    }
+    static VSQ_INLINE double backward(const HmmStored& m, const float* b, const double* q, double* p) {
+        return backwardUnpacked(m, b, q, p);
     }
 };
 
@@ -325,6 +389,8 @@ VSQ_INLINE double passesOf(const HmmStored& model, const HmmOutputs& outputs, co
     if (model.topology == HmmTopology::banded) return bothPasses<Band>(model, outputs, lattice, exponent);
     if (model.topology == HmmTopology::triangular)
         return bothPasses<Matrix<true, padded>>(model, outputs, lattice, exponent);
+    if (padded && model.unpacked.bySource != nullptr)
+        return bothPasses<Unpacked>(model, outputs, lattice, exponent);
     return bothPasses<Matrix<false, padded>>(model, outputs, lattice, exponent);
 }
 

@@ -11,6 +11,16 @@ namespace vsq {
 // Rows of states are padded to whole groups of this many elements.
 inline constexpr int hmmTrainLanes = 8;
 
+// A full model's transitions as doubles in both directions, in rows padded to hmmTrainLanes:
+// bySource[i * stride + j], byTarget[j * stride + i]. Both passes then run along rows, which is the fastest
+// way for models that are used often; null pointers where nobody has prepared them. `ahead` is a padded row
+// that the backward pass writes.
+struct HmmUnpacked {
+    const double* bySource;
+    const double* byTarget;
+    double* ahead;
+};
+
 // A model as it is stored, by source state.
 //   full: trans[i * nStates + j]
 //   triangular: behind each other a(i,i) .. a(i,nStates-1)
@@ -21,6 +31,7 @@ struct HmmStored {
     int nStates;
     const float* trans;
     const float* initials;
+    HmmUnpacked unpacked;
 };
 
 // The output values of all states in all frames: rows[symbols[t]] where there are symbols, otherwise values +
