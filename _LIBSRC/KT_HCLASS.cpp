@@ -229,8 +229,11 @@ int KTNextHMMInClass(int classId) {
 
 void KTFreeHMMClasses() {
     KTContext* context = KTGetContext();
-    while (context->hmmClassList->next != context->hmmClassList)
-        deleteClass(context, context->hmmClassList->next);
+    for (HMMClass* group = context->hmmClassList->next; group != context->hmmClassList;) {
+        HMMClass* next = group->next;
+        deleteClass(context, group);
+        group = next;
+    }
 }
 
 int KTCreateHMMClass(void) {
