@@ -70,7 +70,8 @@ private:
 
     // A float band ends with a second copy of its last transition, which is left out.
     std::size_t transitionCount() const {
-        const auto map = hmm::TransitionMap::of(*server);
+        auto map = hmm::TransitionMap::of(*server);
+        if (map.order == hmm::Order::tiled) map.order = hmm::Order::byTarget; // read through a plain copy
         const bool hasDuplicate = map.topology == hmm::Topology::banded && map.order != hmm::Order::fixed;
         return hasDuplicate ? 3 * std::size_t(map.n) - 3 : map.size();
     }

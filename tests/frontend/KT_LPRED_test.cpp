@@ -414,7 +414,7 @@ TEST_F(LinearPrediction, AnUnthinkableOrderIsAnExhaustion) {
 TEST_F(LinearPrediction, FreeingReleasesEverythingButTheLastSpare) {
     const std::vector<float> x = signal(100, 4);
     std::vector<float> coef(12), spectrum(64);
-    std::vector<short> fixedCoef(12, 100), fixedSpectrum(64);
+    std::vector<short> fixedCoef(14, 100), fixedSpectrum(64);
     KTFreeLPTbls();
     const long before = support::alloc::liveBlocks();
     auto& lp = KTGetContext()->LP;

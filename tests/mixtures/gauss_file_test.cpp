@@ -22,7 +22,7 @@ using Stream = std::unique_ptr<FILE, CloseFile>;
 
 Stream streamOf(const Bytes& bytes) {
     Stream stream(std::tmpfile());
-    std::fwrite(bytes.data(), 1, bytes.size(), stream.get());
+    if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), stream.get());
     std::rewind(stream.get());
     return stream;
 }
