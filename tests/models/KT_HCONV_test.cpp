@@ -717,6 +717,20 @@ TEST_F(HmmTransforms, FixedCostsAbove10000AreIgnored) {
     EXPECT_EQ(orderOf(id), 17);
 }
 
+TEST_F(HmmTransforms, TiledCostsAreMeasuredPlain) {
+    for (const Shape shape : allShapes) {
+        auto model = randomModel<float>(random, Flavour::discrete, shape, 5, 1, 1, 0);
+        const int order = orderOf(model.create());
+        KTHMMFreeAll();
+        KTSetHMMMode(0);
+        KTGetContext()->hmmMode |= HMM_MODE_TILED;
+        EXPECT_EQ(orderOf(model.create()), order);
+        EXPECT_EQ(KTGetContext()->hmmScalesLen,
+                  int(std::max<std::size_t>(storedTransitions(model).size() - (shape == Shape::banded), 8)));
+        KTHMMFreeAll();
+    }
+}
+
 // The last element of a float band is a duplicate and is not looked at.
 TEST_F(HmmTransforms, TheDuplicateOfABandIsLeftOut) {
     for (const unsigned domain : {1u, 2u}) {

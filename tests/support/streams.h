@@ -30,7 +30,7 @@ inline Bytes contentsOf(FILE* f) {
     std::fseek(f, 0, SEEK_END);
     Bytes bytes(static_cast<std::size_t>(std::ftell(f)));
     std::rewind(f);
-    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), f));
+    if (!bytes.empty()) bytes.resize(std::fread(bytes.data(), 1, bytes.size(), f));
     return bytes;
 }
 
