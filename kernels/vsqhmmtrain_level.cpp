@@ -568,7 +568,7 @@ template <bool whole>
 VSQ_INLINE void addFrameGroup(const float* const* frames, const float* const* shares, int component,
                               int nFrames, int d, int rest, float* mean) {
     constexpr int group = 16;
-    const auto part = [rest](const float* p) VSQ_LAMBDA {
+    const auto part = [&](const float* p) VSQ_LAMBDA {
         if constexpr (whole)
             return load<float, group>(p);
         else
