@@ -9,6 +9,7 @@
 #include "Kt_cdbk_points.h"
 #include "vsq.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace {
@@ -235,8 +236,7 @@ private:
         const int nDim = set.nDim;
         double* const sumsOf[2] = {sums.get(), sums.get() + nDim};
         int counts[2] = {0, 0};
-        for (std::int64_t k = 0; k < 2 * std::int64_t(nDim); ++k)
-            sums[k] = 0;
+        std::fill_n(sums.get(), 2 * static_cast<std::size_t>(nDim), 0.0);
         for (int i = 0; i < cluster->nMembers; ++i) {
             const int side = left == nullptr || points.labels()[i] != 'L';
             Flavour::addTo(sumsOf[side], rows[cluster->pMembers[i]], nDim);

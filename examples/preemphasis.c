@@ -10,7 +10,9 @@
 
 enum { FRAME = 400 };
 
-static double level(double sumOfSquares) { return 10.0 * log10(sumOfSquares / FRAME + 1e-10); }
+static double level(double sumOfSquares) {
+    return 10.0 * log10(sumOfSquares / FRAME + 1e-10);
+}
 
 int main(int argc, char** argv) {
     SF_INFO info = {0};

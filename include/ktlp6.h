@@ -57,7 +57,8 @@ extern "C" {
 /* Error modes, per thread: what a handler does with a report. */
 #define KT_ErrorModeLeaf                                                                                     \
     0 /* the default: the failure is reported where it happens, and the application is to end */
-#define KT_ErrorModeParent 1 /* report and continue; each caller on the way up may add a line of backtrace   \
+#define KT_ErrorModeParent                                                                                   \
+    1                        /* report and continue; each caller on the way up may add a line of backtrace   \
                               */
 #define KT_ErrorModeSilent 2 /* show nothing, only store the status */
 
@@ -292,13 +293,13 @@ KTL_API void KTSetMelScale(float mul, float div);
  * first bin alone, and no bank at all (status -4) for 31.
  * Davis, Mermelstein: Comparison of Parametric Representations for Monosyllabic Word Recognition in Continuously Spoken
  * Sentences, 1980. */
-KTL_API KTMFCCFilters* KTsMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq, int nLinear,
-                                   int linearTop);
+KTL_API KTMFCCFilters* KTsMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq,
+                                   int nLinear, int linearTop);
 
 /* The same for the fixed-point flavour. A negative status, be it an old one that was not cleared, is reported once more
  * as a backtrace, and the result is null. */
-KTL_API KTMFCCFilters* KTwMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq, int nLinear,
-                                   int linearTop);
+KTL_API KTMFCCFilters* KTwMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq,
+                                   int nLinear, int linearTop);
 
 /* Free a bank with all it holds; null is allowed. */
 KTL_API void KTsFreeMFCCFilters(KTMFCCFilters* filters);
@@ -334,14 +335,15 @@ KTL_API void KTsMelFiltering(KTMFCCFilters* filters, const float* pSpectrum, flo
  * after a failure. With KT_CepsTimeInput, and with a number of filters that is a power of two, this ends the call with
  * pCeps unwritten. The kernels refuse, and that ends the process, a bank without filters, an order that is none with
  * KT_CepsTimeInput, and an output without a coefficient where the number of filters is no power of two. */
-KTL_API void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags);
+KTL_API void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh,
+                             int flags);
 
 /* The same in fixed point. The input is a real value times 2^inScale, and so is thresh; it is converted to float, and the
  * coefficients are converted down: see KTswbConvertDown for outMode and pOutScale (null stands for a scale of 0). pIn is
  * kept as it is. After a failure, reported by KTsCepstralMFCC or here (status -4), pCeps is not written.
  * Fixed point: all arithmetic is float; what the last conversion truncates, wraps or saturates is outMode's. */
-KTL_API void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh, int flags,
-                             int inScale, int outMode, int* pOutScale);
+KTL_API void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh,
+                             int flags, int inScale, int outMode, int* pOutScale);
 
 /* Liftering in place: pCeps[i] *= 1 + L/2 * sin(pi * i / L), for i from 0 to n - 1, computed in double. n of 0 or below
  * and L of 0 change nothing.
@@ -381,7 +383,8 @@ KTL_API int KTsLPredict(const float* pSrc, int nSamples, float* pCoef, int order
  *   scaleMode, pScale  as there; a null pScale stands for a scale of 0
  * Where the result is 0 without a report, pCoef is written all the same, with values that mean nothing. Takes memory in
  * each call; where there is none (KT_StsNoMem) pCoef is unchanged. */
-KTL_API int KTwLPredict(const short* pSrc, int nSamples, short* pCoef, int order, int flags, int scaleMode, int* pScale);
+KTL_API int KTwLPredict(const short* pSrc, int nSamples, short* pCoef, int order, int flags, int scaleMode,
+                        int* pScale);
 
 /* Releases what linear prediction and the LP spectrum keep for the calling thread, and the kernel layer's FFT tables,
  * which all threads share: call it while no other thread runs a transform. */
@@ -409,8 +412,8 @@ KTL_API void KTsLPSpectrum(const float* pCoef, int nCoef, float* pSpec, int fftO
  * 2^(14 - inScale), and as 0 where 32 bits do not hold that. The FFT's bins are integers in the coefficients' scale, which
  * saturate at 16 bits; the one of A is 0 there for an inScale above 0 or below -15. From the magnitudes on the computation
  * is in float, until the conversion downward truncates. Failures as above. */
-KTL_API void KTwLPSpectrum(const short* pCoef, int nCoef, short* pSpec, int fftOrder, float gain, int inScale, int outMode,
-                           int* pOutScale);
+KTL_API void KTwLPSpectrum(const short* pCoef, int nCoef, short* pSpec, int fftOrder, float gain, int inScale,
+                           int outMode, int* pOutScale);
 
 /* ==== distances ================================================================================================ */
 
@@ -424,16 +427,18 @@ KTL_API void KTwLPSpectrum(const short* pCoef, int nCoef, short* pSpec, int fftO
  *   bRoot         non-zero: the root of the quadratic form; 0: the form itself
  * Differences, products and sums are double precision. Equal vectors give exactly 0. A matrix that is not positive can
  * give a negative form, and its root is not a number. */
-KTL_API double KTsMahalanobis(const float* pVec1, const float* pVec2, const float* const* ppInvCov, int nDim, int bRoot);
-KTL_API double KTsMahalanobisD(const float* pVec1, const float* pVec2, const float* pInvCovD, int nDim, int bRoot);
+KTL_API double KTsMahalanobis(const float* pVec1, const float* pVec2, const float* const* ppInvCov, int nDim,
+                              int bRoot);
+KTL_API double KTsMahalanobisD(const float* pVec1, const float* pVec2, const float* pInvCovD, int nDim,
+                               int bRoot);
 
 /* Fixed point: the distance of the stored integers, taken in double precision (exact below 2^53: nothing wraps) and
  * converted at the end, after the root, as KTdiConvertDown(distance, scaleMode, pScale) does it; only there can it
  * saturate. pScale may be null. */
-KTL_API int KTwMahalanobis(const short* pVec1, const short* pVec2, const short* const* ppInvCov, int nDim, int bRoot,
-                           int scaleMode, int* pScale);
-KTL_API int KTwMahalanobisD(const short* pVec1, const short* pVec2, const short* pInvCovD, int nDim, int bRoot,
-                            int scaleMode, int* pScale);
+KTL_API int KTwMahalanobis(const short* pVec1, const short* pVec2, const short* const* ppInvCov, int nDim,
+                           int bRoot, int scaleMode, int* pScale);
+KTL_API int KTwMahalanobisD(const short* pVec1, const short* pVec2, const short* pInvCovD, int nDim,
+                            int bRoot, int scaleMode, int* pScale);
 
 /* ==== dynamic time warping: pattern store ====================================================================== */
 
@@ -473,7 +478,7 @@ KTL_API int KTwPatternsNumber(void);
 
 #define KT_DTW_FIXED_ENDS 0x01    /* delta counts as 0: paths join the first frames and the last frames */
 #define KT_DTW_USE_THRESHOLD 0x40 /* threshold is used */
-#define KT_DTW_NORM_L1 0x80       /* local distance: sum of magnitudes; otherwise the root of the sum of squares */
+#define KT_DTW_NORM_L1 0x80 /* local distance: sum of magnitudes; otherwise the root of the sum of squares */
 
 /* Compares a test utterance with stored patterns by dynamic time warping (F. Itakura, Minimum Prediction Residual
  * Principle Applied to Speech Recognition, 1975). Each test frame takes one step, which stays on a pattern frame (never
@@ -499,8 +504,9 @@ KTL_API int KTsEvalDTW(const int* pHandles, int nPatterns, float** ppTest, int n
  * threshold * 2^thresholdScale; nothing wraps. The results are converted together, as
  * KTdibConvertDown(results, pResults, nPatterns, scaleMode, pScale) does it; the index was settled before. pScale may be
  * null. */
-KTL_API int KTwEvalDTW(const int* pHandles, int nPatterns, short** ppTest, int nTest, int nDim, int testScale, int flags,
-                       int threshold, int thresholdScale, int delta, int* pResults, int scaleMode, int* pScale);
+KTL_API int KTwEvalDTW(const int* pHandles, int nPatterns, short** ppTest, int nTest, int nDim, int testScale,
+                       int flags, int threshold, int thresholdScale, int delta, int* pResults, int scaleMode,
+                       int* pScale);
 
 /* ==== dynamic time warping: pattern files ====================================================================== */
 
@@ -552,8 +558,10 @@ typedef struct KTCodebook KTCodebook;
  * Returns the codebook, or null after a report: KT_StsBadArg without KT_CB_EUCLID, when nDim is below 1, or when there
  * is no leaf left to split (with KT_CB_SPLIT_WIDEST when there are fewer distinct vectors than cells); KT_StsNoMem.
  */
-KTL_API KTCodebook* KTsMakeCodebook(float** ppVectors, int* pLabels, int nVectors, int nDim, int nSize, int flags);
-KTL_API KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVectors, int nDim, int nSize, int flags);
+KTL_API KTCodebook* KTsMakeCodebook(float** ppVectors, int* pLabels, int nVectors, int nDim, int nSize,
+                                    int flags);
+KTL_API KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVectors, int nDim, int nSize,
+                                    int flags);
 
 /* Quantises nVectors rows of nDim elements with a codebook of the same flavour.
  *
@@ -591,10 +599,10 @@ struct GaussMixServer;
  * 1. A label that no vector has gives a density of not-a-numbers. flags: KT_GAUSS_FULL, KT_GAUSS_NORMALIZE. The fixed form
  * stores means at meanScale and inverse covariances at invCovScale. An existing codebook is left alone. Reports KT_StsNoMem;
  * a singular covariance leaves the thread without a codebook, silently. */
-KTL_API void KTsMakeSemicontCodebook(float** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbols,
-                                     int flags);
-KTL_API void KTwMakeSemicontCodebook(short** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbols,
-                                     int flags, int meanScale, int invCovScale);
+KTL_API void KTsMakeSemicontCodebook(float** ppVectors, const int* pLabels, int nVectors, int nDim,
+                                     int nSymbols, int flags);
+KTL_API void KTwMakeSemicontCodebook(short** ppVectors, const int* pLabels, int nVectors, int nDim,
+                                     int nSymbols, int flags, int meanScale, int invCovScale);
 
 /* Sets the thread's codebook from nSymbols densities over vectors of nQuant elements; the servers stay the caller's. flags is
  * not looked at. Returns 1, or -1 when there is a codebook already (free it first), when a server is null, of the other form
@@ -640,8 +648,8 @@ KTL_API void KTsVQKohonen(const float* pVector, float** ppCodes, float* pDistanc
  * up (31 and above leave the sign), left by the low five bits of *pScale below 1, so -1 shifts left by 31. pScale may be
  * null, for a scale of 0.
  */
-KTL_API void KTwVQKohonen(const short* pVector, short** ppCodes, int* pDistances, int nDim, int nCodes, int* pIndices,
-                          int nBest, int bRoot, int scaleMode, int* pScale);
+KTL_API void KTwVQKohonen(const short* pVector, short** ppCodes, int* pDistances, int nDim, int nCodes,
+                          int* pIndices, int nBest, int bRoot, int scaleMode, int* pScale);
 
 /* ==== Gaussian mixtures ======================================================================================== */
 
@@ -780,24 +788,26 @@ KTL_API GaussMixServer* KTwsConvertGaussMixServer(GaussMixServer* shser, int wei
 
 /* Status word of a server, as KTGetHMMParm gives it. The two domain bits are also the `flags` of the Init functions;
  * the library sets all others. */
-#define KT_HMM_LOGARITHMIC 0x00000001u     /* data are costs */
-#define KT_HMM_EXPONENTIAL 0x00000002u     /* data are probabilities (float form only) */
-#define HMM_SERVER_SHORT 0x00000010u       /* fixed-point form */
-#define HMM_SERVER_FLOAT 0x00000020u       /* float form */
-#define HMM_SERVER_TILED 0x00000100u       /* transitions are stored in tiles of four targets */
-#define HMM_SERVER_TRIANGULAR 0x00001000u  /* left-to-right model, found from the matrix */
-#define HMM_SERVER_BANDED 0x00002000u      /* transitions to the same state and the next two alone, found from it */
-#define HMM_SERVER_SEMICONT 0x00200000u    /* semicontinuous flavour */
-#define HMM_SERVER_CONT 0x00400000u        /* continuous flavour */
-#define HMM_SERVER_DISCRETE 0x00800000u    /* discrete flavour */
+#define KT_HMM_LOGARITHMIC 0x00000001u    /* data are costs */
+#define KT_HMM_EXPONENTIAL 0x00000002u    /* data are probabilities (float form only) */
+#define HMM_SERVER_SHORT 0x00000010u      /* fixed-point form */
+#define HMM_SERVER_FLOAT 0x00000020u      /* float form */
+#define HMM_SERVER_TILED 0x00000100u      /* transitions are stored in tiles of four targets */
+#define HMM_SERVER_TRIANGULAR 0x00001000u /* left-to-right model, found from the matrix */
+#define HMM_SERVER_BANDED                                                                                    \
+    0x00002000u /* transitions to the same state and the next two alone, found from it */
+#define HMM_SERVER_SEMICONT 0x00200000u /* semicontinuous flavour */
+#define HMM_SERVER_CONT 0x00400000u     /* continuous flavour */
+#define HMM_SERVER_DISCRETE 0x00800000u /* discrete flavour */
 #define HMM_SERVER_OWNS_MIXTURES 0x40000000u
 
 /* Modes of KTSetHMMMode: whether a converting operation releases its source server (the default) or leaves it. */
 #define KT_HMM_REPLACE 0x04000000
 #define KT_HMM_KEEP 0x08000000
 
-#define HMM_LOG_ZERO 0x1FFFFF               /* the fixed-point cost of zero probability */
-#define HMM_TOPOLOGY_ZERO_COST 30.0f        /* float costs from here on are no transition when a matrix is classified */
+#define HMM_LOG_ZERO 0x1FFFFF /* the fixed-point cost of zero probability */
+#define HMM_TOPOLOGY_ZERO_COST                                                                               \
+    30.0f /* float costs from here on are no transition when a matrix is classified */
 
 /* Chooses what KTsLogHMMServer, KTsExpHMMServer and the conversions do with their source on this thread. KT_HMM_REPLACE
  * wins when both are given; a value with neither changes nothing. */
@@ -837,14 +847,15 @@ struct GaussMixServer;
  * The result is the new id, or a negative value: -1 for wrong flags (KT_StsBadArg), missing arrays, or when memory ran
  * out; semicontinuous forms, which need this thread's codebook of the same numeric form first, also -2 (there is none),
  * -3 (nSymbols is not its number of densities), -4 (nQuant is not its vectors' length), each with KT_StsBadArg. */
-KTL_API int KTwInitHMMServer(const short* const* trans, const short* const* out, const short* initial, int nStates,
-                             int nSymbols, int flags);
-KTL_API int KTsInitHMMServer(const float* const* trans, const float* const* out, const float* initial, int nStates,
-                             int nSymbols, int flags);
-KTL_API int KTwInitContHMMServer(const short* const* trans, const short* initial, struct GaussMixServer** mixtures,
-                                 int nStates, int nQuant, int flags, int scale);
-KTL_API int KTsInitContHMMServer(const float* const* trans, const float* initial, struct GaussMixServer** mixtures,
-                                 int nStates, int nQuant, int flags);
+KTL_API int KTwInitHMMServer(const short* const* trans, const short* const* out, const short* initial,
+                             int nStates, int nSymbols, int flags);
+KTL_API int KTsInitHMMServer(const float* const* trans, const float* const* out, const float* initial,
+                             int nStates, int nSymbols, int flags);
+KTL_API int KTwInitContHMMServer(const short* const* trans, const short* initial,
+                                 struct GaussMixServer** mixtures, int nStates, int nQuant, int flags,
+                                 int scale);
+KTL_API int KTsInitContHMMServer(const float* const* trans, const float* initial,
+                                 struct GaussMixServer** mixtures, int nStates, int nQuant, int flags);
 KTL_API int KTwInitSemicontHMMServer(const short* const* trans, const short* const* out, const short* initial,
                                      int nStates, int nSymbols, int nQuant, int flags, int scale);
 KTL_API int KTsInitSemicontHMMServer(const float* const* trans, const float* const* out, const float* initial,
@@ -906,11 +917,12 @@ KTL_API float KTsEvalSemicontHMMForward(int hmm, const float* const* frames, int
 KTL_API float KTsEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest);
 KTL_API float KTsEvalContHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest);
 KTL_API float KTsEvalSemicontHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest);
-KTL_API int KTwEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest, int scaleMode, int* pScale);
+KTL_API int KTwEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest, int scaleMode,
+                              int* pScale);
 KTL_API int KTwEvalContHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest, int scaleMode,
                                   int* pScale);
-KTL_API int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest, int scaleMode,
-                                      int* pScale);
+KTL_API int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest,
+                                      int scaleMode, int* pScale);
 
 /* ==== hidden Markov models: transforms and files =============================================================== */
 
@@ -989,8 +1001,8 @@ KTL_API int KTReadHMMServer(FILE* stream, char* name);
  * Nothing is reported, except by the mixture servers that continuous training makes, which report KT_StsNoMem.
  *
  * Discrete. Re-estimates start values, transitions and outputs; all of them enter the change. */
-KTL_API int KTsTrainHMMBaumWelch(int hmm, const int* const* ppObservations, const int* pFrames, int nSequences,
-                                 int maxIterations, float* pTolerance);
+KTL_API int KTsTrainHMMBaumWelch(int hmm, const int* const* ppObservations, const int* pFrames,
+                                 int nSequences, int maxIterations, float* pTolerance);
 
 /* Continuous. Re-estimates start values, transitions, mixture weights and means; inverse covariances stay. A density counts
  * as weight * exp(-|q|) with a full inverse covariance and weight * exp(-|q| / 2) with a diagonal one, q being the quadratic
@@ -1158,9 +1170,10 @@ KTL_API void KTwEvalMLPFeedForward(wMLPServer* pServer, const short* pInput, int
  * Reports -6 "training of a sparse network is not supported"; -4 "insufficiency of memory for pointer  pY", "...
  * server2" (after the report of KTsInitMLPServer) and, as "getErrSumMLPBackProp", "...  o". *pEpochs is not written
  * then. */
-KTL_API void KTsTrainMLPBackPropagation(sMLPServer* pServer, const float** ppInputs, int nPatterns, int nInputs,
-                                        const float** ppTargets, int nOutputs, float learningRate, int maxEpochs,
-                                        float errorThreshold, float momentum, int* pEpochs);
+KTL_API void KTsTrainMLPBackPropagation(sMLPServer* pServer, const float** ppInputs, int nPatterns,
+                                        int nInputs, const float** ppTargets, int nOutputs,
+                                        float learningRate, int maxEpochs, float errorThreshold,
+                                        float momentum, int* pEpochs);
 
 /* Writes a dense server at the stream's position: a header of 60 (float) or 64 bytes, the neuron counts, the weights with
  * their padding, 32-bit little-endian. Thresholds and functions of the application are not stored: a network that is

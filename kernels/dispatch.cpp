@@ -43,10 +43,8 @@ constinit const LevelTable avx512Table = VSQ_LEVEL_TABLE(avx512);
 
 const LevelTable* tableOf(Level level) {
 #ifdef VSQ_HAS_X86_LEVELS
-    if (level == Level::avx2)
-        return &avx2Table;
-    if (level == Level::avx512)
-        return &avx512Table;
+    if (level == Level::avx2) return &avx2Table;
+    if (level == Level::avx512) return &avx512Table;
 #endif
     return level == Level::baseline ? &baselineTable : nullptr;
 }
@@ -61,26 +59,24 @@ struct ChooseAtLoad {
 constinit const LevelTable* activeTable = &baselineTable;
 
 bool levelAvailable(Level level) {
-    return tableOf(level) != nullptr && static_cast<int>(level) <= static_cast<int>(platform::processorLevel());
+    return tableOf(level) != nullptr &&
+           static_cast<int>(level) <= static_cast<int>(platform::processorLevel());
 }
 
 bool selectLevel(Level level) {
-    if (!levelAvailable(level))
-        return false;
+    if (!levelAvailable(level)) return false;
     activeTable = tableOf(level);
     return true;
 }
 
 Level bestLevel() {
-    if (levelAvailable(Level::avx512))
-        return Level::avx512;
+    if (levelAvailable(Level::avx512)) return Level::avx512;
     return levelAvailable(Level::avx2) ? Level::avx2 : Level::baseline;
 }
 
 Level activeLevel() {
     for (Level level : {Level::avx512, Level::avx2})
-        if (activeTable == tableOf(level))
-            return level;
+        if (activeTable == tableOf(level)) return level;
     return Level::baseline;
 }
 

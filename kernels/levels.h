@@ -17,9 +17,9 @@
 #include "vsqdtw_level.h"
 #include "vsqffts_level.h"
 #include "vsqgauss_level.h"
-#include "vsqkohonen_level.h"
 #include "vsqhmm_level.h"
 #include "vsqhmmtrain_level.h"
+#include "vsqkohonen_level.h"
 #include "vsqlnexp_level.h"
 #include "vsqlpc_level.h"
 #include "vsqmahal_level.h"
@@ -63,7 +63,9 @@ struct LevelTable {
 extern const LevelTable* activeTable;
 
 // The kernels of the level in force: the processor's best one, chosen once when the module is loaded.
-inline const LevelTable& kernels() { return *activeTable; }
+inline const LevelTable& kernels() {
+    return *activeTable;
+}
 
 // For tests and benchmarks: whether this build and this processor have the level; and putting it in force for the
 // whole process (false, and no change, where it is not available).

@@ -26,38 +26,49 @@ namespace {
 
 inline constexpr int registerBytes = VSQ_REGISTER_BYTES;
 
-template <class T, int N> inline constexpr bool isRegister = int(sizeof(T)) * N <= registerBytes;
+template <class T, int N>
+inline constexpr bool isRegister = int(sizeof(T)) * N <= registerBytes;
 
-template <class T, int N, bool fits = isRegister<T, N>> struct Pack;
+template <class T, int N, bool fits = isRegister<T, N>>
+struct Pack;
 
-template <class T, int N> struct Pack<T, N, true> {
+template <class T, int N>
+struct Pack<T, N, true> {
     typedef T Register __attribute__((vector_size(sizeof(T) * N)));
     Register r;
 };
 
-template <class T, int N> struct Pack<T, N, false> {
+template <class T, int N>
+struct Pack<T, N, false> {
     Pack<T, N / 2> lo, hi;
 };
 
 // The signed integer of T's width: masks (all ones where true) and bit patterns.
-template <int bytes> struct IntOf;
-template <> struct IntOf<1> {
+template <int bytes>
+struct IntOf;
+template <>
+struct IntOf<1> {
     using type = std::int8_t;
 };
-template <> struct IntOf<2> {
+template <>
+struct IntOf<2> {
     using type = std::int16_t;
 };
-template <> struct IntOf<4> {
+template <>
+struct IntOf<4> {
     using type = std::int32_t;
 };
-template <> struct IntOf<8> {
+template <>
+struct IntOf<8> {
     using type = std::int64_t;
 };
-template <class T> using MaskOf = typename IntOf<int(sizeof(T))>::type;
+template <class T>
+using MaskOf = typename IntOf<int(sizeof(T))>::type;
 
 // --- moving data ---
 
-template <class T, int N> VSQ_INLINE Pack<T, N> load(const T* p) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> load(const T* p) {
     Pack<T, N> v;
     if constexpr (isRegister<T, N>) {
         std::memcpy(&v.r, p, sizeof v.r);
@@ -68,7 +79,8 @@ template <class T, int N> VSQ_INLINE Pack<T, N> load(const T* p) {
     return v;
 }
 
-template <class T, int N> VSQ_INLINE void store(T* p, const Pack<T, N>& v) {
+template <class T, int N>
+VSQ_INLINE void store(T* p, const Pack<T, N>& v) {
     if constexpr (isRegister<T, N>) {
         std::memcpy(p, &v.r, sizeof v.r);
     } else {
@@ -77,10 +89,12 @@ template <class T, int N> VSQ_INLINE void store(T* p, const Pack<T, N>& v) {
     }
 }
 
-template <class T, int N> VSQ_INLINE Pack<T, N> splat(T value) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> splat(T value) {
     Pack<T, N> v;
     if constexpr (isRegister<T, N>) {
-        v.r = value - typename Pack<T, N>::Register{}; // the operator broadcasts; x - 0 keeps every x, -0.0 too
+        v.r =
+            value - typename Pack<T, N>::Register{}; // the operator broadcasts; x - 0 keeps every x, -0.0 too
     } else {
         v.lo = splat<T, N / 2>(value);
         v.hi = v.lo;
@@ -89,7 +103,8 @@ template <class T, int N> VSQ_INLINE Pack<T, N> splat(T value) {
 }
 
 // One register of loadPart. Elements from `count` on are not touched, with or without instructions that mask loads.
-template <class V, class T> VSQ_INLINE V loadPartOf(const T* p, int count, T fill) {
+template <class V, class T>
+VSQ_INLINE V loadPartOf(const T* p, int count, T fill) {
     constexpr int lanes = int(sizeof(V) / sizeof(T));
     const V others = fill - V{};
 #if defined(__AVX512VL__) && defined(__AVX512BW__)
@@ -131,7 +146,8 @@ template <class V, class T> VSQ_INLINE V loadPartOf(const T* p, int count, T fil
 }
 
 // The first `count` (0 to N) elements; the other lanes are `fill`.
-template <class T, int N> VSQ_INLINE Pack<T, N> loadPart(const T* p, int count, T fill = T(0)) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> loadPart(const T* p, int count, T fill = T(0)) {
     if constexpr (isRegister<T, N>)
         return {loadPartOf<typename Pack<T, N>::Register>(p, count, fill)};
     else if (count <= N / 2)
@@ -141,7 +157,8 @@ template <class T, int N> VSQ_INLINE Pack<T, N> loadPart(const T* p, int count, 
 }
 
 // One register of storePart; memory from `count` elements on is not touched.
-template <class V, class T> VSQ_INLINE void storePartOf(T* p, V v, int count) {
+template <class V, class T>
+VSQ_INLINE void storePartOf(T* p, V v, int count) {
     constexpr int lanes = int(sizeof(V) / sizeof(T));
 #if defined(__AVX512VL__) && defined(__AVX512BW__)
     const auto mask = count >= lanes ? ~0ull : (1ull << count) - 1;
@@ -163,13 +180,13 @@ template <class V, class T> VSQ_INLINE void storePartOf(T* p, V v, int count) {
         T copy[lanes];
         std::memcpy(copy, &v, sizeof copy);
         for (int i = 0; i < lanes; ++i)
-            if (i < count)
-                p[i] = copy[i];
+            if (i < count) p[i] = copy[i];
     }
 }
 
 // The first `count` (0 to N) lanes.
-template <class T, int N> VSQ_INLINE void storePart(T* p, const Pack<T, N>& v, int count) {
+template <class T, int N>
+VSQ_INLINE void storePart(T* p, const Pack<T, N>& v, int count) {
     if constexpr (isRegister<T, N>) {
         storePartOf(p, v.r, count);
     } else if (count <= N / 2) {
@@ -187,7 +204,8 @@ VSQ_INLINE H selectLanes(const V& v, std::integer_sequence<int, I...>) {
     return __builtin_shufflevector(v, v, (I + offset)...);
 }
 
-template <class T, int N> VSQ_INLINE Pack<T, N / 2> low(const Pack<T, N>& v) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N / 2> low(const Pack<T, N>& v) {
     if constexpr (isRegister<T, N>)
         return {selectLanes<decltype(v.r), typename Pack<T, N / 2>::Register, 0>(
             v.r, std::make_integer_sequence<int, N / 2>())};
@@ -195,7 +213,8 @@ template <class T, int N> VSQ_INLINE Pack<T, N / 2> low(const Pack<T, N>& v) {
         return v.lo;
 }
 
-template <class T, int N> VSQ_INLINE Pack<T, N / 2> high(const Pack<T, N>& v) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N / 2> high(const Pack<T, N>& v) {
     if constexpr (isRegister<T, N>)
         return {selectLanes<decltype(v.r), typename Pack<T, N / 2>::Register, N / 2>(
             v.r, std::make_integer_sequence<int, N / 2>())};
@@ -203,31 +222,37 @@ template <class T, int N> VSQ_INLINE Pack<T, N / 2> high(const Pack<T, N>& v) {
         return v.hi;
 }
 
-template <class V, class H, int... I> VSQ_INLINE V joinLanes(H lo, H hi, std::integer_sequence<int, I...>) {
+template <class V, class H, int... I>
+VSQ_INLINE V joinLanes(H lo, H hi, std::integer_sequence<int, I...>) {
     return __builtin_shufflevector(lo, hi, I...);
 }
 
-template <class T, int H> VSQ_INLINE Pack<T, 2 * H> join(const Pack<T, H>& lo, const Pack<T, H>& hi) {
+template <class T, int H>
+VSQ_INLINE Pack<T, 2 * H> join(const Pack<T, H>& lo, const Pack<T, H>& hi) {
     if constexpr (isRegister<T, 2 * H>)
-        return {joinLanes<typename Pack<T, 2 * H>::Register>(lo.r, hi.r, std::make_integer_sequence<int, 2 * H>())};
+        return {joinLanes<typename Pack<T, 2 * H>::Register>(lo.r, hi.r,
+                                                             std::make_integer_sequence<int, 2 * H>())};
     else
         return {lo, hi};
 }
 
 // --- pairs of lanes ---
 
-template <class V, int odd, int... I> VSQ_INLINE V pairLanes(V a, V b, std::integer_sequence<int, I...>) {
+template <class V, int odd, int... I>
+VSQ_INLINE V pairLanes(V a, V b, std::integer_sequence<int, I...>) {
     return __builtin_shufflevector(a, b, (I % 2 == 0 ? I + odd : int(sizeof...(I)) + I - 1 + odd)...);
 }
 
 // a0 b0 a2 b2 ... and a1 b1 a3 b3 ...: the 2 by 2 transposes of a and b.
-template <class T, int N> VSQ_INLINE Pack<T, N> evenPairs(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> evenPairs(const Pack<T, N>& a, const Pack<T, N>& b) {
     if constexpr (isRegister<T, N>)
         return {pairLanes<decltype(a.r), 0>(a.r, b.r, std::make_integer_sequence<int, N>())};
     else
         return {evenPairs(a.lo, b.lo), evenPairs(a.hi, b.hi)};
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> oddPairs(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> oddPairs(const Pack<T, N>& a, const Pack<T, N>& b) {
     if constexpr (isRegister<T, N>)
         return {pairLanes<decltype(a.r), 1>(a.r, b.r, std::make_integer_sequence<int, N>())};
     else
@@ -235,17 +260,20 @@ template <class T, int N> VSQ_INLINE Pack<T, N> oddPairs(const Pack<T, N>& a, co
 }
 
 // The lower halves of a and b side by side, and the upper ones.
-template <class V, int first, int... I> VSQ_INLINE V halvesOf(V a, V b, std::integer_sequence<int, I...>) {
+template <class V, int first, int... I>
+VSQ_INLINE V halvesOf(V a, V b, std::integer_sequence<int, I...>) {
     constexpr int n = int(sizeof...(I));
     return __builtin_shufflevector(a, b, (first + I + (I < n / 2 ? 0 : n / 2))...);
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> lowHalves(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> lowHalves(const Pack<T, N>& a, const Pack<T, N>& b) {
     if constexpr (isRegister<T, N>)
         return {halvesOf<decltype(a.r), 0>(a.r, b.r, std::make_integer_sequence<int, N>())};
     else
         return {a.lo, b.lo};
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> highHalves(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> highHalves(const Pack<T, N>& a, const Pack<T, N>& b) {
     if constexpr (isRegister<T, N>)
         return {halvesOf<decltype(a.r), N / 2>(a.r, b.r, std::make_integer_sequence<int, N>())};
     else
@@ -258,7 +286,8 @@ VSQ_INLINE V windowLanes(const V& below, const V& v, std::integer_sequence<int, 
 }
 
 // The lanes of v moved up by `count`, with the highest lanes of `below` moving in.
-template <int count, class T, int N> VSQ_INLINE Pack<T, N> movedUp(const Pack<T, N>& below, const Pack<T, N>& v) {
+template <int count, class T, int N>
+VSQ_INLINE Pack<T, N> movedUp(const Pack<T, N>& below, const Pack<T, N>& v) {
     if constexpr (isRegister<T, N>)
         return {windowLanes<N - count>(below.r, v.r, std::make_integer_sequence<int, N>())};
     else
@@ -276,41 +305,53 @@ VSQ_INLINE Pack<R, N> each(const Op& op, const P& p, const Q&... q) {
         return {op(p.r, q.r...)};
 }
 
-template <class T, int N> VSQ_INLINE Pack<T, N> operator+(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> operator+(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x + y; }, a, b);
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> operator-(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> operator-(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x - y; }, a, b);
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> operator*(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> operator*(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x * y; }, a, b);
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> operator/(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> operator/(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x / y; }, a, b);
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> operator&(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> operator&(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x & y; }, a, b);
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> operator|(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> operator|(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x | y; }, a, b);
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> operator^(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> operator^(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x ^ y; }, a, b);
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> operator<<(const Pack<T, N>& a, int bits) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> operator<<(const Pack<T, N>& a, int bits) {
     return each<T, N>([bits](auto x) VSQ_LAMBDA { return x << bits; }, a);
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> operator>>(const Pack<T, N>& a, int bits) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> operator>>(const Pack<T, N>& a, int bits) {
     return each<T, N>([bits](auto x) VSQ_LAMBDA { return x >> bits; }, a);
 }
 
-template <class T, int N> VSQ_INLINE Pack<MaskOf<T>, N> operator<(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<MaskOf<T>, N> operator<(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<MaskOf<T>, N>([](auto x, auto y) VSQ_LAMBDA { return x < y; }, a, b);
 }
-template <class T, int N> VSQ_INLINE Pack<MaskOf<T>, N> operator<=(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<MaskOf<T>, N> operator<=(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<MaskOf<T>, N>([](auto x, auto y) VSQ_LAMBDA { return x <= y; }, a, b);
 }
-template <class T, int N> VSQ_INLINE Pack<MaskOf<T>, N> operator==(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<MaskOf<T>, N> operator==(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<MaskOf<T>, N>([](auto x, auto y) VSQ_LAMBDA { return x == y; }, a, b);
 }
 
@@ -321,15 +362,18 @@ VSQ_INLINE Pack<T, N> select(const Pack<MaskOf<T>, N>& mask, const Pack<T, N>& a
 }
 
 // a < b ? a : b and a > b ? a : b; where a comparison fails for a not-a-number, b.
-template <class T, int N> VSQ_INLINE Pack<T, N> smaller(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> smaller(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x < y ? x : y; }, a, b);
 }
-template <class T, int N> VSQ_INLINE Pack<T, N> larger(const Pack<T, N>& a, const Pack<T, N>& b) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> larger(const Pack<T, N>& a, const Pack<T, N>& b) {
     return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x > y ? x : y; }, a, b);
 }
 
 // The same bits as another type of the same width.
-template <class U, class T, int N> VSQ_INLINE Pack<U, N> bits(const Pack<T, N>& a) {
+template <class U, class T, int N>
+VSQ_INLINE Pack<U, N> bits(const Pack<T, N>& a) {
     static_assert(sizeof(U) == sizeof(T));
     return each<U, N>(
         [](auto x) VSQ_LAMBDA {
@@ -340,7 +384,8 @@ template <class U, class T, int N> VSQ_INLINE Pack<U, N> bits(const Pack<T, N>& 
 }
 
 // Widening and narrowing within one register is spelled out where compilers take the vector apart for it.
-template <class R, class U, class T, class V> VSQ_INLINE R convertedVector(V x) {
+template <class R, class U, class T, class V>
+VSQ_INLINE R convertedVector(V x) {
 #if defined(__AVX512F__) && defined(__AVX512BW__)
     if constexpr (sizeof(R) == 64 && std::is_same_v<U, double> && std::is_same_v<T, float>)
         return (R)_mm512_cvtps_pd((__m256)x);
@@ -353,7 +398,7 @@ template <class R, class U, class T, class V> VSQ_INLINE R convertedVector(V x) 
     else
 #endif
 #if defined(__AVX2__)
-    if constexpr (sizeof(R) == 32 && std::is_same_v<U, double> && std::is_same_v<T, float>)
+        if constexpr (sizeof(R) == 32 && std::is_same_v<U, double> && std::is_same_v<T, float>)
         return (R)_mm256_cvtps_pd((__m128)x);
     else if constexpr (sizeof(R) == 32 && std::is_same_v<U, double> && std::is_same_v<T, std::int32_t>)
         return (R)_mm256_cvtepi32_pd((__m128i)x);
@@ -367,14 +412,16 @@ template <class R, class U, class T, class V> VSQ_INLINE R convertedVector(V x) 
 }
 
 // Each lane's value as another type (float to integer truncates; out of range is undefined).
-template <class U, class T, int N> VSQ_INLINE Pack<U, N> convert(const Pack<T, N>& a) {
+template <class U, class T, int N>
+VSQ_INLINE Pack<U, N> convert(const Pack<T, N>& a) {
     if constexpr (isRegister<T, N> && isRegister<U, N>)
         return {convertedVector<typename Pack<U, N>::Register, U, T>(a.r)};
     else
         return join(convert<U>(low(a)), convert<U>(high(a)));
 }
 
-template <class V> VSQ_INLINE V rootOf(V x) {
+template <class V>
+VSQ_INLINE V rootOf(V x) {
 #if defined(__AVX512F__)
     if constexpr (sizeof(V) == 64 && sizeof(x[0]) == 4)
         return (V)_mm512_sqrt_ps((__m512)x);
@@ -407,7 +454,8 @@ template <class V> VSQ_INLINE V rootOf(V x) {
     }
 }
 
-template <class T, int N> VSQ_INLINE Pack<T, N> squareRoot(const Pack<T, N>& a) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> squareRoot(const Pack<T, N>& a) {
     return each<T, N>([](auto x) VSQ_LAMBDA { return rootOf(x); }, a);
 }
 
@@ -521,7 +569,8 @@ VSQ_INLINE Pack<std::int16_t, N> narrowed(const Pack<std::int32_t, N>& a) {
 }
 
 // The distance from zero: the sign bit is cleared.
-template <class T, int N> VSQ_INLINE Pack<T, N> magnitude(const Pack<T, N>& a) {
+template <class T, int N>
+VSQ_INLINE Pack<T, N> magnitude(const Pack<T, N>& a) {
     using I = MaskOf<T>;
     constexpr I allButSign = I((~typename std::make_unsigned<I>::type(0)) >> 1);
     return bits<T>(bits<I>(a) & splat<I, N>(allButSign));
@@ -569,7 +618,8 @@ VSQ_INLINE V pairSumsVector(V a, V b, std::int16_t p, std::int16_t q, const Midd
 
 template <int N, class Middle>
 VSQ_INLINE Pack<std::int16_t, N> pairSums(const Pack<std::int16_t, N>& a, std::int16_t p,
-                                          const Pack<std::int16_t, N>& b, std::int16_t q, const Middle& middle) {
+                                          const Pack<std::int16_t, N>& b, std::int16_t q,
+                                          const Middle& middle) {
     return each<std::int16_t, N>(
         [&](auto x, auto y) VSQ_LAMBDA { return pairSumsVector(x, y, p, q, middle); }, a, b);
 }
@@ -596,13 +646,14 @@ VSQ_INLINE V highProductsVector(V a, V b) {
 #endif
     {
         typedef std::int32_t All __attribute__((vector_size(2 * sizeof(V))));
-        return __builtin_convertvector((__builtin_convertvector(a, All) * __builtin_convertvector(b, All)) >> 16,
-                                       V);
+        return __builtin_convertvector(
+            (__builtin_convertvector(a, All) * __builtin_convertvector(b, All)) >> 16, V);
     }
 }
 
 template <int N>
-VSQ_INLINE Pack<std::int16_t, N> highProducts(const Pack<std::int16_t, N>& a, const Pack<std::int16_t, N>& b) {
+VSQ_INLINE Pack<std::int16_t, N> highProducts(const Pack<std::int16_t, N>& a,
+                                              const Pack<std::int16_t, N>& b) {
     return each<std::int16_t, N>([](auto x, auto y) VSQ_LAMBDA { return highProductsVector(x, y); }, a, b);
 }
 
@@ -669,7 +720,8 @@ VSQ_INLINE Pack<double, N> lookUp(const double* table, const Pack<std::int64_t, 
 }
 
 // A bit for each lane of a mask, lane 0 lowest; up to 32 lanes.
-template <class V> VSQ_INLINE unsigned bitsOfVector(V x) {
+template <class V>
+VSQ_INLINE unsigned bitsOfVector(V x) {
 #if defined(__AVX512DQ__)
     if constexpr (sizeof(V) == 64 && sizeof(x[0]) == 4)
         return unsigned(_mm512_movepi32_mask((__m512i)x));
@@ -693,7 +745,8 @@ template <class V> VSQ_INLINE unsigned bitsOfVector(V x) {
     }
 }
 
-template <class T, int N> VSQ_INLINE unsigned laneBits(const Pack<T, N>& mask) {
+template <class T, int N>
+VSQ_INLINE unsigned laneBits(const Pack<T, N>& mask) {
     static_assert(N <= 32);
     if constexpr (isRegister<T, N>)
         return bitsOfVector(mask.r);
@@ -703,21 +756,24 @@ template <class T, int N> VSQ_INLINE unsigned laneBits(const Pack<T, N>& mask) {
 
 // --- across lanes, always as the same tree: lower half plus upper half, down to one ---
 
-template <class T, int N> VSQ_INLINE T sumLanes(const Pack<T, N>& v) {
+template <class T, int N>
+VSQ_INLINE T sumLanes(const Pack<T, N>& v) {
     if constexpr (N == 1)
         return v.r[0];
     else
         return sumLanes(low(v) + high(v));
 }
 
-template <class T, int N> VSQ_INLINE T smallestLane(const Pack<T, N>& v) {
+template <class T, int N>
+VSQ_INLINE T smallestLane(const Pack<T, N>& v) {
     if constexpr (N == 1)
         return v.r[0];
     else
         return smallestLane(smaller(low(v), high(v)));
 }
 
-template <class T, int N> VSQ_INLINE T largestLane(const Pack<T, N>& v) {
+template <class T, int N>
+VSQ_INLINE T largestLane(const Pack<T, N>& v) {
     if constexpr (N == 1)
         return v.r[0];
     else
@@ -725,19 +781,20 @@ template <class T, int N> VSQ_INLINE T largestLane(const Pack<T, N>& v) {
 }
 
 // Whether any lane of a mask is set.
-template <class V> VSQ_INLINE bool anySet(V mask) {
+template <class V>
+VSQ_INLINE bool anySet(V mask) {
 #if defined(__AVX512F__)
     if constexpr (sizeof(V) == 64)
         return _mm512_test_epi64_mask((__m512i)mask, (__m512i)mask) != 0;
     else
 #endif
 #if defined(__AVX__)
-    if constexpr (sizeof(V) == 32)
+        if constexpr (sizeof(V) == 32)
         return _mm256_testz_si256((__m256i)mask, (__m256i)mask) == 0;
     else
 #endif
 #if defined(__SSE2__)
-    if constexpr (sizeof(V) == 16)
+        if constexpr (sizeof(V) == 16)
         return _mm_movemask_epi8((__m128i)mask) != 0;
     else
 #endif
@@ -749,7 +806,8 @@ template <class V> VSQ_INLINE bool anySet(V mask) {
     }
 }
 
-template <class T, int N> VSQ_INLINE bool anyLane(const Pack<T, N>& mask) {
+template <class T, int N>
+VSQ_INLINE bool anyLane(const Pack<T, N>& mask) {
     if constexpr (isRegister<T, N>)
         return anySet(mask.r);
     else
@@ -770,39 +828,83 @@ VSQ_INLINE Pack<T, N> pick(const Pack<T, N>& a, const Pack<T, N>& b) {
 }
 
 // Of the array that a and b are when they stand behind each other: every second element.
-constexpr int evenLane(int i, int) { return 2 * i; }
-constexpr int oddLane(int i, int) { return 2 * i + 1; }
+constexpr int evenLane(int i, int) {
+    return 2 * i;
+}
+constexpr int oddLane(int i, int) {
+    return 2 * i + 1;
+}
 // The same, from the back.
-constexpr int evenLaneBack(int i, int n) { return 2 * (n - 1 - i); }
-constexpr int oddLaneBack(int i, int n) { return 2 * (n - 1 - i) + 1; }
+constexpr int evenLaneBack(int i, int n) {
+    return 2 * (n - 1 - i);
+}
+constexpr int oddLaneBack(int i, int n) {
+    return 2 * (n - 1 - i) + 1;
+}
 
 // a[0], b[0], a[1], b[1], ...: the first and the second half; and from the back: a[N-1], b[N-1], a[N-2], ...
-constexpr int zipLane(int i, int n) { return i / 2 + i % 2 * n; }
-constexpr int zipUpperLane(int i, int n) { return zipLane(i, n) + n / 2; }
-constexpr int zipBackLane(int i, int n) { return n - 1 - i / 2 + i % 2 * n; }
-constexpr int zipUpperBackLane(int i, int n) { return zipBackLane(i, n) - n / 2; }
+constexpr int zipLane(int i, int n) {
+    return i / 2 + i % 2 * n;
+}
+constexpr int zipUpperLane(int i, int n) {
+    return zipLane(i, n) + n / 2;
+}
+constexpr int zipBackLane(int i, int n) {
+    return n - 1 - i / 2 + i % 2 * n;
+}
+constexpr int zipUpperBackLane(int i, int n) {
+    return zipBackLane(i, n) - n / 2;
+}
 
 // a[0], b[N-1], b[N-2], ..., b[1]
-constexpr int mirrorLane(int i, int n) { return i == 0 ? 0 : 2 * n - i; }
+constexpr int mirrorLane(int i, int n) {
+    return i == 0 ? 0 : 2 * n - i;
+}
 // b[0], a[1], a[2], ..., a[N-1]
-constexpr int firstOfOtherLane(int i, int n) { return i == 0 ? n : i; }
+constexpr int firstOfOtherLane(int i, int n) {
+    return i == 0 ? n : i;
+}
 // Without a[1]: a[0], a[2], ..., a[N-1], b[0]; and with a gap there: a[0], a[0], a[1], ..., a[N-2]
-constexpr int skipSecondLane(int i, int) { return i == 0 ? 0 : i + 1; }
-constexpr int gapSecondLane(int i, int) { return i == 0 ? 0 : i - 1; }
+constexpr int skipSecondLane(int i, int) {
+    return i == 0 ? 0 : i + 1;
+}
+constexpr int gapSecondLane(int i, int) {
+    return i == 0 ? 0 : i - 1;
+}
 // The last one or two of a, then b; and from the second or third of a on, then b.
-constexpr int lastOneLane(int i, int n) { return n - 1 + i; }
-constexpr int lastTwoLane(int i, int n) { return n - 2 + i; }
-constexpr int fromSecondLane(int i, int) { return i + 1; }
-constexpr int fromThirdLane(int i, int) { return i + 2; }
+constexpr int lastOneLane(int i, int n) {
+    return n - 1 + i;
+}
+constexpr int lastTwoLane(int i, int n) {
+    return n - 2 + i;
+}
+constexpr int fromSecondLane(int i, int) {
+    return i + 1;
+}
+constexpr int fromThirdLane(int i, int) {
+    return i + 2;
+}
 
 // Steps of a transposition, by quarters of 4 lanes: lanes 0 and 1 of both, or 2 and 3; pairs 0 of both, or 1.
-constexpr int quarterZipLane(int i, int n) { return i / 4 * 4 + i % 4 / 2 + i % 2 * n; }
-constexpr int quarterZipUpperLane(int i, int n) { return quarterZipLane(i, n) + 2; }
-constexpr int quarterPairLane(int i, int n) { return i / 4 * 4 + i % 2 + i % 4 / 2 * n; }
-constexpr int quarterPairUpperLane(int i, int n) { return quarterPairLane(i, n) + 2; }
+constexpr int quarterZipLane(int i, int n) {
+    return i / 4 * 4 + i % 4 / 2 + i % 2 * n;
+}
+constexpr int quarterZipUpperLane(int i, int n) {
+    return quarterZipLane(i, n) + 2;
+}
+constexpr int quarterPairLane(int i, int n) {
+    return i / 4 * 4 + i % 2 + i % 4 / 2 * n;
+}
+constexpr int quarterPairUpperLane(int i, int n) {
+    return quarterPairLane(i, n) + 2;
+}
 // Every second quarter of both, the first or the second of each two.
-constexpr int evenQuarterLane(int i, int) { return i / 4 * 8 + i % 4; }
-constexpr int oddQuarterLane(int i, int) { return i / 4 * 8 + 4 + i % 4; }
+constexpr int evenQuarterLane(int i, int) {
+    return i / 4 * 8 + i % 4;
+}
+constexpr int oddQuarterLane(int i, int) {
+    return i / 4 * 8 + 4 + i % 4;
+}
 
 } // namespace
 } // namespace vsq::VSQ_LEVEL

@@ -34,10 +34,10 @@ struct DtwGrid {
     bool cityBlock;    // the local distance: sum of magnitudes; otherwise the root of the sum of squares
     const int* bounds; // first and last column of each row's band; the first does not decrease, and neither
                        // bound rises by more than 2 from a row to the next
-    double threshold; // the result where no path stays below it
-    float pruneFrom;  // the smallest float that is not below the threshold
-    float clampTo;    // the threshold rounded to float
-    float* cost[2];   // scratch: column 0 of two rows, with the room above around them
+    double threshold;  // the result where no path stays below it
+    float pruneFrom;   // the smallest float that is not below the threshold
+    float clampTo;     // the threshold rounded to float
+    float* cost[2];    // scratch: column 0 of two rows, with the room above around them
     int* flat[2];
 };
 

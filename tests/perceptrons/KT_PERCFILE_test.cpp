@@ -61,7 +61,7 @@ Bytes written(const Server<T>& server) {
 
 void setWord(Bytes& bytes, std::size_t at, std::uint32_t value) {
     for (std::size_t i = 0; i < 4; ++i)
-        bytes[at + i] = static_cast<unsigned char>(value >> 8 * i);
+        bytes.at(at + i) = static_cast<unsigned char>(value >> 8 * i);
 }
 void append(Bytes& bytes, std::uint32_t value, int count) {
     for (int i = 0; i < count; ++i)

@@ -14,7 +14,7 @@
 namespace support::alloc {
 namespace {
 
-PER_THREAD int countdown = 0; // allocations until the one that fails; 0: none fails
+PER_THREAD int countdown = 0;    // allocations until the one that fails; 0: none fails
 PER_THREAD bool failsOn = false; // whether those behind it fail too
 PER_THREAD bool hasFailed = false;
 PER_THREAD bool armed = false;

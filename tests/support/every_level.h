@@ -7,10 +7,10 @@
 
 namespace support {
 
-template <class Body> void onEveryLevel(Body body) {
+template <class Body>
+void onEveryLevel(Body body) {
     for (vsq::Level level : {vsq::Level::baseline, vsq::Level::avx2, vsq::Level::avx512}) {
-        if (!vsq::selectLevel(level))
-            continue;
+        if (!vsq::selectLevel(level)) continue;
         SCOPED_TRACE(vsq::levelName(level));
         body();
     }

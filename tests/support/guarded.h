@@ -7,7 +7,8 @@
 
 namespace support {
 
-template <class T> class Guarded {
+template <class T>
+class Guarded {
 public:
     explicit Guarded(std::size_t n, T fill = T()) : size_(n), cells(n + 2 * margin) {
         std::memset(cells.data(), 0xA5, cells.size() * sizeof(T));
@@ -31,8 +32,7 @@ public:
         const auto* bytes = reinterpret_cast<const unsigned char*>(cells.data());
         const std::size_t first = margin * sizeof(T), last = (margin + size_) * sizeof(T);
         for (std::size_t i = 0; i < cells.size() * sizeof(T); ++i)
-            if ((i < first || i >= last) && bytes[i] != 0xA5)
-                return false;
+            if ((i < first || i >= last) && bytes[i] != 0xA5) return false;
         return true;
     }
 

@@ -26,7 +26,9 @@ CapturedReports::~CapturedReports() {
     KTSetStatus(previousStatus);
 }
 
-const std::vector<Report>& CapturedReports::all() const { return captured; }
+const std::vector<Report>& CapturedReports::all() const {
+    return captured;
+}
 
 void CapturedReports::clear() {
     captured.clear();
