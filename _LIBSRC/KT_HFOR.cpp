@@ -18,6 +18,7 @@ constexpr int noExponent = 0x7FFFFFFF;
 struct Discrete {
     using Element = float;
     static constexpr unsigned kind = HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT;
+    static constexpr bool computes = false; // the stored rows are read in place
     const int* observations;
 
     bool accepts(const HMMServer*) const { return true; }
@@ -29,6 +30,7 @@ struct Discrete {
 struct Continuous {
     using Element = double;
     static constexpr unsigned kind = HMM_SERVER_CONT | HMM_SERVER_FLOAT;
+    static constexpr bool computes = true;
     const float* const* frames;
 
     bool accepts(const HMMServer*) const { return true; }
@@ -44,6 +46,7 @@ struct Continuous {
 struct Semicontinuous {
     using Element = float;
     static constexpr unsigned kind = HMM_SERVER_SEMICONT | HMM_SERVER_FLOAT;
+    static constexpr bool computes = true;
     const SemicontCodebook* codebook;
     const hmm::DensityTable<float>* densities;
 
@@ -97,7 +100,8 @@ public:
         if (room == nullptr) return false;
         double* vectors = room + modelCount;
         auto* outputRoom = reinterpret_cast<Element*>(vectors + 2 * stride);
-        std::fill_n(outputRoom, std::ptrdiff_t(stride) * hmm::framesPerRun, Element(0));
+        if (Outputs::computes)
+            std::fill_n(outputRoom, std::ptrdiff_t(stride) * hmm::framesPerRun, Element(0));
         model = hmm::unpackModel(server, hmm::floats(server->transitions), room);
         state = {vectors, vectors + stride, 0.0, 0, false};
         if (!allFrames(server, outputRoom, nFrames == 1 ? carried : 0.0)) return false;

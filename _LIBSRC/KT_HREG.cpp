@@ -78,9 +78,9 @@ void mark(IdTable& table, int id, HMMServer* server) {
         table.fullWords[group] &= ~groupBit;
 }
 
-// The lowest id that is not taken; `capacity` when all are.
-int lowestFree(const IdTable& table) {
-    for (int group = 0; group < table.capacity / growthUnit; ++group) {
+// The lowest id that is not taken, where all below `from` are; `capacity` when there is none.
+int lowestFree(const IdTable& table, int from) {
+    for (int group = from / growthUnit; group < table.capacity / growthUnit; ++group) {
         const int inGroup = std::countr_one(table.fullWords[group]);
         if (inGroup == idsPerWord) continue;
         const int word = group * idsPerWord + inGroup;
@@ -89,10 +89,10 @@ int lowestFree(const IdTable& table) {
     return table.capacity;
 }
 
-// The record that the lowest free id follows: the end of the run of ids that begins at 1, or the sentinel.
-HMMServer* endOfRun(Registry* registry) {
-    const int free = lowestFree(registry->table);
-    return free <= 1 ? &registry->sentinel : registry->table.byId[free - 1];
+// The record that the lowest free id follows: the end of the run of ids that begins at 1 and reaches `id` at
+// least.
+HMMServer* endOfRun(const Registry* registry, int id) {
+    return registry->table.byId[lowestFree(registry->table, id) - 1];
 }
 
 template <class T>
@@ -149,7 +149,7 @@ int KTRegisterHMMServer(HMMServer* server) {
     before->next->prev = server;
     before->next = server;
     mark(table, server->id, server);
-    context->hmmServerCursor = endOfRun(registry);
+    context->hmmServerCursor = endOfRun(registry, server->id);
     ++context->nHMMServers;
     return server->id;
 }

@@ -61,6 +61,7 @@ int negated(int scale) {
 template <class Form>
 struct Discrete {
     static constexpr unsigned kind = HMM_SERVER_DISCRETE | Form::bit;
+    static constexpr bool computes = false; // the stored rows are read in place
     const int* observations;
 
     bool accepts(const HMMServer*) const { return true; }
@@ -74,6 +75,7 @@ struct Discrete {
 template <class Form, class Flavour>
 struct Computed {
     using Cost = typename Form::Cost;
+    static constexpr bool computes = true;
 
     bool rows(const HMMServer* server, int first, int count, Cost* room, hmm::RowRun<Cost>& run) const {
         hmm::pointAtRows<const Cost>(room, server->nStates, count, run);
@@ -149,7 +151,8 @@ public:
         model = hmm::unpackModel(server, hmm::aligned<const Cost>(server->transitions, alignment), room);
         Cost* vectors = room + modelCount;
         state = {vectors, vectors + stride};
-        std::fill_n(vectors, std::ptrdiff_t(stride) * (2 + hmm::framesPerRun), Cost(0));
+        std::fill_n(vectors, std::ptrdiff_t(stride) * (2 + (Outputs::computes ? hmm::framesPerRun : 0)),
+                    Cost(0));
         if (!allFrames(server, vectors + 2 * stride)) return false;
         *cost = *std::min_element(state.current, state.current + server->nStates);
         return true;

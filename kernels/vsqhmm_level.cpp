@@ -14,27 +14,28 @@ VSQ_INLINE Vector<T> at(const T* p) {
     return load<T, lanes>(p);
 }
 
-constexpr int laneNumbers[lanes] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+// The lanes from `first` on: all ones from element lanes - first on.
+constexpr int laneMasks[2 * lanes] = {0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,
+                                      -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
 
-// The lanes from `first` on, as masks of T's width.
-template <class T>
-VSQ_INLINE Pack<MaskOf<T>, lanes> lanesFrom(int first) {
-    const auto mask = splat<int, lanes>(first) <= at(laneNumbers);
-    if constexpr (sizeof(T) == sizeof(int))
-        return mask;
-    else
-        return convert<MaskOf<T>>(mask);
+VSQ_INLINE Vector<int> lanesFrom(int first) {
+    return at(laneMasks + lanes - first);
 }
 
 // ---- the two recursions: what a source contributes, and how contributions join ----
 
 struct Forward {
-    using Value = double;
-    static VSQ_INLINE Vector<double> none() { return splat<double, lanes>(0.0); }
-    static VSQ_INLINE Vector<double> along(const Vector<double>& from, const Vector<double>& transition) {
+    static constexpr double none = 0.0;
+    template <int n>
+    static VSQ_INLINE Pack<double, n> along(const Pack<double, n>& from, const Pack<double, n>& transition) {
         return from * transition;
     }
-    static VSQ_INLINE Vector<double> join(const Vector<double>& a, const Vector<double>& b) { return a + b; }
+    template <int n>
+    static VSQ_INLINE Pack<double, n> join(const Pack<double, n>& a, const Pack<double, n>& b) {
+        return a + b;
+    }
+    // below a triangle's diagonal stands 0, which adds nothing
+    static VSQ_INLINE Vector<double> above(int, const Vector<double>& contribution) { return contribution; }
 };
 
 template <class T>
@@ -42,24 +43,34 @@ struct BestPath;
 
 template <>
 struct BestPath<float> {
-    using Value = float;
-    static VSQ_INLINE Vector<float> none() { return splat<float, lanes>(__builtin_inff()); }
-    static VSQ_INLINE Vector<float> along(const Vector<float>& from, const Vector<float>& transition) {
+    static constexpr float none = __builtin_inff();
+    template <int n>
+    static VSQ_INLINE Pack<float, n> along(const Pack<float, n>& from, const Pack<float, n>& transition) {
         return from + transition;
     }
-    static VSQ_INLINE Vector<float> join(const Vector<float>& a, const Vector<float>& b) {
+    template <int n>
+    static VSQ_INLINE Pack<float, n> join(const Pack<float, n>& a, const Pack<float, n>& b) {
         return smaller(b, a);
+    }
+    static VSQ_INLINE Vector<float> above(int diagonal, const Vector<float>& contribution) {
+        return select(lanesFrom(diagonal), contribution, splat<float, lanes>(none));
     }
 };
 
 template <>
 struct BestPath<int> {
-    using Value = int;
-    static VSQ_INLINE Vector<int> none() { return splat<int, lanes>(0x7FFFFFFF); }
-    static VSQ_INLINE Vector<int> along(const Vector<int>& from, const Vector<int>& transition) {
+    static constexpr int none = 0x7FFFFFFF;
+    template <int n>
+    static VSQ_INLINE Pack<int, n> along(const Pack<int, n>& from, const Pack<int, n>& transition) {
         return bits<int>(bits<unsigned>(from) + bits<unsigned>(transition)); // wraps
     }
-    static VSQ_INLINE Vector<int> join(const Vector<int>& a, const Vector<int>& b) { return smaller(b, a); }
+    template <int n>
+    static VSQ_INLINE Pack<int, n> join(const Pack<int, n>& a, const Pack<int, n>& b) {
+        return smaller(b, a);
+    }
+    static VSQ_INLINE Vector<int> above(int diagonal, const Vector<int>& contribution) {
+        return select(lanesFrom(diagonal), contribution, splat<int, lanes>(none));
+    }
 };
 
 // ---- full and triangular: blocks of up to four vectors of targets stay in registers while the sources go by
@@ -88,9 +99,8 @@ VSQ_INLINE void joinDiagonal(const HmmModel<T>& model, const T* current, int blo
     for (int i = from; i < to; ++i) {
         const T* row = model.trans + static_cast<long>(i) * model.stride + block;
         const Vector<T> source = splat<T, lanes>(current[i]);
-        const Vector<T> onDiagonal =
-            select(lanesFrom<T>(i - from), Rule::along(source, at(row + diagonal * lanes)), Rule::none());
-        targets[diagonal] = Rule::join(targets[diagonal], onDiagonal);
+        const Vector<T> onDiagonal = Rule::along(source, at(row + diagonal * lanes));
+        targets[diagonal] = Rule::join(targets[diagonal], Rule::above(i - from, onDiagonal));
         for (int v = diagonal + 1; v < last; ++v)
             targets[v] = Rule::join(targets[v], Rule::along(source, at(row + v * lanes)));
     }
@@ -101,7 +111,7 @@ template <class Rule, int count, class T, class Finish>
 VSQ_INLINE void advanceBlock(const HmmModel<T>& model, const T* current, int block, const Finish& finish) {
     Vector<T> targets[count];
     for (int v = 0; v < count; ++v)
-        targets[v] = Rule::none();
+        targets[v] = splat<T, lanes>(Rule::none);
     if (model.topology == HmmTopology::triangular) {
         joinSources<Rule, 0, count>(model, current, block, 0, block, targets);
         joinDiagonal<Rule, 0, count>(model, current, block, targets);
@@ -134,21 +144,38 @@ VSQ_INLINE void advanceMatrix(const HmmModel<T>& model, const T* current, const 
 
 // ---- banded: three sources for each target ----
 
+// The transitions into `n` neighbouring states from themselves and from the one and the two below.
+template <class T, int n>
+struct Band {
+    Pack<T, n> stay, fromOne, fromTwo;
+
+    VSQ_INLINE Band(const HmmModel<T>& model, int first)
+        : stay(load<T, n>(model.trans + first)), fromOne(load<T, n>(model.trans + model.stride + first)),
+          fromTwo(load<T, n>(model.trans + 2 * model.stride + first)) {}
+
+    // `below` holds the states before. In front of the first state it is all Rule::none: the transitions there
+    // are 0, so that what comes along them stays none.
+    template <class Rule>
+    VSQ_INLINE Pack<T, n> reached(const Pack<T, n>& below, const Pack<T, n>& here) const {
+        return Rule::join(Rule::join(Rule::along(here, stay), Rule::along(movedUp<1>(below, here), fromOne)),
+                          Rule::along(movedUp<2>(below, here), fromTwo));
+    }
+};
+
 template <class Rule, class T, class Finish>
 VSQ_INLINE void advanceBand(const HmmModel<T>& model, const T* current, const Finish& finish) {
-    Vector<T> below = splat<T, lanes>(T(0));
+    Vector<T> below = splat<T, lanes>(Rule::none);
     for (int j = 0; j < model.stride; j += lanes) {
         const Vector<T> here = at(current + j);
-        Vector<T> fromOne = Rule::along(movedUp<1>(below, here), at(model.trans + model.stride + j));
-        Vector<T> fromTwo = Rule::along(movedUp<2>(below, here), at(model.trans + 2 * model.stride + j));
-        if (j == 0) { // the first two states have no such sources
-            fromOne = select(lanesFrom<T>(1), fromOne, Rule::none());
-            fromTwo = select(lanesFrom<T>(2), fromTwo, Rule::none());
-        }
-        const Vector<T> stay = Rule::along(here, at(model.trans + j));
-        finish(j, Rule::join(Rule::join(stay, fromOne), fromTwo));
+        finish(j, Band<T, lanes>(model, j).template reached<Rule>(below, here));
         below = here;
     }
+}
+
+// Whether a model's states fit into n lanes, so that they and their transitions stay in registers.
+template <int n, class T>
+VSQ_INLINE bool isNarrowBand(const HmmModel<T>& model) {
+    return model.topology == HmmTopology::banded && model.nStates <= n;
 }
 
 template <class Rule, class T, class Finish>
@@ -179,56 +206,100 @@ constexpr int lowestField = 0x37F, highestField = 0x47F; // 2^-128 and 2^128
 constexpr int clampedField = 0x2FF;                      // one step multiplies by 2^256 at the most
 constexpr int overflowField = 0x7FE;
 
-// Keeps the frame's sum in range. Reached when it has left it, and on the last frame.
-__attribute__((noinline)) void rescale(const HmmModel<double>& model, double* values, HmmForward* state) {
+// Keeps a frame's sum in range: the power of two for its vector, already multiplied into the sum and counted.
+// Reached when the sum has left the range, and on the last frame.
+__attribute__((noinline)) double rescale(HmmForward* state) {
     int field = exponentField(state->sum);
     if (!(state->sum >= 0.0) || field == 0 || field >= overflowField) {
         state->failed = true;
-        return;
+        return 0.0;
     }
     if (field < clampedField) field = clampedField;
     const double power = powerFor(field);
-    for (int j = 0; j < model.stride; ++j)
-        values[j] *= power;
     state->sum *= power;
     state->exponent += 0x3FF - field;
+    return power;
+}
+
+VSQ_INLINE bool isInRange(double sum) {
+    const int field = exponentField(sum);
+    return sum >= 0.0 && field >= lowestField && field <= highestField;
+}
+
+// Lanes that hold no state as ones: what lies behind the last state's output takes no part.
+template <int n>
+VSQ_INLINE Pack<std::int64_t, n> unusedLanes(int nStates, int first) {
+    const int used = nStates - first < n ? nStates - first : n;
+    return convert<std::int64_t>(load<int, n>(laneMasks + lanes - used));
 }
 
 template <class T>
 VSQ_INLINE void forward(const HmmModel<double>& model, const T* const* rows, int nFrames, bool rescaleLast,
                         HmmForward* state) {
-    const auto lastLanes = lanesFrom<double>(model.nStates - (model.stride - lanes));
+    const auto unused = unusedLanes<lanes>(model.nStates, model.stride - lanes);
     for (int t = 0; t < nFrames; ++t) {
         const T* outputs = rows[t];
         double* next = state->other;
         Vector<double> sums = splat<double, lanes>(0.0);
         advanceFrame<Forward>(model, state->current, [&](int j, const Vector<double>& reached) VSQ_LAMBDA {
             Vector<double> values = reached * convert<double>(load<T, lanes>(outputs + j));
-            if (j + lanes == model.stride) // what lies behind the last state's output is no state's
-                values = select(lastLanes, splat<double, lanes>(0.0), values);
+            if (j + lanes == model.stride) values = select(unused, splat<double, lanes>(0.0), values);
             store(next + j, values);
             sums = sums + values;
         });
         state->other = state->current;
         state->current = next;
         state->sum = sumLanes(sums);
-        const int field = exponentField(state->sum);
-        if (!(state->sum >= 0.0) || field < lowestField || field > highestField ||
-            (rescaleLast && t == nFrames - 1)) {
-            rescale(model, next, state);
+        if (!isInRange(state->sum) || (rescaleLast && t == nFrames - 1)) {
+            const double power = rescale(state);
             if (state->failed) return;
+            for (int j = 0; j < model.stride; ++j)
+                next[j] *= power;
         }
     }
 }
 
+// The same for a banded model of up to n states. Lanes above n are zero in the other text's sums, so the bits
+// agree.
+template <int n, class T>
+VSQ_INLINE void forwardNarrow(const HmmModel<double>& model, const T* const* rows, int nFrames,
+                              bool rescaleLast, HmmForward* state) {
+    const Band<double, n> band(model, 0);
+    const auto unused = unusedLanes<n>(model.nStates, 0);
+    const Pack<double, n> zero = splat<double, n>(0.0);
+    Pack<double, n> current = load<double, n>(state->current);
+    for (int t = 0; t < nFrames; ++t) {
+        const Pack<double, n> reached = band.template reached<Forward>(zero, current);
+        current = select(unused, zero, reached * convert<double>(load<T, n>(rows[t])));
+        state->sum = sumLanes(current);
+        if (!isInRange(state->sum) || (rescaleLast && t == nFrames - 1)) {
+            const double power = rescale(state);
+            if (state->failed) return;
+            current = current * splat<double, n>(power);
+        }
+    }
+    store(state->current, current);
+}
+
+template <class T>
+VSQ_INLINE void forwardAny(const HmmModel<double>& model, const T* const* rows, int nFrames, bool rescaleLast,
+                           HmmForward* state) {
+    if (isNarrowBand<lanes / 2>(model))
+        forwardNarrow<lanes / 2>(model, rows, nFrames, rescaleLast, state);
+    else if (isNarrowBand<lanes>(model))
+        forwardNarrow<lanes>(model, rows, nFrames, rescaleLast, state);
+    else
+        forward(model, rows, nFrames, rescaleLast, state);
+}
+
 void forwardFloat(const HmmModel<double>& model, const float* const* rows, int nFrames, bool rescaleLast,
                   HmmForward* state) {
-    forward(model, rows, nFrames, rescaleLast, state);
+    forwardAny(model, rows, nFrames, rescaleLast, state);
 }
 
 void forwardDouble(const HmmModel<double>& model, const double* const* rows, int nFrames, bool rescaleLast,
                    HmmForward* state) {
-    forward(model, rows, nFrames, rescaleLast, state);
+    forwardAny(model, rows, nFrames, rescaleLast, state);
 }
 
 // ---- best path ----
@@ -247,12 +318,34 @@ VSQ_INLINE void bestPath(const HmmModel<T>& model, const T* const* rows, int nFr
     }
 }
 
+template <int n, class T>
+VSQ_INLINE void bestPathNarrow(const HmmModel<T>& model, const T* const* rows, int nFrames,
+                               HmmPath<T>* state) {
+    using Rule = BestPath<T>;
+    const Band<T, n> band(model, 0);
+    const Pack<T, n> none = splat<T, n>(Rule::none);
+    Pack<T, n> current = load<T, n>(state->current);
+    for (int t = 0; t < nFrames; ++t)
+        current = Rule::along(load<T, n>(rows[t]), band.template reached<Rule>(none, current));
+    store(state->current, current);
+}
+
+template <class T>
+VSQ_INLINE void bestPathAny(const HmmModel<T>& model, const T* const* rows, int nFrames, HmmPath<T>* state) {
+    if (isNarrowBand<lanes / 2>(model))
+        bestPathNarrow<lanes / 2>(model, rows, nFrames, state);
+    else if (isNarrowBand<lanes>(model))
+        bestPathNarrow<lanes>(model, rows, nFrames, state);
+    else
+        bestPath(model, rows, nFrames, state);
+}
+
 void pathFloat(const HmmModel<float>& model, const float* const* rows, int nFrames, HmmPath<float>* state) {
-    bestPath(model, rows, nFrames, state);
+    bestPathAny(model, rows, nFrames, state);
 }
 
 void pathInt(const HmmModel<int>& model, const int* const* rows, int nFrames, HmmPath<int>* state) {
-    bestPath(model, rows, nFrames, state);
+    bestPathAny(model, rows, nFrames, state);
 }
 
 } // namespace
