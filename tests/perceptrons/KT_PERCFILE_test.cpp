@@ -281,8 +281,11 @@ TYPED_TEST(Files, ThatClaimTooMuchTakeLittleMemory) {
     EXPECT_EQ(reportsOfReading<T>(changed(atLayers, 0x80000000)),
               Texts{"-4" + start + "insufficiency of memory for pointer  pMLPServer0. playerNeuronCounts"});
     EXPECT_EQ(reportsOfReading<T>(changed(atLayers, 0)).back(), "-4" + start + "nomemory");
+    // A block beyond the address space is refused before the stream is asked for it; on 64 bits there is none.
+    const bool fits = sizeof(void*) > 4;
     for (std::size_t at : {atCounts, atCounts + 4, atCounts + 8}) {
-        EXPECT_EQ(reportsOfReading<T>(changed(at, INT_MAX)), Texts{"-3" + start + "input_output_error"});
+        EXPECT_EQ(reportsOfReading<T>(changed(at, INT_MAX)),
+                  Texts{fits ? "-3" + start + "input_output_error" : "-4" + start + "nomemory"});
         EXPECT_EQ(reportsOfReading<T>(changed(at, 0xFFFFFFFF)), Texts{"-4" + start + "nomemory"});
     }
     // Rows and inputs that no weight stands for.
@@ -290,7 +293,12 @@ TYPED_TEST(Files, ThatClaimTooMuchTakeLittleMemory) {
     empty.flags = KT_MLP_SIGMOID;
     for (const std::vector<int>& counts : {std::vector<int>{INT_MAX}, {0, INT_MAX}, {0, 60000, 0, 60000}}) {
         empty.counts = counts;
-        EXPECT_EQ(reportsOfReading<T>(image(empty, 0, T(0))), Texts{"-4" + start + "nomemory"});
+        const Texts reports = reportsOfReading<T>(image(empty, 0, T(0)));
+        ASSERT_FALSE(reports.empty());
+        EXPECT_EQ(reports.back(), "-4" + start + "nomemory"); // the table's own report may stand before it
+        if (fits) {
+            EXPECT_EQ(reports.size(), 1u);
+        }
     }
     empty.counts = {0, 60000};
     EXPECT_TRUE(read<T>(image(empty, 0, T(0))));
