@@ -121,7 +121,7 @@ VSQ_INLINE void formsOf(const float* x, const float* const* m, const float* cons
 }
 
 // The four sums across lanes side by side, each by the tree of sumLanes.
-VSQ_INLINE Pack<double, 4> sumFour(const Lanes* sums) {
+[[maybe_unused]] VSQ_INLINE Pack<double, 4> sumFour(const Lanes* sums) {
     const auto eight = [&](int k) VSQ_LAMBDA { return low(sums[k]) + high(sums[k]); };
     const auto first = eight(0), second = eight(1), third = eight(2), fourth = eight(3);
     const auto x = lowHalves(first, third) + highHalves(first, third); // four lanes of each
