@@ -21,9 +21,9 @@ using support::streamOf;
 using support::wordAt;
 
 // Offsets of the record's words.
-constexpr std::size_t atId = 16, atTag = 20, atStates = 24, atSymbols = 28, atTransitions = 32,
-                      atOutputs = 36, atInitials = 40, atStatus = 52, atStateWords = 56, atMixtures = 60,
-                      atScale = 68;
+[[maybe_unused]] constexpr std::size_t atId = 16, atTag = 20, atStates = 24, atSymbols = 28,
+                                       atTransitions = 32, atOutputs = 36, atInitials = 40, atStatus = 52,
+                                       atStateWords = 56, atMixtures = 60, atScale = 68;
 
 class HmmFile : public testing::Test {
 protected:
