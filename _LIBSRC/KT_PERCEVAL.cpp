@@ -1,6 +1,7 @@
 // Feed-forward evaluation of multilayer perceptrons.
 #include "KT_PERC.h"
 
+#include "KT_MATVEC.h"
 #include "KT_SCRATCH.h"
 #include "levels.h"
 
@@ -34,7 +35,7 @@ void evalDense(sMLPServer* server, const float* pInput, int nInputs, float* pOut
     for (int l = 1; l <= last; ++l) {
         const int n = server->playerNeuronCounts[l];
         float* dst = l == last ? pOutput : server->pLayerOut;
-        vsq::kernels().matvec->rowsS(server->pNet, server->pppWeights[l - 1], 0, server->pLayerOut, n, width);
+        ownsMatVec(server->pNet, server->pppWeights[l - 1], server->pLayerOut, n, width);
         if (usesThresholds(server))
             for (int j = 0; j < n; ++j)
                 server->pNet[j] -= *thresholds++;
@@ -50,7 +51,7 @@ float sparseSum(const float* row, const int* connections, int count, const float
     for (int i = 0; i < count; ++i)
         gathered[i] = x[connections[i]];
     float sum;
-    vsq::kernels().matvec->rowsS(&sum, &row, 0, gathered, 1, count);
+    ownsMatVec(&sum, &row, gathered, 1, count);
     return sum;
 }
 

@@ -3,6 +3,7 @@
 #include "KT_PERC.h"
 
 #include "KT_SCRATCH.h"
+#include "KT_STREAM.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -31,46 +32,18 @@ constexpr std::size_t pieceBytes = 0x10000;
 template <class T>
 using Server = typename Flavour<T>::Server;
 
-// --- elements and bytes ---
+// --- elements and words ---
 
-template <class U>
-void encode(unsigned char* bytes, U value) {
-    std::make_unsigned_t<std::conditional_t<sizeof(U) == 4, std::int32_t, std::int16_t>> pattern;
-    static_assert(sizeof pattern == sizeof value);
-    std::memcpy(&pattern, &value, sizeof pattern);
-    for (std::size_t i = 0; i < sizeof pattern; ++i)
-        bytes[i] = static_cast<unsigned char>(pattern >> 8 * i);
+void setWordAt(unsigned char* bytes, std::uint32_t word) {
+    for (int i = 0; i < 4; ++i)
+        bytes[i] = static_cast<unsigned char>(word >> 8 * i);
 }
 
-template <class U>
-U decode(const unsigned char* bytes) {
-    std::uint32_t pattern = 0;
-    for (std::size_t i = 0; i < sizeof(U); ++i)
-        pattern |= std::uint32_t(bytes[i]) << 8 * i;
-    const auto narrow =
-        static_cast<std::conditional_t<sizeof(U) == 4, std::uint32_t, std::uint16_t>>(pattern);
-    U value;
-    std::memcpy(&value, &narrow, sizeof value);
-    return value;
-}
-
-bool writeBytes(FILE* stream, const unsigned char* bytes, std::size_t count) {
-    return std::fwrite(bytes, 1, count, stream) == count;
-}
-
-template <class U>
-bool writeElements(FILE* stream, const U* elements, std::ptrdiff_t count) {
-    constexpr std::ptrdiff_t pieceElements = 1024;
-    unsigned char piece[pieceElements * sizeof(U)];
-    while (count > 0) {
-        const std::ptrdiff_t now = std::min(count, pieceElements);
-        for (std::ptrdiff_t i = 0; i < now; ++i)
-            encode(piece + std::size_t(i) * sizeof(U), elements[i]);
-        if (!writeBytes(stream, piece, std::size_t(now) * sizeof(U))) return false;
-        elements += now;
-        count -= now;
-    }
-    return true;
+int wordAt(const unsigned char* bytes) {
+    std::uint32_t word = 0;
+    for (int i = 0; i < 4; ++i)
+        word |= std::uint32_t(bytes[i]) << 8 * i;
+    return int(word);
 }
 
 enum class Outcome { complete, streamEnded, noMemory };
@@ -78,22 +51,19 @@ enum class Outcome { complete, streamEnded, noMemory };
 // `count` elements from a stream that may hold fewer: memory grows with what has really come, at most to
 // twice as much.
 template <class U>
-Outcome readElements(FILE* stream, std::ptrdiff_t count, Scratch<U>& elements) {
+Outcome readGrowing(FILE* stream, std::ptrdiff_t count, Scratch<U>& elements) {
     constexpr auto firstPiece = std::ptrdiff_t(pieceBytes / sizeof(U));
-    std::ptrdiff_t room = 0;
-    for (std::ptrdiff_t filled = 0; room == 0 || filled < count; filled = room) {
-        room = std::min(count, std::max(firstPiece, 2 * filled));
+    std::ptrdiff_t filled = 0;
+    do {
+        const std::ptrdiff_t room = std::min(count, std::max(firstPiece, 2 * filled));
         Scratch<U> grown(room);
         if (!grown) return Outcome::noMemory;
         std::copy_n(elements.get(), filled, grown.get());
         elements = std::move(grown);
-        const auto wanted = std::size_t(room - filled);
-        auto* bytes = reinterpret_cast<unsigned char*>(elements.get() + filled);
-        if (std::fread(bytes, sizeof(U), wanted, stream) != wanted) return Outcome::streamEnded;
-        for (std::ptrdiff_t i = filled; i < room; ++i)
-            elements[i] = decode<U>(reinterpret_cast<const unsigned char*>(elements.get() + i));
-        if (room == count) break;
-    }
+        if (!ktl::readElements(stream, elements.get() + filled, std::size_t(room - filled)))
+            return Outcome::streamEnded;
+        filled = room;
+    } while (filled < count);
     return Outcome::complete;
 }
 
@@ -103,10 +73,10 @@ template <class T>
 void encodeHeader(const Server<T>* server, unsigned char* header) {
     std::memset(header, 0, headerBytes<T>);
     std::memcpy(header, server->identifier, identifierBytes);
-    encode(header + atFlags, server->flags);
-    encode(header + atLayers, server->nLayers);
-    if constexpr (std::is_same_v<T, short>) encode(header + atWeightScale, server->weightScale);
-    encode(header + headerBytes<T> - 4, server->nBufLen);
+    setWordAt(header + atFlags, server->flags);
+    setWordAt(header + atLayers, unsigned(server->nLayers));
+    if constexpr (std::is_same_v<T, short>) setWordAt(header + atWeightScale, unsigned(server->weightScale));
+    setWordAt(header + headerBytes<T> - 4, unsigned(server->nBufLen));
 }
 
 template <class T>
@@ -118,13 +88,13 @@ void writeServer(FILE* stream, const Server<T>* server, const char* funcName) {
     }
     unsigned char header[headerBytes<T>];
     encodeHeader<T>(server, header);
-    if (!writeBytes(stream, header, sizeof header) ||
-        !writeElements(stream, server->playerNeuronCounts, server->nLayers)) {
+    if (!writeElements(stream, header, sizeof header) ||
+        !writeElements(stream, server->playerNeuronCounts, std::size_t(server->nLayers))) {
         module.report(KT_StsNoMem, ioError, funcName);
         return;
     }
-    if (!writeElements(stream, server->pppWeights[0][0],
-                       ownPaddedWeightCount(server->playerNeuronCounts, server->nLayers)))
+    const std::ptrdiff_t weights = ownPaddedWeightCount(server->playerNeuronCounts, server->nLayers);
+    if (!writeElements(stream, server->pppWeights[0][0], std::size_t(weights)))
         module.report(KT_StsBadState, ioError, funcName);
 }
 
@@ -155,7 +125,7 @@ T*** readTable(FILE* stream, const int* pCounts, int nLayers, const char* funcNa
     const std::ptrdiff_t count = ownPaddedWeightCount(pCounts, nLayers);
     Scratch<T> block;
     const bool sized = count >= 0 && plausible(pCounts, nLayers, count);
-    const Outcome outcome = sized ? readElements(stream, count, block) : Outcome::noMemory;
+    const Outcome outcome = sized ? readGrowing(stream, count, block) : Outcome::noMemory;
     if (outcome == Outcome::streamEnded) {
         module.report(KT_StsBadState, ioError, funcName);
         return nullptr;
@@ -172,7 +142,7 @@ sMLPServer* construct(const Network<float>& network, const unsigned char*) {
     return initServer(network, "KTsInitMLPServer");
 }
 wMLPServer* construct(const Network<short>& network, const unsigned char* header) {
-    return initServer(network, decode<int>(header + atWeightScale), "KTwInitMLPServer");
+    return initServer(network, wordAt(header + atWeightScale), "KTwInitMLPServer");
 }
 
 template <class T>
@@ -183,9 +153,9 @@ Server<T>* readServer(FILE* stream, const char* badIdentifier, const char* funcN
         module.report(KT_StsBadArg, badIdentifier, funcName);
         return nullptr;
     }
-    const int nLayers = decode<int>(header + atLayers);
+    const int nLayers = wordAt(header + atLayers);
     Scratch<int> counts;
-    const Outcome outcome = nLayers < 0 ? Outcome::noMemory : readElements(stream, nLayers, counts);
+    const Outcome outcome = nLayers < 0 ? Outcome::noMemory : readGrowing(stream, nLayers, counts);
     if (outcome != Outcome::complete) {
         module.report(KT_StsNoMem, outcome == Outcome::noMemory ? noCounts : noMemory, funcName);
         return nullptr;
@@ -193,7 +163,7 @@ Server<T>* readServer(FILE* stream, const char* badIdentifier, const char* funcN
     T*** ppp = readTable<T>(stream, counts.get(), nLayers, funcName);
     if (ppp == nullptr) return nullptr;
     Server<T>* server = construct(Network<T>{ppp, nullptr, nullptr, counts.get(), nullptr, nullptr, nLayers,
-                                             decode<int>(header + atFlags), nullptr, true},
+                                             wordAt(header + atFlags), nullptr, true},
                                   header);
     freeTable(ppp);
     return server;

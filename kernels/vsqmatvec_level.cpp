@@ -1,4 +1,4 @@
-#include "levels.h"
+#include "vsqmatvec_level.h"
 #include "simd.h"
 
 namespace vsq::VSQ_LEVEL {

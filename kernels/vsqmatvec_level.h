@@ -1,6 +1,8 @@
 // Rows times a vector: the layers of a perceptron, the weights of semicontinuous models.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 struct MatVecKernels {

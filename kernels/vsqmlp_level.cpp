@@ -1,4 +1,4 @@
-#include "levels.h"
+#include "vsqmlp_level.h"
 #include "simd.h"
 #include "vsqmlp_table.h"
 

@@ -2,6 +2,8 @@
 // training.
 #pragma once
 
+#include "levelrecord.h"
+
 namespace vsq {
 
 struct MlpKernels {

@@ -1,4 +1,5 @@
 // Feed-forward evaluation, and the sums under it.
+#include "KT_MATVEC.h"
 #include "perceptrons/perceptrons.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
@@ -118,10 +119,11 @@ std::vector<short> reference(const Network<short>& network, std::vector<short> x
 
 } // namespace
 
-TEST(FloatSums, StayWithinThePlainSumsBound) {
+// The helper that perceptrons and semicontinuous models share.
+TEST(FloatSums, AreThePlainSums) {
     std::mt19937 random(1);
-    for (int cols = 0; cols <= 70; ++cols)
-        for (int rows : {0, 1, 3, 4, 6}) {
+    for (const int cols : {0, 1, 2, 3, 15, 16, 17, 70})
+        for (const int rows : {0, 1, 3, 4, 6}) {
             std::vector<std::vector<float>> table;
             std::vector<const float*> pointers;
             for (int r = 0; r < rows; ++r)
@@ -134,7 +136,7 @@ TEST(FloatSums, StayWithinThePlainSumsBound) {
             std::vector<float> first;
             support::onEveryLevel([&] {
                 support::Guarded<float> sums(std::size_t(rows), -1.0f);
-                vsq::kernels().matvec->rowsS(sums.data(), pointers.data(), 0, x.data(), rows, cols);
+                ownsMatVec(sums.data(), pointers.data(), x.data(), rows, cols);
                 EXPECT_TRUE(sums.intact());
                 expectNear(sums.values(), expected);
                 if (first.empty()) first = sums.values();
@@ -143,14 +145,13 @@ TEST(FloatSums, StayWithinThePlainSumsBound) {
         }
 }
 
-TEST(FloatSums, MayBeginAtALaterColumn) {
-    const std::vector<float> row = {1, 2, 4, 8, 16}, x = {1, 10, 100};
-    const float* pointer = row.data();
-    support::onEveryLevel([&] {
-        float sum;
-        vsq::kernels().matvec->rowsS(&sum, &pointer, 2, x.data(), 1, 3);
-        EXPECT_EQ(sum, 4.0f + 80.0f + 1600.0f);
-    });
+TEST(FloatSums, TakeLaneByLaneWhatIsExact) {
+    const std::vector<float> row = {1, 2, 4, 8, 16}, x = {1, 10, 100, 1000, 10000};
+    const float* pointers[] = {row.data(), row.data() + 1};
+    float sums[2];
+    ownsMatVec(sums, pointers, x.data(), 2, 4);
+    EXPECT_EQ(sums[0], 1.0f + 20 + 400 + 8000);
+    EXPECT_EQ(sums[1], 2.0f + 40 + 800 + 16000);
 }
 
 TEST(FixedSums, AreExactForEveryShift) {

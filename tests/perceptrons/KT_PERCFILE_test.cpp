@@ -2,6 +2,7 @@
 #include "perceptrons/perceptrons.h"
 #include "support/alloc_faults.h"
 #include "support/reports.h"
+#include "support/streams.h"
 
 #include <algorithm>
 #include <climits>
@@ -10,30 +11,11 @@
 #include <cstring>
 
 using namespace perceptrons;
+using support::Bytes;
+using support::Stream;
+using support::streamOf;
 
 namespace {
-
-using Bytes = std::vector<unsigned char>;
-
-struct CloseFile {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
-using Stream = std::unique_ptr<FILE, CloseFile>;
-
-Stream streamOf(const Bytes& bytes) {
-    Stream stream(std::tmpfile());
-    if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), stream.get());
-    std::rewind(stream.get());
-    return stream;
-}
-
-Bytes contents(FILE* f) {
-    Bytes bytes;
-    std::rewind(f);
-    for (int c; (c = std::fgetc(f)) != EOF;)
-        bytes.push_back(static_cast<unsigned char>(c));
-    return bytes;
-}
 
 void writeTo(FILE* f, sMLPServer* server) {
     KTsWriteMLPServer(f, server);
@@ -56,27 +38,7 @@ template <class T>
 Bytes written(const Server<T>& server) {
     const Stream stream(std::tmpfile());
     writeTo(stream.get(), server.get());
-    return contents(stream.get());
-}
-
-void setWord(Bytes& bytes, std::size_t at, std::uint32_t value) {
-    for (std::size_t i = 0; i < 4; ++i)
-        bytes.at(at + i) = static_cast<unsigned char>(value >> 8 * i);
-}
-void append(Bytes& bytes, std::uint32_t value, int count) {
-    for (int i = 0; i < count; ++i)
-        bytes.push_back(static_cast<unsigned char>(value >> 8 * i));
-}
-void append(Bytes& bytes, int value) {
-    append(bytes, std::uint32_t(value), 4);
-}
-void append(Bytes& bytes, float value) {
-    std::uint32_t pattern;
-    std::memcpy(&pattern, &value, 4);
-    append(bytes, pattern, 4);
-}
-void append(Bytes& bytes, short value) {
-    append(bytes, std::uint32_t(std::uint16_t(value)), 2);
+    return support::contentsOf(stream.get());
 }
 
 template <class T>
@@ -92,27 +54,25 @@ const char* readName() {
 template <class T>
 Bytes image(const Network<T>& network, std::uint32_t stale, T pad) {
     Bytes bytes;
-    const char identifier[12] = {isFloat<T> ? 's' : 'w', 'M', 'L', 'P', 'S', 'e', 'r', 'v', 'e', 'r', 0, 0};
-    for (char c : identifier)
-        bytes.push_back(static_cast<unsigned char>(c));
-    append(bytes, stale, 4); // weights
-    append(bytes, stale, 4); // thresholds
-    append(bytes, network.flags);
+    support::putText(bytes, isFloat<T> ? "sMLPServer" : "wMLPServer", 12);
+    support::put(bytes, stale); // weights
+    support::put(bytes, stale); // thresholds
+    support::put(bytes, network.flags);
     for (int i = 0; i < 3; ++i) // connections, their counts, neuron counts
-        append(bytes, stale, 4);
-    append(bytes, network.layers());
-    append(bytes, stale, 4); // functions
-    append(bytes, stale, 4);
-    if (!isFloat<T>) append(bytes, network.weightScale);
-    append(bytes, stale, 4); // buffers
-    append(bytes, stale, 4);
-    append(bytes, *std::max_element(network.counts.begin(), network.counts.end()) + 3);
+        support::put(bytes, stale);
+    support::put(bytes, network.layers());
+    support::put(bytes, stale); // functions
+    support::put(bytes, stale);
+    if (!isFloat<T>) support::put(bytes, network.weightScale);
+    support::put(bytes, stale); // buffers
+    support::put(bytes, stale);
+    support::put(bytes, *std::max_element(network.counts.begin(), network.counts.end()) + 3);
     for (int count : network.counts)
-        append(bytes, count);
+        support::put(bytes, count);
     for (const auto& layer : network.weights)
         for (const auto& row : layer)
             for (std::size_t i = 0; i < (row.size() + 3) / 4 * 4; ++i)
-                append(bytes, i < row.size() ? row[i] : pad);
+                support::put(bytes, i < row.size() ? row[i] : pad);
     return bytes;
 }
 
@@ -173,6 +133,28 @@ TYPED_TEST(Files, ComeBackAsTheyWere) {
     if constexpr (!isFloat<T>) {
         EXPECT_EQ(server->weightScale, -13);
     }
+}
+
+// The flag comes back, the thresholds do not: evaluation has none to subtract.
+TYPED_TEST(Files, WithThresholdsComeBackWithoutThem) {
+    using T = TypeParam;
+    Network<T> network = example<T>(KT_MLP_SIGMOID | KT_MLP_THRESHOLD);
+    const Server<T> flagged = read<T>(image(network, 0, T(0)));
+    network.flags = KT_MLP_SIGMOID;
+    const Server<T> plain = read<T>(image(network, 0, T(0)));
+    ASSERT_TRUE(flagged && plain);
+    EXPECT_EQ(flagged->pThresholds, nullptr);
+    const std::vector<T> input(3, T(1));
+    std::vector<T> outputs[2] = {std::vector<T>(2, T(-1)), std::vector<T>(2, T(-1))};
+    for (std::size_t i = 0; i < 2; ++i) {
+        ServerOf<T>* server = i == 0 ? flagged.get() : plain.get();
+        if constexpr (isFloat<T>)
+            KTsEvalMLPFeedForward(server, input.data(), 3, outputs[i].data(), 2);
+        else
+            KTwEvalMLPFeedForward(server, input.data(), 3, outputs[i].data(), 2, KT_Saturate, nullptr, -15);
+    }
+    EXPECT_EQ(outputs[0], outputs[1]);
+    EXPECT_NE(outputs[0], std::vector<T>(2, T(-1)));
 }
 
 TYPED_TEST(Files, KeepThePaddingOfTheFile) {
@@ -274,7 +256,7 @@ TYPED_TEST(Files, ThatClaimTooMuchTakeLittleMemory) {
     Bytes bytes = image(example<T>(), 0, T(0));
     const auto changed = [&](std::size_t at, std::uint32_t value) {
         Bytes copy = bytes;
-        setWord(copy, at, value);
+        support::setWordAt(copy, at, value);
         return copy;
     };
     EXPECT_EQ(reportsOfReading<T>(changed(atLayers, INT_MAX)), Texts{"-4" + start + "nomemory"});
@@ -314,7 +296,7 @@ TYPED_TEST(Files, LargerThanOnePieceComeBack) {
     EXPECT_EQ(written<T>(server), bytes);
     Bytes layers = image(network, 0, T(0)); // and many layers: 40000 of no neurons
     layers.resize(headerBytes<T>);
-    setWord(layers, 36, 40000);
+    support::setWordAt(layers, 36, 40000);
     layers.resize(headerBytes<T> + 160000);
     const Server<T> deep = read<T>(layers);
     ASSERT_TRUE(deep);
@@ -432,7 +414,7 @@ TYPED_TEST(Files, NullArgumentsDoNothing) {
     writeTo(nullptr, server.get());
     const Stream stream(std::tmpfile());
     writeTo(stream.get(), static_cast<ServerOf<T>*>(nullptr));
-    EXPECT_TRUE(contents(stream.get()).empty());
+    EXPECT_TRUE(support::contentsOf(stream.get()).empty());
     EXPECT_FALSE(readFrom<T>(nullptr));
     EXPECT_EQ(reports.count(), 0u);
 }

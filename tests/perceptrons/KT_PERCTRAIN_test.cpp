@@ -234,6 +234,18 @@ TEST(Training, BeginsTheLastRowsWithTheirWeightsAsChanges) {
         }
 }
 
+// With a momentum of 0 it does not matter that the clearing stops short.
+TEST(Training, WithoutMomentumHasNoUseForPreviousChanges) {
+    std::mt19937 random(26);
+    const Server<float> server = randomNetwork<float>(random, {5, 5}, 1).server();
+    Patterns patterns;
+    patterns.inputs = {std::vector<float>(5, 0.0f)};
+    patterns.targets = {std::vector<float>(5, 0.0f)};
+    const std::vector<float> before = weightsOf(server.get());
+    train(server.get(), patterns, {.nInputs = 5, .nOutputs = 5});
+    EXPECT_EQ(weightsOf(server.get()), before);
+}
+
 TEST(Training, ClearsAllChangesWhereRowsAreNotPadded) {
     std::mt19937 random(8);
     Network<float> network = randomNetwork<float>(random, {4, 4}, 1);
@@ -255,6 +267,23 @@ TEST(Training, TakesThresholdsFromTheFirstWeights) {
 TEST(Training, OfANarrowLastLayerGoesOnWithFewerInputs) {
     expectTrainsAsTheReference(10, {6, 8, 3}, {.nInputs = 6, .nOutputs = 3, .maxEpochs = 10});
     expectTrainsAsTheReference(11, {6, 8, 3}, {.nInputs = 2, .nOutputs = 3, .maxEpochs = 10});
+}
+
+// The narrowed width is the call's own: the next one begins with the caller's again.
+TEST(Training, BeginsEachCallWithTheCallersWidth) {
+    std::mt19937 random(25);
+    Network<float> network = randomNetwork<float>(random, {6, 8, 3}, 0.8);
+    const Patterns patterns = randomPatterns(random, 4, 6, 3);
+    const int nInputs = 6;
+    const Rules rules{.nInputs = nInputs, .nOutputs = 3, .maxEpochs = 1};
+    Reference reference(network, nInputs);
+    const Server<float> server = network.server();
+    for (int call = 0; call < 2; ++call) {
+        reference.width = nInputs;
+        reference.run(patterns, rules);
+        EXPECT_EQ(train(server.get(), patterns, rules), 1);
+    }
+    expectSameWeights(weightsOf(server.get()), reference.flat());
 }
 
 TEST(Training, OfAWideLastLayerReadsNoMoreThanTheInputs) {
@@ -370,6 +399,46 @@ TEST(Training, StopsWithinABillionthOfTheThreshold) {
     EXPECT_EQ(epochsAt(0.0f), 0);
     EXPECT_EQ(epochsAt(-0.9e-9f), 0); // from above
     EXPECT_EQ(epochsAt(-1.1e-9f), 2);
+}
+
+// The error is that of evaluation: with KT_MLP_THRESHOLD it subtracts the caller's vector, which the training
+// itself does not look at.
+TEST(Training, MeasuresTheErrorWithTheCallersThresholds) {
+    Network<float> network;
+    network.counts = {1, 1};
+    network.weights = {{{1.0f}}};
+    network.activations = {identity};
+    network.derivatives = {[](const float*, float* out, int) { *out = 0; }};
+    network.flags = KT_MLP_THRESHOLD;
+    Patterns patterns;
+    patterns.inputs = {{2.0f}};
+    patterns.targets = {{0.5f}};
+    const Rules rules{.nInputs = 1, .nOutputs = 1, .maxEpochs = 3, .errorThreshold = 0.01f};
+    network.thresholds = {1.5f};
+    EXPECT_EQ(train(network.server().get(), patterns, rules), 0); // 1 * 2 - 1.5 is the target
+    network.thresholds = {1.0f};
+    EXPECT_EQ(train(network.server().get(), patterns, rules), 3);
+}
+
+// The sum over all outputs and patterns is divided by twice the patterns, not by the outputs.
+TEST(Training, MeasuresHalfTheMeanSumOfSquares) {
+    Network<float> network;
+    network.counts = {2, 2};
+    network.weights = {{{1, 0}, {0, 1}}};
+    network.activations = {identity};
+    network.derivatives = {[](const float*, float* out, int n) { std::fill_n(out, n, 0.0f); }};
+    const Server<float> server = network.server();
+    Patterns patterns;
+    patterns.inputs = {{1, 0}, {0, 2}, {3, 0}};
+    patterns.targets = {{0, 0.5f}, {0, 0}, {3, 0}};
+    // (1 + 0.25 + 4 + 0) / 6 = 0.875
+    const auto epochsAt = [&](float threshold) {
+        return train(server.get(), patterns,
+                     {.nInputs = 2, .nOutputs = 2, .maxEpochs = 1, .errorThreshold = threshold});
+    };
+    EXPECT_EQ(epochsAt(0.875f), 0);
+    EXPECT_EQ(epochsAt(0.8751f), 0);
+    EXPECT_EQ(epochsAt(0.8749f), 1);
 }
 
 TEST(Training, StopsWhenTheErrorHasBecomeSmall) {

@@ -4,7 +4,9 @@
 #include "support/guarded.h"
 #include "support/reports.h"
 
+#include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 
 using namespace perceptrons;
@@ -83,6 +85,8 @@ TYPED_TEST(Servers, KeepACopyOfTheNetwork) {
     EXPECT_NE(server->playerNeuronCounts, network.counts.data());
     EXPECT_EQ(std::vector<int>(server->playerNeuronCounts, server->playerNeuronCounts + 3), network.counts);
     expectDenseLayout(server->pppWeights, network.counts);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(server->pNet) % 32, 0u);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(server->pLayerOut) % 32, 0u);
     for (int l = 1; l < 3; ++l)
         for (int j = 0; j < network.counts[std::size_t(l)]; ++j) {
             const auto& row = network.weights[std::size_t(l) - 1][std::size_t(j)];
@@ -275,6 +279,52 @@ TYPED_TEST(Servers, OfSparseNetworksPackTheirRows) {
               (std::vector<T>{T(1), T(2), T(3), T(4)}));
     EXPECT_EQ(std::vector<int>(server->pppConnections[0][0], server->pppConnections[0][0] + 4),
               (std::vector<int>{3, 0, 3, 2}));
+}
+
+// The caller's arrays may go at once.
+TYPED_TEST(Servers, OfSparseNetworksCopyConnectionsAndCounts) {
+    using T = TypeParam;
+    Network<T> network;
+    network.counts = {4, 2, 1};
+    network.flags = KT_MLP_SIGMOID;
+    network.weights = {{{T(1), T(2)}, {T(3)}}, {{T(4)}}};
+    network.connections = {{{3, 0}, {1}}, {{1}}};
+    const Server<T> server = network.server();
+    ASSERT_TRUE(server);
+    for (auto& layer : network.connections)
+        for (auto& row : layer)
+            std::fill(row.begin(), row.end(), -99);
+    for (auto& layer : network.weights)
+        for (auto& row : layer)
+            std::fill(row.begin(), row.end(), T(99));
+    EXPECT_EQ(server->pppConnections[0][0][0], 3);
+    EXPECT_EQ(server->pppConnections[0][1][0], 1);
+    EXPECT_EQ(server->pppConnections[1][0][0], 1);
+    EXPECT_EQ(server->ppConnCounts[0][0], 2); // the test's own counts are gone by now
+    EXPECT_EQ(server->ppConnCounts[1][0], 1);
+    EXPECT_EQ(server->pppWeights[0][0][1], T(2));
+    EXPECT_EQ(server->pppWeights[1][0][0], T(4));
+}
+
+TYPED_TEST(Servers, OfSparseNetworksWantConnections) {
+    using T = TypeParam;
+    int count = 1;
+    int* counts[] = {&count};
+    T weight = T(1);
+    T* row = &weight;
+    T** table[] = {&row};
+    const int shape[] = {1, 1};
+    support::CapturedReports reports;
+    if constexpr (std::is_same_v<T, float>)
+        EXPECT_EQ(
+            KTsInitMLPServer(table, nullptr, counts, shape, nullptr, nullptr, 2, KT_MLP_SIGMOID, nullptr),
+            nullptr);
+    else
+        EXPECT_EQ(KTwInitMLPServer(table, nullptr, counts, shape, nullptr, nullptr, 2, KT_MLP_SIGMOID, -15,
+                                   nullptr),
+                  nullptr);
+    ASSERT_EQ(reports.count(), 1u);
+    expectReport(reports, 0, KT_StsBadArg, initName<T>(), "bad connections of a sparse network");
 }
 
 TYPED_TEST(Servers, OfSparseNetworksRefuseBadConnections) {
