@@ -67,7 +67,11 @@ void freeRecord(wPattern* pPattern);
 bool arrangeColumns(sPattern& pattern);
 bool arrangeColumns(wPattern& pattern);
 
-// Hangs a whole record on the tail of its list and counts it.
+// The number of the calling thread's patterns.
+int& patternCount(const sPattern* pPattern);
+int& patternCount(const wPattern* pPattern);
+
+// Hangs a whole record, which has been counted, on the tail of its list.
 void append(sPattern* pPattern);
 void append(wPattern* pPattern);
 
@@ -84,6 +88,9 @@ public:
     explicit operator bool() const { return record != nullptr; }
     Pattern* operator->() const { return record; }
     Pattern& operator*() const { return *record; }
+
+    // Counts the record, which comes before it joins.
+    void count() const { ++patternCount(record); }
 
     // Puts the record into its store and returns its handle.
     int join() {

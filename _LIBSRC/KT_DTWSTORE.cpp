@@ -71,9 +71,7 @@ int freeHandle(const Pattern* head) {
 template <class Pattern>
 void appendTo(Pattern* record) {
     using S = Store<Pattern>;
-    KTContext* context = KTGetContext();
-    Pattern*& head = S::head(context);
-    ++S::count(context);
+    Pattern*& head = S::head(KTGetContext());
     record->next = nullptr;
     record->prev = nullptr;
     record->isFirst = head == nullptr;
@@ -192,6 +190,7 @@ int create(NewRecord<Pattern>& record, Sample** ppVectors, int nVectors, int nDi
         record->nVectors = nVectors;
         record->nDim = nDim;
         if (fill(*record, ppVectors) && arrangeColumns(*record)) {
+            record.count();
             record->handle = freeHandle(Store<Pattern>::head(KTGetContext()));
             return record.join();
         }
@@ -234,6 +233,13 @@ bool arrangeColumns(sPattern& pattern) {
 }
 bool arrangeColumns(wPattern& pattern) {
     return arrange(pattern);
+}
+
+int& patternCount(const sPattern*) {
+    return Store<sPattern>::count(KTGetContext());
+}
+int& patternCount(const wPattern*) {
+    return Store<wPattern>::count(KTGetContext());
 }
 
 void append(sPattern* pPattern) {

@@ -157,19 +157,6 @@ WorkMatrix workMatrix(int n) {
     return {rows, pivots};
 }
 
-void ScaledProduct::times(double factor) {
-    mantissa *= factor;
-    const double magnitude = std::fabs(mantissa);
-    if (magnitude > 0x1p-400 && magnitude < 0x1p400) return; // the next factor, once a float, can't spoil it
-    int shift = 0;
-    mantissa = std::frexp(mantissa, &shift); // 0, infinity and not-a-number stay themselves
-    exponent += std::isfinite(mantissa) && mantissa != 0 ? shift : 0;
-}
-
-double ScaledProduct::value() const {
-    return std::ldexp(mantissa, exponent);
-}
-
 double determinant(float* const* rows, int n) {
     return vsq::kernels().gauss->determinant(rows, n);
 }

@@ -14,6 +14,8 @@
 #include "KT_ERROR.h"
 #include "KT_GAUSS.h"
 
+#include "scaledproduct.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -99,17 +101,7 @@ struct WorkMatrix {
 };
 WorkMatrix workMatrix(int n);
 
-// A product that keeps its exponent apart, so that no order of factors overflows or underflows on the way.
-// The value is rounded to double at the end, as if the exponent's range were that of extended precision.
-class ScaledProduct {
-public:
-    void times(double factor);
-    double value() const;
-
-private:
-    double mantissa = 1.0;
-    int exponent = 0;
-};
+using vsq::ScaledProduct;
 
 // The determinant of the n rows, which are destroyed; 0 where a pivot is below 1e-20.
 double determinant(float* const* rows, int n);

@@ -3,6 +3,7 @@
 // Fixed point: an element is a 16-bit integer, its real value stored * 2^scale, with one scale each for
 // weights, means and covariance elements. Going down truncates toward zero and saturates at 32767 and -32767,
 // so that a negated element can't overflow. Nothing wraps.
+#include "KT_CONVERT.h"
 #include "KT_GAUSSBLOCK.h"
 #include "KT_SCRATCH.h"
 
@@ -22,7 +23,7 @@ short saturated(float value, int scale, double factor) {
 }
 
 void convertDown(const float* src, short* dst, std::ptrdiff_t n, int scale) {
-    const double factor = KTPower2(-scale);
+    const double factor = ownFactorOfScale(scale);
     for (std::ptrdiff_t i = 0; i < n; ++i)
         dst[i] = saturated(src[i], scale, factor);
 }
@@ -47,23 +48,33 @@ double diagonalDeterminant(const float* diagonal, int n) {
     return product.value();
 }
 
-// Takes the determinant factor out of pWeights again. False when memory ran out.
-bool plainWeights(GaussMixServer* server) {
-    const int n = server->nDim;
-    const bool full = isFull(server);
-    ktl::Scratch<float> elements(full ? std::int64_t(n) * n : 1);
-    ktl::Scratch<float*> rows(full ? n : 1);
-    if (!elements || !rows) return false;
+// Divides each weight by what KT_GAUSS_NORMALIZE had folded into it.
+template <class DeterminantOf>
+void divideWeights(GaussMixServer* server, const DeterminantOf& determinantOf) {
     for (int k = 0; k < server->nMix; ++k) {
-        for (int i = 0; full && i < n; ++i) {
-            rows[i] = elements.get() + std::ptrdiff_t(i) * n;
-            std::copy_n(matrices<float>(server)[k][i], n, rows[i]);
-        }
-        const double det =
-            full ? determinant(rows.get(), n) : diagonalDeterminant(diagonals<float>(server)[k], n);
+        const double det = determinantOf(k);
         float& weight = weights<float>(server)[k];
         if (det != 0.0) weight = float(double(weight) / std::sqrt(std::fabs(det)));
     }
+}
+
+// Takes the determinant factor out of pWeights again. False when memory ran out.
+bool plainWeights(GaussMixServer* server) {
+    const int n = server->nDim;
+    if (!isFull(server)) {
+        divideWeights(server, [=](int k) { return diagonalDeterminant(diagonals<float>(server)[k], n); });
+        return true;
+    }
+    const ktl::Scratch<float> elements(std::int64_t(n) * n);
+    const ktl::Scratch<float*> rows(n);
+    if (!elements || !rows) return false;
+    divideWeights(server, [&](int k) {
+        for (int i = 0; i < n; ++i) {
+            rows[i] = elements.get() + std::ptrdiff_t(i) * n;
+            std::copy_n(matrices<float>(server)[k][i], n, rows[i]);
+        }
+        return determinant(rows.get(), n);
+    });
     return true;
 }
 

@@ -72,6 +72,7 @@ void estimateFull(T** ppVectors, int nVectors, const float* mean, float** rows, 
 template <class T>
 GaussMixServer* build(T** ppVectors, int nVectors, int nDim, int flags, const char* funcName) {
     const bool full = (flags & KT_GAUSS_FULL) != 0;
+    nVectors = std::max(nVectors, 0);
     GaussMixServer* server = createOrReport<float>({nDim, 1, full}, funcName);
     if (server == nullptr) return nullptr;
     float* mean = means<float>(server)[0];

@@ -27,7 +27,8 @@ const vsq::TreeKernels& kernels() {
 } // namespace
 
 int strideFor(int nDim) {
-    return (nDim + 15) / 16 * 16;
+    return static_cast<int>((static_cast<unsigned>(nDim) + 15u) / 16u *
+                            16u); // negative where no int holds it
 }
 
 float reachOf(float squares, int nDim) {

@@ -521,9 +521,10 @@ KTL_API void KTsWriteDTWPattern(FILE* pFile, int handle);
 KTL_API void KTwWriteDTWPattern(FILE* pFile, int handle);
 
 /* Reads a pattern into the store, under the handle that it had when it was written: restore into an empty store, since
- * of two equal handles the older one is found. Returns the handle, or -1 with the store unchanged: in silence for a
- * stream that ends early or holds anything else and when memory ran out, after a report (KT_StsNoMem) where that met the
- * table of 16-bit rows. */
+ * of two equal handles the older one is found. Returns the handle, or -1 with no pattern added: in silence for a stream
+ * that ends early or holds anything else and when memory ran out, after a report (KT_StsNoMem) where that met the table
+ * of 16-bit rows. A fixed record counts as soon as its float rows have come: where its 16-bit rows then fail to come,
+ * KTwPatternsNumber stays one too high, which has no other effect. */
 KTL_API int KTsReadDTWPattern(FILE* pFile);
 KTL_API int KTwReadDTWPattern(FILE* pFile);
 

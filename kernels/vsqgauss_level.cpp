@@ -1,4 +1,5 @@
 #include "vsqgauss_level.h"
+#include "scaledproduct.h"
 #include "simd.h"
 
 namespace vsq::VSQ_LEVEL {
@@ -397,12 +398,12 @@ double invert(float* const* a, float* const* b, int* pivots, int n) {
         b[0][0] = 1.0f / a[0][0];
         return double(a[0][0]);
     }
-    double det = 1.0;
+    ScaledProduct det;
     for (int k = 0; k < n; ++k) {
         double magnitude;
         pivots[k] = pivotColumn(a[k], k, n, magnitude);
         if (magnitude < smallest) return 0.0;
-        if (takePivot(a, 0, k, pivots[k], n)) det = -det;
+        if (takePivot(a, 0, k, pivots[k], n)) det.part = -det.part;
         for (int i = 0; i < n; ++i) {
             if (i == k) continue;
             const float f = a[i][k] / a[k][k];
@@ -411,19 +412,19 @@ double invert(float* const* a, float* const* b, int* pivots, int n) {
         }
     }
     for (int i = 0; i < n; ++i) {
-        det *= double(a[i][i]);
+        det.times(double(a[i][i]));
         const float reciprocal = 1.0f / a[i][i];
         for (int j = 0; j < n; ++j)
             b[i][j] *= reciprocal;
     }
     undoSwaps(b, pivots, n);
-    return det;
+    return det.value();
 }
 
 double determinant(float* const* a, int n) {
     constexpr double smallest = 1e-20f;
     if (n == 1) return double(a[0][0]);
-    double det = 1.0;
+    ScaledProduct det;
     bool negative = false;
     for (int k = 0; k < n; ++k) {
         double magnitude;
@@ -433,9 +434,9 @@ double determinant(float* const* a, int n) {
         const float reciprocal = 1.0f / a[k][k];
         for (int i = k + 1; i < n; ++i)
             subtractScaled(a[i] + k + 1, a[k] + k + 1, a[i][k] * reciprocal, n - k - 1);
-        det *= double(a[k][k]);
+        det.times(double(a[k][k]));
     }
-    return negative ? -det : det;
+    return negative ? -det.value() : det.value();
 }
 
 } // namespace

@@ -253,3 +253,32 @@ TEST(Convert, ExhaustionIsReportedUnderTheInitialisersName) {
         EXPECT_LE(support::alloc::liveBlocks(), before + 4); // the report's own strings
     }
 }
+
+// Only a full matrix needs a copy for its determinant.
+TEST(Convert, DiagonalServersTakeOneBlock) {
+    std::mt19937 random(67);
+    auto words = randomFixedMixture(random, 3, 2, false);
+    const Server fixed = words.server(KT_GAUSS_NORMALIZE);
+    support::alloc::arm(0);
+    const Server floats = up(fixed, 0, 0, 0);
+    support::alloc::disarm();
+    EXPECT_NE(floats, nullptr);
+    EXPECT_EQ(support::alloc::allocations(), 1);
+}
+
+TEST(Convert, ScalesAtTheEndsOfTheirRange) {
+    const Server floats = single(1, -2, 3).server();
+    for (const int scale : {INT_MIN, -INT_MAX, INT_MIN / 2}) { // every element is beyond 16 bits
+        const Server fixed = down(floats, scale, scale, scale);
+        ASSERT_NE(fixed, nullptr);
+        EXPECT_EQ(ktl::gauss::weights<short>(fixed.get())[0], 0x7FFF);
+        EXPECT_EQ(ktl::gauss::means<short>(fixed.get())[0][0], -0x7FFF);
+        EXPECT_EQ(fixed->scale, int(3u * unsigned(scale)));
+    }
+    for (const int scale : {INT_MAX, 2000}) {
+        const Server fixed = down(floats, scale, scale, scale);
+        ASSERT_NE(fixed, nullptr);
+        EXPECT_EQ(ktl::gauss::weights<short>(fixed.get())[0], 0);
+        EXPECT_EQ(ktl::gauss::means<short>(fixed.get())[0][0], 0);
+    }
+}

@@ -1,6 +1,7 @@
 #include "mixtures/mixtures.h"
 #include "support/alloc_faults.h"
 #include "support/reports.h"
+#include "support/streams.h"
 
 #include <gtest/gtest.h>
 
@@ -13,58 +14,22 @@ using namespace mixtures;
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-
-struct CloseFile {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
-using Stream = std::unique_ptr<FILE, CloseFile>;
-
-Stream streamOf(const Bytes& bytes) {
-    Stream stream(std::tmpfile());
-    if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), stream.get());
-    std::rewind(stream.get());
-    return stream;
-}
-
-Bytes contents(FILE* f) {
-    Bytes bytes;
-    std::rewind(f);
-    for (int c; (c = std::fgetc(f)) != EOF;)
-        bytes.push_back(static_cast<unsigned char>(c));
-    return bytes;
-}
+using support::Bytes;
+using support::contentsOf;
+using support::put;
+using support::setWordAt;
+using support::Stream;
+using support::streamOf;
+using support::wordAt;
 
 Bytes written(const Server& server) {
     const Stream stream(std::tmpfile());
     KTWriteGaussMixServer(stream.get(), server.get());
-    return contents(stream.get());
+    return contentsOf(stream.get());
 }
 
 Server read(const Bytes& bytes) {
     return Server(KTReadGaussMixServer(streamOf(bytes).get()));
-}
-
-std::uint32_t word(const Bytes& bytes, std::size_t at) {
-    return bytes[at] | std::uint32_t(bytes[at + 1]) << 8 | std::uint32_t(bytes[at + 2]) << 16 |
-           std::uint32_t(bytes[at + 3]) << 24;
-}
-void setWord(Bytes& bytes, std::size_t at, std::uint32_t value) {
-    for (std::size_t i = 0; i < 4; ++i)
-        bytes[at + i] = static_cast<unsigned char>(value >> 8 * i);
-}
-void appendWord(Bytes& bytes, std::uint32_t value) {
-    bytes.resize(bytes.size() + 4);
-    setWord(bytes, bytes.size() - 4, value);
-}
-void append(Bytes& bytes, float value) {
-    std::uint32_t pattern;
-    std::memcpy(&pattern, &value, 4);
-    appendWord(bytes, pattern);
-}
-void append(Bytes& bytes, short value) {
-    bytes.push_back(static_cast<unsigned char>(value & 0xFF));
-    bytes.push_back(static_cast<unsigned char>(value >> 8 & 0xFF));
 }
 
 // The image of a mixture, written by the format's description; `stale` stands for every pointer, `tail` bytes
@@ -76,15 +41,15 @@ Bytes image(const Mixture<T>& m, int flags, int scale, int observations, std::ui
     Bytes payload;
     const auto vector = [&](const std::vector<T>& v, int length) {
         for (int i = 0; i < length; ++i)
-            append(payload, i < int(v.size()) ? v[std::size_t(i)] : pad);
+            put(payload, i < int(v.size()) ? v[std::size_t(i)] : pad);
     };
     const auto table = [&](int count) {
         for (int i = 0; i < count; ++i)
-            appendWord(payload, stale);
+            put(payload, stale);
     };
     if (sizeof(T) == 4) vector(m.weights, mixPad); // the normalised weights
     for (int k = 0; k < mixPad; ++k)
-        appendWord(payload, 0xABCD1234); // the work vector
+        put(payload, 0xABCD1234u); // the work vector
     vector(m.weights, mixPad);
     table(mixPad);
     for (const auto& row : m.means)
@@ -102,7 +67,7 @@ Bytes image(const Mixture<T>& m, int flags, int scale, int observations, std::ui
          {stale, stale, m.full() ? stale : 0u, m.full() ? 0u : stale, sizeof(T) == 4 ? stale : 0u, stale,
           std::uint32_t(m.nDim), std::uint32_t(m.nMix), std::uint32_t(flags), std::uint32_t(scale),
           std::uint32_t(observations), std::uint32_t(payload.size())})
-        appendWord(file, w);
+        put(file, w);
     file.insert(file.end(), payload.begin(), payload.end());
     return file;
 }
@@ -184,18 +149,18 @@ TEST(GaussFile, HasTheDescribedLayout) {
         const Bytes expected = image(mixture, flavourFlags(mixture), 0, 1, 0x30, 0);
         ASSERT_GE(got.size(), expected.size());
         ASSERT_LE(got.size(), expected.size() + 15);
-        EXPECT_EQ(word(got, 0), 0x53554147u);
-        EXPECT_EQ(word(got, 48), got.size() - 52);
-        EXPECT_EQ(word(got, 12) != 0, full);
-        EXPECT_EQ(word(got, 16) != 0, !full);
+        EXPECT_EQ(wordAt(got, 0), 0x53554147u);
+        EXPECT_EQ(wordAt(got, 48), got.size() - 52);
+        EXPECT_EQ(wordAt(got, 12) != 0, full);
+        EXPECT_EQ(wordAt(got, 16) != 0, !full);
         for (const std::size_t at : {28u, 32u, 36u, 40u, 44u})
-            EXPECT_EQ(word(got, at), word(expected, at)) << at;
+            EXPECT_EQ(wordAt(got, at), wordAt(expected, at)) << at;
         // The payload, less the work vector and the tables, which mean nothing.
         const std::size_t mixPad = 4, dimPad = 8, floats = 52 + 4 * (2 * mixPad),
                           means = floats + 4 * 2 * mixPad;
         EXPECT_EQ(Bytes(got.begin() + 52, got.begin() + 52 + 16),
                   Bytes(expected.begin() + 52, expected.begin() + 52 + 16));
-        EXPECT_EQ(word(got, 52 + 16), 0x40E00000u); // the work vector as it is
+        EXPECT_EQ(wordAt(got, 52 + 16), 0x40E00000u); // the work vector as it is
         EXPECT_EQ(Bytes(got.begin() + long(floats), got.begin() + long(floats) + 16),
                   Bytes(expected.begin() + long(floats), expected.begin() + long(floats) + 16));
         EXPECT_EQ(Bytes(got.begin() + long(means), got.begin() + long(means + 4 * 3 * dimPad)),
@@ -228,7 +193,7 @@ TEST(GaussFile, KeepsTheNormalisedWeightsOfTheFile) {
     const auto m = randomMixture(random, 3, 2, false);
     Bytes file = image(m, flavourFlags(m) | KT_GAUSS_NORMALIZE, 0, 1, 5, 0);
     Bytes patch;
-    append(patch, 42.0f);
+    put(patch, 42.0f);
     std::copy(patch.begin(), patch.end(), file.begin() + 52);
     const Server server = read(file);
     EXPECT_EQ(server->pNormWeights[0], 42.0f);
@@ -296,8 +261,8 @@ TEST(GaussFile, BothOrNeitherCovarianceIsReported) {
     for (Bytes file : {image(m, flavourFlags(m), 0, 1, 5, 0), image(w, flavourFlags(w), 0, 1, 5, 0)})
         for (const std::uint32_t value : {0u, 1u}) {
             support::CapturedReports reports;
-            setWord(file, 12, value);
-            setWord(file, 16, value);
+            setWordAt(file, 12, value);
+            setWordAt(file, 16, value);
             EXPECT_EQ(read(file), nullptr);
             ASSERT_EQ(reports.count(), 1u);
             EXPECT_EQ(reports[0].status, -5);
@@ -313,18 +278,18 @@ TEST(GaussFile, SizesThatMakeNoSenseAreRefusedInSilence) {
     std::mt19937 random(81);
     const auto m = randomMixture(random, 3, 2, true);
     const Bytes good = image(m, flavourFlags(m), 0, 1, 5, 0);
-    const std::uint32_t payload = word(good, 48);
+    const std::uint32_t payload = wordAt(good, 48);
     for (const std::uint32_t bytes :
          {0u, 1u, payload - 1, payload + 16, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
         Bytes file = good;
-        setWord(file, 48, bytes);
+        setWordAt(file, 48, bytes);
         file.resize(file.size() + 64);
         EXPECT_EQ(read(file), nullptr) << bytes;
     }
     for (const std::size_t at : {28u, 32u})
         for (const std::uint32_t n : {0u, 0xFFFFFFFFu, 0x80000000u, 0x7FFFFFFFu, 0x7FFFFFFDu, 0x10000u}) {
             Bytes file = good;
-            setWord(file, at, n);
+            setWordAt(file, at, n);
             EXPECT_EQ(read(file), nullptr) << at << " " << n;
         }
     EXPECT_EQ(KTGetStatus(), 0);
@@ -342,9 +307,9 @@ TEST(GaussFile, AHugePromiseTakesNoMoreMemoryThanTheStreamHolds) {
     small.means = small.diagonals = {{1, 1, 1}, {1, 1, 1}};
     Bytes file = image(small, flavourFlags(small), 0, 1, 5, 0);
     const std::uint32_t nMix = 1000, nDim = 100000; // 800 MB
-    setWord(file, 28, nDim);
-    setWord(file, 32, nMix);
-    setWord(file, 48, nMix * 12 + 2 * (nMix * nDim * 4 + nMix * 4));
+    setWordAt(file, 28, nDim);
+    setWordAt(file, 32, nMix);
+    setWordAt(file, 48, nMix * 12 + 2 * (nMix * nDim * 4 + nMix * 4));
     const Stream stream = streamOf(file);
     support::alloc::arm(0);
     EXPECT_EQ(KTReadGaussMixServer(stream.get()), nullptr);
@@ -431,7 +396,7 @@ TEST(GaussFile, NullArgumentsDoNothing) {
     KTWriteGaussMixServer(nullptr, mixture.server().get());
     const Stream stream(std::tmpfile());
     KTWriteGaussMixServer(stream.get(), nullptr);
-    EXPECT_TRUE(contents(stream.get()).empty());
+    EXPECT_TRUE(contentsOf(stream.get()).empty());
     EXPECT_EQ(KTReadGaussMixServer(nullptr), nullptr);
 }
 
@@ -471,10 +436,10 @@ TEST(GaussFile, MutatedFilesDoNoHarm) {
                 file[random() % file.size()] ^= static_cast<unsigned char>(1u << random() % 8);
                 break;
             case 1:
-                setWord(file, 4 + 4 * (random() % 12), odd[random() % std::size(odd)]);
+                setWordAt(file, 4 + 4 * (random() % 12), odd[random() % std::size(odd)]);
                 break;
             case 2:
-                setWord(file, 4 + 4 * (random() % 12), std::uint32_t(random()) >> random() % 32);
+                setWordAt(file, 4 + 4 * (random() % 12), std::uint32_t(random()) >> random() % 32);
                 break;
             default:
                 file.resize(52 + random() % (file.size() - 51));

@@ -136,6 +136,18 @@ TEST(Invert, TinyDeterminantIsSingular) {
     EXPECT_EQ(invert(tinyFull.server()), nullptr);
 }
 
+TEST(Invert, FullDeterminantsNeitherOverflowNorUnderflowOnTheWay) {
+    for (const bool largeFirst : {false, true}) {
+        Rows<float> covariance(30, std::vector<float>(30, 0));
+        for (std::size_t i = 0; i < 30; ++i)
+            covariance[i][i] = (i < 15) == largeFirst ? 1e29f : 1e-29f;
+        auto mixture = oneFull(covariance);
+        const Server inverted = invert(mixture.server(), KT_GAUSS_NORMALIZE);
+        ASSERT_NE(inverted, nullptr);
+        EXPECT_NEAR(inverted->pNormWeights[0], 0.5f, 1e-5f); // a determinant of 1, by way of 10^435
+    }
+}
+
 TEST(Invert, FullOfOrderOneHasItsOwnRule) {
     auto mixture = oneFull({{4}});
     EXPECT_EQ(matrixOf(invert(mixture.server()))[0][0], 0.25);

@@ -181,6 +181,21 @@ TEST(GaussServer, DeterminantOfManyFactorsNeitherOverflowsNorUnderflowsOnTheWay)
                 1e-5f); // the floats nearest 10^30 and 10^-30, to the power of 20
 }
 
+TEST(GaussServer, FullDeterminantOfManyFactorsNeitherOverflowsNorUnderflowsOnTheWay) {
+    for (const bool largeFirst : {false, true}) {
+        Mixture<float> m;
+        m.nDim = 40;
+        m.nMix = 1;
+        m.weights = {1};
+        m.means = {std::vector<float>(40, 0)};
+        m.matrices = {Rows<float>(40, std::vector<float>(40, 0))};
+        for (std::size_t i = 0; i < 40; ++i) // 10^380 or 10^-380 first, then back to 1; no pivot below 10^-20
+            m.matrices[0][i][i] = (i < 20) == largeFirst ? 1e19f : 1e-19f;
+        const Server server = m.server(KT_GAUSS_NORMALIZE);
+        EXPECT_NEAR(server->pNormWeights[0], 1.0f, 1e-5f); // their floats are within 2^-24, 20 times each
+    }
+}
+
 TEST(GaussServer, SingularFullMatrixGetsANormalisedWeightOfZero) {
     Mixture<float> m;
     m.nDim = 3;

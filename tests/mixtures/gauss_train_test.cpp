@@ -187,12 +187,14 @@ TEST(Build, OneVectorGivesNoFiniteVariance) {
 
 TEST(Build, NoVectorsGiveNotANumber) {
     support::CapturedReports reports;
-    const Server s(KTsBuildGaussMixServer(nullptr, 0, 2, 0));
-    ASSERT_NE(s, nullptr);
-    EXPECT_TRUE(std::isnan(meanAt(s, 0)));
-    EXPECT_TRUE(std::isnan(diagonalAt(s, 1)));
+    for (const int n : {0, -1, INT_MIN}) { // a negative number counts as 0
+        const Server s(KTsBuildGaussMixServer(nullptr, n, 2, 0));
+        ASSERT_NE(s, nullptr);
+        EXPECT_TRUE(std::isnan(meanAt(s, 0)));
+        EXPECT_TRUE(std::isnan(diagonalAt(s, 1)));
+        EXPECT_EQ(s->nObservations, 0);
+    }
     EXPECT_EQ(reports.count(), 0u);
-    EXPECT_EQ(s->nObservations, 0);
 }
 
 TEST(Build, ExhaustionIsReported) {

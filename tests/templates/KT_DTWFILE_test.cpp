@@ -255,15 +255,43 @@ TEST_F(DtwFile, StreamsThatEndAnywhereLeaveTheStoreUnchanged) {
         EXPECT_EQ(KTsReadDTWPattern(stream), -1) << length;
         EXPECT_EQ(KTsPatternsNumber(), 0);
     }
-    for (std::size_t length = 0; length < wholeFixed.size(); ++length) {
+    const std::size_t floatsEnd = 24 + sizeof reals; // from there on the record counts
+    for (std::size_t length = 0; length < floatsEnd; ++length) {
         Stream stream(wholeFixed.substr(0, length));
         EXPECT_EQ(KTwReadDTWPattern(stream), -1) << length;
         EXPECT_EQ(KTwPatternsNumber(), 0);
+    }
+    for (std::size_t length = floatsEnd; length < wholeFixed.size(); ++length) {
+        Stream stream(wholeFixed.substr(0, length));
+        EXPECT_EQ(KTwReadDTWPattern(stream), -1) << length;
+        EXPECT_EQ(KTwPatternsNumber(), 1);
+        KTGetContext()->nFixedPatterns = 0;
     }
     EXPECT_EQ(reports.count(), 0u);
     EXPECT_EQ(KTGetContext()->sPatternList, nullptr);
     EXPECT_EQ(KTGetContext()->wPatternList, nullptr);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
+}
+
+// A number that is one too high disturbs nothing: the list is what says which patterns there are.
+TEST_F(DtwFile, AFixedRecordCutOffInItsIntegersStaysCounted) {
+    const Bytes record = fixedRecord(5, 1);
+    Stream cut(record.substr(0, record.size() - 1));
+    EXPECT_EQ(KTwReadDTWPattern(cut), -1);
+    EXPECT_EQ(KTwPatternsNumber(), 1);
+    EXPECT_EQ(reports.count(), 0u);
+    EXPECT_EQ(KTwPatternGet(5, nullptr, nullptr, nullptr, nullptr), 0);
+    ASSERT_EQ(reports.count(), 1u); // no head: still an empty store
+    EXPECT_EQ(reports[0].message, "wPatterns have not been initialized.");
+    EXPECT_EQ(storeFixed(), 1);
+    EXPECT_EQ(KTwPatternsNumber(), 2);
+    Stream stream(record);
+    EXPECT_EQ(KTwReadDTWPattern(stream), 5);
+    EXPECT_EQ(storeFixed(), 2);
+    EXPECT_EQ(KTwPatternFreeAll(), 0);
+    EXPECT_EQ(KTwPatternsNumber(), 1);
+    EXPECT_EQ(KTwPatternFreeAll(), 0);
+    KTGetContext()->nFixedPatterns = 0;
 }
 
 TEST_F(DtwFile, ForeignTagsAreRefused) {
@@ -288,6 +316,7 @@ TEST_F(DtwFile, HostileHeadersAreRefused) {
         Stream stream(floatRecord(5, 1, size[0], size[1])), fixedStream(fixedRecord(5, 1, size[0], size[1]));
         EXPECT_EQ(KTsReadDTWPattern(stream), -1) << size[0] << " x " << size[1];
         EXPECT_EQ(KTwReadDTWPattern(fixedStream), -1) << size[0] << " x " << size[1];
+        KTGetContext()->nFixedPatterns = 0; // sizes so near to the real ones that only integers are missing
     }
     for (int handle : {0, -1, small}) {
         Stream stream(floatRecord(handle, 1)), fixedStream(fixedRecord(handle, 1));
@@ -375,7 +404,7 @@ TEST_F(DtwFile, EveryFailedAllocationOfTheFloatReaderLeavesTheStoreUnchanged) {
 TEST_F(DtwFile, OnlyTheSixteenBitTableOfTheFixedReaderIsReported) {
     Stream stream(fixedRecord(5, 1));
     const long before = support::alloc::liveBlocks();
-    int handle = 0, told = 0;
+    int handle = 0, told = 0, counted = 0;
     const int failures = support::alloc::failEach(
         [&] {
             std::rewind(stream);
@@ -383,7 +412,8 @@ TEST_F(DtwFile, OnlyTheSixteenBitTableOfTheFixedReaderIsReported) {
         },
         [&] {
             EXPECT_EQ(handle, -1);
-            EXPECT_EQ(KTwPatternsNumber(), 0);
+            counted += KTwPatternsNumber();
+            KTGetContext()->nFixedPatterns = 0;
             EXPECT_LE(support::alloc::liveBlocks(), before + 1);
             if (reports.count() == 2) {
                 ++told;
@@ -399,6 +429,7 @@ TEST_F(DtwFile, OnlyTheSixteenBitTableOfTheFixedReaderIsReported) {
         });
     EXPECT_GE(failures, 5);
     EXPECT_EQ(told, 1);
+    EXPECT_EQ(counted, 2); // the two steps of the 16-bit rows: what arrives, and their table
     EXPECT_EQ(handle, 5);
     expectFixedPattern(5);
 }
