@@ -48,8 +48,8 @@ static_assert(low[63] == 0x1p-63f && high[1] == 0x1p1023 && high[17] == 0.5 && h
 constexpr int floatOrderBias = 126, doubleOrderBias = 1022;
 
 // The position of the highest set bit plus 1; 0 for 0.
-int orderOfMagnitude(unsigned magnitude) {
-    return static_cast<int>(std::bit_width(magnitude));
+int orderOfBits(unsigned bits) {
+    return static_cast<int>(std::bit_width(bits));
 }
 
 int maxOrder(const float* src, int n) {
@@ -200,11 +200,11 @@ int KTdMaxOrder(const double* pSrc, int n) {
 }
 
 int KTwMaxOrder(const short* pSrc, int n) {
-    return orderOfMagnitude(vsq::kernels().cvrts->largestShortMagnitude(pSrc, n));
+    return orderOfBits(vsq::kernels().cvrts->joinedShortMagnitudes(pSrc, n));
 }
 
 int KTiMaxOrder(const int* pSrc, int n) {
-    return orderOfMagnitude(vsq::kernels().cvrts->largestIntMagnitude(pSrc, n));
+    return orderOfBits(vsq::kernels().cvrts->joinedIntMagnitudes(pSrc, n));
 }
 
 int KTsMaxMatrixOrder(float** ppRows, int nRows, int nCols) {

@@ -37,8 +37,7 @@ const char* orElse(const char* text, const char* substitute) {
 
 } // namespace
 
-// ---- state
-// --------------------------------------------------------------------------------------------------
+// ---- state ----
 
 int KTGetStatus(void) {
     return KTGetContext()->status;
@@ -80,8 +79,7 @@ const char* KTErrorStr(int status) {
     return unknown;
 }
 
-// ---- the dispatcher
-// -----------------------------------------------------------------------------------------
+// ---- the dispatcher ----
 
 int KTError(int status, const char* funcName, const char* message, const char* sourceName, int line) {
     KTContext* context = KTGetContext();
@@ -92,8 +90,7 @@ int KTError(int status, const char* funcName, const char* message, const char* s
     return context->errHandler(status, funcName, message, sourceName, line);
 }
 
-// ---- the handlers
-// -------------------------------------------------------------------------------------------
+// ---- the handlers ----
 
 int KTNulDevReport(int status, const char*, const char*, const char*, int) {
     if (KTGetErrMode() == KT_ErrorModeLeaf) std::exit(EXIT_FAILURE);

@@ -5,6 +5,7 @@
 #include "KT_ERROR.h"
 #include "KT_SCRATCH.h"
 
+#include "levels.h"
 #include "vsq.h"
 
 #include <algorithm>
@@ -41,30 +42,6 @@ bool growTable(float**& table, int& capacity, int nRows, int length) {
 
 int lagsOf(int order) {
     return order < INT_MAX ? order + 1 : INT_MAX;
-}
-
-// --- autocorrelation method ---
-
-// r and e have order + 1 elements, a too, its first unused. False when a reflection coefficient shows that
-// the recursion has lost stability; comparisons with not-a-number do not.
-bool durbin(const float* r, float* e, float* a, int order) {
-    e[0] = r[0];
-    for (int i = 1; i <= order; ++i) {
-        double sum = 0;
-        for (int j = 1; j < i; ++j)
-            sum += static_cast<double>(a[j]) * r[i - j];
-        const double k = (r[i] - sum) / e[i - 1];
-        if (std::fabs(k) > 1.0) return false;
-        a[i] = static_cast<float>(k);
-        for (int j = 1; 2 * j < i; ++j) {
-            const double lower = a[j], upper = a[i - j];
-            a[j] = static_cast<float>(lower - upper * k);
-            a[i - j] = static_cast<float>(upper - lower * k);
-        }
-        if (i % 2 == 0) a[i / 2] = static_cast<float>((1.0 - k) * a[i / 2]);
-        e[i] = static_cast<float>((1.0 - k * k) * e[i - 1]);
-    }
-    return true;
 }
 
 // --- covariance method ---
@@ -162,7 +139,7 @@ int ownsLPAutocorr(const float* pSrc, int nSamples, float* pCoef, int order) {
     }
     float** rows = pKTContext->LP.arrAutocorr;
     vsqsAutoCorr(pSrc, nSamples, rows[0], lagsOf(order), 0);
-    if (!durbin(rows[0], rows[1], rows[2], order)) return 0;
+    if (!vsq::kernels().lpc->durbin(rows[0], rows[1], rows[2], order)) return 0;
     std::copy_n(rows[2] + 1, std::max(order, 0), pCoef);
     return 1;
 }

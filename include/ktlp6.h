@@ -37,7 +37,7 @@
 extern "C" {
 #endif
 
-/* ==== context and errors ====================================================================================== */
+/* ==== context and errors ================================================================================ */
 
 /* Status codes. 0 means no error; negative values are errors, but for the two trace markers, which tell the
  * story of an error and never replace the stored status. The numbers between -8 and -20 are not used. */
@@ -151,7 +151,7 @@ KTL_API int KTNulDevReport(int status, const char* funcName, const char* message
 /* The library's version record, the same on every call. The caller neither changes nor frees it. */
 KTL_API const KTLibVersion* KTGetLibVersion(void);
 
-/* ==== conversions and numeric helpers ========================================================================== */
+/* ==== conversions and numeric helpers =================================================================== */
 
 /* Scale modes of every downward conversion and fixed-point output; any value but 0, 1 and 2 saturates. */
 #define KT_NoScale 0
@@ -219,7 +219,7 @@ KTL_API int KTwMaxOrder(const short* pSrc, int n);
 KTL_API int KTsMaxMatrixOrder(float** ppRows, int nRows, int nCols);
 KTL_API int KTwMaxMatrixOrder(short** ppRows, int nRows, int nCols);
 
-/* ==== streams ================================================================================================== */
+/* ==== streams =========================================================================================== */
 
 /* Opens and closes the streams that the read and write functions take. A module may have a C runtime of its own, to
  * which another runtime's FILE means nothing; so such streams are opened and closed here, and not by the application.
@@ -233,7 +233,7 @@ KTL_API FILE* KTOpenFile(const char* name, const char* mode);
  * still buffered failed; the stream is gone in both cases. */
 KTL_API int KTCloseFile(FILE* stream);
 
-/* ==== front end: pre-emphasis ================================================================================== */
+/* ==== front end: pre-emphasis =========================================================================== */
 
 /* y[i] = x[i] - alpha * x[i-1] for i from 1 to n-1, in place, always from the unfiltered previous sample. The first
  * sample of each call passes unfiltered: no state crosses from one call to the next. Nothing happens for n below 1.
@@ -263,7 +263,7 @@ KTL_API void KTwPreemphasize(short* pVec, float alpha, int n, int scaleMode, int
 /* Releases the calling thread's float buffer, which otherwise stays for the next call. */
 KTL_API void KTFreePreemphasizeTbls(void);
 
-/* ==== front end: mel filter bank =============================================================================== */
+/* ==== front end: mel filter bank ======================================================================== */
 
 /* A bank of triangular filters over a spectrum, with the tables of its cepstrum; float in both data flavours. Made by
  * KTsMFCCInit or KTwMFCCInit, freed by the matching Free. Holds scratch: one thread at a time may use it. */
@@ -311,7 +311,7 @@ KTL_API void KTwFreeMFCCFilters(KTMFCCFilters* filters);
  * Does nothing if an argument is null. */
 KTL_API void KTsMelFiltering(KTMFCCFilters* filters, const float* pSpectrum, float* pOut);
 
-/* ==== front end: cepstra and liftering ========================================================================= */
+/* ==== front end: cepstra and liftering ================================================================== */
 
 /* Flags of the cepstrum, in any combination. */
 #define KT_CepsTimeInput 0x01   /* the input is samples; otherwise it is a magnitude spectrum */
@@ -357,7 +357,7 @@ KTL_API void KTwLiftering(short* pCeps, int n, int L);
  * share: call it while no other thread transforms. The mel scale is kept. */
 KTL_API void KTFreeCepsTbls(void);
 
-/* ==== front end: linear prediction ============================================================================= */
+/* ==== front end: linear prediction ====================================================================== */
 
 /* Methods of linear prediction; where both are set, the first. */
 #define KT_LPAutocorr 0x1   /* autocorrelation: Durbin's recursion */
@@ -390,7 +390,7 @@ KTL_API int KTwLPredict(const short* pSrc, int nSamples, short* pCoef, int order
  * which all threads share: call it while no other thread runs a transform. */
 KTL_API void KTFreeLPTbls(void);
 
-/* ==== front end: LP spectrum =================================================================================== */
+/* ==== front end: LP spectrum ============================================================================ */
 
 /* The magnitude response of an all-pole model, gain / |A|, A(z) = 1 - sum of a[i] z^(-i), at N = 2^fftOrder equally spaced
  * frequencies from 0 up to but not including half the sampling rate.
@@ -415,7 +415,7 @@ KTL_API void KTsLPSpectrum(const float* pCoef, int nCoef, float* pSpec, int fftO
 KTL_API void KTwLPSpectrum(const short* pCoef, int nCoef, short* pSpec, int fftOrder, float gain, int inScale,
                            int outMode, int* pOutScale);
 
-/* ==== distances ================================================================================================ */
+/* ==== distances ========================================================================================= */
 
 /* Mahalanobis distances (P. C. Mahalanobis, On the Generalised Distance in Statistics, 1936): the difference of two
  * vectors weighted by an inverse covariance. Nothing is checked, reported or allocated.
@@ -440,7 +440,7 @@ KTL_API int KTwMahalanobis(const short* pVec1, const short* pVec2, const short* 
 KTL_API int KTwMahalanobisD(const short* pVec1, const short* pVec2, const short* pInvCovD, int nDim,
                             int bRoot, int scaleMode, int* pScale);
 
-/* ==== dynamic time warping: pattern store ====================================================================== */
+/* ==== dynamic time warping: pattern store =============================================================== */
 
 /* Patterns are reference utterances that the library keeps. Each thread has two stores, for float and for fixed point,
  * that know nothing of each other; a handle is a positive integer, valid in its store on its thread. What is not freed
@@ -474,7 +474,7 @@ KTL_API int KTwPatternFreeAll(void);
 KTL_API int KTsPatternsNumber(void);
 KTL_API int KTwPatternsNumber(void);
 
-/* ==== dynamic time warping: evaluation ========================================================================= */
+/* ==== dynamic time warping: evaluation ================================================================== */
 
 #define KT_DTW_FIXED_ENDS 0x01    /* delta counts as 0: paths join the first frames and the last frames */
 #define KT_DTW_USE_THRESHOLD 0x40 /* threshold is used */
@@ -508,7 +508,7 @@ KTL_API int KTwEvalDTW(const int* pHandles, int nPatterns, short** ppTest, int n
                        int flags, int threshold, int thresholdScale, int delta, int* pResults, int scaleMode,
                        int* pScale);
 
-/* ==== dynamic time warping: pattern files ====================================================================== */
+/* ==== dynamic time warping: pattern files =============================================================== */
 
 /* One pattern to or from a stream (KTOpenFile, binary), any number of them one after another. A record: the tag "DTW ";
  * handle, a flag, nDim, nVectors, and in fixed point the scale, as 32-bit little-endian words; the vectors row after row
@@ -528,7 +528,7 @@ KTL_API void KTwWriteDTWPattern(FILE* pFile, int handle);
 KTL_API int KTsReadDTWPattern(FILE* pFile);
 KTL_API int KTwReadDTWPattern(FILE* pFile);
 
-/* ==== tree codebooks =========================================================================================== */
+/* ==== tree codebooks ==================================================================================== */
 
 /* A binary tree of clusters, grown by splitting one leaf after the other along its two farthest members; a vector is
  * quantised by going down the tree, at each node to the nearer of the two children, so the cell found is not always the
@@ -588,7 +588,7 @@ KTL_API void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex
 /* Frees a codebook of either flavour; null is allowed. */
 KTL_API void KT_FreeCodebook(KTCodebook* pCodebook);
 
-/* ==== semicontinuous codebooks ================================================================================= */
+/* ==== semicontinuous codebooks ========================================================================== */
 
 struct GaussMixServer;
 
@@ -622,7 +622,7 @@ KTL_API int KTwFreeSemicontCodebook(void);
 KTL_API int KTswConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale);
 KTL_API int KTwsConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale);
 
-/* ==== Kohonen quantiser ======================================================================================== */
+/* ==== Kohonen quantiser ================================================================================= */
 
 /* The search step of a self-organising map (T. Kohonen, Self-Organized Formation of Topologically Correct Feature Maps,
  * 1982): the distances of one vector from all codes, and the nearest ones. Nothing is allocated, checked or reported.
@@ -652,7 +652,7 @@ KTL_API void KTsVQKohonen(const float* pVector, float** ppCodes, float* pDistanc
 KTL_API void KTwVQKohonen(const short* pVector, short** ppCodes, int* pDistances, int nDim, int nCodes,
                           int* pIndices, int nBest, int bRoot, int scaleMode, int* pScale);
 
-/* ==== Gaussian mixtures ======================================================================================== */
+/* ==== Gaussian mixtures ================================================================================= */
 
 /* A mixture of nMix Gaussians in nDim dimensions: weights, means, and inverse covariances, full or diagonal;
  * 32-bit float or 16-bit fixed point. One block of memory, opaque to callers; KTsFreeGaussMixServer frees it,
@@ -778,7 +778,7 @@ KTL_API GaussMixServer* KTswConvertGaussMixServer(GaussMixServer* flser, int wei
 KTL_API GaussMixServer* KTwsConvertGaussMixServer(GaussMixServer* shser, int weightScale, int meanScale,
                                                   int invCovScale);
 
-/* ==== hidden Markov models: registry and classes =============================================================== */
+/* ==== hidden Markov models: registry and classes ======================================================== */
 
 /* A hidden Markov model lives inside the library as a "server" and is known to its thread by an id, 1 or greater, the
  * lowest that is free. One kind of record serves three flavours of output (discrete symbols, one Gaussian mixture per
@@ -832,7 +832,7 @@ KTL_API int KTDeleteHMMClass(int classId);
 KTL_API int KTAddHMMToClass(int classId, int hmm);
 KTL_API int KTRemoveHMMFromClass(int classId, int hmm);
 
-/* ==== hidden Markov models: creation, copy, release, query ===================================================== */
+/* ==== hidden Markov models: creation, copy, release, query ============================================== */
 
 struct GaussMixServer;
 
@@ -888,7 +888,7 @@ KTL_API int KTCopyHMMServer(int hmm);
 KTL_API int KTGetHMMProb(int hmm, void* initial, void** trans, void** out, void** semicontOut,
                          struct GaussMixServer** mixtures);
 
-/* ==== hidden Markov models: evaluation ========================================================================= */
+/* ==== hidden Markov models: evaluation ================================================================== */
 
 /* Evaluation. `hmm` is a server's id, or the negated id of a class, whose members are scored by ascending id; *pBest (may be
  * null) receives the id of the best. nFrames is at least 1.
@@ -925,7 +925,7 @@ KTL_API int KTwEvalContHMMViterbi(int hmm, const short* const* frames, int nFram
 KTL_API int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest,
                                       int scaleMode, int* pScale);
 
-/* ==== hidden Markov models: transforms and files =============================================================== */
+/* ==== hidden Markov models: transforms and files ======================================================== */
 
 /* Transforms. Each makes a new server and returns its id, in no class; the source is released, or stays, as KTSetHMMMode
  * says. -1 for an unknown id, when memory ran out (in silence), and after a KT_StsBadArg report where one is named.
@@ -981,7 +981,7 @@ KTL_API void KTGetHMMScales(int hmm, int* pOrder, int* pWeightsOrder, int* pMean
 KTL_API void KTWriteHMMServer(FILE* stream, int hmm, const char* name);
 KTL_API int KTReadHMMServer(FILE* stream, char* name);
 
-/* ==== hidden Markov models: training =========================================================================== */
+/* ==== hidden Markov models: training ==================================================================== */
 
 /* Baum-Welch re-estimation from several observation sequences (L. R. Rabiner, A Tutorial on Hidden Markov Models and
  * Selected Applications in Speech Recognition, 1989; L. E. Baum et al., A Maximization Technique Occurring in the
@@ -1019,7 +1019,7 @@ KTL_API int KTsTrainContHMMBaumWelch(int hmm, const float* const* const* pppFram
 KTL_API int KTsTrainSemicontHMMBaumWelch(int hmm, const float* const* const* pppFrames, const int* pFrames,
                                          int nSequences, int maxIterations, float* pTolerance);
 
-/* ==== multilayer perceptrons =================================================================================== */
+/* ==== multilayer perceptrons ============================================================================ */
 
 /* Feed-forward networks with one weighted layer after the other, in two flavours of one shape: 32-bit float weights and
  * data, or 16-bit weights, 32-bit net sums and 16-bit outputs. Servers are opaque and own their memory. They hold scratch,

@@ -15,8 +15,7 @@
 extern "C" {
 #endif
 
-/* ---- status and tables
- * ------------------------------------------------------------------------------------- */
+/* ---- status and tables ---- */
 
 /* The layer keeps one record for the whole process: a status, an error mode (0) and a report handler
  * (vsqNulDevReport). Status codes have the values and meanings of ktlp6.h (KT_StsOk and below); the
@@ -63,8 +62,7 @@ const float* vsqcGetFftTwdTbl(int order);
 void vsqCalcBitRevTbl(int* tbl, int order);
 void vsqcCalcFftTwdTbl(float* tbl, int order);
 
-/* ---- vector operations: vsqvec, vsqarith, vsqaritw, vsqlnexp, vsqmisc
- * ---------------------------------------- */
+/* ---- vector operations: vsqvec, vsqarith, vsqaritw, vsqlnexp, vsqmisc ---- */
 
 /* Every function of this section needs a length of 1 or more and no null pointer; it refuses others with
  * status -5 and the text named there (the checks run in the order of the texts), which ends the process.
@@ -128,8 +126,7 @@ void vsqcbMag(const float* src, float* mag, int length);
  * Refused: "length<=0", "spectr==0", "src==0". */
 void vsqcbPowerSpectr(const float* src, float* spectr, int length);
 
-/* ---- conversions: vsqcvrts
- * ----------------------------------------------------------------------------------- */
+/* ---- conversions: vsqcvrts ---- */
 
 /* Flags of the conversions, to be combined. Without a rounding flag values go to the nearest integer, halves
  * to the even one; VSQ_RoundToZero is stronger than VSQ_RoundDown. */
@@ -147,8 +144,7 @@ void vsqsbFloatToInt(const float* src, void* dst, int len, int wordSize, int fla
  * change nothing. dst may be src where wordSize is 32. Refused as above. */
 void vsqsbIntToFloat(const void* src, float* dst, int len, int wordSize, int flags);
 
-/* ---- norms, products, correlation: vsqnorm, vsqdotp, vsqdotpw, vsqcorr
- * ---------------------------------------- */
+/* ---- norms, products, correlation: vsqnorm, vsqdotp, vsqdotpw, vsqcorr ---- */
 
 /* Scale modes of the kernels' fixed-point results; 0 and 1: no scale. A result is stored * 2^scale. */
 #define VSQ_FIXED_SCALE 2 /* by the factor given */
@@ -200,8 +196,7 @@ int vsqwNormExt(const short* a, const short* b, int n, int flags, int scaleMode,
  * LAG value" (nLags below 1 or above n), "Invalid auto-corr type". */
 void vsqsAutoCorr(const float* src, int n, float* dst, int nLags, int type);
 
-/* ---- transforms: vsqffts, vsqfftw, vsqdct, vsqtwd
- * ------------------------------------------------------------- */
+/* ---- transforms: vsqffts, vsqfftw, vsqdct, vsqtwd ---- */
 
 /* The real transforms and their tables may run on several threads at once: a table is made by the first call
  * that needs it and then only read. Only a release asks for care: call it while no other thread runs a
@@ -261,7 +256,7 @@ void vsqwFreeRealFftTbls(void);
 
 /* The orthonormal DCT-II of n values (VSQ_DctForw), y[0] = sqrt(1/n) * sum of x[j] and y[k] = sqrt(2/n) * sum
  * of x[j] cos(pi k (2j + 1) / (2n)), or its inverse (VSQ_DctInv). Any n; pSrc and pDst may be the same array.
- * Powers of two from 64 on take an FFT, other lengths n * n / 2 multiplications by cosines that are kept for
+ * Powers of two from 128 on take an FFT, other lengths n * n / 2 multiplications by cosines that are kept for
  * this n. The same bits on every processor. With flags equal to VSQ_DctFree all cached tables of both
  * functions are released (while no other thread runs one), and the other arguments are ignored. Refused:
  * "\nNull pointer to data buffer\n", "\nBad value of data buffer size\n" (n below 1), "\nBad value of the

@@ -10,24 +10,61 @@ using std::int16_t;
 using std::int32_t;
 using std::int64_t;
 
-// Runs step(index, lanes) over [0, n): in wide packs, then in fours, then one by one.
+// Runs step(index, lanes) over [0, n): in wide packs, then in narrower ones, then one by one.
 template <int lanes, class Step>
 VSQ_INLINE void forBlocks(int n, const Step& step) {
     int i = 0;
     for (; n - i >= lanes; i += lanes)
         step(i, std::integral_constant<int, lanes>());
+    if constexpr (lanes > 32)
+        for (; n - i >= 32; i += 32)
+            step(i, std::integral_constant<int, 32>());
     for (; n - i >= 4; i += 4)
         step(i, std::integral_constant<int, 4>());
     for (; i < n; ++i)
         step(i, std::integral_constant<int, 1>());
 }
 
+constexpr int wide = 2 * registerBytes; // lanes of a block: eight registers of 32-bit elements
+
+// The registers of a pack folded into one, lane by lane.
+template <class T, int N, class Fold>
+VSQ_INLINE auto foldedRegisters(const Pack<T, N>& v, const Fold& fold) {
+    if constexpr (isRegister<T, N>)
+        return v;
+    else
+        return fold(foldedRegisters(v.lo, fold), foldedRegisters(v.hi, fold));
+}
+
+template <int N>
+VSQ_INLINE bool anyAbove(const Pack<int, N>& v, int limit) {
+    const auto above = [](const auto& a, const auto& b) VSQ_LAMBDA { return larger(a, b); };
+    const auto largest = foldedRegisters(v, above);
+    return anyLane(splat<int, int(sizeof largest / sizeof(int))>(limit) < largest);
+}
+
+template <int N>
+VSQ_INLINE bool anyLeast(const Pack<int, N>& v) { // the most negative int
+    const auto below = [](const auto& a, const auto& b) VSQ_LAMBDA { return smaller(a, b); };
+    const auto least = foldedRegisters(v, below);
+    return anyLane(least == splat<int, int(sizeof least / sizeof(int))>(INT32_MIN));
+}
+
 // --- downward ---
 
-// Narrowing saturates, so what lies below the short range ends at its most negative value by itself, as does
-// what does not even fit 32 bits; only what lies above it, and not-a-number, is replaced beforehand.
+// Narrowing saturates, and so brings nearly all values where they belong by itself: what lies below the short range, and
+// what does not even fit 32 bits and has become the most negative int. In wide blocks the few that end elsewhere are
+// looked for, with one comparison a block, which costs less than to replace them beforehand in every register.
+template <int N>
+constexpr bool looksFirst = N == wide&& registerBytes > 16; // SSE2 has no maximum of 32-bit integers
+
+// In a truncation they are those between the two ranges, which are to become the most negative value.
 template <class T, int N>
 VSQ_INLINE Pack<short, N> truncateTo(short, const Pack<T, N>& x) {
+    if constexpr (looksFirst<N>) {
+        const Pack<int, N> whole = truncated(x);
+        if (__builtin_expect(!anyAbove(whole, 32767), true)) return narrowed(whole);
+    }
     return narrowed(truncated(select(x < splat<T, N>(T(32768)), x, splat<T, N>(T(-32768)))));
 }
 template <class T, int N>
@@ -35,9 +72,14 @@ VSQ_INLINE Pack<int, N> truncateTo(int, const Pack<T, N>& x) {
     return truncated(x);
 }
 
-// The smaller of limit and x is x for a not-a-number, which then truncates to the most negative int.
+// When values are clamped they are those above 32 bits, which are to become the largest value. The smaller of limit and
+// x is x for a not-a-number, which then truncates to the most negative int.
 template <class T, int N>
 VSQ_INLINE Pack<short, N> clampTo(short, const Pack<T, N>& x) {
+    if constexpr (looksFirst<N>) {
+        const Pack<int, N> whole = truncated(x);
+        if (__builtin_expect(!anyLeast(whole), true)) return narrowed(whole);
+    }
     return narrowed(truncated(smaller(splat<T, N>(T(32767)), x)));
 }
 template <int N>
@@ -58,7 +100,7 @@ bool isNormalFloat(double factor) {
 
 template <class Work, class Src, class Dst>
 VSQ_INLINE void truncateIn(const Src* src, Dst* dst, int n, Work factor) {
-    forBlocks<32>(n, [=](int i, auto lanes) VSQ_LAMBDA {
+    forBlocks<wide>(n, [=](int i, auto lanes) VSQ_LAMBDA {
         constexpr int N = decltype(lanes)::value;
         store(dst + i, truncateTo(Dst(), convert<Work>(load<Src, N>(src + i)) * splat<Work, N>(factor)));
     });
@@ -74,7 +116,7 @@ void truncate(const Src* src, Dst* dst, int n, double factor) {
 
 template <class Src, class Dst>
 void clamp(const Src* src, Dst* dst, int n) {
-    forBlocks<32>(n, [=](int i, auto lanes) VSQ_LAMBDA {
+    forBlocks<wide>(n, [=](int i, auto lanes) VSQ_LAMBDA {
         store(dst + i, clampTo(Dst(), load<Src, decltype(lanes)::value>(src + i)));
     });
 }
@@ -87,12 +129,24 @@ VSQ_INLINE void raiseIn(const Src* src, Dst* dst, int n, Work factor) {
         dst[i] = static_cast<Dst>(static_cast<Work>(src[i]) * factor);
 }
 
+// Register by register, so that each load widens straight from memory.
+VSQ_INLINE void raiseIn(const short* src, float* dst, int n, float factor) {
+    constexpr int fitting = registerBytes / int(sizeof(float));
+    forBlocks<wide>(n, [=](int i, auto lanes) VSQ_LAMBDA {
+        constexpr int all = decltype(lanes)::value, N = all < fitting ? all : fitting;
+#pragma GCC unroll 8
+        for (int part = 0; part < all; part += N)
+            store(dst + i + part,
+                  convert<float>(convert<int>(load<short, N>(src + i + part))) * splat<float, N>(factor));
+    });
+}
+
 template <class Src, class Dst>
 void raise(const Src* src, Dst* dst, int n, double factor) {
     if (sizeof(Dst) == sizeof(float) && isNormalFloat(factor))
-        raiseIn<Dst>(src, dst, n, static_cast<Dst>(factor));
+        raiseIn(src, dst, n, static_cast<Dst>(factor));
     else
-        raiseIn<double>(src, dst, n, factor);
+        raiseIn<double, Src, Dst>(src, dst, n, factor);
 }
 
 // --- range of an array ---
@@ -138,32 +192,42 @@ int largestDoubleExponent(const double* src, int n) {
     return largestMasked<int64_t, 64>(src, std::ptrdiff_t(4) * n, 0x7FF0000000000000) >> 4;
 }
 
-// Largest and smallest element, so that no magnitude is formed before the end, where it is unsigned: the most
-// negative value has one.
+// All magnitudes or'ed together: their highest set bit is that of the largest one. The most negative value is its own
+// negative, and as an unsigned word its magnitude. Four chains, so that they do not wait for each other; the last register
+// may begin before the others end, since nothing changes when a value comes twice.
 template <class T>
-VSQ_INLINE unsigned largestMagnitude(const T* src, int n) {
-    constexpr int N = 128 / int(sizeof(T));
-    auto highest = splat<T, N>(0), lowest = highest;
+VSQ_INLINE unsigned joinedMagnitudes(const T* src, int n) {
+    using Word = typename std::make_unsigned<T>::type;
+    constexpr int N = registerBytes / int(sizeof(T)), chains = 4;
+    Word all = 0;
+    if (n < N) {
+        for (int i = 0; i < n; ++i)
+            all = Word(all | (src[i] < 0 ? Word(0) - Word(src[i]) : Word(src[i])));
+        return all;
+    }
+    const auto zero = splat<T, N>(0);
+    Pack<T, N> joined[chains] = {zero, zero, zero, zero};
+    const auto add = [zero](Pack<T, N>& bits, const Pack<T, N>& x)
+                         VSQ_LAMBDA { bits = bits | larger(x, zero - x); };
     int i = 0;
-    for (; n - i >= N; i += N) {
-        const auto x = load<T, N>(src + i);
-        highest = larger(highest, x);
-        lowest = smaller(lowest, x);
-    }
-    T high = largestLane(highest), low = smallestLane(lowest);
-    for (; i < n; ++i) {
-        high = src[i] > high ? src[i] : high;
-        low = src[i] < low ? src[i] : low;
-    }
-    const unsigned above = static_cast<unsigned>(high), below = 0u - static_cast<unsigned>(low);
-    return above > below ? above : below;
+    for (; n - i >= chains * N; i += chains * N)
+        for (int chain = 0; chain < chains; ++chain)
+            add(joined[chain], load<T, N>(src + i + chain * N));
+    for (; n - i >= N; i += N)
+        add(joined[0], load<T, N>(src + i));
+    add(joined[1], load<T, N>(src + n - N));
+    T lanes[N];
+    store(lanes, (joined[0] | joined[1]) | (joined[2] | joined[3]));
+    for (const T lane : lanes)
+        all = Word(all | Word(lane));
+    return all;
 }
 
-unsigned largestShortMagnitude(const short* src, int n) {
-    return largestMagnitude(src, n);
+unsigned joinedShortMagnitudes(const short* src, int n) {
+    return joinedMagnitudes(src, n);
 }
-unsigned largestIntMagnitude(const int* src, int n) {
-    return largestMagnitude(src, n);
+unsigned joinedIntMagnitudes(const int* src, int n) {
+    return joinedMagnitudes(src, n);
 }
 
 } // namespace
@@ -172,7 +236,7 @@ extern const CvrtsKernels cvrtsKernels{
     truncate<float, short>, truncate<double, short>, truncate<float, int>,  truncate<double, int>,
     clamp<float, short>,    clamp<double, short>,    clamp<float, int>,     clamp<double, int>,
     raise<short, float>,    raise<short, double>,    raise<int, float>,     raise<int, double>,
-    largestFloatExponent,   largestDoubleExponent,   largestShortMagnitude, largestIntMagnitude,
+    largestFloatExponent,   largestDoubleExponent,   joinedShortMagnitudes, joinedIntMagnitudes,
 };
 
 } // namespace vsq::VSQ_LEVEL

@@ -25,8 +25,8 @@ struct CvrtsKernels {
 
     int (*largestFloatExponent)(const float* src, int n);   // the largest biased exponent field; 0 for n < 1
     int (*largestDoubleExponent)(const double* src, int n); // the same
-    unsigned (*largestShortMagnitude)(const short* src, int n); // the largest absolute value; 0 for n < 1
-    unsigned (*largestIntMagnitude)(const int* src, int n);     // the same
+    unsigned (*joinedShortMagnitudes)(const short* src, int n); // all absolute values or'ed; 0 for n < 1
+    unsigned (*joinedIntMagnitudes)(const int* src, int n);     // the same
 };
 VSQ_DECLARE_LEVELS(CvrtsKernels, cvrtsKernels)
 

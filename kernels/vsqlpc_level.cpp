@@ -124,8 +124,108 @@ void fixedPower(const short* table, int n, const short* coef, int nCoef, unsigne
     powerSpectrum(FixedSums{one, unit}, table, n, coef, nCoef, power);
 }
 
+// --- Durbin's recursion ---
+
+// What each order of the recursion waits for: the numerator of its reflection coefficient, the prediction error, and
+// that error's reciprocal, which is ready before the numerator is.
+struct Pending {
+    double numerator;
+    double error;
+    double inverse;
+};
+
+// The reflection coefficient, and in `pending` the next order's error; no value where its magnitude is above 1: the
+// recursion has lost stability. Comparisons with not-a-number do not show that.
+VSQ_INLINE bool reflect(Pending& pending, double& k, float& error) {
+    k = pending.numerator * pending.inverse;
+    if (__builtin_fabs(pending.numerator) > __builtin_fabs(pending.error)) return false;
+    error = static_cast<float>((1.0 - k * k) * pending.error);
+    pending.error = error;
+    pending.inverse = 1.0 / pending.error;
+    return true;
+}
+
+template <int n>
+VSQ_INLINE double sumAsTree(const double* values) {
+    if constexpr (n == 1)
+        return values[0];
+    else
+        return sumAsTree<n / 2>(values) + sumAsTree<n - n / 2>(values + n / 2);
+}
+
+// The usual orders are written out, so that predictor and products stay in registers and the products add up as a tree: the
+// recursion is one long chain of waiting, and each addition in it counts.
+constexpr int unrolledOrders = 16;
+
+// Order i: the predictor a[1] to a[i], each rounded to float, and the next numerator.
+template <int i>
+VSQ_INLINE bool nextOrder(const double* r, double* a, float* e, Pending& pending) {
+    double k;
+    if (!reflect(pending, k, e[i])) return false;
+    double products[i];
+#pragma GCC unroll 16
+    for (int j = 1; 2 * j < i; ++j) {
+        const double lower = a[j], upper = a[i - j];
+        a[j] = static_cast<float>(lower - upper * k);
+        a[i - j] = static_cast<float>(upper - lower * k);
+        products[2 * j - 2] = a[j] * r[i + 1 - j];
+        products[2 * j - 1] = a[i - j] * r[j + 1];
+    }
+    if constexpr (i % 2 == 0) {
+        a[i / 2] = static_cast<float>((1.0 - k) * a[i / 2]);
+        products[i - 2] = a[i / 2] * r[i / 2 + 1];
+    }
+    a[i] = static_cast<float>(k);
+    products[i - 1] = a[i] * r[1];
+    pending.numerator = r[i + 1] - sumAsTree<i>(products);
+    return true;
+}
+
+template <int i>
+VSQ_INLINE bool ordersFrom(const double* r, double* a, float* e, Pending& pending, int order) {
+    if (!nextOrder<i>(r, a, e, pending)) return false;
+    if constexpr (i < unrolledOrders)
+        return i == order || ordersFrom<i + 1>(r, a, e, pending, order);
+    else
+        return true;
+}
+
+// The orders from unrolledOrders + 1 on.
+VSQ_INLINE bool longOrders(const float* r, float* e, float* a, Pending& pending, int order) {
+    for (int i = unrolledOrders + 1; i <= order; ++i) {
+        double k;
+        if (!reflect(pending, k, e[i])) return false;
+        a[i] = static_cast<float>(k);
+        for (int j = 1; 2 * j < i; ++j) {
+            const double lower = a[j], upper = a[i - j];
+            a[j] = static_cast<float>(lower - upper * k);
+            a[i - j] = static_cast<float>(upper - lower * k);
+        }
+        if (i % 2 == 0) a[i / 2] = static_cast<float>((1.0 - k) * a[i / 2]);
+        double sum = 0;
+        for (int j = 1; j <= i && i < order; ++j)
+            sum += static_cast<double>(a[j]) * r[i + 1 - j];
+        if (i < order) pending.numerator = r[i + 1] - sum;
+    }
+    return true;
+}
+
+// r and e have order + 1 elements, a too, its first unused. False when the recursion has lost stability.
+bool durbin(const float* r, float* e, float* a, int order) {
+    e[0] = r[0];
+    if (order < 1) return true;
+    double lags[unrolledOrders + 2], predictor[unrolledOrders + 1];
+    for (int i = 0; i < unrolledOrders + 2; ++i)
+        lags[i] = i <= order ? r[i] : 0.0f;
+    Pending pending{lags[1], lags[0], 1.0 / lags[0]};
+    if (!ordersFrom<1>(lags, predictor, e, pending, order)) return false;
+    for (int i = 1; i <= order && i <= unrolledOrders; ++i)
+        a[i] = static_cast<float>(predictor[i]);
+    return longOrders(r, e, a, pending, order);
+}
+
 } // namespace
 
-extern const LpcKernels lpcKernels{floatPower, fixedPower};
+extern const LpcKernels lpcKernels{floatPower, fixedPower, durbin};
 
 } // namespace vsq::VSQ_LEVEL

@@ -1,5 +1,5 @@
-// The prediction-error filter's response, |1 - sum c[i] exp(-j w i)|^2, at n equally spaced frequencies from
-// 0 up to but not including the Nyquist frequency.
+// Linear prediction: the recursion that finds a predictor, and the response of its error filter, |1 - sum c[i] exp(-j w
+// i)|^2, at n equally spaced frequencies from 0 up to but not including the Nyquist frequency.
 #pragma once
 
 #include "levelrecord.h"
@@ -17,6 +17,12 @@ struct LpcKernels {
     // times `unit`.
     void (*fixedPower)(const short* table, int n, const short* coef, int nCoef, unsigned one, double unit,
                        float* power);
+
+    // The predictor a[1] to a[order] of a signal with the autocorrelation r[0] to r[order], and its errors e[0] to
+    // e[order]; a[0] is not used. All are stored as floats, order by order, and sums and products are double. False when
+    // a reflection coefficient is above 1 in magnitude: the recursion has lost stability. J. Durbin, "The Fitting of
+    // Time-Series Models", 1960.
+    bool (*durbin)(const float* r, float* e, float* a, int order);
 };
 VSQ_DECLARE_LEVELS(LpcKernels, lpcKernels)
 

@@ -51,7 +51,8 @@ int* buildBitRev(int order) {
 }
 
 float* buildTwiddles(int order) {
-    float* table = allocAligned<float>(std::ptrdiff_t{2} << order);
+    // Pairs are counted, not floats: a count that the address space cannot hold comes out negative and is refused.
+    auto* table = static_cast<float*>(allocAligned(std::ptrdiff_t{1} << order, 2 * sizeof(float)));
     if (table != nullptr) vsqcCalcFftTwdTbl(table, order);
     return table;
 }
@@ -271,10 +272,11 @@ void releaseAllFftTables() {
 }
 
 float* WorkCache::take(std::ptrdiff_t count) {
+    constexpr auto largest = PTRDIFF_MAX / static_cast<std::ptrdiff_t>(sizeof(float)) - blockHeader;
+    if (count < 0 || count > largest) return nullptr;
     float* block = slot.exchange(nullptr, std::memory_order_acq_rel);
     if (block != nullptr && capacityOf(block) >= count) return block;
     freeWork(block);
-    if (count > PTRDIFF_MAX / static_cast<std::ptrdiff_t>(sizeof(float)) - blockHeader) return nullptr;
     float* raw = allocAligned<float>(count + blockHeader);
     if (raw == nullptr) return nullptr;
     new (raw) std::ptrdiff_t(count);

@@ -5,8 +5,7 @@
 
 namespace platform {
 
-// ---- processor
-// ----------------------------------------------------------------------------------------------
+// ---- processor ----
 
 // Instruction sets for which the kernels are compiled, in ascending order.
 enum class ProcessorLevel { baseline, avx2, avx512 };
@@ -14,8 +13,7 @@ enum class ProcessorLevel { baseline, avx2, avx512 };
 // The highest level that this processor and its operating system support.
 ProcessorLevel processorLevel();
 
-// ---- the thread's record
-// ------------------------------------------------------------------------------------
+// ---- the thread's record ----
 //
 // One slot of thread-local storage holds the address of one record per thread. A record is made by loadModule
 // for the thread that loads the module, by the system's notice of a thread's start where there is one (the
@@ -56,8 +54,7 @@ void unloadModule();
 bool notify(unsigned long reason);
 #endif
 
-// ---- the user
-// -----------------------------------------------------------------------------------------------
+// ---- the user ----
 
 // The values are the system's style words: two buttons, the first is the default, system-modal.
 enum class BoxButtons : unsigned { okCancel = 0x1001, yesNo = 0x1004 };

@@ -42,6 +42,32 @@ TEST(Context, TheEndOfAThreadReleasesTheRecordItself) {
     EXPECT_EQ(support::alloc::liveBlocksOfProcess(), before);
 }
 
+// The end of a thread does not know the owners of what its record points to: its models stay, and here another
+// thread takes them over and releases them.
+TEST(Context, LiveModelsOfAThreadStayWhenItEnds) {
+    KTGetStatus();
+    const long before = support::alloc::liveBlocksOfProcess();
+    KTContext left{};
+    std::thread([&left] {
+        const float half[2] = {0.5f, 0.5f};
+        const float* const rows[2] = {half, half};
+        EXPECT_GT(KTsInitHMMServer(rows, rows, half, 2, 2, KT_HMM_EXPONENTIAL), 0);
+        left = *KTGetContext();
+    }).join();
+    EXPECT_EQ(left.nHMMServers, 1);
+    EXPECT_GT(support::alloc::liveBlocksOfProcess(), before);
+    std::thread([&left] {
+        const int status = KTGetContext()->status;
+        *KTGetContext() = left;
+        int nStates = 0;
+        EXPECT_EQ(KTGetHMMParm(1, &nStates, nullptr, nullptr, nullptr, nullptr), 0);
+        EXPECT_EQ(nStates, 2);
+        KTHMMFreeAll();
+        EXPECT_EQ(KTGetStatus(), status);
+    }).join();
+    EXPECT_EQ(support::alloc::liveBlocksOfProcess(), before);
+}
+
 namespace {
 
 struct LateCaller {

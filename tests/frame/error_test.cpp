@@ -48,8 +48,7 @@ void sayThatExitHandlersRan() {
 
 } // namespace
 
-// ---- texts
-// --------------------------------------------------------------------------------------------------
+// ---- texts ----
 
 TEST(ErrorStr, KnowsTheElevenCodes) {
     const std::pair<int, const char*> texts[] = {
@@ -87,8 +86,7 @@ TEST(ErrorStr, OneBufferServesAllUnknownCodes) {
     EXPECT_STREQ(first, "Unknown status code 3");
 }
 
-// ---- state
-// --------------------------------------------------------------------------------------------------
+// ---- state ----
 
 TEST(State, StatusStaysUntilAnotherIsStored) {
     const Settings settings(KT_ErrorModeParent, -5);
@@ -115,8 +113,7 @@ TEST(State, RedirectReturnsThePreviousHandlerAndNullMeansTheDefault) {
     EXPECT_EQ(KTSetWinError(), &KTWinError);
 }
 
-// ---- the dispatcher
-// -----------------------------------------------------------------------------------------
+// ---- the dispatcher ----
 
 TEST(Dispatcher, PassesAllArgumentsUnchangedAndReturnsTheHandlersResult) {
     support::CapturedReports reports;
@@ -171,8 +168,7 @@ TEST(Module, ReportsWithItsNameAndThePlaceOfTheCall) {
     EXPECT_EQ(reports[1].line, 9);
 }
 
-// ---- KTNulDevReport
-// -----------------------------------------------------------------------------------------
+// ---- KTNulDevReport ----
 
 TEST(NulDevReport, InLeafModeEndsTheProcessThroughExitAndWithoutText) {
     EXPECT_EXIT(
@@ -191,8 +187,7 @@ TEST(NulDevReport, InOtherModesReturnsTheStatusAndWritesNothing) {
     }
 }
 
-// ---- KTStdError
-// ---------------------------------------------------------------------------------------------
+// ---- KTStdError ----
 
 TEST(StdError, AFirstReportReadsInThreeLinesAndTheMessage) {
     const Settings settings(KT_ErrorModeParent, 0);
@@ -308,8 +303,7 @@ TEST(StdError, AChainReadsAsOneInFunctionAndACalledFromPerLevel) {
     EXPECT_EQ(KTGetStatus(), -4);
 }
 
-// ---- KTWinError where no box is shown
-// -----------------------------------------------------------------------
+// ---- KTWinError where no box is shown ----
 
 TEST(WinError, InSilentModeReturnsTheStatusAndStoresAndShowsNothing) {
     const Settings settings(KT_ErrorModeSilent, -4);

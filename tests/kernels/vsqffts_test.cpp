@@ -269,21 +269,24 @@ TEST(RealFft, MatchesStoredVectors) {
 
 TEST(RealFft, LongOrdersPastTheTwoLevelTables) {
     // An impulse at n has the spectrum exp(-2 pi i k n / N), of which a few bins tell.
-    const int order = 22;
-    const std::size_t length = lengthOf(order), at = 1234567;
-    Floats x(length);
-    x[at] = 1.0f;
-    vsqsRealFftl(x.data(), order, forwPerm);
-    for (std::size_t k : {std::size_t{1}, std::size_t{2}, std::size_t{77}, length / 4, length / 2 - 1}) {
-        const long double angle =
-            -2.0L * std::acos(-1.0L) * static_cast<long double>(k * at % length) / length;
-        EXPECT_NEAR(x[2 * k], static_cast<double>(std::cos(angle)), 1e-6);
-        EXPECT_NEAR(x[2 * k + 1], static_cast<double>(std::sin(angle)), 1e-6);
+    for (int order : {22, 23, 24}) {
+        const std::size_t length = lengthOf(order), at = 1234567;
+        Floats x(length);
+        x[at] = 1.0f;
+        vsqsRealFftl(x.data(), order, forwPerm);
+        for (std::size_t k : {std::size_t{1}, std::size_t{2}, std::size_t{77}, length / 4, length / 2 - 1}) {
+            const long double angle =
+                -2.0L * std::acos(-1.0L) * static_cast<long double>(k * at % length) / length;
+            EXPECT_NEAR(x[2 * k], static_cast<double>(std::cos(angle)), 1e-6) << order;
+            EXPECT_NEAR(x[2 * k + 1], static_cast<double>(std::sin(angle)), 1e-6) << order;
+        }
+        vsqsRealFftl(x.data(), order, invPerm);
+        x[at] -= 1.0f;
+        float largest = 0.0f;
+        for (float value : x)
+            largest = std::max(largest, std::fabs(value));
+        EXPECT_LT(largest, 1e-6f) << order;
     }
-    vsqsRealFftl(x.data(), order, invPerm);
-    x[at] -= 1.0f;
-    for (float value : x)
-        ASSERT_NEAR(value, 0.0f, 1e-6f);
     vsqsFreeRealFftTbls();
 }
 

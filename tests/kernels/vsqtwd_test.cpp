@@ -177,6 +177,23 @@ TEST_F(TransformTables, ExhaustionIsReported) {
     EXPECT_NE(vsqcGetFftTwdTbl(5), nullptr);
 }
 
+// What 32 bits cannot count must not come out small: such tables are asked for and never there.
+TEST_F(TransformTables, TheLongestOrdersAreAMatterOfMemory) {
+    support::KernelReports reports;
+    for (int order : {30, 31}) {
+        support::alloc::armFrom(1);
+        EXPECT_EQ(vsqGetBitRevTbl(order), nullptr);
+        support::alloc::disarm();
+        EXPECT_EQ(reports.takeMessage(), "NULL Pointer");
+        vsqSetStatus(0);
+        support::alloc::armFrom(1);
+        EXPECT_EQ(vsqcGetFftTwdTbl(order), nullptr);
+        support::alloc::disarm();
+        EXPECT_EQ(reports.takeMessage(), "NULL Pointer");
+        vsqSetStatus(0);
+    }
+}
+
 TEST_F(TransformTables, ThreadsThatAskAtOnceGetOneTable) {
     std::vector<const int*> ints(8);
     std::vector<const float*> floats(8);
@@ -251,7 +268,11 @@ TEST(WorkingTables, AWorkBlockIsNeverLentTwice) {
     EXPECT_EQ(support::alloc::liveBlocks(), before + 1);
     cache.release();
     EXPECT_EQ(support::alloc::liveBlocks(), before);
+    cache.give(cache.take(100));
     EXPECT_EQ(cache.take(PTRDIFF_MAX), nullptr);
+    EXPECT_EQ(cache.take(-1), nullptr); // however large the block that is there
+    cache.release();
+    EXPECT_EQ(support::alloc::liveBlocks(), before);
 }
 
 } // namespace
