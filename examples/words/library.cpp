@@ -1,0 +1,73 @@
+#include "library.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace words {
+namespace {
+
+thread_local std::string report;
+
+int remember(int status, const char*, const char* message, const char*, int) {
+    // Of a chain of reports the first one names the cause; the others say through whom it came.
+    if (report.empty()) report = message != nullptr && *message != '\0' ? message : KTErrorStr(status);
+    return status;
+}
+
+} // namespace
+
+void quietLibrary() {
+    KTRedirectError(remember);
+    KTSetErrMode(KT_ErrorModeParent);
+    forgetReports();
+}
+
+std::string lastReport() {
+    return report;
+}
+
+void forgetReports() {
+    report.clear();
+    KTSetStatus(
+        KT_StsOk); // several functions refuse to work on a thread whose status tells of an old failure
+}
+
+void releaseLibrary() {
+    KTHMMFreeAll();
+    KTsPatternFreeAll();
+    KTwPatternFreeAll();
+    KTFreeGaussTbls();
+    KTFreeCepsTbls();
+    KTFreePreemphasizeTbls();
+}
+
+Stream::Stream(std::string path, const char* mode)
+    : name(std::move(path)), file(KTOpenFile(name.c_str(), mode)), writing(mode[0] == 'w') {
+    if (file == nullptr) throw Failure(name + ": " + std::strerror(errno));
+}
+
+Stream::~Stream() {
+    if (file != nullptr) KTCloseFile(file);
+}
+
+bool Stream::atEnd() const {
+    const int next = std::fgetc(file);
+    if (next != EOF) std::ungetc(next, file);
+    return next == EOF;
+}
+
+void Stream::finish() {
+    const bool broken = std::ferror(file) != 0;
+    const bool more = !writing && !atEnd();
+    const bool unwritten = KTCloseFile(std::exchange(file, nullptr)) != 0;
+    if (broken || unwritten)
+        throw Failure(name + (writing ? ": could not be written" : ": could not be read"));
+    if (more) throw Failure(name + ": damaged, there is more in it than models");
+}
+
+void Stream::damaged(const char* what) const {
+    throw Failure(name + ": damaged, no " + what + " where one should be" +
+                  (report.empty() ? "" : " (" + report + ")"));
+}
+
+} // namespace words
