@@ -162,10 +162,10 @@ TEST(Box, ALongMessageIsCutOffAt999Characters) {
 
 TEST(Box, YesEndsTheProcessInLeafMode) {
     EXPECT_EXIT(reportAndContinue(KT_ErrorModeLeaf, IDYES), processEnded,
-                "Terminate the application\\?><KTL:.*terminating the application>");
+                "Terminate the application\\?><KTL:\\s+terminating the application>");
 }
 
 TEST(Box, CancelEndsTheProcessInParentMode) {
     EXPECT_EXIT(reportAndContinue(KT_ErrorModeParent, IDCANCEL), processEnded,
-                "Continue\\?><KTL:.*terminating the application>");
+                "Continue\\?><KTL:\\s+terminating the application>");
 }

@@ -11,7 +11,7 @@
 #include "vsq.h"
 
 #include <algorithm>
-#include <barrier>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -605,7 +605,7 @@ TEST(Cepstrum, ThreadsDoNotShareBuffers) {
     const std::vector<float> samples = randomSamples(512, 1);
     std::vector<std::vector<float>> results(4);
     std::vector<std::thread> threads;
-    std::barrier done(4);
+    std::atomic<int> running = 4;
     std::mutex oneAtATime; // the release is for quiet moments
     for (auto& result : results)
         threads.emplace_back([&] {
@@ -617,7 +617,8 @@ TEST(Cepstrum, ThreadsDoNotShareBuffers) {
             }
             for (float** buffer : {&KTGetContext()->Ceps.filterOutput, &KTGetContext()->Ceps.fftOut})
                 EXPECT_NE(*buffer, nullptr);
-            done.arrive_and_wait();
+            for (--running; running != 0;)
+                std::this_thread::yield();
             const std::lock_guard lock(oneAtATime);
             KTFreeCepsTbls();
         });

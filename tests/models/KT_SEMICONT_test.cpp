@@ -194,8 +194,8 @@ TEST_F(Codebooks, InitAllocationFailures) {
     auto servers = floatServers(random, 3, 4, 1, false);
     auto fixed = fixedServers(random, 3, 4, 1, true);
     KTSetHMMMode(0);
-    const long before = support::alloc::liveBlocks();
     support::CapturedReports reports; // the copies of densities report what they could not get
+    const long before = support::alloc::liveBlocks();
     int result = 0;
     const auto check = [&] {
         EXPECT_EQ(result, KTGetStatus() < 0 ? 1 : -1);

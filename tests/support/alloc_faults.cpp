@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdlib>
+#include <new>
 
 // mingw's thread-local variables are allocated at first use, through the very functions that are wrapped here;
 // so on Windows the counters are the process's, and tests that use them there run no second thread meanwhile.
@@ -39,6 +41,10 @@ bool refuse() {
 
 } // namespace
 
+void disarm() {
+    armed = false;
+}
+
 void arm(int failAt) {
     countdown = failAt;
     failsOn = false;
@@ -48,13 +54,11 @@ void arm(int failAt) {
 }
 
 void armFrom(int failFrom) {
+    [[maybe_unused]] static const int registered = std::atexit(disarm); // a normal exit may allocate
     arm(failFrom);
     failsOn = true;
 }
 
-void disarm() {
-    armed = false;
-}
 bool failed() {
     return hasFailed;
 }
@@ -105,3 +109,19 @@ void __wrap_free(void* block) {
     __real_free(block);
 }
 }
+
+#ifdef _WIN32
+// The C++ library is linked statically there, so that the tests' own containers would be counted, and refused, with
+// what the library under test allocates. Elsewhere they reach the allocators through a shared library, unwrapped.
+void* operator new(std::size_t size) {
+    void* block = __real_malloc(size != 0 ? size : 1);
+    if (block == nullptr) std::abort();
+    return block;
+}
+void operator delete(void* block) noexcept {
+    __real_free(block);
+}
+void operator delete(void* block, std::size_t) noexcept {
+    __real_free(block);
+}
+#endif
