@@ -12,44 +12,46 @@
 namespace ktl::dtw {
 namespace {
 
-// What tells the flavours apart: where the context keeps the store, and what its reports say.
-template <class Pattern>
-struct Store;
-
-template <>
-struct Store<sPattern> {
-    static sPattern*& head(KTContext* context) { return context->sPatternList; }
-    static int& count(KTContext* context) { return context->nFloatPatterns; }
-    static constexpr const char* empty = "sPatterns have not been initialized.";
-    static constexpr const char* noMemory = "sPattern can not be allocated";
-    static constexpr const char* badSize = "nVectors<0 or nDim<=0";
-    static constexpr const char* unknown =
-        "sPattern NULL ptr is met in internal structure. The sPattern can not be free.";
-    static constexpr const char* damaged = "Error in internal structure. sPatterns have not be allocated.";
-    static constexpr const char* notFreed = "Error in internal structure. sPattern can not be free";
-    static constexpr const char* iniName = "KTsPatternIni";
-    static constexpr const char* ptrGetName = "KTsPatternPtrGet";
-    static constexpr const char* ptrFreeName = "KTsPatternPtrFree";
-    static constexpr const char* freeName = "KTsPatternFree";
-    static constexpr const char* freeAllName = "KTsPatternFreeAll";
+// A text in which the flavour's letter stands for each '@'.
+template <std::size_t n>
+struct Text {
+    char chars[n];
+    consteval Text(const char (&pattern)[n], char letter) : chars{} {
+        for (std::size_t i = 0; i < n; ++i)
+            chars[i] = pattern[i] == '@' ? letter : pattern[i];
+    }
+    constexpr operator const char*() const { return chars; }
 };
 
+// What the reports of a store say, and under which names.
+template <char letter>
+struct Reports {
+    static constexpr Text empty{"@Patterns have not been initialized.", letter};
+    static constexpr Text noMemory{"@Pattern can not be allocated", letter};
+    static constexpr Text badSize{"nVectors<0 or nDim<=0", letter};
+    static constexpr Text unknown{
+        "@Pattern NULL ptr is met in internal structure. The @Pattern can not be free.", letter};
+    static constexpr Text damaged{"Error in internal structure. @Patterns have not be allocated.", letter};
+    static constexpr Text notFreed{"Error in internal structure. @Pattern can not be free", letter};
+    static constexpr Text iniName{"KT@PatternIni", letter};
+    static constexpr Text ptrGetName{"KT@PatternPtrGet", letter};
+    static constexpr Text ptrFreeName{"KT@PatternPtrFree", letter};
+    static constexpr Text freeName{"KT@PatternFree", letter};
+    static constexpr Text freeAllName{"KT@PatternFreeAll", letter};
+};
+
+// What tells the flavours apart: what their reports say, and where the context keeps the store.
+template <class Pattern>
+struct Store;
 template <>
-struct Store<wPattern> {
+struct Store<sPattern> : Reports<'s'> {
+    static sPattern*& head(KTContext* context) { return context->sPatternList; }
+    static int& count(KTContext* context) { return context->nFloatPatterns; }
+};
+template <>
+struct Store<wPattern> : Reports<'w'> {
     static wPattern*& head(KTContext* context) { return context->wPatternList; }
     static int& count(KTContext* context) { return context->nFixedPatterns; }
-    static constexpr const char* empty = "wPatterns have not been initialized.";
-    static constexpr const char* noMemory = "wPattern can not be allocated";
-    static constexpr const char* badSize = "nVectors<0 or nDim<=0";
-    static constexpr const char* unknown =
-        "wPattern NULL ptr is met in internal structure. The wPattern can not be free.";
-    static constexpr const char* damaged = "Error in internal structure. wPatterns have not be allocated.";
-    static constexpr const char* notFreed = "Error in internal structure. wPattern can not be free";
-    static constexpr const char* iniName = "KTwPatternIni";
-    static constexpr const char* ptrGetName = "KTwPatternPtrGet";
-    static constexpr const char* ptrFreeName = "KTwPatternPtrFree";
-    static constexpr const char* freeName = "KTwPatternFree";
-    static constexpr const char* freeAllName = "KTwPatternFreeAll";
 };
 
 // The smallest positive handle that no record holds. It is at most one above the number of records, so

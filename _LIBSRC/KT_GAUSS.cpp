@@ -165,7 +165,7 @@ namespace {
 
 // The factor that KT_GAUSS_NORMALIZE folds into a weight: sqrt(|det|) of the mixture's inverse covariance.
 double diagonalFactor(const float* diagonal, int n) {
-    ScaledProduct product;
+    ScaledProduct product{1.0, 0};
     for (int i = 0; i < n; ++i)
         product.times(double(diagonal[i]));
     return std::sqrt(std::fabs(product.value()));

@@ -42,7 +42,7 @@ bool acceptable(const GaussMixServer* server, int forbiddenFlag, const char* ref
 }
 
 double diagonalDeterminant(const float* diagonal, int n) {
-    ScaledProduct product;
+    ScaledProduct product{1.0, 0};
     for (int i = 0; i < n; ++i)
         product.times(double(diagonal[i]));
     return product.value();

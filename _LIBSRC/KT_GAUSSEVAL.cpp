@@ -9,8 +9,6 @@
 #include "levels.h"
 
 #include <algorithm>
-#include <bit>
-#include <cmath>
 
 namespace ktl::gauss {
 
@@ -28,23 +26,6 @@ int fixedForm(const GaussMixServer* server, int mixture, const short* pVector, i
 }
 
 namespace {
-
-// Into pWork: -|form| / 2 rounded to float, 0 for a mixture whose weight's bit pattern is 0.
-void exponents(const GaussMixServer* server, const float* pVector, int nDim, float* work) {
-    const float* weight = weights<float>(server);
-    float** mean = means<float>(server);
-    if (!isFull(server)) {
-        vsq::kernels().gauss->exponentsDiagonal(pVector, mean, diagonals<float>(server), weight, nDim,
-                                                server->nMix, work);
-        return;
-    }
-    for (int k = 0; k < server->nMix; ++k) {
-        work[k] = 0.0f;
-        if (std::bit_cast<std::uint32_t>(weight[k]) == 0) continue;
-        const double form = vsq::kernels().mahal->full(pVector, mean[k], matrices<float>(server)[k], nDim);
-        work[k] = float(-std::fabs(form) * 0.5);
-    }
-}
 
 // Into pWork: the integer forms. A mixture of weight 0 may get anything.
 void fixedForms(const GaussMixServer* server, const short* pVector, int nDim, int* work) {
@@ -65,9 +46,13 @@ using namespace ktl::gauss;
 double KTsEvalGaussMix(GaussMixServer* pServer, const float* pVector, int nDim) {
     if (pServer == nullptr || !isFloat(pServer)) return 0.0;
     auto* work = static_cast<float*>(pServer->pWork);
-    exponents(pServer, pVector, std::min(nDim, pServer->nDim), work);
-    vsq::kernels().lnexp->exp(work, pServer->nMix);
-    return vsq::kernels().dotp->dot(work, pServer->pNormWeights, pServer->nMix);
+    const float* weight = weights<float>(pServer);
+    const int n = std::min(nDim, pServer->nDim);
+    if (isFull(pServer))
+        return vsq::kernels().gauss->evaluateFull(pVector, means<float>(pServer), matrices<float>(pServer),
+                                                  weight, pServer->pNormWeights, n, pServer->nMix, work);
+    return vsq::kernels().gauss->evaluateDiagonal(pVector, means<float>(pServer), diagonals<float>(pServer),
+                                                  weight, pServer->pNormWeights, n, pServer->nMix, work);
 }
 
 int KTwEvalGaussMix(GaussMixServer* pServer, const short* pVector, int nDim, int scaleMode, int* pScale) {

@@ -30,7 +30,7 @@ float reciprocal(float v) {
 
 // Returns the determinant of the variances, 0 for a singular density.
 double invertDiagonal(const float* variances, float* inverses, int n) {
-    ScaledProduct product;
+    ScaledProduct product{1.0, 0};
     for (int i = 0; i < n; ++i) {
         if (std::fabs(double(variances[i])) < smallestElement) return 0.0;
         product.times(double(variances[i]));

@@ -132,9 +132,21 @@ VSQ_INLINE V loadPartOf(const T* p, int count, T fill) {
             _mm256_cmpgt_epi32(_mm256_set1_epi32(count), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
         const __m256i found = _mm256_maskload_epi32((const int*)p, mask);
         return (V)_mm256_blendv_epi8((__m256i)others, found, mask);
+    } else if constexpr (sizeof(V) == 16 && sizeof(T) == 4) {
+        const __m128i mask = _mm_cmpgt_epi32(_mm_set1_epi32(count), _mm_setr_epi32(0, 1, 2, 3));
+        const __m128i found = _mm_maskload_epi32((const int*)p, mask);
+        return (V)_mm_blendv_epi8((__m128i)others, found, mask);
     } else
 #endif
-    {
+        if constexpr (lanes ==
+                      4) { // lane by lane: a load of what four stores have just copied would wait for them
+        V result = others;
+        if (count > 0) result[0] = p[0];
+        if (count > 1) result[1] = p[1];
+        if (count > 2) result[2] = p[2];
+        if (count > 3) result[3] = p[3];
+        return result;
+    } else {
         T copy[lanes];
         std::memcpy(copy, &others, sizeof copy);
         for (int i = 0; i < lanes; ++i)
@@ -168,6 +180,8 @@ VSQ_INLINE void storePartOf(T* p, V v, int count) {
         return _mm512_mask_storeu_epi32(p, __mmask16(mask), (__m512i)v);
     else if constexpr (sizeof(V) == 64 && sizeof(T) == 2)
         return _mm512_mask_storeu_epi16(p, __mmask32(mask), (__m512i)v);
+    else if constexpr (sizeof(V) == 32 && sizeof(T) == 4)
+        return _mm256_mask_storeu_epi32(p, __mmask8(mask), (__m256i)v);
     else
 #elif defined(__AVX2__)
     if constexpr (sizeof(V) == 32 && sizeof(T) == 4) {

@@ -1,27 +1,86 @@
 #include "vsqgauss_level.h"
+#include "dot_product.h"
+#include "exponential.h"
+#include "quadratic_forms.h"
 #include "scaledproduct.h"
-#include "simd.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {
 
-// --- quadratic forms ---
-
 constexpr int lanes = 16;
-using Lanes = Pack<double, lanes>;
 using Ints = Pack<std::int32_t, lanes>;
 
-// As many rows at once as there are registers for their sums.
-constexpr int group = registerBytes / 16;
+// --- likelihoods ---
 
-// N elements as doubles, each register of doubles straight from memory.
-template <int N>
-VSQ_INLINE Pack<double, N> loadDoubles(const float* p) {
-    if constexpr (isRegister<double, N>)
-        return convert<double>(load<float, N>(p));
-    else
-        return {loadDoubles<N / 2>(p), loadDoubles<N / 2>(p + N / 2)};
+// -|form| / 2 rounded to float; 0 where the bit pattern of the weight is 0.
+VSQ_INLINE Pack<float, 4> exponentsOf(const Four& forms, const float* weights) {
+    const FourBits magnitudes = bits<std::int64_t>(forms) & splat<std::int64_t, 4>(0x7FFFFFFFFFFFFFFF);
+    const auto exponents = convert<float>(bits<double>(magnitudes) * splat<double, 4>(-0.5));
+    const auto absent = bits<std::int32_t>(load<float, 4>(weights)) == splat<std::int32_t, 4>(0);
+    return select(absent, splat<float, 4>(0), exponents);
 }
+
+// The sum of the weighted densities. `formsAt(k)` gives the forms of mixtures k to k + 3, of which those from nMix on do not
+// count. Exponentials are long chains of steps, which are quickest over many lanes at once: all forms come first,
+// and few enough stay in registers.
+template <class FormsAt>
+VSQ_INLINE double likelihood(const FormsAt& formsAt, const float* weights, const float* normWeights, int nMix,
+                             float* work) {
+    if (nMix <= 0) return 0.0;
+    if (nMix <= 8) {
+        const auto first = exponentsOf(formsAt(0), weights);
+        const auto second = nMix > 4 ? exponentsOf(formsAt(4), weights + 4) : splat<float, 4>(0);
+        const auto densities = Exp()(join(first, second));
+        storePart(work, densities, nMix);
+        return sumLanes(convert<double>(densities) * convert<double>(loadPart<float, 8>(normWeights, nMix)));
+    }
+    for (int k = 0; k < nMix; k += 4)
+        store(work + k, exponentsOf(formsAt(k), weights + k));
+    apply(work, nMix, Exp());
+    return dotProduct(work, normWeights, nMix);
+}
+
+// Mixtures that fill no group of 4 come one by one, before the others.
+template <int groups>
+VSQ_INLINE double likelihoodOfDiagonals(const float* x, const float* const* m, const float* const* c,
+                                        const Ending& ending, const float* weights, const float* normWeights,
+                                        int nMix, float* work) {
+    const int whole = nMix / 4 * 4;
+    alignas(32) double rest[4] = {};
+    for (int k = whole; k < nMix; ++k) {
+        Four sum;
+        diagonalLanes<1, groups, PaddedRows>(x, m + k, c + k, ending, &sum);
+        rest[k - whole] = sumLanes(sum);
+    }
+    const auto formsAt = [&](int k) VSQ_LAMBDA {
+        if (k == whole) return load<double, 4>(rest);
+        Four sums[4];
+        diagonalLanes<4, groups, PaddedRows>(x, m + k, c + k, ending, sums);
+        return sumEach(sums);
+    };
+    return likelihood(formsAt, weights, normWeights, nMix, work);
+}
+
+double evaluateDiagonal(const float* x, const float* const* m, const float* const* c, const float* weights,
+                        const float* normWeights, int n, int nMix, float* work) {
+    if (n <= 0) return likelihood([](int) VSQ_LAMBDA { return noSum(); }, weights, normWeights, nMix, work);
+    const Ending ending(n);
+    return ending.groups == 1 ? likelihoodOfDiagonals<1>(x, m, c, ending, weights, normWeights, nMix, work)
+                              : likelihoodOfDiagonals<2>(x, m, c, ending, weights, normWeights, nMix, work);
+}
+
+double evaluateFull(const float* x, const float* const* m, const float* const* const* c, const float* weights,
+                    const float* normWeights, int n, int nMix, float* work) {
+    const auto formsAt = [&](int k) VSQ_LAMBDA {
+        Four halves[4] = {noSum(), noSum(), noSum(), noSum()};
+        for (int i = 0; i < 4 && k + i < nMix; ++i)
+            halves[i] = triangleLanes<PaddedRows>(x, m[k + i], c[k + i], n);
+        return sumEach(halves) * splat<double, 4>(2);
+    };
+    return likelihood(formsAt, weights, normWeights, nMix, work);
+}
+
+// --- fixed point: forms ---
 
 alignas(64) constexpr std::int16_t laneIndex[lanes] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
 
@@ -54,129 +113,6 @@ VSQ_INLINE Ints wide(const Pack<short, lanes>& v) {
 VSQ_INLINE Ints termsW(const Ints& x, const Pack<short, lanes>& m, const Pack<short, lanes>& c) {
     const auto d = bits<std::uint32_t>(x - wide(m));
     return bits<std::int32_t>(d * d * bits<std::uint32_t>(wide(c)));
-}
-
-VSQ_INLINE float exponentOf(double form, const float& weight) {
-    std::uint32_t pattern;
-    __builtin_memcpy(&pattern, &weight, sizeof pattern);
-    return pattern == 0 ? 0.0f : float(-__builtin_fabs(form) * 0.5);
-}
-
-template <int N>
-VSQ_INLINE Pack<double, N> terms(const Pack<double, N>& x, const Pack<double, N>& m,
-                                 const Pack<double, N>& c) {
-    const Pack<double, N> d = x - m;
-    return c * d * d;
-}
-
-// The vector's last 1 to 16 elements in two halves of 8 lanes, padded with zeros, and masks of what counts in
-// each.
-struct Tail {
-    static constexpr int half = lanes / 2;
-    Pack<double, half> x[2];
-    Pack<std::int32_t, half> kept[2];
-    int first; // index of the first element
-
-    VSQ_INLINE Tail(const float* vector, int i, int n) : first(i) {
-        const auto all = convert<double>(loadPart<float, lanes>(vector + i, n - i));
-        const auto mask = firstLanes<std::int32_t>(n - i);
-        x[0] = low(all);
-        x[1] = high(all);
-        kept[0] = low(mask);
-        kept[1] = high(mask);
-    }
-
-    // Half h of a row, of which `groups` (1 or 2) groups of four may be read.
-    template <int h, int groups>
-    VSQ_INLINE Pack<double, half> row(const float* p) const {
-        const float* from = p + first + h * half;
-        Pack<float, half> v;
-        if constexpr (groups == 2)
-            v = load<float, half>(from);
-        else
-            v = join(load<float, 4>(from), splat<float, 4>(0));
-        return convert<double>(select(kept[h], v, splat<float, half>(0)));
-    }
-
-    template <int h, int groups>
-    VSQ_INLINE Pack<double, half> termsOf(const float* m, const float* c) const {
-        return terms(x[h], row<h, groups>(m), row<h, groups>(c));
-    }
-};
-
-// The forms of `rows` rows side by side; the last 1 to 16 elements stand in `tailGroups` groups of four.
-template <int rows, int tailGroups>
-VSQ_INLINE void formsOf(const float* x, const float* const* m, const float* const* c, const Tail& tail,
-                        Lanes* sums) {
-    for (int k = 0; k < rows; ++k)
-        sums[k] = splat<double, lanes>(0);
-    for (int i = 0; i < tail.first; i += lanes) {
-        const Lanes wideX = loadDoubles<lanes>(x + i);
-        for (int k = 0; k < rows; ++k)
-            sums[k] = sums[k] + terms(wideX, loadDoubles<lanes>(m[k] + i), loadDoubles<lanes>(c[k] + i));
-    }
-    for (int k = 0; k < rows; ++k) {
-        sums[k].lo = sums[k].lo + tail.termsOf<0, (tailGroups > 1 ? 2 : 1)>(m[k], c[k]);
-        if constexpr (tailGroups > 2) sums[k].hi = sums[k].hi + tail.termsOf<1, tailGroups - 2>(m[k], c[k]);
-    }
-}
-
-// The four sums across lanes side by side, each by the tree of sumLanes.
-[[maybe_unused]] VSQ_INLINE Pack<double, 4> sumFour(const Lanes* sums) {
-    const auto eight = [&](int k) VSQ_LAMBDA { return low(sums[k]) + high(sums[k]); };
-    const auto first = eight(0), second = eight(1), third = eight(2), fourth = eight(3);
-    const auto x = lowHalves(first, third) + highHalves(first, third); // four lanes of each
-    const auto y = lowHalves(second, fourth) + highHalves(second, fourth);
-    const auto even = evenPairs(x, y), odd = oddPairs(x, y);
-    return (lowHalves(low(even), high(even)) + highHalves(low(even), high(even))) +
-           (lowHalves(low(odd), high(odd)) + highHalves(low(odd), high(odd)));
-}
-
-VSQ_INLINE void storeExponents(const Lanes* sums, const float* weights, float* exponents) {
-    if constexpr (group == 4) {
-        const auto form = bits<std::int64_t>(sumFour(sums)) & splat<std::int64_t, 4>(0x7FFFFFFFFFFFFFFF);
-        const auto exponent = convert<float>(bits<double>(form) * splat<double, 4>(-0.5));
-        const auto absent = bits<std::int32_t>(load<float, 4>(weights)) == splat<std::int32_t, 4>(0);
-        store(exponents, select(absent, splat<float, 4>(0), exponent));
-    } else {
-        for (int g = 0; g < group; ++g)
-            exponents[g] = exponentOf(sumLanes(sums[g]), weights[g]);
-    }
-}
-
-template <int tailGroups>
-VSQ_INLINE void exponentsOf(const float* x, const float* const* m, const float* const* c,
-                            const float* weights, const Tail& tail, int nRows, float* exponents) {
-    Lanes sums[group];
-    int k = 0;
-    for (; k + group <= nRows; k += group) {
-        formsOf<group, tailGroups>(x, m + k, c + k, tail, sums);
-        storeExponents(sums, weights + k, exponents + k);
-    }
-    for (; k < nRows; ++k) {
-        formsOf<1, tailGroups>(x, m + k, c + k, tail, sums);
-        exponents[k] = exponentOf(sumLanes(sums[0]), weights[k]);
-    }
-}
-
-void exponentsDiagonal(const float* x, const float* const* m, const float* const* c, const float* weights,
-                       int n, int nRows, float* exponents) {
-    if (n <= 0) {
-        for (int k = 0; k < nRows; ++k)
-            exponents[k] = exponentOf(0.0, weights[k]);
-        return;
-    }
-    const Tail tail(x, (n - 1) / lanes * lanes, n);
-    switch ((n - tail.first + 3) / 4) {
-    case 1:
-        return exponentsOf<1>(x, m, c, weights, tail, nRows, exponents);
-    case 2:
-        return exponentsOf<2>(x, m, c, weights, tail, nRows, exponents);
-    case 3:
-        return exponentsOf<3>(x, m, c, weights, tail, nRows, exponents);
-    default:
-        return exponentsOf<4>(x, m, c, weights, tail, nRows, exponents);
-    }
 }
 
 void formsW(const short* x, const short* const* m, const short* const* c, int n, int nRows, int* forms) {
@@ -398,7 +334,7 @@ double invert(float* const* a, float* const* b, int* pivots, int n) {
         b[0][0] = 1.0f / a[0][0];
         return double(a[0][0]);
     }
-    ScaledProduct det;
+    ScaledProduct det{1.0, 0};
     for (int k = 0; k < n; ++k) {
         double magnitude;
         pivots[k] = pivotColumn(a[k], k, n, magnitude);
@@ -424,7 +360,7 @@ double invert(float* const* a, float* const* b, int* pivots, int n) {
 double determinant(float* const* a, int n) {
     constexpr double smallest = 1e-20f;
     if (n == 1) return double(a[0][0]);
-    ScaledProduct det;
+    ScaledProduct det{1.0, 0};
     bool negative = false;
     for (int k = 0; k < n; ++k) {
         double magnitude;
@@ -441,7 +377,8 @@ double determinant(float* const* a, int n) {
 
 } // namespace
 
-extern const GaussKernels gaussKernels{exponentsDiagonal, formsW,    sumsS,     sumsW,  squaresS,
-                                       squaresW,          productsS, productsW, invert, determinant};
+extern const GaussKernels gaussKernels{evaluateDiagonal, evaluateFull, formsW,    sumsS,     sumsW,
+                                       squaresS,         squaresW,     productsS, productsW, invert,
+                                       determinant};
 
 } // namespace vsq::VSQ_LEVEL

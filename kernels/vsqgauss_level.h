@@ -7,11 +7,14 @@
 namespace vsq {
 
 struct GaussKernels {
-    // exponents[k] = -|q| / 2 rounded to float, q being the sum over i of c[k][i] * (x[i] - m[k][i])^2 with
-    // the bits of MahalKernels::diagonal; 0 where the bit pattern of weights[k] is 0. x has n elements, the
-    // nRows rows are padded.
-    void (*exponentsDiagonal)(const float* x, const float* const* m, const float* const* c,
-                              const float* weights, int n, int nRows, float* exponents);
+    // The sum over k of normWeights[k] * e^(-|q| / 2), q being the form of mixture k with the bits of
+    // MahalKernels::diagonal or ::full, -|q| / 2 rounded to float, and 0 where the bit pattern of weights[k] is 0. The
+    // exponentials have the bits of LnExpKernels::exp, the sum those of DotProductKernels::dot; work[k] receives the
+    // exponential. x has n elements, the nMix rows of m and c are padded, and so are `weights` and `work`.
+    double (*evaluateDiagonal)(const float* x, const float* const* m, const float* const* c,
+                               const float* weights, const float* normWeights, int n, int nMix, float* work);
+    double (*evaluateFull)(const float* x, const float* const* m, const float* const* const* c,
+                           const float* weights, const float* normWeights, int n, int nMix, float* work);
 
     // forms[k] = sum over i of (x[i] - m[k][i])^2 * c[k][i] in wrapping 32-bit arithmetic. Rows as above.
     void (*formsW)(const short* x, const short* const* m, const short* const* c, int n, int nRows,

@@ -1,5 +1,5 @@
 // Quadratic forms of a difference of two vectors, weighted by a diagonal or by a symmetric matrix of which
-// only the lower triangle is read. Differences, products and sums are double precision, the sums in 8 lanes
+// only the lower triangle is read. Differences, products and sums are double precision, the sums in lanes
 // of fixed order; fixed-point data is exact as long as the form stays below 2^53. 0 for n below 1.
 #pragma once
 

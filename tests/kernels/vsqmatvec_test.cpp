@@ -193,7 +193,8 @@ TEST(WordRows, OfExtremesAreExact) {
         constexpr int cols = 70001;
         for (const int w : {-32768, 32767, -1, 1})
             for (const int v : {-32768, 32767, -1, 1}) {
-                const Rows<short> table(5, cols, [w] { return short(w); }), x(1, cols, [v] { return short(v); });
+                const Rows<short> table(5, cols, [w] { return short(w); }),
+                    x(1, cols, [v] { return short(v); });
                 for (const int shift : {0, 1, 8, 14, 15, 16, 31}) {
                     int sums[5];
                     vsq::kernels().matvec->rowsW(sums, table.pointers.data(), x.pointers[0], 5, cols, shift);

@@ -1,7 +1,7 @@
 // The inner loops of perceptrons, against one scalar loop after the other, and the table of the sigmoid.
-#include "vsqmlp_table.h"
 #include "support/every_level.h"
 #include "support/guarded.h"
+#include "vsqmlp_table.h"
 
 #include <gtest/gtest.h>
 
@@ -161,7 +161,8 @@ TEST(SigmoidKernel, TreatsEachElementByItselfAndWritesNothingElse) {
 
 TEST(SigmoidKernel, HasItsLimits) {
     support::onEveryLevel([] {
-        const std::vector<float> x = {0.0f, -0.0f, 17.5f, 1e30f, infinity, -105.0f, -1e30f, -infinity, notANumber};
+        const std::vector<float> x = {0.0f,    -0.0f,  17.5f,     1e30f,     infinity,
+                                      -105.0f, -1e30f, -infinity, notANumber};
         std::vector<float> y(x.size());
         vsq::kernels().mlp->sigmoid(x.data(), y.data(), int(x.size()));
         EXPECT_EQ(std::vector<float>(y.begin(), y.end() - 1),

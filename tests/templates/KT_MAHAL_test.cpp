@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -197,6 +198,23 @@ TEST(Mahalanobis, FloatsOfAnySizeStayInRange) {
     const double d = 2 * double(3e38f);
     EXPECT_EQ(KTsMahalanobisD(x, y, c, 2, 1), d);
     EXPECT_EQ(KTsMahalanobisD(x + 1, y + 1, c, 1, 1), double(1e-40f));
+}
+
+// A difference beyond all numbers makes the form so, in whatever place it is.
+TEST(Mahalanobis, InfiniteDifferencesGiveInfiniteForms) {
+    support::onEveryLevel([] {
+        const float infinity = std::numeric_limits<float>::infinity();
+        for (int n : {1, 2, 3, 5, 8, 13, 17, 39})
+            for (int place = 0; place < n; ++place) {
+                std::vector<float> x(static_cast<std::size_t>(n), 1.0f), y(static_cast<std::size_t>(n), 0.0f);
+                const std::vector<float> d(static_cast<std::size_t>(n), 2.0f);
+                x[static_cast<std::size_t>(place)] = infinity;
+                Triangle<float> c(n, [](int count) { return std::vector<float>(std::size_t(count), 0.5f); });
+                EXPECT_EQ(KTsMahalanobis(x.data(), y.data(), c.pointers.data(), n, 0), infinity)
+                    << n << " " << place;
+                EXPECT_EQ(KTsMahalanobisD(x.data(), y.data(), d.data(), n, 1), infinity) << n << " " << place;
+            }
+    });
 }
 
 // The root of a negative form, which a bad matrix can give, is not a number.
