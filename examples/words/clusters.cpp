@@ -3,6 +3,7 @@
 #include "library.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace words {
 namespace {
@@ -91,7 +92,8 @@ std::vector<Frames> framesByState(const TrainingSet& training, int word, int nSt
 }
 
 std::vector<float> sharedInverseVariances(const std::vector<Frames>& groups,
-                                          const std::vector<Clusters>& clusters, int nDimensions) {
+                                          const std::vector<Clusters>& clusters, int nDimensions,
+                                          float flattening) {
     std::vector<double> sums(static_cast<std::size_t>(nDimensions));
     double nFrames = 0.0;
     for (std::size_t g = 0; g < groups.size(); ++g) {
@@ -108,6 +110,20 @@ std::vector<float> sharedInverseVariances(const std::vector<Frames>& groups,
     for (const double sum : sums) // a tenth of the features' own variance at least
         result.push_back(static_cast<float>(1.0 / (std::max(sum / nFrames, 0.1) * flattening)));
     return result;
+}
+
+int inverseVarianceScale(const TrainingSet& training, const std::vector<float>& inverseVariances,
+                         int meanScale) {
+    std::vector<float> largest(inverseVariances.size());
+    for (const Utterance& utterance : training.utterances)
+        for (int t = 0; t < utterance.real.rows(); ++t)
+            for (std::size_t i = 0; i < largest.size(); ++i)
+                largest[i] = std::max(largest[i], std::abs(utterance.real.row(t)[i]));
+    float form = 0.0f;
+    for (std::size_t i = 0; i < largest.size(); ++i)
+        form += 4.0f * largest[i] * largest[i] * inverseVariances[i];
+    const int n = static_cast<int>(inverseVariances.size());
+    return std::max(KTsMaxOrder(&form, 1) - 31 - 2 * meanScale, KTsMaxOrder(inverseVariances.data(), n) - 15);
 }
 
 } // namespace words

@@ -23,13 +23,19 @@ Frames someFrames(const TrainingSet& training, int limit);
 /// The frames of a word's utterances by state, each utterance being cut into equal parts.
 std::vector<Frames> framesByState(const TrainingSet& training, int word, int nStates);
 
-/// A Gaussian's likelihood falls with the square of the distance, and so fast that products over a few dozen dimensions leave
-/// the range of 16 bits and then that of floats. Widening all variances by this factor takes a root of all likelihoods:
-/// what is more likely stays so.
-inline constexpr float flattening = 3.0f;
-
-/// Inverse variances of the frames around their clusters, one per dimension for all Gaussians, flattened.
+/// Inverse variances of the frames around their clusters, one per dimension for all Gaussians.
+///
+/// `flattening` widens all variances. A Gaussian's likelihood falls with the square of the distance, and over a few dozen
+/// dimensions so fast that most of them leave the range of 16 bits, and many that of floats. A wider Gaussian is a root of the
+/// narrow one: what is more likely stays so, and more of it can be told apart.
 std::vector<float> sharedInverseVariances(const std::vector<Frames>& groups,
-                                          const std::vector<Clusters>& clusters, int nDimensions);
+                                          const std::vector<Clusters>& clusters, int nDimensions,
+                                          float flattening);
+
+/// The finest scale for these inverse variances in fixed point: they have to fit in 16 bits, and the quadratic form of a
+/// frame and a mean, which have `meanScale`, in 31. The largest form is taken to be that of two frames at opposite ends of
+/// what the training has seen.
+int inverseVarianceScale(const TrainingSet& training, const std::vector<float>& inverseVariances,
+                         int meanScale);
 
 } // namespace words

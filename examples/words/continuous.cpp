@@ -4,14 +4,14 @@
 #include "hmmset.h"
 
 #include <algorithm>
-#include <cmath>
 
 namespace words {
 namespace {
 
-constexpr int nStates = 8;
-constexpr int nMixtures = 4;
+constexpr int nStates = 10;
+constexpr int nMixtures = 3;
 constexpr int iterations = 10;
+constexpr float flattening = 3.0f;      // more costs accuracy, less costs the fixed models theirs
 constexpr int costScale = -10;          // of the fixed models: costs in units of 2^-10 ...
 constexpr int weightScale = -14;        // ... weights, of which the largest is 1 ...
 constexpr int meanScale = featureScale; // ... and means, which have the scale of the vectors
@@ -48,8 +48,8 @@ public:
                 mixtures.push_back(cluster(frames, training.dimensions(), nMixtures));
                 states.push_back(std::move(frames));
             }
-        inverseVariances = sharedInverseVariances(states, mixtures, training.dimensions());
-        inverseCovarianceScale = chooseScale(training);
+        inverseVariances = sharedInverseVariances(states, mixtures, training.dimensions(), flattening);
+        inverseCovarianceScale = inverseVarianceScale(training, inverseVariances, meanScale);
         for (int word = 0; word < training.nWords(); ++word) {
             progress.show("training continuous models", word, training.nWords());
             trainWord(training, word, &mixtures[static_cast<std::size_t>(word * nStates)]);
@@ -120,21 +120,6 @@ private:
                                              nDimensions, n, 0));
         if (!result) throw Failure("a mixture could not be made: " + lastReport());
         return result;
-    }
-
-    /// The finest scale of inverse covariances with which no quadratic form leaves 31 bits: see docs/arithmetic.md.
-    int chooseScale(const TrainingSet& training) const {
-        std::vector<float> largest(inverseVariances.size());
-        for (const Utterance& utterance : training.utterances)
-            for (int t = 0; t < utterance.real.rows(); ++t)
-                for (std::size_t i = 0; i < largest.size(); ++i)
-                    largest[i] = std::max(largest[i], std::abs(utterance.real.row(t)[i]));
-        float form = 0.0f;
-        for (std::size_t i = 0; i < largest.size(); ++i)
-            form += 4.0f * largest[i] * largest[i] * inverseVariances[i];
-        const int n = static_cast<int>(inverseVariances.size());
-        return std::max(KTsMaxOrder(&form, 1) - 31 - 2 * meanScale,
-                        KTsMaxOrder(inverseVariances.data(), n) - 15);
     }
 
     HmmSet real;

@@ -15,14 +15,13 @@ namespace {
 constexpr int nParts = 16; // an utterance is cut into equal parts, ...
 constexpr int nInputs =
     nParts * nCepstra + 1; // ... each with the means of its cepstra; and one input is always 1
-constexpr int nHidden = 50;
+constexpr int nHidden = 80;
 constexpr int nOutputs =
     nInputs; // the trainer wants as many as there are inputs: see KTsTrainMLPBackPropagation
 constexpr int nLayers = 3;
 constexpr int counts[nLayers] = {nInputs, nHidden, nOutputs};
 constexpr int epochs = 12; // at each learning rate
 constexpr float learningRates[] = {0.2f, 0.1f, 0.05f};
-constexpr int inputDivisor = 2;      // features reach 6, inputs 3
 constexpr int activationScale = -12; // of the fixed network's inputs, sums and outputs
 
 /// The mean of a coefficient over one part.
@@ -41,13 +40,13 @@ std::vector<float> inputs(const Matrix<float>& features) {
     std::vector<float> result;
     for (int part = 0; part < nParts; ++part)
         for (int i = 0; i < nCepstra; ++i)
-            result.push_back(partMean(features, part, i) / inputDivisor);
+            result.push_back(partMean(features, part, i));
     result.push_back(1.0f);
     return result;
 }
 
 std::vector<short> inputs(const Matrix<short>& features) {
-    constexpr int factor = (1 << (featureScale - activationScale)) / inputDivisor;
+    constexpr int factor = 1 << (featureScale - activationScale);
     std::vector<short> result;
     for (int part = 0; part < nParts; ++part)
         for (int i = 0; i < nCepstra; ++i)
@@ -111,6 +110,20 @@ FixedNetwork converted(sMLPServer* network) {
                                          KT_MLP_SIGMOID, scale, nullptr));
 }
 
+/// A network says nothing of its shape, and one of another shape would write more outputs than there is room for. But the
+/// numbers of neurons stand behind a header of known length.
+void checkShape(const std::string& path, Flavour flavour) {
+    Stream file(path, "rb");
+    for (int i = 0; i < (flavour == Flavour::real ? 60 : 64); ++i)
+        std::fgetc(file);
+    for (const int count : counts) {
+        unsigned stored = 0; // 32 bits, the lowest byte first
+        for (int shift = 0; shift < 32; shift += 8)
+            stored |= static_cast<unsigned>(std::fgetc(file) & 0xff) << shift;
+        if (stored != static_cast<unsigned>(count)) file.damaged("network of this shape");
+    }
+}
+
 class Perceptron : public Recogniser {
 public:
     std::string name() const override { return "mlp"; }
@@ -171,12 +184,14 @@ public:
 
     void load(Flavour flavour, const std::string& stem, int count, int) override {
         nWords = count;
+        checkShape(stem + ".mlp", flavour);
         Stream file(stem + ".mlp", "rb");
         if (flavour == Flavour::real)
             real.reset(KTsReadMLPServer(file));
         else
             fixed.reset(KTwReadMLPServer(file));
-        if (flavour == Flavour::real ? !real : !fixed) file.damaged("network");
+        if ((flavour == Flavour::real && !real) || (flavour == Flavour::fixed && !fixed))
+            file.damaged("network");
         file.finish();
     }
 

@@ -14,7 +14,8 @@ constexpr float leastWeight = 1e-4f;
 // Costs and weights of densities share a scale; a weight of 1 is 16384. The densities' own weight is 1 at the same scale.
 constexpr int costScale = -14;
 constexpr int meanScale = featureScale;
-constexpr int inverseCovarianceScale = -7;
+constexpr float flattening =
+    5.0f; // densities have 14 fraction bits in fixed point: a frame is to reach several of them
 
 using Densities = std::vector<Mixture>;
 
@@ -107,15 +108,17 @@ private:
         if (clusters.means.rows() < nDensities)
             throw Failure("too little to train from: " + std::to_string(nDensities) +
                           " frames are wanted at least");
-        std::vector<float> inverseVariances = sharedInverseVariances({frames}, {clusters}, nDimensions);
+        std::vector<float> inverseVariances =
+            sharedInverseVariances({frames}, {clusters}, nDimensions, flattening);
+        const int varianceScale = inverseVarianceScale(training, inverseVariances, meanScale);
         Densities densities, converted;
         const float one = 1.0f;
         for (int k = 0; k < nDensities; ++k) {
             float* mean = clusters.means.row(k);
             float* variance = inverseVariances.data();
             densities.emplace_back(KTsInitGaussMixServer(&one, &mean, nullptr, &variance, nDimensions, 1, 0));
-            converted.emplace_back(KTswConvertGaussMixServer(densities.back().get(), costScale, meanScale,
-                                                             inverseCovarianceScale));
+            converted.emplace_back(
+                KTswConvertGaussMixServer(densities.back().get(), costScale, meanScale, varianceScale));
         }
         if (!install(Flavour::real, std::move(densities), nDimensions) ||
             !install(Flavour::fixed, std::move(converted), nDimensions))
