@@ -53,6 +53,13 @@ double absDerivative(double x, double sign) {
     return sign == 0.0 ? 0.0 : sign;
 }
 
+// Whether two arrays of n elements have none in common; the order of an elementwise function shows in no other.
+bool areApart(const float* a, const float* b, int n) {
+    const auto first = reinterpret_cast<std::uintptr_t>(a), second = reinterpret_cast<std::uintptr_t>(b);
+    const auto distance = first < second ? second - first : first - second;
+    return n > 0 && distance >= std::uintptr_t(n) * sizeof(float);
+}
+
 } // namespace
 
 bool ktl::perc::isElementwise(KTMLPActivationFn function) {
@@ -65,6 +72,10 @@ void KTsSigmoidActivation(const float* pIn, float* pOut, int n) {
 }
 
 void KTsSigmoidDerivative(const float* pIn, float* pOut, int n) {
+    if (pIn == pOut || areApart(pIn, pOut, n)) {
+        vsq::kernels().mlp->sigmoidSlopes(pIn, pOut, n);
+        return;
+    }
     for (int i = n - 1; i >= 0; --i)
         pOut[i] = float((1.0 - double(pIn[i])) * double(pIn[i]));
 }
@@ -82,7 +93,7 @@ void KTsAbsDerivative(const float* pIn, float* pOut, int n) {
 // With an inScale of 0 the input is not read: an element's x is the scaled result of the one before it.
 void KTwSigmoidActivation(const int* pIn, short* pOut, int n, int inScale, int outScale) {
     if (inScale >= 1 && inScale <= 30 && outScale <= -1 && outScale >= -30) {
-        vsq::kernels().mlp->sigmoidW(pIn, pOut, n, scaled(1.0, inScale), scaled(1.0, outScale));
+        vsq::kernels().mlp->sigmoidW(pIn, pOut, n, inScale, -outScale);
         return;
     }
     double x = 0.0;

@@ -1122,8 +1122,9 @@ KTL_API void KTwAbsDerivative(const int* pIn, short* pOut, int n, int inScale, i
  *   pOutput   as many floats as the last layer has neurons, whatever nOutputs says
  * With KT_MLP_THRESHOLD the thresholds, if there are any, are subtracted from the net sums of a dense network; a sparse
  * one has none. A layer whose activation is null stores nothing. A network of nLayers = 1 writes nothing. Products and
- * sums are floats; a sum runs in 16 lanes, column i in lane i % 16, which are then added as a tree. A dense server needs no memory and cannot fail; a sparse one
- * reports -4 "insufficiency of memory for pointer  outputPtr" and leaves pOutput as it was. */
+ * sums are floats; a sum runs in 16 lanes, column i in lane i % 16, which are then added as a tree. A dense server needs
+ * no memory and cannot fail; a sparse one reports -4 "insufficiency of memory for pointer  outputPtr" and leaves pOutput
+ * as it was. */
 KTL_API void KTsEvalMLPFeedForward(sMLPServer* pServer, const float* pInput, int nInputs, float* pOutput,
                                    int nOutputs);
 

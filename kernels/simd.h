@@ -136,6 +136,15 @@ VSQ_INLINE V loadPartOf(const T* p, int count, T fill) {
         const __m128i mask = _mm_cmpgt_epi32(_mm_set1_epi32(count), _mm_setr_epi32(0, 1, 2, 3));
         const __m128i found = _mm_maskload_epi32((const int*)p, mask);
         return (V)_mm_blendv_epi8((__m128i)others, found, mask);
+    } else if constexpr (sizeof(V) == 32 && sizeof(T) == 2) { // whole pairs, and an odd last element
+        const __m256i pairs =
+            _mm256_cmpgt_epi32(_mm256_set1_epi32(count >> 1), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+        const __m256i found = _mm256_maskload_epi32((const int*)p, pairs);
+        const __m256i result = _mm256_blendv_epi8((__m256i)others, found, pairs);
+        if ((count & 1) == 0) return (V)result;
+        const __m256i at = _mm256_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+        const __m256i last = _mm256_cmpeq_epi16(at, _mm256_set1_epi16(short(count - 1)));
+        return (V)_mm256_blendv_epi8(result, _mm256_set1_epi16(short(p[count - 1])), last);
     } else
 #endif
         if constexpr (lanes ==
@@ -149,8 +158,12 @@ VSQ_INLINE V loadPartOf(const T* p, int count, T fill) {
     } else {
         T copy[lanes];
         std::memcpy(copy, &others, sizeof copy);
-        for (int i = 0; i < lanes; ++i)
-            if (i < count) copy[i] = p[i];
+        int filled = 0; // by halves: a branch for each bit of the count, which loops over rows foretell
+        for (int step = lanes; step >= 1; step /= 2)
+            if ((count & step) != 0) {
+                std::memcpy(copy + filled, p + filled, std::size_t(step) * sizeof(T));
+                filled += step;
+            }
         V result;
         std::memcpy(&result, copy, sizeof result);
         return result;
@@ -180,8 +193,14 @@ VSQ_INLINE void storePartOf(T* p, V v, int count) {
         return _mm512_mask_storeu_epi32(p, __mmask16(mask), (__m512i)v);
     else if constexpr (sizeof(V) == 64 && sizeof(T) == 2)
         return _mm512_mask_storeu_epi16(p, __mmask32(mask), (__m512i)v);
+    else if constexpr (sizeof(V) == 32 && sizeof(T) == 8)
+        return _mm256_mask_storeu_epi64(p, __mmask8(mask), (__m256i)v);
     else if constexpr (sizeof(V) == 32 && sizeof(T) == 4)
         return _mm256_mask_storeu_epi32(p, __mmask8(mask), (__m256i)v);
+    else if constexpr (sizeof(V) == 32 && sizeof(T) == 2)
+        return _mm256_mask_storeu_epi16(p, __mmask16(mask), (__m256i)v);
+    else if constexpr (sizeof(V) == 16 && sizeof(T) == 4)
+        return _mm_mask_storeu_epi32(p, __mmask8(mask), (__m128i)v);
     else
 #elif defined(__AVX2__)
     if constexpr (sizeof(V) == 32 && sizeof(T) == 4) {
@@ -193,8 +212,12 @@ VSQ_INLINE void storePartOf(T* p, V v, int count) {
     {
         T copy[lanes];
         std::memcpy(copy, &v, sizeof copy);
-        for (int i = 0; i < lanes; ++i)
-            if (i < count) p[i] = copy[i];
+        int stored = 0; // by halves, as in loadPartOf
+        for (int step = lanes; step >= 1; step /= 2)
+            if ((count & step) != 0) {
+                std::memcpy(p + stored, copy + stored, std::size_t(step) * sizeof(T));
+                stored += step;
+            }
     }
 }
 
@@ -407,6 +430,8 @@ VSQ_INLINE R convertedVector(V x) {
         return (R)_mm512_cvtepi32_pd((__m256i)x);
     else if constexpr (sizeof(R) == 64 && std::is_same_v<U, std::int32_t> && std::is_same_v<T, std::int16_t>)
         return (R)_mm512_cvtepi16_epi32((__m256i)x);
+    else if constexpr (sizeof(R) == 64 && std::is_same_v<U, std::int64_t> && std::is_same_v<T, std::int32_t>)
+        return (R)_mm512_cvtepi32_epi64((__m256i)x);
     else if constexpr (sizeof(V) == 64 && std::is_same_v<U, float> && std::is_same_v<T, double>)
         return (R)_mm512_cvtpd_ps((__m512d)x);
     else
@@ -418,6 +443,8 @@ VSQ_INLINE R convertedVector(V x) {
         return (R)_mm256_cvtepi32_pd((__m128i)x);
     else if constexpr (sizeof(R) == 32 && std::is_same_v<U, std::int32_t> && std::is_same_v<T, std::int16_t>)
         return (R)_mm256_cvtepi16_epi32((__m128i)x);
+    else if constexpr (sizeof(R) == 32 && std::is_same_v<U, std::int64_t> && std::is_same_v<T, std::int32_t>)
+        return (R)_mm256_cvtepi32_epi64((__m128i)x);
     else if constexpr (sizeof(V) == 32 && std::is_same_v<U, float> && std::is_same_v<T, double>)
         return (R)_mm256_cvtpd_ps((__m256d)x);
     else
@@ -432,6 +459,30 @@ VSQ_INLINE Pack<U, N> convert(const Pack<T, N>& a) {
         return {convertedVector<typename Pack<U, N>::Register, U, T>(a.r)};
     else
         return join(convert<U>(low(a)), convert<U>(high(a)));
+}
+
+// Lane by lane, a where x is not below 0 and b where it is or is no number; the lanes of x, float or int, are half
+// as wide as those of a and b.
+template <class T, int N>
+VSQ_INLINE Pack<double, N> selectNotBelowZero(const Pack<T, N>& x, const Pack<double, N>& a,
+                                              const Pack<double, N>& b) {
+    static_assert(sizeof(T) == 4);
+    if constexpr (!isRegister<T, N>)
+        return {selectNotBelowZero(x.lo, a.lo, b.lo), selectNotBelowZero(x.hi, a.hi, b.hi)};
+    else
+#if defined(__AVX512DQ__)
+        if constexpr (N == 16) {
+        unsigned mask; // without the way of a mask through full vectors
+        if constexpr (std::is_same_v<T, float>)
+            mask = _mm512_cmp_ps_mask(_mm512_setzero_ps(), (__m512)x.r, _CMP_LE_OQ);
+        else
+            mask = _mm512_cmp_epi32_mask(_mm512_setzero_si512(), (__m512i)x.r, _MM_CMPINT_LE);
+        using R = decltype(a.lo.r);
+        return {{(R)_mm512_mask_mov_pd((__m512d)b.lo.r, __mmask8(mask), (__m512d)a.lo.r)},
+                {(R)_mm512_mask_mov_pd((__m512d)b.hi.r, __mmask8(mask >> 8), (__m512d)a.hi.r)}};
+    } else
+#endif
+        return select(convert<std::int64_t>(splat<T, N>(0) <= x), a, b);
 }
 
 template <class V>
@@ -794,7 +845,7 @@ VSQ_INLINE T largestLane(const Pack<T, N>& v) {
         return largestLane(larger(low(v), high(v)));
 }
 
-// Whether any lane of a mask is set.
+// Whether any bit of any lane is set, of a mask or of anything else.
 template <class V>
 VSQ_INLINE bool anySet(V mask) {
 #if defined(__AVX512F__)
@@ -809,7 +860,7 @@ VSQ_INLINE bool anySet(V mask) {
 #endif
 #if defined(__SSE2__)
         if constexpr (sizeof(V) == 16)
-        return _mm_movemask_epi8((__m128i)mask) != 0;
+        return _mm_movemask_epi8(_mm_cmpeq_epi8((__m128i)mask, _mm_setzero_si128())) != 0xFFFF;
     else
 #endif
     {

@@ -10,24 +10,29 @@ constexpr int lanes = 16;
 constexpr int group = 4; // rows side by side, whose last additions share registers
 using Lanes = Pack<float, lanes>;
 
-// The tree's upper half: 16 lanes to 4.
-template <class T>
-VSQ_INLINE Pack<T, 4> foldedToFour(const Pack<T, lanes>& v) {
-    const Pack<T, 8> eight = low(v) + high(v);
-    return low(eight) + high(eight);
+// Lanes 0 and 1 of each quarter of x and y side by side, or (upper) lanes 2 and 3: from quarters a b and c d,
+// a c and b d.
+template <bool upper, class T>
+VSQ_INLINE Pack<T, 8> pairsOfQuarters(const Pack<T, 8>& x, const Pack<T, 8>& y) {
+    if constexpr (isRegister<T, 8>)
+        return pick < upper ? quarterPairUpperLane : quarterPairLane > (x, y);
+    else if constexpr (upper)
+        return {highHalves(x.lo, y.lo), highHalves(x.hi, y.hi)};
+    else
+        return {lowHalves(x.lo, y.lo), lowHalves(x.hi, y.hi)};
 }
 
-// The rest of it for four rows at once, after a transposition: lane r is the sum of row r, as sumLanes adds
-// it.
+// Lane r is the sum of row r as sumLanes adds it: the tree of four rows at once, which share registers from the
+// second step on.
 template <class T>
-VSQ_INLINE Pack<T, 4> sumsOfRows(const Pack<T, lanes> (&sums)[group]) {
-    const Pack<T, 4> a = foldedToFour(sums[0]), b = foldedToFour(sums[1]);
-    const Pack<T, 4> c = foldedToFour(sums[2]), d = foldedToFour(sums[3]);
-    const Pack<T, 4> even0 = evenPairs(a, b), even1 = evenPairs(c, d); // a0 b0 a2 b2, c0 d0 c2 d2
-    const Pack<T, 4> odd0 = oddPairs(a, b), odd1 = oddPairs(c, d);
-    const Pack<T, 4> lane0 = join(low(even0), low(even1)), lane2 = join(high(even0), high(even1));
-    const Pack<T, 4> lane1 = join(low(odd0), low(odd1)), lane3 = join(high(odd0), high(odd1));
-    return (lane0 + lane2) + (lane1 + lane3);
+VSQ_INLINE Pack<T, group> sumsOfRows(const Pack<T, lanes> (&sums)[group]) {
+    Pack<T, 8> eight[group];
+    for (int r = 0; r < group; ++r)
+        eight[r] = low(sums[r]) + high(sums[r]);
+    const Pack<T, 8> ab = lowHalves(eight[0], eight[1]) + highHalves(eight[0], eight[1]);
+    const Pack<T, 8> cd = lowHalves(eight[2], eight[3]) + highHalves(eight[2], eight[3]);
+    const Pack<T, 8> acbd = pairsOfQuarters<false>(ab, cd) + pairsOfQuarters<true>(ab, cd);
+    return evenPairs(low(acbd), high(acbd)) + oddPairs(low(acbd), high(acbd));
 }
 
 // The lanes' sums of `count` rows from rows[0] on.
@@ -70,10 +75,43 @@ constexpr int words = 32;
 using Words = Pack<std::int16_t, words>;
 using Sums = Pack<std::uint32_t, words / 2>;
 
-// With a product p = h * 2^16 + l, l unsigned, and a shift s from 1 to 15, p >> s is h * 2^(16 - s) + (l >>
+// The columns of x, as an adder wants them.
+struct Columns {
+    Words x;
+    VSQ_INLINE explicit Columns(const Words& columns) : x(columns) {}
+};
+
+// A shift of 15, for weights in Q15: (w * x) >> 15 is the upper half of w * 2x. 2x modulo 2^16 as a signed word is
+// off by 2^16 where x is outside of [-2^14, 2^14), and the upper half by w: there w is added, or ~w, which is -w - 1,
+// for negative x, whose number makes up for the 1. The 16 bits of such a sum hold all results, with the 1 even that
+// of the largest product, 2^30.
+struct DoubledColumns {
+    Words twice, outside, negative;
+
+    VSQ_INLINE explicit DoubledColumns(const Words& x) : twice(x << 1) {
+        outside = (x ^ twice) >> 15;
+        negative = outside & (x >> 15);
+    }
+    VSQ_INLINE unsigned countOfNegatives() const { return 0u - unsigned(sumLanes(pairTotals(negative))); }
+};
+struct UpperHalvesSummed {
+    using Prepared = DoubledColumns;
+    Sums sums;
+
+    VSQ_INLINE void clear(int) { sums = splat<std::uint32_t, words / 2>(0); }
+    VSQ_INLINE void add(const Words& w, const Prepared& x) {
+        const auto shifted =
+            bits<std::uint16_t>(highProducts(w, x.twice)) + bits<std::uint16_t>((w ^ x.negative) & x.outside);
+        sums = sums + bits<std::uint32_t>(pairTotals(bits<std::int16_t>(shifted)));
+    }
+    VSQ_INLINE Sums total() const { return sums; }
+};
+
+// With a product p = h * 2^16 + l, l unsigned, and a shift s from 1 to 14, p >> s is h * 2^(16 - s) + (l >>
 // s). So the halves are summed apart, in pairs: the upper ones, and the lower ones after their shift, which
 // leaves them positive.
 struct HalvesSummed {
+    using Prepared = Columns;
     int shift;
     Sums upper, lower;
 
@@ -81,9 +119,9 @@ struct HalvesSummed {
         shift = count;
         upper = lower = splat<std::uint32_t, words / 2>(0);
     }
-    VSQ_INLINE void add(const Words& w, const Words& x) {
-        upper = upper + bits<std::uint32_t>(pairTotals(highProducts(w, x)));
-        const auto rest = bits<std::uint16_t>(w) * bits<std::uint16_t>(x);
+    VSQ_INLINE void add(const Words& w, const Columns& x) {
+        upper = upper + bits<std::uint32_t>(pairTotals(highProducts(w, x.x)));
+        const auto rest = bits<std::uint16_t>(w) * bits<std::uint16_t>(x.x);
         lower = lower + bits<std::uint32_t>(pairTotals(bits<std::int16_t>(rest >> shift)));
     }
     VSQ_INLINE Sums total() const { return (upper << (16 - shift)) + lower; }
@@ -91,6 +129,7 @@ struct HalvesSummed {
 
 // Any other shift: the products themselves.
 struct ProductsSummed {
+    using Prepared = Columns;
     int shift;
     Sums sums;
 
@@ -98,9 +137,9 @@ struct ProductsSummed {
         shift = count;
         sums = splat<std::uint32_t, words / 2>(0);
     }
-    VSQ_INLINE void add(const Words& w, const Words& x) {
-        addHalf(low(w), low(x));
-        addHalf(high(w), high(x));
+    VSQ_INLINE void add(const Words& w, const Columns& x) {
+        addHalf(low(w), low(x.x));
+        addHalf(high(w), high(x.x));
     }
     VSQ_INLINE void addHalf(const Pack<std::int16_t, words / 2>& w, const Pack<std::int16_t, words / 2>& x) {
         const auto products = convert<std::int32_t>(w) * convert<std::int32_t>(x);
@@ -109,47 +148,82 @@ struct ProductsSummed {
     VSQ_INLINE Sums total() const { return sums; }
 };
 
+// How a row is taken: whole blocks from the first column on, and what is left over from the block that ends with
+// the row, whose columns that have been summed meet zeros of x. Rows shorter than a block are filled up with zeros.
+template <class Adder>
+struct RowPlan {
+    const short* x;
+    int blocks, rest, restAt; // whole blocks, columns left over, and where the block with them begins
+    typename Adder::Prepared last;
+
+    VSQ_INLINE RowPlan(const short* columns, int nCols)
+        : x(columns), blocks(nCols > 0 ? nCols / words : 0), rest(nCols > 0 ? nCols % words : 0),
+          restAt(blocks > 0 ? nCols - words : 0), last(lastOf(columns + blocks * words, rest, blocks > 0)) {}
+
+    static VSQ_INLINE Words lastOf(const short* left, int count, bool atEnd) {
+        std::int16_t window[words] = {};
+        for (int i = 0; i < count; ++i)
+            window[atEnd ? words - count + i : i] = left[i];
+        return load<std::int16_t, words>(window);
+    }
+    VSQ_INLINE Words lastOf(const short* row) const {
+        return blocks > 0 ? load<std::int16_t, words>(row + restAt)
+                          : loadPart<std::int16_t, words>(row, rest);
+    }
+};
+
 // The sums of `count` rows from rows[0] on.
 template <int count, class Adder>
-VSQ_INLINE void addWords(const short* const* rows, const short* x, int nCols, int shift, Sums* sums) {
+VSQ_INLINE void addWords(const short* const* rows, const RowPlan<Adder>& plan, int shift, Sums* sums) {
     Adder adders[count];
     for (int r = 0; r < count; ++r)
         adders[r].clear(shift);
-    int c = 0;
-    for (; c + words <= nCols; c += words) {
-        const Words part = load<std::int16_t, words>(x + c);
+    for (int c = 0; c < plan.blocks * words; c += words) {
+        const typename Adder::Prepared part(load<std::int16_t, words>(plan.x + c));
         for (int r = 0; r < count; ++r)
             adders[r].add(load<std::int16_t, words>(rows[r] + c), part);
     }
-    if (c < nCols) {
-        const Words part = loadPart<std::int16_t, words>(x + c, nCols - c);
+    if (plan.rest > 0)
         for (int r = 0; r < count; ++r)
-            adders[r].add(loadPart<std::int16_t, words>(rows[r] + c, nCols - c), part);
-    }
+            adders[r].add(plan.lastOf(rows[r]), plan.last);
     for (int r = 0; r < count; ++r)
         sums[r] = adders[r].total();
 }
 
+// `constant` is added to every sum.
 template <class Adder>
-VSQ_INLINE void sumRows(int* dst, const short* const* rows, const short* x, int nRows, int nCols, int shift) {
+VSQ_INLINE void sumRows(int* dst, const short* const* rows, const short* x, int nRows, int nCols, int shift,
+                        unsigned constant) {
+    const RowPlan<Adder> plan(x, nCols);
     Sums sums[group];
     int r = 0;
     for (; r + group <= nRows; r += group) {
-        addWords<group, Adder>(rows + r, x, nCols, shift, sums);
-        store(dst + r, bits<std::int32_t>(sumsOfRows(sums)));
+        addWords<group, Adder>(rows + r, plan, shift, sums);
+        store(dst + r, bits<std::int32_t>(sumsOfRows(sums) + splat<std::uint32_t, group>(constant)));
     }
     for (; r < nRows; ++r) {
-        addWords<1, Adder>(rows + r, x, nCols, shift, sums);
-        dst[r] = int(sumLanes(sums[0]));
+        addWords<1, Adder>(rows + r, plan, shift, sums);
+        dst[r] = int(sumLanes(sums[0]) + constant);
     }
+}
+
+unsigned countOfNegatives(const short* x, int nCols) {
+    unsigned count = 0;
+    for (int c = 0; c < nCols; c += words)
+        count += DoubledColumns(c + words <= nCols ? load<std::int16_t, words>(x + c)
+                                                   : loadPart<std::int16_t, words>(x + c, nCols - c))
+                     .countOfNegatives();
+    return count;
 }
 
 void rowsW(int* dst, const short* const* rows, const short* x, int nRows, int nCols, int shift) {
     const int count = shift & 31;
-    if (count >= 1 && count <= 15)
-        sumRows<HalvesSummed>(dst, rows, x, nRows, nCols, count);
+    if (count == 15)
+        sumRows<UpperHalvesSummed>(dst, rows, x, nRows, nCols, count, countOfNegatives(x, nCols));
+    else if (count >= 1 && count <= 14)
+        sumRows<HalvesSummed>(dst, rows, x, nRows, nCols, count, 0);
     else
-        sumRows<ProductsSummed>(dst, rows, x, nRows, nCols, count);
+        sumRows<ProductsSummed>(dst, rows, x, nRows, nCols, count, 0);
 }
 
 } // namespace

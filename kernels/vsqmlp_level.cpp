@@ -7,67 +7,110 @@ namespace {
 
 // --- the sigmoid ---
 
-constexpr int lanes = 16;
-using Floats = Pack<float, lanes>;
-using Doubles = Pack<double, lanes>;
-using Ints = Pack<std::int32_t, lanes>;
+template <int N>
+using Floats = Pack<float, N>;
+template <int N>
+using Doubles = Pack<double, N>;
+template <int N>
+using Ints = Pack<std::int32_t, N>;
 
-// The rows as doubles, the two chains of the polynomial side by side: a0 b0 a1 b1 a2 b2 a3 b3.
-struct Table {
-    alignas(64) double rows[sigmoidRows][8];
+// Elements in one block: as many chains of operations side by side as the registers hold. Results do not
+// depend on it.
+constexpr int blockLanes = registerBytes == 64 ? 32 : 16, tailLanes = 16;
+
+// Elements from -16 to 16 go through these rows as vectors, others one by one.
+constexpr int nearRows = 16, terms = 8;
+
+// The near rows as doubles. Where a register instruction looks up 16 doubles they stand coefficient by
+// coefficient; elsewhere row by row, a cache line each, the two chains of the polynomial side by side: a0 b0 a1
+// b1 a2 b2 a3 b3.
+struct Rows {
+    alignas(64) double values[nearRows * terms];
 };
-constexpr Table interleaved() {
-    Table table{};
-    for (int k = 0; k < sigmoidRows; ++k)
-        for (int i = 0; i < 8; ++i)
-            table.rows[k][i] = double(kSigmoidRows[k][i / 2 + i % 2 * 4]);
-    return table;
+constexpr bool byCoefficient = registerBytes == 64;
+template <class T>
+constexpr Rows nearRowsOf(const T (*table)[terms]) {
+    Rows rows{};
+    for (int k = 0; k < nearRows; ++k)
+        for (int i = 0; i < terms; ++i)
+            rows.values[byCoefficient ? i * nearRows + k : k * terms + i % 4 * 2 + i / 4] =
+                double(table[k][i]);
+    return rows;
 }
-constexpr Table table = interleaved();
+constexpr Rows coarse = nearRowsOf(kSigmoidRows), fine = nearRowsOf(kFineSigmoidRows);
 
-// The same by coefficients, for the rows from 0 to 15: a table that a register instruction looks up.
-constexpr int nearRows = 16;
-struct NearTable {
-    alignas(64) double columns[8][nearRows];
-};
-constexpr NearTable nearColumns() {
-    NearTable columns{};
-    for (int i = 0; i < 8; ++i)
-        for (int k = 0; k < nearRows; ++k)
-            columns.columns[i][k] = double(kSigmoidRows[k][i]);
-    return columns;
-}
-constexpr NearTable nearTable = nearColumns();
+// The two chains of the polynomial, (((a0 u + a1) u + a2) u + a3) and the same of the b's.
+template <int N>
+struct Chains {
+    Doubles<N> a, b;
 
-// The polynomial of one element, both chains in one register; the operations are those of nearSigmoids.
-VSQ_INLINE double polynomial(int k, double u) {
-    const double* row = table.rows[k];
-    const Pack<double, 2> both = splat<double, 2>(u);
-    Pack<double, 2> chains = load<double, 2>(row);
-    for (int i = 2; i < 8; i += 2)
-        chains = chains * both + load<double, 2>(row + i);
-    const double square = u * u;
-    return high(chains).r[0] + square * square * low(chains).r[0];
-}
-
-// 1 / (1 + exp(-x)) for x between -16 and 16: the same for all elements at once.
-VSQ_INLINE Doubles nearSigmoids(const Doubles& x) {
-    // The sum with 1.5 * 2^52 is rounded to an integer, which its last bits hold. Half a unit less makes that
-    // the truncation of |x|; the little more decides for whole numbers, and is below the distance of floats
-    // and of fixed-point numbers with up to 30 fractional bits to the next whole number.
-    const Doubles rounder = splat<double, lanes>(0x1.8p52), zero = splat<double, lanes>(0);
-    const Doubles size = magnitude(x);
-    const Doubles turned = (size + splat<double, lanes>(-0.5 + 0x1p-40)) + rounder;
-    const Doubles u = (turned - rounder) - size;
-    const auto row = bits<std::int64_t>(turned);
-    Doubles a = lookUp(nearTable.columns[0], row), b = lookUp(nearTable.columns[4], row);
-    for (int i = 1; i < 4; ++i) {
-        a = a * u + lookUp(nearTable.columns[i], row);
-        b = b * u + lookUp(nearTable.columns[i + 4], row);
+    VSQ_INLINE Doubles<N> value(const Doubles<N>& u) const {
+        const Doubles<N> square = u * u;
+        return b + square * square * a;
     }
-    const Doubles square = u * u;
-    const Doubles value = b + square * square * a;
-    return select(zero <= x, splat<double, lanes>(1) - value, value);
+};
+
+// The chains of the rows k[0], k[1], ... at u, in registers of N lanes: pairs of coefficients are loaded row by
+// row, and transposed.
+template <int N>
+VSQ_INLINE Chains<N> chainsByRow(const double* rows, const std::int32_t* k, const Doubles<N>& u) {
+    const auto pair = [rows, k](int lane, int i)
+                          VSQ_LAMBDA { return load<double, 2>(rows + terms * k[lane] + i); };
+    Chains<N> chains{splat<double, N>(0), splat<double, N>(0)};
+    for (int i = 0; i < terms; i += 2) {
+        Doubles<N> even, odd;
+        if constexpr (N == 2)
+            even = pair(0, i), odd = pair(1, i);
+        else
+            even = join(pair(0, i), pair(2, i)), odd = join(pair(1, i), pair(3, i));
+        const Doubles<N> a = evenPairs(even, odd), b = oddPairs(even, odd);
+        chains.a = i == 0 ? a : chains.a * u + a;
+        chains.b = i == 0 ? b : chains.b * u + b;
+    }
+    return chains;
+}
+
+template <int N>
+VSQ_INLINE Doubles<N> polynomialsByRow(const double* rows, const std::int32_t* k, const Doubles<N>& u) {
+    if constexpr (isRegister<double, N>)
+        return chainsByRow<N>(rows, k, u).value(u);
+    else
+        return {polynomialsByRow<N / 2>(rows, k, u.lo), polynomialsByRow<N / 2>(rows, k + N / 2, u.hi)};
+}
+
+template <int N>
+VSQ_INLINE Doubles<N> polynomialsByCoefficient(const double* columns, const Ints<N>& k, const Doubles<N>& u) {
+    const auto index = convert<std::int64_t>(k);
+    Chains<N> chains{lookUp(columns, index), lookUp(columns + 4 * nearRows, index)};
+    // Unrolled, the look-ups would all be moved to the front, and their results out of the registers.
+#pragma GCC unroll 1
+    for (int i = 1; i < 4; ++i) {
+        chains.a = chains.a * u + lookUp(columns + i * nearRows, index);
+        chains.b = chains.b * u + lookUp(columns + (i + 4) * nearRows, index);
+    }
+    return chains.value(u);
+}
+
+// The polynomials of a block at u, k below nearRows; the operations on an element are the same on every level.
+template <int N>
+VSQ_INLINE Doubles<N> polynomials(const Rows& rows, const Ints<N>& k, const Doubles<N>& u) {
+    if constexpr (byCoefficient) {
+        return polynomialsByCoefficient<N>(rows.values, k, u);
+    } else {
+        std::int32_t indices[N];
+        store(indices, k);
+        return polynomialsByRow<N>(rows.values, indices, u);
+    }
+}
+
+// The bits of all lanes, as laneBits gives them.
+template <int N>
+constexpr unsigned allLanes = ~0u >> (32 - N);
+
+// 1 less the value where x is not negative.
+template <int N>
+VSQ_INLINE Doubles<N> mirrored(const Doubles<N>& value, const Floats<N>& x) {
+    return selectNotBelowZero(x, splat<double, N>(1) - value, value);
 }
 
 // One element by the rules of its range. A not-a-number fails every comparison but the last one's opposite
@@ -76,61 +119,114 @@ VSQ_INLINE float sigmoidOf(float x) {
     if (x > 17.0f) return 1.0f;
     if (x < -104.0f) return 0.0f;
     if (!(x > -78.0f && x < 17.0f)) return float(1.0 / (1.0 + __builtin_exp(-double(x))));
-    const float t = -__builtin_fabsf(x);
-    const int k = int(-t);
-    const double value = polynomial(k, double(t) + double(k));
+    const double size = double(__builtin_fabsf(x));
+    const int k = int(size);
+    const double u = double(k) - size;
+    double value = double(kSigmoidRows[k][0]);
+    for (int i = 1; i < terms; ++i)
+        value = value * u + double(kSigmoidRows[k][i]);
     return float(x >= 0.0f ? 1.0 - value : value);
 }
 
-void sigmoid(const float* in, float* out, int n) {
-    for (int i = 0; i < n; i += lanes) {
-        const int count = n - i < lanes ? n - i : lanes;
-        const Floats x = count == lanes ? load<float, lanes>(in + i) : loadPart<float, lanes>(in + i, count);
-        if (laneBits(magnitude(x) < splat<float, lanes>(nearRows)) != 0xFFFF) [[unlikely]] {
-            for (int j = i; j < i + count; ++j)
-                out[j] = sigmoidOf(in[j]);
-            continue;
-        }
-        const Floats y = convert<float>(nearSigmoids(convert<double>(x)));
-        if (count == lanes)
-            store(out + i, y);
-        else
-            storePart(out + i, y, count);
-    }
+// A block of elements; what is not near comes out wrong, and its bits are set in the result.
+template <int N>
+VSQ_INLINE unsigned sigmoidBlock(const Floats<N>& x, Floats<N>& y) {
+    const Floats<N> size = magnitude(x);
+    const Ints<N> k = truncated(size), row = k & splat<std::int32_t, N>(nearRows - 1);
+    // The distance to the next whole number toward zero, which is a float.
+    const Doubles<N> u = convert<double>(convert<float>(row) - size);
+    y = convert<float>(mirrored(polynomials(coarse, row, u), x));
+    const Ints<N> beyond = k ^ row;
+    return anyLane(beyond) ? laneBits(beyond == splat<std::int32_t, N>(0)) ^ allLanes<N> : 0;
 }
+
+// The first `count` elements from in on.
+template <int N>
+VSQ_INLINE void sigmoidBlock(const float* in, float* out, int count) {
+    const Floats<N> x = count == N ? load<float, N>(in) : loadPart<float, N>(in, count);
+    Floats<N> y;
+    unsigned far = sigmoidBlock(x, y);
+    if (far != 0) [[unlikely]] {
+        float elements[N], results[N];
+        store(elements, x);
+        store(results, y);
+        for (; far != 0; far &= far - 1)
+            results[__builtin_ctz(far)] = sigmoidOf(elements[__builtin_ctz(far)]);
+        y = load<float, N>(results);
+    }
+    if (count == N)
+        store(out, y);
+    else
+        storePart(out, y, count);
+}
+
+void sigmoid(const float* in, float* out, int n) {
+    int i = 0;
+    for (; i + blockLanes <= n; i += blockLanes)
+        sigmoidBlock<blockLanes>(in + i, out + i, blockLanes);
+    for (; i < n; i += tailLanes)
+        sigmoidBlock<tailLanes>(in + i, out + i, n - i < tailLanes ? n - i : tailLanes);
+}
+
+// --- the sigmoid of words ---
 
 VSQ_INLINE short exactWord(int in, double inFactor, double outFactor) {
     const double y = 1.0 / (1.0 + __builtin_exp(-(double(in) * inFactor))) * outFactor;
     return short(y > 32767.0 ? 32767 : int(y));
 }
 
-// The polynomials are good for the integer that comes out unless it is so near to the next one that their
-// error decides; such elements, one in a hundred, and those of blocks with large ones take the formula.
-void sigmoidW(const int* in, short* out, int n, double inFactor, double outFactor) {
-    const Doubles bound = splat<double, lanes>(nearRows), rounder = splat<double, lanes>(0x1.8p52);
-    for (int i = 0; i < n; i += lanes) {
-        const int count = n - i < lanes ? n - i : lanes;
-        const Ints words =
-            count == lanes ? load<std::int32_t, lanes>(in + i) : loadPart<std::int32_t, lanes>(in + i, count);
-        const Doubles x = convert<double>(words) * splat<double, lanes>(inFactor);
-        unsigned doubtful = ~laneBits(magnitude(x) < bound) & 0xFFFF;
-        if (doubtful == 0) {
-            const Doubles y = nearSigmoids(x) * splat<double, lanes>(outFactor);
-            const Doubles offset = magnitude(y - ((y + rounder) - rounder)); // to the nearest integer
-            doubtful = laneBits(offset <= y * splat<double, lanes>(3e-7));
-            const Pack<std::int16_t, lanes> narrow = narrowed(truncated(y));
-            if (count == lanes)
-                store(out + i, narrow);
-            else
-                storePart(out + i, narrow, count);
-        } else {
-            doubtful = 0xFFFF;
-        }
-        for (doubtful &= (1u << count) - 1; doubtful != 0; doubtful &= doubtful - 1) {
-            const int j = i + __builtin_ctz(doubtful);
-            out[j] = exactWord(in[j], inFactor, outFactor);
-        }
+struct WordScales {
+    int inBits;
+    double inFactor, outFactor;
+};
+
+// A block of elements, with a bit set in the result for each that the formula has to decide: those that are
+// not near, and those so near to a whole number that the polynomial's error could make another one of it.
+template <int N>
+VSQ_INLINE unsigned sigmoidWordBlock(const Ints<N>& in, const WordScales& scales,
+                                     Pack<std::int16_t, N>& out) {
+    const Ints<N> sign = in >> 31;
+    const auto size = bits<std::uint32_t>(in ^ sign) - bits<std::uint32_t>(sign); // 2^31 included
+    const Ints<N> k = bits<std::int32_t>(size >> scales.inBits),
+                  row = k & splat<std::int32_t, N>(nearRows - 1);
+    const Ints<N> fraction = bits<std::int32_t>(size) & splat<std::int32_t, N>((1 << scales.inBits) - 1);
+    const Doubles<N> u = convert<double>(fraction) * splat<double, N>(-scales.inFactor);
+    const Doubles<N> value = polynomials(fine, row, u);
+    const Doubles<N> y =
+        selectNotBelowZero(in, splat<double, N>(1) - value, value) * splat<double, N>(scales.outFactor);
+    out = narrowed(truncated(y));
+    // The sum with 1.5 * 2^52 is rounded to a whole number.
+    const Doubles<N> rounder = splat<double, N>(0x1.8p52);
+    const Doubles<N> offset = magnitude(y - ((y + rounder) - rounder));
+    const auto doubtful = offset <= y * splat<double, N>(fineSigmoidError);
+    const Ints<N> beyond = k ^ row;
+    const bool anyBeyond = anyLane(beyond);
+    if (!anyBeyond && !anyLane(doubtful)) return 0;
+    return laneBits(doubtful) | (laneBits(beyond == splat<std::int32_t, N>(0)) ^ allLanes<N>);
+}
+
+template <int N>
+VSQ_INLINE void sigmoidWordBlock(const int* in, short* out, const WordScales& scales, int count) {
+    const Ints<N> words = count == N ? load<std::int32_t, N>(in) : loadPart<std::int32_t, N>(in, count);
+    Pack<std::int16_t, N> results;
+    unsigned open = sigmoidWordBlock(words, scales, results);
+    if (count == N)
+        store(out, results);
+    else
+        storePart(out, results, count);
+    for (open &= (allLanes<N>) >> (N - count); open != 0; open &= open - 1) {
+        const int j = __builtin_ctz(open);
+        out[j] = exactWord(in[j], scales.inFactor, scales.outFactor);
     }
+}
+
+void sigmoidW(const int* in, short* out, int n, int inBits, int outBits) {
+    const WordScales scales{inBits, 1.0 / double(1u << inBits), double(1u << outBits)};
+    int i = 0;
+    for (; i + blockLanes <= n; i += blockLanes)
+        sigmoidWordBlock<blockLanes>(in + i, out + i, scales, blockLanes);
+    for (; i < n; i += tailLanes)
+        sigmoidWordBlock<tailLanes>(in + i, out + i, scales, n - i < tailLanes ? n - i : tailLanes);
 }
 
 // --- training ---
@@ -138,7 +234,7 @@ void sigmoidW(const int* in, short* out, int n, double inFactor, double outFacto
 constexpr int steps = 8;
 using Wide = Pack<double, steps>;
 
-// The next `count` elements of one row.
+// The first `count` elements of one row, all 8 when `whole`.
 template <bool whole>
 VSQ_INLINE void descendStep(float* weights, float* previous, const Wide& x, const Wide& g,
                             const Wide& momentum, int count) {
@@ -156,32 +252,45 @@ VSQ_INLINE void descendStep(float* weights, float* previous, const Wide& x, cons
     }
 }
 
+// Inputs are widened once for all rows, so many at a time.
+constexpr int widened = 64;
+
+// Up to `widened` columns of all rows, from `first` on.
+VSQ_INLINE void descendColumns(float* const* weights, float* const* previous, const float* x,
+                               const float* deltas, double rate, const Wide& momentum, int nRows, int first,
+                               int count) {
+    double inputs[widened];
+    int whole = 0;
+    for (; whole + steps <= count; whole += steps)
+        store(inputs + whole, convert<double>(load<float, steps>(x + first + whole)));
+    if (whole < count)
+        store(inputs + whole, convert<double>(loadPart<float, steps>(x + first + whole, count - whole)));
+    for (int k = 0; k < nRows; ++k) {
+        const Wide g = splat<double, steps>(double(deltas[k]) * rate);
+        float *w = weights[k] + first, *p = previous[k] + first;
+        for (int i = 0; i < whole; i += steps)
+            descendStep<true>(w + i, p + i, load<double, steps>(inputs + i), g, momentum, steps);
+        if (whole < count)
+            descendStep<false>(w + whole, p + whole, load<double, steps>(inputs + whole), g, momentum,
+                               count - whole);
+    }
+}
+
 void descend(float* const* weights, float* const* previous, const float* x, const float* deltas, double rate,
              double momentum, int nRows, int n) {
-    const Wide factor = splat<double, steps>(momentum);
-    int i = 0;
-    for (; i + steps <= n; i += steps) {
-        const Wide part = convert<double>(load<float, steps>(x + i));
-        for (int k = 0; k < nRows; ++k)
-            descendStep<true>(weights[k] + i, previous[k] + i, part,
-                              splat<double, steps>(double(deltas[k]) * rate), factor, steps);
-    }
-    if (i >= n) return;
-    const Wide part = convert<double>(loadPart<float, steps>(x + i, n - i));
-    for (int k = 0; k < nRows; ++k)
-        descendStep<false>(weights[k] + i, previous[k] + i, part,
-                           splat<double, steps>(double(deltas[k]) * rate), factor, n - i);
+    for (int i = 0; i < n; i += widened)
+        descendColumns(weights, previous, x, deltas, rate, splat<double, steps>(momentum), nRows, i,
+                       n - i < widened ? n - i : widened);
 }
 
 // Columns from i on, `count` of them.
-template <bool whole>
+template <int N, bool whole>
 VSQ_INLINE void weighStep(double* sums, const float* const* rows, const float* deltas, int nRows, int i,
                           int count) {
-    Pack<double, lanes> sum = splat<double, lanes>(0);
+    Doubles<N> sum = splat<double, N>(0);
     for (int k = 0; k < nRows; ++k) {
-        const Floats row =
-            whole ? load<float, lanes>(rows[k] + i) : loadPart<float, lanes>(rows[k] + i, count);
-        sum = sum + convert<double>(row) * splat<double, lanes>(double(deltas[k]));
+        const Floats<N> row = whole ? load<float, N>(rows[k] + i) : loadPart<float, N>(rows[k] + i, count);
+        sum = sum + convert<double>(row) * splat<double, N>(double(deltas[k]));
     }
     if constexpr (whole)
         store(sums + i, sum);
@@ -191,13 +300,20 @@ VSQ_INLINE void weighStep(double* sums, const float* const* rows, const float* d
 
 void weighDeltas(double* sums, const float* const* rows, const float* deltas, int nRows, int n) {
     int i = 0;
-    for (; i + lanes <= n; i += lanes)
-        weighStep<true>(sums, rows, deltas, nRows, i, lanes);
-    if (i < n) weighStep<false>(sums, rows, deltas, nRows, i, n - i);
+    for (; i + blockLanes <= n; i += blockLanes)
+        weighStep<blockLanes, true>(sums, rows, deltas, nRows, i, blockLanes);
+    for (; i + tailLanes <= n; i += tailLanes)
+        weighStep<tailLanes, true>(sums, rows, deltas, nRows, i, tailLanes);
+    if (i < n) weighStep<tailLanes, false>(sums, rows, deltas, nRows, i, n - i);
+}
+
+void sigmoidSlopes(const float* outputs, float* slopes, int n) {
+    for (int i = 0; i < n; ++i)
+        slopes[i] = float((1.0 - double(outputs[i])) * double(outputs[i]));
 }
 
 } // namespace
 
-extern const MlpKernels mlpKernels{sigmoid, sigmoidW, descend, weighDeltas};
+extern const MlpKernels mlpKernels{sigmoid, sigmoidW, sigmoidSlopes, descend, weighDeltas};
 
 } // namespace vsq::VSQ_LEVEL

@@ -13,10 +13,14 @@ struct MlpKernels {
     // C library's exp.
     void (*sigmoid)(const float* in, float* out, int n);
 
-    // out[i] = 1 / (1 + exp(-in[i] * inFactor)) * outFactor, truncated to an integer and not above 32767, n
-    // elements. Both factors are powers of two, inFactor from 2^-30 and outFactor to 2^30. The results are
-    // those of the formula in double with the C library's exp.
-    void (*sigmoidW)(const int* in, short* out, int n, double inFactor, double outFactor);
+    // out[i] = 2^outBits / (1 + exp(-in[i] * 2^-inBits)), truncated to an integer and not above 32767, n
+    // elements; both counts from 1 to 30. The results are those of the formula in double with the C library's
+    // exp.
+    void (*sigmoidW)(const int* in, short* out, int n, int inBits, int outBits);
+
+    // slopes[i] = (1 - outputs[i]) * outputs[i] in double, rounded once, n elements; the two are the same array or
+    // apart.
+    void (*sigmoidSlopes)(const float* outputs, float* slopes, int n);
 
     // A layer's step of gradient descent with momentum, all in double: for each row k below nRows, with
     // g = deltas[k] * rate, delta = x[i] * g + previous[k][i] * momentum; weights[k][i] += delta and

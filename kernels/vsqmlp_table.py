@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Fits kSigmoidRows, the piecewise polynomials of the logistic sigmoid, and prints vsqmlp_table.h.
+"""Fits the piecewise polynomials of the logistic sigmoid, and prints vsqmlp_table.h.
 
     python3 kernels/vsqmlp_table.py > kernels/vsqmlp_table.h      (the standard library is all it needs)
 
@@ -8,6 +8,9 @@ coefficients are floats. A row is fitted by least squares of the relative error 
 coefficients become floats one by one, the constant first, and those that are left are fitted again each time, so that
 they make up for what the rounding took. Four rows are settled figures and are taken as they stand. Every row is
 measured over its interval, and the program fails when one is off by more than the bound.
+
+That is kSigmoidRows. kFineSigmoidRows are the rows of the first intervals again, with doubles for coefficients: results
+of the fixed-point flavour must be those of the formula, and the finer the rows, the fewer results they leave in doubt.
 """
 import struct
 import sys
@@ -17,6 +20,7 @@ from math import cos, pi
 getcontext().prec = 60
 ROWS, TERMS, POINTS, MEASURED = 78, 8, 24, 400
 BOUND = Decimal("2.4e-7")  # leaves room below 3e-7 for the rounding of a result to float
+FINE_ROWS, FINE_BOUND = 16, Decimal("5e-9")
 
 # u^7, u^6, u^5, u^4, u^3, u^2, u, 1
 SETTLED = {
@@ -30,6 +34,11 @@ SETTLED = {
 def as_float(x):
     """The float next to x, exactly."""
     return Decimal(struct.unpack("<f", struct.pack("<f", float(x)))[0])
+
+
+def as_double(x):
+    """The double next to x, exactly."""
+    return Decimal(float(x))
 
 
 def sigmoid(x):
@@ -62,12 +71,12 @@ def fit_rest(points, values, known):
     return solve(matrix, [sum(row[i] * r for row, r in zip(basis, rest)) for i in size])
 
 
-def fitted_row(k):
+def fitted_row(k, rounded):
     points = [Decimal(-0.5 - 0.5 * cos(pi * (i + 0.5) / POINTS)) for i in range(POINTS)]
     values = [sigmoid(u - k) for u in points]
     known = []
     while len(known) < TERMS:
-        known.append(as_float(fit_rest(points, values, known)[0]))
+        known.append(rounded(fit_rest(points, values, known)[0]))
     return known[::-1]
 
 
@@ -93,17 +102,38 @@ namespace vsq {
 // clang-format off
 constexpr int sigmoidRows = %d;
 constexpr float kSigmoidRows[sigmoidRows][8] = {"""
+MIDDLE = """};
 
-if __name__ == "__main__":
+// The first rows with doubles for coefficients: within a relative error of fineSigmoidError.
+constexpr int fineSigmoidRows = %d;
+constexpr double fineSigmoidError = %s;
+constexpr double kFineSigmoidRows[fineSigmoidRows][8] = {"""
+TAIL = """};
+// clang-format on
+
+} // namespace vsq"""
+
+
+def table(rows, bound, printed, row_of):
+    """The lines of a table and its largest error."""
     lines, worst = [], Decimal(0)
-    for k in range(ROWS):
-        row = [as_float(Decimal(t)) for t in SETTLED[k].split()] if k in SETTLED else fitted_row(k)
+    for k in range(rows):
+        row = row_of(k)
         error = worst_error(k, row)
         worst = max(worst, error)
         print(f"row {k}: {float(error):.2e}", file=sys.stderr)
-        lines.append("    {" + ", ".join(f"{float(c):.9g}f" for c in row) + "},")
-    if worst > BOUND:
+        lines.append("    {" + ", ".join(printed(float(c)) for c in row) + "},")
+    if worst > bound:
         sys.exit(f"relative error {float(worst):.3e}")
-    print(HEAD % (f"{float(worst):.2g}", ROWS))
-    print("\n".join(lines))
-    print("};\n// clang-format on\n\n} // namespace vsq")
+    return "\n".join(lines), worst
+
+
+if __name__ == "__main__":
+    coarse, error = table(
+        ROWS,
+        BOUND,
+        lambda c: f"{c:.9g}f",
+        lambda k: [as_float(Decimal(t)) for t in SETTLED[k].split()] if k in SETTLED else fitted_row(k, as_float),
+    )
+    fine, _ = table(FINE_ROWS, FINE_BOUND, lambda c: f"{c:.17g}", lambda k: fitted_row(k, as_double))
+    print(HEAD % (f"{float(error):.2g}", ROWS), coarse, MIDDLE % (FINE_ROWS, FINE_BOUND), fine, TAIL, sep="\n")

@@ -26,8 +26,8 @@ long double trueSigmoid(long double x) {
 }
 
 // The polynomial of a row, in extended precision.
-long double polynomialOf(int k, long double u) {
-    const float* row = vsq::kSigmoidRows[k];
+template <class T>
+long double polynomialOf(const T (&row)[8], long double u) {
     long double a = 0, b = 0;
     for (int i = 0; i < 4; ++i) {
         a = a * u + row[i];
@@ -42,7 +42,7 @@ long double unroundedSigmoid(float x) {
     if (x < -104.0f) return 0.0L;
     if (x == 17.0f || x <= -78.0f) return trueSigmoid(x);
     const int k = int(std::fabs(x));
-    const long double value = polynomialOf(k, static_cast<long double>(k) - std::fabs(x));
+    const long double value = polynomialOf(vsq::kSigmoidRows[k], static_cast<long double>(k) - std::fabs(x));
     return x >= 0.0f ? 1.0L - value : value;
 }
 
@@ -106,7 +106,18 @@ TEST(SigmoidTable, StaysWithinTheBoundInEveryRow) {
     for (int k = 0; k < vsq::sigmoidRows; ++k)
         for (int i = 0; i <= 1000; ++i) {
             const long double u = -i / 1000.0L, truth = trueSigmoid(u - k);
-            ASSERT_LE(std::fabs(polynomialOf(k, u) - truth), 3e-7L * truth) << k << ' ' << i;
+            ASSERT_LE(std::fabs(polynomialOf(vsq::kSigmoidRows[k], u) - truth), 3e-7L * truth)
+                << k << ' ' << i;
+        }
+}
+
+TEST(SigmoidTable, HasFineRowsWithinTheirBound) {
+    for (int k = 0; k < vsq::fineSigmoidRows; ++k)
+        for (int i = 0; i <= 1000; ++i) {
+            const long double u = -i / 1000.0L, truth = trueSigmoid(u - k);
+            ASSERT_LE(std::fabs(polynomialOf(vsq::kFineSigmoidRows[k], u) - truth),
+                      vsq::fineSigmoidError * truth)
+                << k << ' ' << i;
         }
 }
 
@@ -179,8 +190,8 @@ TEST(SigmoidKernel, HasItsLimits) {
 
 namespace {
 
-short formula(int in, double inFactor, double outFactor) {
-    const double r = 1.0 / (1.0 + std::exp(-(double(in) * inFactor))) * outFactor;
+short formula(int in, int inBits, int outBits) {
+    const double r = std::ldexp(1.0 / (1.0 + std::exp(-std::ldexp(double(in), -inBits))), outBits);
     return short(r > 32767.0 ? 32767 : int(r));
 }
 
@@ -191,16 +202,15 @@ TEST(WordSigmoidKernel, IsTheFormulaForAllScales) {
         std::mt19937 random(3);
         for (int inBits = 1; inBits <= 30; ++inBits)
             for (const int outBits : {1, 2, 7, 10, 14, 15, 16, 20, 29, 30}) {
-                const double inFactor = std::ldexp(1.0, -inBits), outFactor = std::ldexp(1.0, outBits);
                 Guarded<int> in(300);
                 for (std::size_t i = 0; i < in.size(); ++i)
                     in[i] = i < 100 ? int(random()) : int(random()) >> (random() % 31);
                 in[0] = INT32_MIN, in[1] = INT32_MAX, in[2] = 0, in[3] = -1, in[4] = 1;
                 Guarded<short> out(in.size());
-                vsq::kernels().mlp->sigmoidW(in.data(), out.data(), int(in.size()), inFactor, outFactor);
+                vsq::kernels().mlp->sigmoidW(in.data(), out.data(), int(in.size()), inBits, outBits);
                 EXPECT_TRUE(out.intact());
                 for (std::size_t i = 0; i < in.size(); ++i)
-                    ASSERT_EQ(out[i], formula(in[i], inFactor, outFactor))
+                    ASSERT_EQ(out[i], formula(in[i], inBits, outBits))
                         << in[i] << ' ' << inBits << ' ' << outBits;
             }
     });
@@ -213,9 +223,9 @@ TEST(WordSigmoidKernel, IsTheFormulaInSmallSteps) {
         for (int i = -(17 << 15); i <= 17 << 15; i += 5)
             in.push_back(i);
         std::vector<short> out(in.size());
-        vsq::kernels().mlp->sigmoidW(in.data(), out.data(), int(in.size()), 0x1p-15, 0x1p15);
+        vsq::kernels().mlp->sigmoidW(in.data(), out.data(), int(in.size()), 15, 15);
         for (std::size_t i = 0; i < in.size(); ++i)
-            ASSERT_EQ(out[i], formula(in[i], 0x1p-15, 0x1p15)) << in[i];
+            ASSERT_EQ(out[i], formula(in[i], 15, 15)) << in[i];
     });
 }
 
@@ -228,10 +238,10 @@ TEST(WordSigmoidKernel, WritesNothingBesideItsElements) {
                 for (std::size_t i = 0; i < in.size(); ++i)
                     in[i] = int(random() % unsigned(2 * range)) - range;
                 Guarded<short> out{in.size(), short(-1)};
-                vsq::kernels().mlp->sigmoidW(in.data(), out.data(), n, 0x1p-15, 0x1p15);
+                vsq::kernels().mlp->sigmoidW(in.data(), out.data(), n, 15, 15);
                 EXPECT_TRUE(out.intact());
                 for (std::size_t i = 0; i < in.size(); ++i)
-                    ASSERT_EQ(out[i], formula(in[i], 0x1p-15, 0x1p15));
+                    ASSERT_EQ(out[i], formula(in[i], 15, 15));
             }
     });
 }
@@ -262,11 +272,31 @@ struct Layer {
 
 } // namespace
 
+TEST(SigmoidSlopesKernel, AreTheProductInDoubleRoundedOnce) {
+    support::onEveryLevel([] {
+        std::mt19937 random(7);
+        std::uniform_real_distribution<float> uniform(-1, 2);
+        for (int n = -1; n <= 70; ++n) {
+            Guarded<float> y{std::size_t(std::max(n, 0))}, slopes{y.size(), -1.0f};
+            std::vector<float> expected;
+            for (std::size_t i = 0; i < y.size(); ++i) {
+                y[i] = uniform(random);
+                expected.push_back(float((1.0 - double(y[i])) * double(y[i])));
+            }
+            vsq::kernels().mlp->sigmoidSlopes(y.data(), slopes.data(), n);
+            EXPECT_TRUE(slopes.intact());
+            EXPECT_EQ(slopes.values(), expected);
+            vsq::kernels().mlp->sigmoidSlopes(y.data(), y.data(), n); // in place
+            EXPECT_EQ(y.values(), expected);
+        }
+    });
+}
+
 TEST(DescendKernel, ChangesWeightsInDoubleAndRoundsEachOnce) {
     support::onEveryLevel([] {
         std::mt19937 random(5);
         std::normal_distribution<float> normal;
-        for (int n = 0; n <= 70; ++n)
+        for (int n = 0; n <= 140; ++n)
             for (const int count : {0, 1, 2, 3, 5, 8}) {
                 Layer weights(random, count, n), previous(random, count, n);
                 Guarded<float> x{std::size_t(n)}, deltas{std::size_t(count)};

@@ -208,14 +208,26 @@ TEST(Activations, DoNothingForNoElements) {
 }
 
 // From the last element to the first: with the output one element behind the input, each is read before it is
-// overwritten.
+// overwritten; with it before the input, each result is read as the next one's input.
 TEST(Activations, WalkFromTheLastElementToTheFirst) {
-    for (KTMLPActivationFn f : {KTsSigmoidDerivative, KTsAbsActivation, KTsAbsDerivative}) {
-        std::vector<float> overlapping = {0.5f, 0.25f, 0.125f, 0.0f}, expected(3);
-        f(overlapping.data(), expected.data(), 3);
-        f(overlapping.data(), overlapping.data() + 1, 3);
-        EXPECT_EQ(std::vector<float>(overlapping.begin() + 1, overlapping.end()), expected);
-    }
+    for (KTMLPActivationFn f : {KTsSigmoidDerivative, KTsAbsActivation, KTsAbsDerivative})
+        for (const std::size_t n : {std::size_t(3), std::size_t(40)})
+            for (const std::size_t distance : {std::size_t(1), std::size_t(2), n - 1, n, n + 1}) {
+                std::vector<float> values;
+                for (std::size_t i = 0; i < n + distance; ++i)
+                    values.push_back(0.5f / float(i + 1));
+                std::vector<float> behind = values, expected = values;
+                for (std::size_t i = n; i-- > 0;)
+                    expected[i + distance] = of(f, expected[i]);
+                f(behind.data(), behind.data() + distance, int(n));
+                EXPECT_EQ(behind, expected) << n << ' ' << distance;
+                std::vector<float> before = values;
+                expected = values;
+                for (std::size_t i = n; i-- > 0;)
+                    expected[i] = of(f, expected[i + distance]);
+                f(before.data() + distance, before.data(), int(n));
+                EXPECT_EQ(before, expected) << n << ' ' << distance;
+            }
 }
 
 TEST(FixedSigmoidActivation, OfZeroIsOneHalf) {
