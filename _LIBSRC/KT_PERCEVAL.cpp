@@ -31,16 +31,18 @@ void evalDense(sMLPServer* server, const float* pInput, int nInputs, float* pOut
     int width = inputWidth(server, nInputs);
     std::copy_n(pInput, width, server->pLayerOut);
     const float* thresholds = server->pThresholds;
+    const float* x = pInput;
     const int last = server->nLayers - 1;
     for (int l = 1; l <= last; ++l) {
         const int n = server->playerNeuronCounts[l];
         float* dst = l == last ? pOutput : server->pLayerOut;
-        ownsMatVec(server->pNet, server->pppWeights[l - 1], server->pLayerOut, n, width);
+        ownsMatVec(server->pNet, server->pppWeights[l - 1], x, n, width);
         if (usesThresholds(server))
             for (int j = 0; j < n; ++j)
                 server->pNet[j] -= *thresholds++;
         const KTMLPActivationFn activate = server->ppActivation[l - 1];
         if (activate != nullptr) activate(server->pNet, dst, n);
+        x = server->pLayerOut;
         width = n;
     }
 }

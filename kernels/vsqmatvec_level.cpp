@@ -55,16 +55,29 @@ VSQ_INLINE void addColumns(const float* const* rows, int first, const float* x, 
         sums[r] = sums[r] + loadPart<float, lanes>(row[r] + c, nCols - c) * part;
 }
 
-void rowsS(float* dst, const float* const* rows, int first, const float* x, int nRows, int nCols) {
+// The sums of four rows.
+VSQ_INLINE Pack<float, group> sumsOfFour(const float* const* rows, int first, const float* x, int nCols) {
     Lanes sums[group];
+    addColumns<group>(rows, first, x, nCols, sums);
+    return sumsOfRows(sums);
+}
+
+void rowsS(float* dst, const float* const* rows, int first, const float* x, int nRows, int nCols) {
     int r = 0;
-    for (; r + group <= nRows; r += group) {
-        addColumns<group>(rows + r, first, x, nCols, sums);
-        store(dst + r, sumsOfRows(sums));
+    // 16 sums are stored at once, since a load of more than one store has written would wait for them.
+    for (; r + 4 * group <= nRows; r += 4 * group) {
+        const auto a = sumsOfFour(rows + r, first, x, nCols);
+        const auto b = sumsOfFour(rows + r + group, first, x, nCols);
+        const auto c = sumsOfFour(rows + r + 2 * group, first, x, nCols);
+        const auto d = sumsOfFour(rows + r + 3 * group, first, x, nCols);
+        store(dst + r, join(join(a, b), join(c, d)));
     }
+    for (; r + group <= nRows; r += group)
+        store(dst + r, sumsOfFour(rows + r, first, x, nCols));
     for (; r < nRows; ++r) {
-        addColumns<1>(rows + r, first, x, nCols, sums);
-        dst[r] = sumLanes(sums[0]);
+        Lanes sum[1];
+        addColumns<1>(rows + r, first, x, nCols, sum);
+        dst[r] = sumLanes(sum[0]);
     }
 }
 
