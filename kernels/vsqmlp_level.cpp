@@ -192,17 +192,13 @@ VSQ_INLINE unsigned sigmoidWordBlock(const Ints<N>& in, const WordScales& scales
     const Ints<N> fraction = bits<std::int32_t>(size) & splat<std::int32_t, N>((1 << scales.inBits) - 1);
     const Doubles<N> u = convert<double>(fraction) * splat<double, N>(-scales.inFactor);
     const Doubles<N> value = polynomials(fine, row, u);
-    const Doubles<N> y =
-        selectNotBelowZero(in, splat<double, N>(1) - value, value) * splat<double, N>(scales.outFactor);
-    out = narrowed(truncated(y));
-    // The sum with 1.5 * 2^52 is rounded to a whole number.
-    const Doubles<N> rounder = splat<double, N>(0x1.8p52);
-    const Doubles<N> offset = magnitude(y - ((y + rounder) - rounder));
-    const auto doubtful = offset <= y * splat<double, N>(fineSigmoidError);
-    const Ints<N> beyond = k ^ row;
-    const bool anyBeyond = anyLane(beyond);
-    if (!anyBeyond && !anyLane(doubtful)) return 0;
-    return laneBits(doubtful) | (laneBits(beyond == splat<std::int32_t, N>(0)) ^ allLanes<N>);
+    const Doubles<N> result = selectNotBelowZero(in, splat<double, N>(1) - value, value);
+    // What the error can make of the result: where both ends are truncated to one number, that is it.
+    const Ints<N> least = truncated(result * splat<double, N>(scales.outFactor * (1 - fineSigmoidError)));
+    const Ints<N> most = truncated(result * splat<double, N>(scales.outFactor * (1 + fineSigmoidError)));
+    out = narrowed(least);
+    const Ints<N> open = (k ^ row) | (least ^ most);
+    return anyLane(open) ? laneBits(open == splat<std::int32_t, N>(0)) ^ allLanes<N> : 0;
 }
 
 template <int N>
