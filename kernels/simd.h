@@ -398,14 +398,71 @@ VSQ_INLINE Pack<T, N> select(const Pack<MaskOf<T>, N>& mask, const Pack<T, N>& a
     return each<T, N>([](auto m, auto x, auto y) VSQ_LAMBDA { return m ? x : y; }, mask, a, b);
 }
 
+// Compilers make two instructions of such a choice between floats, which the minimum and maximum of x86 are in one. (The
+// forms with a mask of all lanes keep g++ from warning of its own headers.)
+template <class V>
+VSQ_INLINE V smallerOf(V x, V y) {
+    constexpr bool isFloat = std::is_same_v<decltype(x[0] + 0), float>;
+    constexpr bool isDouble = std::is_same_v<decltype(x[0] + 0), double>;
+#if defined(__AVX512F__)
+    if constexpr (sizeof(V) == 64 && isFloat)
+        return (V)_mm512_maskz_min_ps(0xFFFF, (__m512)x, (__m512)y);
+    else if constexpr (sizeof(V) == 64 && isDouble)
+        return (V)_mm512_maskz_min_pd(0xFF, (__m512d)x, (__m512d)y);
+    else
+#endif
+#if defined(__AVX__)
+        if constexpr (sizeof(V) == 32 && isFloat)
+        return (V)_mm256_min_ps((__m256)x, (__m256)y);
+    else if constexpr (sizeof(V) == 32 && isDouble)
+        return (V)_mm256_min_pd((__m256d)x, (__m256d)y);
+    else
+#endif
+#if defined(__SSE2__)
+        if constexpr (sizeof(V) == 16 && isFloat)
+        return (V)_mm_min_ps((__m128)x, (__m128)y);
+    else if constexpr (sizeof(V) == 16 && isDouble)
+        return (V)_mm_min_pd((__m128d)x, (__m128d)y);
+    else
+#endif
+        return x < y ? x : y;
+}
+template <class V>
+VSQ_INLINE V largerOf(V x, V y) {
+    constexpr bool isFloat = std::is_same_v<decltype(x[0] + 0), float>;
+    constexpr bool isDouble = std::is_same_v<decltype(x[0] + 0), double>;
+#if defined(__AVX512F__)
+    if constexpr (sizeof(V) == 64 && isFloat)
+        return (V)_mm512_maskz_max_ps(0xFFFF, (__m512)x, (__m512)y);
+    else if constexpr (sizeof(V) == 64 && isDouble)
+        return (V)_mm512_maskz_max_pd(0xFF, (__m512d)x, (__m512d)y);
+    else
+#endif
+#if defined(__AVX__)
+        if constexpr (sizeof(V) == 32 && isFloat)
+        return (V)_mm256_max_ps((__m256)x, (__m256)y);
+    else if constexpr (sizeof(V) == 32 && isDouble)
+        return (V)_mm256_max_pd((__m256d)x, (__m256d)y);
+    else
+#endif
+#if defined(__SSE2__)
+        if constexpr (sizeof(V) == 16 && isFloat)
+        return (V)_mm_max_ps((__m128)x, (__m128)y);
+    else if constexpr (sizeof(V) == 16 && isDouble)
+        return (V)_mm_max_pd((__m128d)x, (__m128d)y);
+    else
+#endif
+        return x > y ? x : y;
+}
+
 // a < b ? a : b and a > b ? a : b; where a comparison fails for a not-a-number, b.
 template <class T, int N>
 VSQ_INLINE Pack<T, N> smaller(const Pack<T, N>& a, const Pack<T, N>& b) {
-    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x < y ? x : y; }, a, b);
+    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return smallerOf(x, y); }, a, b);
 }
 template <class T, int N>
 VSQ_INLINE Pack<T, N> larger(const Pack<T, N>& a, const Pack<T, N>& b) {
-    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return x > y ? x : y; }, a, b);
+    return each<T, N>([](auto x, auto y) VSQ_LAMBDA { return largerOf(x, y); }, a, b);
 }
 
 // The same bits as another type of the same width.
@@ -784,6 +841,71 @@ VSQ_INLINE Pack<double, N> lookUp(const double* table, const Pack<std::int64_t, 
         index);
 }
 
+// --- a table of 8 floats, and powers of two ---
+
+template <class V, class I>
+VSQ_INLINE V lookUp8Vector(const float* table, I index) {
+#if defined(__AVX512DQ__)
+    if constexpr (sizeof(V) == 64)
+        return (V)_mm512_permutexvar_ps((__m512i)index, _mm512_broadcast_f32x8(_mm256_loadu_ps(table)));
+    else
+#endif
+#if defined(__AVX2__)
+        if constexpr (sizeof(V) == 32)
+        return (V)_mm256_permutevar8x32_ps(_mm256_loadu_ps(table), (__m256i)index);
+    else
+#endif
+    {
+        V result;
+        for (unsigned i = 0; i < sizeof(V) / sizeof(float); ++i)
+            result[i] = table[index[i] & 7];
+        return result;
+    }
+}
+
+// table[index modulo 8], lane by lane.
+template <int N>
+VSQ_INLINE Pack<float, N> lookUp8(const float* table, const Pack<std::int32_t, N>& index) {
+    return each<float, N>(
+        [table](auto i) VSQ_LAMBDA {
+            typedef float Register __attribute__((vector_size(sizeof i)));
+            return lookUp8Vector<Register>(table, i);
+        },
+        index);
+}
+
+// Whether timesPowers is one instruction.
+inline constexpr bool hasPowers = registerBytes == 64;
+
+template <class V>
+VSQ_INLINE V timesPowersOf(V a, V n) {
+#if defined(__AVX512F__)
+    if constexpr (sizeof(V) == 64)
+        return (V)_mm512_maskz_scalef_ps(0xFFFF, (__m512)a, (__m512)n);
+    else
+#endif
+#if defined(__AVX512VL__)
+        if constexpr (sizeof(V) == 32)
+        return (V)_mm256_maskz_scalef_ps(0xFF, (__m256)a, (__m256)n);
+    else if constexpr (sizeof(V) == 16)
+        return (V)_mm_maskz_scalef_ps(0xF, (__m128)a, (__m128)n);
+    else
+#endif
+    {
+        // In two factors, each a normal number; only the second product may round, to a denormal.
+        typedef std::int32_t Ints __attribute__((vector_size(sizeof(V))));
+        const Ints whole = __builtin_convertvector(n + 256.0f, Ints) - 256; // truncation downward
+        const Ints half = whole >> 1;
+        return a * (V)((half + 127) << 23) * (V)((whole - half + 127) << 23);
+    }
+}
+
+// a * 2^(n rounded downward), rounded once, for n from -250 to 250 in eighths.
+template <int N>
+VSQ_INLINE Pack<float, N> timesPowers(const Pack<float, N>& a, const Pack<float, N>& n) {
+    return each<float, N>([](auto x, auto y) VSQ_LAMBDA { return timesPowersOf(x, y); }, a, n);
+}
+
 // A bit for each lane of a mask, lane 0 lowest; up to 32 lanes.
 template <class V>
 VSQ_INLINE unsigned bitsOfVector(V x) {
@@ -879,96 +1001,25 @@ VSQ_INLINE bool anyLane(const Pack<T, N>& mask) {
         return anyLane(mask.lo | mask.hi);
 }
 
-// --- rearranging lanes: of one register, or of two ---
-
-// Lane i of the result is lane laneOf(i, N) of a (below N) or b (from N on). For packs of one register.
-template <int (*laneOf)(int i, int n), class T, int N, int... I>
-VSQ_INLINE Pack<T, N> pickLanes(const Pack<T, N>& a, const Pack<T, N>& b, std::integer_sequence<int, I...>) {
-    static_assert(isRegister<T, N>);
-    return {__builtin_shufflevector(a.r, b.r, laneOf(I, N)...)};
-}
-template <int (*laneOf)(int i, int n), class T, int N>
-VSQ_INLINE Pack<T, N> pick(const Pack<T, N>& a, const Pack<T, N>& b) {
-    return pickLanes<laneOf>(a, b, std::make_integer_sequence<int, N>());
+// Whether any lane of a is below that of b, without the way of a mask through full vectors where registers hold masks.
+template <class V>
+VSQ_INLINE bool anyBelowVector(V a, V b) {
+#if defined(__AVX512F__)
+    if constexpr (sizeof(V) == 64)
+        return _mm512_cmplt_epi32_mask((__m512i)a, (__m512i)b) != 0;
+    else
+#endif
+        return anySet(a < b);
 }
 
-// Of the array that a and b are when they stand behind each other: every second element.
-constexpr int evenLane(int i, int) {
-    return 2 * i;
-}
-constexpr int oddLane(int i, int) {
-    return 2 * i + 1;
-}
-// The same, from the back.
-constexpr int evenLaneBack(int i, int n) {
-    return 2 * (n - 1 - i);
-}
-constexpr int oddLaneBack(int i, int n) {
-    return 2 * (n - 1 - i) + 1;
-}
-
-// a[0], b[0], a[1], b[1], ...: the first and the second half; and from the back: a[N-1], b[N-1], a[N-2], ...
-constexpr int zipLane(int i, int n) {
-    return i / 2 + i % 2 * n;
-}
-constexpr int zipUpperLane(int i, int n) {
-    return zipLane(i, n) + n / 2;
-}
-constexpr int zipBackLane(int i, int n) {
-    return n - 1 - i / 2 + i % 2 * n;
-}
-constexpr int zipUpperBackLane(int i, int n) {
-    return zipBackLane(i, n) - n / 2;
-}
-
-// a[0], b[N-1], b[N-2], ..., b[1]
-constexpr int mirrorLane(int i, int n) {
-    return i == 0 ? 0 : 2 * n - i;
-}
-// b[0], a[1], a[2], ..., a[N-1]
-constexpr int firstOfOtherLane(int i, int n) {
-    return i == 0 ? n : i;
-}
-// Without a[1]: a[0], a[2], ..., a[N-1], b[0]; and with a gap there: a[0], a[0], a[1], ..., a[N-2]
-constexpr int skipSecondLane(int i, int) {
-    return i == 0 ? 0 : i + 1;
-}
-constexpr int gapSecondLane(int i, int) {
-    return i == 0 ? 0 : i - 1;
-}
-// The last one or two of a, then b; and from the second or third of a on, then b.
-constexpr int lastOneLane(int i, int n) {
-    return n - 1 + i;
-}
-constexpr int lastTwoLane(int i, int n) {
-    return n - 2 + i;
-}
-constexpr int fromSecondLane(int i, int) {
-    return i + 1;
-}
-constexpr int fromThirdLane(int i, int) {
-    return i + 2;
-}
-
-// Steps of a transposition, by quarters of 4 lanes: lanes 0 and 1 of both, or 2 and 3; pairs 0 of both, or 1.
-constexpr int quarterZipLane(int i, int n) {
-    return i / 4 * 4 + i % 4 / 2 + i % 2 * n;
-}
-constexpr int quarterZipUpperLane(int i, int n) {
-    return quarterZipLane(i, n) + 2;
-}
-constexpr int quarterPairLane(int i, int n) {
-    return i / 4 * 4 + i % 2 + i % 4 / 2 * n;
-}
-constexpr int quarterPairUpperLane(int i, int n) {
-    return quarterPairLane(i, n) + 2;
-}
-// Every second quarter of both, the first or the second of each two.
-constexpr int evenQuarterLane(int i, int) {
-    return i / 4 * 8 + i % 4;
-}
-constexpr int oddQuarterLane(int i, int) {
-    return i / 4 * 8 + 4 + i % 4;
+template <int N>
+VSQ_INLINE bool anyBelow(const Pack<std::int32_t, N>& a, const Pack<std::int32_t, N>& b) {
+    if constexpr (isRegister<std::int32_t, N>)
+        return anyBelowVector(a.r, b.r);
+    else if constexpr (registerBytes == 64)
+        return bool(int(anyBelow(a.lo, b.lo)) | int(anyBelow(a.hi, b.hi)));
+    else
+        return anyLane(a < b);
 }
 
 } // namespace

@@ -43,18 +43,11 @@ VSQ_INLINE bool anyAbove(const Pack<int, N>& v, int limit) {
     return anyLane(splat<int, int(sizeof largest / sizeof(int))>(limit) < largest);
 }
 
-template <int N>
-VSQ_INLINE bool anyLeast(const Pack<int, N>& v) { // the most negative int
-    const auto below = [](const auto& a, const auto& b) VSQ_LAMBDA { return smaller(a, b); };
-    const auto least = foldedRegisters(v, below);
-    return anyLane(least == splat<int, int(sizeof least / sizeof(int))>(INT32_MIN));
-}
-
 // --- downward ---
 
 // Narrowing saturates, and so brings nearly all values where they belong by itself: what lies below the short range, and
-// what does not even fit 32 bits and has become the most negative int. In wide blocks the few that end elsewhere are
-// looked for, with one comparison a block, which costs less than to replace them beforehand in every register.
+// what does not even fit 32 bits and has become the most negative int. Where arrays are long the few that end elsewhere
+// are looked for, which costs less than to replace them beforehand in every register.
 template <int N>
 constexpr bool looksFirst = N == wide&& registerBytes > 16; // SSE2 has no maximum of 32-bit integers
 
@@ -72,14 +65,9 @@ VSQ_INLINE Pack<int, N> truncateTo(int, const Pack<T, N>& x) {
     return truncated(x);
 }
 
-// When values are clamped they are those above 32 bits, which are to become the largest value. The smaller of limit and
-// x is x for a not-a-number, which then truncates to the most negative int.
+// The smaller of limit and x is x for a not-a-number, which then truncates to the most negative int.
 template <class T, int N>
 VSQ_INLINE Pack<short, N> clampTo(short, const Pack<T, N>& x) {
-    if constexpr (looksFirst<N>) {
-        const Pack<int, N> whole = truncated(x);
-        if (__builtin_expect(!anyLeast(whole), true)) return narrowed(whole);
-    }
     return narrowed(truncated(smaller(splat<T, N>(T(32767)), x)));
 }
 template <int N>
@@ -119,6 +107,27 @@ void clamp(const Src* src, Dst* dst, int n) {
     forBlocks<wide>(n, [=](int i, auto lanes) VSQ_LAMBDA {
         store(dst + i, clampTo(Dst(), load<Src, decltype(lanes)::value>(src + i)));
     });
+}
+
+// When floats are clamped to shorts, those above 32 bits end elsewhere. Their most negative int is looked for only once a
+// stretch, which is then done again with care.
+constexpr int stretch = 16 * wide;
+
+void clampFrames(const float* src, short* dst, int n) {
+    int done = 0;
+    while (looksFirst<wide> && n - done >= wide) {
+        const int from = done, limit = n - done < stretch ? n : done + stretch;
+        auto least = splat<int, wide / 8>(0);
+        for (; limit - done >= wide; done += wide) {
+            const auto whole = truncated(load<float, wide>(src + done));
+            const auto lower = [](const auto& a, const auto& b) VSQ_LAMBDA { return smaller(a, b); };
+            least = smaller(least, foldedRegisters(whole, lower));
+            store(dst + done, narrowed(whole));
+        }
+        if (__builtin_expect(anyLane(least == splat<int, wide / 8>(INT32_MIN)), false))
+            clamp(src + from, dst + from, done - from);
+    }
+    clamp(src + done, dst + done, n - done);
 }
 
 // --- upward ---
@@ -233,10 +242,22 @@ unsigned joinedIntMagnitudes(const int* src, int n) {
 } // namespace
 
 extern const CvrtsKernels cvrtsKernels{
-    truncate<float, short>, truncate<double, short>, truncate<float, int>,  truncate<double, int>,
-    clamp<float, short>,    clamp<double, short>,    clamp<float, int>,     clamp<double, int>,
-    raise<short, float>,    raise<short, double>,    raise<int, float>,     raise<int, double>,
-    largestFloatExponent,   largestDoubleExponent,   joinedShortMagnitudes, joinedIntMagnitudes,
+    truncate<float, short>,
+    truncate<double, short>,
+    truncate<float, int>,
+    truncate<double, int>,
+    clampFrames,
+    clamp<double, short>,
+    clamp<float, int>,
+    clamp<double, int>,
+    raise<short, float>,
+    raise<short, double>,
+    raise<int, float>,
+    raise<int, double>,
+    largestFloatExponent,
+    largestDoubleExponent,
+    joinedShortMagnitudes,
+    joinedIntMagnitudes,
 };
 
 } // namespace vsq::VSQ_LEVEL

@@ -70,10 +70,11 @@ if __name__ == "__main__":
         show(f"ln, degree {degree}", *minimax(ln_rest, weight, sqrt(mpf(1) / 2) - 1, sqrt(mpf(2)) - 1, degree))
     # e^r = 1 + r + r^2 * q(r)
     exp_rest = near_zero(lambda r: (exp(r) - 1 - r) / r**2, [1 / mp.factorial(k + 2) for k in range(8)])
-    half = log(mpf(2)) / 2 * mpf("1.001")
-    for degree in (3, 4):
-        show(f"exp, degree {degree}", *minimax(exp_rest, lambda r: r**2 / exp(r) + mpf(10) ** -12, -half, half, degree))
-    for name, bits in (("ln 2", 15),):
-        high = mp.floor(log(mpf(2)) * 2**bits) / 2**bits
-        print(f"{name} = {float.hex(rounded(high))} + {float.hex(rounded(log(mpf(2)) - high))}")
+    sixteenth = log(mpf(2)) / 16 * mpf("1.001")
+    for degree in (1, 2):
+        weight = lambda r: r**2 / exp(r) + mpf(10) ** -12
+        show(f"exp, degree {degree}", *minimax(exp_rest, weight, -sixteenth, sixteenth, degree))
+    print("2^(j/8):", ", ".join(float.hex(rounded(mpf(2) ** (mpf(j) / 8))) for j in range(8)))
+    high = mp.floor(log(mpf(2)) * 2**13) / 2**13
+    print(f"ln 2 = {float.hex(rounded(high))} + {float.hex(rounded(log(mpf(2)) - high))}")
     print(f"1 / ln 2 = {float.hex(rounded(1 / log(mpf(2))))}")

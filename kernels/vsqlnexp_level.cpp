@@ -61,16 +61,18 @@ VSQ_INLINE Floats<n> lnOfAny(const Floats<n>& x) {
 struct Ln {
     template <int n>
     VSQ_INLINE Floats<n> operator()(const Floats<n>& x) const {
+        // The patterns of positive normal numbers, moved to the lower end of the signed integers.
+        constexpr std::uint32_t lowest = 0x80000000;
+        constexpr auto highest = static_cast<std::int32_t>(lowest + (infinity - smallestNormal - 1));
         const Words<n> pattern = bits<std::uint32_t>(x);
-        const Words<n> range = splat<std::uint32_t, n>(infinity - smallestNormal);
-        const Ints<n> isSpecial = range <= pattern - splat<std::uint32_t, n>(smallestNormal);
-        if (__builtin_expect(anyLane(isSpecial), false)) return lnOfAny<n>(x);
+        const Ints<n> moved = bits<std::int32_t>(pattern - splat<std::uint32_t, n>(smallestNormal - lowest));
+        if (__builtin_expect(anyBelow(splat<std::int32_t, n>(highest), moved), false)) return lnOfAny<n>(x);
         return lnOfNormal<n>(pattern, splat<float, n>(0));
     }
 };
 
 void ln(float* vec, int n) {
-    apply(vec, n, Ln());
+    apply<2>(vec, n, Ln());
 }
 
 void exp(float* vec, int n) {

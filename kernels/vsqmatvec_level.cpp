@@ -1,5 +1,5 @@
 #include "vsqmatvec_level.h"
-#include "simd.h"
+#include "simd_shuffle.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

@@ -224,6 +224,22 @@ TEST(ConvertDown, EveryShortAndTheFractionsBesideIt) {
     });
 }
 
+// Long arrays are looked through for such values, short ones are not; neither their place nor the length may show.
+TEST(ConvertDown, LongArraysWithOneValueBeyondTheRange) {
+    support::onEveryLevel([] {
+        std::mt19937 random(31);
+        for (std::size_t n : {64u, 127u, 128u, 129u, 1000u, 2048u, 2049u, 5000u})
+            for (float odd : {32768.5f, 40000.0f, -40000.0f, 2147483648.0f, 1e10f, -1e10f, -2147483648.0f,
+                              floatInf, floatNan})
+                for (std::size_t at : {std::size_t{0}, n / 2, n - n / 8 - 1, n - 1}) {
+                    std::vector<float> src = randomValues<float>(random, n, 10.0);
+                    src[at] = odd;
+                    for (int mode : {KT_NoScale, KT_Saturate})
+                        checkDown<float, short>(src, mode, 0);
+                }
+    });
+}
+
 TEST(ConvertDown, AutoScaleFillsSixteenBits) {
     const float src[2] = {0.5f, -0.25f};
     short dst[2];
