@@ -155,24 +155,6 @@ void dropChunk(HMMClass* group, const Place& place) {
     std::free(place.chunk);
 }
 
-void remove(HMMClass* group, int id) {
-    const Place place = find(group, id);
-    if (!place.holds(id)) return;
-    HMMClassChunk* chunk = place.chunk;
-    stepCursorBack(group, place);
-    HMMClassEntry* entry = chunk->entries + place.position;
-    std::memmove(entry, entry + 1, std::size_t(chunk->count - place.position - 1) * sizeof(HMMClassEntry));
-    --group->nMembers;
-    if (chunk->count == 1) {
-        dropChunk(group, place);
-        return;
-    }
-    --chunk->count;
-    chunk->entries[chunk->count] = {};
-    if (id == chunk->maxKey && chunk->maxKey != HMM_CHUNK_LAST_KEY)
-        chunk->maxKey = chunk->entries[chunk->count - 1].id;
-}
-
 // Moves the cursor to the next entry; null at the end.
 const HMMClassEntry* step(HMMClass* group) {
     if ((group->status & HMM_CLASS_AT_END) != 0) return nullptr;
@@ -192,6 +174,24 @@ const HMMClassEntry* step(HMMClass* group) {
 }
 
 } // namespace
+
+void removeFromHMMClass(HMMClass* group, int id) {
+    const Place place = find(group, id);
+    if (!place.holds(id)) return;
+    HMMClassChunk* chunk = place.chunk;
+    stepCursorBack(group, place);
+    HMMClassEntry* entry = chunk->entries + place.position;
+    std::memmove(entry, entry + 1, std::size_t(chunk->count - place.position - 1) * sizeof(HMMClassEntry));
+    --group->nMembers;
+    if (chunk->count == 1) {
+        dropChunk(group, place);
+        return;
+    }
+    --chunk->count;
+    chunk->entries[chunk->count] = {};
+    if (id == chunk->maxKey && chunk->maxKey != HMM_CHUNK_LAST_KEY)
+        chunk->maxKey = chunk->entries[chunk->count - 1].id;
+}
 
 void rewindHMMClass(HMMClass* group) {
     group->status = (group->status & ~HMM_CLASS_AT_END) | HMM_CLASS_REWOUND;
@@ -281,6 +281,6 @@ int KTAddHMMToClass(int classId, int hmm) {
 int KTRemoveHMMFromClass(int classId, int hmm) {
     HMMClass* group = KTFindHMMClass(classId);
     if (group == nullptr || KTFindHMMServer(hmm) == nullptr) return -1;
-    remove(group, hmm);
+    removeFromHMMClass(group, hmm);
     return 1;
 }

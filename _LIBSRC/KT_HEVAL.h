@@ -44,6 +44,7 @@ public:
     // The room as `count` elements of T, not cleared; null when memory ran out.
     template <class T>
     T* reserve(std::size_t count) {
+        if (count > PTRDIFF_MAX / sizeof(T)) return nullptr; // unpacked, a large triangle may outgrow 32 bits
         const std::size_t bytes = count * sizeof(T);
         if (bytes > capacity) {
             block = ktl::AlignedScratch<char>();

@@ -9,7 +9,6 @@
 #include "KT_STREAM.h"
 
 #include <array>
-#include <climits>
 
 namespace {
 
@@ -199,13 +198,12 @@ void* readTable(FILE* stream, const hmm::OutputShape& shape, std::size_t alignme
 // Whether the sizes that follow from a record's counts can be computed in this build and held by its memory.
 bool isRepresentable(const HMMServer* server) {
     constexpr std::uint64_t mostElements = PTRDIFF_MAX / 16;
-    constexpr int mostCount = INT_MAX - 4;
     const auto padded = [](int count) { return std::uint64_t(count) + 4; };
-    if (server->nStates > mostCount) return false;
+    if (server->nStates > hmm::mostCount) return false;
     const bool isBanded = hmm::topologyOf(server->status) == hmm::Topology::banded;
     const std::uint64_t sources = isBanded ? 3 : padded(server->nStates);
     if (sources * padded(server->nStates) > mostElements) return false;
-    return !hasTable(server->status) || (server->nSymbols <= mostCount &&
+    return !hasTable(server->status) || (server->nSymbols <= hmm::mostCount &&
                                          padded(server->nSymbols) * padded(server->nStates) <= mostElements);
 }
 

@@ -209,10 +209,13 @@ void KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, con
     const int states = nStates < 0 ? server->nStates : nStates;
     const int symbols = nSymbols < 0 ? server->nSymbols : nSymbols;
     KTContext* context = KTGetContext();
+    if ((word & hmmFormBits) == 0) {
+        module.report(KT_StsUnknownErr, "wrong HMM flavor");
+        return;
+    }
+    if (nStates > hmm::mostCount || nSymbols > hmm::mostCount) return; // there is no memory for so many
     if ((word & HMM_SERVER_FLOAT) != 0)
         apply(Setting<FloatForm>{context, server, states, symbols, word}, tag, trans, out, initial);
-    else if ((word & HMM_SERVER_SHORT) != 0)
-        apply(Setting<FixedForm>{context, server, states, symbols, word}, tag, trans, out, initial);
     else
-        module.report(KT_StsUnknownErr, "wrong HMM flavor");
+        apply(Setting<FixedForm>{context, server, states, symbols, word}, tag, trans, out, initial);
 }

@@ -22,6 +22,9 @@ enum class Order {
     fixed     // fixed point, whatever its domain
 };
 
+// The most states or symbols that a model can have: padded lengths and three times as many are still ints.
+inline constexpr int mostCount = 0x1FFFFFFF;
+
 constexpr int even(int n) {
     return n + (n & 1);
 }

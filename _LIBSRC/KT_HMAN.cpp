@@ -286,10 +286,9 @@ int KTsInitSemicontHMMServer(const float* const* trans, const float* const* out,
 void KTFreeHMMServer(int id) {
     HMMServer* server = KTFindHMMServer(id);
     if (server == nullptr) return;
-    const KTContext* context = KTGetContext();
-    for (const HMMClass* group = context->hmmClassList->next; group != context->hmmClassList;
-         group = group->next)
-        KTRemoveHMMFromClass(group->id, id);
+    HMMClass* const classes = KTGetContext()->hmmClassList;
+    for (HMMClass* group = classes->next; group != classes; group = group->next)
+        removeFromHMMClass(group, id);
     KTUnregisterHMMServer(server);
     ownFreeHMMRecord(server);
 }

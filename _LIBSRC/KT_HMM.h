@@ -102,7 +102,8 @@ void KTFreeHMMClasses();           // all of the thread's classes
 
 // The same steps on the record itself, for the evaluation loops: no lookup for each member.
 void rewindHMMClass(HMMClass* group);
-HMMServer* nextHMMInClass(HMMClass* group); // null at the end
+void removeFromHMMClass(HMMClass* group, int id); // nothing happens where the id is no member
+HMMServer* nextHMMInClass(HMMClass* group);       // null at the end
 
 // --- creation (KT_HMAN) ---
 
@@ -124,6 +125,7 @@ GaussMixServer* ownCopyMixture(const GaussMixServer* source);
 // then holds the ones before it, for ownFreeHMMRecord.
 template <class Make>
 bool ownFillMixtures(HMMServer* server, int nStates, Make make) {
+    if (nStates < 0) return false;
     server->mixtures =
         static_cast<GaussMixServer**>(std::calloc(std::size_t(nStates) + 1, sizeof(GaussMixServer*)));
     if (server->mixtures == nullptr) return false;

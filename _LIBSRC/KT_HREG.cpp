@@ -53,7 +53,7 @@ bool enlarge(T*& array, int oldCount, int newCount) {
 // Doubles the table. A failure on the way leaves arrays longer than `capacity` says, which is harmless.
 bool growTable(IdTable& table) {
     const int old = table.capacity;
-    if (old > INT32_MAX / 2 - growthUnit) return false;
+    if (old > HMM_CHUNK_LAST_KEY) return false; // a class holds no larger id
     const int wanted = old == 0 ? growthUnit : 2 * old;
     if (!enlarge(table.byId, old, wanted) || !enlarge(table.taken, old / idsPerWord, wanted / idsPerWord) ||
         !enlarge(table.fullWords, old / growthUnit, wanted / growthUnit))

@@ -31,8 +31,10 @@ double greatestChange(const float* a, const float* b, std::size_t count, double 
 double modelChange(const HMMServer* current, const HMMServer* next) {
     const double ofInitials =
         greatestChange(floats(current->initials), floats(next->initials), std::size_t(current->nStates), 0.0);
-    return greatestChange(transitionsOf(current), transitionsOf(next), TransitionMap::of(*current).size(),
-                          ofInitials);
+    const TransitionMap map = TransitionMap::of(*current);
+    // the second copy of a band's last transition is set from the first and tells nothing of its own
+    const std::size_t own = map.topology == Topology::banded ? map.size() - 1 : map.size();
+    return greatestChange(transitionsOf(current), transitionsOf(next), own, ofInitials);
 }
 
 bool Counts::allocate(const HMMServer* model, int longest) {
@@ -69,7 +71,8 @@ vsq::HmmUnpacked Counts::unpackedModel(const HMMServer* current) const {
 
 vsq::HmmLattice Counts::lattice(int nFrames) const {
     const std::size_t half = std::size_t(nFrames) * stride;
-    return {alphaBeta.get(), alphaBeta.get() + half, scales.get(), static_cast<long>(stride), nFrames};
+    return {alphaBeta.get(), alphaBeta.get() + half, scales.get(), static_cast<std::ptrdiff_t>(stride),
+            nFrames};
 }
 
 TransitionRow Counts::row(const HMMServer* model, int source, std::size_t stored) const {

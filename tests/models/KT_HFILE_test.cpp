@@ -430,9 +430,14 @@ TEST_F(HmmFile, BitsThatDoNotMatterAreTakenOver) {
     auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 2, 1, 0, 2);
     Bytes image = written(model.create());
     setWordAt(image, atStatus, wordAt(image, atStatus) | 0x80000400u | HMM_SERVER_TILED);
-    setWordAt(image, atSymbols, 0x80000000u); // a continuous model has no use for it
-    const int id = readFrom(image);
-    ASSERT_GT(id, 0);
+    setWordAt(image, atTag, 77);
+    int id = 0;
+    for (const std::uint32_t n : {0x80000000u, 0x7FFFFFFFu}) { // a continuous model has no use for it
+        setWordAt(image, atSymbols, n);
+        id = readFrom(image);
+        ASSERT_GT(id, 0);
+        EXPECT_EQ(KTFindHMMServer(id)->tag, 77);
+    }
     EXPECT_EQ(unsigned(parametersOf(id).status), model.status() | 0x80000400u); // files hold plain arrays
     EXPECT_EQ(query<float>(id, 2, 0, Flavour::continuous).trans, model.trans);
     EXPECT_GT(KTCopyHMMServer(id), 0);
@@ -575,7 +580,23 @@ void useServer(int id) {
     const float* frames[] = {frame, frame};
     const short fixedFrame[64] = {};
     const short* fixedFrames[] = {fixedFrame, fixedFrame};
+    const int* const sequences[] = {symbols};
+    const float* const* const pppFrames[] = {frames};
+    const int three = 3, two = 2;
+    discard(KTsTrainHMMBaumWelch(id, sequences, &three, 1, 2, nullptr));
+    std::vector<GaussMixServer*> mixtures(
+        64, KTFindHMMServer(id)->mixtures != nullptr ? KTFindHMMServer(id)->mixtures[0] : nullptr);
+    if (p.nStates <= 64) {
+        KTGetHMMProb(id, nullptr, nullptr, nullptr, nullptr, mixtures.data());
+        for (int i = 0; mixtures[0] != nullptr && i < p.nStates; ++i)
+            KTsFreeGaussMixServer(mixtures[std::size_t(i)]);
+    }
     if (p.nQuant <= 64) {
+        KTsEvalSemicontHMMForward(id, frames, 2, nullptr);
+        KTsEvalSemicontHMMViterbi(id, frames, 2, nullptr);
+        KTwEvalSemicontHMMViterbi(id, fixedFrames, 2, nullptr, KT_NoScale, nullptr);
+        discard(KTsTrainContHMMBaumWelch(id, pppFrames, &two, 1, 2, nullptr));
+        discard(KTsTrainSemicontHMMBaumWelch(id, pppFrames, &two, 1, 2, nullptr));
         KTsEvalContHMMForward(id, frames, 2, nullptr);
         KTsEvalContHMMViterbi(id, frames, 2, nullptr);
         KTwEvalContHMMViterbi(id, fixedFrames, 2, nullptr, KT_NoScale, nullptr);
@@ -587,6 +608,8 @@ TEST_F(HmmFile, TamperedFilesDoNoHarm) {
     std::vector<Bytes> images = someImages<float>(random);
     for (const Bytes& image : someImages<short>(random))
         images.push_back(image);
+    const Codebook<float> codebook(random, 5, 3);
+    const Codebook<short> fixedCodebook(random, 5, 3);
     const Stream stream(std::tmpfile());
     const std::uint32_t nasty[] = {0,          1,          2,          3,          4,
                                    6,          8,          0x7FFFFFFF, 0x80000000, 0xFFFFFFFF,

@@ -206,6 +206,40 @@ TEST_F(Creation, SizesOfNothing) {
     }
 }
 
+TEST_F(Creation, ContinuousSizesOfNothing) {
+    const float* none = nullptr;
+    const float value = 0;
+    GaussMixServer* noMixture = nullptr;
+    const int id = KTsInitContHMMServer(&none, &value, &noMixture, 0, 3, 0);
+    ASSERT_GT(id, 0);
+    EXPECT_EQ(KTsEvalContHMMViterbi(id, &none, 1, nullptr), std::numeric_limits<float>::max());
+    EXPECT_GT(KTCopyHMMServer(id), 0);
+    for (const int n : {-1, -2, INT_MIN})
+        EXPECT_EQ(KTsInitContHMMServer(&none, &value, &noMixture, n, 3, 0), -1);
+    EXPECT_EQ(KTGetContext()->nHMMServers, 2);
+}
+
+// What would not fit any memory is as if memory had run out: a server without arrays. The rows are not read.
+TEST_F(Creation, SizesBeyondAllMemory) {
+    const float value = 0;
+    const float* row = &value;
+    const short word = 0;
+    const short* words = &word;
+    const int symbol = 0;
+    for (const int n : {INT_MAX, INT_MAX - 3, 0x20000000}) {
+        const int wide = KTsInitHMMServer(&row, &row, &value, 1, n, 0);
+        const int fixedWide = KTwInitHMMServer(&words, &words, &word, 1, n, 0);
+        const int many = KTsInitHMMServer(&row, &row, &value, n, 1, 0);
+        for (const int id : {wide, fixedWide, many}) {
+            ASSERT_GT(id, 0);
+            EXPECT_EQ(server(id).nStates, 0);
+            EXPECT_EQ(KTsEvalHMMViterbi(id, &symbol, 1, nullptr), std::numeric_limits<float>::max());
+            EXPECT_EQ(KTwEvalHMMViterbi(id, &symbol, 1, nullptr, 0, nullptr), INT_MAX);
+        }
+    }
+    EXPECT_EQ(KTGetStatus(), 0);
+}
+
 TEST_F(Creation, UnderANegativeStatus) {
     Kit kit;
     kit.setCodebooks();
