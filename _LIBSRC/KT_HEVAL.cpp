@@ -62,35 +62,20 @@ template class DensityTable<short>;
 
 namespace {
 
-using ktl::gauss::diagonals;
 using ktl::gauss::matrices;
 using ktl::gauss::means;
 using ktl::gauss::weights;
 
-// Densities are taken in runs of this many, whose rows are looked up once for all frames.
-constexpr int densitiesPerRun = 64;
-
-// The exponents of up to densitiesPerRun densities in all frames: -|q| of a full one, -|q| / 2 of a diagonal
-// one.
-void exponentsOfRun(GaussMixServer* const* densities, int count, const float* const* frames, int nFrames,
-                    int nDim, float* const* rows, int first) {
-    const float *mean[densitiesPerRun], *diagonal[densitiesPerRun];
-    int place[densitiesPerRun], nDiagonal = 0;
-    for (int k = 0; k < count; ++k) {
-        if (ktl::gauss::isFull(densities[k])) continue;
-        mean[nDiagonal] = means<float>(densities[k])[0];
-        diagonal[nDiagonal] = diagonals<float>(densities[k])[0];
-        place[nDiagonal++] = first + k;
-    }
-    for (int t = 0; t < nFrames; ++t) {
-        double forms[densitiesPerRun];
-        vsq::kernels().mahal->diagonalRows(frames[t], mean, diagonal, nDiagonal, nDim, forms);
-        for (int k = 0; k < nDiagonal; ++k)
-            rows[t][place[k]] = static_cast<float>(-std::fabs(forms[k]) * 0.5);
-        for (int k = 0; nDiagonal < count && k < count; ++k)
-            if (ktl::gauss::isFull(densities[k]))
-                rows[t][first + k] = static_cast<float>(-std::fabs(KTsMahalanobis(
-                    frames[t], means<float>(densities[k])[0], matrices<float>(densities[k])[0], nDim, 0)));
+// The exponents of a frame's densities: -|q| / 2 of a diagonal one, -|q| of a full one.
+void exponentsOf(const SemicontCodebook* codebook, const float* frame, int nPdfs, int nDim, float* row) {
+    if (codebook->pPanel != nullptr)
+        vsq::kernels().mahal->panelExponents(frame, ownsSemicontPanel(codebook), nPdfs, nDim,
+                                             std::max(codebook->nQuant, 0), row);
+    for (int k = 0; codebook->nFull > 0 && k < nPdfs; ++k) {
+        const GaussMixServer* density = codebook->ccgPdfs[k];
+        if (ktl::gauss::isFull(density))
+            row[k] = static_cast<float>(-std::fabs(
+                KTsMahalanobis(frame, means<float>(density)[0], matrices<float>(density)[0], nDim, 0)));
     }
 }
 
@@ -109,12 +94,11 @@ short fixedDensity(const GaussMixServer* server, const short* frame, int nDim) {
 void KTsEvalPdfsFrames(const SemicontCodebook* pCodebook, const float* const* ppFrames, float** ppOut,
                        int nFrames, int nPdfs, int nDim) {
     if (nPdfs <= 0) return;
+    nDim = std::clamp(nDim, 0, std::max(pCodebook->nQuant, 0));
     const int padded = hmm::multipleOf4(nPdfs);
-    for (int k = 0; k < nPdfs; k += densitiesPerRun)
-        exponentsOfRun(pCodebook->ccgPdfs + k, std::min(densitiesPerRun, nPdfs - k), ppFrames, nFrames, nDim,
-                       ppOut, k);
     for (int t = 0; t < nFrames; ++t) {
         float* row = ppOut[t];
+        exponentsOf(pCodebook, ppFrames[t], nPdfs, nDim, row);
         std::fill(row + nPdfs, row + padded, -hmm::absentCost); // its exponential is 0
         vsqsbExp1(row, padded);
         vsqsbMpy2(ownsSemicontWeights(pCodebook), row, nPdfs);
@@ -123,6 +107,7 @@ void KTsEvalPdfsFrames(const SemicontCodebook* pCodebook, const float* const* pp
 
 void KTwEvalPdfsFrames(const SemicontCodebook* pCodebook, const short* const* ppFrames, short** ppOut,
                        int nFrames, int nPdfs, int nDim) {
+    nDim = std::max(nDim, 0);
     for (int t = 0; t < nFrames; ++t) {
         short* row = ppOut[t];
         for (int k = 0; k < nPdfs; ++k)

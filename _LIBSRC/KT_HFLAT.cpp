@@ -64,7 +64,8 @@ FlatMixtures* ownsFlattenMixtures(GaussMixServer* const* mixtures, int nStates, 
     view->codebook.status = HMM_SERVER_FLOAT;
     view->pComponentStart = static_cast<int*>(std::calloc(std::size_t(nStates) + 1, sizeof(int)));
     if (view->pComponentStart == nullptr || !countComponents(mixtures, view) ||
-        !takeWeights(mixtures, view) || !takeDensities(mixtures, view) || KTGetStatus() < 0) {
+        !takeWeights(mixtures, view) || !takeDensities(mixtures, view) || KTGetStatus() < 0 ||
+        !ownsPreparePdfs(&view->codebook)) {
         ownsFreeFlatMixtures(view);
         return nullptr;
     }
@@ -77,6 +78,7 @@ void ownsFreeFlatMixtures(FlatMixtures* pView) {
         KTsFreeGaussMixServer(pView->codebook.ccgPdfs[m]);
     std::free(pView->codebook.ccgPdfs);
     std::free(pView->codebook.pWeights);
+    std::free(pView->codebook.pPanel);
     std::free(pView->pComponentStart);
     std::free(pView);
 }

@@ -47,7 +47,9 @@ public:
     }
     float** get() const { return rows.get(); }
     float* row(int t) const { return rows.get()[t]; }
-    vsq::HmmOutputs outputs() const { return {nullptr, nullptr, values.get(), static_cast<long>(rowLength)}; }
+    vsq::HmmOutputs outputs() const {
+        return {nullptr, nullptr, values.get(), static_cast<std::ptrdiff_t>(rowLength)};
+    }
 
 private:
     ktl::Scratch<float*> rows;
@@ -158,10 +160,10 @@ public:
         kernels->arrivals(hmm::storedModel(current), lattice, weight);
         kernels->componentShares(lattice, current->nStates, view->pComponentStart, componentProbs.get(),
                                  gammaCompSeq.get());
-        for (int m = 0; m < view->codebook.nSymbols; ++m) {
-            gammaComp[std::size_t(m)] += gammaCompSeq[std::size_t(m)];
-            kernels->addFrames(frames, componentProbs.get(), m, nFrames, current->nQuant, means[m]);
-        }
+        for (std::size_t m = 0; m < std::size_t(view->codebook.nSymbols); ++m)
+            gammaComp[m] += gammaCompSeq[m];
+        kernels->addFrames(frames, componentProbs.get(), view->codebook.nSymbols, nFrames, current->nQuant,
+                           means.get());
     }
 
     void finish(const HMMServer*, HMMServer* next, const Counts& counts) const {
@@ -250,7 +252,7 @@ public:
         vsq::kernels().hmmtrain->arrivals(hmm::storedModel(current), lattice, weight);
         vsq::kernels().hmmtrain->densityShares(lattice, current->nStates, densities.get(), current->nSymbols,
                                                weightNum.get(),
-                                               static_cast<long>(paddedToLanes(current->nSymbols)));
+                                               static_cast<std::ptrdiff_t>(paddedToLanes(current->nSymbols)));
     }
 
     // The states' weights, which every count carries as a factor, come in here.

@@ -7,6 +7,9 @@
 #include "KT_HLAYOUT.h"
 #include "KT_SCRATCH.h"
 
+#include "levels.h"
+
+#include <algorithm>
 #include <cstdlib>
 
 namespace {
@@ -25,6 +28,7 @@ struct FloatForm {
     static constexpr std::size_t alignment = hmm::floatAlignment;
     static SemicontCodebook* codebook(const KTContext* context) { return context->sSemicont; }
     static bool matches(const GaussMixServer* server) { return ktl::gauss::isFloat(server); }
+    static bool prepare(SemicontCodebook* codebook) { return ownsPreparePdfs(codebook); }
     static float weightOf(const GaussMixServer* server) { return server->pNormWeights[0]; }
     static GaussMixServer* copy(const GaussMixServer* s) {
         return KTsInitGaussMixServer(weights<float>(s), means<float>(s), matrices<float>(s),
@@ -38,6 +42,7 @@ struct FixedForm {
     static constexpr std::size_t alignment = hmm::fixedAlignment;
     static SemicontCodebook* codebook(const KTContext* context) { return context->wSemicont; }
     static bool matches(const GaussMixServer* server) { return !ktl::gauss::isFloat(server); }
+    static bool prepare(SemicontCodebook*) { return true; }
     static short weightOf(const GaussMixServer* server) { return weights<short>(server)[0]; }
     static GaussMixServer* copy(const GaussMixServer* s) {
         return KTwInitGaussMixServer(weights<short>(s), means<short>(s), matrices<short>(s),
@@ -71,6 +76,7 @@ void empty(SemicontCodebook* codebook, int n) {
     freeServers(codebook->ccgPdfs, n);
     std::free(codebook->pWeights);
     std::free(codebook->pFurther);
+    std::free(codebook->pPanel);
     *codebook = SemicontCodebook{};
 }
 
@@ -87,15 +93,15 @@ int fill(SemicontCodebook* codebook, int n, int nQuant, Make make, Weight weight
         return 1;
     }
     codebook->pWeights = hmm::allocateArray(std::size_t(n), sizeof(typename Form::Element));
-    if (codebook->pWeights == nullptr) {
+    codebook->nSymbols = n;
+    codebook->nQuant = nQuant;
+    if (codebook->pWeights == nullptr || !Form::prepare(codebook)) {
         empty(codebook, n);
         return -1;
     }
     auto* first = hmm::aligned<typename Form::Element>(codebook->pWeights, Form::alignment);
     for (int k = 0; k < n; ++k)
         first[k] = weight(k);
-    codebook->nSymbols = n;
-    codebook->nQuant = nQuant;
     codebook->status = SEMICONT_OWNS_PDFS | Form::bit;
     return 1;
 }
@@ -200,6 +206,29 @@ void make(T** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbol
 }
 
 } // namespace
+
+bool ownsPreparePdfs(SemicontCodebook* codebook) {
+    const int n = codebook->nSymbols, length = std::max(codebook->nQuant, 0);
+    GaussMixServer* const* density = codebook->ccgPdfs;
+    codebook->nFull = static_cast<int>(std::count_if(density, density + n, ktl::gauss::isFull));
+    if (codebook->nFull == n) return true;
+    const ktl::Scratch<const float*> rows(2 * std::size_t(n));
+    codebook->pPanel = hmm::allocateArray(vsq::panelSize(n, length), sizeof(double));
+    if (!rows || codebook->pPanel == nullptr) return false;
+    const float** mean = rows.get();
+    const float** diagonal = mean + n;
+    for (int k = 0; k < n; ++k) {
+        const bool full = ktl::gauss::isFull(density[k]);
+        mean[k] = full ? nullptr : means<float>(density[k])[0];
+        diagonal[k] = full ? nullptr : diagonals<float>(density[k])[0];
+    }
+    vsq::kernels().mahal->fillPanel(mean, diagonal, n, length, hmm::aligned<double>(codebook->pPanel, 64));
+    return true;
+}
+
+const double* ownsSemicontPanel(const SemicontCodebook* codebook) {
+    return hmm::aligned<const double>(codebook->pPanel, 64);
+}
 
 const float* ownsSemicontWeights(const SemicontCodebook* codebook) {
     return hmm::floats(codebook->pWeights);

@@ -19,7 +19,17 @@ struct SemicontCodebook {
     void* pWeights; // raw block; the nSymbols weights begin at its first 16-byte (float) or 8-byte (short)
                     // boundary
     void* pFurther; // released with the codebook; nothing sets it
+
+    // Of a float codebook, what evaluation reads instead of the densities' own rows: a panel of vsqmahal_level.h of
+    // nSymbols rows of max(nQuant, 0) elements, full densities being zeros; null where no density is diagonal.
+    void* pPanel;
+    int nFull; // densities with a full covariance
 };
+
+// Prepares pPanel and nFull from densities that are all there; false when memory ran out. Whoever frees the densities
+// frees pPanel.
+bool ownsPreparePdfs(SemicontCodebook* codebook);
+const double* ownsSemicontPanel(const SemicontCodebook* codebook);
 
 // The density weights at their aligned place.
 const float* ownsSemicontWeights(const SemicontCodebook* codebook);

@@ -1,5 +1,8 @@
 #include "vsqhmm_level.h"
 #include "simd.h"
+#include "vsqhmm_range.h"
+
+#include <cstddef>
 
 namespace vsq::VSQ_LEVEL {
 namespace {
@@ -83,7 +86,7 @@ template <class Rule, int first, int last, class T>
 VSQ_INLINE void joinSources(const HmmModel<T>& model, const T* current, int block, int from, int to,
                             Vector<T>* targets) {
     for (int i = from; i < to; ++i) {
-        const T* row = model.trans + static_cast<long>(i) * model.stride + block;
+        const T* row = model.trans + std::ptrdiff_t(i) * model.stride + block;
         const Vector<T> source = splat<T, lanes>(current[i]);
         for (int v = first; v < last; ++v)
             targets[v] = Rule::join(targets[v], Rule::along(source, at(row + v * lanes)));
@@ -97,7 +100,7 @@ VSQ_INLINE void joinDiagonal(const HmmModel<T>& model, const T* current, int blo
     const int from = block + diagonal * lanes;
     const int to = from + lanes < model.nStates ? from + lanes : model.nStates;
     for (int i = from; i < to; ++i) {
-        const T* row = model.trans + static_cast<long>(i) * model.stride + block;
+        const T* row = model.trans + std::ptrdiff_t(i) * model.stride + block;
         const Vector<T> source = splat<T, lanes>(current[i]);
         const Vector<T> onDiagonal = Rule::along(source, at(row + diagonal * lanes));
         targets[diagonal] = Rule::join(targets[diagonal], Rule::above(i - from, onDiagonal));
@@ -188,42 +191,12 @@ VSQ_INLINE void advanceFrame(const HmmModel<T>& model, const T* current, const F
 
 // ---- forward ----
 
-VSQ_INLINE int exponentField(double value) {
-    std::uint64_t pattern;
-    std::memcpy(&pattern, &value, sizeof pattern);
-    return static_cast<int>(pattern >> 52) & 0x7FF;
-}
-
-// 2^(0x3FF - field), built from its exponent field; field is from 0x2FF to 0x7FD.
-VSQ_INLINE double powerFor(int field) {
-    const std::uint64_t pattern = static_cast<std::uint64_t>(0x7FE - field) << 52;
-    double power;
-    std::memcpy(&power, &pattern, sizeof power);
-    return power;
-}
-
-constexpr int lowestField = 0x37F, highestField = 0x47F; // 2^-128 and 2^128
-constexpr int clampedField = 0x2FF;                      // one step multiplies by 2^256 at the most
-constexpr int overflowField = 0x7FE;
-
-// Keeps a frame's sum in range: the power of two for its vector, already multiplied into the sum and counted.
-// Reached when the sum has left the range, and on the last frame.
+// Reached when a frame's sum has left its range, and on the last frame: the power of two for its vector, already
+// multiplied into the sum and counted.
 __attribute__((noinline)) double rescale(HmmForward* state) {
-    int field = exponentField(state->sum);
-    if (!(state->sum >= 0.0) || field == 0 || field >= overflowField) {
-        state->failed = true;
-        return 0.0;
-    }
-    if (field < clampedField) field = clampedField;
-    const double power = powerFor(field);
-    state->sum *= power;
-    state->exponent += 0x3FF - field;
+    double power = 0.0;
+    state->failed = bringIntoRange(&state->sum, &power, &state->exponent) != RangeFault::none;
     return power;
-}
-
-VSQ_INLINE bool isInRange(double sum) {
-    const int field = exponentField(sum);
-    return sum >= 0.0 && field >= lowestField && field <= highestField;
 }
 
 // Lanes that hold no state as ones: what lies behind the last state's output takes no part.

@@ -1,5 +1,6 @@
 #include "vsqhmmtrain_level.h"
 #include "simd.h"
+#include "vsqhmm_range.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {
@@ -56,7 +57,7 @@ VSQ_INLINE const float* outputRow(const HmmOutputs& outputs, int t) {
 // rows before it.
 template <bool triangular>
 VSQ_INLINE const float* rowOf(const HmmStored& model, int i) {
-    const long source = i, n = model.nStates;
+    const std::ptrdiff_t source = i, n = model.nStates;
     return model.trans + (triangular ? source * (2 * n - source - 1) / 2 : source * n);
 }
 
@@ -199,21 +200,35 @@ VSQ_INLINE double backwardBand(const HmmStored& model, const float* outputs, con
 
 // --- full models that are unpacked: both directions run along rows ---
 
-// The sum over i of weights[i] * rows[i][block .. block + 7].
-VSQ_INLINE States weightedSum(const double* rows, long stride, int n, const double* weights) {
-    States sums[4] = {none(), none(), none(), none()};
-    const auto add = [&](States& sum, int i) VSQ_LAMBDA {
-        sum = sum + splat<double, lanes>(weights[i]) * load<double, lanes>(rows + i * stride);
+// sums[b] = the sum over i of weights[i] * rows[i][8 b .. 8 b + 7], `count` blocks of eight at once. The first products
+// start the four partial sums: a zero in front of them would only lengthen the way from one frame to the next.
+template <int count>
+VSQ_INLINE void weightedSums(const double* rows, std::ptrdiff_t stride, int n, const double* weights,
+                             States* sums) {
+    States parts[4][count];
+    const auto add = [&](int k, int i) VSQ_LAMBDA {
+        const States weight = splat<double, lanes>(weights[i]);
+        for (int b = 0; b < count; ++b)
+            parts[k][b] = parts[k][b] + weight * load<double, lanes>(rows + i * stride + b * lanes);
     };
-    int i = 0;
+    for (int k = 0; k < 4; ++k) {
+        const States weight = k < n ? splat<double, lanes>(weights[k]) : none();
+        for (int b = 0; b < count; ++b)
+            parts[k][b] = k < n ? weight * load<double, lanes>(rows + k * stride + b * lanes) : none();
+    }
+    int i = 4;
     for (; i + 4 <= n; i += 4)
         for (int k = 0; k < 4; ++k)
-            add(sums[k], i + k);
-    if (i < n) add(sums[0], i);
-    if (i + 1 < n) add(sums[1], i + 1);
-    if (i + 2 < n) add(sums[2], i + 2);
-    return (sums[0] + sums[1]) + (sums[2] + sums[3]);
+            add(k, i + k);
+    if (i < n) add(0, i);
+    if (i + 1 < n) add(1, i + 1);
+    if (i + 2 < n) add(2, i + 2);
+    for (int b = 0; b < count; ++b)
+        sums[b] = (parts[0][b] + parts[1][b]) + (parts[2][b] + parts[3][b]);
 }
+
+// Two blocks share each weight where registers hold their partial sums.
+constexpr int blocksAtOnce = registerBytes == 64 ? 2 : 1;
 
 VSQ_INLINE int paddedTo8(int n) {
     return (n + lanes - 1) / lanes * lanes;
@@ -224,74 +239,66 @@ VSQ_INLINE States outputsFrom(const float* outputs, int n, int j) {
     return j + lanes <= n ? widened<true>(outputs + j, 0) : widened<false>(outputs + j, n - j);
 }
 
-VSQ_INLINE double forwardUnpacked(const HmmStored& model, const float* outputs, const double* current,
-                                  double* next) {
-    const int n = model.nStates, stride = paddedTo8(n);
-    States sums = none();
-    for (int j = 0; j < stride; j += lanes) {
-        const States values =
-            weightedSum(model.unpacked.bySource + j, stride, n, current) * outputsFrom(outputs, n, j);
-        store(next + j, values);
-        sums = sums + values;
+// finish(j, sums) for every block of eight targets, of which there are `blocks` (0: as many as n says); returns the sum
+// of what it gives, block by block.
+template <int blocks, class Finish>
+VSQ_INLINE double eachBlock(const double* rows, int n, const double* weights, const Finish& finish) {
+    const int stride = blocks != 0 ? blocks * lanes : paddedTo8(n);
+    States total = none(), sums[blocksAtOnce];
+    int j = 0;
+    for (; j + blocksAtOnce * lanes <= stride; j += blocksAtOnce * lanes) {
+        weightedSums<blocksAtOnce>(rows + j, stride, n, weights, sums);
+        for (int b = 0; b < blocksAtOnce; ++b)
+            total = total + finish(j + b * lanes, sums[b]);
     }
-    return sumLanes(sums);
+    if (j < stride) {
+        weightedSums<1>(rows + j, stride, n, weights, sums);
+        total = total + finish(j, sums[0]);
+    }
+    return sumLanes(total);
 }
 
+template <int blocks>
+VSQ_INLINE double forwardUnpacked(const HmmStored& model, const float* outputs, const double* current,
+                                  double* next) {
+    return eachBlock<blocks>(model.unpacked.bySource, model.nStates, current,
+                             [&](int j, const States& reached) VSQ_LAMBDA {
+                                 const States values = reached * outputsFrom(outputs, model.nStates, j);
+                                 store(next + j, values);
+                                 return values;
+                             });
+}
+
+template <int blocks>
 VSQ_INLINE double backwardUnpacked(const HmmStored& model, const float* outputs, const double* values,
                                    double* before) {
-    const int n = model.nStates, stride = paddedTo8(n);
+    const int n = model.nStates;
     double* ahead = model.unpacked.ahead;
+    const int stride = blocks != 0 ? blocks * lanes : paddedTo8(n);
     for (int j = 0; j < stride; j += lanes)
         store(ahead + j, outputsFrom(outputs, n, j) * load<double, lanes>(values + j));
-    States sums = none();
-    for (int i = 0; i < stride; i += lanes) {
-        const States reaching = weightedSum(model.unpacked.byTarget + i, stride, n, ahead);
-        store(before + i, reaching);
-        sums = sums + reaching;
-    }
-    return sumLanes(sums);
+    return eachBlock<blocks>(model.unpacked.byTarget, n, ahead,
+                             [&](int i, const States& reaching) VSQ_LAMBDA {
+                                 store(before + i, reaching);
+                                 return reaching;
+                             });
 }
 
 // --- range control ---
 
-VSQ_INLINE std::uint64_t pattern(double value) {
-    std::uint64_t bits;
-    std::memcpy(&bits, &value, sizeof bits);
-    return bits;
-}
-
-VSQ_INLINE int exponentField(double value) {
-    return static_cast<int>(pattern(value) >> 52) & 0x7FF;
-}
-
-// 2^(0x3FF - field) for a field from 0x2FF to 0x7FD.
-VSQ_INLINE double powerFor(int field) {
-    const std::uint64_t bits = static_cast<std::uint64_t>(0x7FE - field) << 52;
-    double power;
-    std::memcpy(&power, &bits, sizeof power);
-    return power;
-}
-
-constexpr int lowestField = 0x37F, highestField = 0x47F; // 2^-128 and 2^128
-constexpr int clampedField = 0x2FF;                      // one step multiplies by 2^256 at the most
-constexpr int overflowField = 0x7FE;
-
 // A frame whose sum has left its range, or the last one: the sum comes back scaled, or the failure's value.
 __attribute__((noinline)) double rescaled(double* row, int n, double sum, double* scale, int* exponent) {
-    int field = exponentField(sum);
-    if (!(sum >= 0.0) || field >= overflowField) return -1.0;
-    if (field == 0) return 0.0;
-    if (field < clampedField) field = clampedField;
-    *scale = powerFor(field);
+    switch (bringIntoRange(&sum, scale, exponent)) {
+    case RangeFault::vanished:
+        return 0.0;
+    case RangeFault::beyond:
+        return -1.0;
+    default:
+        break;
+    }
     for (int j = 0; j < n; ++j)
         row[j] *= *scale;
-    *exponent += 0x3FF - field;
-    return sum * *scale;
-}
-
-VSQ_INLINE bool inRange(double sum) {
-    const int field = exponentField(sum);
-    return sum >= 0.0 && field >= lowestField && field <= highestField;
+    return sum;
 }
 
 // --- the two passes over a sequence, one text over the topologies ---
@@ -314,12 +321,14 @@ struct Matrix {
     }
 };
 
+// `blocks` of eight states, or any number of them when it is 0.
+template <int blocks>
 struct Unpacked {
     static VSQ_INLINE double forward(const HmmStored& m, const float* b, const double* p, double* q) {
-        return forwardUnpacked(m, b, p, q);
+        return forwardUnpacked<blocks>(m, b, p, q);
     }
     static VSQ_INLINE double backward(const HmmStored& m, const float* b, const double* q, double* p) {
-        return backwardUnpacked(m, b, q, p);
+        return backwardUnpacked<blocks>(m, b, q, p);
     }
 };
 
@@ -344,7 +353,7 @@ double forwardPass(const HmmStored& model, const HmmOutputs& outputs, const HmmL
         double* next = row + lattice.stride;
         lattice.scales[t] = 1.0;
         sum = Topology::forward(model, outputRow(outputs, t), row, next);
-        if (!inRange(sum) || t == lattice.nFrames - 1) {
+        if (!isInRange(sum) || t == lattice.nFrames - 1) {
             sum = rescaled(next, model.nStates, sum, lattice.scales + t, exponent);
             if (!(sum > 0.0)) return sum;
         }
@@ -363,7 +372,7 @@ bool backwardPass(const HmmStored& model, const HmmOutputs& outputs, const HmmLa
     for (int t = lattice.nFrames - 1; t > 0; --t) {
         double* before = row - lattice.stride;
         const double sum = Topology::backward(model, outputRow(outputs, t), row, before);
-        if (pattern(sum) >> 32 == 0) return false;
+        if (patternOf(sum) >> 32 == 0) return false;
         if (lattice.scales[t] != 1.0)
             for (int i = 0; i < n; ++i)
                 before[i] *= lattice.scales[t];
@@ -383,6 +392,18 @@ double bothPasses(const HmmStored& model, const HmmOutputs& outputs, const HmmLa
     return sum;
 }
 
+VSQ_INLINE double passesOfUnpacked(const HmmStored& model, const HmmOutputs& outputs,
+                                   const HmmLattice& lattice, int* exponent) {
+    switch ((model.nStates + lanes - 1) / lanes) {
+    case 1:
+        return bothPasses<Unpacked<1>>(model, outputs, lattice, exponent);
+    case 2:
+        return bothPasses<Unpacked<2>>(model, outputs, lattice, exponent);
+    default:
+        return bothPasses<Unpacked<0>>(model, outputs, lattice, exponent);
+    }
+}
+
 template <bool padded>
 VSQ_INLINE double passesOf(const HmmStored& model, const HmmOutputs& outputs, const HmmLattice& lattice,
                            int* exponent) {
@@ -390,7 +411,7 @@ VSQ_INLINE double passesOf(const HmmStored& model, const HmmOutputs& outputs, co
     if (model.topology == HmmTopology::triangular)
         return bothPasses<Matrix<true, padded>>(model, outputs, lattice, exponent);
     if (padded && model.unpacked.bySource != nullptr)
-        return bothPasses<Unpacked>(model, outputs, lattice, exponent);
+        return passesOfUnpacked(model, outputs, lattice, exponent);
     return bothPasses<Matrix<false, padded>>(model, outputs, lattice, exponent);
 }
 
@@ -403,10 +424,10 @@ double forwardBackward(const HmmStored& model, const HmmOutputs& outputs, const 
 // --- occupancies ---
 
 void occupancies(const HmmLattice& lattice, double* sums) {
-    for (long i = 0; i < lattice.stride; i += lanes) {
+    for (std::ptrdiff_t i = 0; i < lattice.stride; i += lanes) {
         States sum = none();
         for (int t = 0; t + 1 < lattice.nFrames; ++t) {
-            const long at = t * lattice.stride + i;
+            const std::ptrdiff_t at = t * lattice.stride + i;
             sum = sum + load<double, lanes>(lattice.alpha + at) * load<double, lanes>(lattice.beta + at);
         }
         store(sums + i, sum);
@@ -418,7 +439,7 @@ void symbolOccupancies(const HmmLattice& lattice, const int* symbols, double wei
     const double *alpha = lattice.alpha, *beta = lattice.beta;
     for (int t = 0; t < lattice.nFrames; ++t) {
         double* row = sums + symbols[t] * lattice.stride;
-        for (long i = 0; i < lattice.stride; i += lanes, alpha += lanes, beta += lanes)
+        for (std::ptrdiff_t i = 0; i < lattice.stride; i += lanes, alpha += lanes, beta += lanes)
             store(row + i, load<double, lanes>(row + i) +
                                load<double, lanes>(alpha) * load<double, lanes>(beta) * factor);
     }
@@ -429,7 +450,8 @@ void symbolOccupancies(const HmmLattice& lattice, const int* symbols, double wei
 // sums[r][0 .. 7] = [what is there +] sum over t of left(t)[r] * right(t), `count` rows at a time in
 // registers.
 template <int count, bool onTop, class Left, class Right>
-VSQ_INLINE void outerRows(int frames, const Left& left, const Right& right, double* sums, long sumStride) {
+VSQ_INLINE void outerRows(int frames, const Left& left, const Right& right, double* sums,
+                          std::ptrdiff_t sumStride) {
     States rows[count];
     for (int r = 0; r < count; ++r)
         rows[r] = onTop ? load<double, lanes>(sums + r * sumStride) : none();
@@ -447,8 +469,8 @@ VSQ_INLINE void outerRows(int frames, const Left& left, const Right& right, doub
 constexpr int rowsAtOnce = registerBytes == 64 ? 8 : 4;
 
 template <bool onTop, class Right>
-VSQ_INLINE void outerProducts(int frames, const double* left, long leftStride, int nRows, const Right& right,
-                              double* sums, long sumStride) {
+VSQ_INLINE void outerProducts(int frames, const double* left, std::ptrdiff_t leftStride, int nRows,
+                              const Right& right, double* sums, std::ptrdiff_t sumStride) {
     int i = 0;
     const auto from = [&](int t) VSQ_LAMBDA { return left + t * leftStride + i; };
     for (; i + rowsAtOnce <= nRows; i += rowsAtOnce)
@@ -545,17 +567,25 @@ void componentShares(const HmmLattice& lattice, int nStates, const int* starts, 
     for (int t = 0; t < lattice.nFrames; ++t) {
         const double* arrival = lattice.beta + t * lattice.stride;
         float* row = probs[t];
-        for (int i = 0; i < nStates; ++i)
-            for (int m = starts[i]; m < starts[i + 1]; ++m) {
+        for (int i = 0; i < nStates; ++i) {
+            int m = starts[i];
+            for (; m + 4 <= starts[i + 1]; m += 4) {
+                const FourStates share =
+                    convert<double>(load<float, 4>(row + m)) * splat<double, 4>(arrival[i]);
+                store(sums + m, load<double, 4>(sums + m) + share);
+                store(row + m, convert<float>(share));
+            }
+            for (; m < starts[i + 1]; ++m) {
                 const double share = double(row[m]) * arrival[i];
                 sums[m] += share;
                 row[m] = float(share);
             }
+        }
     }
 }
 
 void densityShares(const HmmLattice& lattice, int nStates, const float* const* densities, int count,
-                   double* sums, long sumStride) {
+                   double* sums, std::ptrdiff_t sumStride) {
     for (int k = 0; k < count; k += lanes) {
         const auto frame = [&](int t) VSQ_LAMBDA { return widened<true>(densities[t] + k, lanes); };
         outerProducts<true>(lattice.nFrames, lattice.beta, lattice.stride, nStates, frame, sums + k,
@@ -563,10 +593,13 @@ void densityShares(const HmmLattice& lattice, int nStates, const float* const* d
     }
 }
 
-// The elements d .. d + 15 of a mean; the sum stays in a register for all frames.
-template <bool whole>
+// As many means at once as leave registers for a frame: one alone would wait for each of its additions.
+constexpr int meansAtOnce = registerBytes == 64 ? 8 : registerBytes == 32 ? 4 : 2;
+
+// The elements d .. d + 15 of the means of `count` components; the sums stay in registers for all frames.
+template <int count, bool whole>
 VSQ_INLINE void addFrameGroup(const float* const* frames, const float* const* shares, int component,
-                              int nFrames, int d, int rest, float* mean) {
+                              int nFrames, int d, int rest, float* const* means) {
     constexpr int group = 16;
     const auto part = [&](const float* p) VSQ_LAMBDA {
         if constexpr (whole)
@@ -574,21 +607,37 @@ VSQ_INLINE void addFrameGroup(const float* const* frames, const float* const* sh
         else
             return loadPart<float, group>(p, rest);
     };
-    Pack<float, group> sum = part(mean + d);
-    for (int t = 0; t < nFrames; ++t)
-        sum = sum + splat<float, group>(shares[t][component]) * part(frames[t] + d);
-    if constexpr (whole)
-        store(mean + d, sum);
-    else
-        storePart(mean + d, sum, rest);
+    Pack<float, group> sums[count];
+    for (int c = 0; c < count; ++c)
+        sums[c] = part(means[component + c] + d);
+    for (int t = 0; t < nFrames; ++t) {
+        const Pack<float, group> frame = part(frames[t] + d);
+        for (int c = 0; c < count; ++c)
+            sums[c] = sums[c] + splat<float, group>(shares[t][component + c]) * frame;
+    }
+    for (int c = 0; c < count; ++c)
+        if constexpr (whole)
+            store(means[component + c] + d, sums[c]);
+        else
+            storePart(means[component + c] + d, sums[c], rest);
 }
 
-void addFrames(const float* const* frames, const float* const* shares, int component, int nFrames, int nDim,
-               float* mean) {
+template <int count>
+VSQ_INLINE void addFramesTo(const float* const* frames, const float* const* shares, int component,
+                            int nFrames, int nDim, float* const* means) {
     int d = 0;
     for (; d + 16 <= nDim; d += 16)
-        addFrameGroup<true>(frames, shares, component, nFrames, d, 16, mean);
-    if (d < nDim) addFrameGroup<false>(frames, shares, component, nFrames, d, nDim - d, mean);
+        addFrameGroup<count, true>(frames, shares, component, nFrames, d, 16, means);
+    if (d < nDim) addFrameGroup<count, false>(frames, shares, component, nFrames, d, nDim - d, means);
+}
+
+void addFrames(const float* const* frames, const float* const* shares, int nComponents, int nFrames, int nDim,
+               float* const* means) {
+    int m = 0;
+    for (; m + meansAtOnce <= nComponents; m += meansAtOnce)
+        addFramesTo<meansAtOnce>(frames, shares, m, nFrames, nDim, means);
+    for (; m < nComponents; ++m)
+        addFramesTo<1>(frames, shares, m, nFrames, nDim, means);
 }
 
 } // namespace

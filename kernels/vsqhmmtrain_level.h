@@ -6,6 +6,8 @@
 #include "levelrecord.h"
 #include "vsqhmm_level.h"
 
+#include <cstddef>
+
 namespace vsq {
 
 // Rows of states are padded to whole groups of this many elements.
@@ -40,7 +42,7 @@ struct HmmOutputs {
     const float* const* rows;
     const int* symbols;
     const float* values;
-    long stride;
+    std::ptrdiff_t stride;
 };
 
 // Forward and backward variables, nFrames rows each. A row takes `stride` elements: exactly nStates, or those
@@ -49,7 +51,7 @@ struct HmmLattice {
     double* alpha;
     double* beta;
     double* scales; // nFrames factors, powers of two, that have been applied to alpha at their frame
-    long stride;
+    std::ptrdiff_t stride;
     int nFrames;
 };
 
@@ -87,12 +89,12 @@ struct HmmTrainKernels {
     // sums[i * sumStride + k] += arrival(t, i) * densities[t][k] over all frames; rows and sumStride are
     // padded to hmmTrainLanes, densities are readable so far.
     void (*densityShares)(const HmmLattice& lattice, int nStates, const float* const* densities, int count,
-                          double* sums, long sumStride);
+                          double* sums, std::ptrdiff_t sumStride);
 
-    // mean[d] += shares[t][component] * frames[t][d] over all frames, one after the other in float; nothing
-    // is read or written beyond nDim elements.
-    void (*addFrames)(const float* const* frames, const float* const* shares, int component, int nFrames,
-                      int nDim, float* mean);
+    // means[m][d] += shares[t][m] * frames[t][d] over all frames, one after the other in float; nothing is
+    // read or written beyond nDim elements.
+    void (*addFrames)(const float* const* frames, const float* const* shares, int nComponents, int nFrames,
+                      int nDim, float* const* means);
 };
 VSQ_DECLARE_LEVELS(HmmTrainKernels, hmmTrainKernels)
 

@@ -5,7 +5,14 @@
 
 #include "levelrecord.h"
 
+#include <cstddef>
+
 namespace vsq {
+
+inline constexpr int panelLanes = 8;
+constexpr std::size_t panelSize(int nRows, int n) {
+    return (std::size_t(nRows) + panelLanes - 1) / panelLanes * (2 * panelLanes) * std::size_t(n);
+}
 
 struct MahalKernels {
     // Sum of c[i] * (x[i] - y[i])^2; the arrays have n elements.
@@ -16,9 +23,14 @@ struct MahalKernels {
     double (*full)(const float* x, const float* y, const float* const* c, int n);
     double (*fullFixed)(const short* x, const short* y, const short* const* c, int n);
 
-    // diagonal(x, y[k], c[k], n) for nRows rows at once, into forms[k], with the same bits.
-    void (*diagonalRows)(const float* x, const float* const* y, const float* const* c, int nRows, int n,
-                         double* forms);
+    // Rows y[k] and c[k] in the order in which panelExponents reads them: eight rows side by side, element by element.
+    // The panel has panelSize(nRows, n) elements; a null row counts as zeros.
+    void (*fillPanel)(const float* const* y, const float* const* c, int nRows, int n, double* panel);
+
+    // exponents[k] = -|q| / 2 rounded to float, with q = diagonal(x, y[k], c[k], n) bit for bit, for nRows rows of a
+    // panel that has been filled with rows of nPanel elements, n or more.
+    void (*panelExponents)(const float* x, const double* panel, int nRows, int n, int nPanel,
+                           float* exponents);
 };
 VSQ_DECLARE_LEVELS(MahalKernels, mahalKernels)
 

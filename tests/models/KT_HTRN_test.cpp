@@ -457,6 +457,19 @@ TEST_F(Training, BandKeepsItsLastTransitionTwice) {
         makeSemicontinuous({randomChain(random, 3, Topology::banded), randomRows(random, 3, 3)}, 2), 2));
 }
 
+// A file may bring a band whose second copy differs; the copy takes no part in the change.
+TEST_F(Training, SecondCopyOfABandsLastTransitionIsNoChange) {
+    std::mt19937 random(17);
+    const int id = makeDiscrete(randomDiscrete(random, 4, 3, Topology::banded));
+    hmm::floats(KTFindHMMServer(id)->transitions)[9] += 0.5f;
+    float change = 1.0f;
+    const int copy = SymbolData(std::vector<std::vector<int>>{}).train(id, 1, &change);
+    ASSERT_GT(copy, 0);
+    EXPECT_EQ(change, 0.0f);
+    const float* a = hmm::floats(KTFindHMMServer(copy)->transitions);
+    EXPECT_EQ(a[9], a[8]);
+}
+
 // --- what is refused ---
 
 TEST_F(Training, RefusesWhatIsNoServerOfItsKind) {

@@ -310,7 +310,7 @@ TEST(Mahalanobis, StatusIsNotTouched) {
 TEST(Mahalanobis, SeveralRowsAtOnceGiveTheSameBitsAsOneByOne) {
     support::onEveryLevel([] {
         for (int n : {1, 12, 13, 16, 39, 40})
-            for (int rows = 0; rows <= 9; ++rows) {
+            for (int rows : {0, 1, 7, 8, 9, 15, 16, 17, 25}) {
                 const auto x = randomFloats(n, -9, 9);
                 std::vector<std::vector<float>> means, weights;
                 std::vector<const float*> ppMeans, ppWeights;
@@ -322,12 +322,19 @@ TEST(Mahalanobis, SeveralRowsAtOnceGiveTheSameBitsAsOneByOne) {
                     ppMeans.push_back(means[std::size_t(k)].data());
                     ppWeights.push_back(weights[std::size_t(k)].data());
                 }
-                support::Guarded<double> forms{std::size_t(rows)};
-                vsq::kernels().mahal->diagonalRows(x.data(), ppMeans.data(), ppWeights.data(), rows, n,
-                                                   forms.data());
-                EXPECT_TRUE(forms.intact());
-                for (std::size_t k = 0; k < forms.size(); ++k)
-                    EXPECT_EQ(forms[k], KTsMahalanobisD(x.data(), ppMeans[k], ppWeights[k], n, 0));
+                support::Guarded<double> panel{vsq::panelSize(rows, n)};
+                vsq::kernels().mahal->fillPanel(ppMeans.data(), ppWeights.data(), rows, n, panel.data());
+                EXPECT_TRUE(panel.intact());
+                for (int used : {n, n / 2, 0}) { // as much of the rows
+                    support::Guarded<float> exponents{std::size_t(rows)};
+                    vsq::kernels().mahal->panelExponents(x.data(), panel.data(), rows, used, n,
+                                                         exponents.data());
+                    EXPECT_TRUE(exponents.intact());
+                    for (std::size_t k = 0; k < exponents.size(); ++k)
+                        EXPECT_EQ(exponents[k],
+                                  static_cast<float>(
+                                      -0.5 * KTsMahalanobisD(x.data(), ppMeans[k], ppWeights[k], used, 0)));
+                }
             }
     });
 }
