@@ -1,4 +1,4 @@
-#include "models/models.h"
+#include "models/fixture.h"
 #include "support/alloc_faults.h"
 #include "support/reports.h"
 

@@ -26,11 +26,18 @@ void expectCost(float cost, double expected) {
 }
 
 // One state that starts with `initial` and stays with `stay`; outputs by symbol.
-int oneState(float initial, float stay, std::vector<float> outputs) {
-    const int m = int(outputs.size());
-    return Model<float>{1, m, Shape::full, {{stay}}, {std::move(outputs)}, {initial}}.discrete(
-        KT_HMM_EXPONENTIAL);
+int oneStateServer(float initial, float stay, std::vector<float> outputs) {
+    return oneState(initial, stay, std::move(outputs)).discrete(KT_HMM_EXPONENTIAL);
 }
+
+// The sum over all paths of a short sequence, the recursion for a long one.
+double costOf(const Model<float>& model, const Rows<double>& outputs) {
+    return outputs.size() <= 5 ? costOfAllPaths(model.trans, model.initial, outputs, model.shape)
+                               : forwardCost(model.trans, model.initial, outputs, model.shape);
+}
+
+// Below, at and above the number of frames whose outputs are computed at once, and a few that all paths are known of.
+constexpr int sequenceLengths[] = {5, hmm::framesPerRun, hmm::framesPerRun + 1, 2 * hmm::framesPerRun + 2};
 
 } // namespace
 
@@ -78,25 +85,23 @@ TEST_F(Forward, ContinuousSumsAllPaths) {
     std::mt19937 random(3);
     constexpr int dim = 5;
     for (const Shape shape : allShapes)
-        for (const bool full : {false, true}) {
-            const auto model = randomModel(random, 4, 1, shape);
-            auto servers = floatServers(random, 4, dim, 3, full);
-            const auto frames = framesOf<float>(random, 5, dim);
-            Rows<double> outputs;
-            for (const auto& frame : frames) {
-                outputs.emplace_back();
-                for (auto* server : servers.table)
-                    outputs.back().push_back(KTsEvalGaussMix(server, frame.data(), dim));
+        for (const bool full : {false, true})
+            for (const int length : sequenceLengths) {
+                const auto model = randomModel(random, 4, 1, shape);
+                auto servers = floatServers(random, 4, dim, 3, full);
+                const auto frames = framesOf<float>(random, length, dim);
+                const auto outputs = valuesOf(frames, servers, [](GaussMixServer* server, const float* x) {
+                    return KTsEvalGaussMix(server, x, dim);
+                });
+                const int id = model.continuous(servers.table.data(), dim, KT_HMM_EXPONENTIAL);
+                support::onEveryLevel([&] {
+                    int best = 0;
+                    expectCost(KTsEvalContHMMForward(id, pointers(frames).data(), length, &best),
+                               costOf(model, outputs));
+                    EXPECT_EQ(best, id);
+                });
+                KTFreeHMMServer(id);
             }
-            const int id = model.continuous(servers.table.data(), dim, KT_HMM_EXPONENTIAL);
-            support::onEveryLevel([&] {
-                int best = 0;
-                expectCost(KTsEvalContHMMForward(id, pointers(frames).data(), 5, &best),
-                           costOfAllPaths(model.trans, model.initial, outputs, shape));
-                EXPECT_EQ(best, id);
-            });
-            KTFreeHMMServer(id);
-        }
 }
 
 TEST_F(Forward, SemicontinuousSumsAllPaths) {
@@ -106,38 +111,27 @@ TEST_F(Forward, SemicontinuousSumsAllPaths) {
         reset();
         auto densities = floatServers(random, m, dim, 1, full);
         ASSERT_EQ(KTsInitSemicontCodebook(densities.table.data(), m, dim, 0), 1);
-        for (const Shape shape : allShapes) {
-            const auto model = randomModel(random, 4, m, shape);
-            const auto frames = framesOf<float>(random, 5, dim);
-            Rows<float> table(5, std::vector<float>(8));
-            auto tableRows = mixtures::pointers(table);
-            KTsEvalPdfsFrames(KTGetContext()->sSemicont, pointers(frames).data(), tableRows.data(), 5, m,
-                              dim);
-            Rows<double> outputs;
-            for (const auto& row : table) {
-                outputs.emplace_back();
-                for (const auto& weights : model.out) {
-                    double likelihood = 0;
-                    for (int k = 0; k < m; ++k)
-                        likelihood += static_cast<double>(weights[at(k)]) * static_cast<double>(row[at(k)]);
-                    outputs.back().push_back(likelihood);
-                }
+        for (const Shape shape : allShapes)
+            for (const int length : sequenceLengths) {
+                const auto model = randomModel(random, 4, m, shape);
+                const auto frames = framesOf<float>(random, length, dim);
+                const auto outputs =
+                    weightedOf(densitiesOf(frames, m, dim), model.out, [](double sum) { return sum; });
+                const int id = model.semicont(dim, KT_HMM_EXPONENTIAL);
+                // Sums of 6 positive products in floats are off by 6 * 2^-24 of them at most: 1.6e-7 of a frame's
+                // cost, which is above 0.2 here.
+                int best = 0;
+                expectCost(KTsEvalSemicontHMMForward(id, pointers(frames).data(), length, &best),
+                           costOf(model, outputs));
+                EXPECT_EQ(best, id);
             }
-            const int id = model.semicont(dim, KT_HMM_EXPONENTIAL);
-            // Sums of 6 positive products in floats are off by 6 * 2^-24 of them at most, which 5 frames
-            // make 8e-7 of the cost.
-            int best = 0;
-            expectCost(KTsEvalSemicontHMMForward(id, pointers(frames).data(), 5, &best),
-                       costOfAllPaths(model.trans, model.initial, outputs, shape));
-            EXPECT_EQ(best, id);
-        }
     }
 }
 
 // --- range control ---
 
 TEST_F(Forward, AMillionFramesNeedTheExponent) {
-    const int id = oneState(1.0f, 0.5f, {0.25f}); // 2^-3 a frame, 2^-2 in the first
+    const int id = oneStateServer(1.0f, 0.5f, {0.25f}); // 2^-3 a frame, 2^-2 in the first
     const double expected = (3.0 * 999999 + 2) * log10Of2;
     expectCost(evaluate(id, std::vector<int>(1000000, 0)), expected);
 
@@ -152,13 +146,13 @@ TEST_F(Forward, AMillionFramesNeedTheExponent) {
 
 // Likelihoods above 1, as densities give them: the exponent goes down.
 TEST_F(Forward, GrowingSums) {
-    const int id = oneState(1.0f, 1.0f, {1024.0f});
+    const int id = oneStateServer(1.0f, 1.0f, {1024.0f});
     expectCost(evaluate(id, std::vector<int>(10000, 0)), -10 * 10000 * log10Of2);
 }
 
 // The sum passes from the middle of the range to below 2^-256 in one step, and comes back over two frames.
 TEST_F(Forward, OneStepRescalesBy256BitsAtMost) {
-    const int id = oneState(1.0f, 1.0f, {0x1p-100f, 1.0f});
+    const int id = oneStateServer(1.0f, 1.0f, {0x1p-100f, 1.0f});
     for (int frames = 1; frames < 40; ++frames) {
         expectCost(evaluate(id, std::vector<int>(at(frames), 0)), 100 * frames * log10Of2);
         std::vector<int> symbols(at(frames), 0);
@@ -166,7 +160,7 @@ TEST_F(Forward, OneStepRescalesBy256BitsAtMost) {
         expectCost(evaluate(id, symbols), 100 * frames * log10Of2);
     }
     // 2^-126 to 2^-126 * 2^-149: far below what one step brings back
-    const int steep = oneState(0x1p-126f, 0x1p-149f, {1.0f});
+    const int steep = oneStateServer(0x1p-126f, 0x1p-149f, {1.0f});
     expectCost(evaluate(steep, {0, 0}), 275 * log10Of2);
     expectCost(evaluate(steep, {0, 0, 0}), 424 * log10Of2);
     expectCost(evaluate(steep, {0, 0, 0, 0, 0, 0}), (126 + 5 * 149) * log10Of2);
@@ -176,7 +170,7 @@ TEST_F(Forward, OneStepRescalesBy256BitsAtMost) {
 // same.
 TEST_F(Forward, EdgesOfTheRange) {
     for (const float step : {0x1p-127f, 0x1p-128f, 0x1p-129f, 0x1p-64f, 0x1p127f}) {
-        const int id = oneState(1.0f, step, {1.0f, 2.0f, 4.0f});
+        const int id = oneStateServer(1.0f, step, {1.0f, 2.0f, 4.0f});
         const double bits = -std::log2(static_cast<double>(step));
         expectCost(evaluate(id, {0, 0}), bits * log10Of2);
         expectCost(evaluate(id, {0, 0, 0}), 2 * bits * log10Of2);
@@ -187,8 +181,8 @@ TEST_F(Forward, EdgesOfTheRange) {
 
 namespace {
 
-// The kernel alone: one state, `outputs` frame by frame after a start of `start`.
-vsq::HmmForward advance(double start, const std::vector<float>& outputs, bool rescaleLast) {
+// The kernel alone: one state, `outputs` frame by frame after a start of `start` * 2^(-exponent).
+vsq::HmmForward advance(double start, const std::vector<float>& outputs, bool rescaleLast, int exponent = 0) {
     static double trans[vsq::hmmLanes], vectors[2][vsq::hmmLanes];
     std::fill_n(trans, vsq::hmmLanes, 0.0);
     std::fill_n(&vectors[0][0], 2 * vsq::hmmLanes, 0.0);
@@ -200,7 +194,7 @@ vsq::HmmForward advance(double start, const std::vector<float>& outputs, bool re
         rows.back()[0] = v;
     }
     const vsq::HmmModel<double> model{vsq::HmmTopology::full, 1, vsq::hmmLanes, trans};
-    vsq::HmmForward state{vectors[0], vectors[1], start, 0, false};
+    vsq::HmmForward state{vectors[0], vectors[1], start, exponent, false};
     vsq::kernels().hmm->forwardFloat(model, pointers(rows).data(), int(rows.size()), rescaleLast, &state);
     return state;
 }
@@ -233,6 +227,21 @@ TEST_F(Forward, RangeControlByTheExponentField) {
     });
 }
 
+// Millions of the steepest frames would count beyond the ints: that is a failure, not a wrapped exponent that looks
+// like a likelihood.
+TEST_F(Forward, ExponentsBeyondTheIntsFail) {
+    support::onEveryLevel([] {
+        const auto reached = advance(1.0, {0x1p-100f}, true, INT_MAX - 100);
+        EXPECT_FALSE(reached.failed);
+        EXPECT_EQ(reached.exponent, INT_MAX);
+        EXPECT_TRUE(advance(1.0, {0x1p-100f}, true, INT_MAX - 99).failed);
+        const auto lowest = advance(1.0, {0x1p100f}, true, INT_MIN + 100);
+        EXPECT_FALSE(lowest.failed);
+        EXPECT_EQ(lowest.exponent, INT_MIN);
+        EXPECT_TRUE(advance(1.0, {0x1p100f}, true, INT_MIN + 99).failed);
+    });
+}
+
 TEST_F(Forward, NothingIsRescaledOnTheWay) {
     support::onEveryLevel([] {
         const auto state = advance(1.0, {0x1p-64f, 0x1p-64f, 4.0f}, false);
@@ -262,13 +271,13 @@ TEST_F(Forward, AnImpossibleFrameFails) {
 // --- a single frame ---
 
 TEST_F(Forward, OneFrameIsThePlainSum) {
-    const int id = oneState(0.5f, 1.0f, {0x1p-140f, 0.25f});
+    const int id = oneStateServer(0.5f, 1.0f, {0x1p-140f, 0.25f});
     EXPECT_EQ(evaluate(id, {1}), static_cast<float>(3 * log10Of2));
     expectCost(evaluate(id, {0}), 141 * log10Of2);
 }
 
 TEST_F(Forward, OneFrameOfProbabilityZero) {
-    const int id = oneState(0.5f, 1.0f, {0.0f});
+    const int id = oneStateServer(0.5f, 1.0f, {0.0f});
     int best = -7;
     EXPECT_EQ(evaluate(id, {0}, &best), failure);
     EXPECT_EQ(best, 0);
@@ -277,9 +286,9 @@ TEST_F(Forward, OneFrameOfProbabilityZero) {
 // With a single frame the sums of a class's members add up, and the last one with any likelihood wins.
 TEST_F(Forward, OneFrameOfAClassIsCumulative) {
     const int group = KTCreateHMMClass();
-    const int good = oneState(1.0f, 1.0f, {0.5f, 0.0f, 0.0f});
-    const int poor = oneState(1.0f, 1.0f, {0.125f, 0.25f, 0.0f});
-    const int impossible = oneState(1.0f, 1.0f, {0.0f, 0.0f, 0.0f});
+    const int good = oneStateServer(1.0f, 1.0f, {0.5f, 0.0f, 0.0f});
+    const int poor = oneStateServer(1.0f, 1.0f, {0.125f, 0.25f, 0.0f});
+    const int impossible = oneStateServer(1.0f, 1.0f, {0.0f, 0.0f, 0.0f});
     for (const int id : {good, poor, impossible})
         KTAddHMMToClass(group, id);
     int best = 0;
@@ -297,7 +306,7 @@ TEST_F(Forward, OneFrameOfAClassIsCumulative) {
 
 TEST_F(Forward, TheFirstOfEqualsIsNamed) {
     const int group = KTCreateHMMClass();
-    const int first = oneState(1.0f, 1.0f, {0.5f}), second = oneState(1.0f, 1.0f, {0.5f});
+    const int first = oneStateServer(1.0f, 1.0f, {0.5f}), second = oneStateServer(1.0f, 1.0f, {0.5f});
     KTAddHMMToClass(group, second);
     KTAddHMMToClass(group, first);
     int best = 0;
@@ -330,8 +339,8 @@ TEST_F(Forward, BestOfUnlikeModels) {
 TEST_F(Forward, ExponentsAreComparedFirst) {
     for (const bool betterFirst : {false, true}) {
         const int group = KTCreateHMMClass();
-        const int a = oneState(1.0f, 1.0f, {betterFirst ? 0.75f : 0.25f});
-        const int b = oneState(1.0f, 1.0f, {betterFirst ? 0.25f : 0.75f});
+        const int a = oneStateServer(1.0f, 1.0f, {betterFirst ? 0.75f : 0.25f});
+        const int b = oneStateServer(1.0f, 1.0f, {betterFirst ? 0.25f : 0.75f});
         KTAddHMMToClass(group, a);
         KTAddHMMToClass(group, b);
         int best = 0;
@@ -343,8 +352,8 @@ TEST_F(Forward, ExponentsAreComparedFirst) {
 // The first model that cannot produce the sequence ends the call for the members behind it too.
 TEST_F(Forward, AnImpossibleModelEndsTheClass) {
     const int group = KTCreateHMMClass();
-    const int impossible = oneState(1.0f, 1.0f, {0.0f});
-    const int possible = oneState(1.0f, 1.0f, {0.5f});
+    const int impossible = oneStateServer(1.0f, 1.0f, {0.0f});
+    const int possible = oneStateServer(1.0f, 1.0f, {0.5f});
     KTAddHMMToClass(group, impossible);
     KTAddHMMToClass(group, possible);
     int best = -7;
@@ -384,7 +393,7 @@ TEST_F(Forward, UnknownIdsAndHmmZero) {
 }
 
 TEST_F(Forward, NothingToObserve) {
-    const int id = oneState(1.0f, 1.0f, {0.5f});
+    const int id = oneStateServer(1.0f, 1.0f, {0.5f});
     const int symbol = 0;
     int best = -7;
     EXPECT_EQ(KTsEvalHMMForward(id, &symbol, 0, &best), failure);
@@ -393,19 +402,19 @@ TEST_F(Forward, NothingToObserve) {
 }
 
 TEST_F(Forward, SymbolsOutsideTheAlphabetAreNotRead) {
-    const int id = oneState(1.0f, 1.0f, {0.5f, 0.5f, 0.5f});
+    const int id = oneStateServer(1.0f, 1.0f, {0.5f, 0.5f, 0.5f});
     EXPECT_EQ(evaluate(id, {0, 3}), failure);
     EXPECT_EQ(evaluate(id, {-1, 0}), failure);
 }
 
 TEST_F(Forward, AServerOfAnotherKindIsNotRead) {
-    const int id = oneState(1.0f, 1.0f, {0.5f});
+    const int id = oneStateServer(1.0f, 1.0f, {0.5f});
     const Rows<float> frames{{0, 0}};
     EXPECT_EQ(KTsEvalContHMMForward(id, pointers(frames).data(), 1, nullptr), failure);
 }
 
 TEST_F(Forward, ANegativeStatusEndsTheCall) {
-    const int id = oneState(1.0f, 1.0f, {0.5f});
+    const int id = oneStateServer(1.0f, 1.0f, {0.5f});
     KTSetStatus(-2);
     int best = -7;
     EXPECT_EQ(evaluate(id, {0}, &best), failure);

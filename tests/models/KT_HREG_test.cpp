@@ -1,5 +1,5 @@
 #include "KT_SEMICONT.h"
-#include "models/models.h"
+#include "models/fixture.h"
 #include "support/alloc_faults.h"
 
 #include <climits>

@@ -31,12 +31,15 @@ float costOf(float likelihood) {
     return likelihood * -0.4342945f;
 }
 
-// A model of one state: initial and transition cost as given, output costs of the symbols.
+// The minimum over all paths of a short sequence, the recursion for a long one.
 template <class T>
-Model<T> oneState(T initial, T stay, std::vector<T> outputs) {
-    const int m = int(outputs.size());
-    return {1, m, Shape::full, {{stay}}, {std::move(outputs)}, {initial}};
+T bestCost(const Rows<T>& trans, const std::vector<T>& initial, const Rows<T>& outputs, Shape shape) {
+    return outputs.size() <= 5 ? bestOfAllPaths(trans, initial, outputs, shape)
+                               : bestPath(trans, initial, outputs, shape);
 }
+
+// Below, at and above the number of frames whose outputs are computed at once, and a few that all paths are known of.
+constexpr int sequenceLengths[] = {5, hmm::framesPerRun, hmm::framesPerRun + 1, 2 * hmm::framesPerRun + 2};
 
 } // namespace
 
@@ -110,53 +113,49 @@ TEST_F(Viterbi, ContinuousFloat) {
     std::mt19937 random(4);
     constexpr int dim = 5;
     for (const Shape shape : allShapes)
-        for (const bool full : {false, true}) {
-            const auto model = costsOf(randomModel(random, 4, 1, shape));
-            auto servers = floatServers(random, 4, dim, 3, full);
-            const auto frames = framesOf<float>(random, 5, dim);
-            Rows<float> outputs;
-            for (const auto& frame : frames) {
-                outputs.emplace_back();
-                for (auto* server : servers.table)
-                    outputs.back().push_back(
-                        costOf(static_cast<float>(KTsEvalGaussMix(server, frame.data(), dim))));
+        for (const bool full : {false, true})
+            for (const int length : sequenceLengths) {
+                const auto model = costsOf(randomModel(random, 4, 1, shape));
+                auto servers = floatServers(random, 4, dim, 3, full);
+                const auto frames = framesOf<float>(random, length, dim);
+                const auto outputs = valuesOf(frames, servers, [](GaussMixServer* server, const float* x) {
+                    return costOf(static_cast<float>(KTsEvalGaussMix(server, x, dim)));
+                });
+                const int id = model.continuous(servers.table.data(), dim, 0);
+                int best = 0;
+                EXPECT_EQ(KTsEvalContHMMViterbi(id, pointers(frames).data(), length, &best),
+                          bestCost(model.trans, model.initial, outputs, shape));
+                EXPECT_EQ(best, id);
+                KTFreeHMMServer(id);
             }
-            const int id = model.continuous(servers.table.data(), dim, 0);
-            int best = 0;
-            EXPECT_EQ(KTsEvalContHMMViterbi(id, pointers(frames).data(), 5, &best),
-                      bestOfAllPaths(model.trans, model.initial, outputs, shape));
-            EXPECT_EQ(best, id);
-            KTFreeHMMServer(id);
-        }
 }
 
 TEST_F(Viterbi, ContinuousFixed) {
     std::mt19937 random(5);
     constexpr int dim = 5, scale = -8;
     for (const Shape shape : allShapes)
-        for (const bool full : {false, true}) {
-            const auto model = fixedOf(randomModel(random, 4, 1, shape));
-            auto servers = fixedServers(random, 4, dim, 2, full);
-            const auto frames = framesOf<short>(random, 5, dim);
-            Rows<int> outputs;
-            for (const auto& frame : frames) {
-                outputs.emplace_back();
-                for (auto* server : servers.table) {
+        for (const bool full : {false, true})
+            for (const int length : sequenceLengths) {
+                const auto model = fixedOf(randomModel(random, 4, 1, shape));
+                auto servers = fixedServers(random, 4, dim, 2, full);
+                const auto frames = framesOf<short>(random, length, dim);
+                int positive = 0; // otherwise there is nothing to tell apart
+                const auto outputs = valuesOf(frames, servers, [&](GaussMixServer* server, const short* x) {
                     int sf = -16;
-                    int cost = KTwEvalGaussMix(server, frame.data(), dim, 1, &sf);
-                    EXPECT_GT(cost, 0); // otherwise there is nothing to tell apart
+                    int cost = KTwEvalGaussMix(server, x, dim, 1, &sf);
+                    positive += cost > 0;
                     ownwLog10Scaled(&cost, 1, -28, -scale);
-                    outputs.back().push_back(cost);
-                }
+                    return cost;
+                });
+                EXPECT_GT(positive, 2 * length);
+                const int id = model.continuous(servers.table.data(), dim, KT_HMM_LOGARITHMIC, scale);
+                int best = 0;
+                EXPECT_EQ(
+                    KTwEvalContHMMViterbi(id, pointers(frames).data(), length, &best, 0, nullptr),
+                    bestCost(widened(model.trans), widened(Rows<short>{model.initial})[0], outputs, shape));
+                EXPECT_EQ(best, id);
+                KTFreeHMMServer(id);
             }
-            const int id = model.continuous(servers.table.data(), dim, KT_HMM_LOGARITHMIC, scale);
-            int best = 0;
-            EXPECT_EQ(
-                KTwEvalContHMMViterbi(id, pointers(frames).data(), 5, &best, 0, nullptr),
-                bestOfAllPaths(widened(model.trans), widened(Rows<short>{model.initial})[0], outputs, shape));
-            EXPECT_EQ(best, id);
-            KTFreeHMMServer(id);
-        }
 }
 
 TEST_F(Viterbi, SemicontinuousFloat) {
@@ -166,33 +165,25 @@ TEST_F(Viterbi, SemicontinuousFloat) {
         reset();
         auto densities = floatServers(random, m, dim, 1, full);
         ASSERT_EQ(KTsInitSemicontCodebook(densities.table.data(), m, dim, 0), 1);
-        for (const Shape shape : allShapes) {
-            const auto probabilities = randomModel(random, 4, m, shape);
-            auto model = costsOf(probabilities);
-            model.out = probabilities.out; // weights stay linear
-            const auto frames = framesOf<float>(random, 5, dim);
-            Rows<float> table(5, std::vector<float>(8)), outputs;
-            std::vector<float*> tableRows = mixtures::pointers(table);
-            KTsEvalPdfsFrames(KTGetContext()->sSemicont, pointers(frames).data(), tableRows.data(), 5, m,
-                              dim);
-            for (const auto& row : table) {
-                outputs.emplace_back();
-                for (const auto& weights : model.out) {
-                    double likelihood = 0;
-                    for (int k = 0; k < m; ++k)
-                        likelihood += static_cast<double>(weights[at(k)]) * static_cast<double>(row[at(k)]);
-                    outputs.back().push_back(costOf(static_cast<float>(likelihood)));
-                }
+        for (const Shape shape : allShapes)
+            for (const int length : sequenceLengths) {
+                const auto probabilities = randomModel(random, 4, m, shape);
+                auto model = costsOf(probabilities);
+                model.out = probabilities.out; // weights stay linear
+                const auto frames = framesOf<float>(random, length, dim);
+                const auto outputs =
+                    weightedOf(densitiesOf(frames, m, dim), model.out,
+                               [](double likelihood) { return costOf(static_cast<float>(likelihood)); });
+                const int id = model.semicont(dim, 0);
+                int best = 0;
+                const float cost = KTsEvalSemicontHMMViterbi(id, pointers(frames).data(), length, &best);
+                const float expected = bestCost(model.trans, model.initial, outputs, shape);
+                // the order of the six products may move the last bit of a float likelihood: 2^-24 * log10(e) for each
+                // frame, and as many roundings of a cost as there are frames, each of half a unit of the largest
+                const double unit = std::ldexp(1.0, std::ilogb(expected) - 23);
+                EXPECT_NEAR(cost, expected, length * (0x1p-24 + unit));
+                EXPECT_EQ(best, id);
             }
-            const int id = model.semicont(dim, 0);
-            int best = 0;
-            const float cost = KTsEvalSemicontHMMViterbi(id, pointers(frames).data(), 5, &best);
-            const float expected = bestOfAllPaths(model.trans, model.initial, outputs, shape);
-            // the order of the six products may move the last bit of a float likelihood: 5 frames of
-            // 2^-24 * log10(e) each, and as many roundings of costs below 64
-            EXPECT_NEAR(cost, expected, 5 * (0x1p-24 + 0x1p-19));
-            EXPECT_EQ(best, id);
-        }
     }
 }
 
@@ -203,33 +194,25 @@ TEST_F(Viterbi, SemicontinuousFixed) {
         reset();
         auto densities = fixedServers(random, m, dim, 1, full);
         ASSERT_EQ(KTwInitSemicontCodebook(densities.table.data(), m, dim, 0), 1);
-        for (const Shape shape : allShapes) {
-            auto model = fixedOf(randomModel(random, 4, m, shape));
-            model.out = fixedWeights(random, 4, m);
-            const auto frames = framesOf<short>(random, 5, dim);
-            Rows<short> table(5, std::vector<short>(8));
-            Rows<int> outputs;
-            std::vector<short*> tableRows = mixtures::pointers(table);
-            KTwEvalPdfsFrames(KTGetContext()->wSemicont, pointers(frames).data(), tableRows.data(), 5, m,
-                              dim);
-            for (const auto& row : table) {
-                outputs.emplace_back();
-                for (const auto& weights : model.out) {
-                    int cost = 0;
-                    for (int k = 0; k < m; ++k)
-                        cost += weights[at(k)] * row[at(k)];
-                    EXPECT_GT(cost, 0);
+        for (const Shape shape : allShapes)
+            for (const int length : sequenceLengths) {
+                auto model = fixedOf(randomModel(random, 4, m, shape));
+                model.out = fixedWeights(random, 4, m);
+                const auto frames = framesOf<short>(random, length, dim);
+                int positive = 0;
+                const auto outputs = weightedOf(densitiesOf(frames, m, dim), model.out, [&](int cost) {
+                    positive += cost > 0;
                     ownwLog10Scaled(&cost, 1, -24, -scale);
-                    outputs.back().push_back(cost);
-                }
+                    return cost;
+                });
+                EXPECT_GT(positive, 2 * length);
+                const int id = model.semicont(dim, KT_HMM_LOGARITHMIC, scale);
+                int best = 0;
+                EXPECT_EQ(
+                    KTwEvalSemicontHMMViterbi(id, pointers(frames).data(), length, &best, 0, nullptr),
+                    bestCost(widened(model.trans), widened(Rows<short>{model.initial})[0], outputs, shape));
+                EXPECT_EQ(best, id);
             }
-            const int id = model.semicont(dim, KT_HMM_LOGARITHMIC, scale);
-            int best = 0;
-            EXPECT_EQ(
-                KTwEvalSemicontHMMViterbi(id, pointers(frames).data(), 5, &best, 0, nullptr),
-                bestOfAllPaths(widened(model.trans), widened(Rows<short>{model.initial})[0], outputs, shape));
-            EXPECT_EQ(best, id);
-        }
     }
 }
 

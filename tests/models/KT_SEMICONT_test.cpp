@@ -206,7 +206,7 @@ TEST_F(Codebooks, InitAllocationFailures) {
     };
     EXPECT_EQ(support::alloc::failEach(
                   [&] { result = KTsInitSemicontCodebook(servers.table.data(), 3, 4, 0); }, check),
-              5); // the table, three copies, the weights
+              7); // the table, three copies, the weights, the panel and a table of its rows
     EXPECT_EQ(result, 1);
     KTsFreeSemicontCodebook();
     EXPECT_EQ(support::alloc::failEach([&] { result = KTwInitSemicontCodebook(fixed.table.data(), 3, 4, 0); },
@@ -261,7 +261,7 @@ TEST_F(Codebooks, ConversionOfAnEmptySource) {
     EXPECT_EQ(KTwsConvertSemicontCodebook(-15, 0, 0), 1); // the target's densities go
     EXPECT_EQ(floats()->status, 0x40000020);
     EXPECT_EQ(floats()->nSymbols, 0);
-    EXPECT_EQ(support::alloc::liveBlocks(), before - 3);
+    EXPECT_EQ(support::alloc::liveBlocks(), before - 4); // they and the panel
     EXPECT_EQ(KTsFreeSemicontCodebook(), 1);
 }
 
@@ -287,11 +287,12 @@ TEST_F(Codebooks, MadeFromLabelledVectors) {
         KTFreeGaussTbls();
         const long before = support::alloc::liveBlocks();
         KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 3, 3, flags);
+        const bool full = (flags & KT_GAUSS_FULL) != 0;
         ASSERT_EQ(KTGetStatus(), 0);
         ASSERT_EQ(floats()->nSymbols, 3);
         EXPECT_EQ(floats()->nQuant, 3);
-        KTFreeGaussTbls();                                   // the inversion's scratch
-        EXPECT_EQ(support::alloc::liveBlocks(), before + 5); // the temporary servers are gone
+        KTFreeGaussTbls();                                                // the inversion's scratch
+        EXPECT_EQ(support::alloc::liveBlocks(), before + (full ? 5 : 6)); // the temporary servers are gone
         for (int q = 0; q < 3; ++q) {
             auto members = data.of(q);
             const Server raw(KTsBuildGaussMixServer(members.data(), int(members.size()), 3, flags));
@@ -528,6 +529,52 @@ TEST_F(Codebooks, FixedDensities) {
             }
         }
     EXPECT_GT(positive, 40); // of 80
+}
+
+// A mixture of one density has no fixed evaluation of its own; as a density of a codebook it has.
+TEST_F(Codebooks, ASingleFixedDensityIsEvaluatedHere) {
+    mixtures::Mixture<short> mixture;
+    mixture.nDim = mixture.nMix = 1;
+    mixture.weights = {16384};
+    mixture.means = {{5}};
+    mixture.diagonals = {{1}};
+    Servers servers;
+    servers.add(mixture.server(0, 0));
+    ASSERT_EQ(KTwInitSemicontCodebook(servers.table.data(), 1, 1, 0), 1);
+    const short x = 5;
+    const short* frame = &x;
+    short row[4];
+    short* out = row;
+    KTwEvalPdfsFrames(shorts(), &frame, &out, 1, 1, 1);
+    EXPECT_EQ(row[0], 16384);
+    EXPECT_EQ(KTwEvalGaussMix(servers.table[0], frame, 1, KT_NoScale, nullptr), 0);
+}
+
+// Frames of no length, which a codebook may ask for, are at every mean.
+TEST_F(Codebooks, FramesWithoutElements) {
+    std::mt19937 random(17);
+    for (const bool full : {false, true})
+        for (const int length : {0, -3}) {
+            reset();
+            auto servers = floatServers(random, 2, 3, 1, full);
+            auto fixed = fixedServers(random, 2, 3, 1, full);
+            ASSERT_EQ(KTsInitSemicontCodebook(servers.table.data(), 2, length, 0), 1);
+            ASSERT_EQ(KTwInitSemicontCodebook(fixed.table.data(), 2, length, 0), 1);
+            const float x = 0;
+            const float* frame = &x;
+            const short w = 0;
+            const short* words = &w;
+            float row[4];
+            float* out = row;
+            short fixedRow[4];
+            short* fixedOut = fixedRow;
+            KTsEvalPdfsFrames(floats(), &frame, &out, 1, 2, length);
+            KTwEvalPdfsFrames(shorts(), &words, &fixedOut, 1, 2, length);
+            for (std::size_t k = 0; k < 2; ++k) {
+                EXPECT_EQ(row[k], servers.table[k]->pNormWeights[0]);
+                EXPECT_EQ(fixedRow[k], ktl::gauss::weights<short>(fixed.table[k])[0]);
+            }
+        }
 }
 
 // A scale above 1 shifts the form; what leaves 32 bits wraps, in the product too.

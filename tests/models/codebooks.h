@@ -2,8 +2,9 @@
 // codebooks.
 #pragma once
 
+#include "KT_HEVAL.h"
 #include "mixtures/mixtures.h"
-#include "models/models.h"
+#include "models/fixture.h"
 
 namespace models {
 
@@ -50,6 +51,49 @@ Rows<T> framesOf(std::mt19937& random, int count, int nDim) {
         else
             frames.push_back(mixtures::randomWords(random, nDim, 40));
     return frames;
+}
+
+// value(server, frame) of every frame and server.
+template <class T, class Value>
+auto valuesOf(const Rows<T>& frames, const Servers& servers, Value value) {
+    Rows<decltype(value(servers.table[0], frames[0].data()))> result;
+    for (const auto& frame : frames) {
+        result.emplace_back();
+        for (GaussMixServer* server : servers.table)
+            result.back().push_back(value(server, frame.data()));
+    }
+    return result;
+}
+
+// The densities of the thread's codebook, `count` of them, for every frame; rows have their padding.
+template <class T>
+Rows<T> densitiesOf(const Rows<T>& frames, int count, int nDim) {
+    Rows<T> table(frames.size(), std::vector<T>(at((count + 3) / 4 * 4)));
+    auto rows = mixtures::pointers(table);
+    const int n = static_cast<int>(frames.size());
+    if constexpr (std::is_same_v<T, float>)
+        KTsEvalPdfsFrames(KTGetContext()->sSemicont, pointers(frames).data(), rows.data(), n, count, nDim);
+    else
+        KTwEvalPdfsFrames(KTGetContext()->wSemicont, pointers(frames).data(), rows.data(), n, count, nDim);
+    return table;
+}
+
+// value(the sum of a state's weights times a frame's densities) of every frame and state; the sum is double for floats,
+// int for fixed weights.
+template <class T, class Value>
+auto weightedOf(const Rows<T>& densities, const Rows<T>& weights, Value value) {
+    using Sum = std::conditional_t<std::is_same_v<T, float>, double, int>;
+    Rows<decltype(value(Sum()))> result;
+    for (const auto& row : densities) {
+        result.emplace_back();
+        for (const auto& ofState : weights) {
+            Sum sum = 0;
+            for (std::size_t k = 0; k < ofState.size(); ++k)
+                sum += static_cast<Sum>(ofState[k]) * static_cast<Sum>(row[k]);
+            result.back().push_back(value(sum));
+        }
+    }
+    return result;
 }
 
 // Small integer weights for fixed semicontinuous models: 14 fractional bits, rows that sum below 1.

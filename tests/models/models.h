@@ -1,17 +1,15 @@
 // Small random models, the calls that make servers of them, and plain references: the recursions as a
-// textbook writes them, and the sum or the minimum over every single path.
+// textbook writes them, and the sum or the minimum over every single path. Tests and benchmarks share them.
 #pragma once
 
-#include "KT_HMM.h"
 #include "ktlp6.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <random>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace models {
@@ -26,17 +24,6 @@ std::vector<const T*> pointers(const Rows<T>& rows) {
         result.push_back(row.data());
     return result;
 }
-
-// Every test begins and ends without a registry and with a clean status.
-class ModelTest : public testing::Test {
-protected:
-    ModelTest() { reset(); }
-    ~ModelTest() override { reset(); }
-    static void reset() {
-        KTHMMFreeAll();
-        KTSetStatus(0);
-    }
-};
 
 enum class Shape { full, triangular, banded };
 inline constexpr Shape allShapes[] = {Shape::full, Shape::triangular, Shape::banded};
@@ -84,6 +71,13 @@ struct Model {
         }
     }
 };
+
+// A model of one state: initial and transition value as given, outputs of the symbols.
+template <class T>
+Model<T> oneState(T initial, T stay, std::vector<T> outputs) {
+    const int m = int(outputs.size());
+    return {1, m, Shape::full, {{stay}}, {std::move(outputs)}, {initial}};
+}
 
 inline void normalise(std::vector<float>& row) {
     float sum = 0;
