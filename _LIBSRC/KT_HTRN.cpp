@@ -322,6 +322,8 @@ int KTsTrainSemicontHMMBaumWelch(int hmm, const float* const* const* pppFrames, 
     const HMMServer* model = serverToTrain(hmm);
     if (model == nullptr || !hmm::evaluable(model, Semicontinuous::kind)) return -1;
     compareBeforeTraining(model);
+    model = serverToTrain(hmm); // the handler of a report may have released it
+    if (model == nullptr) return -1;
     Semicontinuous flavour;
     return hmm::train(flavour, model, {pppFrames, pFrames, nSequences}, maxIterations, pTolerance);
 }

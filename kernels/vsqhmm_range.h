@@ -44,7 +44,8 @@ VSQ_INLINE RangeFault bringIntoRange(double* sum, double* power, int* exponent) 
     int counted;
     if (__builtin_sadd_overflow(*exponent, unitField - field, &counted)) return RangeFault::beyond;
     *exponent = counted;
-    const std::uint64_t pattern = static_cast<std::uint64_t>(2 * unitField - field) << 52; // 2^(unitField - field)
+    const std::uint64_t pattern = static_cast<std::uint64_t>(2 * unitField - field)
+                                  << 52; // 2^(unitField - field)
     std::memcpy(power, &pattern, sizeof pattern);
     *sum *= *power;
     return RangeFault::none;

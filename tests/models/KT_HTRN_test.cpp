@@ -672,6 +672,21 @@ TEST_F(Training, CodebookIsOnlyRead) {
 }
 
 // With the error mode KT_ErrorModeParent the training goes on with what server and codebook both have.
+TEST_F(Training, AHandlerMayReleaseTheModel) {
+    std::mt19937 random(28);
+    const Codebook codebook(random, 4, 2);
+    static int id;
+    id = makeSemicontinuous({randomChain(random, 3, Topology::full), randomRows(random, 3, 4)}, 2);
+    KTsFreeSemicontCodebook();
+    const KTErrorHandler before = KTRedirectError([](int, const char*, const char*, const char*, int) {
+        KTFreeHMMServer(id);
+        return 0;
+    });
+    EXPECT_EQ(frameData(random, 2, 2).trainSemicontinuous(id, 1), -1);
+    KTRedirectError(before);
+    EXPECT_EQ(serverCount(), 0);
+}
+
 TEST_F(Training, CodebookThatDisagreesIsReportedAndReadAsFarAsItGoes) {
     std::mt19937 random(28);
     const Codebook full(random, 4, 2);
