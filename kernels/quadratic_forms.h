@@ -17,17 +17,27 @@ VSQ_INLINE Four noSum() {
     return splat<double, 4>(0.0);
 }
 
-template <class T>
-VSQ_INLINE Four widened(const Pack<T, 4>& raw) {
-    if constexpr (sizeof(T) == 2)
-        return convert<double>(convert<std::int32_t>(raw));
-    else
-        return convert<double>(raw);
+// Elements as they are subtracted: floats as doubles, 16-bit integers as 32-bit ones, which are converted once then.
+VSQ_INLINE Four operand(const Pack<float, 4>& raw) {
+    return convert<double>(raw);
+}
+VSQ_INLINE Pack<std::int32_t, 4> operand(const Pack<std::int16_t, 4>& raw) {
+    return convert<std::int32_t>(raw);
+}
+VSQ_INLINE Four wide(const Four& v) {
+    return v;
+}
+VSQ_INLINE Four wide(const Pack<std::int32_t, 4>& v) {
+    return convert<double>(v);
 }
 
 template <class T>
+VSQ_INLINE auto fourAt(const T* p) {
+    return operand(load<T, 4>(p));
+}
+template <class T>
 VSQ_INLINE Four wideFour(const T* p) {
-    return widened(load<T, 4>(p));
+    return wide(fourAt(p));
 }
 
 alignas(64) constexpr std::int64_t fourOnes[8] = {-1, -1, -1, -1, 0, 0, 0, 0};
@@ -37,19 +47,16 @@ VSQ_INLINE Four firstOf(const Four& v, int count) {
     return bits<double>(bits<std::int64_t>(v) & load<std::int64_t, 4>(fourOnes + 4 - count));
 }
 
-// How the last group of a row is read, of which `count` (1 to 4) elements exist: as they are, or whole where rows are
-// padded to groups of 4 with whatever it may be.
+// How the last group of a row is read, of which `count` (1 to 4) elements exist: as they are, or whole where rows of floats
+// are padded to groups of 4 with whatever it may be.
 struct ExactRows {
     template <class T>
-    static VSQ_INLINE Four last(const T* p, int count) {
-        return widened(loadPart<T, 4>(p, count));
+    static VSQ_INLINE auto last(const T* p, int count) {
+        return operand(loadPart<T, 4>(p, count));
     }
 };
 struct PaddedRows {
-    template <class T>
-    static VSQ_INLINE Four last(const T* p, int count) {
-        return firstOf(wideFour(p), count);
-    }
+    static VSQ_INLINE Four last(const float* p, int count) { return firstOf(wideFour(p), count); }
 };
 
 // --- diagonal: the sum of c * (x - y)^2 ---
@@ -61,9 +68,10 @@ struct Ending {
         : first((n - 1) / 8 * 8), groups(n - first > 4 ? 2 : 1), count(n - first - 4 * (groups - 1)) {}
 };
 
-VSQ_INLINE Four squares(const Four& x, const Four& y, const Four& c) {
-    const Four d = x - y;
-    return c * d * d;
+template <class Operand>
+VSQ_INLINE Four squares(const Operand& x, const Operand& y, const Operand& c) {
+    const Four d = wide(x - y);
+    return wide(c) * d * d;
 }
 
 // The forms of `rows` rows side by side, each as 4 lanes of which sumLanes makes it.
@@ -74,19 +82,19 @@ VSQ_INLINE void diagonalLanes(const T* x, const T* const* y, const T* const* c, 
     for (int k = 0; k < rows; ++k)
         lo[k] = hi[k] = noSum();
     for (int i = 0; i < ending.first; i += 8) {
-        const Four x0 = wideFour(x + i), x4 = wideFour(x + i + 4);
+        const auto x0 = fourAt(x + i), x4 = fourAt(x + i + 4);
         for (int k = 0; k < rows; ++k) {
-            lo[k] = lo[k] + squares(x0, wideFour(y[k] + i), wideFour(c[k] + i));
-            hi[k] = hi[k] + squares(x4, wideFour(y[k] + i + 4), wideFour(c[k] + i + 4));
+            lo[k] = lo[k] + squares(x0, fourAt(y[k] + i), fourAt(c[k] + i));
+            hi[k] = hi[k] + squares(x4, fourAt(y[k] + i + 4), fourAt(c[k] + i + 4));
         }
     }
     const int last = ending.first + 4 * (groups - 1), count = ending.count;
     if constexpr (groups == 2) {
-        const Four x0 = wideFour(x + ending.first);
+        const auto x0 = fourAt(x + ending.first);
         for (int k = 0; k < rows; ++k)
-            lo[k] = lo[k] + squares(x0, wideFour(y[k] + ending.first), wideFour(c[k] + ending.first));
+            lo[k] = lo[k] + squares(x0, fourAt(y[k] + ending.first), fourAt(c[k] + ending.first));
     }
-    const Four rest = ExactRows::last(x + last, count);
+    const auto rest = ExactRows::last(x + last, count);
     for (int k = 0; k < rows; ++k) {
         Four& sum = groups == 2 ? hi[k] : lo[k];
         sum = sum + squares(rest, Rows::last(y[k] + last, count), Rows::last(c[k] + last, count));
@@ -113,8 +121,8 @@ template <class T>
 VSQ_INLINE void differences(const T* x, const T* y, int count, double* d) {
     int j = 0;
     for (; j + 4 <= count; j += 4)
-        store(d + j, wideFour(x + j) - wideFour(y + j));
-    if (j < count) store(d + j, ExactRows::last(x + j, count - j) - ExactRows::last(y + j, count - j));
+        store(d + j, wide(fourAt(x + j) - fourAt(y + j)));
+    if (j < count) store(d + j, wide(ExactRows::last(x + j, count - j) - ExactRows::last(y + j, count - j)));
 }
 
 // 1/2 at the diagonal's place in its group of 4.
@@ -131,7 +139,7 @@ VSQ_INLINE void addDiagonalRows(const T* const* c, const double* d, int first, i
         for (int g = 0; g < group; ++g)
             columns[g] = columns[g] + wideFour(row + 4 * g) * di;
         const Four toDiagonal =
-            Rows::last(row + 4 * group, r + 1) * (di * load<double, 4>(diagonalFactors[r]));
+            wide(Rows::last(row + 4 * group, r + 1)) * (di * load<double, 4>(diagonalFactors[r]));
         columns[group] =
             columns[group] + firstOf(toDiagonal, r + 1); // an infinite difference shall not leak out
     }

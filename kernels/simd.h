@@ -502,7 +502,12 @@ VSQ_INLINE R convertedVector(V x) {
         return (R)_mm256_cvtepi16_epi32((__m128i)x);
     else if constexpr (sizeof(R) == 32 && std::is_same_v<U, std::int64_t> && std::is_same_v<T, std::int32_t>)
         return (R)_mm256_cvtepi32_epi64((__m128i)x);
-    else if constexpr (sizeof(V) == 32 && std::is_same_v<U, float> && std::is_same_v<T, double>)
+    else if constexpr (sizeof(R) == 16 && std::is_same_v<U, std::int32_t> &&
+                       std::is_same_v<T, std::int16_t>) {
+        std::int64_t all;
+        std::memcpy(&all, &x, sizeof all);
+        return (R)_mm_cvtepi16_epi32(_mm_cvtsi64_si128(all));
+    } else if constexpr (sizeof(V) == 32 && std::is_same_v<U, float> && std::is_same_v<T, double>)
         return (R)_mm256_cvtpd_ps((__m256d)x);
     else
 #endif
