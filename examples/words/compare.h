@@ -29,7 +29,7 @@ TrainingSet makeTrainingSet(const std::vector<const Item*>& items);
 struct Outcome {
     int right = 0;
     int total = 0;
-    double workSeconds = 0.0;       ///< features and recognition
+    double workSeconds = 0.0;       ///< processor time of features and recognition
     std::uintmax_t bytes = 0;       ///< of the models on disk
     Matrix<int> confusion;          ///< [spoken][recognised], the last column standing for no word
     std::vector<std::string> folds; ///< "SPEAKER 94.2", with a speaker left out in turn

@@ -40,13 +40,6 @@ Samples levelled(const Samples& samples) {
     return result;
 }
 
-Samples prepared(const Samples& samples, const FrontEnd& frontEnd) {
-    Samples result = frontEnd.trim ? trimmed(samples) : samples;
-    if (static_cast<int>(result.size()) < frameLength) result = samples; // a click
-    countFrames(result);
-    return levelled(result);
-}
-
 /// The slope of the regression line over two frames to each side, for columns from..from+n-1 into the n behind them.
 /// (S. Furui, Speaker-Independent Isolated Word Recognition Using Dynamic Features of Speech Spectrum, 1986)
 template <class Value>
@@ -133,13 +126,20 @@ FeatureExtractor::FeatureExtractor(const FrontEnd& choices)
     KTswbConvertDown(window.data(), fixedWindow.data(), frameLength, KT_FixedScale, &scale);
 }
 
+Samples FeatureExtractor::speech(const Samples& samples) const {
+    Samples result = frontEnd.trim ? trimmed(samples) : samples;
+    if (static_cast<int>(result.size()) < frameLength) result = samples; // a click
+    countFrames(result);
+    return levelled(result);
+}
+
 Matrix<float> FeatureExtractor::cepstra(const Samples& samples, int nCoefficients) const {
-    const Samples words16 = prepared(samples, frontEnd);
-    std::vector<float> signal(words16.size());
-    KTwsbConvertUp(words16.data(), signal.data(), static_cast<int>(signal.size()), -sampleScale);
+    const Samples levels = speech(samples);
+    std::vector<float> signal(levels.size());
+    KTwsbConvertUp(levels.data(), signal.data(), static_cast<int>(signal.size()), -sampleScale);
     KTsPreemphasize(signal.data(), preemphasis, static_cast<int>(signal.size()));
 
-    Matrix<float> result(countFrames(words16), nCoefficients);
+    Matrix<float> result(countFrames(levels), nCoefficients);
     std::vector<float> frame(fftLength);
     for (int t = 0; t < result.rows(); ++t) {
         const float* begin = signal.data() + t * frameStep;
@@ -161,7 +161,7 @@ Matrix<float> FeatureExtractor::real(const Samples& samples) const {
 }
 
 Matrix<short> FeatureExtractor::fixed(const Samples& samples) const {
-    Samples signal = prepared(samples, frontEnd);
+    Samples signal = speech(samples);
     KTwPreemphasize(signal.data(), preemphasis, static_cast<int>(signal.size()), KT_Saturate, nullptr);
 
     Matrix<int> features(countFrames(signal), dimensions());

@@ -28,6 +28,9 @@ public:
 
     int dimensions() const { return frontEnd.deltas ? 3 * nCepstra : nCepstra; }
 
+    /// What the features are computed of: the samples without silence at both ends, brought to full level.
+    Samples speech(const Samples& samples) const;
+
     /// One row for every 10 ms. Throws Failure for an utterance shorter than one frame.
     Matrix<float> real(const Samples& samples) const;
     Matrix<short> fixed(const Samples& samples) const;

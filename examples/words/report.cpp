@@ -29,7 +29,8 @@ td:first-child, th:first-child { text-align: left; }
 figure { margin: .5em 0; } figcaption { font-size: 12px; opacity: .75; }
 svg { display: block; width: 100%; }
 .wave { stroke: var(--mark); fill: none; stroke-width: 1; }
-.bar { fill: var(--faint); } .bar.best { fill: var(--mark); } svg text { fill: var(--ink); font-size: 10px; }
+.bar { fill: var(--faint); } .bar.best { fill: var(--mark); } svg text { fill: var(--ink); font-size: 9px; }
+th[colspan] { text-align: center; }
 )";
 
 std::string escaped(const std::string& text) {
@@ -48,6 +49,21 @@ std::string escaped(const std::string& text) {
     return result;
 }
 
+/// With a speaker left out in turn: the share of right words for each, in float and in fixed point.
+std::string bySpeaker(const Comparison& comparison) {
+    if (comparison.results.front().outcomes[0].folds.empty()) return "";
+    std::string text =
+        "<h2>Speakers that were left out, words right in per cent</h2>\n<table id=\"speakers\">\n";
+    for (const Result& result : comparison.results)
+        for (const Flavour flavour : flavours) {
+            text += fmt::format("<tr><th>{}, {}</th>", escaped(result.title), flavourName(flavour));
+            for (const std::string& fold : result.outcomes[static_cast<std::size_t>(flavour)].folds)
+                text += fmt::format("<td>{}</td>", escaped(fold));
+            text += "</tr>\n";
+        }
+    return text + "</table>\n";
+}
+
 std::string summary(const Comparison& comparison) {
     std::string text = "<table id=\"summary\">\n<thead><tr><th rowspan=\"2\">recogniser</th>"
                        "<th colspan=\"6\">float</th><th colspan=\"6\">16-bit fixed point</th></tr>\n<tr>";
@@ -64,7 +80,7 @@ std::string summary(const Comparison& comparison) {
                 comparison.timesRealTime(outcome), static_cast<double>(outcome.bytes) / 1024.0);
         text += "</tr>\n";
     }
-    return text + "</tbody></table>\n";
+    return text + "</tbody></table>\n" + bySpeaker(comparison);
 }
 
 /// Rows are what was said, columns what was understood. Cells hold the float model's count, and behind a stroke that of the
@@ -180,7 +196,7 @@ std::string margins(const Comparison& comparison, std::size_t example) {
                 "<text x=\"{:.1f}\" y=\"{}\" text-anchor=\"middle\">{}</text>",
                 cost <= best ? " best" : "", x, top + barHeight * (1.0 - share), 0.8 * step,
                 std::max(0.5, barHeight * share), x + 0.4 * step, top + barHeight + 10,
-                escaped(comparison.words[static_cast<std::size_t>(word)].substr(0, 4)));
+                escaped(comparison.words[static_cast<std::size_t>(word)].substr(0, 5)));
         }
         top += rowHeight;
     }
@@ -193,7 +209,7 @@ std::string pictures(const Comparison& comparison, const FeatureExtractor& extra
         const Item& item = *comparison.examples[i];
         text += fmt::format("<section id=\"word-{0}\"><h3>{0}</h3><p>{1}</p>\n", escaped(item.recording.word),
                             escaped(std::filesystem::path(item.recording.path).filename().string()));
-        text += waveform(item.samples);
+        text += waveform(extractor.speech(item.samples));
         text +=
             heatMap(extractor.melEnergies(item.samples), "mel", "mel energies, logarithms, 100 to 3800 Hz");
         text += heatMap(staticPart(item.features.real), "cepstra", "cepstra as the models see them");
