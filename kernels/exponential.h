@@ -47,7 +47,14 @@ VSQ_INLINE Pack<float, lanes> expOfAny(const Pack<float, lanes>& x) {
     // Beyond these limits the results stay 0 and infinity. Not-a-numbers pass them, and all that follows.
     const auto limited = larger(splat<float, lanes>(-104), smaller(splat<float, lanes>(89), x));
     const ReducedExp<lanes> reduced = reducedExp<lanes>(limited);
-    return timesPowers(reduced.mantissa, reduced.n);
+    if constexpr (hasPowers) return timesPowers(reduced.mantissa, reduced.n);
+    // 2^(the whole part of n) in two factors, each a normal float; only the second product may round, to a denormal.
+    const auto bias = splat<std::int32_t, lanes>(127);
+    const Pack<std::int32_t, lanes> whole =
+        (bits<std::int32_t>(reduced.turns) - bits<std::int32_t>(splat<float, lanes>(rounder))) >> 3;
+    const Pack<std::int32_t, lanes> half = whole >> 1;
+    const auto first = bits<float>((half + bias) << 23), second = bits<float>((whole - half + bias) << 23);
+    return reduced.mantissa * first * second;
 }
 
 struct Exp {

@@ -214,10 +214,12 @@ VSQ_INLINE unsigned joinedMagnitudes(const T* src, int n) {
             all = Word(all | (src[i] < 0 ? Word(0) - Word(src[i]) : Word(src[i])));
         return all;
     }
-    const auto zero = splat<T, N>(0);
-    Pack<T, N> joined[chains] = {zero, zero, zero, zero};
-    const auto add = [zero](Pack<T, N>& bits, const Pack<T, N>& x)
-                         VSQ_LAMBDA { bits = bits | larger(x, zero - x); };
+    const auto none = splat<T, N>(0);
+    Pack<T, N> joined[chains] = {none, none, none, none};
+    const auto add = [](Pack<T, N>& part, const Pack<T, N>& x) VSQ_LAMBDA {
+        const auto negative = bits<T>(splat<Word, N>(0) - bits<Word>(x)); // unsigned words may wrap
+        part = part | larger(x, negative);
+    };
     int i = 0;
     for (; n - i >= chains * N; i += chains * N)
         for (int chain = 0; chain < chains; ++chain)
