@@ -88,6 +88,8 @@ std::vector<Frames> framesByState(const TrainingSet& training, int word, int nSt
             for (int t = 0; t < utterance.real.rows(); ++t)
                 result[static_cast<std::size_t>(t * nStates / utterance.real.rows())].push_back(
                     utterance.real.row(t));
+    for (std::size_t i = 1; i < result.size(); ++i)
+        if (result[i].empty()) result[i] = result[i - 1];
     return result;
 }
 

@@ -20,7 +20,8 @@ Clusters cluster(const Frames& frames, int nDimensions, int n);
 /// Training frames evenly picked from all utterances, at most `limit` of them.
 Frames someFrames(const TrainingSet& training, int limit);
 
-/// The frames of a word's utterances by state, each utterance being cut into equal parts.
+/// The frames of a word's utterances by state, each utterance being cut into equal parts. Where all of them are shorter than
+/// there are states, a state without frames shares those of the state before.
 std::vector<Frames> framesByState(const TrainingSet& training, int word, int nStates);
 
 /// Inverse variances of the frames around their clusters, one per dimension for all Gaussians.

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <filesystem>
 
 namespace {
@@ -37,6 +38,16 @@ struct Options {
     }
 };
 
+/// What goes wrong behind the reading of files is told of the corpus.
+template <class Work>
+auto onBehalfOf(const std::string& corpus, Work work) {
+    try {
+        return work();
+    } catch (const Failure& failure) {
+        throw Failure(corpus + ": " + failure.what());
+    }
+}
+
 /// Each complaint is one line that names a file and what is wrong with it.
 int finish(const std::vector<std::string>& complaints) {
     for (const std::string& complaint : complaints)
@@ -53,7 +64,8 @@ int runCompare(const Options& options) {
     const ComparisonPlan plan{options.frontEnd(),
                               options.testTakes > 0 ? options.testTakes : customaryTestTakes(corpus),
                               !options.leaveOut.empty(), options.recogniser};
-    const Comparison comparison = compare(items, plan, extractor, progress, complaints);
+    const Comparison comparison =
+        onBehalfOf(options.corpus, [&] { return compare(items, plan, extractor, progress, complaints); });
     const std::string split = plan.leaveOutSpeaker
                                   ? "each speaker in turn is left out of the training and tested"
                                   : fmt::format("takes below {} are the test set", plan.testTakes);
@@ -87,7 +99,7 @@ int runTrain(const Options& options) {
         list.recognisers.push_back(recogniser->name());
     list.save(options.models);
     for (const auto& recogniser : recognisers) {
-        recogniser->train(training, progress);
+        onBehalfOf(options.corpus, [&] { recogniser->train(training, progress); });
         for (const Flavour flavour : flavours)
             saveModels(*recogniser, flavour, options.models);
     }
@@ -119,6 +131,7 @@ std::string recogniseFile(const std::string& file, Recogniser& recogniser, const
         order[i] = i;
     std::stable_sort(order.begin(), order.end(),
                      [&](std::size_t a, std::size_t b) { return costs[a] < costs[b]; });
+    if (!std::isfinite(costs[order[0]])) throw Failure("no word fits");
     std::string line = fmt::format("{}: {}, cost {:.2f}", file, words[order[0]], costs[order[0]]);
     if (order.size() > 1) line += fmt::format("; next {}, cost {:.2f}", words[order[1]], costs[order[1]]);
     return line + fmt::format("; {:.2f} ms", time.count());
@@ -186,7 +199,7 @@ int main(int argc, char** argv) {
         .add_option("--leave-out", options.leaveOut,
                     "'speaker': train without each one and test on him or her")
         ->check(CLI::IsMember({"speaker"}));
-    compareCommand.add_option("--report", options.report, "the page to write; '' for none");
+    compareCommand.add_option("--report", options.report, "the page to write; '' for none")->take_last();
 
     CLI::App& train = *app.add_subcommand("train", "train on a corpus and store the models");
     addCorpus(train, options);

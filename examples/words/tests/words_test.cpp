@@ -351,6 +351,43 @@ TEST_F(Words, BadLabelsAreNamedAndTheRestIsCompared) {
     EXPECT_EQ(readTable(result.out)[0].figures[0] + readTable(result.out)[0].figures[1], 24.0);
 }
 
+TEST_F(Words, WordsShorterThanTheirModelsAreLearnt) {
+    const fs::path corpus = folder / "short";
+    fs::create_directory(corpus);
+    for (int take = 0; take < 6; ++take) { // three frames each
+        writeWav("short/low_a_" + std::to_string(take) + ".wav", 8000, tone(300 + 5 * take, 8000, 0.045));
+        writeWav("short/high_a_" + std::to_string(take) + ".wav", 8000, tone(2000 + 20 * take, 8000, 0.045));
+    }
+    const Answer result =
+        run("compare --no-mean --no-variance --recogniser continuous --report '' --corpus short");
+    EXPECT_EQ(result.code, 0) << result.errors;
+    ASSERT_EQ(readTable(result.out).size(), 1u);
+    EXPECT_EQ(readTable(result.out)[0].figures[0], 4.0);
+    EXPECT_EQ(readTable(result.out)[0].figures[6], 4.0);
+
+    const Answer codebook = run("compare --recogniser discrete --report '' --corpus short");
+    EXPECT_EQ(codebook.code, 2);
+    EXPECT_EQ(codebook.errors, "words: short: too little to train from: 256 frames are wanted at least\n");
+}
+
+TEST_F(Words, SilenceIsNoReasonToFail) {
+    const fs::path corpus = slice();
+    ASSERT_EQ(run("train --models models --corpus " + corpus.string()).code, 0);
+    writeWav("silence.wav", 8000, std::vector<float>(4000));
+    writeWav("long.wav", 8000, tone(440, 8000, 20.0));
+    for (const char* name : {"discrete", "semicontinuous", "continuous", "mlp"})
+        for (const char* flavour : {"", " --fixed"}) {
+            const Answer result =
+                run(std::string("recognise --models models silence.wav --recogniser ") + name + flavour);
+            EXPECT_EQ(result.code, 0) << name << flavour << ": " << result.errors;
+            EXPECT_EQ(lines(result.out).size(), 1u);
+        }
+    const Answer unlike =
+        run("recognise --models models --recogniser dtw long.wav"); // no template is half as long
+    EXPECT_EQ(unlike.code, 2);
+    EXPECT_EQ(unlike.errors, "words: long.wav: no word fits\n");
+}
+
 TEST_F(Words, LabelsMayComeFromAFile) {
     const fs::path corpus = slice();
     std::ofstream labels(folder / "labels.txt");
