@@ -220,10 +220,10 @@ private:
                                                sequences.lengths.data(), sequences.size(), iterations,
                                                nullptr));
         // ... and a symbol that the training never saw in a state is to be unlikely there, not impossible.
-        auto transitions = topology.transitions.pointers();
-        auto rows = outputs.pointers();
-        KTGetHMMProb(trained.get(), topology.initial.data(), reinterpret_cast<void**>(transitions.data()),
-                     reinterpret_cast<void**>(rows.data()), nullptr, nullptr);
+        std::vector<void*> transitions = untyped(topology.transitions);
+        std::vector<void*> rows = untyped(outputs);
+        KTGetHMMProb(trained.get(), topology.initial.data(), transitions.data(), rows.data(), nullptr,
+                     nullptr);
         smooth(outputs, leastProbability);
         return Hmm(KTsLogHMMServer(make(topology, outputs).get()));
     }

@@ -134,12 +134,12 @@ Samples FeatureExtractor::speech(const Samples& samples) const {
 }
 
 Matrix<float> FeatureExtractor::cepstra(const Samples& samples, int nCoefficients) const {
-    const Samples levels = speech(samples);
-    std::vector<float> signal(levels.size());
-    KTwsbConvertUp(levels.data(), signal.data(), static_cast<int>(signal.size()), -sampleScale);
+    const Samples spoken = speech(samples);
+    std::vector<float> signal(spoken.size());
+    KTwsbConvertUp(spoken.data(), signal.data(), static_cast<int>(signal.size()), -sampleScale);
     KTsPreemphasize(signal.data(), preemphasis, static_cast<int>(signal.size()));
 
-    Matrix<float> result(countFrames(levels), nCoefficients);
+    Matrix<float> result(countFrames(spoken), nCoefficients);
     std::vector<float> frame(fftLength);
     for (int t = 0; t < result.rows(); ++t) {
         const float* begin = signal.data() + t * frameStep;

@@ -22,6 +22,15 @@ inline int evenState(int t, int n, int nStates) {
 /// unlikely and not impossible.
 void smooth(Matrix<float>& probabilities, float floor);
 
+/// A table's rows as KTGetHMMProb takes them, which writes either flavour.
+template <class Value>
+std::vector<void*> untyped(Matrix<Value>& table) {
+    std::vector<void*> rows;
+    for (int i = 0; i < table.rows(); ++i)
+        rows.push_back(table.row(i));
+    return rows;
+}
+
 /// Sequences of observations in the three arrays that the training functions take.
 template <class Observation>
 struct Sequences {

@@ -12,12 +12,11 @@
 namespace words {
 namespace {
 
-constexpr int nParts = 16; // an utterance is cut into equal parts, ...
-constexpr int nInputs =
-    nParts * nCepstra + 1; // ... each with the means of its cepstra; and one input is always 1
+// An utterance is cut into equal parts, each of which gives the means of its cepstra; and one input is always 1.
+constexpr int nParts = 16;
+constexpr int nInputs = nParts * nCepstra + 1;
 constexpr int nHidden = 80;
-constexpr int nOutputs =
-    nInputs; // the trainer wants as many as there are inputs: see KTsTrainMLPBackPropagation
+constexpr int nOutputs = nInputs; // the trainer wants as many: see KTsTrainMLPBackPropagation
 constexpr int nLayers = 3;
 constexpr int counts[nLayers] = {nInputs, nHidden, nOutputs};
 constexpr int epochs = 12; // at each learning rate

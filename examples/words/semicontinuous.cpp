@@ -145,10 +145,10 @@ private:
         const Hmm start = make(topology, weights, nDimensions);
         const Hmm trained(KTsTrainSemicontHMMBaumWelch(
             start.get(), frames.pointers.data(), frames.lengths.data(), frames.size(), iterations, nullptr));
-        auto transitions = topology.transitions.pointers();
-        auto rows = weights.pointers();
-        KTGetHMMProb(trained.get(), topology.initial.data(), reinterpret_cast<void**>(transitions.data()),
-                     nullptr, reinterpret_cast<void**>(rows.data()), nullptr);
+        std::vector<void*> transitions = untyped(topology.transitions);
+        std::vector<void*> rows = untyped(weights);
+        KTGetHMMProb(trained.get(), topology.initial.data(), transitions.data(), nullptr, rows.data(),
+                     nullptr);
         smooth(weights, leastWeight);
         return Hmm(KTsLogHMMServer(make(topology, weights, nDimensions).get()));
     }
