@@ -709,7 +709,7 @@ VSQ_INLINE Pack<T, N> magnitude(const Pack<T, N>& a) {
 // it gives is narrowed with saturation. The widened lanes may pass through it in any order.
 template <class V, class Middle>
 VSQ_INLINE V pairSumsVector(V a, V b, std::int16_t p, std::int16_t q, const Middle& middle) {
-    typedef std::int32_t Wide __attribute__((vector_size(sizeof(V) < 4 ? 4 : sizeof(V))));
+    [[maybe_unused]] typedef std::int32_t Wide __attribute__((vector_size(sizeof(V) < 4 ? 4 : sizeof(V))));
     [[maybe_unused]] const auto factors =
         static_cast<std::int32_t>(static_cast<std::uint16_t>(p) | static_cast<std::uint32_t>(q) << 16);
 #if defined(__AVX512BW__)

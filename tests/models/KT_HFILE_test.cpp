@@ -98,9 +98,8 @@ void expectRoundTrip(Model<T>& model) {
     EXPECT_NE(second, id);
     EXPECT_STREQ(name, "some name");
     EXPECT_EQ(unsigned(parametersOf(second).status), model.status());
-    // a mixture that was read says so in its flags, so its image is taken anew
+    // a mixture that was read says so in its flags, and its tail is that of its new place: its image is taken anew
     EXPECT_EQ(written(second, "some name"), imageOf(model, second, "some name"));
-    EXPECT_EQ(written(second).size(), image.size());
     const auto answer = query<T>(second, model.n, model.nSymbols, model.flavour);
     EXPECT_EQ(answer.initial, model.initial);
     KTFreeHMMServer(id);
