@@ -39,7 +39,8 @@ bool root(const float* src, float* dst, int n) {
     overPacks(src, n, 0, [&](const Floats& x, int i, int count) VSQ_LAMBDA {
         const Ints isNegative = x < zero;
         negative = negative | isNegative;
-        const Floats roots = squareRoot(select(isNegative, zero, x));
+        // by its bits: a compiler that takes the selection for a maximum loses the sign of a zero
+        const Floats roots = squareRoot(bits<float>(bits<std::int32_t>(x) & (isNegative ^ splat<std::int32_t, lanes>(-1))));
         put(dst + i, select(isNegative, get(dst + i, count), roots), count);
     });
     return smallestLane(negative) != 0;
