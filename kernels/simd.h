@@ -402,8 +402,8 @@ VSQ_INLINE Pack<T, N> select(const Pack<MaskOf<T>, N>& mask, const Pack<T, N>& a
 // forms with a mask of all lanes keep g++ from warning of its own headers.)
 template <class V>
 VSQ_INLINE V smallerOf(V x, V y) {
-    constexpr bool isFloat = std::is_same_v<decltype(x[0] + 0), float>;
-    constexpr bool isDouble = std::is_same_v<decltype(x[0] + 0), double>;
+    [[maybe_unused]] constexpr bool isFloat = std::is_same_v<decltype(x[0] + 0), float>;
+    [[maybe_unused]] constexpr bool isDouble = std::is_same_v<decltype(x[0] + 0), double>;
 #if defined(__AVX512F__)
     if constexpr (sizeof(V) == 64 && isFloat)
         return (V)_mm512_maskz_min_ps(0xFFFF, (__m512)x, (__m512)y);
@@ -429,8 +429,8 @@ VSQ_INLINE V smallerOf(V x, V y) {
 }
 template <class V>
 VSQ_INLINE V largerOf(V x, V y) {
-    constexpr bool isFloat = std::is_same_v<decltype(x[0] + 0), float>;
-    constexpr bool isDouble = std::is_same_v<decltype(x[0] + 0), double>;
+    [[maybe_unused]] constexpr bool isFloat = std::is_same_v<decltype(x[0] + 0), float>;
+    [[maybe_unused]] constexpr bool isDouble = std::is_same_v<decltype(x[0] + 0), double>;
 #if defined(__AVX512F__)
     if constexpr (sizeof(V) == 64 && isFloat)
         return (V)_mm512_maskz_max_ps(0xFFFF, (__m512)x, (__m512)y);

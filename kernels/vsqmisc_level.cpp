@@ -40,7 +40,8 @@ bool root(const float* src, float* dst, int n) {
         const Ints isNegative = x < zero;
         negative = negative | isNegative;
         // by its bits: a compiler that takes the selection for a maximum loses the sign of a zero
-        const Floats roots = squareRoot(bits<float>(bits<std::int32_t>(x) & (isNegative ^ splat<std::int32_t, lanes>(-1))));
+        const Floats roots =
+            squareRoot(bits<float>(bits<std::int32_t>(x) & (isNegative ^ splat<std::int32_t, lanes>(-1))));
         put(dst + i, select(isNegative, get(dst + i, count), roots), count);
     });
     return smallestLane(negative) != 0;
