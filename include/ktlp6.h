@@ -845,9 +845,11 @@ struct GaussMixServer;
  * KT_HMM_LOGARITHMIC or 0 (values without a domain). Fixed costs are 16-bit values at `scale`; 0x7FFE and 0x7FFF mean zero
  * probability.
  *
- * The result is the new id, or a negative value: -1 for wrong flags (KT_StsBadArg), missing arrays, or when memory ran
- * out; semicontinuous forms, which need this thread's codebook of the same numeric form first, also -2 (there is none),
- * -3 (nSymbols is not its number of densities), -4 (nQuant is not its vectors' length), each with KT_StsBadArg. */
+ * The result is the new id, or a negative value: -1 for wrong flags or missing arrays (KT_StsBadArg), when memory ran out
+ * for the server or a mixture, and when the thread's status is negative. Memory that runs out for the transitions, outputs
+ * or initial values alone is not told: the id then belongs to a server without states, which evaluates to the failure
+ * value. Semicontinuous forms, which need this thread's codebook of the same numeric form first, also -2 (there is none),
+ * -3 (nSymbols is not its number of densities), -4 (nQuant is not its vectors' length), each with the report KT_StsBadArg. */
 KTL_API int KTwInitHMMServer(const short* const* trans, const short* const* out, const short* initial,
                              int nStates, int nSymbols, int flags);
 KTL_API int KTsInitHMMServer(const float* const* trans, const float* const* out, const float* initial,
@@ -869,7 +871,8 @@ KTL_API void KTFreeHMMServer(int id);
  * the mode goes back to KT_HMM_REPLACE. The library does not call it by itself. */
 KTL_API void KTHMMFreeAll(void);
 
-/* A server of its own with the same contents, in no class: its id, or -1 for an unknown id or when memory ran out. */
+/* A server of its own with the same contents, in no class: its id, or -1 for an unknown id or when memory ran out.
+ * Under a negative status of the thread the copy is released again; the id, which then belongs to nothing, is returned. */
 KTL_API int KTCopyHMMServer(int hmm);
 
 /* A server's parameters in the shape in which the Init functions take them, by source state: the inverse of creation.
