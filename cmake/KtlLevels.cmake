@@ -22,7 +22,7 @@ function(ktl_level_sources prefix)
   foreach(level IN LISTS KTL_LEVELS)
     ktl_layer(${prefix}_${level} ${ARGN})
     target_compile_options(${prefix}_${level} PRIVATE ${KTL_LEVEL_${level}_OPTIONS}
-      "$<$<CXX_COMPILER_ID:GNU>:-Wno-psabi;-Wno-maybe-uninitialized>" $<$<CONFIG:Release,RelWithDebInfo>:-O3>)
+      "$<$<CXX_COMPILER_ID:GNU>:-Wno-psabi;-Wno-maybe-uninitialized;-Wno-stringop-overflow>" $<$<CONFIG:Release,RelWithDebInfo>:-O3>)
     if(KTLP6_SANITIZED AND level STREQUAL avx2)
       target_compile_options(${prefix}_${level} PRIVATE -fno-sanitize=all)
     endif()

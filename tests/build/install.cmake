@@ -13,7 +13,7 @@ set(work ${BUILD}/install-test)
 file(REMOVE_RECURSE ${work})
 run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${work}/prefix)
 
-run(${CMAKE_COMMAND} -S ${SOURCE}/tests/build/consumer -B ${work}/consumer -DCMAKE_PREFIX_PATH=${work}/prefix
+run(${CMAKE_COMMAND} -G Ninja -S ${SOURCE}/tests/build/consumer -B ${work}/consumer -DCMAKE_PREFIX_PATH=${work}/prefix
     -DCMAKE_C_COMPILER=${CC} -DCMAKE_C_FLAGS=${CFLAGS})
 run(${CMAKE_COMMAND} --build ${work}/consumer)
 run(${work}/consumer/consumer)
