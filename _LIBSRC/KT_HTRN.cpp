@@ -289,14 +289,14 @@ const HMMServer* serverToTrain(int hmm) {
     return hmm > 0 ? KTFindHMMServer(hmm) : nullptr;
 }
 
-// The disagreement is reported; the training goes on.
+// The disagreement is reported; the training goes on. A report's handler may release the server, so both are compared first.
 void compareBeforeTraining(const HMMServer* server) {
     constexpr char name[] = "KTsTrainSemicontHMMBaumWelch";
     const SemicontCodebook* codebook = KTGetContext()->sSemicont;
-    if (server->nSymbols != codebook->nSymbols)
-        module.report(KT_StsBadArg, "nSymbols!=_sSemicontCodebook->nSymbols", name);
-    if (server->nQuant != codebook->nQuant)
-        module.report(KT_StsBadArg, "nQuant!=_sSemicontCodebook->nQuant", name);
+    const bool symbolsDiffer = server->nSymbols != codebook->nSymbols;
+    const bool lengthsDiffer = server->nQuant != codebook->nQuant;
+    if (symbolsDiffer) module.report(KT_StsBadArg, "nSymbols!=_sSemicontCodebook->nSymbols", name);
+    if (lengthsDiffer) module.report(KT_StsBadArg, "nQuant!=_sSemicontCodebook->nQuant", name);
 }
 
 } // namespace
