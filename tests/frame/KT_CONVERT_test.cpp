@@ -61,9 +61,9 @@ void up(const int* s, double* d, int n, int scale) {
 // --- the plain reference ---
 
 // 2^exponent as the library defines it: infinite from 1024 on.
-double power(long exponent) {
+double power(std::int64_t exponent) {
     return exponent >= 1024 ? std::numeric_limits<double>::infinity()
-                            : std::ldexp(1.0, int(std::max(exponent, -1100L)));
+                            : std::ldexp(1.0, int(std::max<std::int64_t>(exponent, -1100)));
 }
 
 template <class Dst>
@@ -115,7 +115,7 @@ std::vector<Dst> referenceDown(const std::vector<Src>& src, int mode, int& scale
         scale = 0;
     }
     for (std::size_t i = 0; i < src.size(); ++i) {
-        const double product = double(src[i]) * power(-long(scale));
+        const double product = double(src[i]) * power(-std::int64_t(scale));
         dst[i] = mode == KT_NoScale || mode == KT_FixedScale || mode == KT_AutoScale
                      ? truncatedValue<Dst>(product)
                      : clampedValue<Dst>(product);
@@ -392,7 +392,7 @@ void checkValues(Limits limits) {
                 down(v, got, mode, &scale);
                 const auto truncating = referenceDown<Src, Dst>({v}, mode, wantedScale, limits);
                 ASSERT_EQ(scale, wantedScale) << v << " mode " << mode;
-                const double product = double(v) * power(-long(wantedScale));
+                const double product = double(v) * power(-std::int64_t(wantedScale));
                 const bool saturates = mode < 0 || mode > 2;
                 if (saturates && std::isnan(v)) continue;
                 if (saturates || wantedScale == refused ||
@@ -456,7 +456,7 @@ void checkUp(const std::vector<Src>& src, int scale) {
     support::Guarded<Dst> got(src.size(), Dst(-1));
     up(src.data(), got.data(), int(src.size()), scale);
     for (std::size_t i = 0; i < src.size(); ++i) {
-        const Dst wanted = Dst(double(src[i]) * power(-long(scale)));
+        const Dst wanted = Dst(double(src[i]) * power(-std::int64_t(scale)));
         if (std::isnan(wanted))
             ASSERT_TRUE(std::isnan(got[i]));
         else
