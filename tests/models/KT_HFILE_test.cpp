@@ -256,19 +256,19 @@ TEST_F(HmmFile, OneStreamHoldsSeveralServers) {
     const Stream stream(std::tmpfile());
     std::fputs("prologue", stream.get());
     std::vector<Model<float>> models;
+    std::vector<long> ends;
     for (const Flavour flavour : allFlavours) {
         models.push_back(randomModel<float>(random, flavour, Shape::banded, 5, 1, 4, 2));
         KTWriteHMMServer(stream.get(), models.back().create(), "x");
+        ends.push_back(std::ftell(stream.get()));
     }
     std::fseek(stream.get(), 8, SEEK_SET);
-    long at = 8;
-    for (const Model<float>& model : models) {
+    for (std::size_t i = 0; i < models.size(); ++i) {
         const int id = KTReadHMMServer(stream.get(), nullptr);
         ASSERT_GT(id, 3);
-        const Bytes image = imageOf(model, id, "x");
-        at += long(image.size());
-        EXPECT_EQ(std::ftell(stream.get()), at);
-        EXPECT_EQ(written(id, "x"), image);
+        EXPECT_EQ(std::ftell(stream.get()),
+                  ends[i]); // a mixture's tail depends on its place, so not by the size of its copy
+        EXPECT_EQ(written(id, "x"), imageOf(models[i], id, "x"));
     }
     EXPECT_EQ(KTReadHMMServer(stream.get(), nullptr), -1);
 }
