@@ -38,10 +38,10 @@ double allowedError(std::size_t n) {
     return 6e-8 * (3 + std::sqrt(static_cast<double>(n) / 8.0));
 }
 
-double relativeError(const Floats& y, const std::vector<long double>& expected) {
-    long double difference = 0.0L, size = 0.0L;
+double relativeError(const Floats& y, const std::vector<oracle::Extended>& expected) {
+    oracle::Extended difference = 0.0L, size = 0.0L;
     for (std::size_t i = 0; i < y.size(); ++i) {
-        const long double d = static_cast<long double>(y[i]) - expected[i];
+        const oracle::Extended d = static_cast<oracle::Extended>(y[i]) - expected[i];
         difference += d * d;
         size += expected[i] * expected[i];
     }
@@ -94,7 +94,7 @@ TEST(Dct, ForwardAndInverseGiveTheInputBack) {
     for (int n : {1, 2, 3, 13, 24, 26, 32, 40, 64, 128, 300, 4096, 3001}) {
         const Floats x = noise(n);
         const Floats back = transformed(transformed(x, 1), 2);
-        EXPECT_LE(relativeError(back, std::vector<long double>(x.begin(), x.end())),
+        EXPECT_LE(relativeError(back, std::vector<oracle::Extended>(x.begin(), x.end())),
                   2 * allowedError(x.size()))
             << n;
     }
@@ -122,14 +122,14 @@ TEST(Dct, MatchesStoredVectors) {
         if (line.empty() || line[0] == '#') continue;
         const std::size_t n = std::stoul(line);
         Floats x(n);
-        std::vector<long double> expected(n);
+        std::vector<oracle::Extended> expected(n);
         std::getline(file, line);
         std::istringstream values(line);
         for (float& value : x)
             values >> value;
         std::getline(file, line);
         std::istringstream results(line);
-        for (long double& value : expected)
+        for (oracle::Extended& value : expected)
             results >> value;
         ASSERT_TRUE(values && results);
         EXPECT_LE(relativeError(transformed(x, 1), expected), allowedError(n)) << n;

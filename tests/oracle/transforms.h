@@ -3,12 +3,15 @@
 
 #include <complex>
 #include <cstddef>
+#include <limits>
+#include <type_traits>
 #include <vector>
 
 namespace oracle {
 
-using Extended = long double;
-using ExtendedComplex = std::complex<long double>;
+// Where the long double is emulated in 113 bits, which takes minutes, a double has digits enough to judge floats by.
+using Extended = std::conditional_t<std::numeric_limits<long double>::digits == 113, double, long double>;
+using ExtendedComplex = std::complex<Extended>;
 
 // X[k] = sum of x[n] exp(-2 pi i k n / N), term by term; any length.
 std::vector<ExtendedComplex> dft(const std::vector<ExtendedComplex>& x);
