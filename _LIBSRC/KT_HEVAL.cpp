@@ -15,6 +15,16 @@ const SemicontCodebook* codebookWithDensities(const ktl::Module& module, bool is
     return nullptr;
 }
 
+CodebookDisagreement::CodebookDisagreement(const HMMServer* server)
+    : inSymbols(server->nSymbols != KTGetContext()->sSemicont->nSymbols),
+      inLengths(server->nQuant != KTGetContext()->sSemicont->nQuant) {
+}
+
+void CodebookDisagreement::report(const ktl::Module& module, const char* funcName) const {
+    if (inSymbols) module.report(KT_StsBadArg, "nSymbols!=_sSemicontCodebook->nSymbols", funcName);
+    if (inLengths) module.report(KT_StsBadArg, "nQuant!=_sSemicontCodebook->nQuant", funcName);
+}
+
 bool agreesWithCodebook(const ktl::Module& module, const HMMServer* server, const SemicontCodebook* codebook,
                         const char* funcName) {
     const char* mismatch = nullptr; // both numeric forms report with the float codebook's name

@@ -120,6 +120,15 @@ inline constexpr int framesPerRun = 64;
 // form).
 const SemicontCodebook* codebookWithDensities(const ktl::Module& module, bool isFixed, const char* funcName);
 
+// Where a server and the float codebook differ. A report's handler may release the server, so both answers are known
+// before either is reported.
+struct CodebookDisagreement {
+    explicit CodebookDisagreement(const HMMServer* server);
+    void report(const ktl::Module& module, const char* funcName) const;
+
+    bool inSymbols, inLengths;
+};
+
 // Whether a server's counts are the codebook's; reports where they are not.
 bool agreesWithCodebook(const ktl::Module& module, const HMMServer* server, const SemicontCodebook* codebook,
                         const char* funcName);

@@ -46,12 +46,10 @@ bool inAlphabet(const HMMServer* server, const int* pObservations, int T) {
 
 void compareWithCodebook(const HMMServer* server) {
     constexpr char name[] = "KTsEvalSemicontHMMForwardBackward";
-    const SemicontCodebook* codebook = KTGetContext()->sSemicont;
-    if (codebook->ccgPdfs == nullptr) module.report(KT_StsBadArg, "_sSemicontCodebook->ccgPdfs==0", name);
-    if (server->nSymbols != codebook->nSymbols)
-        module.report(KT_StsBadArg, "nSymbols!=_sSemicontCodebook->nSymbols", name);
-    if (server->nQuant != codebook->nQuant)
-        module.report(KT_StsBadArg, "nQuant!=_sSemicontCodebook->nQuant", name);
+    const CodebookDisagreement disagreement(server);
+    if (KTGetContext()->sSemicont->ccgPdfs == nullptr)
+        module.report(KT_StsBadArg, "_sSemicontCodebook->ccgPdfs==0", name);
+    disagreement.report(module, name);
 }
 
 double forwardBackward(const HMMServer* server, const vsq::HmmOutputs& outputs,
@@ -87,6 +85,7 @@ double KTsEvalSemicontHMMForwardBackward(int hmm, double* pAlphaBeta, double* pS
     const HMMServer* server = begin(hmm, pScales, T, pExponent);
     if (server == nullptr) return failure();
     hmm::compareWithCodebook(server);
+    if (KTFindHMMServer(hmm) != server) return failure(); // the handler of a report may have released it
     const vsq::HmmOutputs outputs{nullptr, nullptr, pOutProbs, server->nStates};
     return evaluate(server, outputs, pAlphaBeta, pScales, T, pExponent);
 }

@@ -1,6 +1,7 @@
 // Baum-Welch training of the three flavours: how each scores its frames and re-estimates its outputs.
 #include "KT_HTRN.h"
 
+#include "KT_HEVAL.h"
 #include "KT_HFLAT.h"
 #include "KT_HOUTPUT.h"
 
@@ -289,16 +290,6 @@ const HMMServer* serverToTrain(int hmm) {
     return hmm > 0 ? KTFindHMMServer(hmm) : nullptr;
 }
 
-// The disagreement is reported; the training goes on. A report's handler may release the server, so both are compared first.
-void compareBeforeTraining(const HMMServer* server) {
-    constexpr char name[] = "KTsTrainSemicontHMMBaumWelch";
-    const SemicontCodebook* codebook = KTGetContext()->sSemicont;
-    const bool symbolsDiffer = server->nSymbols != codebook->nSymbols;
-    const bool lengthsDiffer = server->nQuant != codebook->nQuant;
-    if (symbolsDiffer) module.report(KT_StsBadArg, "nSymbols!=_sSemicontCodebook->nSymbols", name);
-    if (lengthsDiffer) module.report(KT_StsBadArg, "nQuant!=_sSemicontCodebook->nQuant", name);
-}
-
 } // namespace
 
 int KTsTrainHMMBaumWelch(int hmm, const int* const* ppObservations, const int* pFrames, int nSequences,
@@ -321,7 +312,8 @@ int KTsTrainSemicontHMMBaumWelch(int hmm, const float* const* const* pppFrames, 
                                  int nSequences, int maxIterations, float* pTolerance) {
     const HMMServer* model = serverToTrain(hmm);
     if (model == nullptr || !hmm::evaluable(model, Semicontinuous::kind)) return -1;
-    compareBeforeTraining(model);
+    hmm::CodebookDisagreement(model).report(module,
+                                            "KTsTrainSemicontHMMBaumWelch"); // and the training goes on
     model = serverToTrain(hmm); // the handler of a report may have released it
     if (model == nullptr) return -1;
     Semicontinuous flavour;

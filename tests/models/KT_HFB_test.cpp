@@ -294,6 +294,25 @@ TEST_F(ForwardBackward, CodebookDisagreementsAreReportedAndPassedBy) {
         KTsFreeGaussMixServer(server);
 }
 
+TEST_F(ForwardBackward, AHandlerMayReleaseTheModel) {
+    GaussMixServer* density = makeMixture({{1.0}, {{0.0, 0.0}}, {{{1.0, 0.0}, {0.0, 1.0}}}});
+    ASSERT_EQ(KTsInitSemicontCodebook(&density, 1, 2, 0), 1);
+    static int id;
+    id = makeSemicontinuous({{{1.0}, {{1.0}}}, {{1.0}}}, 2);
+    KTsFreeSemicontCodebook();
+    KTsFreeGaussMixServer(density);
+    const KTErrorHandler before = KTRedirectError([](int, const char*, const char*, const char*, int) {
+        KTFreeHMMServer(id);
+        return 0;
+    });
+    double alphaBeta[2], scales[1];
+    const float output = 0.5f;
+    int exponent = -1;
+    EXPECT_LE(KTsEvalSemicontHMMForwardBackward(id, alphaBeta, scales, &output, 1, &exponent), 0.0);
+    KTRedirectError(before);
+    EXPECT_EQ(KTFindHMMServer(id), nullptr);
+}
+
 TEST_F(ForwardBackward, AllocatesNothing) {
     std::mt19937 random(8);
     const auto model = randomModel(random, 9, 4, Topology::triangular);
