@@ -1,6 +1,6 @@
 // Mahalanobis distances at 13 and 39 dimensions against plain double precision loops.
 #include "ktlp6.h"
-#include "levels.h"
+#include "levels/levels.h"
 #include "plain_distances.h"
 
 #include <benchmark/benchmark.h>

@@ -7,11 +7,11 @@ namespace platform {
 
 // ---- processor ----
 
-// Instruction sets for which the kernels are compiled, in ascending order.
-enum class ProcessorLevel { baseline, avx2, avx512 };
-
-// The highest level that this processor and its operating system support.
-ProcessorLevel processorLevel();
+// Whether this processor and its operating system support what a level of the kernels is compiled
+// for (kernels/levels/levels.list names the questions).
+bool anyProcessor();
+bool processorHasAvx2();
+bool processorHasAvx512();
 
 // ---- the thread's record ----
 //

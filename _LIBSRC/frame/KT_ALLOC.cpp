@@ -1,6 +1,6 @@
-#include "KT_ALLOC.h"
+#include "frame/KT_ALLOC.h"
 
-#include "KT_ERROR.h"
+#include "frame/KT_ERROR.h"
 
 #include <cstdint>
 #include <cstdio>

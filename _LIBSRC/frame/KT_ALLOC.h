@@ -1,9 +1,9 @@
 // Tables and aligned blocks. All of them are blocks of the general allocator, not cleared.
 #pragma once
 
-#include "KT_TYPES.h"
+#include "frame/types.h"
 
-#include "vsqmem.h"
+#include "context/vsqmem.h"
 
 // A table of nRows rows of nCols elements in one block: the row pointers, and behind them the rows, each of
 // which begins on a 32-byte boundary. The result is also the address to free. Row stride: nCols rounded up to

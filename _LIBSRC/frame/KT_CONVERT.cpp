@@ -1,6 +1,6 @@
-#include "KT_CONVERT.h"
+#include "frame/KT_CONVERT.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 // Conversions between the numeric flavours, beyond the exported ones of ktlp6.h.
 #pragma once
 
-#include "KT_TYPES.h"
+#include "frame/types.h"
 
 // The order of an array as KTsMaxOrder and KTwMaxOrder define it; 0 for n below 1.
 int KTdMaxOrder(const double* pSrc, int n);

@@ -1,4 +1,4 @@
-#include "KT_ERROR.h"
+#include "frame/KT_ERROR.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // Reports from inside the library.
 #pragma once
 
-#include "KT_CONTEXT.h"
+#include "frame/context.h"
 
 namespace ktl {
 

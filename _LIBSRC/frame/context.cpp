@@ -1,4 +1,4 @@
-#include "KT_CONTEXT.h"
+#include "frame/context.h"
 
 #include <new>
 

@@ -1,7 +1,7 @@
 // The per-thread record: everything that survives from one call to the next and is not the caller's.
 #pragma once
 
-#include "KT_TYPES.h"
+#include "frame/types.h"
 
 #include "platform.h"
 

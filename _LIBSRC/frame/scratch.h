@@ -2,7 +2,7 @@
 // every path.
 #pragma once
 
-#include "KT_ALLOC.h"
+#include "frame/KT_ALLOC.h"
 
 #include <concepts>
 #include <cstdint>

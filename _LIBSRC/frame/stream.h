@@ -1,8 +1,8 @@
 // Arrays on binary streams, as little-endian images whatever the machine.
 #pragma once
 
-#include "KT_SCRATCH.h"
-#include "KT_TYPES.h"
+#include "frame/scratch.h"
+#include "frame/types.h"
 
 #include <algorithm>
 #include <bit>

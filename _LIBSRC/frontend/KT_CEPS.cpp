@@ -2,9 +2,9 @@
 //
 // The road: spectrum, floor, logarithm, mel filters, orthonormal DCT-II; floor and logarithm come before or
 // after the filters. The fixed-point flavour converts to float, goes the same road and converts back.
-#include "KT_ERROR.h"
-#include "KT_MEL.h"
-#include "KT_SCRATCH.h"
+#include "frame/KT_ERROR.h"
+#include "frontend/mel.h"
+#include "frame/scratch.h"
 #include "vsq.h"
 
 #include <algorithm>

@@ -1,11 +1,11 @@
 // Linear prediction: the autocorrelation method by Durbin's recursion and the covariance method by an LDL
 // decomposition.
-#include "KT_LPRED.h"
+#include "frontend/KT_LPRED.h"
 
-#include "KT_ERROR.h"
-#include "KT_SCRATCH.h"
+#include "frame/KT_ERROR.h"
+#include "frame/scratch.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 #include "vsq.h"
 
 #include <algorithm>

@@ -1,11 +1,11 @@
 // The spectrum gain / |A(w)| of the all-pole model, A(z) = 1 - sum a[i] z^(-i), by direct evaluation where
 // few coefficients meet a short spectrum and by a zero-padded real FFT of twice the length elsewhere.
-#include "KT_LPSPE.h"
+#include "frontend/KT_LPSPE.h"
 
-#include "KT_ERROR.h"
-#include "KT_SCRATCH.h"
+#include "frame/KT_ERROR.h"
+#include "frame/scratch.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 #include "vsq.h"
 
 #include <algorithm>

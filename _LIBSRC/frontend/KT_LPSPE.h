@@ -1,7 +1,7 @@
 // Twiddle tables of the LP spectrum's direct method.
 #pragma once
 
-#include "KT_TYPES.h"
+#include "frame/types.h"
 
 // Cosines and negated sines for `limit` coefficients at N frequencies, N a power of two, in the layout of the
 // kernel layer's vsqlpc_level.h; 16-bit values are truncated products with 2^14. The result is a block to

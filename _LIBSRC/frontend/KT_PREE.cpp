@@ -1,9 +1,9 @@
 // Pre-emphasis, y[i] = x[i] - alpha * x[i-1], in place and block by block: no state crosses from one call to
 // the next.
-#include "KT_ERROR.h"
-#include "KT_SCRATCH.h"
+#include "frame/KT_ERROR.h"
+#include "frame/scratch.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -6,11 +6,11 @@
 //
 // S. B. Davis, P. Mermelstein: Comparison of Parametric Representations for Monosyllabic Word Recognition in
 // Continuously Spoken Sentences. IEEE Transactions on Acoustics, Speech, and Signal Processing 28(4), 1980.
-#include "KT_MEL.h"
+#include "frontend/mel.h"
 
-#include "KT_ERROR.h"
-#include "KT_SCRATCH.h"
-#include "levels.h"
+#include "frame/KT_ERROR.h"
+#include "frame/scratch.h"
+#include "levels/levels.h"
 
 #include <algorithm>
 #include <bit>

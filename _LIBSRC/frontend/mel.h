@@ -1,9 +1,9 @@
 // The record of a mel filter bank, as the design (KT_MEL) fills it and the cepstrum (KT_CEPS) uses it.
 #pragma once
 
-#include "KT_TYPES.h"
+#include "frame/types.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 // Float in both data flavours. Every array is an aligned block of its own, freed by KTsFreeMFCCFilters. A
 // spectrum has fftLen bins, of which a caller gives the first fftLen/2 + 1; the others mirror them.

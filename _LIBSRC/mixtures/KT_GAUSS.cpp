@@ -1,7 +1,7 @@
 // The mixture server: its block, initialisation, release, and the thread's work tables.
-#include "KT_GAUSSBLOCK.h"
+#include "mixtures/mixture_block.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <algorithm>
 #include <cmath>

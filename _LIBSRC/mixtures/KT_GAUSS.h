@@ -1,7 +1,7 @@
 // Gaussian mixture servers, as the semicontinuous codebook and the HMM modules use them.
 #pragma once
 
-#include "KT_TYPES.h"
+#include "frame/types.h"
 
 #include <cstddef>
 

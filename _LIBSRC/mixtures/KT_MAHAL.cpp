@@ -1,8 +1,8 @@
 // Mahalanobis distances: a difference of two vectors, weighted by an inverse covariance. No state, no
 // allocation.
-#include "KT_TYPES.h"
+#include "frame/types.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <cmath>
 

@@ -11,10 +11,10 @@
 // Files hold the same with pointers of 32 bits; nBytes is the size of that image, on every build.
 #pragma once
 
-#include "KT_ERROR.h"
-#include "KT_GAUSS.h"
+#include "frame/KT_ERROR.h"
+#include "mixtures/KT_GAUSS.h"
 
-#include "scaledproduct.h"
+#include "vectors/scaledproduct.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -3,9 +3,9 @@
 // Fixed point: an element is a 16-bit integer, its real value stored * 2^scale, with one scale each for
 // weights, means and covariance elements. Going down truncates toward zero and saturates at 32767 and -32767,
 // so that a negated element can't overflow. Nothing wraps.
-#include "KT_CONVERT.h"
-#include "KT_GAUSSBLOCK.h"
-#include "KT_SCRATCH.h"
+#include "frame/KT_CONVERT.h"
+#include "mixtures/mixture_block.h"
+#include "frame/scratch.h"
 
 #include <algorithm>
 #include <cmath>

@@ -4,9 +4,9 @@
 // full one is summed in double and truncated to 32 bits. The shift of the form wraps. Exponentials have 30
 // fractional bits and saturate; their weighted sum is exact in 64 bits, and scaleMode says which 32 of them
 // come back.
-#include "KT_GAUSSBLOCK.h"
+#include "mixtures/mixture_block.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <algorithm>
 

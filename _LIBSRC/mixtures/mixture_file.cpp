@@ -1,7 +1,7 @@
 // Mixture servers on streams: the tag "GAUS", the record of twelve words, and the block's data, all as a
 // 32-bit little-endian image. Memory is never copied whole: pointers have another width here.
-#include "KT_GAUSSBLOCK.h"
-#include "KT_STREAM.h"
+#include "mixtures/mixture_block.h"
+#include "frame/stream.h"
 
 #include <array>
 

@@ -1,5 +1,5 @@
 // The fixed exponential and the 64-bit dot product of the fixed mixtures.
-#include "KT_GAUSS.h"
+#include "mixtures/KT_GAUSS.h"
 
 #include <algorithm>
 #include <array>

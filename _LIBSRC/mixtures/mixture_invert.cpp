@@ -1,7 +1,7 @@
 // Covariances into inverse covariances, and back.
-#include "KT_GAUSSBLOCK.h"
+#include "mixtures/mixture_block.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <algorithm>
 #include <cfloat>

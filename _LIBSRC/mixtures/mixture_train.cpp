@@ -1,9 +1,9 @@
 // One Gaussian from data: built in one pass, or an estimate merged with a further batch. The matrices are
 // covariances.
-#include "KT_GAUSSBLOCK.h"
-#include "KT_SCRATCH.h"
+#include "mixtures/mixture_block.h"
+#include "frame/scratch.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <algorithm>
 

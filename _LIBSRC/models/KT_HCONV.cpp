@@ -7,10 +7,10 @@
 // integer. Weights of densities keep the low 16 bits of the same words, which turns the sign of pinned ones.
 // Going up: an integer from 0x7FFF on is the largest float, from -0x7FFF down its negative, all others are
 // multiplied by 2^(-scale) in float.
-#include "KT_CONVERT.h"
-#include "KT_ERROR.h"
-#include "KT_GAUSS.h"
-#include "KT_HLAYOUT.h"
+#include "frame/KT_CONVERT.h"
+#include "frame/KT_ERROR.h"
+#include "mixtures/KT_GAUSS.h"
+#include "models/layout.h"
 
 #include "vsq.h"
 

@@ -1,7 +1,7 @@
 // Total likelihood of an observation sequence under a model or the best of a class, as a cost (-log10 P): the
 // forward recursion in double precision, kept in range by exact powers of two whose exponents are counted. L.
 // R. Rabiner, A Tutorial on Hidden Markov Models and Selected Applications in Speech Recognition, 1989.
-#include "KT_HOUTPUT.h"
+#include "models/outputs.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,7 +1,7 @@
 // Takes over a model's parameters from the caller's row tables: finds the topology of the transition matrix
 // and stores everything in the layouts that the evaluation loops walk.
-#include "KT_ERROR.h"
-#include "KT_HLAYOUT.h"
+#include "frame/KT_ERROR.h"
+#include "models/layout.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,8 +1,8 @@
 // Makes, copies and releases models.
-#include "KT_ERROR.h"
-#include "KT_GAUSS.h"
-#include "KT_HLAYOUT.h"
-#include "KT_SEMICONT.h"
+#include "frame/KT_ERROR.h"
+#include "mixtures/KT_GAUSS.h"
+#include "models/layout.h"
+#include "quantisers/density_codebook.h"
 
 #include <cstdlib>
 #include <cstring>

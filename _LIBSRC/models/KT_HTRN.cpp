@@ -1,9 +1,9 @@
 // Baum-Welch training of the three flavours: how each scores its frames and re-estimates its outputs.
-#include "KT_HTRN.h"
+#include "models/training.h"
 
-#include "KT_HEVAL.h"
-#include "KT_HFLAT.h"
-#include "KT_HOUTPUT.h"
+#include "models/evaluation.h"
+#include "models/flat_mixtures.h"
+#include "models/outputs.h"
 
 #include "vsq.h"
 

@@ -2,8 +2,8 @@
 // costs, -log10 of probabilities, in float and in fixed point. One text serves the flavours, topologies and
 // numeric forms. A. J. Viterbi, Error Bounds for Convolutional Codes and an Asymptotically Optimum Decoding
 // Algorithm, 1967.
-#include "KT_HLOG.h"
-#include "KT_HOUTPUT.h"
+#include "models/log10_fixed.h"
+#include "models/outputs.h"
 
 #include "vsq.h"
 

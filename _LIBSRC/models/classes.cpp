@@ -1,8 +1,8 @@
 // Classes: ordered sets of models, kept in chunks of up to 64 members so that very many can join in any order
 // at the cost of short moves. A cursor in the record walks the members and stays on its member while others
 // come and go.
-#include "KT_ERROR.h"
-#include "KT_HMM.h"
+#include "frame/KT_ERROR.h"
+#include "models/model.h"
 
 #include <cstdlib>
 #include <cstring>

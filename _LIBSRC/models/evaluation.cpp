@@ -1,4 +1,4 @@
-#include "KT_HEVAL.h"
+#include "models/evaluation.h"
 
 #include "vsq.h"
 

@@ -3,13 +3,13 @@
 // recursions take.
 #pragma once
 
-#include "KT_ERROR.h"
-#include "KT_GAUSS.h"
-#include "KT_HLAYOUT.h"
-#include "KT_SCRATCH.h"
-#include "KT_SEMICONT.h"
+#include "frame/KT_ERROR.h"
+#include "mixtures/KT_GAUSS.h"
+#include "models/layout.h"
+#include "frame/scratch.h"
+#include "quantisers/density_codebook.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <cstring>
 

@@ -1,7 +1,7 @@
-#include "KT_HFLAT.h"
+#include "models/flat_mixtures.h"
 
-#include "KT_GAUSS.h"
-#include "KT_HLAYOUT.h"
+#include "mixtures/KT_GAUSS.h"
+#include "models/layout.h"
 
 #include <algorithm>
 #include <cstdlib>

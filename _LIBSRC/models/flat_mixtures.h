@@ -2,7 +2,7 @@
 // codebook, so that one evaluation scores a frame against all of them.
 #pragma once
 
-#include "KT_SEMICONT.h"
+#include "quantisers/density_codebook.h"
 
 struct FlatMixtures {
     SemicontCodebook codebook; // `nSymbols` densities of length `nQuant`; the status is that of a float

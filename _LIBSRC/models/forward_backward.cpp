@@ -1,6 +1,6 @@
-#include "KT_HFB.h"
+#include "models/forward_backward.h"
 
-#include "KT_HEVAL.h"
+#include "models/evaluation.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 // Tutorial on Hidden Markov Models and Selected Applications in Speech Recognition, 1989.
 #pragma once
 
-#include "KT_HMM.h"
+#include "models/model.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 // With N states and T frames: pAlphaBeta takes T rows of N forward values and behind them T rows of N
 // backward values; pScales takes the T factors, each applied to its frame's forward values and to the

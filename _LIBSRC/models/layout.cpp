@@ -1,4 +1,4 @@
-#include "KT_HLAYOUT.h"
+#include "models/layout.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -6,7 +6,7 @@
 // given here.
 #pragma once
 
-#include "KT_HMM.h"
+#include "models/model.h"
 
 #include <cstddef>
 #include <cstdint>

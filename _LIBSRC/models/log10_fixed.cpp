@@ -1,6 +1,6 @@
-#include "KT_HLOG.h"
+#include "models/log10_fixed.h"
 
-#include "KT_HMM.h"
+#include "models/model.h"
 
 #include <array>
 #include <bit>

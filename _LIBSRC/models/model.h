@@ -1,7 +1,7 @@
 // The record of a hidden Markov model, the thread's registry of them, and their classes.
 #pragma once
 
-#include "KT_CONTEXT.h"
+#include "frame/context.h"
 
 #include <cstddef>
 #include <cstdlib>

@@ -2,11 +2,11 @@
 // all as a 32-bit little-endian image. What a file says is a claim until it is read: counts are checked
 // before anything is computed from them, and arrays are read in pieces that grow with what the stream really
 // holds.
-#include "KT_ERROR.h"
-#include "KT_GAUSS.h"
-#include "KT_HLAYOUT.h"
-#include "KT_SCRATCH.h"
-#include "KT_STREAM.h"
+#include "frame/KT_ERROR.h"
+#include "mixtures/KT_GAUSS.h"
+#include "models/layout.h"
+#include "frame/scratch.h"
+#include "frame/stream.h"
 
 #include <array>
 

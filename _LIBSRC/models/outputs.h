@@ -3,8 +3,8 @@
 // readable up to a kernel's stride.
 #pragma once
 
-#include "KT_HEVAL.h"
-#include "KT_MATVEC.h"
+#include "models/evaluation.h"
+#include "frame/row_products.h"
 
 #include <array>
 

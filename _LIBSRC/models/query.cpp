@@ -3,7 +3,7 @@
 //
 // Fixed point: stored values have 32 bits, the caller's 16; what does not fit is pinned to 0x7FFF and
 // -0x7FFF, so that the stored zero probability comes back as the input value for it. Nothing wraps.
-#include "KT_HLAYOUT.h"
+#include "models/layout.h"
 
 #include <algorithm>
 

@@ -1,8 +1,8 @@
 // The thread's registry of models: a list sorted by id, and beside it a table by id, so that looking one up,
 // registering under the lowest free id and releasing take constant time.
-#include "KT_HMM.h"
+#include "models/model.h"
 
-#include "KT_SEMICONT.h"
+#include "quantisers/density_codebook.h"
 
 #include <bit>
 #include <cstdint>

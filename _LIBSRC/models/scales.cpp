@@ -1,11 +1,11 @@
 // Measures the orders of a model's parts, by which a caller chooses the scales for its conversion to fixed
 // point.
-#include "KT_CONVERT.h"
-#include "KT_ERROR.h"
-#include "KT_GAUSS.h"
-#include "KT_HLAYOUT.h"
-#include "KT_SCRATCH.h"
-#include "KT_SEMICONT.h"
+#include "frame/KT_CONVERT.h"
+#include "frame/KT_ERROR.h"
+#include "mixtures/KT_GAUSS.h"
+#include "models/layout.h"
+#include "frame/scratch.h"
+#include "quantisers/density_codebook.h"
 
 #include <algorithm>
 #include <climits>

@@ -17,8 +17,8 @@
 //     proceed(next)                       before the next iteration; false when memory ran out
 #pragma once
 
-#include "KT_HEVAL.h"
-#include "KT_HFB.h"
+#include "models/evaluation.h"
+#include "models/forward_backward.h"
 
 namespace hmm {
 

@@ -1,5 +1,5 @@
 // What training counts whatever the flavour of the outputs: occupancies and transitions.
-#include "KT_HTRN.h"
+#include "models/training.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,7 +1,7 @@
 // Servers and weights tables of multilayer perceptrons.
-#include "KT_PERC.h"
+#include "perceptrons/KT_PERC.h"
 
-#include "KT_SCRATCH.h"
+#include "frame/scratch.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,7 +1,7 @@
 // Multilayer perceptrons: the server's record and what the KT_PERC modules share.
 #pragma once
 
-#include "KT_ERROR.h"
+#include "frame/KT_ERROR.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,7 +1,7 @@
 // The activation functions of multilayer perceptrons and their derivatives.
-#include "KT_PERC.h"
+#include "perceptrons/KT_PERC.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <cmath>
 #include <cstdint>

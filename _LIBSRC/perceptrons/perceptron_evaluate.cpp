@@ -1,9 +1,9 @@
 // Feed-forward evaluation of multilayer perceptrons.
-#include "KT_PERC.h"
+#include "perceptrons/KT_PERC.h"
 
-#include "KT_MATVEC.h"
-#include "KT_SCRATCH.h"
-#include "levels.h"
+#include "frame/row_products.h"
+#include "frame/scratch.h"
+#include "levels/levels.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,9 +1,9 @@
 // Multilayer perceptrons on streams: the image of the record in a 32-bit build, the neuron counts and the
 // weight block with its padding, all little-endian. Pointers are written as 0 and not looked at.
-#include "KT_PERC.h"
+#include "perceptrons/KT_PERC.h"
 
-#include "KT_SCRATCH.h"
-#include "KT_STREAM.h"
+#include "frame/scratch.h"
+#include "frame/stream.h"
 
 #include <algorithm>
 #include <cstdio>

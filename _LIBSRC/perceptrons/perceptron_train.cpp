@@ -1,10 +1,10 @@
 // Back-propagation: online gradient descent with momentum (D. Rumelhart, G. Hinton, R. Williams, "Learning
 // representations by back-propagating errors", 1986). Weights change after every pattern, layer by layer from
 // the output down, and each layer's deltas come from the weights above as they have just been changed.
-#include "KT_PERC.h"
+#include "perceptrons/KT_PERC.h"
 
-#include "KT_SCRATCH.h"
-#include "levels.h"
+#include "frame/scratch.h"
+#include "levels/levels.h"
 
 #include <algorithm>
 #include <cmath>

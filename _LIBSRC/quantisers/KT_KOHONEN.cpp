@@ -4,9 +4,9 @@
 // result is scaled to its own size, exact sums rounded to float. The caller's array of 32-bit words holds
 // those floats until they are converted in place; it is read and written as words through the kernels, never
 // as both types at once.
-#include "KT_TYPES.h"
+#include "frame/types.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 #include "vsq.h"
 
 namespace {

@@ -3,10 +3,10 @@
 // Fixed flavour: distances are the kernels' integer norms (64-bit sums, the root truncated, saturated at
 // 0x7FFFFFFF), so close vectors tie, and ties go right. A centroid is the mean in double, truncated toward
 // zero; it never leaves the range of its members, so nothing saturates or wraps.
-#include "Kt_cdbk.h"
-#include "KT_ERROR.h"
-#include "Kt_cdbk_descent.h"
-#include "Kt_cdbk_points.h"
+#include "quantisers/Kt_cdbk.h"
+#include "frame/KT_ERROR.h"
+#include "quantisers/descent.h"
+#include "quantisers/points.h"
 #include "vsq.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // the exported functions.
 #pragma once
 
-#include "KT_TYPES.h"
+#include "frame/types.h"
 
 struct KTCluster {
     // The distance between the two farthest members: a double in the float flavour; in the fixed flavour the

@@ -1,13 +1,13 @@
 // The thread's two semicontinuous codebooks: made from labelled vectors or from given densities, copied,
 // released.
-#include "KT_SEMICONT.h"
+#include "quantisers/density_codebook.h"
 
-#include "KT_ERROR.h"
-#include "KT_GAUSS.h"
-#include "KT_HLAYOUT.h"
-#include "KT_SCRATCH.h"
+#include "frame/KT_ERROR.h"
+#include "mixtures/KT_GAUSS.h"
+#include "models/layout.h"
+#include "frame/scratch.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <algorithm>
 #include <cstdlib>

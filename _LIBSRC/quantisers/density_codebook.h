@@ -1,7 +1,7 @@
 // The codebook of densities that all semicontinuous models of a thread share, one for each numeric form.
 #pragma once
 
-#include "KT_CONTEXT.h"
+#include "frame/context.h"
 
 struct GaussMixServer;
 

@@ -1,6 +1,6 @@
-#include "Kt_cdbk_descent.h"
+#include "quantisers/descent.h"
 
-#include "Kt_cdbk_points.h"
+#include "quantisers/points.h"
 
 #include <algorithm>
 

@@ -2,7 +2,7 @@
 // do, or says where they have to.
 #pragma once
 
-#include "Kt_cdbk.h"
+#include "quantisers/Kt_cdbk.h"
 
 namespace ktl::codebook {
 

@@ -1,4 +1,4 @@
-#include "Kt_cdbk_points.h"
+#include "quantisers/points.h"
 
 #include <algorithm>
 #include <cmath>

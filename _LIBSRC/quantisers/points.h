@@ -3,9 +3,9 @@
 // the distance itself does.
 #pragma once
 
-#include "KT_SCRATCH.h"
+#include "frame/scratch.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 namespace ktl::codebook {
 

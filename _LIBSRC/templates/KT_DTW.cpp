@@ -4,11 +4,11 @@
 // The warping rule (each test frame one step, slopes between 1/2 and 2): F. Itakura, Minimum Prediction
 // Residual Principle Applied to Speech Recognition, IEEE Transactions on Acoustics, Speech and Signal
 // Processing, 1975.
-#include "KT_DTW.h"
+#include "templates/KT_DTW.h"
 
-#include "KT_SCRATCH.h"
+#include "frame/scratch.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <cfloat>
 #include <cmath>

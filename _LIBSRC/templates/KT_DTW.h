@@ -2,8 +2,8 @@
 // each other.
 #pragma once
 
-#include "KT_CONTEXT.h"
-#include "KT_ERROR.h"
+#include "frame/context.h"
+#include "frame/KT_ERROR.h"
 
 // Records belong to their store, with all that they point to. The list is in the order of creation.
 struct sPattern {

@@ -1,8 +1,8 @@
 // Pattern records in streams: 32-bit little-endian words whatever the processor, floats by their bits, rows
 // without padding. A fixed-point record holds the pattern twice, so that nothing is computed when it is read.
-#include "KT_DTW.h"
+#include "templates/KT_DTW.h"
 
-#include "KT_STREAM.h"
+#include "frame/stream.h"
 
 namespace {
 

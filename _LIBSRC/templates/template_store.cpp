@@ -1,10 +1,10 @@
 // The pattern stores: creation, lookup, release. One text for both flavours over a description of each.
-#include "KT_DTW.h"
+#include "templates/KT_DTW.h"
 
-#include "KT_ALLOC.h"
-#include "KT_SCRATCH.h"
+#include "frame/KT_ALLOC.h"
+#include "frame/scratch.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "vsqcontext.h"
+#include "context/vsqcontext.h"
 
 #include <cstdlib>
 

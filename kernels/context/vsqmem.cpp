@@ -1,4 +1,4 @@
-#include "vsqmem.h"
+#include "context/vsqmem.h"
 
 #include <cstdint>
 #include <cstdlib>

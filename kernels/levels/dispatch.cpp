@@ -1,7 +1,7 @@
-#include "levels.h"
+// The choice of the instruction-set level: the best that the processor has, made once, when the
+// module is loaded.
+#include "levels/levels.h"
 #include "platform.h"
-
-#include <initializer_list>
 
 namespace vsq {
 namespace {
@@ -35,18 +35,19 @@ namespace {
     }
 // clang-format on
 
-constinit const LevelTable baselineTable = VSQ_LEVEL_TABLE(baseline);
-#ifdef VSQ_HAS_X86_LEVELS
-constinit const LevelTable avx2Table = VSQ_LEVEL_TABLE(avx2);
-constinit const LevelTable avx512Table = VSQ_LEVEL_TABLE(avx512);
-#endif
+// A level as the dispatcher knows it: whether this processor has it, and its kernels.
+struct LevelEntry {
+    const char* name;
+    bool (*isChosen)();
+    LevelTable table;
+};
 
-const LevelTable* tableOf(Level level) {
-#ifdef VSQ_HAS_X86_LEVELS
-    if (level == Level::avx2) return &avx2Table;
-    if (level == Level::avx512) return &avx512Table;
-#endif
-    return level == Level::baseline ? &baselineTable : nullptr;
+#define VSQ_LEVEL_ENTRY(level, chosenIf) {#level, platform::chosenIf, VSQ_LEVEL_TABLE(level)},
+constinit const LevelEntry entries[] = {VSQ_EVERY_LEVEL(VSQ_LEVEL_ENTRY)};
+#undef VSQ_LEVEL_ENTRY
+
+const LevelEntry& entryOf(Level level) {
+    return entries[static_cast<int>(level)];
 }
 
 // Runs when the module is loaded; until then, and for static objects that run earlier, the baseline is in force.
@@ -56,39 +57,33 @@ struct ChooseAtLoad {
 
 } // namespace
 
-constinit const LevelTable* activeTable = &baselineTable;
+constinit const LevelTable* activeTable = &entries[0].table;
 
 bool levelAvailable(Level level) {
-    return tableOf(level) != nullptr &&
-           static_cast<int>(level) <= static_cast<int>(platform::processorLevel());
+    return entryOf(level).isChosen();
 }
 
 bool selectLevel(Level level) {
     if (!levelAvailable(level)) return false;
-    activeTable = tableOf(level);
+    activeTable = &entryOf(level).table;
     return true;
 }
 
 Level bestLevel() {
-    if (levelAvailable(Level::avx512)) return Level::avx512;
-    return levelAvailable(Level::avx2) ? Level::avx2 : Level::baseline;
+    Level best = Level::baseline;
+    for (Level level : everyLevel)
+        if (levelAvailable(level)) best = level;
+    return best;
 }
 
 Level activeLevel() {
-    for (Level level : {Level::avx512, Level::avx2})
-        if (activeTable == tableOf(level)) return level;
+    for (Level level : everyLevel)
+        if (activeTable == &entryOf(level).table) return level;
     return Level::baseline;
 }
 
 const char* levelName(Level level) {
-    switch (level) {
-    case Level::avx512:
-        return "avx512";
-    case Level::avx2:
-        return "avx2";
-    default:
-        return "baseline";
-    }
+    return entryOf(level).name;
 }
 
 } // namespace vsq

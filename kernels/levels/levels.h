@@ -1,39 +1,47 @@
 // One table of kernels per instruction-set level, and the choice of the level.
 //
-// A module M keeps its inner loops in vsqM_level.cpp, which is compiled once per level into the namespaces
-// vsq::baseline, vsq::avx2 and vsq::avx512, and lists them in a record of function pointers in vsqM_level.h. Here
-// those records come together. Callers write `vsq::kernels().arith->zero(dst, n)`.
+// A module M keeps its inner loops in vsqM_level.cpp, which is compiled once per level of
+// levels.list, each time into a namespace of the level's name (vsq::baseline, ...), and lists them
+// in a record of function pointers in vsqM_level.h. Here those records come together. Callers
+// write `vsq::kernels().arith->zero(dst, n)`.
 //
 // Kernels reached through these tables check nothing: n may be 0, pointers are the caller's affair, and no pointer
 // needs any alignment beyond that of its element unless the record says so.
 #pragma once
 
-#include "vsqarith_level.h"
-#include "vsqcorr_level.h"
-#include "vsqcvrts_level.h"
-#include "vsqdct_level.h"
-#include "vsqdotp_level.h"
-#include "vsqdotpw_level.h"
-#include "vsqdtw_level.h"
-#include "vsqffts_level.h"
-#include "vsqgauss_level.h"
-#include "vsqhmm_level.h"
-#include "vsqhmmtrain_level.h"
-#include "vsqkohonen_level.h"
-#include "vsqlnexp_level.h"
-#include "vsqlpc_level.h"
-#include "vsqmahal_level.h"
-#include "vsqmatvec_level.h"
-#include "vsqmel_level.h"
-#include "vsqmisc_level.h"
-#include "vsqmlp_level.h"
-#include "vsqnorm_level.h"
-#include "vsqpree_level.h"
-#include "vsqtree_level.h"
+#include "vectors/vsqarith_level.h"
+#include "vectors/vsqcorr_level.h"
+#include "vectors/vsqcvrts_level.h"
+#include "transforms/vsqdct_level.h"
+#include "vectors/vsqdotp_level.h"
+#include "vectors/vsqdotpw_level.h"
+#include "recognition/vsqdtw_level.h"
+#include "transforms/vsqffts_level.h"
+#include "recognition/vsqgauss_level.h"
+#include "recognition/vsqhmm_level.h"
+#include "recognition/vsqhmmtrain_level.h"
+#include "recognition/vsqkohonen_level.h"
+#include "vectors/vsqlnexp_level.h"
+#include "recognition/vsqlpc_level.h"
+#include "recognition/vsqmahal_level.h"
+#include "recognition/vsqmatvec_level.h"
+#include "recognition/vsqmel_level.h"
+#include "vectors/vsqmisc_level.h"
+#include "recognition/vsqmlp_level.h"
+#include "vectors/vsqnorm_level.h"
+#include "recognition/vsqpree_level.h"
+#include "recognition/vsqtree_level.h"
 
 namespace vsq {
 
-enum class Level { baseline, avx2, avx512 };
+// In ascending order; the first is the one that every processor has.
+#define VSQ_LEVEL_NAME(level, chosenIf) level,
+enum class Level { VSQ_EVERY_LEVEL(VSQ_LEVEL_NAME) };
+#undef VSQ_LEVEL_NAME
+
+#define VSQ_LEVEL_VALUE(level, chosenIf) Level::level,
+inline constexpr Level everyLevel[] = {VSQ_EVERY_LEVEL(VSQ_LEVEL_VALUE)};
+#undef VSQ_LEVEL_VALUE
 
 struct LevelTable {
     const ArithKernels* arith;

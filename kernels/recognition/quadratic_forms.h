@@ -5,7 +5,7 @@
 // conversions, and processors that split wide registers take a conversion of 8 floats for more than two of 4.
 #pragma once
 
-#include "simd.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

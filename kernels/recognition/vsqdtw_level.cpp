@@ -1,5 +1,5 @@
-#include "vsqdtw_level.h"
-#include "simd.h"
+#include "recognition/vsqdtw_level.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

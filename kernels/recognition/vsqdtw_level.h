@@ -2,7 +2,7 @@
 // pattern frames (columns).
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

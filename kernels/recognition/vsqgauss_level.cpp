@@ -1,8 +1,8 @@
-#include "vsqgauss_level.h"
-#include "dot_product.h"
-#include "exponential.h"
-#include "quadratic_forms.h"
-#include "scaledproduct.h"
+#include "recognition/vsqgauss_level.h"
+#include "vectors/dot_product.h"
+#include "vectors/exponential.h"
+#include "recognition/quadratic_forms.h"
+#include "vectors/scaledproduct.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

@@ -2,7 +2,7 @@
 // rounded up to a multiple of 4; what stands behind the n does not count.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

@@ -1,6 +1,6 @@
-#include "vsqhmm_level.h"
-#include "simd.h"
-#include "vsqhmm_range.h"
+#include "recognition/vsqhmm_level.h"
+#include "simd/pack.h"
+#include "recognition/vsqhmm_range.h"
 
 #include <cstddef>
 

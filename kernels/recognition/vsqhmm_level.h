@@ -3,7 +3,7 @@
 // feeds it the output values of the states in runs of frames.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

@@ -1,6 +1,6 @@
-#include "vsqhmmtrain_level.h"
-#include "simd.h"
-#include "vsqhmm_range.h"
+#include "recognition/vsqhmmtrain_level.h"
+#include "simd/pack.h"
+#include "recognition/vsqhmm_range.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

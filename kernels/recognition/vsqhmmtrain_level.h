@@ -3,8 +3,8 @@
 // sum over states or frames has one fixed order.
 #pragma once
 
-#include "levelrecord.h"
-#include "vsqhmm_level.h"
+#include "levels/levelrecord.h"
+#include "recognition/vsqhmm_level.h"
 
 #include <cstddef>
 

@@ -1,5 +1,5 @@
-#include "vsqkohonen_level.h"
-#include "simd.h"
+#include "recognition/vsqkohonen_level.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

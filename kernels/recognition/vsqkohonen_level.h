@@ -3,7 +3,7 @@
 // bytes where floats stand in them, so that a caller's array of int may hold either.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

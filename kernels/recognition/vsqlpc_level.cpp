@@ -1,5 +1,5 @@
-#include "vsqlpc_level.h"
-#include "simd.h"
+#include "recognition/vsqlpc_level.h"
+#include "simd/pack.h"
 
 #include <cstddef>
 

@@ -2,7 +2,7 @@
 // i)|^2, at n equally spaced frequencies from 0 up to but not including the Nyquist frequency.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

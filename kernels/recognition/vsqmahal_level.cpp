@@ -1,5 +1,5 @@
-#include "vsqmahal_level.h"
-#include "quadratic_forms.h"
+#include "recognition/vsqmahal_level.h"
+#include "recognition/quadratic_forms.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

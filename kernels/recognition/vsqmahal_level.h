@@ -3,7 +3,7 @@
 // of fixed order; fixed-point data is exact as long as the form stays below 2^53. 0 for n below 1.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 #include <cstddef>
 

@@ -1,5 +1,5 @@
-#include "vsqmatvec_level.h"
-#include "simd_shuffle.h"
+#include "recognition/vsqmatvec_level.h"
+#include "simd/shuffle.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

@@ -1,7 +1,7 @@
 // Rows times a vector: the layers of a perceptron, the weights of semicontinuous models.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

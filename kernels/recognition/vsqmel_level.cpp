@@ -1,5 +1,5 @@
-#include "vsqmel_level.h"
-#include "simd.h"
+#include "recognition/vsqmel_level.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

@@ -1,7 +1,7 @@
 // Mel filtering: each output is a weighted sum over a short run of neighbouring spectrum bins.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

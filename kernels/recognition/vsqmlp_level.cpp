@@ -1,6 +1,6 @@
-#include "vsqmlp_level.h"
-#include "simd.h"
-#include "vsqmlp_table.h"
+#include "recognition/vsqmlp_level.h"
+#include "simd/pack.h"
+#include "recognition/vsqmlp_table.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

@@ -1,5 +1,5 @@
-#include "vsqpree_level.h"
-#include "simd.h"
+#include "recognition/vsqpree_level.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

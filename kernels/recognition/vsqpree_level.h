@@ -2,7 +2,7 @@
 // previous element. n may be anything; nothing is written for n below 2.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

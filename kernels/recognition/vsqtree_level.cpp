@@ -1,5 +1,5 @@
-#include "vsqtree_level.h"
-#include "simd.h"
+#include "recognition/vsqtree_level.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

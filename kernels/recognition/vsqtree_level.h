@@ -6,7 +6,7 @@
 // every decision is the one of the distances, whatever the order of summation here.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

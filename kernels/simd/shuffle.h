@@ -1,7 +1,7 @@
 // Lanes of one register, or of two, in any order; beside simd.h, for level sources that rearrange what they load.
 #pragma once
 
-#include "simd.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

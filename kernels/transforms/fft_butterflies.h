@@ -4,7 +4,7 @@
 // parts on both sides. V is a pack, or a plain float in the shortest transforms.
 #pragma once
 
-#include "simd_shuffle.h"
+#include "simd/shuffle.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

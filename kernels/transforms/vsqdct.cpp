@@ -1,6 +1,6 @@
-#include "levels.h"
-#include "vsqffts.h"
-#include "vsqmem.h"
+#include "levels/levels.h"
+#include "transforms/vsqffts.h"
+#include "context/vsqmem.h"
 
 #include <bit>
 #include <cmath>

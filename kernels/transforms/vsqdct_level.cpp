@@ -1,5 +1,5 @@
-#include "vsqdct_level.h"
-#include "simd.h"
+#include "transforms/vsqdct_level.h"
+#include "simd/pack.h"
 
 #include <cstddef>
 

@@ -1,7 +1,7 @@
 // The loops of the cosine transform.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

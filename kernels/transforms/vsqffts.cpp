@@ -1,6 +1,6 @@
-#include "vsqffts.h"
+#include "transforms/vsqffts.h"
 
-#include "levels.h"
+#include "levels/levels.h"
 
 namespace vsq {
 namespace {

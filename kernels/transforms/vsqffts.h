@@ -1,8 +1,8 @@
 // What the fixed-point transform and the cosine transform share with the float one.
 #pragma once
 
-#include "vsqcontext.h"
-#include "vsqtwd.h"
+#include "context/vsqcontext.h"
+#include "transforms/vsqtwd.h"
 
 namespace vsq {
 

@@ -20,8 +20,8 @@
 // with real and imaginary parts exchanged.
 //
 // Each element goes through the same arithmetic whatever the width of the registers.
-#include "vsqffts_level.h"
-#include "fft_butterflies.h"
+#include "transforms/vsqffts_level.h"
+#include "transforms/fft_butterflies.h"
 
 #include <cstddef>
 

@@ -1,9 +1,9 @@
 // The passes of the real transform.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
-#include "vsqtwd.h"
+#include "transforms/vsqtwd.h"
 
 namespace vsq {
 

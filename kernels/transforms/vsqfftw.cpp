@@ -1,5 +1,5 @@
-#include "levels.h"
-#include "vsqffts.h"
+#include "levels/levels.h"
+#include "transforms/vsqffts.h"
 
 #include <cmath>
 #include <cstdint>

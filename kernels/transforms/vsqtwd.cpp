@@ -1,7 +1,7 @@
-#include "vsqtwd.h"
+#include "transforms/vsqtwd.h"
 
-#include "vsqcontext.h"
-#include "vsqmem.h"
+#include "context/vsqcontext.h"
+#include "context/vsqmem.h"
 
 #include <cmath>
 #include <new>

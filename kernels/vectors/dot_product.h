@@ -1,7 +1,7 @@
 // The dot product of floats with double sums; for level sources.
 #pragma once
 
-#include "simd.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

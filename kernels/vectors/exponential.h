@@ -2,7 +2,7 @@
 // bits, and so do the straight path and the one for special arguments.
 #pragma once
 
-#include "simd.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

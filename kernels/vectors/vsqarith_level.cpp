@@ -1,5 +1,5 @@
-#include "vsqarith_level.h"
-#include "simd.h"
+#include "vectors/vsqarith_level.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

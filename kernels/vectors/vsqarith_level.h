@@ -1,7 +1,7 @@
 // Elementwise arithmetic and fills. All arrays have n elements; dst may be src.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

@@ -1,5 +1,5 @@
-#include "vsqcorr_level.h"
-#include "simd.h"
+#include "vectors/vsqcorr_level.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

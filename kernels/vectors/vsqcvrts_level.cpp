@@ -1,5 +1,5 @@
-#include "vsqcvrts_level.h"
-#include "simd.h"
+#include "vectors/vsqcvrts_level.h"
+#include "simd/pack.h"
 
 #include <cstddef>
 

@@ -1,7 +1,7 @@
 // Conversions between floating and integer arrays, and the range of an array. All arrays have n elements.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

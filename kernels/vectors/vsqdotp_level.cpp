@@ -1,5 +1,5 @@
-#include "vsqdotp_level.h"
-#include "dot_product.h"
+#include "vectors/vsqdotp_level.h"
+#include "vectors/dot_product.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

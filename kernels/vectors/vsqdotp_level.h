@@ -1,7 +1,7 @@
 // Inner products of floats.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

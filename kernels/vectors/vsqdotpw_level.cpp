@@ -1,5 +1,5 @@
-#include "vsqdotpw_level.h"
-#include "simd.h"
+#include "vectors/vsqdotpw_level.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

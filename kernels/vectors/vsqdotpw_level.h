@@ -1,7 +1,7 @@
 // Inner products of 16-bit values.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

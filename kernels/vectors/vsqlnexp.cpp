@@ -1,5 +1,5 @@
-#include "levels.h"
-#include "vsqcontext.h"
+#include "levels/levels.h"
+#include "context/vsqcontext.h"
 
 namespace {
 

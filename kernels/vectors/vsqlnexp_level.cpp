@@ -2,8 +2,8 @@
 // single steps would leave the processor waiting for each result. Special arguments leave the straight path:
 // a branch that is hardly ever taken costs less than selections in every step. Both paths give an element the
 // same bits.
-#include "vsqlnexp_level.h"
-#include "exponential.h"
+#include "vectors/vsqlnexp_level.h"
+#include "vectors/exponential.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

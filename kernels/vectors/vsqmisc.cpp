@@ -1,7 +1,7 @@
 // Roots, thresholds, reciprocals, magnitudes.
-#include "levels.h"
-#include "vsqcontext.h"
-#include "vsqfpu.h"
+#include "levels/levels.h"
+#include "context/vsqcontext.h"
+#include "context/vsqfpu.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
-#include "vsqmisc_level.h"
-#include "simd.h"
+#include "vectors/vsqmisc_level.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

@@ -2,7 +2,7 @@
 // (re, im); dst may be src.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 namespace vsq {
 

@@ -2,8 +2,8 @@
 //
 // Fixed norms. Accumulators are 64-bit integers and hold every sum exactly: 2^31 squares of 17-bit
 // differences stay below 2^63. Roots and quotients are truncated; nothing wraps; the 32-bit result saturates.
-#include "levels.h"
-#include "vsqcontext.h"
+#include "levels/levels.h"
+#include "context/vsqcontext.h"
 
 #include <cmath>
 

@@ -1,5 +1,5 @@
-#include "vsqnorm_level.h"
-#include "simd.h"
+#include "vectors/vsqnorm_level.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {

@@ -1,7 +1,7 @@
 // Sums under the norms. n is 1 or more; b may be null, and the values are then those of a instead of a - b.
 #pragma once
 
-#include "levelrecord.h"
+#include "levels/levelrecord.h"
 
 #include <cstdint>
 

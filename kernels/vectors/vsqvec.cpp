@@ -1,6 +1,6 @@
 // Fills and copies. Zero and copy are the C library's, which knows the processor as well as we do.
-#include "levels.h"
-#include "vsqcontext.h"
+#include "levels/levels.h"
+#include "context/vsqcontext.h"
 
 #include <cstring>
 

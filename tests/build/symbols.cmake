@@ -23,7 +23,7 @@ if(exported)
   message(SEND_ERROR "listed and not defined: ${exported}")
 endif()
 
-file(GLOB objects ${LEVELS}/vsq_*.dir/*_level.cpp.o)
+file(GLOB objects ${LEVELS}/vsq_*.dir/*/*_level.cpp.o)
 if(NOT objects)
   message(FATAL_ERROR "no level objects under ${LEVELS}")
 endif()

@@ -1,7 +1,7 @@
 #include "support/alloc_faults.h"
 #include "support/reports.h"
 
-#include "KT_ALLOC.h"
+#include "frame/KT_ALLOC.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Conversions, powers of two and orders, against references written with long double and plain loops.
-#include "KT_CONVERT.h"
+#include "frame/KT_CONVERT.h"
 #include "support/every_level.h"
 #include "support/guarded.h"
 

@@ -1,7 +1,7 @@
 #include "support/reports.h"
 #include "support/stderr_text.h"
 
-#include "KT_ERROR.h"
+#include "frame/KT_ERROR.h"
 
 #include <gtest/gtest.h>
 

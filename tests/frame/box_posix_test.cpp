@@ -1,7 +1,7 @@
 // The default handler where there is no window system: on a terminal, and where nobody can be asked.
 #include "support/stderr_text.h"
 
-#include "KT_ERROR.h"
+#include "frame/KT_ERROR.h"
 
 #include <gtest/gtest.h>
 

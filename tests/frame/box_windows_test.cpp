@@ -1,5 +1,5 @@
 // The default handler's message boxes, read and answered by a second thread, and the fatal exit behind them.
-#include "KT_ERROR.h"
+#include "frame/KT_ERROR.h"
 
 #include <gtest/gtest.h>
 

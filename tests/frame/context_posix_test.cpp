@@ -1,7 +1,7 @@
 #include "support/alloc_faults.h"
 #include "support/stderr_text.h"
 
-#include "KT_CONTEXT.h"
+#include "frame/context.h"
 
 #include <gtest/gtest.h>
 

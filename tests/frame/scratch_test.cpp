@@ -1,7 +1,7 @@
 #include "support/alloc_faults.h"
 #include "support/reports.h"
 
-#include "KT_SCRATCH.h"
+#include "frame/scratch.h"
 
 #include <gtest/gtest.h>
 

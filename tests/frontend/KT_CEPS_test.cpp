@@ -1,7 +1,7 @@
 // The cepstrum in both flavours against a plain computation in double, its rules about the caller's data,
 // failures, liftering, and the whole front end on recorded speech.
-#include "KT_CONTEXT.h"
-#include "KT_MEL.h"
+#include "frame/context.h"
+#include "frontend/mel.h"
 #include "ktlp6.h"
 #include "oracle/mel_reference.h"
 #include "support/alloc_faults.h"

@@ -1,7 +1,7 @@
 // Linear prediction against the normal equations solved in long double, and against the two methods'
 // definitions.
-#include "KT_CONTEXT.h"
-#include "KT_LPRED.h"
+#include "frame/context.h"
+#include "frontend/KT_LPRED.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/guarded.h"

@@ -1,5 +1,5 @@
 // The LP spectrum against its definition in long double, and in fixed point against the integer definition.
-#include "KT_CONTEXT.h"
+#include "frame/context.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/guarded.h"

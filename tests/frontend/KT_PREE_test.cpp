@@ -1,5 +1,5 @@
 // Pre-emphasis against the filter's definition, element by element from a copy of the samples.
-#include "KT_CONTEXT.h"
+#include "frame/context.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/guarded.h"

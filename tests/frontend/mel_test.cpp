@@ -1,6 +1,6 @@
 // The mel filter bank: its design against a plain one, the filtering, oddities, failures.
-#include "KT_CONTEXT.h"
-#include "KT_MEL.h"
+#include "frame/context.h"
+#include "frontend/mel.h"
 #include "ktlp6.h"
 #include "oracle/mel_reference.h"
 #include "support/alloc_faults.h"

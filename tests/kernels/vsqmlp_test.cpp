@@ -1,7 +1,7 @@
 // The inner loops of perceptrons, against one scalar loop after the other, and the table of the sigmoid.
 #include "support/every_level.h"
 #include "support/guarded.h"
-#include "vsqmlp_table.h"
+#include "recognition/vsqmlp_table.h"
 
 #include <gtest/gtest.h>
 

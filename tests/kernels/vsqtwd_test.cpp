@@ -1,4 +1,4 @@
-#include "vsqtwd.h"
+#include "transforms/vsqtwd.h"
 
 #include "support/alloc_faults.h"
 #include "support/guarded.h"

@@ -1,4 +1,4 @@
-#include "levels.h"
+#include "levels/levels.h"
 #include "mixtures/mixtures.h"
 #include "support/every_level.h"
 #include "support/reports.h"

@@ -1,4 +1,4 @@
-#include "KT_GAUSS.h"
+#include "mixtures/KT_GAUSS.h"
 #include "oracle/gauss_oracle.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "KT_CONTEXT.h"
+#include "frame/context.h"
 #include "mixtures/mixtures.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"

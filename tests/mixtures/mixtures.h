@@ -1,7 +1,7 @@
 // Mixtures as the tests hold them, and the calls that make servers of them.
 #pragma once
 
-#include "KT_GAUSS.h"
+#include "mixtures/KT_GAUSS.h"
 #include "oracle/gauss_oracle.h"
 
 #include <memory>

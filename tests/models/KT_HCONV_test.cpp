@@ -2,8 +2,8 @@
 #include "support/alloc_faults.h"
 #include "support/reports.h"
 
-#include "KT_HLAYOUT.h"
-#include "KT_SEMICONT.h"
+#include "models/layout.h"
+#include "quantisers/density_codebook.h"
 #include "vsq.h"
 
 #include <gtest/gtest.h>

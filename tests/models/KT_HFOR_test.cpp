@@ -1,4 +1,4 @@
-#include "KT_HEVAL.h"
+#include "models/evaluation.h"
 #include "models/codebooks.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"

@@ -1,5 +1,5 @@
-#include "KT_HLAYOUT.h"
-#include "KT_SEMICONT.h"
+#include "models/layout.h"
+#include "quantisers/density_codebook.h"
 #include "models/codebooks.h"
 #include "support/alloc_faults.h"
 #include "support/reports.h"

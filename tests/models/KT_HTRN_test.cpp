@@ -1,5 +1,5 @@
-#include "KT_HFLAT.h"
-#include "training.h"
+#include "models/flat_mixtures.h"
+#include "models/training.h"
 
 #include "support/alloc_faults.h"
 #include "support/every_level.h"

@@ -1,5 +1,5 @@
-#include "KT_HEVAL.h"
-#include "KT_HLOG.h"
+#include "models/evaluation.h"
+#include "models/log10_fixed.h"
 #include "models/codebooks.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"

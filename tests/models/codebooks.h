@@ -2,7 +2,7 @@
 // codebooks.
 #pragma once
 
-#include "KT_HEVAL.h"
+#include "models/evaluation.h"
 #include "mixtures/mixtures.h"
 #include "models/fixture.h"
 

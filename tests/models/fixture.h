@@ -1,7 +1,7 @@
 // What the tests of models begin and end with.
 #pragma once
 
-#include "KT_HMM.h"
+#include "models/model.h"
 #include "models/models.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-#include "KT_HFB.h"
-#include "training.h"
+#include "models/forward_backward.h"
+#include "models/training.h"
 
 #include "support/alloc_faults.h"
 #include "support/every_level.h"

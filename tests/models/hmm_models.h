@@ -2,7 +2,7 @@
 // has to store, written down order by order without any arithmetic on positions.
 #pragma once
 
-#include "KT_HMM.h"
+#include "models/model.h"
 #include "mixtures/mixtures.h"
 
 #include <cfloat>

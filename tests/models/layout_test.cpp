@@ -1,4 +1,4 @@
-#include "KT_HLAYOUT.h"
+#include "models/layout.h"
 #include "models/codebooks.h"
 #include "support/alloc_faults.h"
 #include "support/reports.h"

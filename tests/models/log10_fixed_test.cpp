@@ -1,4 +1,4 @@
-#include "KT_HLOG.h"
+#include "models/log10_fixed.h"
 #include "ktlp6.h"
 #include "support/guarded.h"
 

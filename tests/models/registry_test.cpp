@@ -1,4 +1,4 @@
-#include "KT_SEMICONT.h"
+#include "quantisers/density_codebook.h"
 #include "models/fixture.h"
 #include "support/alloc_faults.h"
 

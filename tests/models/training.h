@@ -1,8 +1,8 @@
 // Models as the training tests hold them, the servers made of them, and servers read back.
 #pragma once
 
-#include "KT_GAUSS.h"
-#include "KT_HLAYOUT.h"
+#include "mixtures/KT_GAUSS.h"
+#include "models/layout.h"
 #include "ktlp6.h"
 #include "oracle/baumwelch.h"
 

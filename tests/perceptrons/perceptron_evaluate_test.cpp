@@ -1,5 +1,5 @@
 // Feed-forward evaluation, and the sums under it.
-#include "KT_MATVEC.h"
+#include "frame/row_products.h"
 #include "perceptrons/perceptrons.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"

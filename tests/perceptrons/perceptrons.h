@@ -1,7 +1,7 @@
 // Networks as the tests hold them, the calls that make servers of them, and plain references.
 #pragma once
 
-#include "KT_PERC.h"
+#include "perceptrons/KT_PERC.h"
 
 #include <gtest/gtest.h>
 

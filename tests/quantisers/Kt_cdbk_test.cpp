@@ -1,5 +1,5 @@
-#include "Kt_cdbk.h"
-#include "Kt_cdbk_points.h"
+#include "quantisers/Kt_cdbk.h"
+#include "quantisers/points.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/guarded.h"

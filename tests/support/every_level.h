@@ -1,7 +1,7 @@
 // Runs a test's body once per instruction-set level that this machine has.
 #pragma once
 
-#include "levels.h"
+#include "levels/levels.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@ namespace support {
 
 template <class Body>
 void onEveryLevel(Body body) {
-    for (vsq::Level level : {vsq::Level::baseline, vsq::Level::avx2, vsq::Level::avx512}) {
+    for (vsq::Level level : vsq::everyLevel) {
         if (!vsq::selectLevel(level)) continue;
         SCOPED_TRACE(vsq::levelName(level));
         body();

@@ -1,7 +1,7 @@
 // Reads the refusals of the kernel layer, which would otherwise end the process without a text.
 #pragma once
 
-#include "vsqcontext.h"
+#include "context/vsqcontext.h"
 
 #include <gtest/gtest.h>
 

@@ -93,10 +93,9 @@ double expected(const Speech& pattern, const Speech& test, int flags, double thr
 TEST_F(Dtw, TenThousandRandomGridsEqualTheLiteralRecursion) {
     std::mt19937 generator(7);
     std::uniform_int_distribution<int> length(1, 40), dims(1, 5), margins(-6, 6), values(0, 3), bit(0, 1);
-    const vsq::Level levels[] = {vsq::Level::baseline, vsq::Level::avx2, vsq::Level::avx512};
     int admitted = 0, pruned = 0, survived = 0;
     for (int run = 0; run < 10000; ++run) {
-        if (!vsq::selectLevel(levels[run % 3])) continue;
+        if (!vsq::selectLevel(vsq::everyLevel[run % std::size(vsq::everyLevel)])) continue;
         const int dim = dims(generator);
         Speech test = randomSpeech(generator, length(generator), dim, values);
         // Half of the patterns are of a length that a path can reach.

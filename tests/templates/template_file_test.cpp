@@ -1,7 +1,7 @@
 #include "support/alloc_faults.h"
 #include "support/reports.h"
 
-#include "KT_DTW.h"
+#include "templates/KT_DTW.h"
 #include "ktlp6.h"
 
 #include <gtest/gtest.h>
