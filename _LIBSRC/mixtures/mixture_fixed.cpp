@@ -1,147 +1,14 @@
 // The fixed exponential and the 64-bit dot product of the fixed mixtures.
 #include "mixtures/KT_GAUSS.h"
+#include "mixtures/exponential_fixed_table.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cstdint>
 
 namespace {
 
-// --- tables ---
-//
-// Worked out by the compiler in 128 fractional bits from the series of e^x, so that every entry is the exact
-// floor or nearest integer of its rule.
-
-// A number from 0 to 2^32, little end first: four words of fraction and one of integer part.
-struct Precise {
-    static constexpr int words = 5;
-    std::array<std::uint32_t, words> word{};
-
-    constexpr std::uint32_t integer() const { return word[words - 1]; }
-    constexpr std::uint32_t fraction() const { return word[words - 2]; } // the first 32 fractional bits
-};
-
-constexpr Precise one() {
-    Precise value;
-    value.word[Precise::words - 1] = 1;
-    return value;
-}
-
-constexpr Precise sum(const Precise& a, const Precise& b) {
-    Precise result;
-    std::uint64_t carry = 0;
-    for (int i = 0; i < Precise::words; ++i) {
-        carry += std::uint64_t(a.word[std::size_t(i)]) + b.word[std::size_t(i)];
-        result.word[std::size_t(i)] = std::uint32_t(carry);
-        carry >>= 32;
-    }
-    return result;
-}
-
-constexpr Precise quotient(const Precise& a, std::uint32_t divisor) {
-    Precise result;
-    std::uint64_t rest = 0;
-    for (int i = Precise::words - 1; i >= 0; --i) {
-        rest = rest << 32 | a.word[std::size_t(i)];
-        result.word[std::size_t(i)] = std::uint32_t(rest / divisor);
-        rest %= divisor;
-    }
-    return result;
-}
-
-constexpr Precise product(const Precise& a, const Precise& b) {
-    std::array<std::uint32_t, 2 * Precise::words> full{};
-    for (std::size_t i = 0; i < Precise::words; ++i) {
-        std::uint64_t carry = 0;
-        for (std::size_t j = 0; j < Precise::words; ++j) {
-            carry += std::uint64_t(a.word[i]) * b.word[j] + full[i + j];
-            full[i + j] = std::uint32_t(carry);
-            carry >>= 32;
-        }
-        full[i + Precise::words] = std::uint32_t(carry);
-    }
-    Precise result;
-    for (std::size_t i = 0; i < Precise::words; ++i)
-        result.word[i] = full[i + Precise::words - 1];
-    return result;
-}
-
-// e^(1/divisor) by its series.
-constexpr Precise exponential(std::uint32_t divisor) {
-    Precise term = one(), total = one();
-    for (std::uint32_t k = 1; k < 40; ++k) {
-        term = quotient(term, divisor * k);
-        total = sum(total, term);
-    }
-    return total;
-}
-
-// 1/e: the same series with alternating signs, the two halves summed apart.
-constexpr Precise reciprocalOfE() {
-    Precise term = one(), even = one(), odd;
-    for (std::uint32_t k = 1; k < 40; ++k) {
-        term = quotient(term, k);
-        (k % 2 == 0 ? even : odd) = sum(k % 2 == 0 ? even : odd, term);
-    }
-    Precise complement; // -odd
-    for (std::size_t i = 0; i < Precise::words; ++i)
-        complement.word[i] = ~odd.word[i];
-    Precise unit;
-    unit.word[0] = 1;
-    return sum(even, sum(complement, unit));
-}
-
-constexpr int deepest = 22; // integer exponents below -22 give 0, above 21 saturate
-
-// floor(1024 * e^(i/1024))
-constexpr auto makeExpFrac() {
-    std::array<std::uint32_t, 1024> table{};
-    const Precise step = exponential(1024);
-    Precise value = one();
-    for (std::uint32_t& entry : table) {
-        entry = value.integer() << 10 | value.fraction() >> 22;
-        value = product(value, step);
-    }
-    return table;
-}
-
-// floor(e^n * 2^31) for n of -22 to -1 at [n + 23]. The entry before them, for all that lies below, is 0, and
-// so is the first, which makes everything below e^-21 vanish.
-constexpr auto makeExpNeg() {
-    std::array<std::uint32_t, deepest + 1> table{};
-    const Precise step = reciprocalOfE();
-    Precise value = one();
-    for (int i = deepest; i > 0; --i) {
-        value = product(value, step);
-        table[std::size_t(i)] = value.fraction() >> 1;
-    }
-    return table;
-}
-
-// e^n * 2^21, rounded to nearest, in two words: what lies above bit 21, and the low 21 bits.
-struct Halves {
-    std::uint32_t high;
-    std::uint32_t low;
-};
-constexpr auto makeExpPos() {
-    std::array<Halves, deepest> table{};
-    const Precise step = exponential(1);
-    Precise value = one();
-    for (Halves& entry : table) {
-        const std::uint64_t halfBit = std::uint64_t(value.integer()) << 22 | value.fraction() >> 10;
-        const std::uint64_t rounded = (halfBit + 1) >> 1;
-        entry = {std::uint32_t(rounded >> 21), std::uint32_t(rounded & 0x1FFFFF)};
-        value = product(value, step);
-    }
-    return table;
-}
-
-constexpr auto expFrac = makeExpFrac();
-constexpr auto expNeg = makeExpNeg();
-constexpr auto expPos = makeExpPos();
-static_assert(expFrac[0] == 1024 && expFrac[1023] == 2780 && expNeg[0] == 0 && expNeg[1] == 0 &&
-              expPos[0].high == 1 && expPos[0].low == 0);
+using namespace ktl::exponential_table;
 
 constexpr int largest = 0x7FFFFFFF;
 
@@ -156,9 +23,8 @@ int expBelowOne(int n, unsigned r, int nOutFracBits) {
 // of 21 and r below 499 it stays under 2^63.
 int expAboveOne(int n, unsigned r, int nOutFracBits) {
     if (n > 21 || (n == 21 && r >= 499)) return largest;
-    const Halves& whole = expPos[std::size_t(n)];
-    const std::uint64_t value =
-        std::uint64_t(expFrac[r]) * whole.low + (std::uint64_t(expFrac[r]) * whole.high << 21);
+    const std::uint64_t value = std::uint64_t(expFrac[r]) * expPosLow[n] +
+                                (std::uint64_t(expFrac[r]) * expPosHigh[n] << 21);
     const std::uint32_t limit = nOutFracBits < 31 ? std::uint32_t(largest) >> (nOutFracBits + 1) : 0;
     if (value >> 32 > limit) return largest;
     return int(std::uint32_t(value >> (31 - nOutFracBits)));

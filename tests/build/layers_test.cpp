@@ -1,13 +1,17 @@
-// The rules that keep the tree's layers apart, and the public header and the export list in step.
+// The rules that keep the tree's floors and rooms apart, sources readable, and the public header and
+// the export list in step.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <regex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -27,19 +31,26 @@ std::vector<std::string> linesOf(const fs::path& file) {
     return lines;
 }
 
-std::vector<fs::path> sourcesOf(const char* folder) {
+// Every source below a folder.
+std::vector<fs::path> sourcesOf(const fs::path& folder) {
     std::vector<fs::path> sources;
-    for (const fs::directory_entry& entry : fs::directory_iterator(root / folder))
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root / folder))
         if (entry.path().extension() == ".cpp" || entry.path().extension() == ".h")
             sources.push_back(entry.path());
-    EXPECT_FALSE(sources.empty());
+    EXPECT_FALSE(sources.empty()) << folder;
+    std::sort(sources.begin(), sources.end());
     return sources;
 }
 
+std::string relativeName(const fs::path& file) {
+    return fs::relative(file, root).generic_string();
+}
+
+// The headers below a folder as include lines name them: by their path from there.
 std::set<std::string> headersOf(const char* folder) {
     std::set<std::string> names;
     for (const fs::path& source : sourcesOf(folder))
-        if (source.extension() == ".h") names.insert(source.filename().string());
+        if (source.extension() == ".h") names.insert(fs::relative(source, root / folder).generic_string());
     return names;
 }
 
@@ -69,7 +80,7 @@ std::set<std::string> operator+(std::set<std::string> one, const std::set<std::s
 }
 
 // The C and C++ standard library; nothing else may stand in angle brackets outside platform/. <immintrin.h>
-// is the compiler's, for the kernels' vector wrapper alone.
+// is the compiler's, for the kernels alone.
 bool isStandard(const std::string& header) {
     static const std::set<std::string> cHeaders = {"stdio.h", "stddef.h", "stdint.h"};
     return header.find('.') == std::string::npos ? header.find('/') == std::string::npos
@@ -93,7 +104,7 @@ std::vector<std::string> exportedNames() {
     return names;
 }
 
-// The functions that the public header declares: the name in front of the first parenthesis behind KTL_API.
+// The functions that the public header declares: the name before the first parenthesis after KTL_API.
 std::set<std::string> declaredNames() {
     std::string text;
     for (const std::string& line : linesOf(root / "include" / "ktlp6.h"))
@@ -105,6 +116,111 @@ std::set<std::string> declaredNames() {
     return names;
 }
 
+// --- tables in the documents ---
+
+std::vector<std::string> cellsOf(const std::string& line) {
+    std::vector<std::string> cells;
+    std::string cell;
+    for (std::size_t i = 1; i < line.size(); ++i) {
+        if (line[i] != '|') {
+            if (line[i] != '`' && (line[i] != ' ' || !cell.empty())) cell += line[i];
+            continue;
+        }
+        while (!cell.empty() && cell.back() == ' ')
+            cell.pop_back();
+        cells.push_back(std::exchange(cell, ""));
+    }
+    return cells;
+}
+
+// The rows of the table in docs/architecture.md whose first heading is `heading`.
+std::vector<std::vector<std::string>> architectureTable(const std::string& heading) {
+    std::vector<std::vector<std::string>> rows;
+    bool inTable = false;
+    for (const std::string& line : linesOf(root / "docs" / "architecture.md")) {
+        const bool isRow = !line.empty() && line[0] == '|';
+        if (isRow && cellsOf(line).at(0) == heading) {
+            inTable = true;
+        } else if (!isRow) {
+            inTable = false;
+        } else if (inTable && line.find("---") == std::string::npos) {
+            rows.push_back(cellsOf(line));
+        }
+    }
+    EXPECT_FALSE(rows.empty()) << "no table of " << heading;
+    return rows;
+}
+
+std::set<std::string> namesIn(const std::string& cell) {
+    std::set<std::string> names;
+    static const std::regex word(R"([A-Za-z_./]+)");
+    for (std::sregex_iterator it(cell.begin(), cell.end(), word), end; it != end; ++it)
+        names.insert(it->str());
+    return names;
+}
+
+// Which families each family of the recognition layer may include.
+std::map<std::string, std::set<std::string>> familyGraph() {
+    std::map<std::string, std::set<std::string>> graph;
+    for (const auto& row : architectureTable("family")) {
+        graph[row.at(0)] = namesIn(row.at(1));
+        graph[row.at(0)].erase("none");
+    }
+    return graph;
+}
+
+// --- shapes of sources ---
+
+bool startsWith(const std::string& text, const char* start) {
+    return text.rfind(start, 0) == 0;
+}
+
+std::size_t indentation(const std::string& line) {
+    return line.find_first_not_of(' ');
+}
+
+// A block as clang-format prints it: from a line that opens it to the line of its closing brace.
+struct Block {
+    std::string opening;
+    std::size_t first, last;
+};
+
+// The functions of a source: blocks that open at file level or inside a record, with a list of parameters.
+std::vector<Block> functionsOf(const std::vector<std::string>& lines) {
+    static const std::regex other(
+        R"(^\s*(namespace|extern|struct|class|union|enum|if|else|for|while|do|switch|try|case|return|typedef|\}|//|#))");
+    std::vector<Block> functions;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        const std::string& line = lines[i];
+        if (line.empty() || line.back() != '{' || line.size() < 2) continue;
+        // The head of a function may run over several lines: look back to the line that begins it.
+        std::size_t head = i;
+        while (head > 0 && indentation(lines[head]) > 4 && !lines[head - 1].empty() &&
+               lines[head - 1].find_first_of(";{}") == std::string::npos)
+            --head;
+        const std::size_t indent = indentation(lines[head]);
+        if (indent > 4 || std::regex_search(lines[head], other) ||
+            lines[head].find('(') == std::string::npos || lines[head].find(" = ") != std::string::npos)
+            continue;
+        std::size_t last = i + 1;
+        const std::string closing = std::string(indent, ' ') + "}";
+        while (last < lines.size() && !startsWith(lines[last], closing.c_str()))
+            ++last;
+        functions.push_back({lines[head], i, last});
+        i = last;
+    }
+    return functions;
+}
+
+std::set<std::string> allowedLong() {
+    std::set<std::string> names;
+    for (const auto& row : architectureTable("long on purpose"))
+        names.insert(row.at(0));
+    return names;
+}
+
+const char* const libraryFolders[] = {"_LIBSRC", "kernels", "platform", "include"};
+
 } // namespace
 
 TEST(Layers, PlatformIncludesNothingOfTheOthers) {
@@ -112,8 +228,8 @@ TEST(Layers, PlatformIncludesNothingOfTheOthers) {
 }
 
 TEST(Layers, KernelsIncludeTheirOwnHeadersAndPlatform) {
-    expectQuotedWithin("kernels",
-                       headersOf("kernels") + headersOf("platform") + std::set<std::string>{"vsq.h"});
+    expectQuotedWithin("kernels", headersOf("kernels") + headersOf("platform") +
+                                      std::set<std::string>{"vsq.h", "levels_list.h"});
 }
 
 TEST(Layers, TheRecognitionLayerIncludesItsOwnHeadersAndTheLayersBelow) {
@@ -127,8 +243,67 @@ TEST(Layers, PublicHeadersIncludeNoneOfTheLibrary) {
 
 TEST(Layers, OnlyPlatformIncludesHeadersOfTheSystem) {
     expectStandardHeadersOnly("_LIBSRC");
-    expectStandardHeadersOnly("kernels", {"immintrin.h", "emmintrin.h", "arm_neon.h"});
+    expectStandardHeadersOnly("kernels", {"immintrin.h", "arm_neon.h"});
     expectStandardHeadersOnly("include");
+}
+
+TEST(Families, IncludeOnlyTheFamiliesOfTheTable) {
+    const auto graph = familyGraph();
+    for (const fs::path& source : sourcesOf("_LIBSRC")) {
+        const std::string family = source.parent_path().filename().string();
+        ASSERT_TRUE(graph.contains(family)) << family << " stands in no row of the table";
+        for (const std::string& include : includesOf(source)) {
+            const std::size_t slash = include.find('/');
+            if (include[0] != '"' || slash == std::string::npos) continue;
+            const std::string other = include.substr(1, slash - 1);
+            if (graph.contains(other) && fs::exists(root / "_LIBSRC" / include.substr(1))) {
+                EXPECT_TRUE(other == family || graph.at(family).contains(other))
+                    << relativeName(source) << " includes " << include.substr(1);
+            }
+        }
+    }
+}
+
+TEST(Families, FormAGraphWithoutCycles) {
+    const auto graph = familyGraph();
+    const std::function<bool(const std::string&, std::set<std::string>)> returns =
+        [&](const std::string& family, std::set<std::string> path) {
+            if (!path.insert(family).second) return true;
+            const auto& next = graph.at(family);
+            return std::any_of(next.begin(), next.end(),
+                               [&](const std::string& other) { return returns(other, path); });
+        };
+    for (const auto& entry : graph)
+        EXPECT_FALSE(returns(entry.first, {})) << entry.first;
+}
+
+TEST(Families, EveryFamilyOfTheTableIsAFolder) {
+    for (const auto& entry : familyGraph())
+        EXPECT_TRUE(fs::is_directory(root / "_LIBSRC" / entry.first)) << entry.first;
+}
+
+TEST(Families, ASourceThatReportsAsAModuleLiesInTheModulesFolder) {
+    static const std::regex module(R"re(\{"\.\.\\\\_LIBSRC\\\\(\w+)"\})re");
+    int found = 0;
+    for (const fs::path& source : sourcesOf("_LIBSRC"))
+        for (const std::string& line : linesOf(source)) {
+            std::smatch match;
+            if (startsWith(line, "//") || !std::regex_search(line, match, module)) continue;
+            ++found;
+            EXPECT_TRUE(fs::exists(source.parent_path() / (match[1].str() + ".cpp")))
+                << relativeName(source) << " reports as " << match[1];
+        }
+    EXPECT_GT(found, 10);
+}
+
+// A table alone, and what exists on one system only, is tested through its users.
+TEST(Families, EverySourceHasATestOfItsName) {
+    for (const fs::path& source : sourcesOf("_LIBSRC")) {
+        if (source.extension() != ".cpp") continue;
+        const std::string family = source.parent_path().filename().string();
+        const fs::path test = root / "tests" / family / (source.stem().string() + "_test.cpp");
+        EXPECT_TRUE(fs::exists(test)) << relativeName(source) << " has no " << relativeName(test);
+    }
 }
 
 TEST(Exports, AreDeclaredInThePublicHeaderAndNoOtherIs) {
@@ -140,11 +315,91 @@ TEST(Exports, AreDeclaredInThePublicHeaderAndNoOtherIs) {
 
 TEST(Sources, HaveNamesThatDifferIgnoringCase) {
     std::set<std::string> lower;
-    for (const char* folder : {"_LIBSRC", "kernels", "platform", "include"})
+    for (const char* folder : libraryFolders)
         for (const fs::path& source : sourcesOf(folder)) {
             std::string name = source.filename().string();
             std::transform(name.begin(), name.end(), name.begin(),
                            [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
             EXPECT_TRUE(lower.insert(name).second) << name;
         }
+}
+
+TEST(Sources, OpenWithWhatTheyHold) {
+    for (const char* folder : {"_LIBSRC", "kernels", "platform"})
+        for (const fs::path& source : sourcesOf(folder)) {
+            const auto lines = linesOf(source);
+            ASSERT_FALSE(lines.empty()) << relativeName(source);
+            EXPECT_TRUE(startsWith(lines[0], "//")) << relativeName(source);
+        }
+}
+
+TEST(Sources, KeepToAHundredColumns) {
+    for (const char* folder : {"_LIBSRC", "kernels", "platform", "include", "tests"})
+        for (const fs::path& source : sourcesOf(folder)) {
+            std::size_t number = 0;
+            for (const std::string& line : linesOf(source)) {
+                ++number;
+                const bool cannotBreak = line.find("R\"") != std::string::npos ||
+                                         line.find("NOLINT") != std::string::npos;
+                EXPECT_TRUE(line.size() <= 100 || cannotBreak) << relativeName(source) << ':' << number;
+            }
+        }
+}
+
+TEST(Documents, KeepToAHundredColumnsButInTables) {
+    std::vector<fs::path> pages = {root / "README.md", root / "CONTRIBUTING.md", root / "CHANGELOG.md"};
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root / "docs"))
+        if (entry.path().extension() == ".md") pages.push_back(entry.path());
+    for (const fs::path& page : pages) {
+        std::size_t number = 0;
+        for (const std::string& line : linesOf(page)) {
+            ++number;
+            EXPECT_TRUE(line.size() <= 100 || line[0] == '|') << relativeName(page) << ':' << number;
+        }
+    }
+}
+
+// A condition of the preprocessor chooses whole functions; inside one it hides a variant from the reader.
+TEST(Sources, HaveNoConditionalTextInsideAFunction) {
+    for (const char* folder : {"_LIBSRC", "kernels"})
+        for (const fs::path& source : sourcesOf(folder)) {
+            if (relativeName(source).find("kernels/simd/") == 0) continue;
+            const auto lines = linesOf(source);
+            for (const Block& function : functionsOf(lines))
+                for (std::size_t i = function.first; i < function.last; ++i)
+                    EXPECT_FALSE(startsWith(lines[i].substr(std::min(lines[i].size(), indentation(lines[i]))),
+                                            "#if"))
+                        << relativeName(source) << ':' << i + 1;
+        }
+}
+
+TEST(Sources, NameALevelOnlyInTheListAndItsProcessorTest) {
+    static const std::regex level(R"(\b(avx2|avx512)\b)");
+    for (const char* folder : {"_LIBSRC", "kernels", "cmake"})
+        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root / folder)) {
+            const fs::path& file = entry.path();
+            if (!entry.is_regular_file() || file.filename() == "levels.list") continue;
+            std::size_t number = 0;
+            for (const std::string& line : linesOf(file)) {
+                ++number;
+                EXPECT_FALSE(std::regex_search(line, level)) << relativeName(file) << ':' << number;
+            }
+        }
+}
+
+TEST(Sources, AreShortUnlessTheListSaysWhy) {
+    const auto allowed = allowedLong();
+    std::set<std::string> used;
+    for (const char* folder : {"_LIBSRC", "kernels", "platform"})
+        for (const fs::path& source : sourcesOf(folder)) {
+            const std::string name = relativeName(source);
+            const auto lines = linesOf(source);
+            bool isLong = lines.size() > 600;
+            for (const Block& function : functionsOf(lines))
+                isLong = isLong || function.last - function.first > 60;
+            if (!isLong) continue;
+            EXPECT_TRUE(allowed.contains(name)) << name << " is long, or a function in it";
+            used.insert(name);
+        }
+    EXPECT_EQ(used, allowed) << "the list names what is not long";
 }
