@@ -10,21 +10,6 @@
 
 namespace {
 
-golden::Results everything() {
-    golden::Results results;
-    KTSetErrMode(KT_ErrorModeSilent);
-    golden::addConversions(results);
-    golden::addFrontEnd(results);
-    golden::addDistances(results);
-    golden::addQuantisers(results);
-    golden::addMixtures(results);
-    golden::addModels(results);
-    golden::addTraining(results);
-    golden::addPerceptrons(results);
-    KTSetErrMode(KT_ErrorModeParent);
-    return results;
-}
-
 std::map<std::string, std::uint64_t> stored() {
     std::map<std::string, std::uint64_t> found;
     std::ifstream in(KTL_SOURCE_DIR "/tests/golden/everywhere.txt");
@@ -39,14 +24,14 @@ std::map<std::string, std::uint64_t> stored() {
 TEST(Everywhere, ResultsAreTheStoredBits) {
     if (const char* file = std::getenv("KTLP6_GOLDEN"); file != nullptr) {
         std::ofstream out(file);
-        for (const auto& [name, hash] : everything().all())
+        for (const auto& [name, hash] : golden::everything().all())
             out << name << ' ' << std::hex << hash << '\n';
         GTEST_SKIP() << "written to " << file;
     }
     const auto expected = stored();
     ASSERT_FALSE(expected.empty());
     support::onEveryLevel([&] {
-        const golden::Results results = everything();
+        const golden::Results results = golden::everything();
         EXPECT_EQ(results.all().size(), expected.size());
         for (const auto& [name, hash] : results.all()) {
             const auto entry = expected.find(name);

@@ -105,8 +105,6 @@ std::vector<unsigned char> bytesOf(GaussMixServer* server) {
     return bytesOf([&](FILE* stream) { KTWriteGaussMixServer(stream, server); });
 }
 
-} // namespace
-
 void addConversions(Results& results) {
     Numbers numbers(1);
     const auto floats = vectorOf<float>(numbers, 1003, -3, 3);
@@ -466,6 +464,23 @@ void addPerceptrons(Results& results) {
     KTwSigmoidActivation(integers.data(), fixedSigmoid.data(), 301, -14, -14);
     KTwAbsActivation(integers.data(), fixedAbsolute.data(), 301, -14, -14);
     results.add("activation", sigmoid, slope, absolute, fixedSigmoid, fixedAbsolute);
+}
+
+} // namespace
+
+Results everything() {
+    Results results;
+    KTSetErrMode(KT_ErrorModeSilent);
+    addConversions(results);
+    addFrontEnd(results);
+    addDistances(results);
+    addQuantisers(results);
+    addMixtures(results);
+    addModels(results);
+    addTraining(results);
+    addPerceptrons(results);
+    KTSetErrMode(KT_ErrorModeParent);
+    return results;
 }
 
 } // namespace golden

@@ -112,13 +112,7 @@ private:
     std::map<std::string, std::uint64_t> found;
 };
 
-void addConversions(Results& results);
-void addFrontEnd(Results& results);
-void addDistances(Results& results);
-void addQuantisers(Results& results);
-void addMixtures(Results& results);
-void addModels(Results& results);
-void addTraining(Results& results);
-void addPerceptrons(Results& results);
+// The results of every family.
+Results everything();
 
 } // namespace golden
