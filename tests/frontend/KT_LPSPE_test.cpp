@@ -218,6 +218,33 @@ TEST_F(LPSpectrum, AZeroOfTheFilterEndsTheProcess) {
                 lastWords);
 }
 
+// The transform's input is copied by a kernel, which refuses to copy from nowhere.
+TEST_F(LPSpectrum, TheTransformRefusesCoefficientsThatAreNotThere) {
+    float spectrum[8];
+    EXPECT_EXIT(KTsLPSpectrum(nullptr, 8, spectrum, 3, 1.0f), testing::ExitedWithCode(1), lastWords);
+    short fixed[8];
+    EXPECT_EXIT(KTwLPSpectrum(nullptr, 8, fixed, 3, 1.0f, -10, KT_AutoScale, nullptr),
+                testing::ExitedWithCode(1), lastWords);
+    EXPECT_EXIT(KTsLPSpectrum(nullptr, 1, spectrum, 0, 1.0f), testing::ExitedWithCode(1), lastWords);
+}
+
+TEST_F(LPSpectrum, TheDirectSumReportsCoefficientsThatAreNotThere) {
+    support::CapturedReports reports;
+    float spectrum[8] = {7};
+    short fixed[8] = {7};
+    int scale = 3;
+    KTsLPSpectrum(nullptr, 2, spectrum, 3, 1.0f);
+    KTwLPSpectrum(nullptr, 2, fixed, 3, 1.0f, -10, KT_AutoScale, &scale);
+    ASSERT_EQ(reports.count(), 2u);
+    EXPECT_EQ(reports[0].status, KT_StsBadArg);
+    EXPECT_EQ(reports[0].function, "KTsLPSpectrum");
+    EXPECT_EQ(reports[0].message, "pCoef==0");
+    EXPECT_EQ(reports[1].function, "KTwLPSpectrum");
+    EXPECT_EQ(spectrum[0], 7);
+    EXPECT_EQ(fixed[0], 7);
+    EXPECT_EQ(scale, 3);
+}
+
 // --- fixed point ---
 
 // The direct method as defined: 14-bit twiddles, 32-bit sums.
