@@ -30,6 +30,8 @@ constexpr signed char fixedLimits[largestOrder + 1] = {0,  1,  3,  7,  15, 13, 1
                                                        13, 12, 12, 12, 12, 13, 15, 17, 18, 19, 20,
                                                        21, 21, 21, 21, 21, 21, 21, 21, 21};
 
+constexpr int mostDirect = 22; // the largest of the limits
+
 constexpr int transformFlags = 0x201; // forward, the Nyquist term in element 1
 constexpr int fixedRoundMode = 0x2000;
 
@@ -110,8 +112,9 @@ bool renewTable(void*& table, int& order, int& length, int fftOrder, int nCoef, 
     std::free(table);
     table = nullptr;
     order = length = 0;
-    table = calc();
-    if (table == nullptr) return false;
+    void* const made = calc();
+    if (made == nullptr) return false; // what a report's handler may have stored meanwhile stays
+    table = made;
     order = fftOrder;
     length = nCoef;
     return true;
@@ -202,7 +205,9 @@ bool evaluateFloats(const float* coef, int nCoef, float* spec, int fftOrder) {
                       "KTsLPSpectrum");
         return false;
     }
-    vsq::kernels().lpc->floatPower(alignedArea<float>(lp.sLPTwiddle), n, coef, nCoef, spec);
+    float own[mostDirect]; // the spectrum may take the place of the coefficients
+    std::copy_n(coef, std::max(nCoef, 0), own);
+    vsq::kernels().lpc->floatPower(alignedArea<float>(lp.sLPTwiddle), n, own, nCoef, spec);
     takeRoots(spec, n);
     return true;
 }

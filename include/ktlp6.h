@@ -434,7 +434,7 @@ KTL_API void KTFreeLPTbls(void);
 /* The magnitude response of an all-pole model, gain / |A|, A(z) = 1 - sum of a[i] z^(-i), at N = 2^fftOrder equally spaced
  * frequencies from 0 up to but not including half the sampling rate.
  *   pCoef     a[1] to a[nCoef]; may be null where nCoef is 0 or below, which stands for A = 1
- *   pSpec     receives N values
+ *   pSpec     receives N values; may begin where pCoef does
  *   fftOrder  0 to 30
  *   gain      any
  * Few coefficients for the order are summed directly, with a table of sines and cosines that stays with the thread for

@@ -218,6 +218,22 @@ TEST_F(LPSpectrum, AZeroOfTheFilterEndsTheProcess) {
                 lastWords);
 }
 
+// Both methods keep the coefficients while they are needed, so that the spectrum may take their place.
+TEST_F(LPSpectrum, MayTakeThePlaceOfItsCoefficients) {
+    support::onEveryLevel([] {
+        for (int order : {3, 5, 8, 11})
+            for (int nCoef : {1, 7, 8, 22, 30}) {
+                const std::vector<float> a = coefficients(nCoef, 9);
+                std::vector<float> wanted(std::size_t(1) << order), shared(std::max(wanted.size(), a.size()));
+                KTsLPSpectrum(a.data(), nCoef, wanted.data(), order, 2.0f);
+                std::copy(a.begin(), a.end(), shared.begin());
+                KTsLPSpectrum(shared.data(), nCoef, shared.data(), order, 2.0f);
+                shared.resize(wanted.size());
+                ASSERT_EQ(shared, wanted) << order << ' ' << nCoef;
+            }
+    });
+}
+
 // The transform's input is copied by a kernel, which refuses to copy from nowhere.
 TEST_F(LPSpectrum, TheTransformRefusesCoefficientsThatAreNotThere) {
     float spectrum[8];

@@ -70,8 +70,7 @@ TEST_F(SilentEnds, OfLinearPrediction) {
 
 struct Bank {
     KTMFCCFilters* filters;
-    Bank(int fftOrder, int nFilters)
-        : filters(KTsMFCCInit(fftOrder, nFilters, 100, 3900, 8000, 0, 0)) {}
+    Bank(int fftOrder, int nFilters) : filters(KTsMFCCInit(fftOrder, nFilters, 100, 3900, 8000, 0, 0)) {}
     ~Bank() { KTsFreeMFCCFilters(filters); }
     Bank(const Bank&) = delete;
     Bank& operator=(const Bank&) = delete;
@@ -81,7 +80,8 @@ void cepstrum(const Bank& bank, int nCeps, int flags, bool fixed) {
     std::vector<float> frame(512, 0.25f), ceps(40);
     std::vector<short> words(512, 100), fixedCeps(40);
     if (fixed)
-        KTwCepstralMFCC(bank.filters, words.data(), fixedCeps.data(), nCeps, 1, flags, 0, KT_AutoScale, nullptr);
+        KTwCepstralMFCC(bank.filters, words.data(), fixedCeps.data(), nCeps, 1, flags, 0, KT_AutoScale,
+                        nullptr);
     else
         KTsCepstralMFCC(bank.filters, frame.data(), ceps.data(), nCeps, 1e-3f, flags);
 }
@@ -146,7 +146,8 @@ void spectrum(const std::vector<float>& a, int fftOrder) {
 void fixedSpectrum(const std::vector<float>& a, int fftOrder, int inScale) {
     std::vector<short> words(a.size()), values(std::size_t(1) << fftOrder);
     KTswbConvertDown(a.data(), words.data(), int(a.size()), KT_FixedScale, &inScale);
-    KTwLPSpectrum(words.data(), int(words.size()), values.data(), fftOrder, 1.0f, inScale, KT_AutoScale, nullptr);
+    KTwLPSpectrum(words.data(), int(words.size()), values.data(), fftOrder, 1.0f, inScale, KT_AutoScale,
+                  nullptr);
 }
 
 TEST_F(SilentEnds, OfSpectraWithAZeroOnAFrequency) {
@@ -163,9 +164,9 @@ TEST_F(SilentEnds, OfSpectraWithAZeroOnAFrequency) {
 
 TEST_F(SilentEnds, OfFixedSpectraWithoutRoomForOne) {
     const std::vector<float> none(16, 0.0f), few(1, 0.0f);
-    expectEnd([&] { fixedSpectrum(none, 3, 1); });   // the transform
+    expectEnd([&] { fixedSpectrum(none, 3, 1); }); // the transform
     expectEnd([&] { fixedSpectrum(none, 3, -16); });
-    expectEnd([&] { fixedSpectrum(few, 3, -18); });  // the direct sum
+    expectEnd([&] { fixedSpectrum(few, 3, -18); }); // the direct sum
     expectReturn([&] { fixedSpectrum(none, 3, 0); });
     expectReturn([&] { fixedSpectrum(none, 3, -14); });
     expectReturn([&] { fixedSpectrum(few, 3, -14); });
