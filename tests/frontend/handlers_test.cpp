@@ -67,27 +67,26 @@ std::vector<Operation> operationsOn(Data& d) {
     const std::vector<float> a(few, few + 5);
     const std::vector<short> w = {500, -200, 100, 50, 20, 10, 5, 4, 3, 2, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
     return {
-        {"KTwPreemphasize", [&d] {
+        {"KTwPreemphasize",
+         [&d] {
              std::vector<short> own(d.words);
              KTwPreemphasize(own.data(), -0.5f, 256, KT_NoScale, nullptr);
              if (own != d.words) d.shorts = own;
          }},
-        {"KTsCepstralMFCC", [&d] {
-             KTsCepstralMFCC(d.bank, d.samples.data(), d.floats.data(), 13, 1, KT_CepsTimeInput);
-         }},
-        {"KTwCepstralMFCC", [&d] {
-             KTwCepstralMFCC(d.bank, d.words.data(), d.shorts.data(), 13, 1, KT_CepsTimeInput, 0, KT_AutoScale,
-                             nullptr);
+        {"KTsCepstralMFCC",
+         [&d] { KTsCepstralMFCC(d.bank, d.samples.data(), d.floats.data(), 13, 1, KT_CepsTimeInput); }},
+        {"KTwCepstralMFCC",
+         [&d] {
+             KTwCepstralMFCC(d.bank, d.words.data(), d.shorts.data(), 13, 1, KT_CepsTimeInput, 0,
+                             KT_AutoScale, nullptr);
          }},
         {"KTsLPredict", [&d] { KTsLPredict(d.samples.data(), 256, d.floats.data(), 10, KT_LPAutocorr); }},
         {"KTsLPredict", [&d] { KTsLPredict(d.samples.data(), 256, d.floats.data(), 10, KT_LPCovariance); }},
         {"KTsLPSpectrum", [&d, a] { KTsLPSpectrum(a.data(), 5, d.floats.data(), 5, 1.0f); }},
-        {"KTwLPSpectrum", [&d, w] {
-             KTwLPSpectrum(w.data(), 5, d.shorts.data(), 5, 1.0f, -10, KT_AutoScale, nullptr);
-         }},
-        {"KTwLPSpectrum", [&d, w] {
-             KTwLPSpectrum(w.data(), 20, d.shorts.data(), 5, 1.0f, -10, KT_AutoScale, nullptr);
-         }},
+        {"KTwLPSpectrum",
+         [&d, w] { KTwLPSpectrum(w.data(), 5, d.shorts.data(), 5, 1.0f, -10, KT_AutoScale, nullptr); }},
+        {"KTwLPSpectrum",
+         [&d, w] { KTwLPSpectrum(w.data(), 20, d.shorts.data(), 5, 1.0f, -10, KT_AutoScale, nullptr); }},
     };
 }
 
