@@ -41,8 +41,8 @@
 
 #include <stdio.h>
 
-/* The version of this header, and as one number that grows with it: 4.0.18 is 4000018. The record of
- * KTGetLibVersion is the library's own. */
+/* The version of this header, in three parts and as one number that grows with it, for a program's own
+ * #if. (The record of KTGetLibVersion is a constant that does not follow it.) */
 #define KTLP6_VERSION_MAJOR 4
 #define KTLP6_VERSION_MINOR 0
 #define KTLP6_VERSION_PATCH 18

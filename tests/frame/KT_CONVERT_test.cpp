@@ -280,6 +280,17 @@ TEST(ConvertDown, AutoScaleLeavesTheTopBitOfOneFree) {
     EXPECT_EQ(scale, -14);
 }
 
+// The order counts magnitudes: -32768 would fit, and is not reached.
+TEST(ConvertDown, AutoScaleDoesNotReachTheMostNegativeValue) {
+    const float src[2] = {-1.0f, 0.5f};
+    short dst[2];
+    int scale = 7;
+    KTswbConvertDown(src, dst, 2, KT_AutoScale, &scale);
+    EXPECT_EQ(scale, -14);
+    EXPECT_EQ(dst[0], -16384);
+    EXPECT_EQ(dst[1], 8192);
+}
+
 TEST(ConvertDown, AutoScaleToIntegersHasLimitsOfItsOwn) {
     const float zeros[2] = {};
     int dst[2] = {5, 5};

@@ -59,9 +59,10 @@ TEST_F(PerceptronHandlers, MayFreeTheNetworkThatIsEvaluated) {
     std::mt19937 random(1);
     const float input[3] = {1, 2, 3};
     float output[2];
-    EXPECT_EQ(failEachOnDoomed(randomNetwork<float>(random, {3, 5, 2}, 1).describedAsSparse(),
-                               [&](sMLPServer* server) { KTsEvalMLPFeedForward(server, input, 3, output, 2); }),
-              3);
+    EXPECT_EQ(
+        failEachOnDoomed(randomNetwork<float>(random, {3, 5, 2}, 1).describedAsSparse(),
+                         [&](sMLPServer* server) { KTsEvalMLPFeedForward(server, input, 3, output, 2); }),
+        3);
 }
 
 TEST_F(PerceptronHandlers, MayFreeTheNetworkThatIsTrained) {
