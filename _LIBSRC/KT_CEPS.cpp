@@ -222,8 +222,8 @@ bool transformFrame(const Frame& frame, int skip, int nOut, float* pCeps, const 
     return true;
 }
 
-// The whole road in float. False after any report, whose handler may have released the buffers and cleared the
-// status.
+// The whole road in float. False after any report, whose handler may have released the buffers and
+// cleared the status.
 bool cepstrum(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags) {
     const char* const name = "KTsCepstralMFCC";
     const int skip = (flags & KT_CepsZeroth) != 0 ? 0 : 1;

@@ -149,8 +149,8 @@ void copyAll(const short* src, short* dst, int n) {
     vsqwbCopy(src, dst, n);
 }
 
-// -1 (in the coefficients' scale) and the coefficients, one or more, padded with zeros to `length`. Coefficients
-// beyond the length come round again, as their frequencies do.
+// -1 (in the coefficients' scale) and the coefficients, one or more, padded with zeros to `length`.
+// Coefficients beyond the length come round again, as their frequencies do.
 template <class T>
 void fillInput(T* v, T minusOne, const T* coef, int nCoef, std::int64_t length) {
     v[0] = minusOne;
@@ -270,7 +270,8 @@ bool refusesOrder(int fftOrder, const char* funcName) {
     return true;
 }
 
-// Coefficients that the direct sum would read from nowhere; the transform's copy refuses them by itself.
+// Coefficients that the direct sum would read from nowhere; the transform's copy refuses them by
+// itself.
 bool refusesCoefficients(const void* coef, int nCoef, const char* funcName) {
     if (coef != nullptr || nCoef <= 0) return false;
     module.report(KT_StsBadArg, "pCoef==0", funcName);

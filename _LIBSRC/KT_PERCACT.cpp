@@ -9,8 +9,8 @@
 
 namespace {
 
-// 2^count as fixed-point inputs take it: an int with one bit, which 31 makes the negative one, and counts
-// modulo 32.
+// 2^count as fixed-point inputs take it: an int with one bit, which 31 makes the negative one, and
+// counts modulo 32.
 double bitAsDouble(unsigned count) {
     return double(std::int32_t(1u << (count & 31)));
 }

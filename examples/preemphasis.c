@@ -10,7 +10,7 @@
 
 enum { FRAME = 400 };
 
-/* The program's own handler of the library's reports: one line each, nobody is asked, and on it goes. */
+/* The program's own handler of the library's reports: one line each, nobody is asked. */
 static int onReport(int status, const char* function, const char* message, const char* source, int line) {
     (void)source;
     (void)line;

@@ -10,9 +10,9 @@
  * semicontinuous codebooks. Handles and ids mean something only on the thread that made them. Nothing takes a lock.
  *
  * Errors. A function that fails reports to the thread's handler, stores a status (KTGetStatus) and
- * returns a failure value. The default handler asks, in a message box or on the terminal, whether to
- * end the process; where nobody can be asked, it ends it in the default mode, KT_ErrorModeLeaf, and
- * goes on in KT_ErrorModeParent. A service installs a handler (KTRedirectError, KTSetStdError) and
+ * returns a failure value. The default handler asks, in a message box or on the terminal, whether
+ * to end the process; where nobody can be asked, it ends it in the default mode, KT_ErrorModeLeaf,
+ * and goes on in KT_ErrorModeParent. A service installs a handler (KTRedirectError, KTSetStdError) and
  * calls KTSetErrMode(KT_ErrorModeParent) first, on each thread.
  *
  * Silent ends. The signal kernels underneath know no handler: what they refuse ends the process,
@@ -28,10 +28,10 @@
  *                     already below one of them: keep |A| above a few units, and inScale from -15
  *                     to 0.
  *   KTsMakeCodebook, KTwMakeCodebook, KTsVQCodebook, KTwVQCodebook   no row is null.
- * KTsCepstralMFCC, KTwCepstralMFCC, KTsLPSpectrum and KTwLPSpectrum also end the process when there is
- * no memory for the tables of their transforms. The tables are kept: call each once, with the sizes to
- * come, where the program can still afford to end. KTNulDevReport and KTStdError end it too, on any
- * report, in KT_ErrorModeLeaf; the first of them silently.
+ * KTsCepstralMFCC, KTwCepstralMFCC, KTsLPSpectrum and KTwLPSpectrum also end the process when there
+ * is no memory for the tables of their transforms. The tables are kept: call each once, with the
+ * sizes to come, where the program can still afford to end. KTNulDevReport and KTStdError end it
+ * too, on any report, in KT_ErrorModeLeaf; the first of them silently.
  *
  * Memory. Who calls a ...Init, ...Read, ...Build or ...Make function owns its result and frees it with the matching
  * ...Free. Scratch stays with the thread until the family's KTFree...Tbls is called on it.
@@ -41,8 +41,8 @@
 
 #include <stdio.h>
 
-/* The version of this header, in three parts and as one number that grows with it, for a program's own
- * #if. (The record of KTGetLibVersion is a constant that does not follow it.) */
+/* The version of this header, in three parts and as one number that grows with it, for a program's
+ * own #if. (The record of KTGetLibVersion is a constant that does not follow it.) */
 #define KTLP6_VERSION_MAJOR 4
 #define KTLP6_VERSION_MINOR 0
 #define KTLP6_VERSION_PATCH 18
@@ -191,8 +191,8 @@ KTL_API const KTLibVersion* KTGetLibVersion(void);
  *               where pDst counts its elements from there on; n of 0 or below writes no element
  *   scaleMode   KT_NoScale     no factor; the fraction is dropped
  *               KT_FixedScale  the factor is 2^(-*pScale); the fraction is dropped; *pScale is kept
- *               KT_AutoScale   the factor is 2^15 or 2^31 divided by 2^order, below: the largest power
- *                              of two that keeps every magnitude below 2^15 or 2^31; *pScale
+ *               KT_AutoScale   the factor is 2^15 or 2^31 divided by 2^order, below: the largest
+ *                              power of two that keeps every magnitude below 2^15 or 2^31; *pScale
  *                              receives its scale
  *               else           no factor; values beyond the target's range become the nearer end of it, then the
  *                              fraction is dropped; not-a-number becomes the smallest value
@@ -222,8 +222,8 @@ KTL_API int KTdiConvertDown(double value, int scaleMode, int* pScale);
 
 /* Upward: pDst[i] = pSrc[i] * 2^(-scale), rounded once, to the destination's type. The sign is the same as downward: what
  * was converted down with the scale s is restored with -s.
- *   pSrc, pDst  n elements each, which do not overlap or begin at one address; n of 0 or below writes
- *               nothing
+ *   pSrc, pDst  n elements each, which do not overlap or begin at one address; n of 0 or below
+ *               writes nothing
  *   scale       any */
 KTL_API void KTwsbConvertUp(const short* pSrc, float* pDst, int n, int scale);
 KTL_API void KTwdbConvertUp(const short* pSrc, double* pDst, int n, int scale);
@@ -367,16 +367,16 @@ KTL_API void KTsMelFiltering(KTMFCCFilters* filters, const float* pSpectrum, flo
  * written. A negative status that was there before the call is reported as a backtrace: KTSetStatus(0) before going on
  * after a failure. With KT_CepsTimeInput, and with a number of filters that is 2, 4, 8 or a larger
  * power of two, this ends the call with pCeps unwritten; otherwise pCeps is written all the same.
- * The kernels refuse, and that ends the process, a bank without filters, an fftOrder that is none with
- * KT_CepsTimeInput, and an output without a coefficient (nCeps below 1, or a single filter without
+ * The kernels refuse, and that ends the process, a bank without filters, an fftOrder that is none
+ * with KT_CepsTimeInput, and an output without a coefficient (nCeps below 1, or a single filter without
  * KT_CepsZeroth) where the number of filters is 1 or no power of two. */
 KTL_API void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh,
                              int flags);
 
 /* The same in fixed point. The input is a real value times 2^inScale, and so is thresh; it is converted to float, and the
  * coefficients are converted down: see KTswbConvertDown for outMode and pOutScale (null stands for a scale of 0). pIn is
- * kept as it is. After a failure, reported by KTsCepstralMFCC or here (status -4), pCeps is not written;
- * nor is it where the status was negative before the call. filters of null as above.
+ * kept as it is. After a failure, reported by KTsCepstralMFCC or here (status -4), pCeps is not
+ * written; nor is it where the status was negative before the call. filters of null as above.
  * Fixed point: all arithmetic is float; what the last conversion truncates, wraps or saturates is outMode's. */
 KTL_API void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh,
                              int flags, int inScale, int outMode, int* pOutScale);
@@ -405,8 +405,8 @@ KTL_API void KTFreeCepsTbls(void);
  *   flags     the method
  * Returns 1, or 0 where flags name no method, where memory ran out (KT_StsNoMem; pCoef is unchanged), or where the
  * recursion lost stability, a reflection coefficient beyond 1 in magnitude, which a pure sine can bring about; that is not
- * reported and leaves the status and pCoef alone. A silent block gives 1 and coefficients that are no
- * numbers, and so may one with a reflection coefficient of exactly 1, as a slow half sine has it.
+ * reported and leaves the status and pCoef alone. A silent block gives 1 and coefficients that are
+ * no numbers, and so may one with a reflection coefficient of exactly 1, as a slow half sine has it.
  * Too few samples, or an order below 0, are refused by the signal kernels, which end the process.
  *
  * Scratch is the thread's own and stays; no memory is taken after the first call of the largest order.
@@ -418,8 +418,8 @@ KTL_API int KTsLPredict(const float* pSrc, int nSamples, float* pCoef, int order
  *   pCoef              receives the coefficients as KTswbConvertDown gives them: 16 bits, truncated toward zero, with
  *                      saturation or -32768 for what does not fit
  *   scaleMode, pScale  as there; a null pScale stands for a scale of 0
- * Takes memory in each call; where there is none for the copy of the samples ("insufficiency of memory
- * for pointer  vec", KT_StsNoMem) pCoef and *pScale are unchanged. With any other result of 0, also
+ * Takes memory in each call; where there is none for the copy of the samples ("insufficiency of
+ * memory for pointer  vec", KT_StsNoMem) pCoef and *pScale are unchanged. With any other result of 0, also
  * where the method itself has reported that memory ran out, both are written all the same, with
  * values that mean nothing. */
 KTL_API int KTwLPredict(const short* pSrc, int nSamples, short* pCoef, int order, int flags, int scaleMode,
@@ -439,11 +439,11 @@ KTL_API void KTFreeLPTbls(void);
  *   gain      any
  * Few coefficients for the order are summed directly, with a table of sines and cosines that stays with the thread for
  * this pair of fftOrder and nCoef; more go through a real FFT of 2N points in a buffer that stays as well.
- * Fails with pSpec unchanged: KT_StsNoMem for table or buffer, KT_StsBadArg for an order outside 0 to
- * 30, and in the direct sum for a null pCoef ("pCoef==0"). The FFT road also fails, with a backtrace
- * report, where the thread's status was negative before the call. A zero of A on one of the
- * frequencies, and on the FFT road a null pCoef, are refused by the signal kernels, which end the
- * process. */
+ * Fails with pSpec unchanged: KT_StsNoMem for table or buffer, KT_StsBadArg for an order outside 0
+ * to 30, and in the direct sum for a null pCoef ("pCoef==0"). The FFT road also fails, with a
+ * backtrace report, where the thread's status was negative before the call. A zero of A on one of
+ * the frequencies, and on the FFT road a null pCoef, are refused by the signal kernels, which end
+ * the process. */
 KTL_API void KTsLPSpectrum(const float* pCoef, int nCoef, float* pSpec, int fftOrder, float gain);
 
 /* The same in 16 bits.
@@ -1078,12 +1078,13 @@ KTL_API int KTsTrainSemicontHMMBaumWelch(int hmm, const float* const* const* ppp
  * pppConnections[l - 1][j][i] is the index, in layer l - 1, of input i. They are evaluated, but neither trained nor
  * written to files. A dense network described as a sparse one scores the same, and where the dense
  * evaluation stops short the sparse one goes on:
- * - A connection may name any of the pCounts[0] inputs. Those from nInputs on count as 0; they are not
- *   read, and neither is anything outside the caller's array. The dense form looks at the first
+ * - A connection may name any of the pCounts[0] inputs. Those from nInputs on count as 0; they are
+ *   not read, and neither is anything outside the caller's array. The dense form looks at the first
  *   nInputs weights of a row only.
  * - Every index is checked once, by the Init.
  * - Thresholds, with or without KT_MLP_THRESHOLD, play no part, unlike in the dense form.
- * - Float evaluation takes memory in each call and can fail for the want of it; the dense form cannot. */
+ * - Float evaluation takes memory in each call and can fail for the want of it; the dense form
+ *   cannot. */
 typedef struct sMLPServer sMLPServer;
 typedef struct wMLPServer wMLPServer;
 
@@ -1141,9 +1142,9 @@ KTL_API void sMLPGetWeights(sMLPServer* pServer, int layer, int neuron, float* p
 KTL_API void sMLPSetWeights(sMLPServer* pServer, int layer, int neuron, const float* pSrc);
 
 /* The logistic sigmoid 1 / (1 + exp(-x)), within a relative error of 3e-7: a table of polynomials for x between -78 and
- * 17, the formula from -104 to -78 and for 17, 1 above and 0 below. pOut may be pIn, here and in the
- * three float functions that follow; where they overlap otherwise, this one works upward from the
- * first element, and those three downward from the last. */
+ * 17, the formula from -104 to -78 and for 17, 1 above and 0 below. pOut may be pIn, here and in
+ * the three float functions that follow; where they overlap otherwise, this one works upward from
+ * the first element, and those three downward from the last. */
 KTL_API void KTsSigmoidActivation(const float* pIn, float* pOut, int n);
 
 /* (1 - v) * v of the neuron's output v. */
@@ -1158,10 +1159,11 @@ KTL_API void KTsAbsDerivative(const float* pIn, float* pOut, int n);
 
 /* The same in fixed point; scales as told at KTMLPFixedActivationFn. All work from the last element to the first, and in
  * double precision. pIn and pOut do not overlap.
- *   KTwSigmoidActivation  the formula; truncated and saturated to 16 bits, at any outScale. The power of
- *                         two of the input is that of a 32-bit integer, 1 << inScale, with counts
- *                         modulo 32. With inScale 0 THE INPUT IS NOT READ: x is the scaled result of the element before,
- *                         0.0 for the last element, which comes first.
+ *   KTwSigmoidActivation  the formula; truncated and saturated to 16 bits, at any outScale. The
+ *                         power of two of the input is that of a 32-bit integer, 1 << inScale, with
+ *                         counts modulo 32. With inScale 0 THE INPUT IS NOT READ: x is the scaled
+ *                         result of the element before, 0.0 for the last element, which comes
+ *                         first.
  *   KTwSigmoidDerivative  truncated, and not saturated: the low 16 bits
  *   KTwAbsActivation      the same; x is the low 16 bits of the input with their sign: larger sums wrap
  *   KTwAbsDerivative      the same; the case is chosen by the sign of the whole 32 bits */

@@ -37,8 +37,9 @@ VSQ_INLINE void forBlocksBackward(int n, const Step& step) {
         step(i -= 4, std::integral_constant<int, 4>());
 }
 
-// Whether arrays of n elements share memory. A conversion in place reads no element after a result has been written over
-// it: with results that are no wider than the elements blocks go upward, with wider ones downward.
+// Whether arrays of n elements share memory. A conversion in place reads no element after a result
+// has been written over it: with results that are no wider than the elements blocks go upward, with
+// wider ones downward.
 template <class Src, class Dst>
 bool overlap(const Src* src, const Dst* dst, int n) {
     const auto from = reinterpret_cast<std::uintptr_t>(src), to = reinterpret_cast<std::uintptr_t>(dst);
@@ -130,8 +131,9 @@ void clamp(const Src* src, Dst* dst, int n) {
     });
 }
 
-// When floats are clamped to shorts, those above 32 bits end elsewhere. Their most negative int is looked for only once a
-// stretch, which is then done again with care. In place there is nothing left to do again, and care comes first.
+// When floats are clamped to shorts, those above 32 bits end elsewhere. Their most negative int is
+// looked for only once a stretch, which is then done again with care. In place there is nothing
+// left to do again, and care comes first.
 constexpr int stretch = 16 * wide;
 
 void clampFrames(const float* src, short* dst, int n) {
@@ -181,7 +183,8 @@ VSQ_INLINE Pack<int, N> loadWhole(const int* src) {
     return load<int, N>(src);
 }
 
-// In place: each block is loaded before its wider results cover it and elements that have been done.
+// In place: each block is loaded before its wider results cover it and elements that have been
+// done.
 template <class Work, class Src, class Dst>
 VSQ_INLINE void raiseBackward(const Src* src, Dst* dst, int n, Work factor) {
     forBlocksBackward<registerBytes / int(sizeof(Dst))>(n, [=](int i, auto lanes) VSQ_LAMBDA {

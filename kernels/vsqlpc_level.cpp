@@ -126,8 +126,9 @@ void fixedPower(const short* table, int n, const short* coef, int nCoef, unsigne
 
 // --- Durbin's recursion ---
 
-// What each order of the recursion waits for: numerator and denominator of its reflection coefficient. They are divided,
-// and not multiplied by a reciprocal: of equal ones the quotient is exactly 1, and the next error exactly 0.
+// What each order of the recursion waits for: numerator and denominator of its reflection
+// coefficient. They are divided, and not multiplied by a reciprocal: of equal ones the quotient is
+// exactly 1, and the next error exactly 0.
 struct Pending {
     double numerator;
     double error;

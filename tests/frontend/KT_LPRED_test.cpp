@@ -143,8 +143,8 @@ TEST_F(LinearPrediction, CovarianceSolvesItsEquations) {
     });
 }
 
-// The recursion as it is defined, with predictor and errors stored as floats after every order; empty where it
-// loses stability.
+// The recursion as it is defined, with predictor and errors stored as floats after every order;
+// empty where it loses stability.
 std::vector<float> durbinStored(const std::vector<float>& r, int order) {
     std::vector<float> a(std::size_t(order) + 1), e(std::size_t(order) + 1);
     const auto stored = [](double value) {
@@ -181,8 +181,9 @@ TEST_F(LinearPrediction, EveryStoredRoundingIsKept) {
     });
 }
 
-// Half a sine over a long block, in which the first lags are one float: a quotient of exactly 1, an error of
-// exactly 0, and then 0 / 0 or a quotient beyond 1. A product with the error's reciprocal gives numbers.
+// Half a sine over a long block, in which the first lags are one float: a quotient of exactly 1, an
+// error of exactly 0, and then 0 / 0 or a quotient beyond 1. A product with the error's reciprocal
+// gives numbers.
 std::vector<float> halfSine(int n, double amplitude) {
     std::vector<float> x(static_cast<std::size_t>(n));
     for (std::size_t i = 0; i < x.size(); ++i)

@@ -218,7 +218,8 @@ TEST_F(LPSpectrum, AZeroOfTheFilterEndsTheProcess) {
                 lastWords);
 }
 
-// Both methods keep the coefficients while they are needed, so that the spectrum may take their place.
+// Both methods keep the coefficients while they are needed, so that the spectrum may take their
+// place.
 TEST_F(LPSpectrum, MayTakeThePlaceOfItsCoefficients) {
     support::onEveryLevel([] {
         for (int order : {3, 5, 8, 11})

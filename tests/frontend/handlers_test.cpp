@@ -1,6 +1,6 @@
-// What a report's handler may do in the middle of an operation: release what the thread keeps, clear the status, or call
-// the same operation again. The operation that has failed touches nothing afterwards that may be gone, and the thread's
-// record stays sound.
+// What a report's handler may do in the middle of an operation: release what the thread keeps,
+// clear the status, or call the same operation again. The operation that has failed touches nothing
+// afterwards that may be gone, and the thread's record stays sound.
 #include "ktlp6.h"
 #include "support/alloc_faults.h"
 
@@ -61,7 +61,8 @@ struct Data {
     }
 };
 
-// Operations whose results stay unwritten when memory runs out, with arguments that need every buffer.
+// Operations whose results stay unwritten when memory runs out, with arguments that need every
+// buffer.
 std::vector<Operation> operationsOn(Data& d) {
     const float few[] = {0.5f, -0.2f, 0.1f, 0.05f, 0.02f};
     const std::vector<float> a(few, few + 5);
@@ -105,7 +106,8 @@ protected:
     KTErrorHandler previous = nullptr;
 };
 
-// Nothing is kept but the kernels' tables of the transforms to come: exhaustion there ends the process.
+// Nothing is kept but the kernels' tables of the transforms to come: exhaustion there ends the
+// process.
 void keepKernelTables(Data& data) {
     releaseAll();
     KTsCepstralMFCC(data.bank, data.samples.data(), data.floats.data(), 1, 1, KT_CepsTimeInput);

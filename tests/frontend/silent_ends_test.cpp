@@ -1,5 +1,6 @@
-// The calls that ktlp6.h lists because they end the process without a word, and the checks that it names: what fails
-// the check ends with exit code 1 and no text, what passes it returns, whatever the thread's handler.
+// The calls that ktlp6.h lists because they end the process without a word, and the checks that it
+// names: what fails the check ends with exit code 1 and no text, what passes it returns, whatever
+// the thread's handler.
 #include "ktlp6.h"
 #include "support/reports.h"
 
@@ -11,7 +12,8 @@
 
 namespace {
 
-// What the process says as it ends: nothing, but for a leak checker's word on the scratch that is left.
+// What the process says as it ends: nothing, but for a leak checker's word on the scratch that is
+// left.
 #ifdef __SANITIZE_ADDRESS__
 constexpr char lastWords[] = "";
 #else
@@ -177,7 +179,8 @@ TEST_F(SilentEnds, OfSpectraWithoutCoefficients) {
     expectEnd([&] { KTsLPSpectrum(nullptr, 20, values, 3, 1.0f); });
 }
 
-// What linear prediction gives with a result of 1 may lie on the circle, and the header's remedy moves it off.
+// What linear prediction gives with a result of 1 may lie on the circle, and the header's remedy
+// moves it off.
 TEST_F(SilentEnds, AreAvertedByMovingZerosOffTheCircle) {
     std::vector<float> x(20000);
     for (std::size_t i = 0; i < x.size(); ++i)

@@ -230,8 +230,8 @@ TEST(Activations, WalkFromTheLastElementToTheFirst) {
             }
 }
 
-// The float sigmoid walks upward: with the output one element before the input each is read before it is
-// overwritten; with it behind the input each result is read as the next one's input.
+// The float sigmoid walks upward: with the output one element before the input each is read before
+// it is overwritten; with it behind the input each result is read as the next one's input.
 TEST(SigmoidActivation, WalksFromTheFirstElementToTheLast) {
     support::onEveryLevel([] {
         for (const std::size_t n : {std::size_t(3), std::size_t(40), std::size_t(100)})
@@ -267,7 +267,8 @@ TEST(FixedSigmoidActivation, Saturates) {
             EXPECT_EQ(of(KTwSigmoidActivation, x, 14, outScale), 0x7FFF) << x << ' ' << outScale;
 }
 
-// The factor of the output is a power of two at every scale, the one of the input that of a 32-bit integer.
+// The factor of the output is a power of two at every scale, the one of the input that of a 32-bit
+// integer.
 TEST(FixedSigmoidActivation, ScalesItsResultBeyond31Bits) {
     EXPECT_EQ(of(KTwSigmoidActivation, -(45 << 14), 14, -70), short(std::ldexp(sigmoid(-45), 70)));
     EXPECT_EQ(of(KTwSigmoidActivation, -(21 << 14), 14, -31), short(std::ldexp(sigmoid(-21), 31)));

@@ -1,5 +1,5 @@
-// What a report's handler may do in the middle of an operation on a network: free the network, and close the stream.
-// Under the address sanitizer the operation is seen to touch neither afterwards.
+// What a report's handler may do in the middle of an operation on a network: free the network, and
+// close the stream. Under the address sanitizer the operation is seen to touch neither afterwards.
 #include "perceptrons/perceptrons.h"
 #include "support/alloc_faults.h"
 #include "support/streams.h"
@@ -34,8 +34,9 @@ protected:
     KTErrorHandler previous = nullptr;
 };
 
-// Calls `operation` with the n-th allocation failing, n = 1, 2, ..., each time on a new server that the handler frees.
-// The number of calls in which one failed, of which one may go unnoticed: that of a server's second buffer.
+// Calls `operation` with the n-th allocation failing, n = 1, 2, ..., each time on a new server that
+// the handler frees. The number of calls in which one failed, of which one may go unnoticed: that
+// of a server's second buffer.
 template <class T, class Operation>
 int failEachOnDoomed(Network<T> network, const Operation& operation) {
     int unnoticed = 0;
