@@ -8,6 +8,8 @@
 //     kind                                the status bits of the servers that it trains
 //     prepare(model, longest)             storage for a whole call; false when memory ran out
 //     begin(current, next)                an iteration starts
+//     review(current)                     what is to be reported before a sequence; a handler may
+//                                         release the models
 //     score(current, next, sequence, n, outputs)    the sequence's output values; false for one that can't be
 //                                         used
 //     count(current, counts, sequence, n, weight)   the outputs' numerators, from a sequence's lattice, whose
@@ -102,17 +104,17 @@ public:
     bool copyOf(const HMMServer* source); // false when memory ran out; the model before is forgotten
     void takeFrom(OwnModel& other) {
         release();
-        id = std::exchange(other.id, 0);
+        model = std::move(other.model);
     }
     void release() {
-        if (id > 0) KTFreeHMMServer(id);
-        id = 0;
+        const HeldHMMServer released = std::move(model);
+        if (released.get() != nullptr) KTFreeHMMServer(released.get()->id);
     }
-    int handOver() { return std::exchange(id, 0); }
-    HMMServer* get() const { return KTFindHMMServer(id); }
+    int handOver() { return HeldHMMServer(std::move(model)).get()->id; }
+    HMMServer* get() const { return model.get(); }
 
 private:
-    int id = 0;
+    HeldHMMServer model; // a report's handler may release it
 };
 
 // Copies and views are made under a status of their own: an older failure of the thread does not end a
@@ -156,15 +158,19 @@ struct StopRule {
     bool stops(double change) { return change < goal || --iterations < 1; }
 };
 
-// One iteration's pass over all sequences. Sequences that the model cannot produce have no influence.
+// One iteration's pass over all sequences. Sequences that the model cannot produce have no
+// influence. False once a report's handler has released one of the models.
 template <class Flavour>
-void countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
+bool countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
               const Sequences<typename Flavour::Sequence>& sequences, Counts& counts) {
+    const HeldHMMServer heldCurrent(current), heldNext(next);
     counts.begin(current);
     const vsq::HmmUnpacked unpacked = counts.unpackedModel(current);
     for (int q = 0; q < sequences.count; ++q) {
         const int nFrames = sequences.pFrames[q];
         if (nFrames < 1) continue;
+        flavour.review(current);
+        if (heldCurrent.get() == nullptr || heldNext.get() == nullptr) return false;
         vsq::HmmOutputs outputs;
         if (!flavour.score(current, next, sequences.all[q], nFrames, &outputs)) continue;
         int exponent;
@@ -174,6 +180,7 @@ void countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
         counts.add(current, outputs, nFrames, 1.0 / likelihood);
         flavour.count(current, counts, sequences.all[q], nFrames, 1.0 / likelihood);
     }
+    return true;
 }
 
 // Trains copies of `model` until the rule stops; the new server's id, or -1 with everything released.
@@ -185,7 +192,7 @@ int iterate(Flavour& flavour, const HMMServer* model, const Sequences<typename F
         if (!newest.copyOf(current)) return -1;
         HMMServer* next = newest.get();
         flavour.begin(current, next);
-        countAll(flavour, current, next, sequences, counts);
+        if (!countAll(flavour, current, next, sequences, counts)) return -1;
         counts.finish(current, next);
         flavour.finish(current, next, counts);
         const double atLeast = modelChange(current, next), outputChange = flavour.change(current, next);
