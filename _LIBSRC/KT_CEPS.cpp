@@ -234,24 +234,35 @@ void lift(float* pCeps, int first, int n, int L) {
 
 } // namespace
 
-void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags) {
-    if (filters == nullptr) return;
+namespace {
+
+// False after any report: its handler may have released the bank and the buffers, whatever the
+// status says.
+bool floatCepstra(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags) {
     const char* const name = "KTsCepstralMFCC";
     const int skip = (flags & KT_CepsZeroth) != 0 ? 0 : 1;
     const int nOut = std::min(nCeps, filters->nFilters - skip);
     CepsBuffers& buffers = KTGetContext()->Ceps;
     fitCapacities(buffers, {filters->nFilters, filters->fftLen, nCeps});
-    if (!takeFloatBuffers(buffers, name)) return;
+    if (!takeFloatBuffers(buffers, name)) return false;
 
     const int nBins = (filters->fftLen >> 1) + 1;
     const Frame frame{filters, &buffers, pIn, thresh, flags, nBins, logRange(*filters, nBins)};
     float factor;
     float* spectrum = spectrumOf(frame, factor, name);
-    if (spectrum == nullptr) return;
+    if (spectrum == nullptr) return false;
     filterFrame(frame, spectrum, factor);
-    if (!transformFrame(frame, skip, nOut, pCeps, name)) return;
+    if (!transformFrame(frame, skip, nOut, pCeps, name)) return false;
     if (nOut < nCeps) vsqsbZero(pCeps + nOut, nCeps - nOut);
-    if (KTGetStatus() < 0) module.backtrace();
+    if (KTGetStatus() >= 0) return true;
+    module.backtrace(name);
+    return false;
+}
+
+} // namespace
+
+void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags) {
+    if (filters != nullptr) floatCepstra(filters, pIn, pCeps, nCeps, thresh, flags);
 }
 
 void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh, int flags,
@@ -266,9 +277,8 @@ void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps
     const int count = (flags & KT_CepsTimeInput) != 0 ? fftLen : (fftLen >> 1) + 1;
     KTwsbConvertUp(pIn, buffers.tempVect, count, inScale);
     const auto floor = static_cast<float>(KTidConvertUp(thresh, inScale));
-    KTsCepstralMFCC(filters, buffers.tempVect, buffers.tempCeps, nCeps, floor, flags);
-    if (KTGetStatus() < 0) {
-        module.backtrace();
+    if (!floatCepstra(filters, buffers.tempVect, buffers.tempCeps, nCeps, floor, flags)) {
+        if (KTGetStatus() < 0) module.backtrace();
         return;
     }
     KTswbConvertDown(buffers.tempCeps, pCeps, nCeps, outMode, pOutScale != nullptr ? pOutScale : &noScale);
