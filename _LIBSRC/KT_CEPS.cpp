@@ -222,23 +222,9 @@ bool transformFrame(const Frame& frame, int skip, int nOut, float* pCeps, const 
     return true;
 }
 
-// --- liftering ---
-
-// Elements `first` to first + n - 1 of a row, which begin at pCeps.
-void lift(float* pCeps, int first, int n, int L) {
-    for (int i = 0; i < n; ++i) {
-        const double weight = 1.0 + 0.5 * L * std::sin((first + i) * std::numbers::pi / L);
-        pCeps[i] = static_cast<float>(pCeps[i] * weight);
-    }
-}
-
-} // namespace
-
-namespace {
-
-// False after any report: its handler may have released the bank and the buffers, whatever the
-// status says.
-bool floatCepstra(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags) {
+// The whole road in float. False after any report, whose handler may have released the buffers and
+// cleared the status.
+bool cepstrum(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags) {
     const char* const name = "KTsCepstralMFCC";
     const int skip = (flags & KT_CepsZeroth) != 0 ? 0 : 1;
     const int nOut = std::min(nCeps, filters->nFilters - skip);
@@ -259,10 +245,20 @@ bool floatCepstra(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, f
     return false;
 }
 
+// --- liftering ---
+
+// Elements `first` to first + n - 1 of a row, which begin at pCeps.
+void lift(float* pCeps, int first, int n, int L) {
+    for (int i = 0; i < n; ++i) {
+        const double weight = 1.0 + 0.5 * L * std::sin((first + i) * std::numbers::pi / L);
+        pCeps[i] = static_cast<float>(pCeps[i] * weight);
+    }
+}
+
 } // namespace
 
 void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags) {
-    if (filters != nullptr) floatCepstra(filters, pIn, pCeps, nCeps, thresh, flags);
+    if (filters != nullptr) cepstrum(filters, pIn, pCeps, nCeps, thresh, flags);
 }
 
 void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh, int flags,
@@ -277,7 +273,7 @@ void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps
     const int count = (flags & KT_CepsTimeInput) != 0 ? fftLen : (fftLen >> 1) + 1;
     KTwsbConvertUp(pIn, buffers.tempVect, count, inScale);
     const auto floor = static_cast<float>(KTidConvertUp(thresh, inScale));
-    if (!floatCepstra(filters, buffers.tempVect, buffers.tempCeps, nCeps, floor, flags)) {
+    if (!cepstrum(filters, buffers.tempVect, buffers.tempCeps, nCeps, floor, flags)) {
         if (KTGetStatus() < 0) module.backtrace();
         return;
     }

@@ -111,7 +111,7 @@ bool renewTable(void*& table, int& order, int& length, int fftOrder, int nCoef, 
     table = nullptr;
     order = length = 0;
     void* const made = calc();
-    if (made == nullptr) return false; // which was reported; what the handler has computed stays
+    if (made == nullptr) return false; // what a report's handler may have stored meanwhile stays
     table = made;
     order = fftOrder;
     length = nCoef;
