@@ -25,13 +25,13 @@ double failure() {
     return (KTGetContext()->hmmMode & HMM_MODE_READY) != 0 ? 0.0 : -1.0;
 }
 
-// Joint values back to backward ones.
-void divideByForward(const vsq::HmmLattice& lattice, int nStates) {
+// Backward values from occupancies.
+void divideByForward(const vsq::HmmLattice& lattice, int nStates, double likelihood) {
     for (std::ptrdiff_t t = 0; t < lattice.nFrames - 1; ++t)
         for (int i = 0; i < nStates; ++i) {
             const double alpha = lattice.alpha[t * lattice.stride + i];
             double& beta = lattice.beta[t * lattice.stride + i];
-            beta = alpha == 0.0 ? 0.0 : std::clamp(beta / alpha, -DBL_MAX, DBL_MAX);
+            beta = alpha == 0.0 ? 0.0 : std::clamp(beta / alpha * likelihood, -DBL_MAX, DBL_MAX);
         }
     std::fill_n(lattice.beta + (lattice.nFrames - 1) * lattice.stride, nStates, 1.0);
 }
@@ -43,8 +43,8 @@ double evaluate(const HMMServer* server, const vsq::HmmOutputs& outputs, double*
     const vsq::HmmLattice lattice{pAlphaBeta, pAlphaBeta + half, pScales, server->nStates, T};
     const double likelihood = hmm::forwardBackward(server, outputs, lattice, pExponent);
     if (likelihood > 0.0 && !hmm::isBackwardFinite(lattice, server->nStates)) {
-        hmm::jointFromForward(server, lattice, 0.0, nullptr);
-        divideByForward(lattice, server->nStates);
+        hmm::occupanciesFromForward(server, lattice, 1.0 / likelihood, nullptr);
+        divideByForward(lattice, server->nStates, likelihood);
     }
     return likelihood;
 }
@@ -71,9 +71,9 @@ void eachTransition(const TransitionMap& map, const double* alpha, int block, co
     }
 }
 
-// The joint values of some targets, shared out to the frame before.
-void shareOut(const HMMServer* server, const double* alpha, const double* joint, int block, double* before,
-              double weight, double* moves) {
+// The occupancies of some targets, shared out to the frame before.
+void shareOut(const HMMServer* server, const double* alpha, const double* occupancies, int block,
+              double* before, double* moves) {
     const TransitionMap map = sourceMap(server);
     const float* stored = floats(server->transitions);
     double factors[targetsAtOnce] = {};
@@ -82,12 +82,12 @@ void shareOut(const HMMServer* server, const double* alpha, const double* joint,
     });
     for (int j = block; j < map.n && j < block + targetsAtOnce; ++j) {
         double& factor = factors[j - block];
-        factor = joint[j] == 0.0 || factor == 0.0 ? 0.0 : joint[j] / factor;
+        factor = occupancies[j] == 0.0 || factor == 0.0 ? 0.0 : occupancies[j] / factor;
     }
     eachTransition(map, alpha, block, [&](int i, int j, std::size_t position) {
         const double share = alpha[i] * lift * double(stored[position]) * factors[j - block];
         before[i] += share;
-        if (moves != nullptr) moves[position] += share * weight;
+        if (moves != nullptr) moves[position] += share;
     });
 }
 
@@ -98,15 +98,17 @@ bool isBackwardFinite(const vsq::HmmLattice& lattice, int nStates) {
     return std::all_of(lattice.beta, lattice.beta + nStates, [](double beta) { return std::isfinite(beta); });
 }
 
-void jointFromForward(const HMMServer* server, const vsq::HmmLattice& lattice, double weight, double* moves) {
+void occupanciesFromForward(const HMMServer* server, const vsq::HmmLattice& lattice, double weight,
+                            double* moves) {
     const std::ptrdiff_t last = lattice.nFrames - 1;
-    std::copy_n(lattice.alpha + last * lattice.stride, server->nStates, lattice.beta + last * lattice.stride);
+    for (int i = 0; i < server->nStates; ++i)
+        lattice.beta[last * lattice.stride + i] = lattice.alpha[last * lattice.stride + i] * weight;
     for (std::ptrdiff_t t = last; t > 0; --t) {
-        const double* joint = lattice.beta + t * lattice.stride;
+        const double* occupancies = lattice.beta + t * lattice.stride;
         double* before = lattice.beta + (t - 1) * lattice.stride;
         std::fill_n(before, server->nStates, 0.0);
         for (int block = 0; block < server->nStates; block += targetsAtOnce)
-            shareOut(server, lattice.alpha + (t - 1) * lattice.stride, joint, block, before, weight, moves);
+            shareOut(server, lattice.alpha + (t - 1) * lattice.stride, occupancies, block, before, moves);
     }
 }
 

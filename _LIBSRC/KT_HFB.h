@@ -43,11 +43,12 @@ inline TransitionMap sourceMap(const HMMServer* server) {
 // Whether all backward values of a complete lattice are numbers.
 bool isBackwardFinite(const vsq::HmmLattice& lattice, int nStates);
 
-// Fills beta's rows with alpha * beta, which is at most the likelihood, from the forward values alone: each
-// state's value is shared out to the states before it in proportion to what they brought to it, so that no
-// backward value is needed. `moves`, unless null, gets weight times the shares of every transition, added at
-// its place in the stored array.
-void jointFromForward(const HMMServer* server, const vsq::HmmLattice& lattice, double weight, double* moves);
+// Fills beta's rows with occupancies, alpha * beta * weight, weight being 1 / likelihood, from the forward
+// values alone: what a state has is shared out to the states before it in proportion to what they brought to
+// it, so that no backward value is needed. `moves`, unless null, gets the shares of every transition, added
+// at its place in the stored array.
+void occupanciesFromForward(const HMMServer* server, const vsq::HmmLattice& lattice, double weight,
+                            double* moves);
 
 vsq::HmmStored storedModel(const HMMServer* server, const vsq::HmmUnpacked& unpacked = {});
 bool inAlphabet(const HMMServer* server, const int* pObservations, int T);

@@ -89,11 +89,11 @@ TransitionRow Counts::row(const HMMServer* model, int source) const {
 
 void Counts::add(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames, double weight) {
     const vsq::HmmLattice sequence = lattice(nFrames);
-    isJoint = careful || !isBackwardFinite(sequence, nStates);
-    if (isJoint) {
-        jointFromForward(current, sequence, weight, xiNum.get());
+    holdsOccupancies = careful || !isBackwardFinite(sequence, nStates);
+    if (holdsOccupancies) {
+        occupanciesFromForward(current, sequence, weight, xiNum.get());
         for (std::ptrdiff_t t = 0; t < nFrames; ++t)
-            std::fill_n(sequence.alpha + t * sequence.stride, nStates, 1.0);
+            std::fill_n(sequence.alpha + t * sequence.stride, nStates, 1.0 / weight);
     } else
         addTransitions(current, outputs, nFrames, weight);
     vsq::kernels().hmmtrain->occupancies(sequence, gammaSeq.get());
@@ -124,15 +124,14 @@ void Counts::addTransitions(const HMMServer* current, const vsq::HmmOutputs& out
 void Counts::formArrivals(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames,
                           double weight) const {
     const vsq::HmmLattice sequence = lattice(nFrames);
-    if (!isJoint) {
+    if (!holdsOccupancies) {
         vsq::kernels().hmmtrain->arrivals(storedModel(current), sequence, weight);
         return;
     }
     for (std::ptrdiff_t t = 0; t < nFrames; ++t)
         for (int i = 0; i < nStates; ++i) {
             double& occupancy = sequence.beta[t * sequence.stride + i];
-            if (occupancy != 0.0)
-                occupancy = occupancy * weight / double(outputs.values[t * outputs.stride + i]);
+            if (occupancy != 0.0) occupancy /= double(outputs.values[t * outputs.stride + i]);
         }
 }
 

@@ -86,7 +86,7 @@ struct Counts {
 
     // Adds one sequence, whose lattice is complete, with the weight 1 / likelihood. Where its backward values
     // are no numbers, and in careful counting, occupancies come from the forward values alone; alpha is then
-    // 1 throughout and beta holds them.
+    // the likelihood throughout and beta holds them.
     void add(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames, double weight);
 
     // Puts the arrivals of the sequence added last, as the kernel of this name has them, in beta's place.
@@ -105,7 +105,7 @@ private:
     bool dropInfinite();
     bool finishTransitions(const HMMServer* current, HMMServer* next) const;
 
-    bool isJoint = false; // whether the lattice of the sequence added last holds occupancies
+    bool holdsOccupancies = false; // whether the lattice of the sequence added last does
 };
 
 // The greatest difference between two arrays, or `atLeast`.
