@@ -5,7 +5,9 @@
 #include "support/every_level.h"
 #include "support/reports.h"
 
+#include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -521,6 +523,72 @@ TEST_F(Training, StatusOfTheThreadIsNeitherReadNorChanged) {
         EXPECT_GT(frames.trainContinuous(continuous, 2), 0);
         EXPECT_EQ(KTGetStatus(), status);
     }
+}
+
+// --- a band's last transition, which is stored twice ---
+
+// The server as a file brings it back whose copy behind the one that the recursions read says something else.
+int withOtherCopy(int id, float other) {
+    HMMServer* server = KTFindHMMServer(id);
+    float& copy = hmm::floats(server->transitions)[hmm::TransitionMap::of(*server).duplicate()];
+    const float kept = std::exchange(copy, other);
+    std::FILE* file = std::tmpfile();
+    KTWriteHMMServer(file, id, "band");
+    copy = kept;
+    std::rewind(file);
+    const int read = KTReadHMMServer(file, nullptr);
+    std::fclose(file);
+    return read;
+}
+
+// Training gives what it gives for a band whose two copies are the one that the recursions read.
+template <class Train>
+void expectOneCopyIsUsed(int id, const Train& train) {
+    const int twofold = withOtherCopy(id, 0.03125f);
+    ASSERT_GT(twofold, 0);
+    for (int iterations : {1, 2}) {
+        float expected = 1e-37f, change = 1e-37f;
+        const std::vector<float> one = allOf(train(id, iterations, &expected));
+        EXPECT_EQ(allOf(train(twofold, iterations, &change)), one);
+        EXPECT_EQ(change, expected);
+    }
+}
+
+TEST_F(Training, BandWithTwoLastTransitionsUsesOne) {
+    std::mt19937 random(33);
+    for (std::size_t n : {3u, 4u, 9u}) {
+        SCOPED_TRACE(n);
+        const auto model = randomDiscrete(random, n, 5, Topology::banded);
+        const SymbolData symbols = drawData(random, model, 5);
+        const FrameData frames = frameData(random, 5, 3);
+        const Codebook codebook(random, 5, 3);
+        expectOneCopyIsUsed(makeDiscrete(model), [&](int id, int iterations, float* change) {
+            return symbols.train(id, iterations, change);
+        });
+        expectOneCopyIsUsed(makeContinuous(randomContinuous(random, n, 3, Topology::banded)),
+                            [&](int id, int iterations, float* change) {
+                                return frames.trainContinuous(id, iterations, change);
+                            });
+        expectOneCopyIsUsed(makeSemicontinuous({model.chain, model.b}, 3),
+                            [&](int id, int iterations, float* change) {
+                                return frames.trainSemicontinuous(id, iterations, change);
+                            });
+        KTHMMFreeAll();
+    }
+}
+
+// A last state that is never left keeps the transition that the recursions read, in both places.
+TEST_F(Training, BandWithTwoLastTransitionsKeepsOne) {
+    std::mt19937 random(34);
+    const auto model = randomDiscrete(random, 4, 5, Topology::banded);
+    const int id = makeDiscrete(model), twofold = withOtherCopy(id, 0.03125f);
+    const SymbolData data(std::vector<std::vector<int>>{{0}, {3}});
+    float change = 1.0f;
+    const int trained = data.train(twofold, 1, &change);
+    EXPECT_EQ(allOf(trained), allOf(data.train(id, 1)));
+    const HMMServer* server = KTFindHMMServer(trained);
+    EXPECT_EQ(hmm::floats(server->transitions)[8], 1.0f);
+    EXPECT_EQ(hmm::floats(server->transitions)[9], 1.0f);
 }
 
 // --- continuous ---
