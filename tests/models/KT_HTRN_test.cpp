@@ -674,6 +674,65 @@ TEST_F(Training, NormalisedWeightsFollowTheWeights) {
     }
 }
 
+// --- normalised weights are lost, and how they come back ---
+
+// A model of one state around 0.
+int modelOf(GaussMixServer* mixture) {
+    const float one = 1.0f;
+    const float* row = &one;
+    return KTsInitContHMMServer(&row, &one, &mixture, 1, 1, KT_HMM_EXPONENTIAL);
+}
+
+// The ways that ktlp6.h gives: a new server normalises mixtures that are marked, and the second inversion marks them.
+int builtAnew(int id, bool markFirst) {
+    GaussMixServer* mixture = KTFindHMMServer(id)->mixtures[0]; // any pointer but null asks for the mixture
+    EXPECT_EQ(KTGetHMMProb(id, nullptr, nullptr, nullptr, nullptr, &mixture), 0);
+    if (markFirst) {
+        GaussMixServer* covariance = KTsInvertGaussianCovMatrix(mixture, 0);
+        KTsFreeGaussMixServer(mixture);
+        mixture = KTsInvertGaussianCovMatrix(covariance, KT_GAUSS_NORMALIZE);
+        KTsFreeGaussMixServer(covariance);
+    }
+    const int result = modelOf(mixture);
+    KTsFreeGaussMixServer(mixture);
+    return result;
+}
+
+TEST_F(Training, NormalisedModelsCompareAgainWhenTheyAreBuiltAnew) {
+    const double deviations[] = {0.2, 5.0};
+    std::mt19937 random(35);
+    std::vector<FrameData> data;
+    int before[2], trained[2], again[2], marked[2];
+    for (int k = 0; k < 2; ++k) {
+        std::normal_distribution<double> normal(0.0, deviations[k]);
+        std::vector<Rows> sequences(20);
+        for (Rows& frames : sequences)
+            for (int t = 0; t < 10; ++t)
+                frames.push_back({double(float(normal(random)))});
+        data.emplace_back(sequences);
+        const double inverse = 1 / (deviations[k] * deviations[k]);
+        GaussMixServer* mixture = makeMixture({{1.0}, {{0.0}}, {{{inverse}}}}, KT_GAUSS_NORMALIZE);
+        before[k] = modelOf(mixture);
+        KTsFreeGaussMixServer(mixture);
+        trained[k] = data.back().trainContinuous(before[k], 3);
+        again[k] = builtAnew(trained[k], false);
+        mixture = makeMixture({{1.0}, {{0.0}}, {{{inverse}}}});
+        marked[k] = builtAnew(data.back().trainContinuous(modelOf(mixture), 3), true);
+        KTsFreeGaussMixServer(mixture);
+    }
+    const auto narrowOnes = [&](const int(&ids)[2]) {
+        int count = 0;
+        for (std::size_t q = 0; q < 20; ++q)
+            count += KTsEvalContHMMForward(ids[0], data[0].tables[q], 10, nullptr) <
+                     KTsEvalContHMMForward(ids[1], data[0].tables[q], 10, nullptr);
+        return count;
+    };
+    EXPECT_EQ(narrowOnes(before), 20);
+    EXPECT_EQ(narrowOnes(trained), 0);
+    EXPECT_EQ(narrowOnes(again), 20);
+    EXPECT_EQ(narrowOnes(marked), 20);
+}
+
 TEST_F(Training, FlatView) {
     std::mt19937 random(25);
     std::vector<GaussMixServer*> mixtures = {makeMixture(randomMixture(random, 2, 3, true)),
