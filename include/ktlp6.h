@@ -1008,6 +1008,12 @@ KTL_API int KTReadHMMServer(FILE* stream, char* name);
  * 1e-6, or after maxIterations (below 1: 1000). pTolerance may be null; on success it receives the last change, so that
  * comparing it with the goal tells whether the training converged.
  *
+ * Finite data give finite models. Values beyond the floats in the only frame of a sequence leave
+ * it without influence, as they do in longer ones. Where backward variables, products or sums
+ * leave the doubles or floats, occupancies come from the forward variables alone, which takes
+ * several times as long; what is then still no finite float (with numbers that are no
+ * probabilities) keeps the value before.
+ *
  * -1: no such server, a server of another flavour or form, or memory ran out; everything made on the way is released then.
  * Nothing is reported, except by the mixture servers that continuous training makes, which report KT_StsNoMem.
  *
@@ -1018,7 +1024,15 @@ KTL_API int KTsTrainHMMBaumWelch(int hmm, const int* const* ppObservations, cons
 /* Continuous. Re-estimates start values, transitions, mixture weights and means; inverse covariances stay. A density counts
  * as weight * exp(-|q|) with a full inverse covariance and weight * exp(-|q| / 2) with a diagonal one, q being the quadratic
  * form; the weights are the normalised ones in the first iteration and the re-estimated ones from then on. A component that
- * receives no frames gets a mean of zeros, and a weight of zero stays zero. Weights do not enter the change. */
+ * receives no frames gets a mean of zeros, and a weight of zero stays zero. Weights do not enter the change.
+ *
+ * The re-estimated weights also take the place of the normalised ones, so that mixtures made with
+ * KT_GAUSS_NORMALIZE lose their determinants, and models with different covariances no longer
+ * compare: of two with variances of 0.04 and 25 the wide one then costs less for narrow data as
+ * well. Give all Gaussians of all models one inverse covariance, or build trained models anew:
+ * take the parameters with KTGetHMMProb, mixtures included, and make a server of them with
+ * KTsInitContHMMServer, which normalises again what KT_GAUSS_NORMALIZE marks. Mixtures that were
+ * not made so are marked by KTsInvertGaussianCovMatrix, twice, with that flag the second time. */
 KTL_API int KTsTrainContHMMBaumWelch(int hmm, const float* const* const* pppFrames, const int* pFrames,
                                      int nSequences, int maxIterations, float* pTolerance);
 
