@@ -20,12 +20,12 @@ struct CityBlock {
 
 // Local distances between a test frame and the run of pattern frames that begins at column j.
 template <class Metric>
-VSQ_INLINE Costs localDistances(const DtwGrid& grid, long long stride, const double* frame, int j) {
+VSQ_INLINE Wide localDistances(const DtwGrid& grid, long long stride, const double* frame, int j) {
     const double* column = grid.pattern + j;
     Wide sum = splat<double, dtwRun>(0.0);
     for (int k = 0; k < grid.nDim; ++k, column += stride)
         sum = sum + Metric::term(load<double, dtwRun>(column) - splat<double, dtwRun>(frame[k]));
-    return convert<float>(Metric::finish(sum));
+    return Metric::finish(sum);
 }
 
 // Columns between which a row may hold cells that are not dropped; none where first > last.
@@ -88,7 +88,7 @@ VSQ_INLINE Range firstRow(const DtwGrid& grid, long long stride, float* cost, in
     const int last = grid.bounds[1];
     Range alive = noColumns;
     for (int j = 0; j <= last; j += dtwRun) {
-        const Costs local = localDistances<Metric>(grid, stride, grid.test, j);
+        const Costs local = convert<float>(localDistances<Metric>(grid, stride, grid.test, j));
         const Flags valid = inside(j, last);
         const Flags drop = limit <= local;
         if (anyLane(select(drop, splat<std::int32_t, dtwRun>(0), valid))) extend(alive, j, last);
@@ -115,7 +115,7 @@ VSQ_INLINE Range middleRow(const DtwGrid& grid, long long stride, int i, int fro
         Costs sum = select(valid, select(drop, dead(), best.cost), dead());
         if (anyLane(select(drop, splat<std::int32_t, dtwRun>(0), valid))) {
             extend(alive, j, row.last);
-            const Costs local = localDistances<Metric>(grid, stride, frame, j);
+            const Costs local = convert<float>(localDistances<Metric>(grid, stride, frame, j));
             sum = select(sum < dead(), sum + local, sum);
         }
         store(newCost + j, sum);
@@ -125,7 +125,8 @@ VSQ_INLINE Range middleRow(const DtwGrid& grid, long long stride, int i, int fro
     return alive;
 }
 
-// The smallest cost of a path's end, or the threshold where none is below it.
+// The smallest cost of a path's end, or the threshold where none is below it. Here alone the local distance
+// is added before it is rounded.
 template <class Metric>
 VSQ_INLINE double lastRow(const DtwGrid& grid, long long stride, int from, Range row) {
     const double* frame = grid.test + static_cast<std::ptrdiff_t>(grid.nRows - 1) * grid.nDim;
@@ -137,7 +138,8 @@ VSQ_INLINE double lastRow(const DtwGrid& grid, long long stride, int from, Range
         const Flags valid = inside(j, row.last);
         const Flags hopeless = clamp <= best.cost; // a distance is never negative
         if (!anyLane(select(hopeless, splat<std::int32_t, dtwRun>(0), valid))) continue;
-        const Costs cost = localDistances<Metric>(grid, stride, frame, j) + best.cost;
+        const Wide local = localDistances<Metric>(grid, stride, frame, j);
+        const Costs cost = convert<float>(local + convert<double>(best.cost));
         smallest = smaller(select(valid, select(cost < clamp, cost, none), none), smallest);
     }
     const float result = smallestLane(smallest);

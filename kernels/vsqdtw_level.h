@@ -44,8 +44,8 @@ struct DtwGrid {
 struct DtwKernels {
     // Cost of the best path whose every step goes one row up and 0, 1 or 2 columns on, never two steps of 0
     // in a row. Ties go to the step of 1. A cell whose best predecessor has reached the threshold is dropped.
-    // Costs are float sums, each local distance is computed in double precision and rounded once; all levels
-    // give the same bits.
+    // Costs are floats. A local distance is computed in double precision and rounded to float before it is
+    // added, but for the last row, which rounds the sum alone. All levels give the same bits.
     double (*evaluate)(const DtwGrid& grid);
 
     // Lays out a pattern's rows by dimension; `columns` has room for dtwPatternSize(nFrames, nDim).

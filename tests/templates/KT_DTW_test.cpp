@@ -259,6 +259,19 @@ TEST_F(Dtw, PatternsThatRanOutStillCompete) {
     EXPECT_EQ(results[1], 2.0);
 }
 
+// The last step adds an unrounded distance: 2^-24 and a little lifts 1 to the next float, 2^-24 alone, what
+// the distance would be as a float, does not.
+TEST_F(Dtw, TheLastRowRoundsOnce) {
+    support::onEveryLevel([this] {
+        Speech pattern(2, 2), test(2, 2);
+        test.frames = {{1, 0}, {0x1p-24f, 0x1p-36f}};
+        for (int i = 0; i < 2; ++i)
+            test.rows[std::size_t(i)] = test.frames[std::size_t(i)].data();
+        EXPECT_EQ(compare(pattern, test, KT_DTW_FIXED_ENDS), 1 + 0x1p-23);
+        EXPECT_EQ(compare(pattern, test, KT_DTW_FIXED_ENDS | KT_DTW_NORM_L1), 1 + 0x1p-23);
+    });
+}
+
 // A threshold that is no float: a cost of exactly its rounding upwards is dropped, and the result is the
 // double.
 TEST_F(Dtw, ThresholdsAreComparedAsDoubles) {
@@ -476,6 +489,20 @@ TEST_F(Dtw, FixedPointIsTheFloatComputationOnRealValues) {
             KTwPatternFree(handle);
         }
     });
+}
+
+// The same real values as in the float form's test of this name, each side at a scale of its own.
+TEST_F(Dtw, FixedPointLastRowRoundsOnce) {
+    Utterance<short> pattern(2, 2), test(2, 2);
+    pattern.rows[0][0] = 1;
+    test.rows[1][0] = 4096;
+    test.rows[1][1] = 1;
+    const int handle = keepFixed(pattern, 0);
+    for (int flags : {KT_DTW_FIXED_ENDS, KT_DTW_FIXED_ENDS | KT_DTW_NORM_L1}) {
+        int result = 0, scale = 0;
+        KTwEvalDTW(&handle, 1, test.rows.data(), 2, 2, -36, flags, 0, 0, 0, &result, KT_AutoScale, &scale);
+        EXPECT_EQ(std::ldexp(double(result), scale), 1 + 0x1p-23);
+    }
 }
 
 // Converted results are equal here, but the index was settled on the doubles.
