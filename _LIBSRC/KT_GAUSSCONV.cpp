@@ -15,8 +15,11 @@ namespace {
 
 constexpr char allocName[] = "KTsInitGaussMixServer"; // under which both conversions report exhaustion
 
+// The factor may be beyond a double: infinite from 2^1024 on, where every element but 0 is beyond 16 bits, and
+// 0 below 2^-1074, where infinity alone is. Neither an element of 0 nor an infinite one meets such a factor.
 short saturated(float value, int scale, double factor) {
-    const double u = double(value) * factor;
+    if (value == 0.0f) return 0;
+    const double u = std::isinf(value) ? double(value) : double(value) * factor;
     if (u >= 32767.0) return 0x7FFF;
     if (u < -32767.0) return -0x7FFF;
     return KTswConvertDown(value, KT_FixedScale, &scale);
@@ -41,20 +44,13 @@ bool acceptable(const GaussMixServer* server, int forbiddenFlag, const char* ref
     return true;
 }
 
-double diagonalDeterminant(const float* diagonal, int n) {
-    ScaledProduct product{1.0, 0};
-    for (int i = 0; i < n; ++i)
-        product.times(double(diagonal[i]));
-    return product.value();
-}
-
 // Divides each weight by what KT_GAUSS_NORMALIZE had folded into it.
 template <class DeterminantOf>
 void divideWeights(GaussMixServer* server, const DeterminantOf& determinantOf) {
     for (int k = 0; k < server->nMix; ++k) {
-        const double det = determinantOf(k);
+        const ScaledProduct det = determinantOf(k);
         float& weight = weights<float>(server)[k];
-        if (det != 0.0) weight = float(double(weight) / std::sqrt(std::fabs(det)));
+        if (det.part != 0.0) weight = float(overRoot(double(weight), det));
     }
 }
 
