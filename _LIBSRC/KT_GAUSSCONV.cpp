@@ -31,13 +31,13 @@ void convertDown(const float* src, short* dst, std::ptrdiff_t n, int scale) {
         dst[i] = saturated(src[i], scale, factor);
 }
 
-// One report's worth of checks, the same for both directions.
-bool acceptable(const GaussMixServer* server, int forbiddenFlag, const char* refusal, const char* funcName) {
+// One report's worth of checks, the same for both directions. Where flags were lost, what is there decides.
+bool acceptable(const GaussMixServer* server, bool wrongFlavour, const char* refusal, const char* funcName) {
     if ((server->pppInverseCov == nullptr) == (server->ppInverseCovD == nullptr)) {
         module.report(KT_StsBadArg, bothOrNeither, funcName);
         return false;
     }
-    if ((server->flags & forbiddenFlag) != 0) {
+    if (wrongFlavour) {
         module.report(KT_StsBadArg, refusal, funcName);
         return false;
     }
@@ -81,8 +81,9 @@ using namespace ktl::gauss;
 
 GaussMixServer* KTswConvertGaussMixServer(GaussMixServer* flser, int weightScale, int meanScale,
                                           int invCovScale) {
-    if (flser == nullptr || !acceptable(flser, GAUSS_SERVER_FVR_W, "flser->flags&GAUSS_SERVER_FVR_W",
-                                        "KTswConvertGaussMixfServer"))
+    if (flser == nullptr) return nullptr;
+    const bool fixed = (flser->flags & GAUSS_SERVER_FVR_W) != 0 || !isFloat(flser);
+    if (!acceptable(flser, fixed, "flser->flags&GAUSS_SERVER_FVR_W", "KTswConvertGaussMixfServer"))
         return nullptr;
     const Shape shape = shapeOf(flser);
     GaussMixServer* shser = createOrReport<short>(shape, allocName);
@@ -99,8 +100,9 @@ GaussMixServer* KTswConvertGaussMixServer(GaussMixServer* flser, int weightScale
 
 GaussMixServer* KTwsConvertGaussMixServer(GaussMixServer* shser, int weightScale, int meanScale,
                                           int invCovScale) {
-    if (shser == nullptr || !acceptable(shser, GAUSS_SERVER_FVR_S, "shser->flags&GAUSS_SERVER_FVR_S",
-                                        "KTwsConvertGaussMixfServer"))
+    if (shser == nullptr) return nullptr;
+    const bool floats = (shser->flags & GAUSS_SERVER_FVR_S) != 0 || isFloat(shser);
+    if (!acceptable(shser, floats, "shser->flags&GAUSS_SERVER_FVR_S", "KTwsConvertGaussMixfServer"))
         return nullptr;
     const Shape shape = shapeOf(shser);
     GaussMixServer* flser = createOrReport<float>(shape, allocName);

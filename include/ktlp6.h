@@ -705,7 +705,9 @@ KTL_API void KTFreeGaussTbls(void);
 KTL_API void KTWriteGaussMixServer(FILE* pFile, GaussMixServer* pServer);
 
 /* Reads a server from the stream's position and leaves the stream right behind it. Returns the server, which
- * the caller frees, or null. A stream that ends, another tag, or sizes that contradict each other give null
+ * the caller frees, or null. The record stays as the file has it, but for KT_GAUSS_BLOCK, which a float server
+ * gets and a fixed one loses. A stream that ends, another tag, sizes that contradict each other, a fixed
+ * server without GAUSS_SERVER_FVR_W and a KT_GAUSS_FULL that contradicts the stored covariance give null
  * without a report and without a change of the status. Reports -5 "One of InverseCov or InverseCovD must be
  * NULL and the other non NULL" when the record says so, and -4 "insufficiency of memory for pointer  ptr".
  * Memory is taken as data comes in, so a damaged size takes no more than the stream holds. */

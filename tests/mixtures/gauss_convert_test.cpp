@@ -261,6 +261,22 @@ TEST(Convert, RefusesTheFlavourThatItMakes) {
     expectReport(reports, -5, "shser->flags&GAUSS_SERVER_FVR_S", "KTwsConvertGaussMixfServer");
 }
 
+// Whatever became of their flags: a fixed server has no normalised weights to convert.
+TEST(Convert, GoesByWhatIsThereWhereFlagsAreLost) {
+    std::mt19937 random(68);
+    auto words = randomFixedMixture(random, 2, 2, false);
+    const Server fixed = words.server(), floats = single(1, 1, 1).server();
+    fixed->flags = floats->flags = 0;
+    {
+        support::CapturedReports reports;
+        EXPECT_EQ(down(fixed, 0, 0, 0), nullptr);
+        expectReport(reports, -5, "flser->flags&GAUSS_SERVER_FVR_W", "KTswConvertGaussMixfServer");
+    }
+    support::CapturedReports reports;
+    EXPECT_EQ(up(floats, 0, 0, 0), nullptr);
+    expectReport(reports, -5, "shser->flags&GAUSS_SERVER_FVR_S", "KTwsConvertGaussMixfServer");
+}
+
 TEST(Convert, RefusesServersWithBothOrNeitherCovariance) {
     const char text[] = "One of InverseCov or InverseCovD must be NULL and the other non NULL";
     std::mt19937 random(65);
