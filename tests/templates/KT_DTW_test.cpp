@@ -581,3 +581,82 @@ TEST_F(Dtw, FixedPointEveryFailedAllocationIsReported) {
     EXPECT_EQ(result, 1);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
 }
+
+// --- handlers that clean up, or make something, while a call goes on ---
+
+namespace {
+
+// Empties both stores and puts one pattern of its own into each.
+int restock(int status, const char*, const char*, const char*, int) {
+    static bool busy = false;
+    if (busy) return status;
+    busy = true;
+    KTsPatternFreeAll();
+    KTwPatternFreeAll();
+    float value = 5, *row = &value;
+    short fixed = 5, *fixedRow = &fixed;
+    KTsPatternIni(&row, 1, 1);
+    KTwPatternIni(&fixedRow, 1, 1, 0);
+    busy = false;
+    return status;
+}
+
+class DtwHandler : public Dtw {
+protected:
+    ~DtwHandler() override { KTRedirectError(previous); }
+
+    // Every failed allocation of the operation reports to the handler, which may take away what the
+    // operation began with.
+    template <class Operation>
+    void failEach(Operation operation) {
+        for (int n = 1;; ++n) {
+            KTsPatternFreeAll();
+            KTwPatternFreeAll();
+            for (int i = 0; i < 63; ++i) { // the next one makes the index grow
+                keep(pattern);
+                KTwPatternIni(fixedRows, 2, 1, 0);
+            }
+            support::alloc::arm(n);
+            operation();
+            const bool failed = support::alloc::failed();
+            support::alloc::disarm();
+            if (!failed) return;
+            EXPECT_EQ(KTGetStatus(), KT_StsNoMem) << n;
+        }
+    }
+
+    Speech pattern = line({1, 2});
+    short fixed[2] = {1, 2}, *fixedRows[2] = {fixed, fixed + 1};
+    const KTErrorHandler previous = KTRedirectError(restock);
+};
+
+} // namespace
+
+TEST_F(DtwHandler, MayReleaseEveryPatternWhereMemoryRunsOut) {
+    failEach([&] { keep(pattern); });
+    failEach([&] { KTwPatternIni(fixedRows, 2, 1, 0); });
+    const int handles[] = {1, 63, 2};
+    double results[3];
+    failEach([&] { KTsEvalDTW(handles, 3, pattern.rows.data(), 2, 1, 0, 0, 0, results); });
+    int fixedResults[3];
+    failEach(
+        [&] { KTwEvalDTW(handles, 3, fixedRows, 2, 1, 0, 0, 0, 0, 0, fixedResults, KT_NoScale, nullptr); });
+}
+
+TEST_F(DtwHandler, MayFillTheEmptyStoreThatItHearsOf) {
+    Speech test = line({5});
+    const int handles[] = {1, 1, 2};
+    double results[3];
+    EXPECT_EQ(KTsEvalDTW(handles, 3, test.rows.data(), 1, 1, 0, 0, 0, results), 1);
+    EXPECT_EQ(results[0], notAdmitted);
+    EXPECT_EQ(results[1], 0.0);
+    EXPECT_EQ(results[2], notAdmitted);
+    KTwPatternFreeAll();
+    short value = 5, *rows[] = {&value};
+    int fixedResults[3];
+    EXPECT_EQ(KTwEvalDTW(handles, 3, rows, 1, 1, 0, 0, 0, 0, 0, fixedResults, KT_Saturate, nullptr), 1);
+    EXPECT_EQ(fixedResults[1], 0);
+    KTsPatternFreeAll();
+    EXPECT_EQ(KTsPatternFree(1), -1); // made by the first of the two reports
+    EXPECT_EQ(KTsPatternsNumber(), 1);
+}
