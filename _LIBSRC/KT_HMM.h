@@ -93,6 +93,9 @@ struct HMMClass {
     HMMClassChunk* head;
     HMMClassChunk* cursorChunk;
     int cursorIndex;
+    HMMClassChunk** chunks; // the chunks in their order, so that an id finds its own by halving
+    int nChunks;
+    int chunkRoom; // pointers that `chunks` has room for
 };
 
 HMMClass* KTFindHMMClass(int classId);
