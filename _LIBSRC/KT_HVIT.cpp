@@ -204,12 +204,12 @@ bool evaluate(int hmm, const Outputs& outputs, int nFrames, int* pBest, typename
 template <class Form>
 bool evaluateSemicont(int hmm, const typename Form::Feature* const* frames, int nFrames, int* pBest,
                       const char* funcName, typename Form::Cost* best) {
-    if (!hmm::ServerWalk(hmm).isKnown() || nFrames < 1) return false;
-    // the report of an empty codebook carries the float operation's name in both forms
+    // An empty codebook is reported before anything else is looked at; in both forms under the float operation's name.
     const SemicontCodebook* codebook =
         hmm::codebookWithDensities(module, Form::isFixed, "KTsEvalSemicontHMMViterbi");
+    if (codebook == nullptr || !hmm::ServerWalk(hmm).isKnown() || nFrames < 1) return false;
     hmm::DensityTable<typename Form::Feature> densities;
-    if (codebook == nullptr || !densities.evaluate(codebook, frames, nFrames)) return false;
+    if (!densities.evaluate(codebook, frames, nFrames)) return false;
     return evaluate<Form>(hmm, Semicontinuous<Form>(codebook, &densities, funcName), nFrames, pBest, best);
 }
 

@@ -937,7 +937,8 @@ KTL_API int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int n
  * values, transitions and the outputs of discrete models; weights of densities and mixtures are the same in both domains.
  * The topology stays what it is. Refused: "!(ser->status&HMM_SERVER_FLOAT)", "!(ser->status&KT_HMM_LOGARITHMIC)",
  * "!(ser->status&KT_HMM_EXPONENTIAL)". Probability 0 becomes an infinite cost; a cost of 30 becomes 1e-30. When memory runs
- * out while transitions are being rewritten, an unchanged copy of the source stays registered. */
+ * out while transitions are being rewritten, a copy of the source stays registered, of which only the initial values have
+ * been transformed. */
 KTL_API int KTsExpHMMServer(int hmm);
 KTL_API int KTsLogHMMServer(int hmm);
 

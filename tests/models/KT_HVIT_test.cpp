@@ -387,7 +387,11 @@ TEST_F(Viterbi, NoRegistry) {
 }
 
 TEST_F(Viterbi, UnknownIdsAndHmmZero) {
-    KTSetHMMMode(0);
+    std::mt19937 random(15);
+    auto densities = floatServers(random, 2, 2, 1, false),
+         fixedDensities = fixedServers(random, 2, 2, 1, false);
+    ASSERT_EQ(KTsInitSemicontCodebook(densities.table.data(), 2, 2, 0), 1);
+    ASSERT_EQ(KTwInitSemicontCodebook(fixedDensities.table.data(), 2, 2, 0), 1);
     const int symbol = 0;
     const float* frame = nullptr;
     const short* words = nullptr;
@@ -468,7 +472,8 @@ TEST_F(Viterbi, CodebookWithoutDensities) {
     KTSetHMMMode(0);
     const Rows<float> frames{{0, 0}};
     const Rows<short> words{{0, 0}};
-    for (const int hmm : {0, -KTCreateHMMClass()}) {
+    // before the server or the class is looked for, and whatever the number of frames
+    for (const int hmm : {0, -KTCreateHMMClass(), -5, 5, INT_MIN}) {
         support::CapturedReports reports;
         int best = -7, scale = 4;
         EXPECT_EQ(KTsEvalSemicontHMMViterbi(hmm, pointers(frames).data(), 1, &best), floatFailure);
