@@ -112,6 +112,7 @@ struct OutputShape {
     std::size_t elementSize;
 
     static OutputShape of(unsigned status, int nStates, int nSymbols);
+    bool operator==(const OutputShape&) const = default;
     std::size_t elements() const { return std::size_t(rows) * std::size_t(stride); }
 };
 
