@@ -287,8 +287,8 @@ private:
 
     bool convertMixtures() {
         if ((source->status & HMM_SERVER_CONT) == 0 || source->mixtures == nullptr) return true;
-        target->status |= HMM_SERVER_OWNS_MIXTURES;
-        bool failed = false; // a status that was negative before counts, too
+        target->holdsMixtures = true; // whatever the source's status says, they are made here
+        bool failed = false;          // a status that was negative before counts, too
         const bool filled = ownFillMixtures(target, source->nStates, [&](int i) {
             GaussMixServer* mixture = direction.mixture(source->mixtures[i]);
             failed = failed || KTGetStatus() < 0;

@@ -137,7 +137,7 @@ int create(const Request& request) {
 
 void freeMixtures(HMMServer* server) {
     if ((server->status & HMM_SERVER_CONT) == 0 || server->mixtures == nullptr) return;
-    if ((server->status & HMM_SERVER_OWNS_MIXTURES) != 0)
+    if (ownsMixtures(server))
         for (int i = 0; server->mixtures[i] != nullptr; ++i)
             KTsFreeGaussMixServer(server->mixtures[i]);
     std::free(server->mixtures);
@@ -168,7 +168,8 @@ bool copyOutputs(const HMMServer* source, HMMServer* target) {
 
 bool copyMixtures(const HMMServer* source, HMMServer* target) {
     if ((source->status & HMM_SERVER_CONT) == 0 || source->mixtures == nullptr) return true;
-    const bool owns = (source->status & HMM_SERVER_OWNS_MIXTURES) != 0;
+    const bool owns = ownsMixtures(source);
+    target->holdsMixtures = source->holdsMixtures;
     return ownFillMixtures(target, source->nStates, [=](int i) {
         return owns ? ownCopyMixture(source->mixtures[i]) : source->mixtures[i];
     });

@@ -27,8 +27,11 @@ struct HMMServer {
     int scale;
     int reserved0;
     int reserved1; // carried by copies and conversions
+
+    // Behind the file's words: whether the mixtures are the server's own where the status does not say so.
+    bool holdsMixtures;
 };
-static_assert(sizeof(void*) != 4 || sizeof(HMMServer) == 64, "the record of a 32-bit build");
+static_assert(sizeof(void*) != 4 || offsetof(HMMServer, holdsMixtures) == 64, "the record of a 32-bit build");
 
 // Bits of KTContext::hmmMode beside the public KT_HMM_REPLACE and KT_HMM_KEEP.
 inline constexpr unsigned HMM_MODE_READY = 0x01000000u; // the registry exists
@@ -109,6 +112,12 @@ void removeFromHMMClass(HMMClass* group, int id); // nothing happens where the i
 HMMServer* nextHMMInClass(HMMClass* group);       // null at the end
 
 // --- creation (KT_HMAN) ---
+
+// Whether a server's mixtures are released, and copied, with it. Its status says so, except that a file's status word is
+// kept as it is, and mixtures that are made for a server belong to it all the same.
+inline bool ownsMixtures(const HMMServer* server) {
+    return (server->status & HMM_SERVER_OWNS_MIXTURES) != 0 || server->holdsMixtures;
+}
 
 // Frees a record that is in no list, complete or half built. `mixtures` ends with a null entry.
 void ownFreeHMMRecord(HMMServer* server);
