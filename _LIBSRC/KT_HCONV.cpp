@@ -76,11 +76,13 @@ void* transitionsOfDomain(const HMMServer* server, unsigned newStatus) {
     return block;
 }
 
-// Changes a server in place that nobody knows of yet. False when memory ran out for the rewritten
-// transitions: nothing has been changed then.
+// Changes a server in place that nobody knows of yet. False when memory ran out for the rewritten transitions: the
+// initial values alone have changed then.
 template <class Domain>
 bool changeDomain(HMMServer* server) {
     const unsigned newStatus = (server->status ^ hmmDomainBits) & ~HMM_SERVER_TILED;
+    if (server->initials != nullptr)
+        applyTo<Domain>(hmm::floats(server->initials), std::size_t(server->nStates));
     if (server->transitions != nullptr) {
         void* rewritten = transitionsOfDomain(server, newStatus);
         if (rewritten == nullptr) return false;
@@ -88,8 +90,6 @@ bool changeDomain(HMMServer* server) {
         server->transitions = rewritten;
     }
     server->status = newStatus;
-    if (server->initials != nullptr)
-        applyTo<Domain>(hmm::floats(server->initials), std::size_t(server->nStates));
     if (server->transitions != nullptr)
         applyTo<Domain>(hmm::floats(server->transitions), hmm::TransitionMap::of(*server).size());
     if ((newStatus & HMM_SERVER_DISCRETE) == 0 || server->outputs == nullptr) return true;
@@ -110,7 +110,7 @@ int transformed(int hmm) {
     const int id = KTCopyHMMServer(hmm);
     HMMServer* copy = KTFindHMMServer(id); // gone again where the thread's status was negative before
     if (copy == nullptr) return -1;
-    // a plain copy stays registered here; the only failure of the family that leaves a server behind
+    // the copy stays registered here, its initial values transformed; the only failure that leaves a server behind
     if (!changeDomain<Domain>(copy)) return -1;
     if (!ownTileIfWanted(copy)) {
         KTFreeHMMServer(id);
@@ -289,8 +289,8 @@ private:
 
     bool convertMixtures() {
         if ((source->status & HMM_SERVER_CONT) == 0 || source->mixtures == nullptr) return true;
-        target->status |= HMM_SERVER_OWNS_MIXTURES;
-        bool failed = false; // a status that was negative before counts, too
+        target->holdsMixtures = true; // whatever the source's status says, they are made here
+        bool failed = false;          // a status that was negative before counts, too
         const bool filled = ownFillMixtures(target, source->nStates, [&](int i) {
             GaussMixServer* mixture = direction.mixture(source->mixtures[i]);
             failed = failed || KTGetStatus() < 0;

@@ -94,9 +94,11 @@ void discard(void*& block) {
 template <class Form>
 bool Setting<Form>::setTransitions(Rows<Form> trans) {
     const unsigned topology = classify<Form>(trans, nStates, costs());
-    if (nStates != server->nStates || topology != (status & hmmTopologyBits)) discard(server->transitions);
+    const bool isReused = nStates == server->nStates && topology == (status & hmmTopologyBits);
     status = (status & ~(hmmTopologyBits | HMM_SERVER_TILED)) | topology;
     const hmm::TransitionMap map{hmm::topologyOf(status), hmm::orderOf(status), nStates};
+    // the status that was given need not tell how the array is laid out
+    if (!isReused || map.size() != hmm::TransitionMap::of(*server).size()) discard(server->transitions);
     if (server->transitions == nullptr) server->transitions = hmm::allocateArray(map.size(), sizeof(Stored));
     if (server->transitions == nullptr) return false;
     Stored* target = start(server->transitions);
@@ -152,8 +154,9 @@ void Setting<Form>::storeDiscrete(Rows<Form> out, const hmm::OutputShape& shape,
 template <class Form>
 bool Setting<Form>::setOutputs(const void* out) {
     using Input = typename Form::Input;
-    if (nStates != server->nStates || nSymbols != server->nSymbols) discard(server->outputs);
     const hmm::OutputShape shape = hmm::OutputShape::of(status, nStates, nSymbols);
+    if (shape != hmm::OutputShape::of(server->status, server->nStates, server->nSymbols))
+        discard(server->outputs);
     if (server->outputs == nullptr) server->outputs = hmm::allocateOutputs(shape, alignment());
     if (server->outputs == nullptr) return false;
     const auto rows = static_cast<Rows<Form>>(out);
@@ -166,8 +169,9 @@ bool Setting<Form>::setOutputs(const void* out) {
 
 template <class Form>
 bool Setting<Form>::setInitials(const typename Form::Input* initial) {
-    if (nStates != server->nStates) discard(server->initials);
     const int length = hmm::initialsLength(status, nStates);
+    if (nStates != server->nStates || length != hmm::initialsLength(server->status, nStates))
+        discard(server->initials);
     if (server->initials == nullptr)
         server->initials = hmm::allocateArray(std::size_t(length), sizeof(Stored));
     if (server->initials == nullptr) return false;

@@ -122,8 +122,12 @@ bool takeOver(HMMServer* server, const Request& request) {
     const auto make = [](const GaussMixServer* source) {
         return source != nullptr ? ownMixture(source, source->flags | KT_GAUSS_BLOCK) : nullptr;
     };
-    return request.mixtures != nullptr &&
-           ownFillMixtures(server, request.nStates, [&](int i) { return make(request.mixtures[i]); });
+    if (request.mixtures == nullptr ||
+        !ownFillMixtures(server, request.nStates, [&](int i) { return make(request.mixtures[i]); }))
+        return false;
+    // where memory ran out for an array the status was not committed
+    server->holdsMixtures = (server->status & HMM_SERVER_CONT) == 0;
+    return true;
 }
 
 int create(const Request& request, const char* funcName) {
@@ -147,12 +151,6 @@ int create(const Request& request, const char* funcName) {
 }
 
 // --- release and copy ---
-
-// Mixtures are a server's own where its word says so, and where the word is still to come: the
-// parameters of a continuous one for which memory ran out were never committed.
-bool ownsMixtures(const HMMServer* server) {
-    return (server->status & HMM_SERVER_CONT) == 0 || (server->status & HMM_SERVER_OWNS_MIXTURES) != 0;
-}
 
 // A copy of the elements behind the aligned start; the source may be missing, as after a failed allocation.
 bool copyArray(void* source, void*& target, std::size_t count, std::size_t elementSize,
@@ -178,7 +176,8 @@ bool copyOutputs(const HMMServer* source, HMMServer* target) {
 
 bool copyMixtures(const HMMServer* source, HMMServer* target) {
     if ((source->status & HMM_SERVER_CONT) == 0 || source->mixtures == nullptr) return true;
-    const bool owns = (source->status & HMM_SERVER_OWNS_MIXTURES) != 0;
+    const bool owns = ownsMixtures(source);
+    target->holdsMixtures = source->holdsMixtures;
     return ownFillMixtures(target, source->nStates, [=](int i) {
         return owns ? ownCopyMixture(source->mixtures[i]) : source->mixtures[i];
     });

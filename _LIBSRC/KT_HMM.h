@@ -30,8 +30,10 @@ struct HMMServer {
     int reserved1; // carried by copies and conversions
 
     // Of this process alone, behind what files hold: the operations in progress that keep the bare
-    // record, see HeldHMMServer.
+    // record, see HeldHMMServer; and whether the mixtures are the server's own where the status does
+    // not say so.
     int nHolds;
+    bool holdsMixtures;
 };
 static_assert(sizeof(void*) != 4 || offsetof(HMMServer, nHolds) == 64, "the record of a 32-bit build");
 
@@ -98,6 +100,9 @@ struct HMMClass {
     HMMClassChunk* head;
     HMMClassChunk* cursorChunk;
     int cursorIndex;
+    HMMClassChunk** chunks; // the chunks in their order, so that an id finds its own by halving
+    int nChunks;
+    int chunkRoom; // pointers that `chunks` has room for
 };
 
 HMMClass* KTFindHMMClass(int classId);
@@ -111,6 +116,12 @@ void removeFromHMMClass(HMMClass* group, int id); // nothing happens where the i
 HMMServer* nextHMMInClass(HMMClass* group);       // null at the end
 
 // --- creation (KT_HMAN) ---
+
+// Whether a server's mixtures are released, and copied, with it. Its status says so, except that a file's status word is
+// kept as it is, and mixtures that are made for a server belong to it all the same.
+inline bool ownsMixtures(const HMMServer* server) {
+    return (server->status & HMM_SERVER_OWNS_MIXTURES) != 0 || server->holdsMixtures;
+}
 
 // Frees a record that is in no list, complete or half built. `mixtures` ends with a null entry.
 // While the record is held, it stays, empty.

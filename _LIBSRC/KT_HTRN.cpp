@@ -115,7 +115,7 @@ private:
 class Continuous {
 public:
     using Sequence = const float* const*;
-    static constexpr unsigned kind = HMM_SERVER_CONT | HMM_SERVER_FLOAT | HMM_SERVER_OWNS_MIXTURES;
+    static constexpr unsigned kind = HMM_SERVER_CONT | HMM_SERVER_FLOAT;
 
     Continuous() = default;
     Continuous(const Continuous&) = delete;
@@ -123,7 +123,7 @@ public:
     ~Continuous() { ownsFreeFlatMixtures(view); }
 
     bool prepare(const HMMServer* model, int longest) {
-        if (!proceed(model)) return false;
+        if (!ownsMixtures(model) || !proceed(model)) return false; // a copy would share its mixtures
         const auto components = std::size_t(view->codebook.nSymbols);
         means = ktl::Scratch<float*>(components);
         return means && outProbs.allocate(longest, model->nStates) &&
