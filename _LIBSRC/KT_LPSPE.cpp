@@ -30,6 +30,8 @@ constexpr signed char fixedLimits[largestOrder + 1] = {0,  1,  3,  7,  15, 13, 1
                                                        13, 12, 12, 12, 12, 13, 15, 17, 18, 19, 20,
                                                        21, 21, 21, 21, 21, 21, 21, 21, 21};
 
+constexpr int mostDirect = 22; // the largest of the limits
+
 constexpr int transformFlags = 0x201; // forward, the Nyquist term in element 1
 constexpr int fixedRoundMode = 0x2000;
 
@@ -139,13 +141,21 @@ short sumOf(short a, short b) {
     return static_cast<short>(std::clamp(a + b, -32768, 32767));
 }
 
-// -1 (in the coefficients' scale) and the coefficients, padded with zeros to `length`. Coefficients beyond
-// the length come round again, as their frequencies do.
+// By the kernels, which refuse a source that is not there.
+void copyAll(const float* src, float* dst, int n) {
+    vsqsbCopy(src, dst, n);
+}
+void copyAll(const short* src, short* dst, int n) {
+    vsqwbCopy(src, dst, n);
+}
+
+// -1 (in the coefficients' scale) and the coefficients, one or more, padded with zeros to `length`.
+// Coefficients beyond the length come round again, as their frequencies do.
 template <class T>
 void fillInput(T* v, T minusOne, const T* coef, int nCoef, std::int64_t length) {
     v[0] = minusOne;
-    const std::int64_t direct = std::min<std::int64_t>(std::max(nCoef, 0), length - 1);
-    std::copy_n(coef, direct, v + 1);
+    const std::int64_t direct = std::min<std::int64_t>(nCoef, length - 1);
+    copyAll(coef, v + 1, static_cast<int>(direct));
     std::fill_n(v + 1 + direct, length - 1 - direct, T(0));
     for (std::int64_t i = direct; i < nCoef; ++i)
         v[(i + 1) % length] = sumOf(v[(i + 1) % length], coef[i]);
@@ -195,7 +205,9 @@ bool evaluateFloats(const float* coef, int nCoef, float* spec, int fftOrder) {
                       "KTsLPSpectrum");
         return false;
     }
-    vsq::kernels().lpc->floatPower(alignedArea<float>(lp.sLPTwiddle), n, coef, nCoef, spec);
+    float own[mostDirect]; // the spectrum may take the place of the coefficients
+    std::copy_n(coef, std::max(nCoef, 0), own);
+    vsq::kernels().lpc->floatPower(alignedArea<float>(lp.sLPTwiddle), n, own, nCoef, spec);
     takeRoots(spec, n);
     return true;
 }
@@ -258,6 +270,14 @@ bool refusesOrder(int fftOrder, const char* funcName) {
     return true;
 }
 
+// Coefficients that the direct sum would read from nowhere; the transform's copy refuses them by
+// itself.
+bool refusesCoefficients(const void* coef, int nCoef, const char* funcName) {
+    if (coef != nullptr || nCoef <= 0) return false;
+    module.report(KT_StsBadArg, "pCoef==0", funcName);
+    return true;
+}
+
 } // namespace
 
 void* KTsCalcLPTwiddle(int limit, int N) {
@@ -270,6 +290,7 @@ void* KTwCalcLPTwiddle(int limit, int N) {
 void KTsLPSpectrum(const float* pCoef, int nCoef, float* pSpec, int fftOrder, float gain) {
     if (refusesOrder(fftOrder, "KTsLPSpectrum")) return;
     const bool isDirect = nCoef <= floatLimits[fftOrder];
+    if (isDirect && refusesCoefficients(pCoef, nCoef, "KTsLPSpectrum")) return;
     if (isDirect ? evaluateFloats(pCoef, nCoef, pSpec, fftOrder)
                  : transformFloats(pCoef, nCoef, pSpec, fftOrder))
         invert(pSpec, 1 << fftOrder, gain);
@@ -280,6 +301,8 @@ void KTsLPSpectrum(const float* pCoef, int nCoef, float* pSpec, int fftOrder, fl
 void KTwLPSpectrum(const short* pCoef, int nCoef, short* pSpec, int fftOrder, float gain, int inScale,
                    int outMode, int* pOutScale) {
     if (refusesOrder(fftOrder, "KTwLPSpectrum")) return;
+    const bool isDirect = nCoef <= fixedLimits[fftOrder];
+    if (isDirect && refusesCoefficients(pCoef, nCoef, "KTwLPSpectrum")) return;
     KTContext* pKTContext = KTGetContext();
     const int n = 1 << fftOrder;
     if (!growBuffer(pKTContext->LP.wLPBuffer, pKTContext->LP.wBufferOrder, fftOrder,
@@ -288,7 +311,6 @@ void KTwLPSpectrum(const short* pCoef, int nCoef, short* pSpec, int fftOrder, fl
         return;
     }
     float* const area = alignedArea<float>(pKTContext->LP.wLPBuffer);
-    const bool isDirect = nCoef <= fixedLimits[fftOrder];
     if (!(isDirect ? evaluateIntegers(pCoef, nCoef, area, fftOrder, inScale)
                    : transformIntegers(pCoef, nCoef, area, fftOrder, inScale)))
         return;

@@ -3,21 +3,27 @@
 
 #include "levels.h"
 
+#include <climits>
 #include <cmath>
 #include <cstdint>
 
 namespace {
 
-// 2^count as fixed-point inputs and outputs take it: an int with one bit, which 31 makes the negative one,
-// and counts modulo 32.
+// 2^count as fixed-point inputs take it: an int with one bit, which 31 makes the negative one, and
+// counts modulo 32.
 double bitAsDouble(unsigned count) {
     return double(std::int32_t(1u << (count & 31)));
 }
 
-// value * 2^(-scale) by a factor of that kind.
-double scaled(double value, int scale) {
-    if (scale > 0) return value / bitAsDouble(unsigned(scale));
-    return scale < 0 ? value * bitAsDouble(0u - unsigned(scale)) : value;
+// An input as a real number, by a factor of that kind.
+double scaledInput(int value, int inScale) {
+    if (inScale > 0) return value / bitAsDouble(unsigned(inScale));
+    return value * bitAsDouble(0u - unsigned(inScale));
+}
+
+// value * 2^(-outScale), whatever the scale; 0 stays 0.
+double scaledOutput(double value, int outScale) {
+    return std::ldexp(value, outScale < -INT_MAX ? INT_MAX : -outScale);
 }
 
 short saturated(double value) {
@@ -67,8 +73,15 @@ bool ktl::perc::isElementwise(KTMLPActivationFn function) {
            function == KTsAbsActivation || function == KTsAbsDerivative;
 }
 
+// The one of the eight that walks upward.
 void KTsSigmoidActivation(const float* pIn, float* pOut, int n) {
-    vsq::kernels().mlp->sigmoid(pIn, pOut, n);
+    const vsq::MlpKernels& kernels = *vsq::kernels().mlp;
+    if (pIn == pOut || areApart(pIn, pOut, n)) {
+        kernels.sigmoid(pIn, pOut, n);
+        return;
+    }
+    for (int i = 0; i < n; ++i)
+        kernels.sigmoid(pIn + i, pOut + i, 1);
 }
 
 void KTsSigmoidDerivative(const float* pIn, float* pOut, int n) {
@@ -98,8 +111,8 @@ void KTwSigmoidActivation(const int* pIn, short* pOut, int n, int inScale, int o
     }
     double x = 0.0;
     for (int i = n - 1; i >= 0; --i) {
-        if (inScale != 0) x = scaled(double(pIn[i]), inScale);
-        x = scaled(1.0 / (1.0 + std::exp(-x)), outScale);
+        if (inScale != 0) x = scaledInput(pIn[i], inScale);
+        x = scaledOutput(1.0 / (1.0 + std::exp(-x)), outScale);
         pOut[i] = saturated(x);
     }
 }

@@ -10,6 +10,15 @@
 
 enum { FRAME = 400 };
 
+/* The program's own handler of the library's reports: one line each, nobody is asked. */
+static int onReport(int status, const char* function, const char* message, const char* source, int line) {
+    (void)source;
+    (void)line;
+    fprintf(stderr, "preemphasis: %s: %s %s\n", KTErrorStr(status), function != NULL ? function : "",
+            message != NULL ? message : "");
+    return status;
+}
+
 static double level(double sumOfSquares) {
     return 10.0 * log10(sumOfSquares / FRAME + 1e-10);
 }
@@ -23,8 +32,7 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    /* Nobody is to be asked when something fails: text on the error stream, and on with the program. */
-    KTSetStdError();
+    KTRedirectError(onReport);
     KTSetErrMode(KT_ErrorModeParent);
 
     printf("%s: %d Hz, %.2f s\n\n", argv[1], info.samplerate, (double)info.frames / info.samplerate);

@@ -9,9 +9,29 @@
  * Threads. All state is per thread: status, error mode, handler, scratch, pattern stores, HMM servers and classes,
  * semicontinuous codebooks. Handles and ids mean something only on the thread that made them. Nothing takes a lock.
  *
- * Errors. A function that fails reports to the thread's handler, stores a status (KTGetStatus) and returns a failure
- * value. The default handler asks, in a message box or on the terminal, and ends the process where nobody can be asked.
- * A service calls KTSetStdError() and KTSetErrMode(KT_ErrorModeParent) first, on each thread.
+ * Errors. A function that fails reports to the thread's handler, stores a status (KTGetStatus) and
+ * returns a failure value. The default handler asks, in a message box or on the terminal, whether
+ * to end the process; where nobody can be asked, it ends it in the default mode, KT_ErrorModeLeaf,
+ * and goes on in KT_ErrorModeParent. A service installs a handler (KTRedirectError, KTSetStdError) and
+ * calls KTSetErrMode(KT_ErrorModeParent) first, on each thread.
+ *
+ * Silent ends. The signal kernels underneath know no handler: what they refuse ends the process,
+ * through exit(1), without a word. These calls reach them; check first:
+ *   KTsLPredict       with KT_LPAutocorr or KT_LPCovariance: pSrc is not null, and
+ *   KTwLPredict       0 <= order < nSamples. (5 samples and an order of 10 end the process.)
+ *   KTsCepstralMFCC   the bank has an fftOrder of 0 to 30 and at least one filter, two without
+ *   KTwCepstralMFCC   KT_CepsZeroth; nCeps >= 1; pIn and pCeps are not null.
+ *   KTsLPSpectrum     pCoef is not null where nCoef is above 0, and A has no zero on a frequency of
+ *   KTwLPSpectrum     the spectrum: 1 - 1/z has one at 0. KTsLPredict can give such coefficients;
+ *                     a[i] * g^i with a g a little below 1, such as 0.99, moves zeros off the
+ *                     circle. In 16 bits A is made of integers in units of 2^inScale, and is 0
+ *                     already below one of them: keep |A| above a few units, and inScale from -15
+ *                     to 0.
+ *   KTsMakeCodebook, KTwMakeCodebook, KTsVQCodebook, KTwVQCodebook   no row is null.
+ * KTsCepstralMFCC, KTwCepstralMFCC, KTsLPSpectrum and KTwLPSpectrum also end the process when there
+ * is no memory for the tables of their transforms. The tables are kept: call each once, with the
+ * sizes to come, where the program can still afford to end. KTNulDevReport and KTStdError end it
+ * too, on any report, in KT_ErrorModeLeaf; the first of them silently.
  *
  * Memory. Who calls a ...Init, ...Read, ...Build or ...Make function owns its result and frees it with the matching
  * ...Free. Scratch stays with the thread until the family's KTFree...Tbls is called on it.
@@ -20,6 +40,13 @@
 #define KTLP6_H
 
 #include <stdio.h>
+
+/* The version of this header, in three parts and as one number that grows with it, for a program's
+ * own #if. (The record of KTGetLibVersion is a constant that does not follow it.) */
+#define KTLP6_VERSION_MAJOR 4
+#define KTLP6_VERSION_MINOR 0
+#define KTLP6_VERSION_PATCH 18
+#define KTLP6_VERSION (KTLP6_VERSION_MAJOR * 1000000 + KTLP6_VERSION_MINOR * 1000 + KTLP6_VERSION_PATCH)
 
 #if defined(_WIN32) && !defined(KTLP6_STATIC)
 #ifdef KTLP6_BUILDING
@@ -164,11 +191,13 @@ KTL_API const KTLibVersion* KTGetLibVersion(void);
 #define KT_Saturate 3
 
 /* Downward: pDst[i] = pSrc[i] * 2^(-scale), as an integer.
- *   pSrc, pDst  n elements each, not overlapping; n of 0 or below writes no element
+ *   pSrc, pDst  n elements each, which do not overlap or begin at one address: conversion in place,
+ *               where pDst counts its elements from there on; n of 0 or below writes no element
  *   scaleMode   KT_NoScale     no factor; the fraction is dropped
  *               KT_FixedScale  the factor is 2^(-*pScale); the fraction is dropped; *pScale is kept
- *               KT_AutoScale   the largest factor that keeps every element inside the target's range; *pScale receives
- *                              its scale
+ *               KT_AutoScale   the factor is 2^15 or 2^31 divided by 2^order, below: the largest
+ *                              power of two that keeps every magnitude below 2^15 or 2^31; *pScale
+ *                              receives its scale
  *               else           no factor; values beyond the target's range become the nearer end of it, then the
  *                              fraction is dropped; not-a-number becomes the smallest value
  *   pScale      in KT_FixedScale read, otherwise written (0 where there is no factor); null stands for a scale of 0
@@ -176,7 +205,8 @@ KTL_API const KTLibVersion* KTGetLibVersion(void);
  * value. Nothing wraps, nothing is reported. Factors are exact and products have at least double precision.
  *
  * KT_AutoScale works on the order of the array (below): the scale is the order less 15 (16-bit target) or less 31
- * (32-bit target), so that 1.0 becomes 16384 with the scale -14. Where the order is above the upper limit all results
+ * (32-bit target), so that 1.0 becomes 16384 with the scale -14, and -1.0 becomes -16384, though
+ * -32768 would fit. Where the order is above the upper limit all results
  * are 0 and *pScale is 0x7FFFFFFF; below the lower limit all results are 0 and *pScale is 0. The limits are 128 and -125
  * for KTswb... and KTdwb..., 1024 and -1021 for KTsib... and KTdib...: KTsibConvertDown does not catch an infinity, and
  * gives zeros the scale -157. */
@@ -196,7 +226,8 @@ KTL_API int KTdiConvertDown(double value, int scaleMode, int* pScale);
 
 /* Upward: pDst[i] = pSrc[i] * 2^(-scale), rounded once, to the destination's type. The sign is the same as downward: what
  * was converted down with the scale s is restored with -s.
- *   pSrc, pDst  n elements each, not overlapping; n of 0 or below writes nothing
+ *   pSrc, pDst  n elements each, which do not overlap or begin at one address; n of 0 or below
+ *               writes nothing
  *   scale       any */
 KTL_API void KTwsbConvertUp(const short* pSrc, float* pDst, int n, int scale);
 KTL_API void KTwdbConvertUp(const short* pSrc, double* pDst, int n, int scale);
@@ -293,8 +324,9 @@ KTL_API void KTSetMelScale(float mul, float div);
  * bin exactly on its filter's left edge gets the whole weight too.
  * Result: the bank, for KTsFreeMFCCFilters, or null after a report: status -4, "insufficiency of memory for pointer  "
  * and what there was no room for; all else is released. Arguments are not checked: frequencies in odd orders give odd
- * banks, a scale without a meaning gives weights that are not numbers. An order beyond 0 to 30 gives a bank over the
- * first bin alone, and no bank at all (status -4) for 31.
+ * banks, a scale without a meaning gives weights that are not numbers. An fftOrder beyond 0 to 30
+ * gives, without a report, a bank over the first bin alone, with which KT_CepsTimeInput ends the
+ * process, and no bank at all (status -4) for 31: check it before the call.
  * Davis, Mermelstein: Comparison of Parametric Representations for Monosyllabic Word Recognition in Continuously Spoken
  * Sentences, 1980. */
 KTL_API KTMFCCFilters* KTsMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq,
@@ -312,7 +344,7 @@ KTL_API void KTwFreeMFCCFilters(KTMFCCFilters* filters);
 /* Applies the bank: pOut[i] is the sum of spectrum values times filter i's weights, each product and the sum in double.
  *   pSpectrum  from bin 0 up to the highest bin that a filter has; nothing behind it is read
  *   pOut       as many values as there are filters; not overlapping the spectrum
- * Does nothing if an argument is null. */
+ * If an argument is null, nothing is done or reported, and the status stays as it was. */
 KTL_API void KTsMelFiltering(KTMFCCFilters* filters, const float* pSpectrum, float* pOut);
 
 /* ==== front end: cepstra and liftering ================================================================== */
@@ -324,7 +356,8 @@ KTL_API void KTsMelFiltering(KTMFCCFilters* filters, const float* pSpectrum, flo
 #define KT_CepsZeroth 0x10      /* the output starts at coefficient 0; otherwise at coefficient 1 */
 
 /* Mel-frequency cepstrum of one frame: spectrum, floor, log10, mel filters, orthonormal DCT-II.
- *   filters  the bank; it fixes the length of the frame, N = 2^fftOrder. Null: nothing is done
+ *   filters  the bank; it fixes the length of the frame, N = 2^fftOrder. Null: nothing is done or
+ *            reported and the status stays as it was, so test the result of KTsMFCCInit
  *   pIn      KT_CepsTimeInput: N samples, kept as they are. Otherwise N/2 + 1 spectrum values; without KT_CepsFilterFirst
  *            the floor (all of them) and the natural logarithm (up to one bin behind the filters) are written into them
  *   pCeps    receives nCeps coefficients, at least 1; those that the bank does not have, coefficient nFilters and up,
@@ -336,15 +369,18 @@ KTL_API void KTsMelFiltering(KTMFCCFilters* filters, const float* pSpectrum, flo
  * The thread's buffers are kept for the next frame; after the first frame of a size nothing is allocated.
  * Failures: status -4, "insufficiency of memory for pointer  pKTcontext->Ceps." and the buffer's name; pCeps is not
  * written. A negative status that was there before the call is reported as a backtrace: KTSetStatus(0) before going on
- * after a failure. With KT_CepsTimeInput, and with a number of filters that is a power of two, this ends the call with
- * pCeps unwritten. The kernels refuse, and that ends the process, a bank without filters, an order that is none with
- * KT_CepsTimeInput, and an output without a coefficient where the number of filters is no power of two. */
+ * after a failure. With KT_CepsTimeInput, and with a number of filters that is 2, 4, 8 or a larger
+ * power of two, this ends the call with pCeps unwritten; otherwise pCeps is written all the same.
+ * The kernels refuse, and that ends the process, a bank without filters, an fftOrder that is none
+ * with KT_CepsTimeInput, and an output without a coefficient (nCeps below 1, or a single filter without
+ * KT_CepsZeroth) where the number of filters is 1 or no power of two. */
 KTL_API void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh,
                              int flags);
 
 /* The same in fixed point. The input is a real value times 2^inScale, and so is thresh; it is converted to float, and the
  * coefficients are converted down: see KTswbConvertDown for outMode and pOutScale (null stands for a scale of 0). pIn is
- * kept as it is. After a failure, reported by KTsCepstralMFCC or here (status -4), pCeps is not written.
+ * kept as it is. After a failure, reported by KTsCepstralMFCC or here (status -4), pCeps is not
+ * written; nor is it where the status was negative before the call. filters of null as above.
  * Fixed point: all arithmetic is float; what the last conversion truncates, wraps or saturates is outMode's. */
 KTL_API void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh,
                              int flags, int inScale, int outMode, int* pOutScale);
@@ -373,7 +409,8 @@ KTL_API void KTFreeCepsTbls(void);
  *   flags     the method
  * Returns 1, or 0 where flags name no method, where memory ran out (KT_StsNoMem; pCoef is unchanged), or where the
  * recursion lost stability, a reflection coefficient beyond 1 in magnitude, which a pure sine can bring about; that is not
- * reported and leaves the status and pCoef alone. A silent block gives 1 and coefficients that are no numbers.
+ * reported and leaves the status and pCoef alone. A silent block gives 1 and coefficients that are
+ * no numbers, and so may one with a reflection coefficient of exactly 1, as a slow half sine has it.
  * Too few samples, or an order below 0, are refused by the signal kernels, which end the process.
  *
  * Scratch is the thread's own and stays; no memory is taken after the first call of the largest order.
@@ -385,8 +422,10 @@ KTL_API int KTsLPredict(const float* pSrc, int nSamples, float* pCoef, int order
  *   pCoef              receives the coefficients as KTswbConvertDown gives them: 16 bits, truncated toward zero, with
  *                      saturation or -32768 for what does not fit
  *   scaleMode, pScale  as there; a null pScale stands for a scale of 0
- * Where the result is 0 without a report, pCoef is written all the same, with values that mean nothing. Takes memory in
- * each call; where there is none (KT_StsNoMem) pCoef is unchanged. */
+ * Takes memory in each call; where there is none for the copy of the samples ("insufficiency of
+ * memory for pointer  vec", KT_StsNoMem) pCoef and *pScale are unchanged. With any other result of 0, also
+ * where the method itself has reported that memory ran out, both are written all the same, with
+ * values that mean nothing. */
 KTL_API int KTwLPredict(const short* pSrc, int nSamples, short* pCoef, int order, int flags, int scaleMode,
                         int* pScale);
 
@@ -399,14 +438,16 @@ KTL_API void KTFreeLPTbls(void);
 /* The magnitude response of an all-pole model, gain / |A|, A(z) = 1 - sum of a[i] z^(-i), at N = 2^fftOrder equally spaced
  * frequencies from 0 up to but not including half the sampling rate.
  *   pCoef     a[1] to a[nCoef]; may be null where nCoef is 0 or below, which stands for A = 1
- *   pSpec     receives N values
+ *   pSpec     receives N values; may begin where pCoef does
  *   fftOrder  0 to 30
  *   gain      any
  * Few coefficients for the order are summed directly, with a table of sines and cosines that stays with the thread for
  * this pair of fftOrder and nCoef; more go through a real FFT of 2N points in a buffer that stays as well.
- * Fails with pSpec unchanged: KT_StsNoMem for table or buffer, KT_StsBadArg for an order outside 0 to 30. The FFT road
- * also fails, with a backtrace report, where the thread's status was negative before the call. A zero of A on one of the
- * frequencies is refused by the signal kernels, which end the process. */
+ * Fails with pSpec unchanged: KT_StsNoMem for table or buffer, KT_StsBadArg for an order outside 0
+ * to 30, and in the direct sum for a null pCoef ("pCoef==0"). The FFT road also fails, with a
+ * backtrace report, where the thread's status was negative before the call. A zero of A on one of
+ * the frequencies, and on the FFT road a null pCoef, are refused by the signal kernels, which end
+ * the process. */
 KTL_API void KTsLPSpectrum(const float* pCoef, int nCoef, float* pSpec, int fftOrder, float gain);
 
 /* The same in 16 bits.
@@ -1062,7 +1103,15 @@ KTL_API int KTsTrainSemicontHMMBaumWelch(int hmm, const float* const* const* ppp
  *
  * Sparse networks name the inputs of each neuron: row j of layer l has ppConnCounts[l - 1][j] weights, and
  * pppConnections[l - 1][j][i] is the index, in layer l - 1, of input i. They are evaluated, but neither trained nor
- * written to files. */
+ * written to files. A dense network described as a sparse one scores the same, and where the dense
+ * evaluation stops short the sparse one goes on:
+ * - A connection may name any of the pCounts[0] inputs. Those from nInputs on count as 0; they are
+ *   not read, and neither is anything outside the caller's array. The dense form looks at the first
+ *   nInputs weights of a row only.
+ * - Every index is checked once, by the Init.
+ * - Thresholds, with or without KT_MLP_THRESHOLD, play no part, unlike in the dense form.
+ * - Float evaluation takes memory in each call and can fail for the want of it; the dense form
+ *   cannot. */
 typedef struct sMLPServer sMLPServer;
 typedef struct wMLPServer wMLPServer;
 
@@ -1120,7 +1169,9 @@ KTL_API void sMLPGetWeights(sMLPServer* pServer, int layer, int neuron, float* p
 KTL_API void sMLPSetWeights(sMLPServer* pServer, int layer, int neuron, const float* pSrc);
 
 /* The logistic sigmoid 1 / (1 + exp(-x)), within a relative error of 3e-7: a table of polynomials for x between -78 and
- * 17, the formula from -104 to -78 and for 17, 1 above and 0 below. pOut may be pIn. */
+ * 17, the formula from -104 to -78 and for 17, 1 above and 0 below. pOut may be pIn, here and in
+ * the three float functions that follow; where they overlap otherwise, this one works upward from
+ * the first element, and those three downward from the last. */
 KTL_API void KTsSigmoidActivation(const float* pIn, float* pOut, int n);
 
 /* (1 - v) * v of the neuron's output v. */
@@ -1134,10 +1185,12 @@ KTL_API void KTsAbsActivation(const float* pIn, float* pOut, int n);
 KTL_API void KTsAbsDerivative(const float* pIn, float* pOut, int n);
 
 /* The same in fixed point; scales as told at KTMLPFixedActivationFn. All work from the last element to the first, and in
- * double precision.
- *   KTwSigmoidActivation  the formula; truncated and saturated to 16 bits. Powers of two are those of a 32-bit integer,
- *                         1 << scale. With inScale 0 THE INPUT IS NOT READ: x is the scaled result of the element before,
- *                         0.0 for the last element, which comes first.
+ * double precision. pIn and pOut do not overlap.
+ *   KTwSigmoidActivation  the formula; truncated and saturated to 16 bits, at any outScale. The
+ *                         power of two of the input is that of a 32-bit integer, 1 << inScale, with
+ *                         counts modulo 32. With inScale 0 THE INPUT IS NOT READ: x is the scaled
+ *                         result of the element before, 0.0 for the last element, which comes
+ *                         first.
  *   KTwSigmoidDerivative  truncated, and not saturated: the low 16 bits
  *   KTwAbsActivation      the same; x is the low 16 bits of the input with their sign: larger sums wrap
  *   KTwAbsDerivative      the same; the case is chosen by the sign of the whole 32 bits */

@@ -136,12 +136,12 @@ void vsqcbPowerSpectr(const float* src, float* spectr, int length);
 
 /* dst[i] = src[i] as a signed integer of wordSize bits, 8, 16 or 32. After rounding, a value that does not
  * fit becomes the most negative integer, or with VSQ_Saturate the nearer end of the range; a not-a-number
- * always the most negative one. dst holds len words and may be src where wordSize is 32. Refused, status -5:
+ * always the most negative one. dst holds len words and may be src. Refused, status -5:
  * "len<=0", "src==0", "dst==0", "flags is wrong" (any bit but those above), "wordSize is wrong". */
 void vsqsbFloatToInt(const float* src, void* dst, int len, int wordSize, int flags);
 
 /* dst[i] = src[i], a signed integer of wordSize bits, 8, 16 or 32, rounded to the nearest float. The flags
- * change nothing. dst may be src where wordSize is 32. Refused as above. */
+ * change nothing. dst may be src. Refused as above. */
 void vsqsbIntToFloat(const void* src, float* dst, int len, int wordSize, int flags);
 
 /* ---- norms, products, correlation: vsqnorm, vsqdotp, vsqdotpw, vsqcorr ---- */

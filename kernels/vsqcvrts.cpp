@@ -2,7 +2,9 @@
 #include "vsqcontext.h"
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 
 namespace {
@@ -28,11 +30,24 @@ T fitted(double whole, bool saturates) {
     return saturates && whole > 0 ? Range::max() : Range::min();
 }
 
+// Elements by their bytes: in place an array holds one type in front and another one behind.
+template <class T>
+T elementAt(const void* array, int i) {
+    T value;
+    std::memcpy(&value, static_cast<const char*>(array) + std::ptrdiff_t(i) * std::ptrdiff_t(sizeof value),
+                sizeof value);
+    return value;
+}
+template <class T>
+void setElement(void* array, int i, T value) {
+    std::memcpy(static_cast<char*>(array) + std::ptrdiff_t(i) * std::ptrdiff_t(sizeof value), &value,
+                sizeof value);
+}
+
 template <class T>
 void convertAll(const float* src, void* dst, int len, int flags) {
-    T* out = static_cast<T*>(dst);
     for (int i = 0; i < len; ++i)
-        out[i] = fitted<T>(rounded(src[i], flags), (flags & VSQ_Saturate) != 0);
+        setElement(dst, i, fitted<T>(rounded(elementAt<float>(src, i), flags), (flags & VSQ_Saturate) != 0));
 }
 
 // The two widths that frames use run over packs when they truncate.
@@ -83,9 +98,9 @@ void vsqsbIntToFloat(const void* src, float* dst, int len, int wordSize, int fla
         module.refuses((flags & unknownFlags) != 0, "flags is wrong"))
         return;
     switch (wordSize) {
-    case 8:
-        for (int i = 0; i < len; ++i)
-            dst[i] = static_cast<const std::int8_t*>(src)[i];
+    case 8: // from the end: in place each float covers bytes that have been read
+        for (int i = len - 1; i >= 0; --i)
+            setElement<float>(dst, i, elementAt<std::int8_t>(src, i));
         return;
     case 16:
         return vsq::kernels().cvrts->shortToFloat(static_cast<const short*>(src), dst, len, 1.0);

@@ -25,6 +25,28 @@ VSQ_INLINE void forBlocks(int n, const Step& step) {
         step(i, std::integral_constant<int, 1>());
 }
 
+// The same from the end of [0, n) to its beginning.
+template <int lanes, class Step>
+VSQ_INLINE void forBlocksBackward(int n, const Step& step) {
+    int i = n > 0 ? n : 0;
+    for (; i % 4 != 0;)
+        step(--i, std::integral_constant<int, 1>());
+    for (; i >= lanes;)
+        step(i -= lanes, std::integral_constant<int, lanes>());
+    for (; i >= 4;)
+        step(i -= 4, std::integral_constant<int, 4>());
+}
+
+// Whether arrays of n elements share memory. A conversion in place reads no element after a result
+// has been written over it: with results that are no wider than the elements blocks go upward, with
+// wider ones downward.
+template <class Src, class Dst>
+bool overlap(const Src* src, const Dst* dst, int n) {
+    const auto from = reinterpret_cast<std::uintptr_t>(src), to = reinterpret_cast<std::uintptr_t>(dst);
+    const auto count = static_cast<std::uintptr_t>(n > 0 ? n : 0);
+    return from < to ? to - from < count * sizeof(Src) : from - to < count * sizeof(Dst);
+}
+
 constexpr int wide = 2 * registerBytes; // lanes of a block: eight registers of 32-bit elements
 
 // The registers of a pack folded into one, lane by lane.
@@ -109,13 +131,15 @@ void clamp(const Src* src, Dst* dst, int n) {
     });
 }
 
-// When floats are clamped to shorts, those above 32 bits end elsewhere. Their most negative int is looked for only once a
-// stretch, which is then done again with care.
+// When floats are clamped to shorts, those above 32 bits end elsewhere. Their most negative int is
+// looked for only once a stretch, which is then done again with care. In place there is nothing
+// left to do again, and care comes first.
 constexpr int stretch = 16 * wide;
 
 void clampFrames(const float* src, short* dst, int n) {
     int done = 0;
-    while (looksFirst<wide> && n - done >= wide) {
+    const bool looksBack = looksFirst<wide> && !overlap(src, dst, n);
+    while (looksBack && n - done >= wide) {
         const int from = done, limit = n - done < stretch ? n : done + stretch;
         auto least = splat<int, wide / 8>(0);
         for (; limit - done >= wide; done += wide) {
@@ -150,9 +174,34 @@ VSQ_INLINE void raiseIn(const short* src, float* dst, int n, float factor) {
     });
 }
 
+template <int N>
+VSQ_INLINE Pack<int, N> loadWhole(const short* src) {
+    return convert<int>(load<short, N>(src));
+}
+template <int N>
+VSQ_INLINE Pack<int, N> loadWhole(const int* src) {
+    return load<int, N>(src);
+}
+
+// In place: each block is loaded before its wider results cover it and elements that have been
+// done.
+template <class Work, class Src, class Dst>
+VSQ_INLINE void raiseBackward(const Src* src, Dst* dst, int n, Work factor) {
+    forBlocksBackward<registerBytes / int(sizeof(Dst))>(n, [=](int i, auto lanes) VSQ_LAMBDA {
+        constexpr int N = decltype(lanes)::value;
+        store(dst + i, convert<Dst>(convert<Work>(loadWhole<N>(src + i)) * splat<Work, N>(factor)));
+    });
+}
+
 template <class Src, class Dst>
 void raise(const Src* src, Dst* dst, int n, double factor) {
-    if (sizeof(Dst) == sizeof(float) && isNormalFloat(factor))
+    const bool inFloat = sizeof(Dst) == sizeof(float) && isNormalFloat(factor);
+    if (overlap(src, dst, n)) {
+        if (inFloat)
+            raiseBackward(src, dst, n, static_cast<Dst>(factor));
+        else
+            raiseBackward(src, dst, n, factor);
+    } else if (inFloat)
         raiseIn(src, dst, n, static_cast<Dst>(factor));
     else
         raiseIn<double, Src, Dst>(src, dst, n, factor);

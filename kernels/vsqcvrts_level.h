@@ -1,4 +1,5 @@
-// Conversions between floating and integer arrays, and the range of an array. All arrays have n elements.
+// Conversions between floating and integer arrays, and the range of an array. All arrays have n
+// elements; source and destination of a conversion do not overlap or begin at one address.
 #pragma once
 
 #include "levelrecord.h"

@@ -126,22 +126,21 @@ void fixedPower(const short* table, int n, const short* coef, int nCoef, unsigne
 
 // --- Durbin's recursion ---
 
-// What each order of the recursion waits for: the numerator of its reflection coefficient, the prediction error, and
-// that error's reciprocal, which is ready before the numerator is.
+// What each order of the recursion waits for: numerator and denominator of its reflection
+// coefficient. They are divided, and not multiplied by a reciprocal: of equal ones the quotient is
+// exactly 1, and the next error exactly 0.
 struct Pending {
     double numerator;
     double error;
-    double inverse;
 };
 
 // The reflection coefficient, and in `pending` the next order's error; no value where its magnitude is above 1: the
 // recursion has lost stability. Comparisons with not-a-number do not show that.
 VSQ_INLINE bool reflect(Pending& pending, double& k, float& error) {
-    k = pending.numerator * pending.inverse;
-    if (__builtin_fabs(pending.numerator) > __builtin_fabs(pending.error)) return false;
+    k = pending.numerator / pending.error;
+    if (__builtin_fabs(k) > 1.0) return false;
     error = static_cast<float>((1.0 - k * k) * pending.error);
     pending.error = error;
-    pending.inverse = 1.0 / pending.error;
     return true;
 }
 
@@ -217,7 +216,7 @@ bool durbin(const float* r, float* e, float* a, int order) {
     double lags[unrolledOrders + 2], predictor[unrolledOrders + 1];
     for (int i = 0; i < unrolledOrders + 2; ++i)
         lags[i] = i <= order ? r[i] : 0.0f;
-    Pending pending{lags[1], lags[0], 1.0 / lags[0]};
+    Pending pending{lags[1], lags[0]};
     if (!ordersFrom<1>(lags, predictor, e, pending, order)) return false;
     for (int i = 1; i <= order && i <= unrolledOrders; ++i)
         a[i] = static_cast<float>(predictor[i]);

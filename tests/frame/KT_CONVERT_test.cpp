@@ -5,10 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <climits>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <vector>
@@ -278,6 +280,17 @@ TEST(ConvertDown, AutoScaleLeavesTheTopBitOfOneFree) {
     EXPECT_EQ(scale, -14);
 }
 
+// The order counts magnitudes: -32768 would fit, and is not reached.
+TEST(ConvertDown, AutoScaleDoesNotReachTheMostNegativeValue) {
+    const float src[2] = {-1.0f, 0.5f};
+    short dst[2];
+    int scale = 7;
+    KTswbConvertDown(src, dst, 2, KT_AutoScale, &scale);
+    EXPECT_EQ(scale, -14);
+    EXPECT_EQ(dst[0], -16384);
+    EXPECT_EQ(dst[1], 8192);
+}
+
 TEST(ConvertDown, AutoScaleToIntegersHasLimitsOfItsOwn) {
     const float zeros[2] = {};
     int dst[2] = {5, 5};
@@ -511,6 +524,122 @@ TEST(ConvertUp, RestoresWithTheNegatedScale) {
     KTwsbConvertUp(mantissa, back, 4, -scale);
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(back[i], src[i]);
+}
+
+// --- in place: source and destination start together ---
+
+// The bytes of an array that is converted where it stands.
+template <class Src, class Dst>
+class SharedArray {
+public:
+    explicit SharedArray(const std::vector<Src>& src) : bytes(src.size() * larger + margin, 0xA5) {
+        std::memcpy(bytes.data(), src.data(), src.size() * sizeof(Src));
+    }
+    const Src* source() const { return reinterpret_cast<const Src*>(bytes.data()); }
+    Dst* destination() { return reinterpret_cast<Dst*>(bytes.data()); }
+    std::vector<Dst> result(std::size_t n) const {
+        std::vector<Dst> values(n);
+        std::memcpy(values.data(), bytes.data(), n * sizeof(Dst));
+        return values;
+    }
+    // Whether nothing was written behind the larger of the two arrays.
+    bool intact() const {
+        return std::all_of(bytes.end() - margin, bytes.end(), [](unsigned char b) { return b == 0xA5; });
+    }
+
+private:
+    static constexpr std::size_t larger = std::max(sizeof(Src), sizeof(Dst));
+    static constexpr std::ptrdiff_t margin = 256;
+    std::vector<unsigned char> bytes;
+};
+
+template <class Src, class Dst>
+void checkDownInPlace(const std::vector<Src>& src, int mode) {
+    const int n = int(src.size());
+    int wantedScale = 3, gotScale = 3;
+    std::vector<Dst> wanted(src.size());
+    down(src.data(), wanted.data(), n, mode, &wantedScale);
+    SharedArray<Src, Dst> shared(src);
+    down(shared.source(), shared.destination(), n, mode, &gotScale);
+    ASSERT_EQ(shared.result(src.size()), wanted) << "mode " << mode << " n " << n;
+    ASSERT_EQ(gotScale, wantedScale);
+    ASSERT_TRUE(shared.intact());
+}
+
+template <class Src, class Dst>
+void checkUpInPlace(const std::vector<Src>& src, int scale) {
+    const int n = int(src.size());
+    std::vector<Dst> wanted(src.size());
+    up(src.data(), wanted.data(), n, scale);
+    SharedArray<Src, Dst> shared(src);
+    up(shared.source(), shared.destination(), n, scale);
+    ASSERT_EQ(shared.result(src.size()), wanted) << "scale " << scale << " n " << n;
+    ASSERT_TRUE(shared.intact());
+}
+
+constexpr int inPlaceLengths[] = {0, 1, 2, 3, 5, 15, 16, 17, 31, 63, 64, 65, 127, 130, 257, 1023, 4096, 4099};
+
+// Ordinary values with a few that 16 and 32 bits do not hold, early and late.
+template <class Src>
+std::vector<Src> wideValues(int n, bool finite) {
+    std::mt19937 random(static_cast<unsigned>(n + 7));
+    std::uniform_real_distribution<double> uniform(-30000, 30000);
+    std::vector<Src> values(std::size_t(n), Src(0));
+    for (Src& v : values)
+        v = Src(uniform(random));
+    const double odd[] = {0x1p31, -0x1p33, 40000.0, finite ? 1e20 : HUGE_VAL, -40000.0, finite ? 2.0 : NAN};
+    for (int i = 0; i < 6 && n > 2; ++i)
+        values[random() % values.size()] = Src(odd[i]);
+    return values;
+}
+
+TEST(ConvertInPlace, DownInEveryModeAndLength) {
+    support::onEveryLevel([] {
+        for (int n : inPlaceLengths)
+            for (bool finite : {true, false})
+                for (int mode : {KT_NoScale, KT_FixedScale, KT_AutoScale, KT_Saturate, 7}) {
+                    checkDownInPlace<float, short>(wideValues<float>(n, finite), mode);
+                    checkDownInPlace<double, short>(wideValues<double>(n, finite), mode);
+                    checkDownInPlace<float, int>(wideValues<float>(n, finite), mode);
+                    checkDownInPlace<double, int>(wideValues<double>(n, finite), mode);
+                }
+    });
+}
+
+TEST(ConvertInPlace, SaturationWithOneValueBeyondThe32BitsOfALongBlock) {
+    support::onEveryLevel([] {
+        for (std::size_t at : {0u, 100u, 2000u, 4095u}) {
+            std::vector<float> src(4096);
+            for (std::size_t i = 0; i < src.size(); ++i)
+                src[i] = float(i) - 2048.0f;
+            src[at] = 0x1p31f;
+            SharedArray<float, short> shared(src);
+            KTswbConvertDown(shared.source(), shared.destination(), 4096, KT_Saturate, nullptr);
+            const std::vector<short> got = shared.result(src.size());
+            for (std::size_t i = 0; i < src.size(); ++i)
+                ASSERT_EQ(got[i], i == at ? 32767 : short(int(i) - 2048)) << i;
+        }
+    });
+}
+
+TEST(ConvertInPlace, UpAtManyScalesAndLengths) {
+    std::mt19937 random(5);
+    support::onEveryLevel([&] {
+        for (int n : inPlaceLengths) {
+            std::vector<short> words(std::size_t(n), 0);
+            std::vector<int> integers(std::size_t(n), 0);
+            for (short& v : words)
+                v = short(random());
+            for (int& v : integers)
+                v = int(random());
+            for (int scale : {0, 15, -15, 126, 149, -127}) {
+                checkUpInPlace<short, float>(words, scale);
+                checkUpInPlace<short, double>(words, scale);
+                checkUpInPlace<int, float>(integers, scale);
+                checkUpInPlace<int, double>(integers, scale);
+            }
+        }
+    });
 }
 
 // --- helpers ---

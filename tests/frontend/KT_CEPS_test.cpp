@@ -515,6 +515,33 @@ TEST(Cepstrum, BanksFromOddFrequenciesStayInsideTheArrays) {
     }
 }
 
+// A single filter takes the general transform, which no standing status stops.
+TEST(Cepstrum, NegativeStatusFromBeforeLetsASingleFilterWriteItsCoefficient) {
+    support::CapturedReports reports;
+    const Bank one = design({9, 1, 0, 8000, 16000, 0, 0});
+    Frame good(randomSpectrum(257, 1), 2), frame(randomSpectrum(257, 1), 2);
+    good.run(one.get(), 1.0f, KT_CepsZeroth);
+    EXPECT_EQ(reports.count(), 0u);
+    KTSetStatus(KT_StsBadArg);
+    frame.run(one.get(), 1.0f, KT_CepsZeroth);
+    EXPECT_EQ(frame.ceps.values(), good.ceps.values());
+    EXPECT_EQ(reports.count(), 1u);
+}
+
+TEST(Cepstrum, NullBankLeavesTheStatusAndReportsNothing) {
+    support::CapturedReports reports;
+    float in[4] = {1, 2, 3, 4}, out[4] = {};
+    short win[4] = {1, 2, 3, 4}, wout[4] = {};
+    for (int status : {KT_StsOk, KT_StsBadArg}) {
+        KTSetStatus(status);
+        KTsCepstralMFCC(nullptr, in, out, 4, 1.0f, KT_CepsTimeInput);
+        KTwCepstralMFCC(nullptr, win, wout, 4, 1, KT_CepsTimeInput, 0, KT_Saturate, nullptr);
+        KTsMelFiltering(nullptr, in, out);
+        EXPECT_EQ(KTGetStatus(), status);
+    }
+    EXPECT_EQ(reports.count(), 0u);
+}
+
 TEST(Cepstrum, NullBankDoesNothing) {
     float in[4] = {1, 2, 3, 4}, out[4] = {5, 6, 7, 8};
     short win[4] = {1, 2, 3, 4}, wout[4] = {5, 6, 7, 8};

@@ -143,7 +143,8 @@ TEST_F(LinearPrediction, CovarianceSolvesItsEquations) {
     });
 }
 
-// The recursion as it is defined, with predictor and errors stored as floats after every order.
+// The recursion as it is defined, with predictor and errors stored as floats after every order;
+// empty where it loses stability.
 std::vector<float> durbinStored(const std::vector<float>& r, int order) {
     std::vector<float> a(std::size_t(order) + 1), e(std::size_t(order) + 1);
     const auto stored = [](double value) {
@@ -156,6 +157,7 @@ std::vector<float> durbinStored(const std::vector<float>& r, int order) {
         for (std::size_t j = 1; j < i; ++j)
             sum += double(a[j]) * double(r[i - j]);
         const double k = (double(r[i]) - sum) / double(e[i - 1]);
+        if (std::fabs(k) > 1.0) return {};
         const std::vector<float> before = a;
         for (std::size_t j = 1; j < i; ++j)
             a[j] = stored(double(before[j]) - double(before[i - j]) * k);
@@ -177,6 +179,65 @@ TEST_F(LinearPrediction, EveryStoredRoundingIsKept) {
                 ASSERT_EQ(coef, durbinStored(r, order)) << "order " << order << " seed " << seed;
             }
     });
+}
+
+// Half a sine over a long block, in which the first lags are one float: a quotient of exactly 1, an
+// error of exactly 0, and then 0 / 0 or a quotient beyond 1. A product with the error's reciprocal
+// gives numbers.
+std::vector<float> halfSine(int n, double amplitude) {
+    std::vector<float> x(static_cast<std::size_t>(n));
+    for (std::size_t i = 0; i < x.size(); ++i)
+        x[i] = float(amplitude * std::sin(3.14159265358979323846 * (double(i) + 0.5) / n));
+    return x;
+}
+
+void expectSameNumbers(const std::vector<float>& got, const std::vector<float>& wanted) {
+    ASSERT_EQ(got.size(), wanted.size());
+    for (std::size_t i = 0; i < got.size(); ++i)
+        ASSERT_TRUE(got[i] == wanted[i] || (std::isnan(got[i]) && std::isnan(wanted[i])))
+            << i << ": " << got[i] << ' ' << wanted[i];
+}
+
+TEST_F(LinearPrediction, EqualLagsOfHalfASineAreDivided) {
+    int tested = 0;
+    for (int n = 14000; n < 40000; n += 1300)
+        for (double amplitude = 1; amplitude < 32000; amplitude *= 2.3) {
+            const std::vector<float> x = halfSine(n, amplitude);
+            std::vector<float> r(19);
+            vsqsAutoCorr(x.data(), n, r.data(), 19, 0);
+            if (r[0] != r[1]) continue;
+            ++tested;
+            support::onEveryLevel([&] {
+                for (int order : {1, 2, 3, 12, 16, 18}) {
+                    std::vector<float> coef(std::size_t(order), 7.0f);
+                    const std::vector<float> wanted = durbinStored(r, order);
+                    const int result = KTsLPredict(x.data(), n, coef.data(), order, autocorrelation);
+                    ASSERT_EQ(result, wanted.empty() ? 0 : 1) << n << ' ' << amplitude << ' ' << order;
+                    if (!wanted.empty()) expectSameNumbers(coef, wanted);
+                }
+            });
+        }
+    EXPECT_GT(tested, 50);
+}
+
+// The fixed form runs the same recursion between its conversions.
+TEST_F(LinearPrediction, FixedPointDividesEqualLagsToo) {
+    for (int n = 14000; n < 40000; n += 2600)
+        for (double amplitude = 1000; amplitude < 32000; amplitude *= 1.3) {
+            std::vector<float> x = halfSine(n, amplitude);
+            for (float& v : x)
+                v = std::trunc(v);
+            std::vector<float> r(4);
+            vsqsAutoCorr(x.data(), n, r.data(), 4, 0);
+            if (r[0] != r[1]) continue;
+            const std::vector<float> wanted = durbinStored(r, 3);
+            std::vector<short> coef(3, 7), converted(3);
+            const int result = KTwLPredict(toShorts(x).data(), n, coef.data(), 3, 1, KT_NoScale, nullptr);
+            ASSERT_EQ(result, wanted.empty() ? 0 : 1) << n << ' ' << amplitude;
+            if (wanted.empty()) continue;
+            KTswbConvertDown(wanted.data(), converted.data(), 3, KT_NoScale, nullptr);
+            ASSERT_EQ(coef, converted);
+        }
 }
 
 TEST_F(LinearPrediction, LevelsAgreeToTheBit) {

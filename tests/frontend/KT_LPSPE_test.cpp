@@ -218,6 +218,50 @@ TEST_F(LPSpectrum, AZeroOfTheFilterEndsTheProcess) {
                 lastWords);
 }
 
+// Both methods keep the coefficients while they are needed, so that the spectrum may take their
+// place.
+TEST_F(LPSpectrum, MayTakeThePlaceOfItsCoefficients) {
+    support::onEveryLevel([] {
+        for (int order : {3, 5, 8, 11})
+            for (int nCoef : {1, 7, 8, 22, 30}) {
+                const std::vector<float> a = coefficients(nCoef, 9);
+                std::vector<float> wanted(std::size_t(1) << order), shared(std::max(wanted.size(), a.size()));
+                KTsLPSpectrum(a.data(), nCoef, wanted.data(), order, 2.0f);
+                std::copy(a.begin(), a.end(), shared.begin());
+                KTsLPSpectrum(shared.data(), nCoef, shared.data(), order, 2.0f);
+                shared.resize(wanted.size());
+                ASSERT_EQ(shared, wanted) << order << ' ' << nCoef;
+            }
+    });
+}
+
+// The transform's input is copied by a kernel, which refuses to copy from nowhere.
+TEST_F(LPSpectrum, TheTransformRefusesCoefficientsThatAreNotThere) {
+    float spectrum[8];
+    EXPECT_EXIT(KTsLPSpectrum(nullptr, 8, spectrum, 3, 1.0f), testing::ExitedWithCode(1), lastWords);
+    short fixed[8];
+    EXPECT_EXIT(KTwLPSpectrum(nullptr, 8, fixed, 3, 1.0f, -10, KT_AutoScale, nullptr),
+                testing::ExitedWithCode(1), lastWords);
+    EXPECT_EXIT(KTsLPSpectrum(nullptr, 1, spectrum, 0, 1.0f), testing::ExitedWithCode(1), lastWords);
+}
+
+TEST_F(LPSpectrum, TheDirectSumReportsCoefficientsThatAreNotThere) {
+    support::CapturedReports reports;
+    float spectrum[8] = {7};
+    short fixed[8] = {7};
+    int scale = 3;
+    KTsLPSpectrum(nullptr, 2, spectrum, 3, 1.0f);
+    KTwLPSpectrum(nullptr, 2, fixed, 3, 1.0f, -10, KT_AutoScale, &scale);
+    ASSERT_EQ(reports.count(), 2u);
+    EXPECT_EQ(reports[0].status, KT_StsBadArg);
+    EXPECT_EQ(reports[0].function, "KTsLPSpectrum");
+    EXPECT_EQ(reports[0].message, "pCoef==0");
+    EXPECT_EQ(reports[1].function, "KTwLPSpectrum");
+    EXPECT_EQ(spectrum[0], 7);
+    EXPECT_EQ(fixed[0], 7);
+    EXPECT_EQ(scale, 3);
+}
+
 // --- fixed point ---
 
 // The direct method as defined: 14-bit twiddles, 32-bit sums.

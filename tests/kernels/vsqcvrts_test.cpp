@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <vector>
@@ -84,6 +85,32 @@ TEST(FloatToInt, WorksInPlaceOnWordsOfAFloatsWidth) {
     });
 }
 
+// Where source and destination start together, whatever the width of a word.
+template <class T>
+void checkDownInPlace(int n, int flags) {
+    const std::vector<float> src = samples(n, n);
+    std::vector<float> shared = src;
+    vsqsbFloatToInt(shared.data(), shared.data(), n, 8 * sizeof(T), flags);
+    std::vector<T> got(src.size());
+    std::memcpy(got.data(), shared.data(), got.size() * sizeof(T));
+    for (std::size_t i = 0; i < src.size(); ++i)
+        ASSERT_EQ(got[i], reference<T>(src[i], flags)) << i << " of " << n << " flags " << flags;
+}
+
+constexpr int inPlaceLengths[] = {1, 2, 5, 17, 64, 119, 1023, 4096};
+
+TEST(FloatToInt, WorksInPlaceOnEveryWidth) {
+    support::onEveryLevel([] {
+        for (int rounding : {nearest, toZero, down})
+            for (int range : {0, saturate})
+                for (int n : inPlaceLengths) {
+                    checkDownInPlace<std::int8_t>(n, rounding | range);
+                    checkDownInPlace<std::int16_t>(n, rounding | range);
+                    checkDownInPlace<std::int32_t>(n, rounding | range);
+                }
+    });
+}
+
 template <class T>
 void checkUp(int n) {
     std::mt19937 random(static_cast<unsigned>(n));
@@ -104,6 +131,29 @@ TEST(IntToFloat, EveryWidthAndLength) {
             checkUp<std::int8_t>(n);
             checkUp<std::int16_t>(n);
             checkUp<std::int32_t>(n);
+        }
+    });
+}
+
+template <class T>
+void checkUpInPlace(int n) {
+    std::mt19937 random(static_cast<unsigned>(n));
+    std::vector<T> src(std::size_t(n), T(0));
+    for (T& v : src)
+        v = static_cast<T>(random());
+    std::vector<float> shared(src.size());
+    std::memcpy(shared.data(), src.data(), src.size() * sizeof(T));
+    vsqsbIntToFloat(shared.data(), shared.data(), n, 8 * sizeof(T), 0);
+    for (std::size_t i = 0; i < src.size(); ++i)
+        ASSERT_EQ(shared[i], static_cast<float>(src[i])) << i << " of " << n;
+}
+
+TEST(IntToFloat, WorksInPlaceOnEveryWidth) {
+    support::onEveryLevel([] {
+        for (int n : inPlaceLengths) {
+            checkUpInPlace<std::int8_t>(n);
+            checkUpInPlace<std::int16_t>(n);
+            checkUpInPlace<std::int32_t>(n);
         }
     });
 }

@@ -230,6 +230,30 @@ TEST(Activations, WalkFromTheLastElementToTheFirst) {
             }
 }
 
+// The float sigmoid walks upward: with the output one element before the input each is read before
+// it is overwritten; with it behind the input each result is read as the next one's input.
+TEST(SigmoidActivation, WalksFromTheFirstElementToTheLast) {
+    support::onEveryLevel([] {
+        for (const std::size_t n : {std::size_t(3), std::size_t(40), std::size_t(100)})
+            for (const std::size_t distance : {std::size_t(1), std::size_t(2), n - 1, n, n + 1}) {
+                std::vector<float> values;
+                for (std::size_t i = 0; i < n + distance; ++i)
+                    values.push_back(8.0f - float(i) / 3.0f);
+                std::vector<float> behind = values, expected = values;
+                for (std::size_t i = 0; i < n; ++i)
+                    expected[i + distance] = sigmoidOf(expected[i]);
+                KTsSigmoidActivation(behind.data(), behind.data() + distance, int(n));
+                EXPECT_EQ(behind, expected) << n << ' ' << distance;
+                std::vector<float> before = values;
+                expected = values;
+                for (std::size_t i = 0; i < n; ++i)
+                    expected[i] = sigmoidOf(expected[i + distance]);
+                KTsSigmoidActivation(before.data() + distance, before.data(), int(n));
+                EXPECT_EQ(before, expected) << n << ' ' << distance;
+            }
+    });
+}
+
 TEST(FixedSigmoidActivation, OfZeroIsOneHalf) {
     EXPECT_EQ(of(KTwSigmoidActivation, 0, 15, -15), 16384);
 }
@@ -238,7 +262,20 @@ TEST(FixedSigmoidActivation, Saturates) {
     EXPECT_EQ(of(KTwSigmoidActivation, 32768 * 40, 15, -15), 0x7FFF);
     EXPECT_EQ(of(KTwSigmoidActivation, 0, 15, -17), 0x7FFF); // 0.5 * 2^17
     EXPECT_EQ(of(KTwSigmoidActivation, INT_MIN, 15, -15), 0);
-    EXPECT_EQ(of(KTwSigmoidActivation, 0, 15, -31), -32768); // 2^31 as a 32-bit integer is negative
+    for (int outScale : {-31, -32, -40, -64, -1000, -2000, INT_MIN})
+        for (int x : {0, 16384, -16384, 1 << 20})
+            EXPECT_EQ(of(KTwSigmoidActivation, x, 14, outScale), 0x7FFF) << x << ' ' << outScale;
+}
+
+// The factor of the output is a power of two at every scale, the one of the input that of a 32-bit
+// integer.
+TEST(FixedSigmoidActivation, ScalesItsResultBeyond31Bits) {
+    EXPECT_EQ(of(KTwSigmoidActivation, -(45 << 14), 14, -70), short(std::ldexp(sigmoid(-45), 70)));
+    EXPECT_EQ(of(KTwSigmoidActivation, -(21 << 14), 14, -31), short(std::ldexp(sigmoid(-21), 31)));
+    EXPECT_EQ(of(KTwSigmoidActivation, -2000, -1, -1000), 0); // exp overflows: nothing to scale
+    EXPECT_EQ(of(KTwSigmoidActivation, 0, 14, 31), 0);
+    EXPECT_EQ(of(KTwSigmoidActivation, 1 << 20, 14, 32), 0);
+    EXPECT_EQ(of(KTwSigmoidActivation, 1 << 20, 14, INT_MAX), 0);
 }
 
 TEST(FixedSigmoidActivation, IsTheTruncatedFormula) {
