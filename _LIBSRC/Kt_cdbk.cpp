@@ -125,20 +125,20 @@ public:
         return KT_StsOk;
     }
 
-    // Numbers the leaves from left to right and writes each vector's cell.
+    // Numbers the leaves from left to right, and then, when nothing can fail any more, writes each vector's
+    // cell.
     int finish(int* pLabels) {
         int cell = 0;
         for (KTCluster* leaf = firstLeaf; leaf != nullptr; leaf = leaf->pNextLeaf) {
             leaf->cell = ++cell;
             codebook->ppCentroids[cell - 1] = leaf->pCentroid;
             codebook->depth = leaf->level > codebook->depth ? leaf->level : codebook->depth;
-            for (int i = 0; pLabels != nullptr && i < leaf->nMembers; ++i)
-                pLabels[leaf->pMembers[i]] = cell;
         }
         if (hasDescent(set.nDim)) {
             codebook->pDescent = makeDescent<Sample>(*codebook, points.centre(), Flavour::unit);
             if (codebook->pDescent == nullptr) return KT_StsNoMem;
         }
+        if (pLabels != nullptr) writeLabels(pLabels);
         codebook->flags |= KT_CB_EUCLID;
         return KT_StsOk;
     }
@@ -157,6 +157,12 @@ private:
         if (!points.take(set, rows, centroidOf(root))) return false;
         measure(root);
         return true;
+    }
+
+    void writeLabels(int* pLabels) const {
+        for (const KTCluster* leaf = firstLeaf; leaf != nullptr; leaf = leaf->pNextLeaf)
+            for (int i = 0; i < leaf->nMembers; ++i)
+                pLabels[leaf->pMembers[i]] = leaf->cell;
     }
 
     static bool isLargest(int flags) { return (flags & KT_CB_SPLIT_LARGEST) != 0; }
@@ -395,21 +401,25 @@ void KTsVQCodebook(KTCodebook* pCodebook, float** ppVectors, int* pIndex, int nV
     reportMissing(call);
 }
 
-// The caller's scale goes into each distance and into the mean: a fixed scale counts twice.
+// A fixed scale counts twice, in each distance and in the mean. In the other modes distances are plain: automatic
+// scaling of the kernels has nothing to shift, since their roots fit, and the mean finds its own scale.
 void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex, int nVectors, int nDim,
                    int* pDistortion, int scaleMode, int* pScale) {
     int noScale = 0;
     int* const scale = pScale != nullptr ? pScale : &noScale;
-    const auto distance = [=](const short* a, const short* b, int n) {
-        return vsqwNormExt(a, b, n, VSQ_NormRoot, scaleMode, scale);
+    const bool isPlain = scaleMode != KT_FixedScale || *scale == 0;
+    int shift = isPlain ? 0 : *scale;
+    const auto distance = [&](const short* a, const short* b, int n) {
+        return vsqwNormExt(a, b, n, VSQ_NormRoot, VSQ_FIXED_SCALE, &shift);
     };
-    const bool isTrainings = (scaleMode & (VSQ_FIXED_SCALE | VSQ_AUTO_SCALE)) == 0;
     Quantising call{pCodebook, pIndex, nVectors, nDim, pDistortion != nullptr};
     double total = 0;
-    if (canQuantise(pCodebook, FixedFlavour::training | KT_CB_EUCLID, nDim))
-        total = quantise(call, ppVectors, isTrainings, distance);
-    else
+    if (!canQuantise(pCodebook, FixedFlavour::training | KT_CB_EUCLID, nDim))
         quantiseNone(call);
+    else if (isPlain)
+        total = quantise(call, ppVectors, true, FixedFlavour::distance);
+    else
+        total = quantise(call, ppVectors, false, distance);
     if (pDistortion != nullptr) *pDistortion = KTdiConvertDown(meanOf(total, nVectors), scaleMode, scale);
     reportMissing(call);
 }

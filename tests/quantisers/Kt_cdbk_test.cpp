@@ -711,7 +711,8 @@ TYPED_TEST(Tree, EveryFailedAllocationIsReportedAndNothingIsLost) {
     for (int nDim : {3, 70}) {
         Random random(10);
         Rows<TypeParam> set = someSet<TypeParam>(0, 60, nDim, random);
-        std::vector<int> labels(60);
+        std::vector<int> labels(60, -7);
+        const std::vector<int> untouched = labels;
         support::CapturedReports reports;
         Codebook codebook;
         std::string texts;
@@ -729,8 +730,10 @@ TYPED_TEST(Tree, EveryFailedAllocationIsReportedAndNothingIsLost) {
                 texts += isStart ? 's' : 'c';
                 reports.clear();
                 EXPECT_EQ(support::alloc::liveBlocks(), before);
+                EXPECT_EQ(labels, untouched);
             });
         EXPECT_NE(codebook, nullptr);
+        EXPECT_NE(labels, untouched);
         EXPECT_EQ(texts.front(), 's');
         EXPECT_EQ(texts.back(), 'c');
         EXPECT_GT(failures, 20);
@@ -740,30 +743,95 @@ TYPED_TEST(Tree, EveryFailedAllocationIsReportedAndNothingIsLost) {
 
 // --- the scale of the fixed flavour ---
 
-TEST(TreeFixed, DistortionGoesThroughTheScaleTwice) {
+// What the scale mode makes of a distance, and of the mean distance.
+int scaledDistance(const short* a, const short* b, int n, int mode, int scale) {
+    if (mode != KT_FixedScale) return distanceOf(a, b, n);
+    return vsqwNormExt(a, b, n, VSQ_NormRoot, VSQ_FIXED_SCALE, &scale);
+}
+
+// One call against the plain walk of the tree.
+void expectScaled(const KTCodebook& codebook, Rows<short>& tested, int mode, int givenScale) {
+    SCOPED_TRACE(testing::Message() << "mode " << mode << " scale " << givenScale);
+    const int n = tested.count(), nDim = tested.nDim();
+    std::vector<int> want;
+    double total = 0;
+    for (const short* row : tested.pointers) {
+        const KTCluster* node = codebook.pRoot;
+        const auto to = [&](const KTCluster* cluster) {
+            return scaledDistance(row, static_cast<const short*>(cluster->pCentroid), nDim, mode, givenScale);
+        };
+        while (node->isLeaf == 0)
+            node = to(node->pRight) <= to(node->pLeft) ? node->pRight : node->pLeft;
+        want.push_back(node->cell);
+        total += to(node);
+    }
+    int wantScale = givenScale;
+    const int wantMean = KTdiConvertDown(total / n, mode, &wantScale);
+
+    support::Guarded<int> index(want.size(), -7);
+    int distortion = -7, scale = givenScale;
+    auto* const shared = const_cast<KTCodebook*>(&codebook);
+    KTwVQCodebook(shared, tested.get(), index.data(), n, nDim, &distortion, mode, &scale);
+    EXPECT_EQ(index.values(), want);
+    EXPECT_EQ(distortion, wantMean);
+    EXPECT_EQ(scale, wantScale);
+    EXPECT_TRUE(index.intact());
+    scale = givenScale;
+    KTwVQCodebook(shared, tested.get(), index.data(), n, nDim, nullptr, mode, &scale);
+    EXPECT_EQ(index.values(), want);
+    EXPECT_EQ(scale, givenScale); // the scale is the mean's, which nobody asked for
+}
+
+TEST(TreeFixed, EveryScaleModeEqualsThePlainWalk) {
+    Random random(11);
+    Rows<short> set = someSet<short>(0, 300, 13, random), tested = someSet<short>(0, 200, 13, random);
+    Codebook codebook = train(set, 16, largest);
+    ASSERT_NE(codebook, nullptr);
+    for (int mode : {KT_NoScale, KT_FixedScale, KT_AutoScale, KT_Saturate, 4, 6, 7, -1, INT32_MIN, INT32_MAX})
+        for (int scale : {0, 1, 8, 20, 40, -3, -25, -100, INT32_MIN, INT32_MAX})
+            expectScaled(*codebook, tested, mode, scale);
+}
+
+TEST(TreeFixed, AFixedScaleCountsInEachDistanceAndInTheMean) {
     Rows<short> set{{0, 0}, {0, 10}, {1000, 0}, {1000, 10}};
     Codebook codebook = train(set, 2, widest);
     ASSERT_NE(codebook, nullptr);
     Rows<short> tested{{0, 305}, {1000, 505}}; // 300 and 500 from the centroids (0, 5) and (1000, 5)
-    int index[2] = {}, distortion = 0;
-    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_NoScale, nullptr);
-    EXPECT_EQ(distortion, 400);
-
-    int scale = 2; // the kernels see no scale here, only the mean is scaled
+    int index[2] = {}, distortion = 0, scale = 2;
     KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_FixedScale, &scale);
-    EXPECT_EQ(distortion, 100);
+    EXPECT_EQ(distortion, 25); // (300 / 4 + 500 / 4) / 2 = 100, and a quarter of that
     EXPECT_EQ(scale, 2);
-
-    scale = 1; // the kernels' fixed scale shifts each distance; the mean finds a scale of its own
-    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_AutoScale, &scale);
-    EXPECT_EQ(scale, 8 - 31);
-    EXPECT_EQ(distortion, 200 << 23);
-
-    scale = 1; // both: each distance is shifted, the mean saturates
-    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_Saturate, &scale);
-    EXPECT_EQ(distortion, 200);
     EXPECT_EQ(index[0], 1);
     EXPECT_EQ(index[1], 2);
+    scale = -1;
+    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_FixedScale, &scale);
+    EXPECT_EQ(distortion, 1600);
+    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_FixedScale, nullptr);
+    EXPECT_EQ(distortion, 400);
+}
+
+TEST(TreeFixed, OtherScaleModesLeaveTheDistancesPlain) {
+    Rows<short> set{{0, 0}, {0, 10}, {1000, 0}, {1000, 10}};
+    Codebook codebook = train(set, 2, widest);
+    ASSERT_NE(codebook, nullptr);
+    Rows<short> tested{{0, 305}, {1000, 505}};
+    int index[2] = {}, distortion = 0;
+    for (int mode : {KT_NoScale, KT_Saturate, 6, 7, -1}) {
+        int scale = 20;
+        KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, mode, &scale);
+        EXPECT_EQ(distortion, 400) << mode;
+        EXPECT_EQ(scale, 0) << mode;
+        EXPECT_EQ(index[0], 1);
+        EXPECT_EQ(index[1], 2);
+    }
+    int scale = 1;
+    for (int call = 0; call < 2; ++call) { // the second meets what the first has stored
+        KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_AutoScale, &scale);
+        EXPECT_EQ(scale, 9 - 31);
+        EXPECT_EQ(distortion, 400 << 22);
+        EXPECT_EQ(index[0], 1);
+        EXPECT_EQ(index[1], 2);
+    }
 }
 
 TEST(TreeFixed, AScaleThatMakesDistancesEqualSendsVectorsRight) {
@@ -771,8 +839,11 @@ TEST(TreeFixed, AScaleThatMakesDistancesEqualSendsVectorsRight) {
     Codebook codebook = train(set, 2, widest);
     Rows<short> tested{{0}};
     int index = 0, distortion = 0, scale = 10;
-    KTwVQCodebook(codebook.get(), tested.get(), &index, 1, 1, &distortion, KT_Saturate, &scale);
+    KTwVQCodebook(codebook.get(), tested.get(), &index, 1, 1, &distortion, KT_FixedScale, &scale);
     EXPECT_EQ(index, 2);
+    scale = 10;
+    KTwVQCodebook(codebook.get(), tested.get(), &index, 1, 1, &distortion, KT_Saturate, &scale);
+    EXPECT_EQ(index, 1);
 }
 
 TEST(TreeFixed, MeansAreTruncatedTowardZero) {
