@@ -37,13 +37,23 @@ float reachOf(float squares, int nDim) {
     return length < farOut ? static_cast<float>(length * 1.0001) : std::numeric_limits<float>::infinity();
 }
 
+float makePoint(const float* row, const Frame& frame, int nDim, float* point, int stride) {
+    return kernels().pointOfFloats(row, frame.factor, frame.centre, nDim, point, stride);
+}
+
+float makePoint(const short* row, const Frame& frame, int nDim, float* point, int stride) {
+    return kernels().pointOfShorts(row, frame.centre, nDim, point, stride);
+}
+
 // For exact coordinates y, l, r: |y - r|^2 - |y - l|^2 = y . 2(l - r) + |r|^2 - |l|^2.
 template <class Sample>
-vsq::Plane planeBetween(const Sample* left, const Sample* right, const float* centre, int nDim, double unit,
+vsq::Plane planeBetween(const Sample* left, const Sample* right, const Frame& frame, int nDim, double unit,
                         float* normal) {
     double leftSquares = 0, rightSquares = 0, normalSquares = 0;
+    const double factor = frame.factor;
     for (int k = 0; k < nDim; ++k) {
-        const double l = double(left[k]) - centre[k], r = double(right[k]) - centre[k];
+        const double centre = frame.centre[k];
+        const double l = left[k] * factor - centre, r = right[k] * factor - centre;
         const double direction = 2 * (l - r);
         normal[k] = static_cast<float>(direction);
         leftSquares += l * l;
@@ -73,8 +83,8 @@ vsq::Plane planeBetween(const Sample* left, const Sample* right, const float* ce
     return plane;
 }
 
-template vsq::Plane planeBetween(const float*, const float*, const float*, int, double, float*);
-template vsq::Plane planeBetween(const short*, const short*, const float*, int, double, float*);
+template vsq::Plane planeBetween(const float*, const float*, const Frame&, int, double, float*);
+template vsq::Plane planeBetween(const short*, const short*, const Frame&, int, double, float*);
 
 vsq::Plane planeOfLeaf() {
     vsq::Plane plane{};
@@ -82,54 +92,162 @@ vsq::Plane planeOfLeaf() {
     return plane;
 }
 
-// --- the scratch of a training ---
+// --- frames ---
 
 namespace {
 
-float makePoint(const float* row, const float* centre, int nDim, float* point, int stride) {
-    return kernels().pointOfFloats(row, centre, nDim, point, stride);
+// The power of two that brings a magnitude near 1, within what keeps the factor a normal float.
+float factorFor(double magnitude) {
+    return static_cast<float>(std::ldexp(1.0, std::clamp(-std::ilogb(magnitude), -126, 126)));
 }
 
-float makePoint(const short* row, const float* centre, int nDim, float* point, int stride) {
-    return kernels().pointOfShorts(row, centre, nDim, point, stride);
+// The middle one of n values, which are reordered; 0 without values.
+double medianOf(double* values, int n) {
+    if (n == 0) return 0;
+    std::nth_element(values, values + n / 2, values + n);
+    return values[n / 2];
+}
+
+// How far a row reaches from a centre in one coordinate; not finite where the row is not.
+template <class Sample>
+double largestDifference(const Sample* row, const float* centre, int nDim) {
+    double most = 0;
+    for (int k = 0; k < nDim; ++k) {
+        const double difference = std::fabs(double(row[k]) - centre[k]);
+        if (!(difference <= most)) most = difference;
+        if (!std::isfinite(difference)) break;
+    }
+    return most;
 }
 
 } // namespace
 
 template <class Sample>
-bool Points::take(const Vectors& set, const Sample* const* rows, const Sample* centreOfSet) {
-    set_ = set;
-    stride_ = strideFor(set.nDim);
-    const auto n = static_cast<std::uint64_t>(std::max(set.nVectors, 0));
+bool Points<Sample>::allocate(std::uint64_t n) {
     const std::uint64_t nBlocks = (n + vsq::pointBlock - 1) / vsq::pointBlock;
     points_ = Scratch<float>(n * std::uint64_t(stride_));
-    centre_ = Scratch<float>(stride_);
+    centres_ = Scratch<float>(2 * std::uint64_t(stride_));
     normal_ = Scratch<float>(stride_);
     reach_ = Scratch<float>(n);
     squares_ = Scratch<float>(2 * n);
-    blocks_ = Scratch<float>(nBlocks * vsq::pointBlock * std::uint64_t(set.nDim));
-    sums_ = Scratch<double>(set.nDim);
+    blocks_ = Scratch<float>(nBlocks * vsq::pointBlock * std::uint64_t(set_.nDim));
+    sums_ = Scratch<double>(set_.nDim);
     candidates_ = Scratch<Candidate>(n);
     order_ = Scratch<int>(nBlocks);
     labels_ = Scratch<char>(n);
-    if (!points_ || !centre_ || !normal_ || !reach_ || !squares_ || !blocks_ || !sums_ || !candidates_ ||
-        !order_ || !labels_)
-        return false;
-    for (int k = 0; k < set.nDim; ++k) {
-        const auto value = static_cast<float>(centreOfSet[k]);
-        centre_[k] = std::isfinite(value) ? value : 0.0f;
-    }
+    return points_ && centres_ && normal_ && reach_ && squares_ && blocks_ && sums_ && candidates_ &&
+           order_ && labels_;
+}
+
+template <class Sample>
+bool Points<Sample>::take(const Vectors& set, const Sample* const* rows) {
+    set_ = set;
+    rows_ = rows;
+    stride_ = strideFor(set.nDim);
+    isOwn_ = hasStrange_ = false;
+    if (stride_ < 0 || !allocate(static_cast<std::uint64_t>(std::max(set.nVectors, 0)))) return false;
+    chooseCommonFrame();
+    bool isStray = false;
     for (int i = 0; i < set.nVectors; ++i) {
         float* point = points_.get() + std::ptrdiff_t(i) * stride_;
-        reach_[i] = reachOf(makePoint(rows[i], centre(), set.nDim, point, stride_), set.nDim);
+        reach_[i] = reachOf(makePoint(rows[i], common(), set.nDim, point, stride_), set.nDim);
+        isStray = isStray || !std::isfinite(reach_[i]);
+    }
+    return !isStray || sortOut();
+}
+
+// Tells the vectors that are not finite from those that are only far out; false when memory ran out.
+template <class Sample>
+bool Points<Sample>::sortOut() {
+    kinds_ = Scratch<Kind>(set_.nVectors);
+    kept_ = Scratch<int>(2 * std::int64_t(set_.nVectors));
+    patterns_ = Scratch<Pattern>(set_.nVectors);
+    if (!kinds_ || !kept_ || !patterns_) return false;
+    for (int i = 0; i < set_.nVectors; ++i) {
+        kinds_[i] = finite;
+        for (int k = 0; k < set_.nDim && kinds_[i] != missing; ++k) {
+            const auto value = double(rows_[i][k]);
+            if (value != value)
+                kinds_[i] = missing;
+            else if (std::isinf(value))
+                kinds_[i] = infinite;
+        }
+        hasStrange_ = hasStrange_ || kinds_[i] != finite;
     }
     return true;
 }
 
-template bool Points::take(const Vectors&, const float* const*, const float*);
-template bool Points::take(const Vectors&, const short* const*, const short*);
+// The centre has the medians of a sample for its elements, which stray vectors do not move as they move the mean.
+// The middle one of the sample's magnitudes decides about scaling: what is ordinary is not scaled.
+template <class Sample>
+void Points<Sample>::chooseCommonFrame() {
+    constexpr int most = 255;
+    double values[most];
+    const int n = std::max(set_.nVectors, 0), count = std::min(n, most);
+    const auto row = [&](int i) { return rows_[std::int64_t(i) * n / count]; };
+    float* const centre = centres_.get();
+    for (int k = 0; k < set_.nDim; ++k) {
+        int known = 0;
+        for (int i = 0; i < count; ++i)
+            if (std::isfinite(double(row(i)[k]))) values[known++] = double(row(i)[k]);
+        centre[k] = static_cast<float>(medianOf(values, known));
+    }
+    factors_[0] = 1;
+    if (set_.unit != 0) return;
+    int known = 0;
+    for (int i = 0; i < count; ++i) {
+        const double magnitude = largestDifference(row(i), centre, set_.nDim);
+        if (magnitude > 0 && std::isfinite(magnitude)) values[known++] = magnitude;
+    }
+    const double middle = medianOf(values, known);
+    if (known == 0 || (middle > 0x1p-20 && middle < 0x1p30)) return;
+    factors_[0] = factorFor(middle);
+    for (int k = 0; k < set_.nDim; ++k)
+        centre[k] *= factors_[0];
+}
 
-void Points::label(const int* members, int n, const vsq::Plane& plane) {
+// A frame for one list: around a member, and scaled so that the points fill it.
+template <class Sample>
+void Points<Sample>::chooseOwnFrame(const int* members, int n) {
+    float* const centre = ownCentre();
+    const auto isFinite = [this](int member) { return !hasStrange_ || kinds_[member] == finite; };
+    std::fill(centre, centre + set_.nDim, 0.0f);
+    for (int i = 0; i < n; ++i) {
+        if (!isFinite(members[i])) continue;
+        for (int k = 0; k < set_.nDim; ++k)
+            centre[k] = static_cast<float>(rows_[members[i]][k]);
+        break;
+    }
+    factors_[1] = 1;
+    if (set_.unit != 0) return;
+    double most = 0;
+    for (int i = 0; i < n; ++i)
+        if (isFinite(members[i]))
+            most = std::max(most, largestDifference(rows_[members[i]], centre, set_.nDim));
+    if (most > 0) factors_[1] = factorFor(most);
+    for (int k = 0; k < set_.nDim; ++k)
+        centre[k] *= factors_[1];
+}
+
+template <class Sample>
+void Points<Sample>::makePoints(const int* members, int n) {
+    for (int i = 0; i < n; ++i) {
+        const int m = members[i];
+        float* const point = points_.get() + std::ptrdiff_t(m) * stride_;
+        reach_[m] = reachOf(makePoint(rows_[m], frame(), set_.nDim, point, stride_), set_.nDim);
+    }
+}
+
+template <class Sample>
+void Points<Sample>::select(const int* members, int n, bool hasOwnFrame) {
+    isOwn_ = hasOwnFrame;
+    if (!hasOwnFrame) return;
+    chooseOwnFrame(members, n);
+    makePoints(members, n);
+}
+
+template <class Sample>
+void Points<Sample>::label(const int* members, int n, const vsq::Plane& plane) {
     kernels().sides(points_.get(), reach_.get(), stride_, members, n, normal(), &plane, labels());
 }
 
@@ -139,9 +257,11 @@ void Points::label(const int* members, int n, const vsq::Plane& plane) {
 // known, only members far out can be part of a better one: they are sorted by radius, and each is compared
 // with those before which the sum of the radii does not do. A float distance then tells which of them the
 // distance itself has to judge.
-class Points::Search {
+template <class Sample>
+class Points<Sample>::Search {
 public:
-    Search(Points& points, const int* list, int count) : own(points), members(list), n(count) {
+    Search(Points& points, const int* list, int count)
+        : own(points), members(list), n(count), factor(double(points.frame().factor)) {
         float most = 0;
         for (int i = 0; i < n; ++i)
             most = std::max(most, own.reach_[members[i]]);
@@ -150,12 +270,19 @@ public:
         error = sumError(own.set_.nDim);
     }
 
-    FarPair run() {
-        if (n <= plainLimit)
+    // False when the points are too coarse for the list, unless these have to do.
+    bool run(FarPair& result, bool mustDo) {
+        if (n <= plainLimit) {
             comparePlainly();
-        else if (!findGoodPair())
-            compareFarOnes();
-        return best;
+        } else {
+            if (!mustDo && !std::isfinite(slack)) return false;
+            if (!findGoodPair()) {
+                if (!mustDo && slack > best.spread * factor * 0x1p-8) return false;
+                compareFarOnes();
+            }
+        }
+        result = best;
+        return true;
     }
 
 private:
@@ -209,8 +336,8 @@ private:
     }
 
     void compareFarOnes() {
-        const float* squares = squaresFromCentre();
         updateCuts();
+        const float* squares = squaresFromCentre();
         const int count = removeEqual(collectFarOnes(squares));
         fillBlocks(count);
         int end = count;
@@ -221,8 +348,8 @@ private:
         }
     }
 
-    // Radii may be taken from any point. The mean suits clouds, the middle of the good pair suits skewed
-    // sets; the one with the smaller largest radius is used.
+    // Radii may be taken from any point. The mean suits clouds and single vectors far out, the middle of the
+    // good pair suits skewed sets; the one that leaves fewer pairs is used.
     const float* squaresFromCentre() {
         const int nDim = own.set_.nDim;
         float* const centre = own.normal();
@@ -241,12 +368,25 @@ private:
         for (int k = 0; k < nDim; ++k)
             centre[k] = 0.5f * a[k] + 0.5f * b[k];
         kernels().squaresFrom(own.points_.get(), own.stride_, members, n, centre, fromMiddle);
-        return fromMiddle[placeOfLargest(fromMiddle)] < fromMean[placeOfLargest(fromMean)] ? fromMiddle
-                                                                                           : fromMean;
+        return pairsLeft(fromMiddle) < pairsLeft(fromMean) ? fromMiddle : fromMean;
+    }
+
+    // Of a pair whose radii do, the larger one is at least half of the sum wanted.
+    double pairsLeft(const float* squares) const {
+        const double least = std::max(cuts.radii - radiusOf(squares[placeOfLargest(squares)]), 0.0);
+        const double half = std::max(cuts.radii / 2, 0.0);
+        int larger = 0, smaller = 0;
+        for (int i = 0; i < n; ++i) {
+            larger += !(double(squares[i]) < half * half);
+            smaller += !(double(squares[i]) < least * least);
+        }
+        return double(larger) * smaller;
     }
 
     // A distance reaches `wanted` only if the float copies are at least this far apart.
-    double apart(double wanted) const { return std::max(wanted * (1 - distanceError) - slack, 0.0); }
+    double apart(double wanted) const {
+        return std::max(wanted * factor * (1 - distanceError) - slack, 0.0);
+    }
 
     // The float square below which two float copies are surely less than that apart.
     float squareCut(double wanted) const {
@@ -360,13 +500,115 @@ private:
     Points& own;
     const int* members;
     int n;
-    double slack, error;
+    double factor, slack, error;
     FarPair best;
     Cuts cuts{};
 };
 
-FarPair Points::farthest(const int* members, int n) {
-    return Search(*this, members, n).run();
+// --- the farthest pair of any vectors ---
+
+template <class Sample>
+FarPair Points<Sample>::farthest(const int* members, int n, bool hasOwnFrame) {
+    isOwn_ = false;
+    if (hasOwnFrame) makePoints(members, n);
+    if (!hasStrange_) return search(members, n);
+    const FarPair pair = firstInfinitePair(members, n);
+    return pair.spread > 0 ? pair : searchFinite(members, n);
 }
+
+template <class Sample>
+FarPair Points<Sample>::search(const int* members, int n) {
+    FarPair pair;
+    if (Search(*this, members, n).run(pair, false)) return pair;
+    select(members, n, true);
+    Search(*this, members, n).run(pair, true);
+    pair.hasOwnFrame = true;
+    return pair;
+}
+
+// A distance from a vector that is not finite is not a number here, or there would be an infinite one: no such
+// pair is ever the farthest.
+template <class Sample>
+FarPair Points<Sample>::searchFinite(const int* members, int n) {
+    int* const list = kept_.get();
+    int* const places = list + set_.nVectors;
+    int count = 0;
+    for (int i = 0; i < n; ++i) {
+        if (kinds_[members[i]] != finite) continue;
+        places[count] = i;
+        list[count++] = members[i];
+    }
+    FarPair pair = search(list, count);
+    if (pair.spread > 0) {
+        pair.first = places[pair.first];
+        pair.second = places[pair.second];
+    }
+    return pair;
+}
+
+template <class Sample>
+bool Points<Sample>::isInfinite(const int* members, int i, int j) const {
+    return std::isinf(set_.distance(set_, members[i], members[j]));
+}
+
+// The distance of a finite vector from an infinite one is infinite.
+template <class Sample>
+FarPair Points<Sample>::firstInfinitePair(const int* members, int n) {
+    int firstOf[] = {n, n, n};
+    for (int i = n; i-- > 0;)
+        firstOf[kinds_[members[i]]] = i;
+    const int end = firstOf[finite], from = firstOf[infinite];
+    if (from == n) return {};
+    if (end == n) return firstPairOfPatterns(members, n);
+    if (end < from) return {infinity, end, from};
+    for (int j = from + 1; j < end; ++j)
+        if (kinds_[members[j]] == infinite && isInfinite(members, from, j)) return {infinity, from, j};
+    return {infinity, from, end};
+}
+
+template <class Sample>
+typename Points<Sample>::Pattern Points<Sample>::patternOf(int member, int place) const {
+    Pattern pattern{0, 0, place};
+    for (int k = 0; k < set_.nDim; ++k) {
+        const auto value = double(rows_[member][k]);
+        if (std::isinf(value)) (value > 0 ? pattern.positive : pattern.negative) |= std::uint64_t(1) << k % 64;
+    }
+    return pattern;
+}
+
+// Two vectors with the same infinity in one element are at no distance from each other; those with none in
+// common are infinitely far apart. So one vector of each pattern is enough, the first; there are few patterns.
+template <class Sample>
+FarPair Points<Sample>::firstPairOfPatterns(const int* members, int n) {
+    int count = 0;
+    Pattern* const patterns = patterns_.get();
+    for (int i = 0; i < n; ++i)
+        if (kinds_[members[i]] == infinite) patterns[count++] = patternOf(members[i], i);
+    const bool isExact = set_.nDim <= 64;
+    if (isExact) {
+        std::sort(patterns, patterns + count, [](const Pattern& a, const Pattern& b) {
+            if (a.positive != b.positive) return a.positive < b.positive;
+            return a.negative != b.negative ? a.negative < b.negative : a.place < b.place;
+        });
+        count = int(std::unique(patterns, patterns + count,
+                                [](const Pattern& a, const Pattern& b) {
+                                    return a.positive == b.positive && a.negative == b.negative;
+                                }) -
+                    patterns);
+        std::sort(patterns, patterns + count,
+                  [](const Pattern& a, const Pattern& b) { return a.place < b.place; });
+    }
+    for (int i = 0; i < count; ++i)
+        for (int j = i + 1; j < count; ++j) {
+            const Pattern &a = patterns[i], &b = patterns[j];
+            const bool isApart = ((a.positive & b.positive) | (a.negative & b.negative)) == 0;
+            if (isApart || (!isExact && isInfinite(members, a.place, b.place)))
+                return {infinity, a.place, b.place};
+        }
+    return {};
+}
+
+template class Points<float>;
+template class Points<short>;
 
 } // namespace ktl::codebook

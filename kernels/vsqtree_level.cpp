@@ -18,21 +18,22 @@ VSQ_INLINE float squaredLength(const float* p, int stride) {
     return sumLanes(total);
 }
 
-template <class Sample>
-VSQ_INLINE float pointOf(const Sample* src, const float* centre, int nDim, float* p, int stride) {
-    for (int k = 0; k < nDim; ++k)
-        p[k] = float(src[k]) - centre[k];
+VSQ_INLINE float finishPoint(int nDim, float* p, int stride) {
     for (int k = nDim; k < stride; ++k)
         p[k] = 0;
     return squaredLength(p, stride);
 }
 
-float pointOfFloats(const float* src, const float* centre, int nDim, float* p, int stride) {
-    return pointOf(src, centre, nDim, p, stride);
+float pointOfFloats(const float* src, float factor, const float* centre, int nDim, float* p, int stride) {
+    for (int k = 0; k < nDim; ++k)
+        p[k] = src[k] * factor - centre[k];
+    return finishPoint(nDim, p, stride);
 }
 
 float pointOfShorts(const short* src, const float* centre, int nDim, float* p, int stride) {
-    return pointOf(src, centre, nDim, p, stride);
+    for (int k = 0; k < nDim; ++k)
+        p[k] = float(src[k]) - centre[k];
+    return finishPoint(nDim, p, stride);
 }
 
 void addFloats(const float* src, double* sums, int nDim) {

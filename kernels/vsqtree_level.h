@@ -1,7 +1,7 @@
 // The loops of tree codebooks: which of two seeds is nearer, and which pair of points is the farthest.
 //
-// Everything here works on points: float copies of the vectors, relative to one centre, `stride` floats each
-// (a multiple of 16, filled up with zeros). Results are sound, not exact: where float arithmetic cannot tell
+// Everything here works on points: float copies of the vectors, scaled by a power of two and relative to
+// one centre, `stride` floats each (a multiple of 16, filled up with zeros). Results are sound, not exact: where float arithmetic cannot tell
 // what the distances themselves would say, the answer is "in doubt", and the caller asks the distances. So
 // every decision is the one of the distances, whatever the order of summation here.
 #pragma once
@@ -38,9 +38,10 @@ struct PlaneTree {
 constexpr int pointBlock = 16;
 
 struct TreeKernels {
-    // Writes one point: p[k] = src[k] - centre[k] for k < nDim, zeros up to stride. Returns the sum of its
-    // squares.
-    float (*pointOfFloats)(const float* src, const float* centre, int nDim, float* p, int stride);
+    // Writes one point: p[k] = src[k] * factor - centre[k] for k < nDim (the factor of shorts is 1), zeros up to
+    // stride. Returns the sum of its squares.
+    float (*pointOfFloats)(const float* src, float factor, const float* centre, int nDim, float* p,
+                           int stride);
     float (*pointOfShorts)(const short* src, const float* centre, int nDim, float* p, int stride);
 
     // sums[k] += src[k]

@@ -444,8 +444,8 @@ TYPED_TEST(Tree, FarthestPairIsTheFirstOneOfTheDoubleLoop) {
         plain.farthest(want);
 
         const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<T>, isFloat<T> ? 0. : 1.};
-        ktl::codebook::Points points;
-        ASSERT_TRUE(points.take(vectors, set.get(), set.get()[0]));
+        ktl::codebook::Points<T> points;
+        ASSERT_TRUE(points.take(vectors, set.get()));
         const auto got = points.farthest(members.data(), int(members.size()));
         ASSERT_EQ(got.spread, want.spread) << "round " << round;
         ASSERT_EQ(got.first, want.far1) << "round " << round;
@@ -460,18 +460,18 @@ TYPED_TEST(Tree, FarthestPairIsTheFirstOneOfTheDoubleLoop) {
 TYPED_TEST(Tree, FarthestPairOfManyEqualVectorsIsQuick) { // a plain loop over 2 * 10^10 pairs would time out
     using T = TypeParam;
     const int n = 200000;
-    std::vector<T> one(13, T(7)), other(13, T(9)), middle(13, T(8));
+    std::vector<T> one(13, T(7)), other(13, T(9));
     std::vector<T*> rows(std::size_t(n), one.data());
     const ktl::codebook::Vectors vectors{rows.data(), n, 13, rowDistance<T>, isFloat<T> ? 0. : 1.};
     std::vector<int> members;
     for (int i = 0; i < n; ++i)
         members.push_back(i);
-    ktl::codebook::Points points;
-    ASSERT_TRUE(points.take(vectors, rows.data(), middle.data()));
+    ktl::codebook::Points<T> points;
+    ASSERT_TRUE(points.take(vectors, rows.data()));
     EXPECT_EQ(points.farthest(members.data(), n).second, 0);
     for (int i = 3; i < n; i += 2)
         rows[std::size_t(i)] = other.data();
-    ASSERT_TRUE(points.take(vectors, rows.data(), middle.data()));
+    ASSERT_TRUE(points.take(vectors, rows.data()));
     const auto pair = points.farthest(members.data(), n);
     EXPECT_EQ(pair.first, 0);
     EXPECT_EQ(pair.second, 3);
