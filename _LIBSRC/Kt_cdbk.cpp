@@ -206,8 +206,7 @@ private:
         const int n = cluster->nMembers;
         if (n > 0) {
             points.select(cluster->pMembers, n, cluster->hasOwnFrame);
-            label(cluster, rows[cluster->pMembers[cluster->iFar1]],
-                  rows[cluster->pMembers[cluster->iFar2]]);
+            label(cluster, rows[cluster->pMembers[cluster->iFar1]], rows[cluster->pMembers[cluster->iFar2]]);
         }
         centroidsOfSides(cluster, centroidOf(left), centroidOf(right));
         label(cluster, centroidOf(left), centroidOf(right));

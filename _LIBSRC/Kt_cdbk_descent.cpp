@@ -49,8 +49,8 @@ void fillNodes(KTDescent& descent, const KTCluster* root, double unit) {
         }
         descent.planes[node] =
             planeBetween(static_cast<const Sample*>(cluster->pLeft->pCentroid),
-                         static_cast<const Sample*>(cluster->pRight->pCentroid), frame, descent.nDim,
-                         unit, descent.normals + std::ptrdiff_t(node) * descent.tree.stride);
+                         static_cast<const Sample*>(cluster->pRight->pCentroid), frame, descent.nDim, unit,
+                         descent.normals + std::ptrdiff_t(node) * descent.tree.stride);
         descent.children[node] = known;
         descent.clusters[known++] = cluster->pLeft;
         descent.clusters[known++] = cluster->pRight;

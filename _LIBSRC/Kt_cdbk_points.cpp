@@ -384,9 +384,7 @@ private:
     }
 
     // A distance reaches `wanted` only if the float copies are at least this far apart.
-    double apart(double wanted) const {
-        return std::max(wanted * factor * (1 - distanceError) - slack, 0.0);
-    }
+    double apart(double wanted) const { return std::max(wanted * factor * (1 - distanceError) - slack, 0.0); }
 
     // The float square below which two float copies are surely less than that apart.
     float squareCut(double wanted) const {
@@ -571,7 +569,8 @@ typename Points<Sample>::Pattern Points<Sample>::patternOf(int member, int place
     Pattern pattern{0, 0, place};
     for (int k = 0; k < set_.nDim; ++k) {
         const auto value = double(rows_[member][k]);
-        if (std::isinf(value)) (value > 0 ? pattern.positive : pattern.negative) |= std::uint64_t(1) << k % 64;
+        if (std::isinf(value))
+            (value > 0 ? pattern.positive : pattern.negative) |= std::uint64_t(1) << k % 64;
     }
     return pattern;
 }

@@ -119,7 +119,8 @@ private:
     Scratch<int> order_; // members of one block, and the smallest place of each block
     Scratch<char> labels_;
     Scratch<Kind> kinds_;
-    Scratch<int> kept_; // where there are vectors that are not finite: those of a list that are, and their places
+    Scratch<int>
+        kept_; // where there are vectors that are not finite: those of a list that are, and their places
     Scratch<Pattern> patterns_;
 };
 

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -419,6 +420,79 @@ TEST(TreeFloat, HoldsForTinyHugeAndMissingNumbers) {
     }
 }
 
+constexpr float inf = std::numeric_limits<float>::infinity();
+constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+
+// Sets in which vectors are missing, infinite, far out or of magnitudes of their own.
+constexpr int oddKinds = 9;
+Rows<float> oddSet(int kind, int n, int nDim, Random& random) {
+    std::normal_distribution<float> normal;
+    Rows<float> set = fill<float>(n, nDim, [&](int, int) { return normal(random); });
+    const auto some = [&] { return std::size_t(random() % unsigned(n)); };
+    const auto element = [&]() -> float& { return set.rows[some()][random() % unsigned(nDim)]; };
+    const auto scale = [](std::vector<float>& row, double by) {
+        for (float& value : row)
+            value = float(value * by);
+    };
+    switch (kind) {
+    case 0: // a few missing elements
+        for (int i = 0; i < 3; ++i)
+            element() = nan;
+        break;
+    case 1: // every other vector misses one
+        for (std::size_t i = 0; i < set.rows.size(); i += 2)
+            set.rows[i][0] = nan;
+        break;
+    case 2: // infinite and missing elements
+        for (int i = 0; i < 4; ++i)
+            element() = i == 0 ? nan : i % 2 == 0 ? inf : -inf;
+        break;
+    case 3: // nothing finite, one infinity common to all
+        for (auto& row : set.rows)
+            row[0] = inf;
+        break;
+    case 4: // nothing finite, each with infinities of its own; now and then every pair has one in common
+        for (auto& row : set.rows)
+            for (unsigned k = 0; k < unsigned(nDim) / 2 + random() % 2; ++k)
+                row[random() % unsigned(nDim)] = random() % 4 == 0 ? -inf : inf;
+        break;
+    case 5: // one vector far out
+        scale(set.rows[some()], 1e30);
+        break;
+    case 6: // two magnitudes
+        for (std::size_t i = 0; i < set.rows.size(); i += 2)
+            scale(set.rows[i], 1e25);
+        break;
+    case 7: // all magnitudes
+        for (auto& row : set.rows)
+            scale(row, std::pow(10, int(random() % 80) - 43));
+        break;
+    default: // corners as far out as floats go, and a tight crowd away from the origin
+        for (auto& row : set.rows)
+            for (float& value : row)
+                value = random() % 2 ? 3e38f : -3e38f;
+        for (std::size_t i = 0; i < set.rows.size(); i += 3)
+            for (float& value : set.rows[i])
+                value = 1000 + 1e-3f * float(random() % 4);
+    }
+    return Rows<float>(std::move(set.rows));
+}
+
+TEST(TreeFloat, EqualsThePlainFormWhateverTheNumbersAre) {
+    Random random(12);
+    for (int round = 0; round < 180; ++round) {
+        const int kind = round % oddKinds, n = 1 + int(random() % 150);
+        const int nDim = round % 5 == 0 ? 60 + int(random() % 20) : 1 + int(random() % 15);
+        const int nSize = 1 + int(random() % 16), flags = round / oddKinds % 2 ? largest : widest;
+        SCOPED_TRACE(testing::Message()
+                     << "kind " << kind << " n " << n << " nDim " << nDim << " nSize " << nSize);
+        Rows<float> set = oddSet(kind, n, nDim, random), tested = oddSet(kind, 60, nDim, random);
+        expectAsPlain(set, nSize, flags);
+        expectAsPlain(set, nSize, flags, &tested);
+        if (HasFatalFailure()) return;
+    }
+}
+
 // --- the farthest pair alone ---
 
 template <class T>
@@ -475,6 +549,82 @@ TYPED_TEST(Tree, FarthestPairOfManyEqualVectorsIsQuick) { // a plain loop over 2
     const auto pair = points.farthest(members.data(), n);
     EXPECT_EQ(pair.first, 0);
     EXPECT_EQ(pair.second, 3);
+}
+
+TEST(TreeFloat, FarthestPairIsTheFirstOneWhateverTheNumbersAre) {
+    Random random(13);
+    for (int round = 0; round < 450; ++round) {
+        const int kind = round % oddKinds, n = 2 + int(random() % 120), nDim = 1 + int(random() % 70);
+        Rows<float> set = oddSet(kind, n, nDim, random);
+        std::vector<int> members(set.rows.size());
+        for (int i = 0; i < n; ++i)
+            members[std::size_t(i)] = i;
+        std::shuffle(members.begin(), members.end(), random);
+        Reference<float> plain(set);
+        const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<float>, 0.0};
+        ktl::codebook::Points<float> points;
+        ASSERT_TRUE(points.take(vectors, set.get()));
+        bool hasOwnFrame = false;
+        while (!members.empty()) { // and of ever shorter lists, in whatever frame the last search has left
+            Leaf<float> want;
+            want.members = members;
+            plain.farthest(want);
+            const auto got = points.farthest(members.data(), int(members.size()), hasOwnFrame);
+            ASSERT_EQ(got.spread, want.spread) << "round " << round << " of " << members.size();
+            ASSERT_EQ(got.first, want.far1) << "round " << round << " of " << members.size();
+            ASSERT_EQ(got.second, want.far2) << "round " << round << " of " << members.size();
+            hasOwnFrame = got.hasOwnFrame;
+            members.resize(members.size() / 2);
+        }
+    }
+}
+
+// --- what odd data cost ---
+
+// Processor seconds of a training, the shortest of three.
+template <class T>
+double costOf(Rows<T>& set, int nSize, int flags) {
+    double least = 1e9;
+    for (int run = 0; run < 3 && (run == 0 || least < 2); ++run) {
+        const std::clock_t start = std::clock();
+        const Codebook codebook = train(set, nSize, flags);
+        least = std::min(least, double(std::clock() - start) / CLOCKS_PER_SEC);
+    }
+    return least;
+}
+
+// A plain search of all pairs costs hundreds of times what ordinary vectors cost.
+constexpr double oddIsWorth = 30;
+
+TEST(TreeFloat, OddNumbersCostLittleMoreThanOrdinaryOnes) {
+    Random random(14);
+    constexpr int n = 10000, nDim = 13, nSize = 16;
+    for (int flags : {largest, widest}) {
+        support::CapturedReports reports; // some sets have no second cell
+        Rows<float> ordinary = someSet<float>(0, n, nDim, random);
+        const double limit = oddIsWorth * costOf(ordinary, nSize, flags);
+        for (int kind = 0; kind < oddKinds; ++kind) {
+            Rows<float> set = oddSet(kind, n, nDim, random);
+            EXPECT_LT(costOf(set, nSize, flags), limit) << "kind " << kind;
+        }
+        for (double scale : {1e-42, 1e-30, 1e30}) {
+            Rows<float> set = ordinary;
+            for (auto& row : set.rows)
+                for (float& value : row)
+                    value = float(value * scale);
+            set = Rows<float>(std::move(set.rows));
+            EXPECT_LT(costOf(set, nSize, flags), limit) << "scale " << scale;
+        }
+    }
+}
+
+TYPED_TEST(Tree, ManyEmptyCellsCostLittle) { // each would cost a pass over all vectors
+    Random random(15);
+    constexpr int n = 10000, nDim = 13;
+    Rows<TypeParam> ordinary = someSet<TypeParam>(0, n, nDim, random);
+    const double limit = oddIsWorth * costOf(ordinary, 16, largest);
+    Rows<TypeParam> equal = fill<TypeParam>(n, nDim, [](int, int) { return 5; });
+    EXPECT_LT(costOf(equal, 1024, largest), limit);
 }
 
 // --- edge cases ---
@@ -707,37 +857,53 @@ TYPED_TEST(Tree,
     EXPECT_GE(index[0], 1);
 }
 
+// A run of a training for each allocation that fails. Returns how many there were.
+template <class T>
+int expectEveryFailureReported(Rows<T>& set, int nSize, int flags) {
+    std::vector<int> labels(set.rows.size(), -7);
+    const std::vector<int> untouched = labels;
+    support::CapturedReports reports;
+    Codebook codebook;
+    std::string texts;
+    texts.reserve(4096);
+    const long before = support::alloc::liveBlocks();
+    const int failures = support::alloc::failEach(
+        [&] { codebook = train(set, nSize, flags, labels.data()); },
+        [&] {
+            EXPECT_EQ(codebook, nullptr);
+            EXPECT_EQ(KTGetStatus(), KT_StsNoMem);
+            ASSERT_EQ(reports.count(), 1u);
+            EXPECT_EQ(reports[0].status, KT_StsNoMem);
+            const bool isStart = reports[0].message == "insufficiency of memory for pointer  codebook";
+            EXPECT_TRUE(isStart || reports[0].message == "codebook of given size can not be constructed");
+            texts += isStart ? 's' : 'c';
+            reports.clear();
+            EXPECT_EQ(support::alloc::liveBlocks(), before);
+            EXPECT_EQ(labels, untouched);
+        });
+    EXPECT_NE(codebook, nullptr);
+    EXPECT_NE(labels, untouched);
+    EXPECT_EQ(texts.front(), 's');
+    EXPECT_EQ(texts.back(), 'c');
+    KTSetStatus(0);
+    return failures;
+}
+
 TYPED_TEST(Tree, EveryFailedAllocationIsReportedAndNothingIsLost) {
     for (int nDim : {3, 70}) {
         Random random(10);
         Rows<TypeParam> set = someSet<TypeParam>(0, 60, nDim, random);
-        std::vector<int> labels(60, -7);
-        const std::vector<int> untouched = labels;
-        support::CapturedReports reports;
-        Codebook codebook;
-        std::string texts;
-        texts.reserve(4096);
-        const long before = support::alloc::liveBlocks();
-        const int failures = support::alloc::failEach(
-            [&] { codebook.reset(make(set.get(), labels.data(), 60, nDim, 4, widest)); },
-            [&] {
-                EXPECT_EQ(codebook, nullptr);
-                EXPECT_EQ(KTGetStatus(), KT_StsNoMem);
-                ASSERT_EQ(reports.count(), 1u);
-                EXPECT_EQ(reports[0].status, KT_StsNoMem);
-                const bool isStart = reports[0].message == "insufficiency of memory for pointer  codebook";
-                EXPECT_TRUE(isStart || reports[0].message == "codebook of given size can not be constructed");
-                texts += isStart ? 's' : 'c';
-                reports.clear();
-                EXPECT_EQ(support::alloc::liveBlocks(), before);
-                EXPECT_EQ(labels, untouched);
-            });
-        EXPECT_NE(codebook, nullptr);
-        EXPECT_NE(labels, untouched);
-        EXPECT_EQ(texts.front(), 's');
-        EXPECT_EQ(texts.back(), 'c');
-        EXPECT_GT(failures, 20);
-        KTSetStatus(0);
+        EXPECT_GT(expectEveryFailureReported(set, 4, widest), 20);
+    }
+    Rows<TypeParam> equal = fill<TypeParam>(60, 3, [](int, int) { return 5; });
+    EXPECT_GT(expectEveryFailureReported(equal, 4, largest), 20);
+}
+
+TEST(TreeFloat, EveryFailedAllocationIsReportedWhateverTheNumbersAre) {
+    Random random(16);
+    for (int kind = 0; kind < oddKinds; ++kind) {
+        Rows<float> set = oddSet(kind, 60, 5, random);
+        EXPECT_GT(expectEveryFailureReported(set, 4, largest), 20);
     }
 }
 
