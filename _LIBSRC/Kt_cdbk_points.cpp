@@ -127,16 +127,21 @@ bool Points<Sample>::allocate(std::uint64_t n) {
     const std::uint64_t nBlocks = (n + vsq::pointBlock - 1) / vsq::pointBlock;
     points_ = Scratch<float>(n * std::uint64_t(stride_));
     centres_ = Scratch<float>(2 * std::uint64_t(stride_));
-    normal_ = Scratch<float>(stride_);
+    normal_ = Scratch<float>(3 * std::uint64_t(stride_)); // the search has three points of its own there
     reach_ = Scratch<float>(n);
     squares_ = Scratch<float>(2 * n);
     blocks_ = Scratch<float>(nBlocks * vsq::pointBlock * std::uint64_t(set_.nDim));
-    sums_ = Scratch<double>(set_.nDim);
+    sums_ = Scratch<double>(2 * std::int64_t(set_.nDim));
     candidates_ = Scratch<Candidate>(n);
+    slots_ = Scratch<int>(n);
     order_ = Scratch<int>(nBlocks);
+    const std::uint64_t nGroups = (nBlocks + vsq::boxBlock - 1) / vsq::boxBlock;
+    const std::uint64_t nGroupBlocks = (nGroups + vsq::boxBlock - 1) / vsq::boxBlock;
+    boxes_ = Scratch<float>((nGroups + nGroupBlocks) * vsq::boxBlock * (2 * std::uint64_t(set_.nDim) + 1));
+    boxOrder_ = Scratch<int>(nGroups);
     labels_ = Scratch<char>(n);
     return points_ && centres_ && normal_ && reach_ && squares_ && blocks_ && sums_ && candidates_ &&
-           order_ && labels_;
+           slots_ && order_ && boxes_ && boxOrder_ && labels_;
 }
 
 template <class Sample>
@@ -260,8 +265,8 @@ void Points<Sample>::label(const int* members, int n, const vsq::Plane& plane) {
 template <class Sample>
 class Points<Sample>::Search {
 public:
-    Search(Points& points, const int* list, int count)
-        : own(points), members(list), n(count), factor(double(points.frame().factor)) {
+    Search(Points& points, const int* list, int length)
+        : own(points), members(list), n(length), factor(double(points.frame().factor)) {
         float most = 0;
         for (int i = 0; i < n; ++i)
             most = std::max(most, own.reach_[members[i]]);
@@ -338,8 +343,17 @@ private:
     void compareFarOnes() {
         updateCuts();
         const float* squares = squaresFromCentre();
-        const int count = removeEqual(collectFarOnes(squares));
-        fillBlocks(count);
+        count = removeEqual(collectFarOnes(squares));
+        for (int i = 0; i < count; ++i)
+            own.slots_[i] = i;
+        if (double(rowsLeft()) * count > manyPairs)
+            compareByBoxes();
+        else
+            compareByRadii();
+    }
+
+    void compareByRadii() {
+        fillBlocks();
         int end = count;
         for (int i = 0; i + 1 < end; ++i) {
             while (end > i + 1 && own.candidates_[i].radius + own.candidates_[end - 1].radius < cuts.radii)
@@ -348,14 +362,22 @@ private:
         }
     }
 
+    // The candidates that can be the one farther out of a pair.
+    int rowsLeft() const {
+        int rows = 0;
+        while (rows < count && 2 * own.candidates_[rows].radius >= cuts.radii)
+            ++rows;
+        return rows;
+    }
+
     // Radii may be taken from any point. The mean suits clouds and single vectors far out, the middle of the
     // good pair suits skewed sets; the one that leaves fewer pairs is used.
     const float* squaresFromCentre() {
         const int nDim = own.set_.nDim;
-        float* const centre = own.normal();
+        float* centre = own.normal();
         float* const fromMean = own.squares_.get();
         float* const fromMiddle = fromMean + n;
-        std::fill(centre, centre + own.stride_, 0.0f);
+        std::fill(centre, centre + 2 * std::ptrdiff_t(own.stride_), 0.0f);
         std::fill(own.sums_.get(), own.sums_.get() + nDim, 0.0);
         for (int i = 0; i < n; ++i)
             kernels().addFloats(own.pointOf(members[i]), own.sums_.get(), nDim);
@@ -363,12 +385,23 @@ private:
             centre[k] = static_cast<float>(own.sums_[k] / n);
         kernels().squaresFrom(own.points_.get(), own.stride_, members, n, centre, fromMean);
 
+        centre += own.stride_;
         const float* const a = own.pointOf(members[best.first]);
         const float* const b = own.pointOf(members[best.second]);
         for (int k = 0; k < nDim; ++k)
             centre[k] = 0.5f * a[k] + 0.5f * b[k];
         kernels().squaresFrom(own.points_.get(), own.stride_, members, n, centre, fromMiddle);
+        chooseMirror(fromMean, fromMiddle);
         return pairsLeft(fromMiddle) < pairsLeft(fromMean) ? fromMiddle : fromMean;
+    }
+
+    // The mirror is the point of the two that is nearer to the middle of the smallest ball around all.
+    void chooseMirror(const float* fromMean, const float* fromMiddle) {
+        const float mean = fromMean[placeOfLargest(fromMean)];
+        const float middle = fromMiddle[placeOfLargest(fromMiddle)];
+        mirror = own.normal() + (middle < mean ? own.stride_ : 0);
+        fromMirror = middle < mean ? fromMiddle : fromMean;
+        mirrorError = 64.0 * error * std::min(mean, middle);
     }
 
     // Of a pair whose radii do, the larger one is at least half of the sum wanted.
@@ -408,17 +441,17 @@ private:
         double most = 0;
         for (int i = 0; i < n; ++i)
             most = std::max(most, radiusOf(squares[i]));
-        int count = 0;
+        int found = 0;
         for (int i = 0; i < n; ++i) {
             const double radius = radiusOf(squares[i]);
             if (radius + most < cuts.radii) continue;
-            own.candidates_[count++] = {radius, hashOf(own.pointOf(members[i])), i};
+            own.candidates_[found++] = {radius, hashOf(own.pointOf(members[i])), i};
         }
-        std::sort(own.candidates_.get(), own.candidates_.get() + count, [](const auto& a, const auto& b) {
+        std::sort(own.candidates_.get(), own.candidates_.get() + found, [](const auto& a, const auto& b) {
             if (a.radius != b.radius) return a.radius > b.radius;
             return a.hash != b.hash ? a.hash < b.hash : a.place < b.place;
         });
-        return count;
+        return found;
     }
 
     unsigned hashOf(const float* point) const {
@@ -433,9 +466,9 @@ private:
     }
 
     // Of members with the same vector only the first in the list can be in the pair that is looked for.
-    int removeEqual(int count) {
+    int removeEqual(int found) {
         int kept = 0;
-        for (int i = 0; i < count; ++i) {
+        for (int i = 0; i < found; ++i) {
             const Candidate& next = own.candidates_[i];
             if (kept == 0 || !isSameVector(own.candidates_[kept - 1].place, next.place))
                 own.candidates_[kept++] = next;
@@ -449,13 +482,13 @@ private:
                own.set_.distance(own.set_, members[i], members[j]) == 0;
     }
 
-    void fillBlocks(int count) {
+    void fillBlocks() {
         const int nDim = own.set_.nDim;
         for (int start = 0, block = 0; start < count; start += vsq::pointBlock, ++block) {
             int list[vsq::pointBlock];
             int first = std::numeric_limits<int>::max();
             for (int i = 0; i < vsq::pointBlock; ++i) { // the last one fills the block up
-                const int place = own.candidates_[std::min(start + i, count - 1)].place;
+                const int place = placeAt(std::min(start + i, count - 1));
                 list[i] = members[place];
                 first = std::min(first, place);
             }
@@ -464,6 +497,8 @@ private:
                                      own.blocks_.get() + std::ptrdiff_t(block) * vsq::pointBlock * nDim);
         }
     }
+
+    int placeAt(int slot) const { return own.candidates_[own.slots_[slot]].place; }
 
     // Compares candidate i with those from i + 1 to end - 1.
     void compareRow(int i, int end) {
@@ -486,18 +521,199 @@ private:
         const int start = block * vsq::pointBlock;
         for (unsigned left = masks[0]; left != 0; left &= left - 1) {
             const int lane = __builtin_ctz(left);
-            const int j = start + lane;
-            if (j < from || j >= end) continue;
+            if (start + lane >= count) continue;
+            const int j = own.slots_[start + lane];
             const int other = own.candidates_[j].place;
+            if (j < from || j >= end || other == place) continue;
             if ((masks[1] >> lane & 1u) != 0 || isBeforeBest(std::min(place, other), std::max(place, other)))
                 judge(place, other);
         }
         if (best.spread != before) updateCuts();
     }
 
+    // --- many candidates, of which the radii tell little: boxes around those that are near each other ---
+
+    static constexpr double manyPairs = 1 << 22;
+    static constexpr int group = vsq::pointBlock * vsq::boxBlock; // the candidates of a block of boxes
+
+    void compareByBoxes() {
+        orderSlots(0, count, 0);
+        fillBlocks();
+        fillBoxes();
+        compareFirstPlaces();
+        for (int i = 0; i + 1 < count && 2 * own.candidates_[i].radius >= cuts.radii; ++i)
+            compareWithBoxes(i, i + 1);
+    }
+
+    // Brings candidates that are near each other together: halves the slots from `first` to `last` along their
+    // widest coordinate, at its middle as nearly as whole blocks allow. Sets that are very uneven are halved by
+    // number from some depth on.
+    void orderSlots(int first, int last, int depth) {
+        const int size = last - first;
+        if (size <= vsq::pointBlock) return;
+        const int unit = size > group ? group : vsq::pointBlock, most = (size - 1) / unit * unit;
+        const Extent widest = widestOf(first, last);
+        int* const slots = own.slots_.get();
+        const auto valueOf = [&](int slot) {
+            return own.pointOf(members[own.candidates_[slot].place])[widest.coordinate];
+        };
+        int half = size / 2;
+        if (depth < 24)
+            half = int(std::count_if(slots + first, slots + last,
+                                     [&](int slot) { return valueOf(slot) < widest.middle; }));
+        half = std::clamp((half + unit / 2) / unit * unit, unit, most);
+        std::nth_element(slots + first, slots + first + half, slots + last,
+                         [&](int a, int b) { return valueOf(a) < valueOf(b); });
+        orderSlots(first, first + half, depth + 1);
+        orderSlots(first + half, last, depth + 1);
+    }
+
+    struct Extent {
+        int coordinate;
+        float middle;
+    };
+
+    Extent widestOf(int first, int last) const {
+        const int nDim = own.set_.nDim;
+        double* const bounds = own.sums_.get(); // lower ones, and behind them upper ones
+        for (int slot = first; slot < last; ++slot) {
+            const float* const point = own.pointOf(members[placeAt(slot)]);
+            for (int k = 0; k < nDim; ++k) {
+                const double value = point[k];
+                bounds[k] = slot == first ? value : std::min(bounds[k], value);
+                bounds[nDim + k] = slot == first ? value : std::max(bounds[nDim + k], value);
+            }
+        }
+        int widest = 0;
+        for (int k = 1; k < nDim; ++k)
+            if (bounds[nDim + k] - bounds[k] > bounds[nDim + widest] - bounds[widest]) widest = k;
+        return {widest, static_cast<float>((bounds[widest] + bounds[nDim + widest]) / 2)};
+    }
+
+    float* boxBlockAt(int block) const {
+        return own.boxes_.get() + std::ptrdiff_t(block) * vsq::boxBlockSize(own.set_.nDim);
+    }
+
+    // One block of boxes for each group of 256 candidates; behind them, in blocks too, the boxes around these.
+    void fillBoxes() {
+        const int nBlocks = (count + vsq::pointBlock - 1) / vsq::pointBlock;
+        groups = (nBlocks + vsq::boxBlock - 1) / vsq::boxBlock;
+        groupBlocks = (groups + vsq::boxBlock - 1) / vsq::boxBlock;
+        for (int block = 0; block < groups * vsq::boxBlock; ++block)
+            fillBox(block, block < nBlocks);
+        for (int i = 0; i < groupBlocks * vsq::boxBlock; ++i)
+            fillGroup(i, i < groups);
+    }
+
+    void fillBox(int block, bool exists) {
+        const int nDim = own.set_.nDim, lane = block % vsq::boxBlock;
+        float* const box = boxBlockAt(block / vsq::boxBlock) + lane;
+        const float* const points = own.blocks_.get() + std::ptrdiff_t(block) * vsq::pointBlock * nDim;
+        for (int k = 0; k < nDim; ++k) {
+            const float* const first = points + std::ptrdiff_t(k) * vsq::pointBlock;
+            const auto ends = exists ? std::minmax_element(first, first + vsq::pointBlock)
+                                     : std::pair<const float*, const float*>{};
+            box[2 * vsq::boxBlock * k] = exists ? *ends.first : 0.0f;
+            box[2 * vsq::boxBlock * k + vsq::boxBlock] = exists ? *ends.second : 0.0f;
+        }
+        float reach = -std::numeric_limits<float>::infinity();
+        for (int slot = block * vsq::pointBlock; exists && slot < count; ++slot) {
+            if (slot == (block + 1) * vsq::pointBlock) break;
+            reach = std::max(reach, 2 * fromMirror[placeAt(slot)]);
+        }
+        box[2 * vsq::boxBlock * nDim] = reach;
+    }
+
+    void fillGroup(int i, bool exists) {
+        const int nDim = own.set_.nDim, size = vsq::boxBlock;
+        float* const box = boxBlockAt(groups + i / size) + i % size;
+        const float* const parts = boxBlockAt(exists ? i : 0);
+        const int nBlocks = (count + vsq::pointBlock - 1) / vsq::pointBlock;
+        const int nParts = exists ? std::min(nBlocks - i * size, size) : 1;
+        for (int k = 0; k < nDim; ++k) {
+            const float *const low = parts + 2 * size * k, *const high = low + size;
+            box[2 * size * k] = *std::min_element(low, low + nParts);
+            box[2 * size * k + size] = *std::max_element(high, high + nParts);
+        }
+        const float* const reach = parts + 2 * size * nDim;
+        box[2 * size * nDim] =
+            exists ? *std::max_element(reach, reach + nParts) : -std::numeric_limits<float>::infinity();
+        if (exists)
+            own.boxOrder_[i] =
+                *std::min_element(own.order_.get() + i * size, own.order_.get() + i * size + nParts);
+    }
+
+    // Where many pairs are equally far apart the first ones settle which stands, and only a larger distance
+    // matters from then on.
+    void compareFirstPlaces() {
+        int before = -1;
+        for (int round = 0; round < 4; ++round) {
+            int first = -1;
+            for (int i = 0; i < count; ++i) {
+                const int place = own.candidates_[i].place;
+                if (place > before && (first < 0 || place < own.candidates_[first].place)) first = i;
+            }
+            if (first < 0) return;
+            before = own.candidates_[first].place;
+            compareWithBoxes(first, 0);
+        }
+    }
+
+    // Compares candidate i with those from `from` on.
+    void compareWithBoxes(int i, int from) {
+        const int place = own.candidates_[i].place, nDim = own.set_.nDim;
+        const float* const point = own.pointOf(members[place]);
+        float* const mirrored = own.normal() + 2 * std::ptrdiff_t(own.stride_);
+        for (int k = 0; k < nDim; ++k)
+            mirrored[k] = 2 * mirror[k] - point[k];
+        const Row row{i,     from,     place,
+                      point, mirrored, static_cast<float>((2.0 * fromMirror[place] + mirrorError) * 1.0001)};
+        for (int block = 0; block < groupBlocks; ++block)
+            for (unsigned left = farBoxes(row, groups + block, own.boxOrder_.get() + block * vsq::boxBlock);
+                 left != 0; left &= left - 1)
+                compareWithGroup(row, block * vsq::boxBlock + __builtin_ctz(left));
+    }
+
+    struct Row {
+        int candidate, from, place;
+        const float *point, *mirrored;
+        float twice;
+    };
+
+    void compareWithGroup(const Row& row, int i) {
+        const int firstBlock = i * vsq::boxBlock;
+        for (unsigned left = farBoxes(row, i, own.order_.get() + firstBlock); left != 0; left &= left - 1) {
+            const int block = firstBlock + __builtin_ctz(left);
+            unsigned masks[2];
+            if (kernels().nextFar(row.point, own.blocks_.get(), own.set_.nDim, block, block + 1, cuts.limit,
+                                  cuts.above, masks) != block)
+                continue;
+            if (std::min(row.place, own.order_[block]) > best.first) masks[0] &= masks[1];
+            compareLanes(row.place, block, row.from, count, masks);
+        }
+    }
+
+    // The boxes of a block that may hold a partner that matters. `firstPlaces` has the smallest place of each box
+    // that is not empty.
+    unsigned farBoxes(const Row& row, int block, const int* firstPlaces) const {
+        unsigned masks[2];
+        kernels().farBoxes(row.point, row.mirrored, row.twice, boxBlockAt(block), own.set_.nDim, cuts.limit,
+                           cuts.above, masks);
+        unsigned result = masks[1];
+        for (unsigned left = masks[0] & ~masks[1]; left != 0; left &= left - 1) {
+            const int lane = __builtin_ctz(left);
+            if (std::min(row.place, firstPlaces[lane]) <= best.first) result |= 1u << lane;
+        }
+        return result;
+    }
+
     Points& own;
     const int* members;
     int n;
+    int count = 0; // candidates
+    int groups = 0, groupBlocks = 0;
+    const float *mirror = nullptr, *fromMirror = nullptr; // the point, and the squared distances from it
+    double mirrorError = 0;                               // of a bound by the mirror
     double factor, slack, error;
     FarPair best;
     Cuts cuts{};

@@ -116,7 +116,10 @@ private:
     Scratch<float> points_, centres_, normal_, reach_, squares_, blocks_;
     Scratch<double> sums_;
     Scratch<Candidate> candidates_;
-    Scratch<int> order_; // members of one block, and the smallest place of each block
+    Scratch<int> slots_;    // candidates in the order of blocks_
+    Scratch<int> order_;    // the smallest place of each block
+    Scratch<float> boxes_;  // around blocks, and behind them around whole blocks of those boxes
+    Scratch<int> boxOrder_; // the smallest place of each of the latter
     Scratch<char> labels_;
     Scratch<Kind> kinds_;
     Scratch<int>

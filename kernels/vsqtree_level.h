@@ -37,6 +37,14 @@ struct PlaneTree {
 // coordinates[(i / 16) * 16 * nDim + k * 16 + i % 16].
 constexpr int pointBlock = 16;
 
+// Boxes around groups of points, in blocks of 16: for each coordinate k the 16 lower bounds at block[32 * k] and
+// the 16 upper ones behind them, and at block[32 * nDim] twice the largest squared length of a group's points,
+// seen from a mirror: a point in space that the caller has chosen. An empty group has minus infinity there.
+constexpr int boxBlock = 16;
+constexpr int boxBlockSize(int nDim) {
+    return boxBlock * (2 * nDim + 1);
+}
+
 struct TreeKernels {
     // Writes one point: p[k] = src[k] * factor - centre[k] for k < nDim (the factor of shorts is 1), zeros up to
     // stride. Returns the sum of its squares.
@@ -68,6 +76,13 @@ struct TreeKernels {
     // each whose squared distance is not below `above` either.
     int (*nextFar)(const float* p, const float* coordinates, int nDim, int block, int end, float limit,
                    float above, unsigned* masks);
+
+    // Which of 16 boxes may hold a point whose squared distance from p is not below `limit` (masks[0]), and not
+    // below `above` (masks[1]). The distance is bounded by the far corner, and by the parallelogram law:
+    //     |p - q|^2 = 2 |p - m|^2 + 2 |q - m|^2 - |mirrored - q|^2,    mirrored = 2 m - p
+    // for the mirror m, which says more of points on a sphere. `twice` is the first term.
+    void (*farBoxes)(const float* p, const float* mirrored, float twice, const float* block, int nDim,
+                     float limit, float above, unsigned* masks);
 };
 VSQ_DECLARE_LEVELS(TreeKernels, treeKernels)
 

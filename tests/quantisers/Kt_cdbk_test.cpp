@@ -579,6 +579,35 @@ TEST(TreeFloat, FarthestPairIsTheFirstOneWhateverTheNumbersAre) {
     }
 }
 
+// Sets of which the radii tell nothing, of sizes for which the search has boxes; full of equal distances but for the
+// sphere.
+TYPED_TEST(Tree, FarthestPairOfManyIsTheFirstOneOnEveryLevel) {
+    using T = TypeParam;
+    Random random(17);
+    for (int round = 0; round < 5; ++round) {
+        const int n = 2700 + int(random() % 300), nDim = 13 + int(random() % 4);
+        const int kind = round == 1 ? 2 : round == 2 ? 7 : 6;
+        SCOPED_TRACE(testing::Message() << "round " << round << " n " << n << " nDim " << nDim);
+        Rows<T> set = someSet<T>(kind, n, nDim, random);
+        if (round == 0) // corners whose integer distances are the same for many pairs
+            set = fill<T>(n, nDim, [&](int, int) { return double(random() % 2); });
+        Leaf<T> want;
+        for (int i = 0; i < n; ++i)
+            want.members.push_back(i);
+        std::shuffle(want.members.begin(), want.members.end(), random);
+        Reference<T>(set).farthest(want);
+        support::onEveryLevel([&] {
+            const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<T>, isFloat<T> ? 0. : 1.};
+            ktl::codebook::Points<T> points;
+            ASSERT_TRUE(points.take(vectors, set.get()));
+            const auto got = points.farthest(want.members.data(), n);
+            EXPECT_EQ(got.spread, want.spread);
+            EXPECT_EQ(got.first, want.far1);
+            EXPECT_EQ(got.second, want.far2);
+        });
+    }
+}
+
 // --- what odd data cost ---
 
 // Processor seconds of a training, the shortest of three.
@@ -616,6 +645,18 @@ TEST(TreeFloat, OddNumbersCostLittleMoreThanOrdinaryOnes) {
             EXPECT_LT(costOf(set, nSize, flags), limit) << "scale " << scale;
         }
     }
+}
+
+TYPED_TEST(Tree, CornersOfACubeCostLittleMoreThanACloud) {
+    using T = TypeParam;
+    Random random(18);
+    constexpr int n = 10000, nDim = 13, nSize = 16;
+    Rows<T> cloud = someSet<T>(0, n, nDim, random);
+    const double limit = oddIsWorth * costOf(cloud, nSize, largest);
+    Rows<T> wide = fill<T>(n, nDim, [&](int, int) { return double(random() % 2) * 65535 - 32768; });
+    EXPECT_LT(costOf(wide, nSize, largest), limit);
+    Rows<T> narrow = fill<T>(n, nDim, [&](int, int) { return double(random() % 2); });
+    EXPECT_LT(costOf(narrow, nSize, largest), limit);
 }
 
 TYPED_TEST(Tree, ManyEmptyCellsCostLittle) { // each would cost a pass over all vectors
