@@ -186,6 +186,12 @@ GaussMixServer* inverted(GaussMixServer* raw, int flags) {
     return server;
 }
 
+// A covariance of fewer than two vectors is not-a-numbers. As a diagonal it is kept; a full one has no pivot, and
+// the missing density would go unnoticed.
+bool cannotBeInverted(int count, int nDim, int flags) {
+    return count < 2 && nDim > 1 && (flags & KT_GAUSS_FULL) != 0;
+}
+
 template <class T, class Finish, class Init>
 void make(T** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbols, int flags,
           const char* funcName, Finish finish, Init init) {
@@ -200,6 +206,11 @@ void make(T** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbol
         if (!members) {
             freeServers(servers, nSymbols);
             module.report(KT_StsNoMem, "insufficiency of memory for pointer  clusters", funcName);
+            return;
+        }
+        if (cannotBeInverted(count, nDim, flags)) {
+            freeServers(servers, nSymbols);
+            module.report(KT_StsBadArg, "a class has too few vectors for a full covariance", funcName);
             return;
         }
         servers[q] = finish(inverted(built(members.get(), count, nDim, flags), flags));
