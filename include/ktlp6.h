@@ -92,7 +92,11 @@ extern "C" {
 /* A report: what happened (a status code), in which function, the message, the source module and the line.
  * Any of the texts may be null. The result becomes that of KTError; the library ignores it, and by custom it
  * is `status`. A handler is called on the thread that failed and returns there; it must not let an exception
- * or a longjmp pass through. */
+ * or a longjmp pass through. It may call the library and release what it likes, also the servers,
+ * codebooks, patterns, mixtures, networks and filter banks that the failing operation has in use,
+ * and make others: the operation then touches neither what is gone nor what is new, and ends with
+ * its failure value. Arrays that are the caller's own stay in use where an operation goes on after
+ * a report, as training and the writing of a model do. */
 typedef int (*KTErrorHandler)(int status, const char* funcName, const char* message, const char* sourceName,
                               int line);
 
@@ -484,8 +488,9 @@ KTL_API int KTwMahalanobisD(const short* pVec1, const short* pVec2, const short*
 /* ==== dynamic time warping: pattern store =============================================================== */
 
 /* Patterns are reference utterances that the library keeps. Each thread has two stores, for float and for fixed point,
- * that know nothing of each other; a handle is a positive integer, valid in its store on its thread. What is not freed
- * when a thread ends stays allocated. */
+ * that know nothing of each other; a handle is an integer, positive unless a file brings another, valid in its
+ * store on its thread. A store finds a pattern as quickly among 100,000 as among ten. What is not freed when a
+ * thread ends stays allocated. */
 
 /* Stores a copy of a pattern.
  *   ppVectors  nVectors rows of nDim elements
@@ -562,10 +567,12 @@ KTL_API void KTsWriteDTWPattern(FILE* pFile, int handle);
 KTL_API void KTwWriteDTWPattern(FILE* pFile, int handle);
 
 /* Reads a pattern into the store, under the handle that it had when it was written: restore into an empty store, since
- * of two equal handles the older one is found. Returns the handle, or -1 with no pattern added: in silence for a stream
- * that ends early or holds anything else and when memory ran out, after a report (KT_StsNoMem) where that met the table
- * of 16-bit rows. A fixed record counts as soon as its float rows have come: where its 16-bit rows then fail to come,
- * KTwPatternsNumber stays one too high, which has no other effect. */
+ * of two equal handles the older one is found. Returns the handle, which may be 0 or negative if the
+ * file says so (the number of patterns tells a handle of -1 from a failure), or -1 with no pattern added:
+ * in silence for a stream that ends early or holds anything else and when memory ran out, after a report
+ * (KT_StsNoMem) where that met the table of 16-bit rows. A fixed record counts as soon as its float rows
+ * have come: where its 16-bit rows then fail to come, KTwPatternsNumber stays one too high, which has no
+ * other effect. */
 KTL_API int KTsReadDTWPattern(FILE* pFile);
 KTL_API int KTwReadDTWPattern(FILE* pFile);
 
@@ -586,7 +593,7 @@ typedef struct KTCodebook KTCodebook;
 
 /* Trains a codebook of nSize cells on nVectors rows of nDim elements.
  *
- * pLabels: nVectors words, each vector's cell; may be null. nSize below 2 gives one cell.
+ * pLabels: nVectors words, each vector's cell; may be null, and is not written on failure. nSize below 2 gives one cell.
  * flags: KT_CB_EUCLID and one of the KT_CB_SPLIT flags; without one a codebook of at most two cells can be made.
  *
  * Each split divides the members between the two farthest of them (the first such pair of the list), then once more
@@ -608,7 +615,7 @@ KTL_API KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVector
 /* Quantises nVectors rows of nDim elements with a codebook of the same flavour.
  *
  * pIndex: nVectors words, each vector's cell; may be null. *pDistortion: the mean distance of the vectors from their
- * cells' centroids; 0 without vectors. nDim is the codebook's; of shorter vectors the elements that exist are compared,
+ * cells' centroids; 0 when nVectors is 0 or less, of which there is no mean; may be null. nDim is the codebook's; of shorter vectors the elements that exist are compared,
  * of longer ones as many as the codebook has.
  *
  * Reports KT_StsBadArg, once for the call, when vectors reached no cell: their index is 0 and they add nothing to the
@@ -618,10 +625,15 @@ KTL_API KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVector
 KTL_API void KTsVQCodebook(KTCodebook* pCodebook, float** ppVectors, int* pIndex, int nVectors, int nDim,
                            double* pDistortion);
 
-/* The fixed flavour takes scaleMode and pScale (null stands for a word that holds 0) twice: as the kernels' scale mode of
- * each distance (VSQ_FIXED_SCALE 2 shifts it right by *pScale, VSQ_AUTO_SCALE 4 stores a shift there; see vsqwNormExt,
- * which ends the process when both bits are set), and as the scale mode in which KTdiConvertDown makes *pDistortion of
- * the mean. Distances are truncated to integers, with saturation at 0x7FFFFFFF; they are summed in double.
+/* The fixed flavour: scaleMode is one of the library's scale modes, and pScale (null stands for a word that holds 0)
+ * goes with it.
+ *   KT_FixedScale  counts twice, in each distance and in the mean: a distance, truncated to an integer, is shifted right
+ *                  by *pScale (left by -*pScale if that is negative) before it is compared and summed, and *pDistortion is
+ *                  the mean of such distances times 2^-*pScale. Distances that the shift makes equal send a vector right.
+ *   KT_AutoScale   distances are plain; *pDistortion fills 32 bits, and *pScale receives its scale.
+ *   any other      distances are plain; *pDistortion is truncated (KT_NoScale) or saturates (all others); *pScale
+ *                  becomes 0.
+ * *pDistortion is what KTdiConvertDown makes of the mean. Distances saturate at 0x7FFFFFFF and are summed in double.
  */
 KTL_API void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex, int nVectors, int nDim,
                            int* pDistortion, int scaleMode, int* pScale);
@@ -638,9 +650,10 @@ struct GaussMixServer;
 
 /* Makes the thread's codebook of nSymbols densities from nVectors labelled vectors of nDim elements: density q is built
  * from the vectors with label q and inverted. Labels count from 0, while KTsMakeCodebook numbers its cells from 1: subtract
- * 1. A label that no vector has gives a density of not-a-numbers. flags: KT_GAUSS_FULL, KT_GAUSS_NORMALIZE. The fixed form
- * stores means at meanScale and inverse covariances at invCovScale. An existing codebook is left alone. Reports KT_StsNoMem;
- * a singular covariance leaves the thread without a codebook, silently. */
+ * 1. A label that no vector has gives a density of not-a-numbers; under KT_GAUSS_FULL such a density is singular. flags: KT_GAUSS_FULL, KT_GAUSS_NORMALIZE. The fixed form
+ * stores means at meanScale and inverse covariances at invCovScale. An existing codebook is left alone. Reports KT_StsNoMem,
+ * and KT_StsBadArg for a label with fewer than two vectors under KT_GAUSS_FULL (not where nDim is 1: a single element is
+ * not tested so). Any other singular covariance leaves the thread without a codebook, silently. */
 KTL_API void KTsMakeSemicontCodebook(float** ppVectors, const int* pLabels, int nVectors, int nDim,
                                      int nSymbols, int flags);
 KTL_API void KTwMakeSemicontCodebook(short** ppVectors, const int* pLabels, int nVectors, int nDim,
@@ -679,7 +692,8 @@ KTL_API int KTwsConvertSemicontCodebook(int weightScale, int meanScale, int invC
  *              place the first of the smallest that are left is exchanged with the code that stands there.
  * Distances are compared as 32-bit signed integers in both flavours.
  *
- * Float: each squared distance is the sum of two sums in float, over the even and over the odd elements.
+ * Float: each squared distance is the sum of two sums in float, over the even and over the odd elements. With nDim below
+ * 2, also 0 and below, it is the square of the difference of the first elements, so there has to be one.
  */
 KTL_API void KTsVQKohonen(const float* pVector, float** ppCodes, float* pDistances, int nDim, int nCodes,
                           int* pIndices, int nBest, int bRoot);
@@ -746,7 +760,9 @@ KTL_API void KTFreeGaussTbls(void);
 KTL_API void KTWriteGaussMixServer(FILE* pFile, GaussMixServer* pServer);
 
 /* Reads a server from the stream's position and leaves the stream right behind it. Returns the server, which
- * the caller frees, or null. A stream that ends, another tag, or sizes that contradict each other give null
+ * the caller frees, or null. The record stays as the file has it, but for KT_GAUSS_BLOCK, which a float server
+ * gets and a fixed one loses. A stream that ends, another tag, sizes that contradict each other, a fixed
+ * server without GAUSS_SERVER_FVR_W and a KT_GAUSS_FULL that contradicts the stored covariance give null
  * without a report and without a change of the status. Reports -5 "One of InverseCov or InverseCovD must be
  * NULL and the other non NULL" when the record says so, and -4 "insufficiency of memory for pointer  ptr".
  * Memory is taken as data comes in, so a damaged size takes no more than the stream holds. */
@@ -778,8 +794,8 @@ KTL_API int KTwEvalGaussMix(GaussMixServer* pServer, const short* pVector, int n
  * observation count and is not raw. Returns it, the caller frees it; pServer stays the caller's. Null without
  * a report when a density is singular: an element or pivot below 1e-30, or a determinant below 1.38e-76; and
  * for null and fixed servers. Reports -4 "insufficiency of memory for pointer  ptr" for the new server, and
- * "insufficiency of memory for pointer  ptr2" for the thread's work table: in this one case pServer is freed.
- */
+ * "insufficiency of memory for pointer  ptr2" for the thread's work table: in this one case pServer
+ * is freed, before the report. */
 KTL_API GaussMixServer* KTsInvertGaussianCovMatrix(GaussMixServer* pServer, int flags);
 
 /* Estimates one Gaussian from nVectors (2 or more) rows of nDim elements: means and unbiased covariances,
@@ -886,11 +902,13 @@ struct GaussMixServer;
  * KT_HMM_LOGARITHMIC or 0 (values without a domain). Fixed costs are 16-bit values at `scale`; 0x7FFE and 0x7FFF mean zero
  * probability.
  *
- * The result is the new id, or a negative value: -1 for wrong flags or missing arrays (KT_StsBadArg), when memory ran out
- * for the server or a mixture, and when the thread's status is negative. Memory that runs out for the transitions, outputs
- * or initial values alone is not told: the id then belongs to a server without states, which evaluates to the failure
- * value. Semicontinuous forms, which need this thread's codebook of the same numeric form first, also -2 (there is none),
- * -3 (nSymbols is not its number of densities), -4 (nQuant is not its vectors' length), each with the report KT_StsBadArg. */
+ * The result is the new id, or a negative value: -1 for wrong flags, missing arrays, "nStates<1" or,
+ * of a discrete model, "nSymbols<1" (each KT_StsBadArg), when memory ran out for the server or a
+ * mixture, and when the thread's status is negative. Memory that runs out for the transitions,
+ * outputs or initial values alone is not told: the id then belongs to a server of status 0 without
+ * states, which evaluates to the failure value. Semicontinuous forms, which need this thread's
+ * codebook of the same numeric form first, also -2 (there is none), -3 (nSymbols is not its number
+ * of densities), -4 (nQuant is not its vectors' length), each with the report KT_StsBadArg. */
 KTL_API int KTwInitHMMServer(const short* const* trans, const short* const* out, const short* initial,
                              int nStates, int nSymbols, int flags);
 KTL_API int KTsInitHMMServer(const float* const* trans, const float* const* out, const float* initial,
@@ -926,7 +944,8 @@ KTL_API int KTCopyHMMServer(int hmm);
  * 32 bits and are pinned to -0x7FFF and 0x7FFF, so that zero probability comes back as 0x7FFF; weights have 16 bits and
  * are copied.
  * mixtures (continuous models alone): nStates slots; each one that is not null on entry is overwritten with a new mixture
- * server, which the caller frees with KTsFreeGaussMixServer; null, after a report, when memory ran out for it.
+ * server, which the caller frees with KTsFreeGaussMixServer; null, after a report, when memory ran
+ * out for it, and from then on where the report's handler has released the server.
  *
  * Returns 0, or -1 for an unknown id, with nothing written. Reports nothing of its own. */
 KTL_API int KTGetHMMProb(int hmm, void* initial, void** trans, void** out, void** semicontOut,
@@ -978,7 +997,8 @@ KTL_API int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int n
  * values, transitions and the outputs of discrete models; weights of densities and mixtures are the same in both domains.
  * The topology stays what it is. Refused: "!(ser->status&HMM_SERVER_FLOAT)", "!(ser->status&KT_HMM_LOGARITHMIC)",
  * "!(ser->status&KT_HMM_EXPONENTIAL)". Probability 0 becomes an infinite cost; a cost of 30 becomes 1e-30. When memory runs
- * out while transitions are being rewritten, an unchanged copy of the source stays registered. */
+ * out while transitions are being rewritten, a copy of the source stays registered, of which only the initial values have
+ * been transformed. */
 KTL_API int KTsExpHMMServer(int hmm);
 KTL_API int KTsLogHMMServer(int hmm);
 
@@ -1017,8 +1037,8 @@ KTL_API void KTGetHMMScales(int hmm, int* pOrder, int* pWeightsOrder, int* pMean
  * that comes up short ends the operation in silence and leaves the file incomplete. Continuous models: a negative status of
  * the thread after a mixture gives a KT_StsBacktrace report, and the writing stops unless the handler returns 0.
  *
- * KTReadHMMServer: the id of a new server that stands on the stream's position, or -1 for everything that is not one, whole
- * and consistent, and when memory ran out; nothing is registered then. It reports nothing itself; the mixtures' reader may.
+ * KTReadHMMServer: the id of a new server that stands on the stream's position, its tag and status as they are on file, or
+ * -1 for everything that is not one, whole and consistent (docs/reliability.md lists what that is), and when memory ran out; nothing is registered then. It reports nothing itself; the mixtures' reader may.
  * name (room for 12 characters, or null) receives the name in the file, with its terminator unless it has 12 characters; it
  * is filled even where what follows can't be read. A status of the thread that is negative at the end releases the new
  * server; its id is returned all the same. The caller frees with KTFreeHMMServer. */
@@ -1042,6 +1062,12 @@ KTL_API int KTReadHMMServer(FILE* stream, char* name);
  * 1e-6, or after maxIterations (below 1: 1000). pTolerance may be null; on success it receives the last change, so that
  * comparing it with the goal tells whether the training converged.
  *
+ * Finite data give finite models. Values beyond the floats in the only frame of a sequence leave
+ * it without influence, as they do in longer ones. Where backward variables, products or sums
+ * leave the doubles or floats, occupancies come from the forward variables alone, which takes
+ * several times as long; what is then still no finite float (with numbers that are no
+ * probabilities) keeps the value before.
+ *
  * -1: no such server, a server of another flavour or form, or memory ran out; everything made on the way is released then.
  * Nothing is reported, except by the mixture servers that continuous training makes, which report KT_StsNoMem.
  *
@@ -1052,7 +1078,15 @@ KTL_API int KTsTrainHMMBaumWelch(int hmm, const int* const* ppObservations, cons
 /* Continuous. Re-estimates start values, transitions, mixture weights and means; inverse covariances stay. A density counts
  * as weight * exp(-|q|) with a full inverse covariance and weight * exp(-|q| / 2) with a diagonal one, q being the quadratic
  * form; the weights are the normalised ones in the first iteration and the re-estimated ones from then on. A component that
- * receives no frames gets a mean of zeros, and a weight of zero stays zero. Weights do not enter the change. */
+ * receives no frames gets a mean of zeros, and a weight of zero stays zero. Weights do not enter the change.
+ *
+ * The re-estimated weights also take the place of the normalised ones, so that mixtures made with
+ * KT_GAUSS_NORMALIZE lose their determinants, and models with different covariances no longer
+ * compare: of two with variances of 0.04 and 25 the wide one then costs less for narrow data as
+ * well. Give all Gaussians of all models one inverse covariance, or build trained models anew:
+ * take the parameters with KTGetHMMProb, mixtures included, and make a server of them with
+ * KTsInitContHMMServer, which normalises again what KT_GAUSS_NORMALIZE marks. Mixtures that were
+ * not made so are marked by KTsInvertGaussianCovMatrix, twice, with that flag the second time. */
 KTL_API int KTsTrainContHMMBaumWelch(int hmm, const float* const* const* pppFrames, const int* pFrames,
                                      int nSequences, int maxIterations, float* pTolerance);
 

@@ -157,34 +157,50 @@ WorkMatrix workMatrix(int n) {
     return {rows, pivots};
 }
 
-double determinant(float* const* rows, int n) {
+ScaledProduct determinant(float* const* rows, int n) {
     return vsq::kernels().gauss->determinant(rows, n);
+}
+
+ScaledProduct diagonalDeterminant(const float* diagonal, int n) {
+    ScaledProduct product{1.0, 0};
+    for (int i = 0; i < n; ++i)
+        product.times(double(diagonal[i]));
+    return product;
 }
 
 namespace {
 
-// The factor that KT_GAUSS_NORMALIZE folds into a weight: sqrt(|det|) of the mixture's inverse covariance.
-double diagonalFactor(const float* diagonal, int n) {
-    ScaledProduct product{1.0, 0};
-    for (int i = 0; i < n; ++i)
-        product.times(double(diagonal[i]));
-    return std::sqrt(std::fabs(product.value()));
+// value * 2^(steps / 2) in the steps of a scaled product. So many of them lead out of a double's range for
+// whatever a weight and a root can be.
+double stepped(double value, int steps) {
+    constexpr int halfStep = 200, most = 20;
+    static_assert(ScaledProduct::step == 0x1p400);
+    return std::ldexp(value, halfStep * std::clamp(steps, -most, most));
 }
 
+} // namespace
+
+double timesRoot(double weight, const ScaledProduct& det) {
+    return stepped(weight * std::sqrt(std::fabs(det.part)), det.steps);
+}
+
+double overRoot(double weight, const ScaledProduct& det) {
+    return stepped(weight / std::sqrt(std::fabs(det.part)), -det.steps);
+}
+
+namespace {
+
+// KT_GAUSS_NORMALIZE folds the root of the inverse covariance's determinant into a weight.
 bool normalizeWeights(GaussMixServer* server) {
     const int n = server->nDim;
     const WorkMatrix work = isFull(server) ? workMatrix(n) : WorkMatrix{};
     if (isFull(server) && work.rows == nullptr) return false;
     for (int k = 0; k < server->nMix; ++k) {
-        double factor;
-        if (isFull(server)) {
-            for (int i = 0; i < n; ++i)
-                std::copy_n(matrices<float>(server)[k][i], n, work.rows[i]);
-            factor = std::sqrt(std::fabs(determinant(work.rows, n)));
-        } else {
-            factor = diagonalFactor(diagonals<float>(server)[k], n);
-        }
-        server->pNormWeights[k] = float(double(server->pNormWeights[k]) * factor);
+        for (int i = 0; isFull(server) && i < n; ++i)
+            std::copy_n(matrices<float>(server)[k][i], n, work.rows[i]);
+        const ScaledProduct det =
+            isFull(server) ? determinant(work.rows, n) : diagonalDeterminant(diagonals<float>(server)[k], n);
+        server->pNormWeights[k] = float(timesRoot(double(server->pNormWeights[k]), det));
     }
     return true;
 }

@@ -104,6 +104,13 @@ WorkMatrix workMatrix(int n);
 using vsq::ScaledProduct;
 
 // The determinant of the n rows, which are destroyed; 0 where a pivot is below 1e-20.
-double determinant(float* const* rows, int n);
+ScaledProduct determinant(float* const* rows, int n);
+// The same of a diagonal.
+ScaledProduct diagonalDeterminant(const float* diagonal, int n);
+
+// weight * sqrt(|det|) and weight / sqrt(|det|). Some tens of dimensions are enough for a determinant beyond a
+// double, so that the result alone is brought into its range: a weight of 0 stays 0.
+double timesRoot(double weight, const ScaledProduct& det);
+double overRoot(double weight, const ScaledProduct& det);
 
 } // namespace ktl::gauss

@@ -15,8 +15,11 @@ namespace {
 
 constexpr char allocName[] = "KTsInitGaussMixServer"; // under which both conversions report exhaustion
 
+// The factor may be beyond a double: infinite from 2^1024 on, where every element but 0 is beyond 16 bits, and
+// 0 below 2^-1074, where infinity alone is. Neither an element of 0 nor an infinite one meets such a factor.
 short saturated(float value, int scale, double factor) {
-    const double u = double(value) * factor;
+    if (value == 0.0f) return 0;
+    const double u = std::isinf(value) ? double(value) : double(value) * factor;
     if (u >= 32767.0) return 0x7FFF;
     if (u < -32767.0) return -0x7FFF;
     return KTswConvertDown(value, KT_FixedScale, &scale);
@@ -28,33 +31,26 @@ void convertDown(const float* src, short* dst, std::ptrdiff_t n, int scale) {
         dst[i] = saturated(src[i], scale, factor);
 }
 
-// One report's worth of checks, the same for both directions.
-bool acceptable(const GaussMixServer* server, int forbiddenFlag, const char* refusal, const char* funcName) {
+// One report's worth of checks, the same for both directions. Where flags were lost, what is there decides.
+bool acceptable(const GaussMixServer* server, bool wrongFlavour, const char* refusal, const char* funcName) {
     if ((server->pppInverseCov == nullptr) == (server->ppInverseCovD == nullptr)) {
         module.report(KT_StsBadArg, bothOrNeither, funcName);
         return false;
     }
-    if ((server->flags & forbiddenFlag) != 0) {
+    if (wrongFlavour) {
         module.report(KT_StsBadArg, refusal, funcName);
         return false;
     }
     return true;
 }
 
-double diagonalDeterminant(const float* diagonal, int n) {
-    ScaledProduct product{1.0, 0};
-    for (int i = 0; i < n; ++i)
-        product.times(double(diagonal[i]));
-    return product.value();
-}
-
 // Divides each weight by what KT_GAUSS_NORMALIZE had folded into it.
 template <class DeterminantOf>
 void divideWeights(GaussMixServer* server, const DeterminantOf& determinantOf) {
     for (int k = 0; k < server->nMix; ++k) {
-        const double det = determinantOf(k);
+        const ScaledProduct det = determinantOf(k);
         float& weight = weights<float>(server)[k];
-        if (det != 0.0) weight = float(double(weight) / std::sqrt(std::fabs(det)));
+        if (det.part != 0.0) weight = float(overRoot(double(weight), det));
     }
 }
 
@@ -85,8 +81,9 @@ using namespace ktl::gauss;
 
 GaussMixServer* KTswConvertGaussMixServer(GaussMixServer* flser, int weightScale, int meanScale,
                                           int invCovScale) {
-    if (flser == nullptr || !acceptable(flser, GAUSS_SERVER_FVR_W, "flser->flags&GAUSS_SERVER_FVR_W",
-                                        "KTswConvertGaussMixfServer"))
+    if (flser == nullptr) return nullptr;
+    const bool fixed = (flser->flags & GAUSS_SERVER_FVR_W) != 0 || !isFloat(flser);
+    if (!acceptable(flser, fixed, "flser->flags&GAUSS_SERVER_FVR_W", "KTswConvertGaussMixfServer"))
         return nullptr;
     const Shape shape = shapeOf(flser);
     GaussMixServer* shser = createOrReport<short>(shape, allocName);
@@ -103,8 +100,9 @@ GaussMixServer* KTswConvertGaussMixServer(GaussMixServer* flser, int weightScale
 
 GaussMixServer* KTwsConvertGaussMixServer(GaussMixServer* shser, int weightScale, int meanScale,
                                           int invCovScale) {
-    if (shser == nullptr || !acceptable(shser, GAUSS_SERVER_FVR_S, "shser->flags&GAUSS_SERVER_FVR_S",
-                                        "KTwsConvertGaussMixfServer"))
+    if (shser == nullptr) return nullptr;
+    const bool floats = (shser->flags & GAUSS_SERVER_FVR_S) != 0 || isFloat(shser);
+    if (!acceptable(shser, floats, "shser->flags&GAUSS_SERVER_FVR_S", "KTwsConvertGaussMixfServer"))
         return nullptr;
     const Shape shape = shapeOf(shser);
     GaussMixServer* flser = createOrReport<float>(shape, allocName);

@@ -111,10 +111,17 @@ bool readTag(FILE* stream) {
     return readElements(stream, read, sizeof read) && std::memcmp(read, tag, sizeof tag) == 0;
 }
 
+// Flags are kept as they are, so they have to say what is there: a fixed server is told from a float one by
+// its own bit, and training takes the shape of a covariance from its bit.
+template <class T>
+bool flagsAgree(int flags, const Shape& shape) {
+    return (flags & Flavour<T>::flag) != 0 && ((flags & KT_GAUSS_FULL) != 0) == shape.full;
+}
+
 template <class T>
 GaussMixServer* readServer(FILE* stream, const Record& record, const char* funcName) {
     const Shape shape{int(record[wordDim]), int(record[wordMix]), record[wordInverseCov] != 0};
-    if (!representable<T>(shape)) return nullptr;
+    if (!representable<T>(shape) || !flagsAgree<T>(int(record[wordFlags]), shape)) return nullptr;
     const std::size_t least = dataBytes<T>(shape, 4), size = record[wordBytes];
     if (size < least || size > least + longestTail) return nullptr;
     Scratch<unsigned char> payload;
@@ -127,8 +134,7 @@ GaussMixServer* readServer(FILE* stream, const Record& record, const char* funcN
     }
     Decoder decoder(payload.get());
     visitPayload<T>(server, decoder);
-    constexpr int settled = GAUSS_SERVER_FVR_S | GAUSS_SERVER_FVR_W | KT_GAUSS_FULL | KT_GAUSS_DIAGONAL;
-    server->flags |= int(record[wordFlags]) & ~settled; // those bits follow what was really read
+    server->flags = int(record[wordFlags]);
     server->scale = int(record[wordScale]);
     server->nObservations = int(record[wordObservations]);
     return server;

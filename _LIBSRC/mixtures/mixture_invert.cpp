@@ -29,18 +29,18 @@ float reciprocal(float v) {
 }
 
 // Returns the determinant of the variances, 0 for a singular density.
-double invertDiagonal(const float* variances, float* inverses, int n) {
+ScaledProduct invertDiagonal(const float* variances, float* inverses, int n) {
     ScaledProduct product{1.0, 0};
     for (int i = 0; i < n; ++i) {
-        if (std::fabs(double(variances[i])) < smallestElement) return 0.0;
+        if (std::fabs(double(variances[i])) < smallestElement) return {0.0, 0};
         product.times(double(variances[i]));
         inverses[i] = reciprocal(variances[i]);
     }
-    return product.value();
+    return product;
 }
 
 // The same for a full matrix: by way of the work matrix, the inverse growing in the new server's rows.
-double invertMatrix(const float* const* rows, float* const* inverse, const WorkMatrix& work, int n) {
+ScaledProduct invertMatrix(const float* const* rows, float* const* inverse, const WorkMatrix& work, int n) {
     const int stride = padded(n);
     for (int i = 0; i < n; ++i) {
         std::copy_n(rows[i], stride, work.rows[i]);
@@ -54,14 +54,13 @@ double invertMatrix(const float* const* rows, float* const* inverse, const WorkM
 bool invertAll(const GaussMixServer* from, GaussMixServer* to, const WorkMatrix& work, bool normalize) {
     const bool fromCovariance = (from->flags & KT_GAUSS_RAW) != 0;
     for (int k = 0; k < from->nMix; ++k) {
-        const double det =
+        const ScaledProduct det =
             isFull(from) ? invertMatrix(matrices<float>(from)[k], matrices<float>(to)[k], work, from->nDim)
                          : invertDiagonal(diagonals<float>(from)[k], diagonals<float>(to)[k], from->nDim);
-        if (std::fabs(det) < smallestDeterminant) return false;
+        if (std::fabs(det.value()) < smallestDeterminant) return false;
         if (!normalize) continue;
-        const double root = std::sqrt(std::fabs(det));
         const double weight = double(to->pNormWeights[k]);
-        to->pNormWeights[k] = float(fromCovariance ? weight / root : weight * root);
+        to->pNormWeights[k] = float(fromCovariance ? overRoot(weight, det) : timesRoot(weight, det));
     }
     return true;
 }
@@ -84,9 +83,9 @@ GaussMixServer* ktl::gauss::invert(GaussMixServer* pServer, int flags, bool* pRe
     if (isFull(pServer)) {
         work = workMatrix(pServer->nDim);
         if (work.rows == nullptr) {
-            module.report(KT_StsNoMem, noTable, "KTsInvertGaussianCovMatrix");
             std::free(pServer); // as the caller is promised, for this failure alone
             *pReleased = true;
+            module.report(KT_StsNoMem, noTable, "KTsInvertGaussianCovMatrix");
             return nullptr;
         }
     }

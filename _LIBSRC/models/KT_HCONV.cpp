@@ -25,8 +25,9 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_HCONV"};
 constexpr float minusLn10 = -2.3025851f, minusLog10OfE = -0.4342945f;
 
 // Releases the source of a transform unless the mode keeps it.
-void settleSource(int hmm) {
-    if ((KTGetContext()->hmmMode & KT_HMM_KEEP) == 0) KTFreeHMMServer(hmm);
+void settleSource(const HeldHMMServer& source) {
+    const HMMServer* server = source.get(); // null once a report's handler has released it
+    if (server != nullptr && (KTGetContext()->hmmMode & KT_HMM_KEEP) == 0) KTFreeHMMServer(server->id);
 }
 
 // --- probabilities and costs ---
@@ -75,11 +76,13 @@ void* transitionsOfDomain(const HMMServer* server, unsigned newStatus) {
     return block;
 }
 
-// Changes a server in place that nobody knows of yet. False when memory ran out for the rewritten
-// transitions: nothing has been changed then.
+// Changes a server in place that nobody knows of yet. False when memory ran out for the rewritten transitions: the
+// initial values alone have changed then.
 template <class Domain>
 bool changeDomain(HMMServer* server) {
     const unsigned newStatus = (server->status ^ hmmDomainBits) & ~HMM_SERVER_TILED;
+    if (server->initials != nullptr)
+        applyTo<Domain>(hmm::floats(server->initials), std::size_t(server->nStates));
     if (server->transitions != nullptr) {
         void* rewritten = transitionsOfDomain(server, newStatus);
         if (rewritten == nullptr) return false;
@@ -87,8 +90,6 @@ bool changeDomain(HMMServer* server) {
         server->transitions = rewritten;
     }
     server->status = newStatus;
-    if (server->initials != nullptr)
-        applyTo<Domain>(hmm::floats(server->initials), std::size_t(server->nStates));
     if (server->transitions != nullptr)
         applyTo<Domain>(hmm::floats(server->transitions), hmm::TransitionMap::of(*server).size());
     if ((newStatus & HMM_SERVER_DISCRETE) == 0 || server->outputs == nullptr) return true;
@@ -105,16 +106,17 @@ int transformed(int hmm) {
         module.report(KT_StsBadArg, refusal, Domain::name);
         return -1;
     }
+    const HeldHMMServer held(source);
     const int id = KTCopyHMMServer(hmm);
     HMMServer* copy = KTFindHMMServer(id); // gone again where the thread's status was negative before
     if (copy == nullptr) return -1;
-    // a plain copy stays registered here; the only failure of the family that leaves a server behind
+    // the copy stays registered here, its initial values transformed; the only failure that leaves a server behind
     if (!changeDomain<Domain>(copy)) return -1;
     if (!ownTileIfWanted(copy)) {
         KTFreeHMMServer(id);
         return -1;
     }
-    settleSource(hmm);
+    settleSource(held);
     return id;
 }
 
@@ -287,8 +289,8 @@ private:
 
     bool convertMixtures() {
         if ((source->status & HMM_SERVER_CONT) == 0 || source->mixtures == nullptr) return true;
-        target->status |= HMM_SERVER_OWNS_MIXTURES;
-        bool failed = false; // a status that was negative before counts, too
+        target->holdsMixtures = true; // whatever the source's status says, they are made here
+        bool failed = false;          // a status that was negative before counts, too
         const bool filled = ownFillMixtures(target, source->nStates, [&](int i) {
             GaussMixServer* mixture = direction.mixture(source->mixtures[i]);
             failed = failed || KTGetStatus() < 0;
@@ -312,6 +314,7 @@ int converted(int hmm, const Direction& direction) {
         return -1;
     }
     if ((source->status & Direction::form) == 0) return -1; // its arrays can't be read as this form
+    const HeldHMMServer held(source);
     HMMServer* target = ownNewHMMRecord();
     if (target == nullptr) return -1;
     if (!Conversion<Direction>(direction, source, target).run()) {
@@ -319,7 +322,7 @@ int converted(int hmm, const Direction& direction) {
         return -1;
     }
     const int id = ownRegisterComplete(target);
-    if (id > 0) settleSource(hmm);
+    if (id > 0) settleSource(held);
     return id;
 }
 

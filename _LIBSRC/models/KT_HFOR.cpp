@@ -71,6 +71,15 @@ void advance(const vsq::HmmModel<double>& model, const double* const* rows, int 
     vsq::kernels().hmm->forwardDouble(model, rows, n, rescaleLast, state);
 }
 
+void advanceStored(const vsq::HmmBySource& model, const float* const* rows, int n, bool rescaleLast,
+                   vsq::HmmForward* state) {
+    vsq::kernels().hmm->storedForwardFloat(model, rows, n, rescaleLast, state);
+}
+void advanceStored(const vsq::HmmBySource& model, const double* const* rows, int n, bool rescaleLast,
+                   vsq::HmmForward* state) {
+    vsq::kernels().hmm->storedForwardDouble(model, rows, n, rescaleLast, state);
+}
+
 // The first frame: start values times outputs, their sum on top of `carried`.
 template <class T>
 double startVector(const HMMServer* server, const T* outputs, double carried, double* target) {
@@ -87,48 +96,56 @@ double startVector(const HMMServer* server, const T* outputs, double carried, do
 // One call's work on server after server.
 template <class Outputs>
 class Evaluation {
+    using Element = typename Outputs::Element;
+
 public:
     Evaluation(const Outputs& outputsOfCall, int frameCount) : outputs(outputsOfCall), nFrames(frameCount) {}
 
     // The server's sum and exponent; false when it cannot produce the sequence, or when memory ran out. With
     // a single frame the sums of a class's members add up: each starts from the one before.
     bool run(const HMMServer* server, double* sum, int* exponent) {
-        using Element = typename Outputs::Element;
+        const float* stored = hmm::floats(server->transitions);
+        if (!room.reserve(server, stored, nFrames, Outputs::computes, hmm::Order::bySource)) return false;
         const int stride = vsq::hmmStride(server->nStates);
-        const std::size_t modelCount = hmm::modelSize(server);
-        double* room = scratch.reserve<double>(modelCount + std::size_t(stride) * (2 + hmm::framesPerRun));
-        if (room == nullptr) return false;
-        double* vectors = room + modelCount;
-        auto* outputRoom = reinterpret_cast<Element*>(vectors + 2 * stride);
-        if (Outputs::computes)
-            std::fill_n(outputRoom, std::ptrdiff_t(stride) * hmm::framesPerRun, Element(0));
-        model = hmm::unpackModel(server, hmm::floats(server->transitions), room);
-        state = {vectors, vectors + stride, 0.0, 0, false};
-        if (!allFrames(server, outputRoom, nFrames == 1 ? carried : 0.0)) return false;
+        asStored = {hmm::kernelTopology(server->status), server->nStates, stride, stored};
+        state = {room.vectors, room.vectors + stride, 0.0, 0, false};
+        if (!allFrames(server, nFrames == 1 ? carried : 0.0)) return false;
         carried = *sum = state.sum;
         *exponent = state.exponent;
         return true;
     }
 
 private:
-    bool allFrames(const HMMServer* server, typename Outputs::Element* room, double startSum) {
-        for (int first = 0; first < nFrames; first += hmm::framesPerRun) {
-            const int count = std::min(hmm::framesPerRun, nFrames - first);
-            hmm::RowRun<typename Outputs::Element> run;
-            if (!outputs.rows(server, first, count, room, run)) return false;
+    bool allFrames(const HMMServer* server, double startSum) {
+        for (int first = 0; first < nFrames; first += room.run) {
+            const int count = std::min(room.run, nFrames - first);
+            hmm::RowRun<Element> run;
+            if (!outputs.rows(server, first, count, room.outputs, run)) return false;
             const int skipped = first == 0 ? 1 : 0;
             if (first == 0) state.sum = startVector(server, run[0], startSum, state.current);
-            advance(model, run.data() + skipped, count - skipped, first + count == nFrames, &state);
-            if (state.failed) return false;
+            if (count > skipped &&
+                !follow(server, run.data() + skipped, count - skipped, first + count == nFrames))
+                return false;
         }
         return true;
+    }
+
+    // The recursion over a run of frames. Costs are no probabilities: a server of them that can't be unpacked fails.
+    bool follow(const HMMServer* server, const Element* const* rows, int n, bool isLast) {
+        if (room.isUnpacked)
+            advance(room.model, rows, n, isLast, &state);
+        else if (hmm::orderOf(server->status) == hmm::Order::bySource)
+            advanceStored(asStored, rows, n, isLast, &state);
+        else
+            return false;
+        return !state.failed;
     }
 
     Outputs outputs;
     int nFrames;
     double carried = 0.0;
-    hmm::GrowingScratch scratch;
-    vsq::HmmModel<double> model{};
+    hmm::Room<double, Element> room;
+    vsq::HmmBySource asStored{};
     vsq::HmmForward state{};
 };
 

@@ -94,9 +94,11 @@ void discard(void*& block) {
 template <class Form>
 bool Setting<Form>::setTransitions(Rows<Form> trans) {
     const unsigned topology = classify<Form>(trans, nStates, costs());
-    if (nStates != server->nStates || topology != (status & hmmTopologyBits)) discard(server->transitions);
+    const bool isReused = nStates == server->nStates && topology == (status & hmmTopologyBits);
     status = (status & ~(hmmTopologyBits | HMM_SERVER_TILED)) | topology;
     const hmm::TransitionMap map{hmm::topologyOf(status), hmm::orderOf(status), nStates};
+    // the status that was given need not tell how the array is laid out
+    if (!isReused || map.size() != hmm::TransitionMap::of(*server).size()) discard(server->transitions);
     if (server->transitions == nullptr) server->transitions = hmm::allocateArray(map.size(), sizeof(Stored));
     if (server->transitions == nullptr) return false;
     Stored* target = start(server->transitions);
@@ -152,8 +154,9 @@ void Setting<Form>::storeDiscrete(Rows<Form> out, const hmm::OutputShape& shape,
 template <class Form>
 bool Setting<Form>::setOutputs(const void* out) {
     using Input = typename Form::Input;
-    if (nStates != server->nStates || nSymbols != server->nSymbols) discard(server->outputs);
     const hmm::OutputShape shape = hmm::OutputShape::of(status, nStates, nSymbols);
+    if (shape != hmm::OutputShape::of(server->status, server->nStates, server->nSymbols))
+        discard(server->outputs);
     if (server->outputs == nullptr) server->outputs = hmm::allocateOutputs(shape, alignment());
     if (server->outputs == nullptr) return false;
     const auto rows = static_cast<Rows<Form>>(out);
@@ -166,8 +169,9 @@ bool Setting<Form>::setOutputs(const void* out) {
 
 template <class Form>
 bool Setting<Form>::setInitials(const typename Form::Input* initial) {
-    if (nStates != server->nStates) discard(server->initials);
     const int length = hmm::initialsLength(status, nStates);
+    if (nStates != server->nStates || length != hmm::initialsLength(server->status, nStates))
+        discard(server->initials);
     if (server->initials == nullptr)
         server->initials = hmm::allocateArray(std::size_t(length), sizeof(Stored));
     if (server->initials == nullptr) return false;
@@ -192,30 +196,31 @@ void apply(Setting<Form> setting, int tag, const void* trans, const void* out, c
 
 } // namespace
 
-void KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, const void* initial, int nStates,
+bool KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, const void* initial, int nStates,
                         int nSymbols, int status) {
     HMMServer* server = KTFindHMMServer(id);
-    if (server == nullptr) return;
+    if (server == nullptr) return true;
     const unsigned word = status < 0 ? server->status : static_cast<unsigned>(status);
     const bool needsOutputs = (word & HMM_SERVER_CONT) == 0;
     if (nStates >= 0 && (initial == nullptr || trans == nullptr || (needsOutputs && out == nullptr))) {
         module.report(KT_StsBadArg, "change HMM nStates without data");
-        return;
+        return false;
     }
     if (nSymbols >= 0 && out == nullptr) {
         module.report(KT_StsBadArg, "change HMM nSymbols without data");
-        return;
+        return false;
     }
     const int states = nStates < 0 ? server->nStates : nStates;
     const int symbols = nSymbols < 0 ? server->nSymbols : nSymbols;
     KTContext* context = KTGetContext();
     if ((word & hmmFormBits) == 0) {
         module.report(KT_StsUnknownErr, "wrong HMM flavor");
-        return;
+        return false;
     }
-    if (nStates > hmm::mostCount || nSymbols > hmm::mostCount) return; // there is no memory for so many
+    if (nStates > hmm::mostCount || nSymbols > hmm::mostCount) return true; // there is no memory for so many
     if ((word & HMM_SERVER_FLOAT) != 0)
         apply(Setting<FloatForm>{context, server, states, symbols, word}, tag, trans, out, initial);
     else
         apply(Setting<FixedForm>{context, server, states, symbols, word}, tag, trans, out, initial);
+    return true;
 }

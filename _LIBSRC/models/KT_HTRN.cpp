@@ -70,6 +70,7 @@ public:
     }
 
     void begin(const HMMServer*, HMMServer*) { outNum.clear(); }
+    void review(const HMMServer*) const {}
 
     bool score(const HMMServer* current, const HMMServer*, const int* symbols, int nFrames,
                vsq::HmmOutputs* outputs) const {
@@ -81,14 +82,17 @@ public:
         vsq::kernels().hmmtrain->symbolOccupancies(counts.lattice(nFrames), symbols, weight, outNum.get());
     }
 
-    void finish(const HMMServer*, HMMServer* next, const Counts& counts) const {
+    bool finish(const HMMServer*, HMMServer* next, const Counts& counts) const {
+        bool isFinite = true;
         float* const* rows = hmm::outputRows<float>(next->outputs);
         for (int k = 0; k < next->nSymbols; ++k) {
             const double* numerators = outNum.get() + std::size_t(k) * counts.stride;
             for (int i = 0; i < next->nStates; ++i)
-                if (counts.visited(i))
-                    rows[k][i] = probability(numerators[i], counts.gammaOut[std::size_t(i)]);
+                if (counts.visited(i) &&
+                    !hmm::replace(rows[k][i], probability(numerators[i], counts.gammaOut[std::size_t(i)])))
+                    isFinite = false;
         }
+        return isFinite;
     }
 
     double change(const HMMServer* current, const HMMServer* next) const {
@@ -111,7 +115,7 @@ private:
 class Continuous {
 public:
     using Sequence = const float* const*;
-    static constexpr unsigned kind = HMM_SERVER_CONT | HMM_SERVER_FLOAT | HMM_SERVER_OWNS_MIXTURES;
+    static constexpr unsigned kind = HMM_SERVER_CONT | HMM_SERVER_FLOAT;
 
     Continuous() = default;
     Continuous(const Continuous&) = delete;
@@ -119,7 +123,7 @@ public:
     ~Continuous() { ownsFreeFlatMixtures(view); }
 
     bool prepare(const HMMServer* model, int longest) {
-        if (!proceed(model)) return false;
+        if (!ownsMixtures(model) || !proceed(model)) return false; // a copy would share its mixtures
         const auto components = std::size_t(view->codebook.nSymbols);
         means = ktl::Scratch<float*>(components);
         return means && outProbs.allocate(longest, model->nStates) &&
@@ -136,6 +140,7 @@ public:
         for (int m = 0; m < view->codebook.nSymbols; ++m)
             std::fill_n(means[m], next->nQuant, 0.0f);
     }
+    void review(const HMMServer*) const {}
 
     bool score(const HMMServer* current, const HMMServer*, const float* const* frames, int nFrames,
                vsq::HmmOutputs* outputs) const {
@@ -157,8 +162,12 @@ public:
                double weight) {
         const vsq::HmmTrainKernels* kernels = vsq::kernels().hmmtrain;
         const vsq::HmmLattice lattice = counts.lattice(nFrames);
+        counts.formArrivals(current, outProbs.outputs(), nFrames, weight);
+        if (counts.careful) {
+            averageFrames(lattice, current->nStates, frames, current->nQuant);
+            return;
+        }
         gammaCompSeq.clear();
-        kernels->arrivals(hmm::storedModel(current), lattice, weight);
         kernels->componentShares(lattice, current->nStates, view->pComponentStart, componentProbs.get(),
                                  gammaCompSeq.get());
         for (std::size_t m = 0; m < std::size_t(view->codebook.nSymbols); ++m)
@@ -167,12 +176,22 @@ public:
                            means.get());
     }
 
-    void finish(const HMMServer*, HMMServer* next, const Counts& counts) const {
+    bool finish(const HMMServer* current, HMMServer* next, const Counts& counts) const {
+        bool isFinite = true;
         for (int i = 0; i < next->nStates; ++i)
-            for (int m = view->pComponentStart[i]; m < view->pComponentStart[i + 1]; ++m)
-                finishComponent(next->mixtures[i], m - view->pComponentStart[i], next->nQuant,
-                                gammaComp[std::size_t(m)],
-                                counts.visited(i) ? counts.gammaOut[std::size_t(i)] : 0.0);
+            for (int m = 0; m < next->mixtures[i]->nMix; ++m) {
+                const double occupancy = gammaComp[std::size_t(view->pComponentStart[i] + m)];
+                const bool hasWeight =
+                    finishWeight(next->mixtures[i], m, occupancy,
+                                 counts.visited(i) ? counts.gammaOut[std::size_t(i)] : 0.0);
+                float* mean = ktl::gauss::means<float>(next->mixtures[i])[m];
+                if (!finishMean(mean, next->nQuant, occupancy, counts.careful)) {
+                    std::copy_n(ktl::gauss::means<float>(current->mixtures[i])[m], next->nQuant, mean);
+                    isFinite = false;
+                }
+                isFinite = isFinite && hasWeight;
+            }
+        return isFinite;
     }
 
     double change(const HMMServer* current, const HMMServer* next) const {
@@ -194,20 +213,42 @@ public:
     }
 
 private:
-    // A weight that has reached zero stays there; a component that received no frames gets a mean of zeros.
-    // The normalised weight follows, for the next view.
-    static void finishComponent(GaussMixServer* mixture, int m, int nQuant, double occupancy,
-                                double ofState) {
-        float* weights = ktl::gauss::weights<float>(mixture);
-        if (ofState != 0.0)
-            weights[m] =
-                double(weights[m]) < smallestDenominator ? 0.0f : static_cast<float>(occupancy / ofState);
-        float* mean = ktl::gauss::means<float>(mixture)[m];
+    // Occupancies of components, and means as running averages: they stay where sums would leave the floats.
+    void averageFrames(const vsq::HmmLattice& lattice, int nStates, const float* const* frames, int nQuant) {
+        for (int t = 0; t < lattice.nFrames; ++t)
+            for (int i = 0; i < nStates; ++i)
+                for (int m = view->pComponentStart[i]; m < view->pComponentStart[i + 1]; ++m) {
+                    const double share =
+                        double(componentProbs.row(t)[m]) * lattice.beta[t * lattice.stride + i];
+                    if (share == 0.0) continue;
+                    double& occupancy = gammaComp[std::size_t(m)];
+                    occupancy += share;
+                    for (int d = 0; d < nQuant; ++d) {
+                        const auto mean = double(means[m][d]);
+                        means[m][d] =
+                            static_cast<float>(mean + share / occupancy * (double(frames[t][d]) - mean));
+                    }
+                }
+    }
+
+    // A weight that has reached zero stays there. The normalised weight follows, for the next view.
+    static bool finishWeight(GaussMixServer* mixture, int m, double occupancy, double ofState) {
+        float& weight = ktl::gauss::weights<float>(mixture)[m];
+        const bool isZero = double(weight) < smallestDenominator;
+        const bool isFinite =
+            ofState == 0.0 || hmm::replace(weight, isZero ? 0.0f : static_cast<float>(occupancy / ofState));
+        mixture->pNormWeights[m] = weight;
+        return isFinite;
+    }
+
+    // A component that received no frames gets a mean of zeros.
+    static bool finishMean(float* mean, int nQuant, double occupancy, bool isAverage) {
+        if (!std::isfinite(occupancy)) return false;
         if (occupancy < double(smallestFloat))
             std::fill_n(mean, nQuant, 0.0f);
-        else if (nQuant > 0)
+        else if (nQuant > 0 && !isAverage)
             vsqsbMpy1(static_cast<float>(1.0 / occupancy), mean, nQuant);
-        mixture->pNormWeights[m] = weights[m];
+        return std::all_of(mean, mean + nQuant, [](float x) { return std::isfinite(x); });
     }
 
     FlatMixtures* view = nullptr;
@@ -231,13 +272,16 @@ public:
     }
 
     void begin(const HMMServer*, HMMServer*) { weightNum.clear(); }
+    void review(const HMMServer* current) const { hmm::compareWithCodebook(current); }
 
     // A codebook that does not agree with the server is read as far as both go; what is beyond it counts as
     // densities that never respond.
     bool score(const HMMServer* current, const HMMServer* next, const float* const* frames, int nFrames,
                vsq::HmmOutputs* outputs) const {
-        hmm::compareWithCodebook(current);
         const SemicontCodebook* codebook = KTGetContext()->sSemicont;
+        // a report's handler may have replaced the codebook, whose densities still stand there
+        for (int t = 0; codebook->nSymbols < current->nSymbols && t < nFrames; ++t)
+            std::fill_n(densities.row(t), current->nSymbols, 0.0f);
         KTsEvalPdfsFrames(codebook, frames, densities.get(), nFrames,
                           std::min(current->nSymbols, codebook->nSymbols),
                           std::min(current->nQuant, codebook->nQuant));
@@ -250,22 +294,26 @@ public:
     void count(const HMMServer* current, const Counts& counts, const float* const*, int nFrames,
                double weight) {
         const vsq::HmmLattice lattice = counts.lattice(nFrames);
-        vsq::kernels().hmmtrain->arrivals(hmm::storedModel(current), lattice, weight);
+        counts.formArrivals(current, outProbs.outputs(), nFrames, weight);
         vsq::kernels().hmmtrain->densityShares(lattice, current->nStates, densities.get(), current->nSymbols,
                                                weightNum.get(),
                                                static_cast<std::ptrdiff_t>(paddedToLanes(current->nSymbols)));
     }
 
     // The states' weights, which every count carries as a factor, come in here.
-    void finish(const HMMServer* current, HMMServer* next, const Counts& counts) const {
+    bool finish(const HMMServer* current, HMMServer* next, const Counts& counts) const {
+        bool isFinite = true;
         for (int i = 0; i < next->nStates; ++i) {
             if (!counts.visited(i)) continue;
             const double* numerators = weightNum.get() + std::size_t(i) * paddedToLanes(next->nSymbols);
             const float* before = hmm::outputRows<float>(current->outputs)[i];
             float* weights = hmm::outputRows<float>(next->outputs)[i];
             for (int k = 0; k < next->nSymbols; ++k)
-                weights[k] = probability(double(before[k]) * numerators[k], counts.gammaOut[std::size_t(i)]);
+                if (!hmm::replace(weights[k], probability(double(before[k]) * numerators[k],
+                                                          counts.gammaOut[std::size_t(i)])))
+                    isFinite = false;
         }
+        return isFinite;
     }
 
     double change(const HMMServer* current, const HMMServer* next) const {
@@ -312,10 +360,10 @@ int KTsTrainSemicontHMMBaumWelch(int hmm, const float* const* const* pppFrames, 
                                  int nSequences, int maxIterations, float* pTolerance) {
     const HMMServer* model = serverToTrain(hmm);
     if (model == nullptr || !hmm::evaluable(model, Semicontinuous::kind)) return -1;
+    const HeldHMMServer held(model);
     hmm::CodebookDisagreement(model).report(module,
                                             "KTsTrainSemicontHMMBaumWelch"); // and the training goes on
-    model = serverToTrain(hmm); // the handler of a report may have released it
-    if (model == nullptr) return -1;
+    if (held.get() == nullptr) return -1; // unless the handler of a report has released the model
     Semicontinuous flavour;
     return hmm::train(flavour, model, {pppFrames, pFrames, nSequences}, maxIterations, pTolerance);
 }

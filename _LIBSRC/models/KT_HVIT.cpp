@@ -8,6 +8,7 @@
 #include "vsq.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace {
 
@@ -22,10 +23,17 @@ struct FloatForm {
     using Feature = float;
     static constexpr unsigned bit = HMM_SERVER_FLOAT;
     static constexpr bool isFixed = false;
+    static constexpr hmm::Order straight = hmm::Order::byTarget;
+    static constexpr int rowUnit = 1; // lengths of stored rows are multiples of it
+    static constexpr float none = std::numeric_limits<float>::infinity();
     static constexpr float failure = hmm::absentCost;
     static void advance(const vsq::HmmModel<float>& model, const float* const* rows, int n,
                         vsq::HmmPath<float>* state) {
         vsq::kernels().hmm->pathFloat(model, rows, n, state);
+    }
+    static void advance(const vsq::HmmByTarget<float>& model, const float* const* rows, int n,
+                        vsq::HmmPath<float>* state) {
+        vsq::kernels().hmm->storedPathFloat(model, rows, n, state);
     }
     static float sum(float a, float b) { return a + b; }
 };
@@ -35,10 +43,17 @@ struct FixedForm {
     using Feature = short;
     static constexpr unsigned bit = HMM_SERVER_SHORT;
     static constexpr bool isFixed = true;
+    static constexpr hmm::Order straight = hmm::Order::fixed;
+    static constexpr int rowUnit = 2;
+    static constexpr int none = 0x7FFFFFFF;
     static constexpr int failure = 0x7FFFFFFF;
     static void advance(const vsq::HmmModel<int>& model, const int* const* rows, int n,
                         vsq::HmmPath<int>* state) {
         vsq::kernels().hmm->pathInt(model, rows, n, state);
+    }
+    static void advance(const vsq::HmmByTarget<int>& model, const int* const* rows, int n,
+                        vsq::HmmPath<int>* state) {
+        vsq::kernels().hmm->storedPathInt(model, rows, n, state);
     }
     static int sum(int a, int b) {
         return static_cast<int>(static_cast<unsigned>(a) + static_cast<unsigned>(b));
@@ -133,6 +148,20 @@ struct Semicontinuous : Computed<Form, Semicontinuous<Form>> {
 
 // --- the recursion over one server ---
 
+// Element by element: for orders that no kernel reads, where there is no memory to unpack them.
+template <class Form>
+void advancePlainly(const hmm::TransitionMap& map, const typename Form::Cost* stored,
+                    const typename Form::Cost* const* rows, int n, vsq::HmmPath<typename Form::Cost>* state) {
+    for (int t = 0; t < n; ++t, std::swap(state->current, state->other))
+        for (int j = 0; j < map.n; ++j) {
+            typename Form::Cost best = Form::none;
+            for (int i = 0; i < map.n; ++i)
+                if (hmm::stores(map.topology, i, j))
+                    best = std::min(best, Form::sum(state->current[i], stored[map.position(i, j)]));
+            state->other[j] = Form::sum(rows[t][j], best);
+        }
+}
+
 template <class Form, class Outputs>
 class Evaluation {
     using Cost = typename Form::Cost;
@@ -142,41 +171,46 @@ public:
 
     // The server's cost; false when it cannot be evaluated or memory ran out.
     bool run(const HMMServer* server, Cost* cost) {
+        const Cost* stored = hmm::aligned<const Cost>(server->transitions, hmm::alignmentOf(server->status));
+        if (!room.reserve(server, stored, nFrames, Outputs::computes, Form::straight)) return false;
         const int stride = vsq::hmmStride(server->nStates);
-        const std::size_t modelCount = hmm::modelSize(server);
-        Cost* room =
-            scratch.template reserve<Cost>(modelCount + std::size_t(stride) * (2 + hmm::framesPerRun));
-        if (room == nullptr) return false;
-        const std::size_t alignment = hmm::alignmentOf(server->status);
-        model = hmm::unpackModel(server, hmm::aligned<const Cost>(server->transitions, alignment), room);
-        Cost* vectors = room + modelCount;
-        state = {vectors, vectors + stride};
-        std::fill_n(vectors, std::ptrdiff_t(stride) * (2 + (Outputs::computes ? hmm::framesPerRun : 0)),
-                    Cost(0));
-        if (!allFrames(server, vectors + 2 * stride)) return false;
+        asStored = {hmm::kernelTopology(server->status), server->nStates, Form::rowUnit, stored};
+        state = {room.vectors, room.vectors + stride};
+        std::fill_n(room.vectors, 2 * std::ptrdiff_t(stride), Cost(0));
+        if (!allFrames(server)) return false;
         *cost = *std::min_element(state.current, state.current + server->nStates);
         return true;
     }
 
 private:
-    bool allFrames(const HMMServer* server, Cost* room) {
+    bool allFrames(const HMMServer* server) {
         const Cost* initials = hmm::aligned<const Cost>(server->initials, hmm::alignmentOf(server->status));
-        for (int first = 0; first < nFrames; first += hmm::framesPerRun) {
-            const int count = std::min(hmm::framesPerRun, nFrames - first);
+        for (int first = 0; first < nFrames; first += room.run) {
+            const int count = std::min(room.run, nFrames - first);
             hmm::RowRun<Cost> run;
-            if (!outputs.rows(server, first, count, room, run)) return false;
+            if (!outputs.rows(server, first, count, room.outputs, run)) return false;
             const int skipped = first == 0 ? 1 : 0;
             if (first == 0)
                 std::transform(initials, initials + server->nStates, run[0], state.current, Form::sum);
-            Form::advance(model, run.data() + skipped, count - skipped, &state);
+            if (count > skipped) follow(server, run.data() + skipped, count - skipped);
         }
         return true;
     }
 
+    // The recursion over a run of frames.
+    void follow(const HMMServer* server, const Cost* const* rows, int n) {
+        if (room.isUnpacked)
+            Form::advance(room.model, rows, n, &state);
+        else if (hmm::orderOf(server->status) == Form::straight)
+            Form::advance(asStored, rows, n, &state);
+        else
+            advancePlainly<Form>(hmm::TransitionMap::of(*server), asStored.trans, rows, n, &state);
+    }
+
     Outputs outputs;
     int nFrames;
-    hmm::GrowingScratch scratch;
-    vsq::HmmModel<Cost> model{};
+    hmm::Room<Cost, Cost> room;
+    vsq::HmmByTarget<Cost> asStored{};
     vsq::HmmPath<Cost> state{};
 };
 
@@ -204,12 +238,12 @@ bool evaluate(int hmm, const Outputs& outputs, int nFrames, int* pBest, typename
 template <class Form>
 bool evaluateSemicont(int hmm, const typename Form::Feature* const* frames, int nFrames, int* pBest,
                       const char* funcName, typename Form::Cost* best) {
-    if (!hmm::ServerWalk(hmm).isKnown() || nFrames < 1) return false;
-    // the report of an empty codebook carries the float operation's name in both forms
+    // An empty codebook is reported before anything else is looked at; in both forms under the float operation's name.
     const SemicontCodebook* codebook =
         hmm::codebookWithDensities(module, Form::isFixed, "KTsEvalSemicontHMMViterbi");
+    if (codebook == nullptr || !hmm::ServerWalk(hmm).isKnown() || nFrames < 1) return false;
     hmm::DensityTable<typename Form::Feature> densities;
-    if (codebook == nullptr || !densities.evaluate(codebook, frames, nFrames)) return false;
+    if (!densities.evaluate(codebook, frames, nFrames)) return false;
     return evaluate<Form>(hmm, Semicontinuous<Form>(codebook, &densities, funcName), nFrames, pBest, best);
 }
 

@@ -1,6 +1,6 @@
 // Classes: ordered sets of models, kept in chunks of up to 64 members so that very many can join in any order
-// at the cost of short moves. A cursor in the record walks the members and stays on its member while others
-// come and go.
+// at the cost of short moves. Beside the chain of chunks stands a table of them, in which an id finds its chunk by
+// halving. A cursor in the record walks the members and stays on its member while others come and go.
 #include "frame/KT_ERROR.h"
 #include "models/model.h"
 
@@ -30,6 +30,7 @@ void freeChunks(HMMClass* group) {
 
 void deleteClass(KTContext* context, HMMClass* group) {
     freeChunks(group);
+    std::free(group->chunks);
     group->prev->next = group->next;
     group->next->prev = group->prev;
     std::free(group);
@@ -41,6 +42,7 @@ void deleteClass(KTContext* context, HMMClass* group) {
 struct Place {
     HMMClassChunk* before;
     HMMClassChunk* chunk;
+    int index; // of the chunk in the class's table
     int position;
 
     bool holds(int id) const {
@@ -60,20 +62,51 @@ int positionOf(const HMMClassChunk* chunk, int id) {
     return first;
 }
 
+// The first chunk whose largest id is not below this one.
 Place find(const HMMClass* group, int id) {
-    Place place{nullptr, group->head, 0};
-    while (place.chunk != nullptr && place.chunk->maxKey < id) {
-        place.before = place.chunk;
-        place.chunk = place.chunk->next;
+    int first = 0, last = group->nChunks;
+    while (first < last) {
+        const int middle = (first + last) / 2;
+        if (group->chunks[middle]->maxKey < id)
+            first = middle + 1;
+        else
+            last = middle;
     }
-    if (place.chunk != nullptr) place.position = positionOf(place.chunk, id);
-    return place;
+    if (first == group->nChunks) return {nullptr, nullptr, first, 0};
+    HMMClassChunk* chunk = group->chunks[first];
+    return {first > 0 ? group->chunks[first - 1] : nullptr, chunk, first, positionOf(chunk, id)};
+}
+
+// Room for one more chunk in the table; false when memory ran out.
+bool growTable(HMMClass* group) {
+    if (group->nChunks < group->chunkRoom) return true;
+    const int room = group->chunkRoom == 0 ? 4 : 2 * group->chunkRoom;
+    auto** grown = static_cast<HMMClassChunk**>(std::calloc(std::size_t(room), sizeof(HMMClassChunk*)));
+    if (grown == nullptr) return false;
+    if (group->nChunks > 0)
+        std::memcpy(grown, group->chunks, std::size_t(group->nChunks) * sizeof(HMMClassChunk*));
+    std::free(group->chunks);
+    group->chunks = grown;
+    group->chunkRoom = room;
+    return true;
+}
+
+// A new chunk, from now on the index-th of the table; null when memory ran out, and the class is as it was.
+HMMClassChunk* newChunk(HMMClass* group, int index) {
+    if (!growTable(group)) return nullptr;
+    HMMClassChunk* chunk = zeroed<HMMClassChunk>();
+    if (chunk == nullptr) return nullptr;
+    HMMClassChunk** slot = group->chunks + index;
+    std::memmove(slot + 1, slot, std::size_t(group->nChunks - index) * sizeof(HMMClassChunk*));
+    *slot = chunk;
+    ++group->nChunks;
+    chunk->classId = group->id;
+    return chunk;
 }
 
 bool addFirst(HMMClass* group, HMMServer* server) {
-    HMMClassChunk* chunk = zeroed<HMMClassChunk>();
+    HMMClassChunk* chunk = newChunk(group, 0);
     if (chunk == nullptr) return false;
-    chunk->classId = group->id;
     chunk->maxKey = HMM_CHUNK_LAST_KEY;
     chunk->count = 1;
     chunk->entries[0] = {server->id, server};
@@ -84,11 +117,10 @@ bool addFirst(HMMClass* group, HMMServer* server) {
 }
 
 // Halves a full chunk: the upper entries move to a new one behind it.
-bool split(HMMClass* group, HMMClassChunk* chunk) {
+bool split(HMMClass* group, const Place& place) {
     constexpr int half = HMM_CHUNK_CAPACITY / 2;
-    HMMClassChunk* upper = zeroed<HMMClassChunk>();
+    HMMClassChunk *chunk = place.chunk, *upper = newChunk(group, place.index + 1);
     if (upper == nullptr) return false;
-    upper->classId = group->id;
     upper->next = chunk->next;
     upper->maxKey = chunk->maxKey;
     upper->count = half;
@@ -119,7 +151,7 @@ bool add(HMMClass* group, HMMServer* server) {
     Place place = find(group, server->id);
     if (place.holds(server->id)) return true;
     if (place.chunk->count == HMM_CHUNK_CAPACITY) {
-        if (!split(group, place.chunk)) return false;
+        if (!split(group, place)) return false;
         if (server->id > place.chunk->maxKey) place.chunk = place.chunk->next;
         place.position = positionOf(place.chunk, server->id);
     }
@@ -152,6 +184,9 @@ void dropChunk(HMMClass* group, const Place& place) {
         place.before->next = place.chunk->next;
         if (place.chunk->maxKey == HMM_CHUNK_LAST_KEY) place.before->maxKey = HMM_CHUNK_LAST_KEY;
     }
+    --group->nChunks;
+    HMMClassChunk** slot = group->chunks + place.index;
+    std::memmove(slot, slot + 1, std::size_t(group->nChunks - place.index) * sizeof(HMMClassChunk*));
     std::free(place.chunk);
 }
 

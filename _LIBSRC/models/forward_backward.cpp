@@ -2,6 +2,10 @@
 
 #include "models/evaluation.h"
 
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+
 namespace {
 
 constexpr ktl::Module module{"..\\_LIBSRC\\KT_HFOR"}; // the forward evaluation's: they are one family
@@ -21,17 +25,92 @@ double failure() {
     return (KTGetContext()->hmmMode & HMM_MODE_READY) != 0 ? 0.0 : -1.0;
 }
 
+// Backward values from occupancies.
+void divideByForward(const vsq::HmmLattice& lattice, int nStates, double likelihood) {
+    for (std::ptrdiff_t t = 0; t < lattice.nFrames - 1; ++t)
+        for (int i = 0; i < nStates; ++i) {
+            const double alpha = lattice.alpha[t * lattice.stride + i];
+            double& beta = lattice.beta[t * lattice.stride + i];
+            beta = alpha == 0.0 ? 0.0 : std::clamp(beta / alpha * likelihood, -DBL_MAX, DBL_MAX);
+        }
+    std::fill_n(lattice.beta + (lattice.nFrames - 1) * lattice.stride, nStates, 1.0);
+}
+
 // The lattice in the caller's array, whose rows have no padding.
 double evaluate(const HMMServer* server, const vsq::HmmOutputs& outputs, double* pAlphaBeta, double* pScales,
                 int T, int* pExponent) {
     const std::ptrdiff_t half = std::ptrdiff_t(T) * server->nStates;
     const vsq::HmmLattice lattice{pAlphaBeta, pAlphaBeta + half, pScales, server->nStates, T};
-    return hmm::forwardBackward(server, outputs, lattice, pExponent);
+    const double likelihood = hmm::forwardBackward(server, outputs, lattice, pExponent);
+    if (likelihood > 0.0 && !hmm::isBackwardFinite(lattice, server->nStates)) {
+        hmm::occupanciesFromForward(server, lattice, 1.0 / likelihood, nullptr);
+        divideByForward(lattice, server->nStates, likelihood);
+    }
+    return likelihood;
 }
 
 } // namespace
 
 namespace hmm {
+namespace {
+
+constexpr double lift = 0x1p600; // on forward values, so that no product with a transition vanishes
+constexpr int targetsAtOnce = 64;
+
+// visit(i, j, position) for what is stored of the transitions from states with a forward value to the
+// targets from `block` on.
+template <class Visit>
+void eachTransition(const TransitionMap& map, const double* alpha, int block, const Visit& visit) {
+    for (int i = 0; i < map.n; ++i) {
+        const int first = std::max(firstTarget(map.topology, i), block);
+        const int end = std::min(endTarget(map.topology, map.n, i), block + targetsAtOnce);
+        if (alpha[i] == 0.0 || first >= end) continue;
+        const std::size_t position = map.position(i, first);
+        for (int j = first; j < end; ++j)
+            visit(i, j, position + std::size_t(j - first));
+    }
+}
+
+// The occupancies of some targets, shared out to the frame before.
+void shareOut(const HMMServer* server, const double* alpha, const double* occupancies, int block,
+              double* before, double* moves) {
+    const TransitionMap map = sourceMap(server);
+    const float* stored = floats(server->transitions);
+    double factors[targetsAtOnce] = {};
+    eachTransition(map, alpha, block, [&](int i, int j, std::size_t position) {
+        factors[j - block] += alpha[i] * lift * double(stored[position]);
+    });
+    for (int j = block; j < map.n && j < block + targetsAtOnce; ++j) {
+        double& factor = factors[j - block];
+        factor = occupancies[j] == 0.0 || factor == 0.0 ? 0.0 : occupancies[j] / factor;
+    }
+    eachTransition(map, alpha, block, [&](int i, int j, std::size_t position) {
+        const double share = alpha[i] * lift * double(stored[position]) * factors[j - block];
+        before[i] += share;
+        if (moves != nullptr) moves[position] += share;
+    });
+}
+
+} // namespace
+
+// What is no number stays none on the way back, since every state leads to itself: the first frame tells.
+bool isBackwardFinite(const vsq::HmmLattice& lattice, int nStates) {
+    return std::all_of(lattice.beta, lattice.beta + nStates, [](double beta) { return std::isfinite(beta); });
+}
+
+void occupanciesFromForward(const HMMServer* server, const vsq::HmmLattice& lattice, double weight,
+                            double* moves) {
+    const std::ptrdiff_t last = lattice.nFrames - 1;
+    for (int i = 0; i < server->nStates; ++i)
+        lattice.beta[last * lattice.stride + i] = lattice.alpha[last * lattice.stride + i] * weight;
+    for (std::ptrdiff_t t = last; t > 0; --t) {
+        const double* occupancies = lattice.beta + t * lattice.stride;
+        double* before = lattice.beta + (t - 1) * lattice.stride;
+        std::fill_n(before, server->nStates, 0.0);
+        for (int block = 0; block < server->nStates; block += targetsAtOnce)
+            shareOut(server, lattice.alpha + (t - 1) * lattice.stride, occupancies, block, before, moves);
+    }
+}
 
 vsq::HmmStored storedModel(const HMMServer* server, const vsq::HmmUnpacked& unpacked) {
     return {kernelTopology(server->status), server->nStates, floats(server->transitions),
@@ -84,8 +163,9 @@ double KTsEvalSemicontHMMForwardBackward(int hmm, double* pAlphaBeta, double* pS
                                          int T, int* pExponent) {
     const HMMServer* server = begin(hmm, pScales, T, pExponent);
     if (server == nullptr) return failure();
+    const HeldHMMServer held(server);
     hmm::compareWithCodebook(server);
-    if (KTFindHMMServer(hmm) != server) return failure(); // the handler of a report may have released it
+    if (held.get() == nullptr) return failure(); // the handler of a report has released it
     const vsq::HmmOutputs outputs{nullptr, nullptr, pOutProbs, server->nStates};
     return evaluate(server, outputs, pAlphaBeta, pScales, T, pExponent);
 }

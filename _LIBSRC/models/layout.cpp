@@ -189,7 +189,10 @@ void* KTUntileHMMTrans(void* pTiled, unsigned status, int nStates) {
 bool ownTileIfWanted(HMMServer* server) {
     const bool wanted = (KTGetContext()->hmmMode & HMM_MODE_TILED) != 0 && server->transitions != nullptr &&
                         hmm::orderOf(server->status) == hmm::Order::byTarget;
-    if (!wanted) return true;
+    return !wanted || ownTile(server);
+}
+
+bool ownTile(HMMServer* server) {
     void* tiled = KTTileHMMTrans(server->transitions, server->status, server->nStates);
     if (tiled == nullptr) return false;
     std::free(server->transitions);

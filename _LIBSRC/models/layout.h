@@ -39,8 +39,9 @@ inline Topology topologyOf(unsigned status) {
 
 inline Order orderOf(unsigned status) {
     if ((status & HMM_SERVER_SHORT) != 0) return Order::fixed;
-    if ((status & HMM_SERVER_TILED) != 0) return Order::tiled;
-    return (status & KT_HMM_LOGARITHMIC) != 0 ? Order::byTarget : Order::bySource;
+    if ((status & KT_HMM_LOGARITHMIC) == 0)
+        return Order::bySource; // costs alone are tiled, whatever a file says
+    return (status & HMM_SERVER_TILED) != 0 ? Order::tiled : Order::byTarget;
 }
 
 // Whether a topology stores the transition from i to j.
@@ -112,6 +113,7 @@ struct OutputShape {
     std::size_t elementSize;
 
     static OutputShape of(unsigned status, int nStates, int nSymbols);
+    bool operator==(const OutputShape&) const = default;
     std::size_t elements() const { return std::size_t(rows) * std::size_t(stride); }
 };
 
@@ -148,6 +150,9 @@ inline constexpr float absentCost = 3.40282346638528859811704183484516925e+38f;
 // arrays from hmm::allocateArray; null when memory ran out, the source array is left as it is.
 void* KTTileHMMTrans(void* pPlain, unsigned status, int nStates);
 void* KTUntileHMMTrans(void* pTiled, unsigned status, int nStates);
+
+// Puts a record's plain costs into tiles; false when memory ran out, and they are as they were.
+bool ownTile(HMMServer* server);
 
 // Tiles a record's transitions where they are plain costs and the thread's mode wants them tiled; false when
 // memory ran out.

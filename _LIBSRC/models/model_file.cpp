@@ -108,11 +108,14 @@ bool writeTable(FILE* stream, const HMMServer* server) {
     return ktl::writeElements(stream, hmm::outputRows<std::uint32_t>(server->outputs)[0], shape.elements());
 }
 
+// Also false once the backtrace's handler has released the server.
 bool writeMixtures(FILE* stream, const HMMServer* server) {
+    const HeldHMMServer held(server);
     const bool hadError = std::ferror(stream) != 0;
     for (int i = 0; i < server->nStates; ++i) {
         KTWriteGaussMixServer(stream, server->mixtures[i]);
         if (KTGetStatus() < 0 && module.backtrace("KTWriteHMMServer") != 0) return false;
+        if (held.get() == nullptr) return false;
         if (!hadError && std::ferror(stream) != 0) return false;
     }
     return true;
@@ -207,7 +210,8 @@ bool isRepresentable(const HMMServer* server) {
                                          padded(server->nSymbols) * padded(server->nStates) <= mostElements);
 }
 
-// The status has to name one form, and no more than one flavour: beyond that nobody can say what follows.
+// The status has to name one form, and no more than one flavour: beyond that nobody can say what follows, or how long
+// it is.
 bool isPlausible(const HMMServer* server) {
     const unsigned form = server->status & hmmFormBits, flavour = flavourOf(server->status);
     if ((form != HMM_SERVER_SHORT && form != HMM_SERVER_FLOAT) || (flavour & (flavour - 1)) != 0)
@@ -224,9 +228,8 @@ void takeRecord(const Record& record, HMMServer* server) {
     server->scale = int(record[wordScale]);
     server->reserved0 = int(record[wordReserved0]);
     server->reserved1 = int(record[wordReserved1]);
-    server->status = record[wordStatus] & ~HMM_SERVER_TILED; // files hold plain arrays
-    // mixtures that come from a file belong to the server that they come with
-    if ((server->status & HMM_SERVER_CONT) != 0) server->status |= HMM_SERVER_OWNS_MIXTURES;
+    server->status = record[wordStatus];
+    server->holdsMixtures = true; // those that come from a file belong to the server that they come with
 }
 
 bool readOutputs(FILE* stream, HMMServer* server) {
@@ -246,13 +249,21 @@ bool readStateWords(FILE* stream, HMMServer* server) {
     return server->stateWords != nullptr && ktl::readElements(stream, server->stateWords, n);
 }
 
+// Files hold plain arrays, also of a server whose status says that its costs are tiled: they are, then.
+bool readTransitions(FILE* stream, HMMServer* server) {
+    const unsigned plain = server->status & ~HMM_SERVER_TILED;
+    const hmm::TransitionMap map{hmm::topologyOf(plain), hmm::orderOf(plain), server->nStates};
+    server->transitions = readArray<std::uint32_t>(stream, map.size(), hmm::alignmentOf(plain));
+    if (server->transitions == nullptr) return false;
+    return hmm::orderOf(server->status) == hmm::Order::tiled ? ownTile(server) : ownTileIfWanted(server);
+}
+
 bool readBody(FILE* stream, HMMServer* server, bool hasStateWords) {
     const std::size_t alignment = hmm::alignmentOf(server->status);
     const auto nInitials = std::size_t(hmm::initialsLength(server->status, server->nStates));
     server->initials = readArray<std::uint32_t>(stream, nInitials, alignment);
     if (server->initials == nullptr) return false;
-    server->transitions = readArray<std::uint32_t>(stream, hmm::TransitionMap::of(*server).size(), alignment);
-    return server->transitions != nullptr && ownTileIfWanted(server) && readOutputs(stream, server) &&
+    return readTransitions(stream, server) && readOutputs(stream, server) &&
            (!hasStateWords || readStateWords(stream, server));
 }
 
@@ -273,7 +284,7 @@ void KTWriteHMMServer(FILE* stream, int hmm, const char* name) {
     const HMMServer* server = KTFindHMMServer(hmm);
     if (server == nullptr || stream == nullptr || !writeHeader(stream, name)) return;
     if ((server->status & hmmFormBits) == 0 || !isComplete(server)) return;
-    if ((server->status & HMM_SERVER_TILED) == 0) {
+    if (hmm::orderOf(server->status) != hmm::Order::tiled) {
         writeBody(stream, server, server->transitions);
         return;
     }

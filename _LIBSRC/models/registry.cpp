@@ -2,97 +2,27 @@
 // registering under the lowest free id and releasing take constant time.
 #include "models/model.h"
 
+#include "frame/id_table.h"
 #include "quantisers/density_codebook.h"
 
-#include <bit>
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
 
 namespace {
-
-// The registered records by id, and which ids are taken as one bit each; a second row of bits tells which
-// words of the first are full, so that the lowest free id is a scan of few words even among very many models.
-struct IdTable {
-    int capacity; // ids 1 .. capacity - 1; a multiple of 64 * 64
-    HMMServer** byId;
-    std::uint64_t* taken;
-    std::uint64_t* fullWords;
-};
 
 // The list's sentinel with the table behind it: KTContext::hmmServerList points at the sentinel.
 struct Registry {
     HMMServer sentinel;
-    IdTable table;
+    ktl::IdTable<HMMServer> table;
 };
-
-constexpr int idsPerWord = 64;
-constexpr int growthUnit = idsPerWord * idsPerWord;
 
 Registry* registryOf(KTContext* context) {
     return reinterpret_cast<Registry*>(context->hmmServerList);
 }
 
-void freeTable(IdTable& table) {
-    std::free(table.byId);
-    std::free(table.taken);
-    std::free(table.fullWords);
-    table = IdTable{};
-}
-
-template <class T>
-bool enlarge(T*& array, int oldCount, int newCount) {
-    T* grown = static_cast<T*>(std::calloc(std::size_t(newCount), sizeof(T)));
-    if (grown == nullptr) return false;
-    if (oldCount > 0) std::memcpy(grown, array, std::size_t(oldCount) * sizeof(T));
-    std::free(array);
-    array = grown;
-    return true;
-}
-
-// Doubles the table. A failure on the way leaves arrays longer than `capacity` says, which is harmless.
-bool growTable(IdTable& table) {
-    const int old = table.capacity;
-    if (old > HMM_CHUNK_LAST_KEY) return false; // a class holds no larger id
-    const int wanted = old == 0 ? growthUnit : 2 * old;
-    if (!enlarge(table.byId, old, wanted) || !enlarge(table.taken, old / idsPerWord, wanted / idsPerWord) ||
-        !enlarge(table.fullWords, old / growthUnit, wanted / growthUnit))
-        return false;
-    if (old == 0) table.taken[0] = 1; // 0 is no id
-    table.capacity = wanted;
-    return true;
-}
-
-void mark(IdTable& table, int id, HMMServer* server) {
-    const int word = id / idsPerWord, group = word / idsPerWord;
-    const std::uint64_t bit = std::uint64_t(1) << (id % idsPerWord);
-    const std::uint64_t groupBit = std::uint64_t(1) << (word % idsPerWord);
-    table.byId[id] = server;
-    if (server != nullptr)
-        table.taken[word] |= bit;
-    else
-        table.taken[word] &= ~bit;
-    if (table.taken[word] == ~std::uint64_t(0))
-        table.fullWords[group] |= groupBit;
-    else
-        table.fullWords[group] &= ~groupBit;
-}
-
-// The lowest id that is not taken, where all below `from` are; `capacity` when there is none.
-int lowestFree(const IdTable& table, int from) {
-    for (int group = from / growthUnit; group < table.capacity / growthUnit; ++group) {
-        const int inGroup = std::countr_one(table.fullWords[group]);
-        if (inGroup == idsPerWord) continue;
-        const int word = group * idsPerWord + inGroup;
-        return word * idsPerWord + std::countr_one(table.taken[word]);
-    }
-    return table.capacity;
-}
-
-// The record that the lowest free id follows: the end of the run of ids that begins at 1 and reaches `id` at
-// least.
-HMMServer* endOfRun(const Registry* registry, int id) {
-    return registry->table.byId[lowestFree(registry->table, id) - 1];
+// Whether an id has a place in the table, grown where it has not. A class holds no id above
+// HMM_CHUNK_LAST_KEY.
+bool makePlace(ktl::IdTable<HMMServer>& table, int id) {
+    return table.covers(id) || (table.capacity() <= HMM_CHUNK_LAST_KEY && table.grow());
 }
 
 template <class T>
@@ -127,7 +57,7 @@ void KTInitHMMRegistry() {
 
 void KTFreeHMMRegistry() {
     KTContext* context = KTGetContext();
-    freeTable(registryOf(context)->table);
+    registryOf(context)->table.release();
     std::free(registryOf(context));
     std::free(context->hmmClassList);
     std::free(context->sSemicont);
@@ -139,17 +69,16 @@ void KTFreeHMMRegistry() {
 
 int KTRegisterHMMServer(HMMServer* server) {
     KTContext* context = KTGetContext();
-    Registry* registry = registryOf(context);
-    IdTable& table = registry->table;
+    auto& table = registryOf(context)->table;
     HMMServer* before = context->hmmServerCursor;
-    if (before->id + 1 >= table.capacity && !growTable(table)) return -1;
+    if (!makePlace(table, before->id + 1)) return -1;
     server->id = before->id + 1;
     server->prev = before;
     server->next = before->next;
     before->next->prev = server;
     before->next = server;
-    mark(table, server->id, server);
-    context->hmmServerCursor = endOfRun(registry, server->id);
+    table.set(server->id, server);
+    context->hmmServerCursor = table.find(table.lowestFree() - 1); // the end of the run of ids from 1 on
     ++context->nHMMServers;
     return server->id;
 }
@@ -159,15 +88,15 @@ void KTUnregisterHMMServer(HMMServer* server) {
     if (server->id <= context->hmmServerCursor->id) context->hmmServerCursor = server->prev;
     server->prev->next = server->next;
     server->next->prev = server->prev;
-    mark(registryOf(context)->table, server->id, nullptr);
+    registryOf(context)->table.set(server->id, nullptr);
+    server->id = 0;
     --context->nHMMServers;
 }
 
 HMMServer* KTFindHMMServer(int id) {
     const KTContext* context = KTGetContext();
     if ((context->hmmMode & HMM_MODE_READY) == 0) return nullptr;
-    const IdTable& table = reinterpret_cast<const Registry*>(context->hmmServerList)->table;
-    return id > 0 && id < table.capacity ? table.byId[id] : nullptr;
+    return reinterpret_cast<const Registry*>(context->hmmServerList)->table.find(id);
 }
 
 void KTGetHMMServerInfo(int id, int* tag, void** transitions, void** outputs, void** initials, int* nStates,

@@ -119,7 +119,7 @@ private:
 
 template <class Form>
 bool measureCommon(const HMMServer* server, int* result) {
-    if ((server->status & HMM_SERVER_TILED) == 0 || server->transitions == nullptr)
+    if (hmm::orderOf(server->status) != hmm::Order::tiled || server->transitions == nullptr)
         return CommonOrder<Form>(server, server->transitions).measure(result);
     ktl::Held<char, ktl::freePlain> plain(
         static_cast<char*>(KTUntileHMMTrans(server->transitions, server->status, server->nStates)));

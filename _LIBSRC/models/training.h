@@ -8,17 +8,21 @@
 //     kind                                the status bits of the servers that it trains
 //     prepare(model, longest)             storage for a whole call; false when memory ran out
 //     begin(current, next)                an iteration starts
+//     review(current)                     what is to be reported before a sequence; a handler may
+//                                         release the models
 //     score(current, next, sequence, n, outputs)    the sequence's output values; false for one that can't be
 //                                         used
 //     count(current, counts, sequence, n, weight)   the outputs' numerators, from a sequence's lattice, whose
 //                                         beta it may overwrite
-//     finish(current, next, counts)       new outputs
+//     finish(current, next, counts)       new outputs; false when one of them is no finite float
 //     change(current, next)               the greatest difference between old and new outputs
 //     proceed(next)                       before the next iteration; false when memory ran out
 #pragma once
 
 #include "models/evaluation.h"
 #include "models/forward_backward.h"
+
+#include <cmath>
 
 namespace hmm {
 
@@ -46,8 +50,16 @@ private:
     std::size_t count = 0;
 };
 
-// Where the transitions of source i stand: from target `first` on, in the stored array from `stored` on, in
-// the sums of a sequence from `summed` on.
+// Puts a re-estimate in the place of the copied value, which stays where the new one is no finite float: false
+// then.
+inline bool replace(float& stored, float value) {
+    if (!std::isfinite(value)) return false;
+    stored = value;
+    return true;
+}
+
+// Where a source's transitions stand: in the stored array from `stored` on, in the sums of a sequence from
+// `summed` on.
 struct TransitionRow {
     int count;
     std::size_t stored;
@@ -60,29 +72,42 @@ struct Counts {
     std::size_t stride = 0; // nStates, padded for the kernels
     Numbers alphaBeta, scales;
     double gammaTotal = 0.0;
-    Numbers gammaTrans; // per state: occupancy over all frames but the last
-    Numbers gammaOut;   // per state: occupancy over all frames
-    Numbers piNum;      // per state: occupancy of the first frame
-    Numbers xiNum;      // per stored transition
-    Numbers xiSeq;      // the same for one sequence, before the factor a(i, j)
-    Numbers gammaSeq;   // per state, one sequence: over all frames but the last
-    Numbers unpacked;   // a full model's transitions in both directions, and a row; otherwise empty
+    Numbers gammaTrans;   // per state: occupancy over all frames but the last
+    Numbers gammaOut;     // per state: occupancy over all frames
+    Numbers piNum;        // per state: occupancy of the first frame
+    Numbers xiNum;        // per stored transition
+    Numbers xiSeq;        // the same for one sequence, before the factor a(i, j)
+    Numbers gammaSeq;     // per state, one sequence: over all frames but the last
+    Numbers unpacked;     // a full model's transitions in both directions, and a row; otherwise empty
+    bool careful = false; // nothing that is counted may leave its range, whatever it costs
 
     bool allocate(const HMMServer* model, int longest);
     void begin(const HMMServer* current); // an iteration
     vsq::HmmLattice lattice(int nFrames) const;
     vsq::HmmUnpacked unpackedModel(const HMMServer* current) const;
 
-    // Adds one sequence, whose lattice is complete, with the weight 1 / likelihood.
+    // Adds one sequence, whose lattice is complete, with the weight 1 / likelihood. Where its backward values
+    // are no numbers, and in careful counting, occupancies come from the forward values alone; alpha is then
+    // the likelihood throughout and beta holds them.
     void add(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames, double weight);
 
-    // The new model's start values and transitions.
-    void finish(const HMMServer* current, HMMServer* next) const;
+    // Puts the arrivals of the sequence added last, as the kernel of this name has them, in beta's place.
+    void formArrivals(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames,
+                      double weight) const;
+
+    // The new model's start values and transitions; false when one of them is no finite float, or an
+    // occupancy no finite number.
+    bool finish(const HMMServer* current, HMMServer* next);
 
     bool visited(int state) const { return gammaOut[std::size_t(state)] >= smallestDenominator; }
 
 private:
-    TransitionRow row(const HMMServer* model, int source, std::size_t stored) const;
+    TransitionRow row(const HMMServer* model, int source) const;
+    void addTransitions(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames, double weight);
+    bool dropInfinite();
+    bool finishTransitions(const HMMServer* current, HMMServer* next) const;
+
+    bool holdsOccupancies = false; // whether the lattice of the sequence added last does
 };
 
 // The greatest difference between two arrays, or `atLeast`.
@@ -102,17 +127,17 @@ public:
     bool copyOf(const HMMServer* source); // false when memory ran out; the model before is forgotten
     void takeFrom(OwnModel& other) {
         release();
-        id = std::exchange(other.id, 0);
+        model = std::move(other.model);
     }
     void release() {
-        if (id > 0) KTFreeHMMServer(id);
-        id = 0;
+        const HeldHMMServer released = std::move(model);
+        if (released.get() != nullptr) KTFreeHMMServer(released.get()->id);
     }
-    int handOver() { return std::exchange(id, 0); }
-    HMMServer* get() const { return KTFindHMMServer(id); }
+    int handOver() { return HeldHMMServer(std::move(model)).get()->id; }
+    HMMServer* get() const { return model.get(); }
 
 private:
-    int id = 0;
+    HeldHMMServer model; // a report's handler may release it
 };
 
 // Copies and views are made under a status of their own: an older failure of the thread does not end a
@@ -156,23 +181,44 @@ struct StopRule {
     bool stops(double change) { return change < goal || --iterations < 1; }
 };
 
-// One iteration's pass over all sequences. Sequences that the model cannot produce have no influence.
+// One iteration's pass over all sequences. Sequences that the model cannot produce have no
+// influence. False once a report's handler has released one of the models.
 template <class Flavour>
-void countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
+bool countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
               const Sequences<typename Flavour::Sequence>& sequences, Counts& counts) {
+    const HeldHMMServer heldCurrent(current), heldNext(next);
     counts.begin(current);
     const vsq::HmmUnpacked unpacked = counts.unpackedModel(current);
     for (int q = 0; q < sequences.count; ++q) {
         const int nFrames = sequences.pFrames[q];
         if (nFrames < 1) continue;
+        flavour.review(current);
+        if (heldCurrent.get() == nullptr || heldNext.get() == nullptr) return false;
         vsq::HmmOutputs outputs;
         if (!flavour.score(current, next, sequences.all[q], nFrames, &outputs)) continue;
         int exponent;
         const double likelihood =
             forwardBackward(current, outputs, counts.lattice(nFrames), &exponent, unpacked);
-        if (!(likelihood >= smallestDenominator)) continue;
+        if (!(likelihood >= smallestDenominator) || !std::isfinite(likelihood)) continue;
         counts.add(current, outputs, nFrames, 1.0 / likelihood);
         flavour.count(current, counts, sequences.all[q], nFrames, 1.0 / likelihood);
+    }
+    return true;
+}
+
+// A new model from the current one; false when memory ran out or a report's handler has released one. Products of extreme values can leave the
+// doubles, and sums of frames the floats: what comes out so is counted once more, carefully.
+template <class Flavour>
+bool reestimate(Flavour& flavour, const HMMServer* current, OwnModel& newest,
+                const Sequences<typename Flavour::Sequence>& sequences, Counts& counts) {
+    for (counts.careful = false;; counts.careful = true) {
+        newest.release();
+        if (!newest.copyOf(current)) return false;
+        HMMServer* next = newest.get();
+        flavour.begin(current, next);
+        if (!countAll(flavour, current, next, sequences, counts)) return false;
+        const bool isFinite = counts.finish(current, next);
+        if ((flavour.finish(current, next, counts) && isFinite) || counts.careful) return true;
     }
 }
 
@@ -182,12 +228,8 @@ int iterate(Flavour& flavour, const HMMServer* model, const Sequences<typename F
             Counts& counts, StopRule rule, float* pTolerance) {
     OwnModel before, newest;
     for (const HMMServer* current = model;; current = before.get()) {
-        if (!newest.copyOf(current)) return -1;
-        HMMServer* next = newest.get();
-        flavour.begin(current, next);
-        countAll(flavour, current, next, sequences, counts);
-        counts.finish(current, next);
-        flavour.finish(current, next, counts);
+        if (!reestimate(flavour, current, newest, sequences, counts)) return -1;
+        const HMMServer* next = newest.get();
         const double atLeast = modelChange(current, next), outputChange = flavour.change(current, next);
         const double change = outputChange > atLeast ? outputChange : atLeast;
         if (rule.stops(change)) {

@@ -16,9 +16,8 @@ float* transitionsOf(const HMMServer* model) {
 
 bool OwnModel::copyOf(const HMMServer* source) {
     const OwnStatus ownStatus;
-    id = KTCopyHMMServer(source->id);
-    if (KTFindHMMServer(id) == nullptr) id = 0;
-    return id > 0;
+    model = HeldHMMServer(KTFindHMMServer(KTCopyHMMServer(source->id)));
+    return model.get() != nullptr;
 }
 
 double greatestChange(const float* a, const float* b, std::size_t count, double atLeast) {
@@ -31,10 +30,13 @@ double greatestChange(const float* a, const float* b, std::size_t count, double 
 double modelChange(const HMMServer* current, const HMMServer* next) {
     const double ofInitials =
         greatestChange(floats(current->initials), floats(next->initials), std::size_t(current->nStates), 0.0);
-    const TransitionMap map = TransitionMap::of(*current);
-    // the second copy of a band's last transition is set from the first and tells nothing of its own
-    const std::size_t own = map.topology == Topology::banded ? map.size() - 1 : map.size();
-    return greatestChange(transitionsOf(current), transitionsOf(next), own, ofInitials);
+    const TransitionMap map = sourceMap(current);
+    // a band's second copy of its last transition is not looked at: a file may bring one that differs
+    const std::size_t size = map.size(), second = std::min(map.duplicate(), size);
+    const std::size_t behind = std::min(second + 1, size);
+    const double before = greatestChange(transitionsOf(current), transitionsOf(next), second, ofInitials);
+    return greatestChange(transitionsOf(current) + behind, transitionsOf(next) + behind, size - behind,
+                          before);
 }
 
 bool Counts::allocate(const HMMServer* model, int longest) {
@@ -47,7 +49,7 @@ bool Counts::allocate(const HMMServer* model, int longest) {
     const std::size_t unpackedRows = topology == Topology::full ? 2 * n + 1 : 0;
     return alphaBeta.allocate(2 * frames, stride) && scales.allocate(frames, 1) &&
            gammaTrans.allocate(stride, 1) && gammaOut.allocate(stride, 1) && piNum.allocate(stride, 1) &&
-           gammaSeq.allocate(stride, 1) && xiNum.allocate(TransitionMap::of(*model).size(), 1) &&
+           gammaSeq.allocate(stride, 1) && xiNum.allocate(sourceMap(model).size(), 1) &&
            xiSeq.allocate(n, perRow) && unpacked.allocate(unpackedRows, stride);
 }
 
@@ -75,23 +77,25 @@ vsq::HmmLattice Counts::lattice(int nFrames) const {
             nFrames};
 }
 
-TransitionRow Counts::row(const HMMServer* model, int source, std::size_t stored) const {
-    const int behind = nStates - source;
-    const auto i = std::size_t(source);
-    switch (topologyOf(model->status)) {
-    case Topology::banded:
-        return {behind < 3 ? behind : 3, stored, 3 * i};
-    case Topology::triangular:
-        return {behind, stored, i * stride + i};
-    default:
-        return {nStates, stored, i * stride};
-    }
+TransitionRow Counts::row(const HMMServer* model, int source) const {
+    const TransitionMap map = sourceMap(model);
+    const int first = firstTarget(map.topology, source);
+    const std::size_t summed = map.topology == Topology::banded
+                                   ? 3 * std::size_t(source)
+                                   : std::size_t(source) * stride + std::size_t(first);
+    return {endTarget(map.topology, nStates, source) - first, map.position(source, first), summed};
 }
 
 void Counts::add(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames, double weight) {
     const vsq::HmmLattice sequence = lattice(nFrames);
+    holdsOccupancies = careful || !isBackwardFinite(sequence, nStates);
+    if (holdsOccupancies) {
+        occupanciesFromForward(current, sequence, weight, xiNum.get());
+        for (std::ptrdiff_t t = 0; t < nFrames; ++t)
+            std::fill_n(sequence.alpha + t * sequence.stride, nStates, 1.0 / weight);
+    } else
+        addTransitions(current, outputs, nFrames, weight);
     vsq::kernels().hmmtrain->occupancies(sequence, gammaSeq.get());
-    vsq::kernels().hmmtrain->transitions(storedModel(current), outputs, sequence, xiSeq.get());
     const std::size_t last = std::size_t(nFrames - 1) * stride;
     double first = 0.0;
     for (std::size_t i = 0; i < std::size_t(nStates); ++i) {
@@ -102,36 +106,79 @@ void Counts::add(const HMMServer* current, const vsq::HmmOutputs& outputs, int n
         gammaOut[i] += weight * (gammaSeq[i] + sequence.alpha[last + i] * sequence.beta[last + i]);
     }
     gammaTotal += weight * first;
+}
+
+void Counts::addTransitions(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames,
+                            double weight) {
+    vsq::kernels().hmmtrain->transitions(storedModel(current), outputs, lattice(nFrames), xiSeq.get());
     const float* stored = transitionsOf(current);
-    std::size_t k = 0;
     for (int i = 0; i < nStates; ++i) {
-        const TransitionRow from = row(current, i, k);
-        for (int j = 0; j < from.count; ++j, ++k)
-            xiNum[k] += xiSeq[from.summed + std::size_t(j)] * weight * double(stored[k]);
+        const TransitionRow from = row(current, i);
+        for (std::size_t k = from.stored, s = from.summed; k < from.stored + std::size_t(from.count);
+             ++k, ++s)
+            xiNum[k] += xiSeq[s] * weight * double(stored[k]);
     }
 }
 
+void Counts::formArrivals(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames,
+                          double weight) const {
+    const vsq::HmmLattice sequence = lattice(nFrames);
+    if (!holdsOccupancies) {
+        vsq::kernels().hmmtrain->arrivals(storedModel(current), sequence, weight);
+        return;
+    }
+    for (std::ptrdiff_t t = 0; t < nFrames; ++t)
+        for (int i = 0; i < nStates; ++i) {
+            double& occupancy = sequence.beta[t * sequence.stride + i];
+            if (occupancy != 0.0) occupancy /= double(outputs.values[t * outputs.stride + i]);
+        }
+}
+
+// Denominators that are no numbers divide nothing; false when there were any.
+bool Counts::dropInfinite() {
+    bool isFinite = true;
+    const auto check = [&](double& occupancy) {
+        if (std::isfinite(occupancy)) return;
+        occupancy = 0.0;
+        isFinite = false;
+    };
+    check(gammaTotal);
+    for (std::size_t i = 0; i < std::size_t(nStates); ++i) {
+        check(gammaTrans[i]);
+        check(gammaOut[i]);
+    }
+    return isFinite;
+}
+
 // The copied values stand where there is nothing to divide by.
-void Counts::finish(const HMMServer* current, HMMServer* next) const {
+bool Counts::finish(const HMMServer* current, HMMServer* next) {
+    bool isFinite = dropInfinite();
     float* initials = floats(next->initials);
     for (std::size_t i = 0; gammaTotal >= smallestDenominator && i < std::size_t(nStates); ++i) {
-        initials[i] = static_cast<float>(piNum[i] / gammaTotal);
-        if (double(initials[i]) < smallestProbability) initials[i] = 0.0f;
+        const auto value = static_cast<float>(piNum[i] / gammaTotal);
+        if (!replace(initials[i], double(value) < smallestProbability ? 0.0f : value)) isFinite = false;
     }
+    return finishTransitions(current, next) && isFinite;
+}
+
+bool Counts::finishTransitions(const HMMServer* current, HMMServer* next) const {
+    const TransitionMap map = sourceMap(next);
     float* transitions = transitionsOf(next);
-    std::size_t k = 0;
+    bool isFinite = true;
     for (int i = 0; i < nStates; ++i) {
-        const std::size_t end = k + std::size_t(row(current, i, k).count);
+        const TransitionRow from = row(current, i);
         const double denominator = gammaTrans[std::size_t(i)];
-        for (; k < end; ++k) {
-            if (!(denominator >= smallestDenominator)) continue;
+        const std::size_t end = from.stored + std::size_t(from.count);
+        for (std::size_t k = from.stored; denominator >= smallestDenominator && k < end; ++k) {
             const double value = xiNum[k] / denominator;
-            transitions[k] = value < smallestProbability ? 0.0f : static_cast<float>(value);
+            if (!replace(transitions[k], value < smallestProbability ? 0.0f : static_cast<float>(value)))
+                isFinite = false;
         }
     }
     // a band keeps the last state's transition to itself twice
-    if (topologyOf(next->status) == Topology::banded && k > 0 && k < TransitionMap::of(*next).size())
-        transitions[k] = transitions[k - 1];
+    if (map.duplicate() < map.size())
+        transitions[map.duplicate()] = transitions[map.position(nStates - 1, nStates - 1)];
+    return isFinite;
 }
 
 } // namespace hmm

@@ -15,13 +15,14 @@ const vsq::KohonenKernels& kernels() {
     return *vsq::kernels().kohonen;
 }
 
+// Below two elements the first ones are compared, whatever nDim says.
 void squaredDistances(const float* vector, float** codes, float* distances, int nDim, int nCodes) {
     if (nDim >= 2) {
         kernels().squaresOfFloats(vector, codes, distances, nDim, nCodes);
         return;
     }
     for (int c = 0; c < nCodes; ++c) {
-        const float difference = nDim == 1 ? codes[c][0] - vector[0] : 0.0f;
+        const float difference = codes[c][0] - vector[0];
         distances[c] = difference * difference;
     }
 }

@@ -125,20 +125,20 @@ public:
         return KT_StsOk;
     }
 
-    // Numbers the leaves from left to right and writes each vector's cell.
+    // Numbers the leaves from left to right, and then, when nothing can fail any more, writes each vector's
+    // cell.
     int finish(int* pLabels) {
         int cell = 0;
         for (KTCluster* leaf = firstLeaf; leaf != nullptr; leaf = leaf->pNextLeaf) {
             leaf->cell = ++cell;
             codebook->ppCentroids[cell - 1] = leaf->pCentroid;
             codebook->depth = leaf->level > codebook->depth ? leaf->level : codebook->depth;
-            for (int i = 0; pLabels != nullptr && i < leaf->nMembers; ++i)
-                pLabels[leaf->pMembers[i]] = cell;
         }
         if (hasDescent(set.nDim)) {
-            codebook->pDescent = makeDescent<Sample>(*codebook, points.centre(), Flavour::unit);
+            codebook->pDescent = makeDescent<Sample>(*codebook, points.common(), Flavour::unit);
             if (codebook->pDescent == nullptr) return KT_StsNoMem;
         }
+        if (pLabels != nullptr) writeLabels(pLabels);
         codebook->flags |= KT_CB_EUCLID;
         return KT_StsOk;
     }
@@ -154,9 +154,15 @@ private:
             root->pMembers[i] = i;
         firstLeaf = root;
         centroidsOfSides(root, nullptr, centroidOf(root));
-        if (!points.take(set, rows, centroidOf(root))) return false;
-        measure(root);
+        if (!points.take(set, rows)) return false;
+        measure(root, false);
         return true;
+    }
+
+    void writeLabels(int* pLabels) const {
+        for (const KTCluster* leaf = firstLeaf; leaf != nullptr; leaf = leaf->pNextLeaf)
+            for (int i = 0; i < leaf->nMembers; ++i)
+                pLabels[leaf->pMembers[i]] = leaf->cell;
     }
 
     static bool isLargest(int flags) { return (flags & KT_CB_SPLIT_LARGEST) != 0; }
@@ -189,16 +195,58 @@ private:
         KTCluster* const left = addCluster<Sample>(*codebook);
         KTCluster* const right = left != nullptr ? addCluster<Sample>(*codebook) : nullptr;
         if (right == nullptr) return KT_StsNoMem;
-        if (cluster->nMembers > 0)
-            label(cluster, rows[cluster->pMembers[cluster->iFar1]], rows[cluster->pMembers[cluster->iFar2]]);
-        centroidsOfSides(cluster, centroidOf(left), centroidOf(right));
-        label(cluster, centroidOf(left), centroidOf(right));
-        if (!listMembers(cluster, 'L', left) || !listMembers(cluster, 'R', right)) return KT_StsNoMem;
-        // A child keeps the mean of the first partition, though its members are those of the second.
-        measure(left);
-        measure(right);
+        const bool isDone = cluster->pEmptySibling != nullptr ? repeatParentsSplit(cluster, left, right)
+                                                              : divide(cluster, left, right);
+        if (!isDone) return KT_StsNoMem;
         adopt(link, left, right);
         return KT_StsOk;
+    }
+
+    bool divide(KTCluster* cluster, KTCluster* left, KTCluster* right) {
+        const int n = cluster->nMembers;
+        if (n > 0) {
+            points.select(cluster->pMembers, n, cluster->hasOwnFrame);
+            label(cluster, rows[cluster->pMembers[cluster->iFar1]], rows[cluster->pMembers[cluster->iFar2]]);
+        }
+        centroidsOfSides(cluster, centroidOf(left), centroidOf(right));
+        label(cluster, centroidOf(left), centroidOf(right));
+        if (!listMembers(cluster, 'L', left) || !listMembers(cluster, 'R', right)) return false;
+        // A child keeps the mean of the first partition, though its members are those of the second.
+        for (KTCluster* child : {left, right}) {
+            if (n > 0 && child->nMembers == n) {
+                child->pEmptySibling = child == left ? right : left;
+                copyMeasures(cluster, child);
+            } else {
+                measure(child, cluster->hasOwnFrame);
+            }
+        }
+        return true;
+    }
+
+    // A cluster that holds all of its parent's members splits as its parent did: the same list gives the same
+    // pair, the same means and the same sides. Vectors that are all equal, or none of which compares (a
+    // not-a-number in a mean), would otherwise cost a whole split for each empty cell.
+    bool repeatParentsSplit(KTCluster* cluster, KTCluster* left, KTCluster* right) {
+        const bool isRight = (cluster->node & 1) != 0;
+        KTCluster *const all = isRight ? right : left, *const none = isRight ? left : right;
+        none->pMembers = ktl::allocPlain<int>(0);
+        if (none->pMembers == nullptr) return false;
+        all->pMembers = cluster->pMembers;
+        cluster->pMembers = nullptr;
+        all->nMembers = cluster->nMembers;
+        all->pEmptySibling = none;
+        copyMeasures(cluster, all);
+        std::copy_n(centroidOf(cluster), set.nDim, centroidOf(all));
+        std::copy_n(static_cast<const Sample*>(cluster->pEmptySibling->pCentroid), set.nDim,
+                    centroidOf(none));
+        return true;
+    }
+
+    static void copyMeasures(const KTCluster* from, KTCluster* to) {
+        to->iFar1 = from->iFar1;
+        to->iFar2 = from->iFar2;
+        to->spread = from->spread;
+        to->hasOwnFrame = from->hasOwnFrame;
     }
 
     void adopt(KTCluster** link, KTCluster* left, KTCluster* right) {
@@ -222,7 +270,7 @@ private:
         const int* const members = cluster->pMembers;
         const int nDim = set.nDim;
         points.label(members, cluster->nMembers,
-                     planeBetween(left, right, points.centre(), nDim, Flavour::unit, points.normal()));
+                     planeBetween(left, right, points.frame(), nDim, Flavour::unit, points.normal()));
         char* const labels = points.labels();
         for (int i = 0; i < cluster->nMembers; ++i) {
             if (labels[i] != '?') continue;
@@ -260,10 +308,12 @@ private:
         return true;
     }
 
-    void measure(KTCluster* cluster) {
-        const FarPair pair = points.farthest(cluster->pMembers, cluster->nMembers);
+    // `hasOwnFrame` tells of the points as they stand: as the parent's left them.
+    void measure(KTCluster* cluster, bool hasOwnFrame) {
+        const FarPair pair = points.farthest(cluster->pMembers, cluster->nMembers, hasOwnFrame);
         cluster->iFar1 = pair.first;
         cluster->iFar2 = pair.second;
+        cluster->hasOwnFrame = pair.hasOwnFrame;
         Flavour::setSpread(*cluster, pair.spread);
     }
 
@@ -273,7 +323,7 @@ private:
     Vectors set;
     KTCodebook* codebook = nullptr;
     KTCluster* firstLeaf = nullptr;
-    Points points;
+    Points<Sample> points;
     ktl::Scratch<double> sums;
 };
 
@@ -395,21 +445,25 @@ void KTsVQCodebook(KTCodebook* pCodebook, float** ppVectors, int* pIndex, int nV
     reportMissing(call);
 }
 
-// The caller's scale goes into each distance and into the mean: a fixed scale counts twice.
+// A fixed scale counts twice, in each distance and in the mean. In the other modes distances are plain: automatic
+// scaling of the kernels has nothing to shift, since their roots fit, and the mean finds its own scale.
 void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex, int nVectors, int nDim,
                    int* pDistortion, int scaleMode, int* pScale) {
     int noScale = 0;
     int* const scale = pScale != nullptr ? pScale : &noScale;
-    const auto distance = [=](const short* a, const short* b, int n) {
-        return vsqwNormExt(a, b, n, VSQ_NormRoot, scaleMode, scale);
+    const bool isPlain = scaleMode != KT_FixedScale || *scale == 0;
+    int shift = isPlain ? 0 : *scale;
+    const auto distance = [&](const short* a, const short* b, int n) {
+        return vsqwNormExt(a, b, n, VSQ_NormRoot, VSQ_FIXED_SCALE, &shift);
     };
-    const bool isTrainings = (scaleMode & (VSQ_FIXED_SCALE | VSQ_AUTO_SCALE)) == 0;
     Quantising call{pCodebook, pIndex, nVectors, nDim, pDistortion != nullptr};
     double total = 0;
-    if (canQuantise(pCodebook, FixedFlavour::training | KT_CB_EUCLID, nDim))
-        total = quantise(call, ppVectors, isTrainings, distance);
-    else
+    if (!canQuantise(pCodebook, FixedFlavour::training | KT_CB_EUCLID, nDim))
         quantiseNone(call);
+    else if (isPlain)
+        total = quantise(call, ppVectors, true, FixedFlavour::distance);
+    else
+        total = quantise(call, ppVectors, false, distance);
     if (pDistortion != nullptr) *pDistortion = KTdiConvertDown(meanOf(total, nVectors), scaleMode, scale);
     reportMissing(call);
 }

@@ -1,7 +1,5 @@
 #include "quantisers/descent.h"
 
-#include "quantisers/points.h"
-
 #include <algorithm>
 
 // Arrays by node, in the order of a walk level by level; each is freed with the record. One node more, a
@@ -13,7 +11,8 @@ struct KTDescent {
     vsq::Plane* planes;
     int* children;
     float* normals;
-    float* centre;
+    float* centre; // of the frame
+    float factor;
 };
 
 namespace ktl::codebook {
@@ -39,6 +38,7 @@ void fillLeaf(KTDescent& descent, int node) {
 
 template <class Sample>
 void fillNodes(KTDescent& descent, const KTCluster* root, double unit) {
+    const Frame frame{descent.centre, descent.factor};
     int known = 1;
     descent.clusters[0] = root;
     for (int node = 0; node < known; ++node) {
@@ -49,8 +49,8 @@ void fillNodes(KTDescent& descent, const KTCluster* root, double unit) {
         }
         descent.planes[node] =
             planeBetween(static_cast<const Sample*>(cluster->pLeft->pCentroid),
-                         static_cast<const Sample*>(cluster->pRight->pCentroid), descent.centre, descent.nDim,
-                         unit, descent.normals + std::ptrdiff_t(node) * descent.tree.stride);
+                         static_cast<const Sample*>(cluster->pRight->pCentroid), frame, descent.nDim, unit,
+                         descent.normals + std::ptrdiff_t(node) * descent.tree.stride);
         descent.children[node] = known;
         descent.clusters[known++] = cluster->pLeft;
         descent.clusters[known++] = cluster->pRight;
@@ -67,18 +67,10 @@ int clustersOf(const KTCodebook& codebook) {
     return count;
 }
 
-float makePoint(const float* row, const KTDescent& descent, float* point) {
-    return vsq::kernels().tree->pointOfFloats(row, descent.centre, descent.nDim, point, descent.tree.stride);
-}
-
-float makePoint(const short* row, const KTDescent& descent, float* point) {
-    return vsq::kernels().tree->pointOfShorts(row, descent.centre, descent.nDim, point, descent.tree.stride);
-}
-
 } // namespace
 
 template <class Sample>
-KTDescent* makeDescent(const KTCodebook& codebook, const float* centre, double unit) {
+KTDescent* makeDescent(const KTCodebook& codebook, const Frame& frame, double unit) {
     auto* const descent = static_cast<KTDescent*>(std::calloc(1, sizeof(KTDescent)));
     if (descent == nullptr) return nullptr;
     descent->nDim = codebook.nDim;
@@ -87,7 +79,8 @@ KTDescent* makeDescent(const KTCodebook& codebook, const float* centre, double u
         freeDescent(descent);
         return nullptr;
     }
-    std::copy(centre, centre + codebook.nDim, descent->centre);
+    std::copy(frame.centre, frame.centre + codebook.nDim, descent->centre);
+    descent->factor = frame.factor;
     fillNodes<Sample>(*descent, codebook.pRoot, unit);
     descent->tree.normals = descent->normals;
     descent->tree.planes = descent->planes;
@@ -95,8 +88,8 @@ KTDescent* makeDescent(const KTCodebook& codebook, const float* centre, double u
     return descent;
 }
 
-template KTDescent* makeDescent<float>(const KTCodebook&, const float*, double);
-template KTDescent* makeDescent<short>(const KTCodebook&, const float*, double);
+template KTDescent* makeDescent<float>(const KTCodebook&, const Frame&, double);
+template KTDescent* makeDescent<short>(const KTCodebook&, const Frame&, double);
 
 void freeDescent(KTDescent* descent) {
     if (descent == nullptr) return;
@@ -115,9 +108,11 @@ void descendWhileSure(const KTDescent& descent, const Sample* const* rows, int c
     alignas(64) float points[group * ((longestOfDescent + 15) / 16 * 16)];
     float reach[group];
     int reached[group];
+    const Frame frame{descent.centre, descent.factor};
+    const int stride = descent.tree.stride;
     for (int i = 0; i < group; ++i) {
         const Sample* const row = rows[i < count ? i : count - 1];
-        reach[i] = reachOf(makePoint(row, descent, points + i * descent.tree.stride), descent.nDim);
+        reach[i] = reachOf(makePoint(row, frame, descent.nDim, points + i * stride, stride), descent.nDim);
         reached[i] = 0;
     }
     vsq::kernels().tree->descend(&descent.tree, points, reach, reached);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "quantisers/Kt_cdbk.h"
+#include "quantisers/points.h"
 
 namespace ktl::codebook {
 
@@ -13,10 +14,9 @@ constexpr bool hasDescent(int nDim) {
     return nDim <= longestOfDescent;
 }
 
-// The planes of a codebook whose tree stands, around `centre` (nDim floats, copied); null when memory ran
-// out.
+// The planes of a codebook whose tree stands, in the given frame, which is copied; null when memory ran out.
 template <class Sample>
-KTDescent* makeDescent(const KTCodebook& codebook, const float* centre, double unit);
+KTDescent* makeDescent(const KTCodebook& codebook, const Frame& frame, double unit);
 void freeDescent(KTDescent* descent); // null is allowed
 
 // Takes up to descendGroup rows down from the root: nodes[i] is a leaf, or the node where the distances must

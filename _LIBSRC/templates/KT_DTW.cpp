@@ -10,6 +10,7 @@
 
 #include "levels/levels.h"
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstdlib>
@@ -94,8 +95,12 @@ public:
         flat = Scratch<int>(2 * rowLength);
         bounds = Scratch<int>(2 * static_cast<std::ptrdiff_t>(request.nTest));
         frames = Scratch<double>(static_cast<long long>(request.nTest) * request.nDim);
-        if (!cost || !flat || !bounds || !frames) return false;
-        // No row reads what no row wrote, but for lanes that it drops; they shall hold numbers all the same.
+        const long long size = vsq::dtwPatternSize(maxColumns, request.nDim);
+        columns = Scratch<double>(size);
+        if (!cost || !flat || !bounds || !frames || !columns) return false;
+        // No row reads what was not written, but for lanes that it drops; they shall hold numbers
+        // all the same.
+        std::fill_n(columns.get(), size, 0.0);
         for (std::ptrdiff_t i = 0; i < 2 * rowLength; ++i) {
             cost[i] = vsq::dtwDead;
             flat[i] = 0;
@@ -105,12 +110,13 @@ public:
 
     double* frame(int i, int nDim) const { return frames.get() + static_cast<std::ptrdiff_t>(i) * nDim; }
 
-    double evaluate(const Request& request, const double* columns, int nColumns) const {
+    double evaluate(const Request& request, const float* const* pattern, int nColumns) const {
         const long long margin = request.margin < nColumns - 1 ? request.margin : nColumns - 1;
         fillBand(request.nTest, nColumns, static_cast<int>(margin), bounds.get());
         vsq::DtwGrid grid{};
         grid.test = frames.get();
-        grid.pattern = columns;
+        grid.pattern = pattern;
+        grid.columns = columns.get();
         grid.nRows = request.nTest;
         grid.nColumns = nColumns;
         grid.nDim = request.nDim;
@@ -132,6 +138,7 @@ private:
     Scratch<int> flat;
     Scratch<int> bounds;
     Scratch<double> frames;
+    Scratch<double> columns;
 };
 
 // --- test utterances ---
@@ -197,8 +204,9 @@ int evaluateAll(const Request& request, const Test& test, double* pResults) {
     double smallest = noLimit;
     for (int k = 0; k < request.nPatterns; ++k) {
         const auto* record = records[k];
-        pResults[k] =
-            request.admits(record) ? work.evaluate(request, record->pColumns, record->nVectors) : noLimit;
+        pResults[k] = request.admits(record)
+                          ? work.evaluate(request, ktl::dtw::realRows(*record), record->nVectors)
+                          : noLimit;
         if (pResults[k] < smallest) {
             smallest = pResults[k];
             nearest = k;

@@ -3,18 +3,22 @@
 #pragma once
 
 #include "frame/context.h"
+#include "templates/pattern_index.h"
 #include "frame/KT_ERROR.h"
 
+#include <utility>
+
 // Records belong to their store, with all that they point to. The list is in the order of creation.
+// Handles that a store gives out are positive; those that files bring may be anything.
 struct sPattern {
     sPattern* next;
     sPattern* prev;
     int isFirst; // 1 exactly for the head of the list
-    int handle;  // positive
+    int handle;
     float** pData;
     int nVectors;
     int nDim;
-    double* pColumns; // the vectors again, by dimension, as kernels/vsqdtw_level.h lays them out
+    ktl::dtw::PatternLinks<sPattern> links;
 };
 
 struct wPattern {
@@ -28,7 +32,7 @@ struct wPattern {
     int nVectors;
     int nDim;
     int scale;
-    double* pColumns; // the real values by dimension
+    ktl::dtw::PatternLinks<wPattern> links;
 };
 
 // The record of a handle, or null. An empty store is reported (-2), an absent handle is not. Of two records
@@ -63,20 +67,18 @@ inline float** realRows(const wPattern& pattern) {
 void freeRecord(sPattern* pPattern);
 void freeRecord(wPattern* pPattern);
 
-// Lays out the real values by dimension; false when memory ran out.
-bool arrangeColumns(sPattern& pattern);
-bool arrangeColumns(wPattern& pattern);
-
 // The number of the calling thread's patterns.
 int& patternCount(const sPattern* pPattern);
 int& patternCount(const wPattern* pPattern);
 
-// Hangs a whole record, which has been counted, on the tail of its list.
-void append(sPattern* pPattern);
-void append(wPattern* pPattern);
+// Counts a whole record and hangs it on the tail of its list, under its own handle or under the
+// smallest free one. False, and the store is unchanged, when memory for the index ran out.
+enum class Handle { own, smallestFree };
+bool append(sPattern* pPattern, Handle handle);
+bool append(wPattern* pPattern, Handle handle);
 
-// A record in the making, zero-filled; freed with all that it got unless it was taken. False when memory ran
-// out.
+// A record in the making, zero-filled; freed with all that it got unless it joined its store. False
+// when memory ran out.
 template <class Pattern>
 class NewRecord {
 public:
@@ -89,15 +91,9 @@ public:
     Pattern* operator->() const { return record; }
     Pattern& operator*() const { return *record; }
 
-    // Counts the record, which comes before it joins.
-    void count() const { ++patternCount(record); }
-
-    // Puts the record into its store and returns its handle.
-    int join() {
-        append(record);
-        const int handle = record->handle;
-        record = nullptr;
-        return handle;
+    // Puts the record into its store and returns it, or null when memory ran out.
+    const Pattern* join(Handle handle) {
+        return append(record, handle) ? std::exchange(record, nullptr) : nullptr;
     }
 
 private:

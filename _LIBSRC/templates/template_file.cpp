@@ -7,9 +7,10 @@
 namespace {
 
 using ktl::Arrival;
-using ktl::dtw::arrangeColumns;
+using ktl::dtw::Handle;
 using ktl::dtw::module;
 using ktl::dtw::NewRecord;
+using ktl::dtw::patternCount;
 
 constexpr char magic[4] = {'D', 'T', 'W', ' '};
 
@@ -54,14 +55,21 @@ T** readTable(FILE* pFile, const Pattern& pattern, bool& noTable) {
     return rows.take();
 }
 
-// A header may be anything: handles are positive, and only a pattern of no vectors may have vectors of no
+// A header may be anything: so may handles, but only a pattern of no vectors may have vectors of no
 // elements.
 template <class Pattern>
 bool acceptHeader(Pattern& pattern, int handle, int nDim, int nVectors) {
     pattern.handle = handle;
     pattern.nDim = nDim;
     pattern.nVectors = nVectors;
-    return handle > 0 && nDim >= 0 && nVectors >= 0 && (nDim > 0 || nVectors == 0);
+    return nDim >= 0 && nVectors >= 0 && (nDim > 0 || nVectors == 0);
+}
+
+// The handle of a record that has joined its store, or -1.
+template <class Pattern>
+int join(NewRecord<Pattern>& record) {
+    const Pattern* joined = record.join(Handle::own);
+    return joined != nullptr ? joined->handle : -1;
 }
 
 } // namespace
@@ -88,9 +96,7 @@ int KTsReadDTWPattern(FILE* pFile) {
     if (!record || !acceptHeader(*record, header[0], header[2], header[3])) return -1;
     bool noTable;
     record->pData = readTable<float>(pFile, *record, noTable);
-    if (record->pData == nullptr || !arrangeColumns(*record)) return -1;
-    record.count();
-    return record.join();
+    return record->pData != nullptr ? join(record) : -1;
 }
 
 // The record counts from its float table on: where only its 16-bit part fails to come, the store's number
@@ -103,10 +109,13 @@ int KTwReadDTWPattern(FILE* pFile) {
     record->scale = header[4];
     bool noTable;
     record->pFloatData = readTable<float>(pFile, *record, noTable);
-    if (record->pFloatData == nullptr || !arrangeColumns(*record)) return -1;
-    record.count();
+    if (record->pFloatData == nullptr) return -1;
+    ++patternCount(&*record);
     record->pData = readTable<short>(pFile, *record, noTable);
-    if (record->pData != nullptr) return record.join();
+    if (record->pData != nullptr) {
+        --patternCount(&*record); // joining counts it
+        return join(record);
+    }
     if (noTable) module.report(KT_StsNoMem, "wPattern can not be allocated");
     return -1;
 }

@@ -4,8 +4,6 @@
 #include "frame/KT_ALLOC.h"
 #include "frame/scratch.h"
 
-#include "levels/levels.h"
-
 #include <cstdlib>
 #include <cstring>
 
@@ -54,45 +52,39 @@ struct Store<wPattern> : Reports<'w'> {
     static int& count(KTContext* context) { return context->nFixedPatterns; }
 };
 
-// The smallest positive handle that no record holds. It is at most one above the number of records, so
-// candidates are marked in a window of bits, in one pass over the list per window; the first window does for
-// thousands of patterns.
+// The index of a list, which goes with its last record; a new one for an empty list. Null when
+// memory ran out.
 template <class Pattern>
-int freeHandle(const Pattern* head) {
-    constexpr int window = 8192, wordBits = 32;
-    for (int first = 1;; first += window) {
-        unsigned taken[window / wordBits] = {};
-        for (const Pattern* p = head; p != nullptr; p = p->next)
-            if (p->handle >= first && p->handle - first < window)
-                taken[(p->handle - first) / wordBits] |= 1u << (p->handle - first) % wordBits;
-        for (int word = 0; word < window / wordBits; ++word)
-            if (~taken[word] != 0) return first + word * wordBits + __builtin_ctz(~taken[word]);
-    }
+PatternIndex<Pattern>* indexOf(const Pattern* head) {
+    if (head != nullptr) return head->links.index;
+    return static_cast<PatternIndex<Pattern>*>(std::calloc(1, sizeof(PatternIndex<Pattern>)));
 }
 
 template <class Pattern>
-void appendTo(Pattern* record) {
+void freeIndex(PatternIndex<Pattern>* index) {
+    index->release();
+    std::free(index);
+}
+
+template <class Pattern>
+bool appendTo(Pattern* record, Handle handle) {
     using S = Store<Pattern>;
-    Pattern*& head = S::head(KTGetContext());
-    record->next = nullptr;
-    record->prev = nullptr;
-    record->isFirst = head == nullptr;
-    if (head == nullptr) {
-        head = record;
-        return;
+    KTContext* context = KTGetContext();
+    Pattern*& head = S::head(context);
+    PatternIndex<Pattern>* index = indexOf(head);
+    if (index == nullptr) return false;
+    if (!index->reserve(head)) {
+        if (head == nullptr) freeIndex(index);
+        return false;
     }
-    Pattern* tail = head;
-    while (tail->next != nullptr)
-        tail = tail->next;
-    tail->next = record;
-    record->prev = tail;
-}
-
-template <class Pattern>
-bool arrange(Pattern& pattern) {
-    pattern.pColumns = allocPlain<double>(vsq::dtwPatternSize(pattern.nVectors, pattern.nDim));
-    if (pattern.pColumns == nullptr) return false;
-    vsq::kernels().dtw->arrange(realRows(pattern), pattern.nVectors, pattern.nDim, pattern.pColumns);
+    if (handle == Handle::smallestFree) record->handle = index->freeHandle();
+    record->links.index = index;
+    index->enter(record);
+    record->isFirst = head == nullptr;
+    record->prev = index->tail;
+    (head == nullptr ? head : index->tail->next) = record;
+    index->tail = record;
+    ++S::count(context);
     return true;
 }
 
@@ -100,24 +92,27 @@ template <class Pattern>
 Pattern* find(int handle) {
     using S = Store<Pattern>;
     KTContext* context = KTGetContext();
-    Pattern* p = S::head(context);
+    const Pattern* p = S::head(context);
     if (S::count(context) == 0 || p == nullptr) {
         module.report(KT_StsUnknownErr, S::empty, S::ptrGetName);
         return nullptr;
     }
-    while (p != nullptr && p->handle != handle)
-        p = p->next;
-    return p;
+    return p->links.index->find(handle);
 }
 
 template <class Pattern>
 void unlink(Pattern*& head, Pattern* record) {
-    if (record->next != nullptr) record->next->prev = record->prev;
+    PatternIndex<Pattern>* index = record->links.index;
+    index->remove(record);
+    (record->next != nullptr ? record->next->prev : index->tail) = record->prev;
     if (record->isFirst == 0) {
         record->prev->next = record->next;
     } else {
         head = record->next;
-        if (head != nullptr) head->isFirst = 1;
+        if (head != nullptr)
+            head->isFirst = 1;
+        else
+            freeIndex(index);
     }
 }
 
@@ -144,6 +139,16 @@ int freeByHandle(int handle) {
     return -1;
 }
 
+// The record, or null where it is not, or no longer, in its store.
+template <class Pattern>
+Pattern* stillStored(Pattern* record) {
+    Pattern* p = Store<Pattern>::head(KTGetContext());
+    while (p != nullptr && p != record)
+        p = p->next;
+    return p;
+}
+
+// Goes on after a failure, as far as the handler of its reports has left anything.
 template <class Pattern>
 int freeAll() {
     int result = 0;
@@ -151,6 +156,7 @@ int freeAll() {
         next = p->next;
         if (freeOne(p) == 0) continue;
         module.report(KT_StsUnknownErr, Store<Pattern>::notFreed, Store<Pattern>::freeAllName);
+        next = stillStored(next);
         result = -1;
     }
     return result;
@@ -191,11 +197,8 @@ int create(NewRecord<Pattern>& record, Sample** ppVectors, int nVectors, int nDi
     if (record) {
         record->nVectors = nVectors;
         record->nDim = nDim;
-        if (fill(*record, ppVectors) && arrangeColumns(*record)) {
-            record.count();
-            record->handle = freeHandle(Store<Pattern>::head(KTGetContext()));
-            return record.join();
-        }
+        const Pattern* joined = fill(*record, ppVectors) ? record.join(Handle::smallestFree) : nullptr;
+        if (joined != nullptr) return joined->handle;
     }
     module.report(KT_StsNoMem, Store<Pattern>::noMemory, Store<Pattern>::iniName);
     return -1;
@@ -217,24 +220,15 @@ template class NewRecord<wPattern>;
 
 void freeRecord(sPattern* pPattern) {
     if (pPattern == nullptr) return;
-    std::free(pPattern->pColumns);
     KTFree2(pPattern->pData);
     std::free(pPattern);
 }
 
 void freeRecord(wPattern* pPattern) {
     if (pPattern == nullptr) return;
-    std::free(pPattern->pColumns);
     KTFree2(pPattern->pFloatData);
     KTFree2(pPattern->pData);
     std::free(pPattern);
-}
-
-bool arrangeColumns(sPattern& pattern) {
-    return arrange(pattern);
-}
-bool arrangeColumns(wPattern& pattern) {
-    return arrange(pattern);
 }
 
 int& patternCount(const sPattern*) {
@@ -244,11 +238,11 @@ int& patternCount(const wPattern*) {
     return Store<wPattern>::count(KTGetContext());
 }
 
-void append(sPattern* pPattern) {
-    appendTo(pPattern);
+bool append(sPattern* pPattern, Handle handle) {
+    return appendTo(pPattern, handle);
 }
-void append(wPattern* pPattern) {
-    appendTo(pPattern);
+bool append(wPattern* pPattern, Handle handle) {
+    return appendTo(pPattern, handle);
 }
 
 } // namespace ktl::dtw

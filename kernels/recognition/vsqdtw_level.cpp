@@ -1,5 +1,5 @@
 #include "recognition/vsqdtw_level.h"
-#include "simd/pack.h"
+#include "simd/shuffle.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {
@@ -18,14 +18,58 @@ struct CityBlock {
     static VSQ_INLINE Wide finish(const Wide& sum) { return sum; }
 };
 
+// The pattern's frames as runs read them, brought there as far as the rows reach.
+struct Arranged {
+    long long stride;
+    int columns; // so many stand ready, a multiple of the run or beyond the last
+};
+
+using Quarter = Pack<float, 4>;
+
+// Four elements of four frames, by element.
+VSQ_INLINE void transposed(const float* const* frame, int k, Quarter* columns) {
+    const Quarter a = load<float, 4>(frame[0] + k), b = load<float, 4>(frame[1] + k);
+    const Quarter c = load<float, 4>(frame[2] + k), d = load<float, 4>(frame[3] + k);
+    const Quarter lowAC = pick<zipLane>(a, c), lowBD = pick<zipLane>(b, d);
+    const Quarter highAC = pick<zipUpperLane>(a, c), highBD = pick<zipUpperLane>(b, d);
+    columns[0] = pick<zipLane>(lowAC, lowBD);
+    columns[1] = pick<zipUpperLane>(lowAC, lowBD);
+    columns[2] = pick<zipLane>(highAC, highBD);
+    columns[3] = pick<zipUpperLane>(highAC, highBD);
+}
+
+// Frames behind the last are the last again; nobody counts them.
+VSQ_INLINE void arrangeRun(const DtwGrid& grid, long long stride, int j) {
+    const float* frame[dtwRun];
+    for (int lane = 0; lane < dtwRun; ++lane)
+        frame[lane] = grid.pattern[j + lane < grid.nColumns ? j + lane : grid.nColumns - 1];
+    double* column = grid.columns + j;
+    for (int k = 0; k < grid.nDim; k += 4, column += 4 * stride) {
+        Quarter low[4], high[4];
+        transposed(frame, k, low);
+        transposed(frame + 4, k, high);
+        const int rest = grid.nDim - k;
+        store(column, convert<double>(join(low[0], high[0])));
+        if (rest > 1) store(column + stride, convert<double>(join(low[1], high[1])));
+        if (rest > 2) store(column + 2 * stride, convert<double>(join(low[2], high[2])));
+        if (rest > 3) store(column + 3 * stride, convert<double>(join(low[3], high[3])));
+    }
+}
+
+// Not inline: the registers are the rows'.
+[[gnu::noinline]] void arrangeUpTo(const DtwGrid& grid, Arranged& arranged, int last) {
+    for (; arranged.columns <= last; arranged.columns += dtwRun)
+        arrangeRun(grid, arranged.stride, arranged.columns);
+}
+
 // Local distances between a test frame and the run of pattern frames that begins at column j.
 template <class Metric>
-VSQ_INLINE Costs localDistances(const DtwGrid& grid, long long stride, const double* frame, int j) {
-    const double* column = grid.pattern + j;
+VSQ_INLINE Wide localDistances(const DtwGrid& grid, long long stride, const double* frame, int j) {
+    const double* column = grid.columns + j;
     Wide sum = splat<double, dtwRun>(0.0);
     for (int k = 0; k < grid.nDim; ++k, column += stride)
         sum = sum + Metric::term(load<double, dtwRun>(column) - splat<double, dtwRun>(frame[k]));
-    return convert<float>(Metric::finish(sum));
+    return Metric::finish(sum);
 }
 
 // Columns between which a row may hold cells that are not dropped; none where first > last.
@@ -83,12 +127,13 @@ VSQ_INLINE Best bestPredecessors(const float* cost, const int* flat, int j, floa
 }
 
 template <class Metric>
-VSQ_INLINE Range firstRow(const DtwGrid& grid, long long stride, float* cost, int* flat) {
+VSQ_INLINE Range firstRow(const DtwGrid& grid, Arranged& arranged, float* cost, int* flat) {
     const Costs limit = splat<float, dtwRun>(grid.pruneFrom);
     const int last = grid.bounds[1];
+    arrangeUpTo(grid, arranged, last);
     Range alive = noColumns;
     for (int j = 0; j <= last; j += dtwRun) {
-        const Costs local = localDistances<Metric>(grid, stride, grid.test, j);
+        const Costs local = convert<float>(localDistances<Metric>(grid, arranged.stride, grid.test, j));
         const Flags valid = inside(j, last);
         const Flags drop = limit <= local;
         if (anyLane(select(drop, splat<std::int32_t, dtwRun>(0), valid))) extend(alive, j, last);
@@ -101,13 +146,14 @@ VSQ_INLINE Range firstRow(const DtwGrid& grid, long long stride, float* cost, in
 
 // A row between the first and the last; `from` and `to` are the buffers of the row before and of this one.
 template <class Metric>
-VSQ_INLINE Range middleRow(const DtwGrid& grid, long long stride, int i, int from, Range row) {
+VSQ_INLINE Range middleRow(const DtwGrid& grid, Arranged& arranged, int i, int from, Range row) {
     const float* cost = grid.cost[from];
     float* newCost = grid.cost[1 - from];
     int* newFlat = grid.flat[1 - from];
     const double* frame = grid.test + static_cast<std::ptrdiff_t>(i) * grid.nDim;
     const Costs limit = splat<float, dtwRun>(grid.pruneFrom);
     Range alive = noColumns;
+    arrangeUpTo(grid, arranged, row.last);
     for (int j = row.first; j <= row.last; j += dtwRun) {
         const Best best = bestPredecessors(cost, grid.flat[from], j, dtwDead);
         const Flags valid = inside(j, row.last);
@@ -115,7 +161,7 @@ VSQ_INLINE Range middleRow(const DtwGrid& grid, long long stride, int i, int fro
         Costs sum = select(valid, select(drop, dead(), best.cost), dead());
         if (anyLane(select(drop, splat<std::int32_t, dtwRun>(0), valid))) {
             extend(alive, j, row.last);
-            const Costs local = localDistances<Metric>(grid, stride, frame, j);
+            const Costs local = convert<float>(localDistances<Metric>(grid, arranged.stride, frame, j));
             sum = select(sum < dead(), sum + local, sum);
         }
         store(newCost + j, sum);
@@ -125,19 +171,22 @@ VSQ_INLINE Range middleRow(const DtwGrid& grid, long long stride, int i, int fro
     return alive;
 }
 
-// The smallest cost of a path's end, or the threshold where none is below it.
+// The smallest cost of a path's end, or the threshold where none is below it. Here alone the local distance
+// is added before it is rounded.
 template <class Metric>
-VSQ_INLINE double lastRow(const DtwGrid& grid, long long stride, int from, Range row) {
+VSQ_INLINE double lastRow(const DtwGrid& grid, Arranged& arranged, int from, Range row) {
     const double* frame = grid.test + static_cast<std::ptrdiff_t>(grid.nRows - 1) * grid.nDim;
     const Costs clamp = splat<float, dtwRun>(grid.clampTo);
     const Costs none = splat<float, dtwRun>(__builtin_inff());
     Costs smallest = none;
+    arrangeUpTo(grid, arranged, row.last);
     for (int j = row.first; j <= row.last; j += dtwRun) {
         const Best best = bestPredecessors(grid.cost[from], grid.flat[from], j, grid.pruneFrom);
         const Flags valid = inside(j, row.last);
         const Flags hopeless = clamp <= best.cost; // a distance is never negative
         if (!anyLane(select(hopeless, splat<std::int32_t, dtwRun>(0), valid))) continue;
-        const Costs cost = localDistances<Metric>(grid, stride, frame, j) + best.cost;
+        const Wide local = localDistances<Metric>(grid, arranged.stride, frame, j);
+        const Costs cost = convert<float>(local + convert<double>(best.cost));
         smallest = smaller(select(valid, select(cost < clamp, cost, none), none), smallest);
     }
     const float result = smallestLane(smallest);
@@ -146,34 +195,25 @@ VSQ_INLINE double lastRow(const DtwGrid& grid, long long stride, int from, Range
 
 template <class Metric>
 double evaluateWith(const DtwGrid& grid) {
-    const long long stride = dtwStride(grid.nColumns);
-    Range alive = firstRow<Metric>(grid, stride, grid.cost[0], grid.flat[0]);
+    Arranged arranged{dtwStride(grid.nColumns), 0};
+    Range alive = firstRow<Metric>(grid, arranged, grid.cost[0], grid.flat[0]);
     int from = 0;
     for (int i = 1; i < grid.nRows - 1; ++i) {
         const Range row = intersect(grid.bounds + 2 * i, alive);
         if (alive.first > alive.last || row.first > row.last) return grid.threshold;
-        alive = middleRow<Metric>(grid, stride, i, from, row);
+        alive = middleRow<Metric>(grid, arranged, i, from, row);
         from = 1 - from;
     }
     if (alive.first > alive.last) return grid.threshold;
-    return lastRow<Metric>(grid, stride, from, intersect(grid.bounds + 2 * (grid.nRows - 1), alive));
+    return lastRow<Metric>(grid, arranged, from, intersect(grid.bounds + 2 * (grid.nRows - 1), alive));
 }
 
 double evaluate(const DtwGrid& grid) {
     return grid.cityBlock ? evaluateWith<CityBlock>(grid) : evaluateWith<Euclidean>(grid);
 }
 
-void arrange(const float* const* rows, int nFrames, int nDim, double* columns) {
-    const long long stride = dtwStride(nFrames), size = dtwPatternSize(nFrames, nDim);
-    for (long long j = 0; j < size; ++j)
-        columns[j] = 0.0;
-    for (int j = 0; j < nFrames; ++j)
-        for (int k = 0; k < nDim; ++k)
-            columns[k * stride + j] = rows[j][k];
-}
-
 } // namespace
 
-extern const DtwKernels dtwKernels{evaluate, arrange};
+extern const DtwKernels dtwKernels{evaluate};
 
 } // namespace vsq::VSQ_LEVEL

@@ -12,10 +12,11 @@ constexpr int dtwRun = 8;
 // The float nearest 3.4e+38 (bit pattern 0x7F7FC99E): the cost of a cell that no path reaches.
 constexpr float dtwDead = 3.4e+38f;
 
-// A pattern is kept by dimension: element k of frame j is at [k * dtwStride(nFrames) + j], in double
-// precision, so that a run of frames is one load. The stride is an odd number of cache lines, so that the
-// dimensions do not compete for the same ones; a run that begins at the last frame may read beyond the
-// stride, hence the room behind the last dimension.
+// A pattern is compared by dimension: element k of frame j is at [k * dtwStride(nFrames) + j], in
+// double precision, so that a run of frames is one load. Kept so it would take more than twice the
+// memory. The stride is an odd number of cache lines, so that the dimensions do not compete for the
+// same ones; a run that begins at the last frame may read beyond the stride, hence the room behind
+// the last dimension.
 constexpr long long dtwStride(int nFrames) {
     return nFrames > 0 ? ((static_cast<long long>(nFrames) + dtwRun - 1) / dtwRun | 1) * dtwRun : 0;
 }
@@ -28,8 +29,9 @@ constexpr int dtwFront = 2;
 constexpr int dtwBehind = dtwRun + 2;
 
 struct DtwGrid {
-    const double* test;    // nRows frames of nDim elements, row after row
-    const double* pattern; // nColumns frames, by dimension as above
+    const double* test;          // nRows frames of nDim elements, row after row
+    const float* const* pattern; // nColumns frames, readable to nDim rounded up to a multiple of 4
+    double* columns;             // scratch: dtwPatternSize(nColumns, nDim) numbers, for the frames as above
     int nRows, nColumns, nDim;
     bool cityBlock;    // the local distance: sum of magnitudes; otherwise the root of the sum of squares
     const int* bounds; // first and last column of each row's band; the first does not decrease, and neither
@@ -44,12 +46,9 @@ struct DtwGrid {
 struct DtwKernels {
     // Cost of the best path whose every step goes one row up and 0, 1 or 2 columns on, never two steps of 0
     // in a row. Ties go to the step of 1. A cell whose best predecessor has reached the threshold is dropped.
-    // Costs are float sums, each local distance is computed in double precision and rounded once; all levels
-    // give the same bits.
+    // Costs are floats. A local distance is computed in double precision and rounded to float before it is
+    // added, but for the last row, which rounds the sum alone. All levels give the same bits.
     double (*evaluate)(const DtwGrid& grid);
-
-    // Lays out a pattern's rows by dimension; `columns` has room for dtwPatternSize(nFrames, nDim).
-    void (*arrange)(const float* const* rows, int nFrames, int nDim, double* columns);
 };
 VSQ_DECLARE_LEVELS(DtwKernels, dtwKernels)
 

@@ -2,7 +2,6 @@
 #include "vectors/dot_product.h"
 #include "vectors/exponential.h"
 #include "recognition/quadratic_forms.h"
-#include "vectors/scaledproduct.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {
@@ -327,18 +326,18 @@ VSQ_INLINE void undoSwaps(float* const* b, const int* pivots, int n) {
             swapFloats(b[k][j], b[pivots[k]][j]);
 }
 
-double invert(float* const* a, float* const* b, int* pivots, int n) {
+ScaledProduct invert(float* const* a, float* const* b, int* pivots, int n) {
     constexpr double smallest = 1e-30f;
     if (n == 1) {
-        if (__builtin_fabs(double(a[0][0])) < smallest) return 0.0;
+        if (__builtin_fabs(double(a[0][0])) < smallest) return {0.0, 0};
         b[0][0] = 1.0f / a[0][0];
-        return double(a[0][0]);
+        return {double(a[0][0]), 0};
     }
     ScaledProduct det{1.0, 0};
     for (int k = 0; k < n; ++k) {
         double magnitude;
         pivots[k] = pivotColumn(a[k], k, n, magnitude);
-        if (magnitude < smallest) return 0.0;
+        if (magnitude < smallest) return {0.0, 0};
         if (takePivot(a, 0, k, pivots[k], n)) det.part = -det.part;
         for (int i = 0; i < n; ++i) {
             if (i == k) continue;
@@ -354,25 +353,24 @@ double invert(float* const* a, float* const* b, int* pivots, int n) {
             b[i][j] *= reciprocal;
     }
     undoSwaps(b, pivots, n);
-    return det.value();
+    return det;
 }
 
-double determinant(float* const* a, int n) {
+ScaledProduct determinant(float* const* a, int n) {
     constexpr double smallest = 1e-20f;
-    if (n == 1) return double(a[0][0]);
+    if (n == 1) return {double(a[0][0]), 0};
     ScaledProduct det{1.0, 0};
-    bool negative = false;
     for (int k = 0; k < n; ++k) {
         double magnitude;
         const int column = pivotColumn(a[k], k, n, magnitude);
-        if (magnitude < smallest) return 0.0;
-        if (takePivot(a, k, k, column, n)) negative = !negative;
+        if (magnitude < smallest) return {0.0, 0};
+        if (takePivot(a, k, k, column, n)) det.part = -det.part;
         const float reciprocal = 1.0f / a[k][k];
         for (int i = k + 1; i < n; ++i)
             subtractScaled(a[i] + k + 1, a[k] + k + 1, a[i][k] * reciprocal, n - k - 1);
         det.times(double(a[k][k]));
     }
-    return negative ? -det.value() : det.value();
+    return det;
 }
 
 } // namespace

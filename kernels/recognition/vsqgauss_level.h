@@ -3,6 +3,7 @@
 #pragma once
 
 #include "levels/levelrecord.h"
+#include "vectors/scaledproduct.h"
 
 namespace vsq {
 
@@ -33,10 +34,10 @@ struct GaussKernels {
     // Gauss-Jordan inversion in float of the symmetric matrix a (n rows of n, destroyed); b comes as the
     // identity and leaves as the inverse, rows and columns in a's order. `pivots` has room for n. Returns a's
     // determinant; 0, and no inverse, when a pivot is below 1e-30.
-    double (*invert)(float* const* a, float* const* b, int* pivots, int n);
+    ScaledProduct (*invert)(float* const* a, float* const* b, int* pivots, int n);
 
     // The determinant of a (n rows of n, destroyed); 0 when a pivot is below 1e-20.
-    double (*determinant)(float* const* a, int n);
+    ScaledProduct (*determinant)(float* const* a, int n);
 };
 VSQ_DECLARE_LEVELS(GaussKernels, gaussKernels)
 

@@ -17,12 +17,14 @@ VSQ_INLINE Vector<T> at(const T* p) {
     return load<T, lanes>(p);
 }
 
-// The lanes from `first` on: all ones from element lanes - first on.
-constexpr int laneMasks[2 * lanes] = {0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,
-                                      -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+// Masks as wide as T: the lanes from `first` on are all ones.
+template <class T>
+constexpr MaskOf<T> laneMasks[2 * lanes] = {0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,
+                                            -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
 
-VSQ_INLINE Vector<int> lanesFrom(int first) {
-    return at(laneMasks + lanes - first);
+template <class T>
+VSQ_INLINE Vector<MaskOf<T>> lanesFrom(int first) {
+    return at(laneMasks<T> + lanes - first);
 }
 
 // ---- the two recursions: what a source contributes, and how contributions join ----
@@ -56,7 +58,7 @@ struct BestPath<float> {
         return smaller(b, a);
     }
     static VSQ_INLINE Vector<float> above(int diagonal, const Vector<float>& contribution) {
-        return select(lanesFrom(diagonal), contribution, splat<float, lanes>(none));
+        return select(lanesFrom<float>(diagonal), contribution, splat<float, lanes>(none));
     }
 };
 
@@ -72,7 +74,7 @@ struct BestPath<int> {
         return smaller(b, a);
     }
     static VSQ_INLINE Vector<int> above(int diagonal, const Vector<int>& contribution) {
-        return select(lanesFrom(diagonal), contribution, splat<int, lanes>(none));
+        return select(lanesFrom<int>(diagonal), contribution, splat<int, lanes>(none));
     }
 };
 
@@ -81,37 +83,67 @@ struct BestPath<int> {
 
 constexpr int blockVectors = 4;
 
+// Row i of a model: its element j is the transition from i to j. In front of a stored triangle's diagonal stand
+// elements of rows before.
+template <class T>
+VSQ_INLINE const T* rowOf(const HmmModel<T>& model, int i) {
+    return model.trans + std::ptrdiff_t(i) * model.stride;
+}
+VSQ_INLINE const float* rowOf(const HmmBySource& model, int i) {
+    const std::ptrdiff_t source = i, missing = source * (source + 1) / 2;
+    return model.trans + source * model.nStates - (model.topology == HmmTopology::triangular ? missing : 0);
+}
+
+// A vector of transitions as the recursion's numbers.
+template <class T, class Stored>
+VSQ_INLINE Vector<T> transitionsAt(const Stored* p) {
+    if constexpr (std::is_same_v<T, Stored>)
+        return at(p);
+    else
+        return convert<T>(at(p));
+}
+
+// What the source in front of lane `diagonal` contributes to a triangle.
+template <class Rule, class T, class Model>
+VSQ_INLINE Vector<T> aboveDiagonal(const Model&, int diagonal, const Vector<T>& contribution) {
+    if constexpr (std::is_same_v<Model, HmmBySource>)
+        return select(lanesFrom<T>(diagonal), contribution, splat<T, lanes>(Rule::none));
+    else
+        return Rule::above(diagonal, contribution);
+}
+
 // Joins the contributions of the sources from..to-1 into the block's vectors first..last-1.
-template <class Rule, int first, int last, class T>
-VSQ_INLINE void joinSources(const HmmModel<T>& model, const T* current, int block, int from, int to,
+template <class Rule, int first, int last, class Model, class T>
+VSQ_INLINE void joinSources(const Model& model, const T* current, int block, int from, int to,
                             Vector<T>* targets) {
     for (int i = from; i < to; ++i) {
-        const T* row = model.trans + std::ptrdiff_t(i) * model.stride + block;
+        const auto* row = rowOf(model, i) + block;
         const Vector<T> source = splat<T, lanes>(current[i]);
         for (int v = first; v < last; ++v)
-            targets[v] = Rule::join(targets[v], Rule::along(source, at(row + v * lanes)));
+            targets[v] = Rule::join(targets[v], Rule::along(source, transitionsAt<T>(row + v * lanes)));
     }
 }
 
 // The same for the sources on the diagonal of a triangle: those of vector `diagonal` reach the targets from
 // themselves on.
-template <class Rule, int diagonal, int last, class T>
-VSQ_INLINE void joinDiagonal(const HmmModel<T>& model, const T* current, int block, Vector<T>* targets) {
+template <class Rule, int diagonal, int last, class Model, class T>
+VSQ_INLINE void joinDiagonal(const Model& model, const T* current, int block, Vector<T>* targets) {
     const int from = block + diagonal * lanes;
     const int to = from + lanes < model.nStates ? from + lanes : model.nStates;
     for (int i = from; i < to; ++i) {
-        const T* row = model.trans + std::ptrdiff_t(i) * model.stride + block;
+        const auto* row = rowOf(model, i) + block;
         const Vector<T> source = splat<T, lanes>(current[i]);
-        const Vector<T> onDiagonal = Rule::along(source, at(row + diagonal * lanes));
-        targets[diagonal] = Rule::join(targets[diagonal], Rule::above(i - from, onDiagonal));
+        const Vector<T> onDiagonal = Rule::along(source, transitionsAt<T>(row + diagonal * lanes));
+        targets[diagonal] =
+            Rule::join(targets[diagonal], aboveDiagonal<Rule, T>(model, i - from, onDiagonal));
         for (int v = diagonal + 1; v < last; ++v)
-            targets[v] = Rule::join(targets[v], Rule::along(source, at(row + v * lanes)));
+            targets[v] = Rule::join(targets[v], Rule::along(source, transitionsAt<T>(row + v * lanes)));
     }
     if constexpr (diagonal + 1 < last) joinDiagonal<Rule, diagonal + 1, last>(model, current, block, targets);
 }
 
-template <class Rule, int count, class T, class Finish>
-VSQ_INLINE void advanceBlock(const HmmModel<T>& model, const T* current, int block, const Finish& finish) {
+template <class Rule, int count, class Model, class T, class Finish>
+VSQ_INLINE void advanceBlock(const Model& model, const T* current, int block, const Finish& finish) {
     Vector<T> targets[count];
     for (int v = 0; v < count; ++v)
         targets[v] = splat<T, lanes>(Rule::none);
@@ -125,8 +157,8 @@ VSQ_INLINE void advanceBlock(const HmmModel<T>& model, const T* current, int blo
         finish(block + v * lanes, targets[v]);
 }
 
-template <class Rule, class T, class Finish>
-VSQ_INLINE void advanceMatrix(const HmmModel<T>& model, const T* current, const Finish& finish) {
+template <class Rule, class Model, class T, class Finish>
+VSQ_INLINE void advanceMatrix(const Model& model, const T* current, const Finish& finish) {
     int block = 0;
     for (; block + blockVectors * lanes <= model.stride; block += blockVectors * lanes)
         advanceBlock<Rule, blockVectors>(model, current, block, finish);
@@ -189,6 +221,11 @@ VSQ_INLINE void advanceFrame(const HmmModel<T>& model, const T* current, const F
         advanceMatrix<Rule>(model, current, finish);
 }
 
+template <class Rule, class T, class Finish>
+VSQ_INLINE void advanceFrame(const HmmBySource& model, const T* current, const Finish& finish) {
+    advanceMatrix<Rule>(model, current, finish);
+}
+
 // ---- forward ----
 
 // Reached when a frame's sum has left its range, and on the last frame: the power of two for its vector, already
@@ -203,11 +240,11 @@ __attribute__((noinline)) double rescale(HmmForward* state) {
 template <int n>
 VSQ_INLINE Pack<std::int64_t, n> unusedLanes(int nStates, int first) {
     const int used = nStates - first < n ? nStates - first : n;
-    return convert<std::int64_t>(load<int, n>(laneMasks + lanes - used));
+    return load<std::int64_t, n>(laneMasks<double> + lanes - used);
 }
 
-template <class T>
-VSQ_INLINE void forward(const HmmModel<double>& model, const T* const* rows, int nFrames, bool rescaleLast,
+template <class Model, class T>
+VSQ_INLINE void forward(const Model& model, const T* const* rows, int nFrames, bool rescaleLast,
                         HmmForward* state) {
     const auto unused = unusedLanes<lanes>(model.nStates, model.stride - lanes);
     for (int t = 0; t < nFrames; ++t) {
@@ -275,6 +312,16 @@ void forwardDouble(const HmmModel<double>& model, const double* const* rows, int
     forwardAny(model, rows, nFrames, rescaleLast, state);
 }
 
+void storedForwardFloat(const HmmBySource& model, const float* const* rows, int nFrames, bool rescaleLast,
+                        HmmForward* state) {
+    forward(model, rows, nFrames, rescaleLast, state);
+}
+
+void storedForwardDouble(const HmmBySource& model, const double* const* rows, int nFrames, bool rescaleLast,
+                         HmmForward* state) {
+    forward(model, rows, nFrames, rescaleLast, state);
+}
+
 // ---- best path ----
 
 template <class T>
@@ -321,8 +368,92 @@ void pathInt(const HmmModel<int>& model, const int* const* rows, int nFrames, Hm
     bestPathAny(model, rows, nFrames, state);
 }
 
+// ---- best path of costs as they are stored: a row for each target, its sources side by side ----
+
+// Targets whose best sources are looked for in one pass: as many as registers hold, beside the sources.
+constexpr int targetsAtOnce = registerBytes >= 64 ? 8 : registerBytes == 32 ? 4 : 2;
+
+VSQ_INLINE float sum(float a, float b) {
+    return a + b;
+}
+VSQ_INLINE int sum(int a, int b) { // wraps
+    return static_cast<int>(static_cast<unsigned>(a) + static_cast<unsigned>(b));
+}
+
+// The first of the sums that are zero: among equal ones the lowest source wins, and zero has two signs.
+__attribute__((noinline)) float firstZero(const float* current, const float* row, int count) {
+    for (int i = 0; i < count; ++i)
+        if (const float cost = current[i] + row[i]; cost == 0.0f) return cost;
+    return 0.0f;
+}
+
+VSQ_INLINE float least(const Vector<float>& best, const float* current, const float* row, int count) {
+    const float cost = smallestLane(best);
+    return cost == 0.0f ? firstZero(current, row, count) : cost;
+}
+VSQ_INLINE int least(const Vector<int>& best, const int*, const int*, int) {
+    return smallestLane(best);
+}
+
+// The targets j, j - 1, ..., `count` of them, whose rows begin at `row`; returns where the next one begins.
+template <int count, class T>
+VSQ_INLINE const T* reachTargets(const HmmByTarget<T>& model, const T* current, const T* outputs, int j,
+                                 const T* row, T* next) {
+    using Rule = BestPath<T>;
+    const T* rows[count];
+    int sources[count];
+    Vector<T> best[count];
+    for (int r = 0; r < count; ++r) {
+        rows[r] = row;
+        sources[r] = model.topology == HmmTopology::triangular ? j - r + 1 : model.nStates;
+        row += (sources[r] + model.unit - 1) & -model.unit;
+        best[r] = splat<T, lanes>(Rule::none);
+    }
+    const int whole = sources[count - 1] / lanes * lanes;
+    for (int i = 0; i < whole; i += lanes) {
+        const Vector<T> here = at(current + i);
+        for (int r = 0; r < count; ++r)
+            best[r] = Rule::join(best[r], Rule::along(here, at(rows[r] + i)));
+    }
+    for (int r = 0; r < count; ++r) {
+        for (int i = whole; i < sources[r]; i += lanes) { // behind the last source stands something else
+            const int used = sources[r] - i < lanes ? sources[r] - i : lanes;
+            const Vector<T> reached = Rule::along(at(current + i), at(rows[r] + i));
+            best[r] = Rule::join(best[r], select(lanesFrom<T>(used), splat<T, lanes>(Rule::none), reached));
+        }
+        next[j - r] = sum(outputs[j - r], least(best[r], current, rows[r], sources[r]));
+    }
+    return row;
+}
+
+template <class T>
+VSQ_INLINE void storedPath(const HmmByTarget<T>& model, const T* const* rows, int nFrames,
+                           HmmPath<T>* state) {
+    for (int t = 0; t < nFrames; ++t) {
+        const T* row = model.trans;
+        int j = model.nStates - 1;
+        for (; j + 1 >= targetsAtOnce; j -= targetsAtOnce)
+            row = reachTargets<targetsAtOnce>(model, state->current, rows[t], j, row, state->other);
+        for (; j >= 0; --j)
+            row = reachTargets<1>(model, state->current, rows[t], j, row, state->other);
+        T* next = state->other;
+        state->other = state->current;
+        state->current = next;
+    }
+}
+
+void storedPathFloat(const HmmByTarget<float>& model, const float* const* rows, int nFrames,
+                     HmmPath<float>* state) {
+    storedPath(model, rows, nFrames, state);
+}
+
+void storedPathInt(const HmmByTarget<int>& model, const int* const* rows, int nFrames, HmmPath<int>* state) {
+    storedPath(model, rows, nFrames, state);
+}
+
 } // namespace
 
-extern const HmmKernels hmmKernels{forwardFloat, forwardDouble, pathFloat, pathInt};
+extern const HmmKernels hmmKernels{forwardFloat,       forwardDouble,       pathFloat,       pathInt,
+                                   storedForwardFloat, storedForwardDouble, storedPathFloat, storedPathInt};
 
 } // namespace vsq::VSQ_LEVEL

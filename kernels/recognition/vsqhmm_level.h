@@ -1,6 +1,7 @@
 // The recursions over the frames of an observation sequence: forward probabilities and best-path costs of a
-// hidden Markov model. The caller brings a model into the shape given here, once for a whole sequence, and
-// feeds it the output values of the states in runs of frames.
+// hidden Markov model. The caller brings a small model into the shape given here, once for a whole sequence, or
+// has it read as it is stored, and feeds in the output values of the states in runs of frames. The results are
+// the same bits.
 #pragma once
 
 #include "levels/levelrecord.h"
@@ -25,6 +26,25 @@ struct HmmModel {
     HmmTopology topology;
     int nStates;
     int stride; // hmmStride(nStates)
+    const T* trans;
+};
+
+// Full and triangular models as their owner stores them. What lies a vector of hmmLanes behind the last element is
+// readable.
+//   probabilities: for each source i = 0, 1, ... the targets 0 .. n - 1, or i .. n - 1 of a triangle
+//   costs: for each target j = n - 1, n - 2, ... the sources 0 .. n - 1, or 0 .. j of a triangle, in rows whose
+//   lengths are rounded up to a multiple of `unit`, a power of two
+struct HmmBySource {
+    HmmTopology topology;
+    int nStates;
+    int stride; // hmmStride(nStates), of the vectors
+    const float* trans;
+};
+template <class T>
+struct HmmByTarget {
+    HmmTopology topology;
+    int nStates;
+    int unit;
     const T* trans;
 };
 
@@ -57,6 +77,16 @@ struct HmmKernels {
     void (*pathFloat)(const HmmModel<float>& model, const float* const* rows, int nFrames,
                       HmmPath<float>* state);
     void (*pathInt)(const HmmModel<int>& model, const int* const* rows, int nFrames, HmmPath<int>* state);
+
+    // The same on models as they are stored.
+    void (*storedForwardFloat)(const HmmBySource& model, const float* const* rows, int nFrames,
+                               bool rescaleLast, HmmForward* state);
+    void (*storedForwardDouble)(const HmmBySource& model, const double* const* rows, int nFrames,
+                                bool rescaleLast, HmmForward* state);
+    void (*storedPathFloat)(const HmmByTarget<float>& model, const float* const* rows, int nFrames,
+                            HmmPath<float>* state);
+    void (*storedPathInt)(const HmmByTarget<int>& model, const int* const* rows, int nFrames,
+                          HmmPath<int>* state);
 };
 VSQ_DECLARE_LEVELS(HmmKernels, hmmKernels)
 

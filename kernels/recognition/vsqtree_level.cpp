@@ -18,21 +18,22 @@ VSQ_INLINE float squaredLength(const float* p, int stride) {
     return sumLanes(total);
 }
 
-template <class Sample>
-VSQ_INLINE float pointOf(const Sample* src, const float* centre, int nDim, float* p, int stride) {
-    for (int k = 0; k < nDim; ++k)
-        p[k] = float(src[k]) - centre[k];
+VSQ_INLINE float finishPoint(int nDim, float* p, int stride) {
     for (int k = nDim; k < stride; ++k)
         p[k] = 0;
     return squaredLength(p, stride);
 }
 
-float pointOfFloats(const float* src, const float* centre, int nDim, float* p, int stride) {
-    return pointOf(src, centre, nDim, p, stride);
+float pointOfFloats(const float* src, float factor, const float* centre, int nDim, float* p, int stride) {
+    for (int k = 0; k < nDim; ++k)
+        p[k] = src[k] * factor - centre[k];
+    return finishPoint(nDim, p, stride);
 }
 
 float pointOfShorts(const short* src, const float* centre, int nDim, float* p, int stride) {
-    return pointOf(src, centre, nDim, p, stride);
+    for (int k = 0; k < nDim; ++k)
+        p[k] = float(src[k]) - centre[k];
+    return finishPoint(nDim, p, stride);
 }
 
 void addFloats(const float* src, double* sums, int nDim) {
@@ -143,9 +144,29 @@ int nextFar(const float* p, const float* coordinates, int nDim, int block, int e
     return end;
 }
 
+void farBoxes(const float* p, const float* mirrored, float twice, const float* block, int nDim, float limit,
+              float above, unsigned* masks) {
+    constexpr unsigned all = (1u << boxBlock) - 1;
+    const auto zero = splat<float, lanes>(0);
+    Floats corner = zero, gap = zero;
+    for (int k = 0; k < nDim; ++k) {
+        const Floats low = load<float, lanes>(block + 2 * boxBlock * k);
+        const Floats high = load<float, lanes>(block + 2 * boxBlock * k + boxBlock);
+        const auto own = splat<float, lanes>(p[k]), other = splat<float, lanes>(mirrored[k]);
+        const Floats farther = larger(own - low, high - own);
+        const Floats nearer = larger(larger(low - other, other - high), zero);
+        corner = corner + farther * farther;
+        gap = gap + nearer * nearer;
+    }
+    const Floats reach = load<float, lanes>(block + 2 * boxBlock * nDim);
+    const Floats bound = smaller(corner, splat<float, lanes>(twice) + reach - gap);
+    masks[0] = laneBits(bound < splat<float, lanes>(limit)) ^ all;
+    masks[1] = laneBits(bound < splat<float, lanes>(above)) ^ all;
+}
+
 } // namespace
 
 extern const TreeKernels treeKernels{pointOfFloats, pointOfShorts, addFloats,      addShorts, sides,
-                                     descend,       squaresFrom,   transposeBlock, nextFar};
+                                     descend,       squaresFrom,   transposeBlock, nextFar,   farBoxes};
 
 } // namespace vsq::VSQ_LEVEL

@@ -3,8 +3,16 @@
 
 namespace {
 
+// Whether a pattern has come; a handle may be anything.
+template <class Read>
+bool reads(const Read& read, int (*number)()) {
+    const int before = number();
+    read();
+    return number() > before;
+}
+
 void useFloat(FILE* stream) {
-    for (int handle; (handle = KTsReadDTWPattern(stream)) > 0;) {
+    for (int handle = 0; reads([&] { handle = KTsReadDTWPattern(stream); }, KTsPatternsNumber);) {
         float** rows;
         int nVectors, nDim;
         KTsPatternGet(handle, &rows, &nVectors, &nDim);
@@ -14,7 +22,7 @@ void useFloat(FILE* stream) {
 }
 
 void useFixed(FILE* stream) {
-    for (int handle; (handle = KTwReadDTWPattern(stream)) > 0;) {
+    for (int handle = 0; reads([&] { handle = KTwReadDTWPattern(stream); }, KTwPatternsNumber);) {
         short** rows;
         int nVectors, nDim, scale;
         KTwPatternGet(handle, &rows, &nVectors, &nDim, &scale);

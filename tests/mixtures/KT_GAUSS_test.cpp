@@ -196,6 +196,29 @@ TEST(GaussServer, FullDeterminantOfManyFactorsNeitherOverflowsNorUnderflowsOnThe
     }
 }
 
+// The determinant is 2^1080, beyond a double; a mixture of weight 0 counts nothing all the same.
+TEST(GaussServer, AWeightOfZeroStaysZeroWhateverTheDeterminant) {
+    for (const bool full : {false, true}) {
+        Mixture<float> m;
+        m.nDim = 40;
+        m.nMix = 2;
+        m.weights = {0, 1};
+        m.means.assign(2, std::vector<float>(40, 0.0f));
+        Rows<float> wide(40, std::vector<float>(40, 0.0f)), unit = wide;
+        for (std::size_t i = 0; i < 40; ++i) {
+            wide[i][i] = 0x1p27f;
+            unit[i][i] = 1;
+        }
+        if (full)
+            m.matrices = {wide, unit};
+        else
+            m.diagonals = {std::vector<float>(40, 0x1p27f), std::vector<float>(40, 1.0f)};
+        const Server server = m.server(KT_GAUSS_NORMALIZE);
+        EXPECT_EQ(server->pNormWeights[0], 0.0f);
+        EXPECT_EQ(KTsEvalGaussMix(server.get(), m.means[0].data(), 40), 1.0);
+    }
+}
+
 TEST(GaussServer, SingularFullMatrixGetsANormalisedWeightOfZero) {
     Mixture<float> m;
     m.nDim = 3;

@@ -90,6 +90,47 @@ TEST(ConvertDown, ElementsThatDoNotFitArePinned) {
     EXPECT_EQ(reports.count(), 0u);
 }
 
+// 2^1024 and more is beyond a double, and no zero may meet an infinity: neither an element nor padding.
+TEST(ConvertDown, ZerosStayZeroAtEveryScale) {
+    Mixture<float> diagonal;
+    diagonal.nDim = 3;
+    diagonal.nMix = 2;
+    diagonal.weights = {0.0f, 0x1p-149f};
+    diagonal.means = {{0.0f, 0x1p-149f, -0x1p-149f}, {-0.0f, 1.0f, -1.0f}};
+    Mixture<float> full = diagonal;
+    diagonal.diagonals = {{1, 0, 2}, {0, 0, 1e-40f}};
+    full.matrices = {{{1, 0, 2}, {0, 0, 0}, {2, 0, 1}}, {{0, 0, -3}, {0, 1, 0}, {-3, 0, 0}}};
+    const auto pinned = [](float v) { return v > 0 ? 0x7FFF : v < 0 ? -0x7FFF : 0; };
+    for (auto* m : {&diagonal, &full})
+        for (const int scale : {-1023, -1024, -1025, -1087, -1088, -5000, -16384, INT_MIN + 1, INT_MIN}) {
+            const Server fixed = down(m->server(), scale, scale, scale);
+            for (std::size_t k = 0; k < 4; ++k)
+                EXPECT_EQ(ktl::gauss::weights<short>(fixed.get())[k], k < 2 ? pinned(m->weights[k]) : 0);
+            for (std::size_t k = 0; k < 2; ++k)
+                for (std::size_t i = 0; i < 4; ++i) {
+                    EXPECT_EQ(ktl::gauss::means<short>(fixed.get())[k][i], i < 3 ? pinned(m->means[k][i]) : 0)
+                        << scale;
+                    if (!m->full()) {
+                        EXPECT_EQ(ktl::gauss::diagonals<short>(fixed.get())[k][i],
+                                  i < 3 ? pinned(m->diagonals[k][i]) : 0);
+                    }
+                    for (std::size_t j = 0; m->full() && i < 3 && j < 4; ++j)
+                        EXPECT_EQ(ktl::gauss::matrices<short>(fixed.get())[k][i][j],
+                                  j < 3 ? pinned(m->matrices[k][i][j]) : 0);
+                }
+        }
+}
+
+// Nor does an infinite element meet a factor that has vanished.
+TEST(ConvertDown, InfinitiesArePinnedAtEveryScale) {
+    for (const int scale : {-1024, 0, 1023, 1074, 1075, 2000, INT_MAX}) {
+        const Server fixed = down(single(INFINITY, -INFINITY, INFINITY).server(), scale, scale, scale);
+        EXPECT_EQ(ktl::gauss::weights<short>(fixed.get())[0], 0x7FFF) << scale;
+        EXPECT_EQ(ktl::gauss::means<short>(fixed.get())[0][0], -0x7FFF) << scale;
+        EXPECT_EQ(ktl::gauss::diagonals<short>(fixed.get())[0][0], 0x7FFF) << scale;
+    }
+}
+
 TEST(ConvertDown, ServerScaleIsThatOfTheForm) {
     EXPECT_EQ(down(single(1, 1, 1).server(), 0, 2, -3)->scale, 1);
     EXPECT_EQ(down(single(1, 1, 1).server(), 0, INT_MAX, 0)->scale, -2); // wraps, defined
@@ -149,6 +190,26 @@ TEST(ConvertUp, RestoresThePlainWeights) {
     }
 }
 
+// 40 elements of 2^-34: the determinant is 2^-1360, no double, and the weight 5 / 2^-680, no float.
+TEST(ConvertUp, ADeterminantBelowADoubleIsNotZero) {
+    for (const bool full : {false, true}) {
+        Mixture<short> m;
+        m.nDim = 40;
+        m.nMix = 2;
+        m.weights = {5, -5};
+        m.means.assign(2, std::vector<short>(40, 0));
+        m.diagonals.assign(2, std::vector<short>(40, 1));
+        Rows<short> identity(40, std::vector<short>(40, 0));
+        for (std::size_t i = 0; i < 40; ++i)
+            identity[i][i] = 1;
+        if (full) m.matrices.assign(2, identity);
+        const Server s = up(m.server(KT_GAUSS_NORMALIZE, 0), 0, 0, 34);
+        EXPECT_EQ(s->pNormWeights[0], 5.0f);
+        EXPECT_EQ(ktl::gauss::weights<float>(s.get())[0], INFINITY);
+        EXPECT_EQ(ktl::gauss::weights<float>(s.get())[1], -INFINITY);
+    }
+}
+
 TEST(ConvertUp, ADeterminantOfZeroLeavesTheWeight) {
     for (const bool full : {false, true}) {
         Mixture<short> m;
@@ -190,6 +251,22 @@ TEST(Convert, RefusesTheFlavourThatItMakes) {
     std::mt19937 random(64);
     auto words = randomFixedMixture(random, 2, 2, false);
     const Server fixed = words.server(), floats = single(1, 1, 1).server();
+    {
+        support::CapturedReports reports;
+        EXPECT_EQ(down(fixed, 0, 0, 0), nullptr);
+        expectReport(reports, -5, "flser->flags&GAUSS_SERVER_FVR_W", "KTswConvertGaussMixfServer");
+    }
+    support::CapturedReports reports;
+    EXPECT_EQ(up(floats, 0, 0, 0), nullptr);
+    expectReport(reports, -5, "shser->flags&GAUSS_SERVER_FVR_S", "KTwsConvertGaussMixfServer");
+}
+
+// Whatever became of their flags: a fixed server has no normalised weights to convert.
+TEST(Convert, GoesByWhatIsThereWhereFlagsAreLost) {
+    std::mt19937 random(68);
+    auto words = randomFixedMixture(random, 2, 2, false);
+    const Server fixed = words.server(), floats = single(1, 1, 1).server();
+    fixed->flags = floats->flags = 0;
     {
         support::CapturedReports reports;
         EXPECT_EQ(down(fixed, 0, 0, 0), nullptr);

@@ -356,15 +356,50 @@ TEST(GaussFile, ExhaustionIsReportedUnderTheFlavoursName) {
     }
 }
 
-TEST(GaussFile, FlavourBitsFollowWhatWasRead) {
+// Every bit of the word but KT_GAUSS_BLOCK comes back as it stands, from a first read and from a second one
+// of what was written then.
+TEST(GaussFile, FlagsOfTheFileAreKept) {
     std::mt19937 random(84);
-    const auto w = randomFixedMixture(random, 5, 2, true);
-    const Server bare = read(image(w, KT_GAUSS_RAW | KT_GAUSS_DIAGONAL, 0, 1, 5, 0));
-    expectHolds(bare, w);
-    EXPECT_EQ(bare->flags, GAUSS_SERVER_FVR_W | KT_GAUSS_FULL | KT_GAUSS_RAW);
-    const auto m = randomMixture(random, 5, 2, false);
-    const Server both = read(image(m, GAUSS_SERVER_FVR_S | GAUSS_SERVER_FVR_W, 0, 1, 5, 0));
-    EXPECT_EQ(both->flags, GAUSS_SERVER_FVR_S | KT_GAUSS_DIAGONAL | KT_GAUSS_BLOCK);
+    const int strange = int(0x8FFFE000u) | 0x0C4F | KT_GAUSS_RAW | KT_GAUSS_NORMALIZE;
+    for (const bool full : {false, true}) {
+        const int shape = full ? KT_GAUSS_FULL : 0;
+        const auto m = randomMixture(random, 5, 2, full);
+        for (const int more : {0, GAUSS_SERVER_FVR_W + 0, KT_GAUSS_DIAGONAL + 0, strange}) {
+            const int flags = GAUSS_SERVER_FVR_S | shape | more;
+            const Server server = read(image(m, flags, -7, 9, 5, 0));
+            expectHolds(server, m);
+            EXPECT_EQ(server->flags, flags | KT_GAUSS_BLOCK);
+            EXPECT_EQ(server->scale, -7);
+            EXPECT_EQ(server->nObservations, 9);
+            EXPECT_EQ(read(written(server))->flags, flags | KT_GAUSS_BLOCK);
+        }
+        const auto w = randomFixedMixture(random, 5, 2, full);
+        for (const int more : {0, KT_GAUSS_DIAGONAL + 0, strange}) {
+            const int flags = GAUSS_SERVER_FVR_W | shape | more;
+            const Server server = read(image(w, flags | KT_GAUSS_BLOCK, -7, 9, 5, 0));
+            expectHolds(server, w);
+            EXPECT_EQ(server->flags, flags);
+            EXPECT_EQ(read(written(server))->flags, flags);
+        }
+    }
+}
+
+// A fixed server without its bit would pass for a float one, which has normalised weights; training goes by the
+// bit of full covariances, and would look for those of the other shape.
+TEST(GaussFile, FlagsThatPromiseWhatIsNotThereAreRefusedInSilence) {
+    support::CapturedReports reports;
+    std::mt19937 random(90);
+    for (const bool full : {false, true}) {
+        const int shape = full ? KT_GAUSS_FULL : 0, otherShape = full ? KT_GAUSS_DIAGONAL : KT_GAUSS_FULL;
+        const auto m = randomMixture(random, 5, 2, full);
+        const auto w = randomFixedMixture(random, 5, 2, full);
+        EXPECT_EQ(read(image(m, GAUSS_SERVER_FVR_S | otherShape, 0, 1, 5, 0)), nullptr);
+        EXPECT_EQ(read(image(w, GAUSS_SERVER_FVR_W | otherShape, 0, 1, 5, 0)), nullptr);
+        EXPECT_EQ(read(image(w, shape, 0, 1, 5, 0)), nullptr);
+        EXPECT_EQ(read(image(w, shape | KT_GAUSS_RAW, 0, 1, 5, 0)), nullptr);
+    }
+    EXPECT_EQ(KTGetStatus(), 0);
+    EXPECT_EQ(reports.count(), 0u);
 }
 
 TEST(GaussFile, WritingLeavesTheServerAsItWas) {

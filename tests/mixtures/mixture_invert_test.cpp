@@ -248,6 +248,24 @@ TEST(Invert, NormalizeUsesTheFullDeterminant) {
     EXPECT_EQ(raw->flags & KT_GAUSS_RAW, 0);
 }
 
+// The determinant of 40 variances of 2^27 is beyond a double; 0 times its root is 0 all the same.
+TEST(Invert, AWeightOfZeroStaysZeroWhateverTheDeterminant) {
+    for (const bool full : {false, true}) {
+        auto mixture = oneDiagonal(std::vector<float>(40, 0x1p27f));
+        Rows<float> matrix(40, std::vector<float>(40, 0.0f));
+        for (std::size_t i = 0; i < 40; ++i)
+            matrix[i][i] = 0x1p27f;
+        if (full) mixture = oneFull(matrix);
+        mixture.weights = {0};
+        const Server source = mixture.server();
+        const Server plain = invert(source, KT_GAUSS_NORMALIZE);
+        source->flags |= KT_GAUSS_RAW;
+        const Server raw = invert(source, KT_GAUSS_NORMALIZE);
+        EXPECT_EQ(plain->pNormWeights[0], 0.0f);
+        EXPECT_EQ(raw->pNormWeights[0], 0.0f);
+    }
+}
+
 TEST(Invert, PaddingStaysZero) {
     std::mt19937 random(46);
     auto mixture = randomMixture(random, 5, 2, true);

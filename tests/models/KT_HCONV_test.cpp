@@ -592,17 +592,26 @@ TEST_F(HmmTransforms, EveryAllocationMayFail) {
     }
 }
 
-TEST_F(HmmTransforms, TheCopyThatAFailedRewriteLeavesIsWhole) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
-    const int id = model.create();
-    support::alloc::arm(5); // behind the copy's record and its three arrays
-    EXPECT_EQ(KTsExpHMMServer(id), -1);
-    support::alloc::disarm();
-    const auto answer = query<float>(2, 3, 2, Flavour::discrete);
-    EXPECT_EQ(answer.trans, model.trans);
-    EXPECT_EQ(answer.initial, model.initial);
-    EXPECT_EQ(unsigned(parametersOf(2).status), model.status());
-    EXPECT_NE(KTFindHMMServer(id), nullptr);
+// The initial values come first; transitions, outputs and status are still the source's.
+TEST_F(HmmTransforms, TheCopyThatAFailedRewriteLeavesHasTransformedInitials) {
+    KTSetHMMMode(KT_HMM_KEEP);
+    for (const bool toCosts : {false, true}) {
+        auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, toCosts ? 2 : 1, 2, 0);
+        const int id = model.create();
+        const auto transform = toCosts ? KTsLogHMMServer : KTsExpHMMServer;
+        const int whole = transform(id), left = whole + 1;
+        support::alloc::arm(5); // behind the copy's record and its three arrays
+        EXPECT_EQ(transform(id), -1);
+        support::alloc::disarm();
+        const auto answer = query<float>(left, 3, 2, Flavour::discrete);
+        EXPECT_EQ(answer.trans, model.trans);
+        EXPECT_EQ(answer.out, model.out);
+        EXPECT_EQ(answer.initial, query<float>(whole, 3, 2, Flavour::discrete).initial);
+        EXPECT_NE(answer.initial, model.initial);
+        EXPECT_EQ(unsigned(parametersOf(left).status), model.status());
+        EXPECT_NE(KTFindHMMServer(id), nullptr);
+        EXPECT_EQ(KTGetStatus(), 0);
+    }
 }
 
 TEST_F(HmmTransforms, FailingTilesReleaseTheNewServer) {

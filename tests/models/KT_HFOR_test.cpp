@@ -3,11 +3,13 @@
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/reports.h"
+#include "support/timing.h"
 
 #include <climits>
 #include <limits>
 
 using namespace models;
+using support::secondsOf;
 
 namespace {
 
@@ -492,4 +494,175 @@ TEST_F(Forward, AllocationFailures) {
         3);
     EXPECT_LT(result, failure);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
+}
+
+// --- transitions as they are stored ---
+
+namespace {
+
+// The result where memory for the unpacked transitions is missing.
+float evaluateStored(int hmm, const std::vector<int>& symbols) {
+    support::alloc::arm(1);
+    const float cost = evaluate(hmm, symbols);
+    support::alloc::disarm();
+    return cost;
+}
+
+} // namespace
+
+// Models and sequences on both sides of what is unpacked: the plain recursion's cost, and the same bits at every level,
+// with and without memory to unpack.
+TEST_F(Forward, StoredTransitionsGiveTheSameBits) {
+    std::mt19937 random(16);
+    for (const Shape shape : {Shape::full, Shape::triangular})
+        for (const int n : {1, 2, 4, 15, 16, 17, 31, 33, 64, 65, 100, 176, 177, 200, 270})
+            for (const int frames : {2, 3, hmm::fewFrames, hmm::fewFrames + 1, 70}) {
+                const auto model = randomModel(random, n, 4, shape);
+                const auto symbols = randomSymbols(random, frames, 4);
+                const int id = model.discrete(KT_HMM_EXPONENTIAL);
+                const float expected = evaluate(id, symbols);
+                expectCost(expected, forwardCost(model.trans, model.initial,
+                                                 wide(outputsOf(model.out, symbols)), shape));
+                support::onEveryLevel([&] {
+                    EXPECT_EQ(evaluate(id, symbols), expected) << n << ' ' << frames;
+                    if (frames > hmm::fewFrames && n <= 176) {
+                        EXPECT_EQ(evaluateStored(id, symbols), expected) << n << ' ' << frames;
+                        EXPECT_TRUE(support::alloc::failed()) << n;
+                    }
+                });
+                KTFreeHMMServer(id);
+            }
+}
+
+// What stands behind a stored row and behind the whole array takes no part, whatever it is.
+TEST_F(Forward, NothingBehindStoredRowsCounts) {
+    std::mt19937 random(17);
+    std::uniform_real_distribution<float> uniform(0.01f, 0.1f);
+    constexpr int frames = 3;
+    for (const auto topology : {vsq::HmmTopology::full, vsq::HmmTopology::triangular})
+        for (const int n : {1, 2, 15, 16, 17, 63, 64, 65, 130}) {
+            const int stride = (n + 15) / 16 * 16;
+            std::vector<float> stored, outputs(at(stride + 16), std::nanf(""));
+            std::vector<double> padded(at(n * stride), 0.0);
+            for (int i = 0; i < n; ++i)
+                for (int j = topology == vsq::HmmTopology::full ? 0 : i; j < n; ++j) {
+                    stored.push_back(uniform(random));
+                    padded[at(i * stride + j)] = static_cast<double>(stored.back());
+                }
+            stored.insert(stored.end(), 16, std::nanf(""));
+            std::fill_n(outputs.begin(), n, 0.5f);
+            const std::vector<const float*> rows(frames, outputs.data());
+            support::onEveryLevel([&] {
+                std::vector<double> a(at(2 * stride), 0.1), b = a;
+                std::fill(a.begin() + n, a.end(), 0.0);
+                b = a;
+                vsq::HmmForward expected{a.data(), a.data() + stride, 1.0, 0, false};
+                vsq::HmmForward found{b.data(), b.data() + stride, 1.0, 0, false};
+                const auto& kernels = *vsq::kernels().hmm;
+                kernels.forwardFloat({topology, n, stride, padded.data()}, rows.data(), frames, true,
+                                     &expected);
+                kernels.storedForwardFloat({topology, n, stride, stored.data()}, rows.data(), frames, true,
+                                           &found);
+                EXPECT_EQ(found.sum, expected.sum) << n;
+                EXPECT_EQ(found.exponent, expected.exponent) << n;
+                EXPECT_EQ(std::vector<double>(found.current, found.current + stride),
+                          std::vector<double>(expected.current, expected.current + stride));
+            });
+        }
+}
+
+// Two vectors, and a band's three diagonals; never the square of the states. Where outputs are computed, rows for them.
+TEST_F(Forward, ScratchGrowsWithTheStatesAlone) {
+    std::mt19937 random(18);
+    constexpr int n = 600;
+    constexpr long vector = 608 * sizeof(double), slack = 1024;
+    const Rows<float> frames = framesOf<float>(random, 100, 1);
+    const auto rows = pointers(frames);
+    for (const Shape shape : allShapes) {
+        const auto model = randomModel(random, n, 2, shape);
+        const int id = model.discrete(KT_HMM_EXPONENTIAL);
+        auto servers = floatServers(random, n, 1, 1, false);
+        const int continuous = model.continuous(servers.table.data(), 1, KT_HMM_EXPONENTIAL);
+        const long ofModel = shape == Shape::banded ? 3 * vector : 0;
+        for (const int length : {1, 2, 100}) {
+            support::alloc::arm(0);
+            evaluate(id, std::vector<int>(at(length), 0));
+            EXPECT_LE(support::alloc::bytes(), 2 * vector + ofModel + slack) << length;
+            support::alloc::arm(0);
+            KTsEvalContHMMForward(continuous, rows.data(), length, nullptr);
+            EXPECT_LE(support::alloc::bytes(), (2 + std::min(length, 14)) * vector + ofModel + slack)
+                << length;
+            support::alloc::disarm();
+        }
+    }
+}
+
+// A single frame needs no transition. Unpacked, these would cost as much as some frames.
+TEST_F(Forward, OneFrameOfALargeModelCostsNextToNothing) {
+    std::mt19937 random(19);
+    const int id = randomModel(random, 1000, 2, Shape::full).discrete(KT_HMM_EXPONENTIAL);
+    double ratio = 1.0; // the least of some tries: the machine may be busy
+    for (int attempt = 0; attempt < 20 && ratio > 0.05; ++attempt)
+        ratio = std::min(ratio, secondsOf([&] { evaluate(id, {0}); }) / secondsOf([&] {
+                                    evaluate(id, {0, 1, 1});
+                                }));
+    EXPECT_LT(ratio, 0.05);
+}
+
+TEST_F(Forward, AMissingUnpackedFormFailsNothing) {
+    std::mt19937 random(20);
+    const auto symbols = randomSymbols(random, 100, 4);
+    for (const Shape shape : {Shape::full, Shape::triangular}) {
+        const int group = KTCreateHMMClass();
+        for (const int n : {5, 40, 20, 60})
+            KTAddHMMToClass(group, randomModel(random, n, 4, shape).discrete(KT_HMM_EXPONENTIAL));
+        int expectedBest = 0, best = 0, full = 0;
+        const float expected = evaluate(-group, symbols, &expectedBest);
+        ASSERT_LT(expected, failure);
+        const long before = support::alloc::liveBlocks();
+        float result = 0;
+        support::alloc::failEach([&] { result = evaluate(-group, symbols, &best); },
+                                 [&] {
+                                     EXPECT_EQ(result, expected);
+                                     EXPECT_EQ(best, expectedBest);
+                                     ++full;
+                                     EXPECT_EQ(support::alloc::liveBlocks(), before);
+                                 });
+        EXPECT_GE(full, 3);
+        support::alloc::armFrom(1);
+        EXPECT_EQ(evaluate(-group, symbols), failure); // without vectors there is no recursion
+        support::alloc::disarm();
+    }
+}
+
+// Evaluation keeps nothing of a model: whatever changes a parameter, the next call scores with it.
+TEST_F(Forward, EveryChangeOfAParameterCounts) {
+    std::mt19937 random(21);
+    const auto symbols = randomSymbols(random, 40, 4);
+    for (const Shape shape : allShapes) {
+        const int changed = randomModel(random, 20, 4, shape).discrete(KT_HMM_EXPONENTIAL);
+        const auto expectAs = [&](const Model<float>& model) {
+            expectCost(
+                evaluate(changed, symbols),
+                forwardCost(model.trans, model.initial, wide(outputsOf(model.out, symbols)), model.shape));
+        };
+        for (const Shape next : allShapes) { // the same shape and others, in the same arrays and in new ones
+            const auto model = randomModel(random, 20, 4, next);
+            const auto trans = pointers(model.trans), out = pointers(model.out);
+            evaluate(changed, symbols);
+            KTSetHMMServerParm(changed, 0, trans.data(), out.data(), model.initial.data(), 20, 4,
+                               int(HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT | KT_HMM_EXPONENTIAL));
+            expectAs(model);
+            auto moved = randomModel(random, 20, 4, next); // transitions alone
+            const auto movedTrans = pointers(moved.trans);
+            KTSetHMMServerParm(changed, 0, movedTrans.data(), nullptr, nullptr, -1, -1, -1);
+            moved.out = model.out;
+            moved.initial = model.initial;
+            expectAs(moved);
+            KTFreeHMMServer(changed); // another one under the same id
+            const auto fresh = randomModel(random, 17, 4, next);
+            ASSERT_EQ(fresh.discrete(KT_HMM_EXPONENTIAL), changed);
+            expectAs(fresh);
+        }
+    }
 }

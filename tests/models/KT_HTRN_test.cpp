@@ -5,7 +5,9 @@
 #include "support/every_level.h"
 #include "support/reports.h"
 
+#include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -523,6 +525,72 @@ TEST_F(Training, StatusOfTheThreadIsNeitherReadNorChanged) {
     }
 }
 
+// --- a band's last transition, which is stored twice ---
+
+// The server as a file brings it back whose copy behind the one that the recursions read says something else.
+int withOtherCopy(int id, float other) {
+    HMMServer* server = KTFindHMMServer(id);
+    float& copy = hmm::floats(server->transitions)[hmm::TransitionMap::of(*server).duplicate()];
+    const float kept = std::exchange(copy, other);
+    std::FILE* file = std::tmpfile();
+    KTWriteHMMServer(file, id, "band");
+    copy = kept;
+    std::rewind(file);
+    const int read = KTReadHMMServer(file, nullptr);
+    std::fclose(file);
+    return read;
+}
+
+// Training gives what it gives for a band whose two copies are the one that the recursions read.
+template <class Train>
+void expectOneCopyIsUsed(int id, const Train& train) {
+    const int twofold = withOtherCopy(id, 0.03125f);
+    ASSERT_GT(twofold, 0);
+    for (int iterations : {1, 2}) {
+        float expected = 1e-37f, change = 1e-37f;
+        const std::vector<float> one = allOf(train(id, iterations, &expected));
+        EXPECT_EQ(allOf(train(twofold, iterations, &change)), one);
+        EXPECT_EQ(change, expected);
+    }
+}
+
+TEST_F(Training, BandWithTwoLastTransitionsUsesOne) {
+    std::mt19937 random(33);
+    for (std::size_t n : {3u, 4u, 9u}) {
+        SCOPED_TRACE(n);
+        const auto model = randomDiscrete(random, n, 5, Topology::banded);
+        const SymbolData symbols = drawData(random, model, 5);
+        const FrameData frames = frameData(random, 5, 3);
+        const Codebook codebook(random, 5, 3);
+        expectOneCopyIsUsed(makeDiscrete(model), [&](int id, int iterations, float* change) {
+            return symbols.train(id, iterations, change);
+        });
+        expectOneCopyIsUsed(makeContinuous(randomContinuous(random, n, 3, Topology::banded)),
+                            [&](int id, int iterations, float* change) {
+                                return frames.trainContinuous(id, iterations, change);
+                            });
+        expectOneCopyIsUsed(makeSemicontinuous({model.chain, model.b}, 3),
+                            [&](int id, int iterations, float* change) {
+                                return frames.trainSemicontinuous(id, iterations, change);
+                            });
+        KTHMMFreeAll();
+    }
+}
+
+// A last state that is never left keeps the transition that the recursions read, in both places.
+TEST_F(Training, BandWithTwoLastTransitionsKeepsOne) {
+    std::mt19937 random(34);
+    const auto model = randomDiscrete(random, 4, 5, Topology::banded);
+    const int id = makeDiscrete(model), twofold = withOtherCopy(id, 0.03125f);
+    const SymbolData data(std::vector<std::vector<int>>{{0}, {3}});
+    float change = 1.0f;
+    const int trained = data.train(twofold, 1, &change);
+    EXPECT_EQ(allOf(trained), allOf(data.train(id, 1)));
+    const HMMServer* server = KTFindHMMServer(trained);
+    EXPECT_EQ(hmm::floats(server->transitions)[8], 1.0f);
+    EXPECT_EQ(hmm::floats(server->transitions)[9], 1.0f);
+}
+
 // --- continuous ---
 
 TEST_F(Training, SingleComponentsKeepTheirWeight) {
@@ -604,6 +672,65 @@ TEST_F(Training, NormalisedWeightsFollowTheWeights) {
         for (int m = 0; m < mixture->nMix; ++m)
             EXPECT_EQ(mixture->pNormWeights[m], ktl::gauss::weights<float>(mixture)[m]);
     }
+}
+
+// --- normalised weights are lost, and how they come back ---
+
+// A model of one state around 0.
+int modelOf(GaussMixServer* mixture) {
+    const float one = 1.0f;
+    const float* row = &one;
+    return KTsInitContHMMServer(&row, &one, &mixture, 1, 1, KT_HMM_EXPONENTIAL);
+}
+
+// The ways that ktlp6.h gives: a new server normalises mixtures that are marked, and the second inversion marks them.
+int builtAnew(int id, bool markFirst) {
+    GaussMixServer* mixture = KTFindHMMServer(id)->mixtures[0]; // any pointer but null asks for the mixture
+    EXPECT_EQ(KTGetHMMProb(id, nullptr, nullptr, nullptr, nullptr, &mixture), 0);
+    if (markFirst) {
+        GaussMixServer* covariance = KTsInvertGaussianCovMatrix(mixture, 0);
+        KTsFreeGaussMixServer(mixture);
+        mixture = KTsInvertGaussianCovMatrix(covariance, KT_GAUSS_NORMALIZE);
+        KTsFreeGaussMixServer(covariance);
+    }
+    const int result = modelOf(mixture);
+    KTsFreeGaussMixServer(mixture);
+    return result;
+}
+
+TEST_F(Training, NormalisedModelsCompareAgainWhenTheyAreBuiltAnew) {
+    const double deviations[] = {0.2, 5.0};
+    std::mt19937 random(35);
+    std::vector<FrameData> data;
+    int before[2], trained[2], again[2], marked[2];
+    for (int k = 0; k < 2; ++k) {
+        std::normal_distribution<double> normal(0.0, deviations[k]);
+        std::vector<Rows> sequences(20);
+        for (Rows& frames : sequences)
+            for (int t = 0; t < 10; ++t)
+                frames.push_back({double(float(normal(random)))});
+        data.emplace_back(sequences);
+        const double inverse = 1 / (deviations[k] * deviations[k]);
+        GaussMixServer* mixture = makeMixture({{1.0}, {{0.0}}, {{{inverse}}}}, KT_GAUSS_NORMALIZE);
+        before[k] = modelOf(mixture);
+        KTsFreeGaussMixServer(mixture);
+        trained[k] = data.back().trainContinuous(before[k], 3);
+        again[k] = builtAnew(trained[k], false);
+        mixture = makeMixture({{1.0}, {{0.0}}, {{{inverse}}}});
+        marked[k] = builtAnew(data.back().trainContinuous(modelOf(mixture), 3), true);
+        KTsFreeGaussMixServer(mixture);
+    }
+    const auto narrowOnes = [&](const int(&ids)[2]) {
+        int count = 0;
+        for (std::size_t q = 0; q < 20; ++q)
+            count += KTsEvalContHMMForward(ids[0], data[0].tables[q], 10, nullptr) <
+                     KTsEvalContHMMForward(ids[1], data[0].tables[q], 10, nullptr);
+        return count;
+    };
+    EXPECT_EQ(narrowOnes(before), 20);
+    EXPECT_EQ(narrowOnes(trained), 0);
+    EXPECT_EQ(narrowOnes(again), 20);
+    EXPECT_EQ(narrowOnes(marked), 20);
 }
 
 TEST_F(Training, FlatView) {

@@ -4,12 +4,16 @@
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/reports.h"
+#include "support/timing.h"
 #include "vsq.h"
 
 #include <climits>
+#include <cstring>
+#include <iterator>
 #include <limits>
 
 using namespace models;
+using support::secondsOf;
 
 namespace {
 
@@ -387,7 +391,11 @@ TEST_F(Viterbi, NoRegistry) {
 }
 
 TEST_F(Viterbi, UnknownIdsAndHmmZero) {
-    KTSetHMMMode(0);
+    std::mt19937 random(15);
+    auto densities = floatServers(random, 2, 2, 1, false),
+         fixedDensities = fixedServers(random, 2, 2, 1, false);
+    ASSERT_EQ(KTsInitSemicontCodebook(densities.table.data(), 2, 2, 0), 1);
+    ASSERT_EQ(KTwInitSemicontCodebook(fixedDensities.table.data(), 2, 2, 0), 1);
     const int symbol = 0;
     const float* frame = nullptr;
     const short* words = nullptr;
@@ -468,7 +476,8 @@ TEST_F(Viterbi, CodebookWithoutDensities) {
     KTSetHMMMode(0);
     const Rows<float> frames{{0, 0}};
     const Rows<short> words{{0, 0}};
-    for (const int hmm : {0, -KTCreateHMMClass()}) {
+    // before the server or the class is looked for, and whatever the number of frames
+    for (const int hmm : {0, -KTCreateHMMClass(), -5, 5, INT_MIN}) {
         support::CapturedReports reports;
         int best = -7, scale = 4;
         EXPECT_EQ(KTsEvalSemicontHMMViterbi(hmm, pointers(frames).data(), 1, &best), floatFailure);
@@ -555,4 +564,237 @@ TEST_F(Viterbi, NoAllocationForEachMember) {
     evaluate(-group, std::vector<int>(10, 0));
     EXPECT_EQ(support::alloc::allocations(), 1);
     support::alloc::disarm();
+}
+
+// --- costs as they are stored ---
+
+namespace {
+
+// Runs an evaluation where memory for the unpacked transitions is missing.
+template <class Evaluate>
+auto withoutRoomToUnpack(Evaluate run) {
+    support::alloc::arm(1);
+    const auto cost = run();
+    support::alloc::disarm();
+    EXPECT_TRUE(support::alloc::failed());
+    return cost;
+}
+
+// Costs of every kind that a float can hold, ties and both zeros more often than others.
+float anyCost(std::mt19937& random) {
+    constexpr float inf = std::numeric_limits<float>::infinity();
+    const float values[] = {0.0f, -0.0f, 0.0f,   -0.0f,         1.0f,         -1.0f,        2.0f,
+                            inf,  -inf,  1e-40f, std::nanf(""), floatFailure, -floatFailure};
+    return values[random() % std::size(values)];
+}
+int anyWord(std::mt19937& random) {
+    return random() % 4 == 0 ? int(random()) : int(random() % 3);
+}
+
+// Bit patterns: not-a-numbers are equal to themselves, zeros of unlike signs are not.
+std::vector<std::uint32_t> patterns(const void* words, int n) {
+    std::vector<std::uint32_t> result(at(n));
+    std::memcpy(result.data(), words, at(n) * 4);
+    return result;
+}
+
+// The two kernels on the same transitions: unpacked, and target by target as they are stored.
+template <class T, class Draw, class Padded, class Stored>
+void expectTheSameBits(Draw draw, int unit, Padded padded, Stored stored) {
+    std::mt19937 random(18);
+    constexpr int frames = 3;
+    for (const auto topology : {vsq::HmmTopology::full, vsq::HmmTopology::triangular})
+        for (const int n : {1, 2, 7, 8, 9, 15, 16, 17, 33, 64, 70})
+            for (int attempt = 0; attempt < 20; ++attempt) {
+                const int stride = (n + 15) / 16 * 16;
+                std::vector<T> rows, matrix(at(n * stride), T(0)), start(at(2 * stride)), outputs(at(stride));
+                for (int j = n - 1; j >= 0; --j) {
+                    const int sources = topology == vsq::HmmTopology::full ? n : j + 1;
+                    for (int i = 0; i < sources; ++i)
+                        rows.push_back(matrix[at(i * stride + j)] = draw(random));
+                    for (int i = sources; i % unit != 0; ++i)
+                        rows.push_back(draw(random));
+                }
+                for (int i = 0; i < 16; ++i)
+                    rows.push_back(draw(random));
+                for (T& v : start)
+                    v = draw(random);
+                for (T& v : outputs)
+                    v = draw(random);
+                const std::vector<const T*> outputRows(frames, outputs.data());
+                support::onEveryLevel([&] {
+                    std::vector<T> a = start, b = start;
+                    vsq::HmmPath<T> expected{a.data(), a.data() + stride}, found{b.data(), b.data() + stride};
+                    padded(vsq::HmmModel<T>{topology, n, stride, matrix.data()}, outputRows.data(), frames,
+                           &expected);
+                    stored(vsq::HmmByTarget<T>{topology, n, unit, rows.data()}, outputRows.data(), frames,
+                           &found);
+                    ASSERT_EQ(patterns(found.current, n), patterns(expected.current, n)) << n;
+                });
+            }
+}
+
+} // namespace
+
+TEST_F(Viterbi, StoredCostsGiveTheSameBits) {
+    const auto kernels = [] { return vsq::kernels().hmm; };
+    expectTheSameBits<float>(
+        anyCost, 1, [=](auto... arguments) { kernels()->pathFloat(arguments...); },
+        [=](auto... arguments) { kernels()->storedPathFloat(arguments...); });
+    expectTheSameBits<int>(
+        anyWord, 2, [=](auto... arguments) { kernels()->pathInt(arguments...); },
+        [=](auto... arguments) { kernels()->storedPathInt(arguments...); });
+}
+
+// Models and sequences on both sides of what is unpacked, with and without memory for it.
+TEST_F(Viterbi, StoredModelsAreThePlainRecursion) {
+    std::mt19937 random(19);
+    for (const Shape shape : {Shape::full, Shape::triangular})
+        for (const int n : {1, 2, 4, 17, 64, 101, 250, 260})
+            for (const int frames : {2, 3, hmm::fewFrames, hmm::fewFrames + 1, 70}) {
+                const auto probabilities = randomModel(random, n, 4, shape);
+                const auto model = costsOf(probabilities);
+                const auto fixed = fixedOf(probabilities);
+                const auto symbols = randomSymbols(random, frames, 4);
+                const int id = model.discrete(0), fixedId = fixed.discrete(KT_HMM_LOGARITHMIC);
+                const float expected =
+                    bestPath(model.trans, model.initial, outputsOf(model.out, symbols), shape);
+                const int expectedFixed =
+                    bestPath(widened(fixed.trans), widened(Rows<short>{fixed.initial})[0],
+                             outputsOf(widened(fixed.out), symbols), shape);
+                support::onEveryLevel([&] {
+                    ASSERT_EQ(evaluate(id, symbols), expected) << n << ' ' << frames;
+                    ASSERT_EQ(evaluateFixed(fixedId, symbols), expectedFixed) << n << ' ' << frames;
+                    if (frames <= hmm::fewFrames || n > 250) return;
+                    ASSERT_EQ(withoutRoomToUnpack([&] { return evaluate(id, symbols); }), expected) << n;
+                    ASSERT_EQ(withoutRoomToUnpack([&] { return evaluateFixed(fixedId, symbols); }),
+                              expectedFixed)
+                        << n;
+                });
+                KTFreeHMMServer(id);
+                KTFreeHMMServer(fixedId);
+            }
+}
+
+// No kernel reads tiles: without memory to unpack them they are read element by element.
+TEST_F(Viterbi, TilesWithoutRoomToUnpack) {
+    KTSetHMMMode(0);
+    KTGetContext()->hmmMode |= HMM_MODE_TILED;
+    std::mt19937 random(20);
+    for (const Shape shape : {Shape::full, Shape::triangular})
+        for (const int n : {4, 5, 30}) {
+            const auto model = costsOf(randomModel(random, n, 4, shape));
+            const auto symbols = randomSymbols(random, 10, 4);
+            const int id = model.discrete(0);
+            ASSERT_NE(KTFindHMMServer(id)->status & HMM_SERVER_TILED, 0u);
+            const float expected = bestPath(model.trans, model.initial, outputsOf(model.out, symbols), shape);
+            EXPECT_EQ(evaluate(id, symbols), expected);
+            EXPECT_EQ(withoutRoomToUnpack([&] { return evaluate(id, symbols); }), expected);
+        }
+}
+
+// Two vectors, and a band's three diagonals; never the square of the states. Where outputs are computed, rows for them.
+TEST_F(Viterbi, ScratchGrowsWithTheStatesAlone) {
+    std::mt19937 random(21);
+    constexpr int n = 600;
+    constexpr long vector = 608 * 4, slack = 1024;
+    const Rows<float> frames = framesOf<float>(random, 100, 1);
+    const Rows<short> words = framesOf<short>(random, 100, 1);
+    const auto rows = pointers(frames);
+    const auto wordRows = pointers(words);
+    for (const Shape shape : allShapes) {
+        const auto probabilities = randomModel(random, n, 2, shape);
+        const auto model = costsOf(probabilities);
+        const auto fixed = fixedOf(probabilities);
+        auto servers = floatServers(random, n, 1, 1, false),
+             fixedServersOf = fixedServers(random, n, 1, 1, false);
+        const int id = model.discrete(0), fixedId = fixed.discrete(KT_HMM_LOGARITHMIC);
+        const int continuous = model.continuous(servers.table.data(), 1, 0);
+        const int fixedContinuous = fixed.continuous(fixedServersOf.table.data(), 1, KT_HMM_LOGARITHMIC, -8);
+        const long ofModel = shape == Shape::banded ? 3 * vector : 0;
+        for (const int length : {1, 2, 100}) {
+            const std::vector<int> symbols(at(length), 0);
+            const auto expectBytes = [&](int vectors, auto run) {
+                support::alloc::arm(0);
+                run();
+                support::alloc::disarm();
+                EXPECT_LE(support::alloc::bytes(), vectors * vector + ofModel + slack) << length;
+            };
+            expectBytes(2, [&] { evaluate(id, symbols); });
+            expectBytes(2, [&] { evaluateFixed(fixedId, symbols); });
+            const int computed = 2 + std::min(length, 27);
+            expectBytes(computed, [&] { KTsEvalContHMMViterbi(continuous, rows.data(), length, nullptr); });
+            expectBytes(computed, [&] {
+                KTwEvalContHMMViterbi(fixedContinuous, wordRows.data(), length, nullptr, 0, nullptr);
+            });
+        }
+    }
+}
+
+// A single frame needs no transition. Unpacked, these would cost as much as many frames.
+TEST_F(Viterbi, OneFrameOfALargeModelCostsNextToNothing) {
+    std::mt19937 random(22);
+    const auto probabilities = randomModel(random, 1000, 2, Shape::full);
+    const int id = costsOf(probabilities).discrete(0);
+    const int fixed = fixedOf(probabilities).discrete(KT_HMM_LOGARITHMIC);
+    double ratio = 1.0, fixedRatio = 1.0; // the least of some tries: the machine may be busy
+    for (int attempt = 0; attempt < 20 && (ratio > 0.05 || fixedRatio > 0.05); ++attempt) {
+        ratio = std::min(ratio, secondsOf([&] { evaluate(id, {0}); }) / secondsOf([&] {
+                                    evaluate(id, {0, 1, 1});
+                                }));
+        fixedRatio = std::min(fixedRatio, secondsOf([&] { evaluateFixed(fixed, {0}); }) / secondsOf([&] {
+                                              evaluateFixed(fixed, {0, 1, 1});
+                                          }));
+    }
+    EXPECT_LT(ratio, 0.05);
+    EXPECT_LT(fixedRatio, 0.05);
+}
+
+// Evaluation keeps nothing of a model: whatever changes a parameter, the next call scores with it.
+TEST_F(Viterbi, EveryChangeOfAParameterCounts) {
+    std::mt19937 random(23);
+    const auto symbols = randomSymbols(random, 40, 4);
+    const auto expectAs = [&](int id, const Model<float>& model) {
+        EXPECT_EQ(evaluate(id, symbols),
+                  bestPath(model.trans, model.initial, outputsOf(model.out, symbols), model.shape));
+    };
+    const auto costs = [&](Shape shape) { return costsOf(randomModel(random, 20, 4, shape)); };
+    KTSetHMMMode(KT_HMM_REPLACE);
+    for (const Shape shape : allShapes)
+        for (const Shape next : allShapes) {
+            const auto first = costs(shape), model = costs(next);
+            const int id = first.discrete(0);
+            expectAs(id, first);
+            const auto trans = pointers(model.trans), out = pointers(model.out);
+            KTSetHMMServerParm(id, 0, trans.data(), out.data(), model.initial.data(), 20, 4, -1);
+            expectAs(id, model);
+            const int copy = KTCopyHMMServer(id);
+            auto moved = costs(next);
+            const auto movedTrans = pointers(moved.trans);
+            KTSetHMMServerParm(id, 0, movedTrans.data(), nullptr, nullptr, -1, -1, -1);
+            moved.out = model.out;
+            moved.initial = model.initial;
+            expectAs(id, moved);
+            expectAs(copy, model); // and a copy goes its own way
+            ASSERT_EQ(KTsLogHMMServer(KTsExpHMMServer(id)),
+                      id); // twice another server, under the same id again
+            const auto server = KTFindHMMServer(id);
+            Model<float> back{20,
+                              4,
+                              next,
+                              Rows<float>(20, std::vector<float>(20)),
+                              Rows<float>(20, std::vector<float>(4)),
+                              std::vector<float>(20)};
+            std::vector<void*> backTrans, backOut;
+            for (std::size_t i = 0; i < 20; ++i) {
+                backTrans.push_back(back.trans[i].data());
+                backOut.push_back(back.out[i].data());
+            }
+            ASSERT_EQ(
+                KTGetHMMProb(id, back.initial.data(), backTrans.data(), backOut.data(), nullptr, nullptr), 0);
+            ASSERT_EQ(server->nStates, 20);
+            expectAs(id, back);
+            KTFreeHMMServer(copy);
+            KTFreeHMMServer(id);
+        }
 }

@@ -2,6 +2,7 @@
 #include "support/alloc_faults.h"
 #include "support/reports.h"
 
+#include <chrono>
 #include <climits>
 #include <set>
 
@@ -288,6 +289,28 @@ TEST_F(Classes, AllocationFailuresLeaveTheClassAsItWas) {
     EXPECT_EQ(KTGetStatus(), 0);
 }
 
+// A class, nine chunks, and the table of them in three sizes: whatever can't be had, the members before stay.
+TEST_F(Classes, AddingWithoutMemoryFailsAlone) {
+    servers(300);
+    const long before = support::alloc::liveBlocks();
+    int id = 0;
+    const auto run = [&] {
+        id = KTCreateHMMClass();
+        int joined = 0;
+        for (int hmm = 1; id > 0 && hmm <= 300; ++hmm)
+            joined += KTAddHMMToClass(id, hmm) == 1;
+        if (id < 0) return;
+        ASSERT_EQ(joined, KTFindHMMClass(id)->nMembers);
+        KTResetHMMClass(id);
+        for (int last = 0, hmm = 0; (hmm = KTNextHMMInClass(id)) != 0; last = hmm, --joined)
+            ASSERT_GT(hmm, last);
+        ASSERT_EQ(joined, 0);
+        KTDeleteHMMClass(id);
+    };
+    EXPECT_EQ(support::alloc::failEach(run, [&] { ASSERT_EQ(support::alloc::liveBlocks(), before); }), 13);
+    EXPECT_EQ(support::alloc::liveBlocks(), before);
+}
+
 TEST_F(Classes, CreationWithoutMemoryForTheRegistry) {
     reset();
     const long before = support::alloc::liveBlocks();
@@ -302,6 +325,36 @@ TEST_F(Classes, CreationWithoutMemoryForTheRegistry) {
                       EXPECT_EQ(support::alloc::liveBlocks(), before);
                   }),
               5);
+}
+
+// However many chunks a class has: the last of many members join and leave about as fast as the first ones. A walk over
+// the chunks takes more than ten times as long for them.
+TEST_F(Classes, TheCostOfAMemberDoesNotGrowWithTheirNumber) {
+    constexpr int count = 80000, part = 4000;
+    servers(count);
+    using Clock = std::chrono::steady_clock;
+    const auto timed = [](auto step, int first, int last) {
+        const auto start = Clock::now();
+        for (int id = first; id <= last; ++id)
+            step(id);
+        return std::chrono::duration<double>(Clock::now() - start).count();
+    };
+    double joining = 1e9, leaving = 1e9; // the least ratios of some tries: the machine may be busy
+    for (int attempt = 0; attempt < 10 && (joining >= 10 || leaving >= 5); ++attempt) {
+        const int id = KTCreateHMMClass();
+        const auto join = [=](int hmm) { KTAddHMMToClass(id, hmm); };
+        const auto leave = [=](int back) { KTRemoveHMMFromClass(id, count + 1 - back); };
+        const double firstJoin = timed(join, 1, part);
+        timed(join, part + 1, count - part);
+        joining = std::min(joining, timed(join, count - part + 1, count) / firstJoin);
+        const double firstLeave = timed(leave, 1, part); // from the last member down
+        timed(leave, part + 1, count - part);
+        leaving = std::min(leaving, firstLeave / timed(leave, count - part + 1, count));
+        EXPECT_EQ(KTFindHMMClass(id)->nMembers, 0);
+        KTDeleteHMMClass(id);
+    }
+    EXPECT_LT(joining, 10);
+    EXPECT_LT(leaving, 5);
 }
 
 // --- the cursor while members come and go ---

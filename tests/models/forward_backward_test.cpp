@@ -220,6 +220,98 @@ TEST_F(ForwardBackward, BackwardRowThatVanishesGivesZero) {
     EXPECT_EQ(l.exponent, noExponent);
 }
 
+// --- backward values beyond the doubles ---
+
+// A walk to the last state, one state and a factor of 1e-30 a frame, while the last one would take every frame as it is.
+std::vector<float> costlyWalk(std::size_t n, std::size_t frames) {
+    std::vector<float> outputs(n * frames, 0.0f);
+    for (std::size_t t = 0; t < frames; ++t) {
+        outputs[t * n + n - 1] = 1.0f;
+        if (t + 1 < n) outputs[t * n + t] = 1e-30f;
+    }
+    return outputs;
+}
+
+oracle::DiscreteHmm walkModel(std::size_t n, Topology topology) {
+    oracle::DiscreteHmm model{{Row(n, 0.0), Rows(n, Row(n, 0.0))}, Rows(n, Row{1.0})};
+    model.chain.pi[0] = 1.0;
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = 0; j < n; ++j)
+            if (connects(topology, i, j) && (j + 1 < n || i + 2 >= n)) model.chain.a[i][j] = 0.5;
+    return model;
+}
+
+TEST_F(ForwardBackward, BackwardValuesOfStatesThatAreNotReachedStayFinite) {
+    const std::size_t frames = 20;
+    support::onEveryLevel([&] {
+        for (Topology topology : topologies)
+            for (std::size_t n : {15u, 16u}) {
+                SCOPED_TRACE(testing::Message() << "topology " << int(topology) << " states " << n);
+                const int id = makeDiscrete(walkModel(n, topology));
+                const Lattice l = runContinuous(id, n, costlyWalk(n, frames));
+                ASSERT_GT(l.result, 0.0);
+                EXPECT_TRUE(l.intact());
+                for (std::size_t t = 0; t < frames; ++t)
+                    for (std::size_t i = 0; i < n; ++i) {
+                        const double occupancy = i == std::min(t, n - 1) ? 1.0 : 0.0;
+                        ASSERT_TRUE(std::isfinite(l.beta(t, i))) << t << ' ' << i;
+                        ASSERT_NEAR(l.alpha(t, i) * l.beta(t, i) / l.result, occupancy, 1e-12);
+                        if (t + 1 == frames) {
+                            EXPECT_EQ(l.beta(t, i), 1.0);
+                        }
+                    }
+                KTFreeHMMServer(id);
+            }
+    });
+}
+
+TEST_F(ForwardBackward, BackwardValueOfADenormalStateIsAtMostTheLargestDouble) {
+    // 1e-320 of the first state's value when the second takes over
+    const oracle::DiscreteHmm model{{{0.5, 0.5}, {{1.0, 0.0}, {0.0, 1.0}}}, {{1.0}, {1.0}}};
+    std::vector<float> outputs;
+    for (int t = 0; t < 28; ++t)
+        for (const float output : {t < 8 ? 1.0f : 1e-40f, t < 8 ? 1e-40f : 1.0f})
+            outputs.push_back(output);
+    const Lattice l = runContinuous(makeDiscrete(model), 2, outputs);
+    ASSERT_GT(l.result, 0.0);
+    for (std::size_t t = 0; t < 28; ++t) {
+        EXPECT_LE(l.beta(t, 1), std::numeric_limits<double>::max()) << t;
+        EXPECT_EQ(l.alpha(t, 0) * l.beta(t, 0) / l.result, 0.0) << t;
+    }
+    EXPECT_NEAR(l.alpha(6, 1) * l.beta(6, 1) / l.result, 1.0, 1e-12);
+}
+
+TEST_F(ForwardBackward, OccupanciesFromForwardValuesAreTheUsualOnes) {
+    std::mt19937 random(9);
+    for (Topology topology : topologies)
+        for (std::size_t n : {1u, 2u, 3u, 7u, 64u, 65u, 130u}) {
+            SCOPED_TRACE(testing::Message() << "topology " << int(topology) << " states " << n);
+            const auto model = randomModel(random, n, 6, topology);
+            const auto symbols = drawSymbols(random, model, 1 + int(random() % 20));
+            const int id = makeDiscrete(model);
+            Lattice l = runDiscrete(id, n, symbols);
+            ASSERT_GT(l.result, 0.0);
+            const HMMServer& server = *KTFindHMMServer(id);
+            const hmm::TransitionMap map = hmm::TransitionMap::of(server);
+            double* beta = l.alphaBeta.data() + n * l.length;
+            std::vector<double> moves(map.size(), 0.0);
+            hmm::occupanciesFromForward(
+                &server, {l.alphaBeta.data(), beta, l.scales.data(), std::ptrdiff_t(n), int(l.length)},
+                1.0 / l.result, moves.data());
+            EXPECT_TRUE(l.intact());
+            const auto expected = oracle::expectations(model.chain, oracle::logOutputs(model, symbols));
+            for (std::size_t t = 0; t < l.length; ++t)
+                for (std::size_t i = 0; i < n; ++i)
+                    ASSERT_NEAR(l.beta(t, i), expected.gamma[t][i], 1e-9) << t << ' ' << i;
+            for (std::size_t i = 0; i < n; ++i)
+                for (std::size_t j = 0; j < n; ++j)
+                    if (connects(map.topology, i, j)) {
+                        ASSERT_NEAR(moves[map.position(int(i), int(j))], expected.xi[i][j], 1e-9);
+                    }
+            KTFreeHMMServer(id);
+        }
+}
+
 // A model that came with a file may be a band of two states: the first two cover everything.
 TEST_F(ForwardBackward, BandOfTwoStates) {
     std::mt19937 random(6);

@@ -242,13 +242,112 @@ TEST_F(HmmFile, ContinuousModelsScoreAsBefore) {
     EXPECT_EQ(KTsEvalContHMMForward(second, frames, 3, nullptr), cost); // its mixtures are its own
 }
 
-TEST_F(HmmFile, MixturesOfAFileAlwaysBelongToItsServer) {
-    auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 2, 1, 0, 2);
+// Whatever the status says: its word stays as it is, and the mixtures go, and are copied, with the server.
+template <class T>
+void expectOwnMixtures(std::mt19937& random, unsigned domain) {
+    auto model = randomModel<T>(random, Flavour::continuous, Shape::full, 2, domain, 0, 2);
     Bytes image = written(model.create());
-    setWordAt(image, atStatus, wordAt(image, atStatus) & ~HMM_SERVER_OWNS_MIXTURES);
+    const std::uint32_t status = model.status() & ~HMM_SERVER_OWNS_MIXTURES;
+    setWordAt(image, atStatus, status);
     const long before = support::alloc::liveBlocks();
-    KTFreeHMMServer(readFrom(image));
+    KTSetHMMMode(KT_HMM_KEEP);
+    const int id = readFrom(image), copy = KTCopyHMMServer(id), copyOfCopy = KTCopyHMMServer(copy);
+    const int changed = domain == 1 && Model<T>::isFloat ? KTswConvertHMMServer(id, -8, -14, -10, -9)
+                        : domain == 1                    ? KTwsConvertHMMServer(id, 8, 14, 10, 9)
+                                                         : KTsLogHMMServer(id);
+    for (const int each : {id, copy, copyOfCopy}) {
+        EXPECT_EQ(unsigned(parametersOf(each).status), status);
+        EXPECT_EQ(wordAt(written(each), atStatus), status);
+    }
+    EXPECT_EQ(unsigned(parametersOf(changed).status) & HMM_SERVER_OWNS_MIXTURES, 0u);
+    EXPECT_NE(KTFindHMMServer(copy)->mixtures[0], KTFindHMMServer(id)->mixtures[0]);
+    KTFreeHMMServer(id);
+    const auto answer = query<T>(copyOfCopy, 2, 0, Flavour::continuous);
+    EXPECT_EQ(answer.initial, model.initial);
+    EXPECT_EQ(written(copy).size(), image.size());
+    for (const int each : {copy, copyOfCopy, changed})
+        KTFreeHMMServer(each);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
+}
+
+TEST_F(HmmFile, MixturesOfAFileAlwaysBelongToItsServer) {
+    expectOwnMixtures<float>(random, 1);
+    expectOwnMixtures<float>(random, 2);
+    expectOwnMixtures<short>(random, 1);
+    EXPECT_EQ(reports.count(), 0u);
+}
+
+TEST_F(HmmFile, AServerWhoseFileDoesNotNameItsMixturesItsOwnCanBeTrained) {
+    auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 2, 2, 0, 2);
+    const int id = model.create();
+    Bytes image = written(id);
+    setWordAt(image, atStatus, model.status() & ~HMM_SERVER_OWNS_MIXTURES);
+    const float a[] = {0.5f, -1.0f}, b[] = {0.0f, 1.0f};
+    const float* frames[] = {a, b, a};
+    const float* const* sequence = frames;
+    const int count = 3;
+    const auto trained = [&](int hmm) {
+        const int result = KTsTrainContHMMBaumWelch(hmm, &sequence, &count, 1, 2, nullptr);
+        EXPECT_GT(result, 0);
+        return KTsEvalContHMMForward(result, frames, 3, nullptr);
+    };
+    EXPECT_EQ(trained(readFrom(image)), trained(id));
+}
+
+// A server whose status says that it is tiled: the file's array is plain, as every file's; the word stays.
+template <class T>
+void expectTiledBitKept(std::mt19937& random, Shape shape, int n, unsigned domain) {
+    SCOPED_TRACE(testing::Message() << int(shape) << " " << n << " " << domain);
+    auto model = randomModel<T>(random, Flavour::discrete, shape, n, domain, 3, 0);
+    const int plain = model.create();
+    Bytes image = written(plain);
+    setWordAt(image, atStatus, model.status() | HMM_SERVER_TILED);
+    const long before = support::alloc::liveBlocks();
+    int id = 0;
+    support::alloc::failEach([&] { id = readFrom(image); },
+                             [&] {
+                                 EXPECT_EQ(id, -1);
+                                 EXPECT_EQ(support::alloc::liveBlocks(), before);
+                             });
+    const int copy = KTCopyHMMServer(id);
+    const std::vector<int> symbols{0, 2, 1, 1};
+    for (const int each : {id, copy}) {
+        EXPECT_EQ(unsigned(parametersOf(each).status), model.status() | HMM_SERVER_TILED);
+        EXPECT_EQ(query<T>(each, n, 3, Flavour::discrete).trans,
+                  query<T>(plain, n, 3, Flavour::discrete).trans);
+        Bytes again = written(each); // plain again, and the bit says so
+        setWordAt(again, 16, wordAt(written(plain), 16));
+        EXPECT_EQ(again, written(plain));
+        if constexpr (Model<T>::isFloat) {
+            EXPECT_EQ(KTsEvalHMMViterbi(each, symbols.data(), 4, nullptr),
+                      KTsEvalHMMViterbi(plain, symbols.data(), 4, nullptr));
+            EXPECT_EQ(KTsEvalHMMForward(each, symbols.data(), 4, nullptr),
+                      KTsEvalHMMForward(plain, symbols.data(), 4, nullptr));
+        } else {
+            EXPECT_EQ(KTwEvalHMMViterbi(each, symbols.data(), 4, nullptr, 0, nullptr),
+                      KTwEvalHMMViterbi(plain, symbols.data(), 4, nullptr, 0, nullptr));
+        }
+        int order = 0, expectedOrder = 1;
+        KTGetHMMScales(each, &order, nullptr, nullptr, nullptr);
+        KTGetHMMScales(plain, &expectedOrder, nullptr, nullptr, nullptr);
+        EXPECT_EQ(order, expectedOrder);
+    }
+    if constexpr (Model<T>::isFloat) {
+        const auto transform = domain == 1 ? KTsExpHMMServer : KTsLogHMMServer;
+        const int ofPlain = transform(plain), ofTiled = transform(id);
+        EXPECT_EQ(parametersOf(ofTiled).status, parametersOf(ofPlain).status);
+        EXPECT_EQ(query<T>(ofTiled, n, 3, Flavour::discrete).trans,
+                  query<T>(ofPlain, n, 3, Flavour::discrete).trans);
+    }
+}
+
+TEST_F(HmmFile, TheTiledBitIsKept) {
+    for (const Shape shape : allShapes)
+        for (int n = 1; n <= 6; ++n) {
+            expectTiledBitKept<float>(random, shape, n, 1);
+            expectTiledBitKept<float>(random, shape, n, 2);
+            expectTiledBitKept<short>(random, shape, n, 1);
+        }
 }
 
 TEST_F(HmmFile, OneStreamHoldsSeveralServers) {
@@ -437,7 +536,7 @@ TEST_F(HmmFile, BitsThatDoNotMatterAreTakenOver) {
         ASSERT_GT(id, 0);
         EXPECT_EQ(KTFindHMMServer(id)->tag, 77);
     }
-    EXPECT_EQ(unsigned(parametersOf(id).status), model.status() | 0x80000400u); // files hold plain arrays
+    EXPECT_EQ(unsigned(parametersOf(id).status), model.status() | 0x80000400u | HMM_SERVER_TILED);
     EXPECT_EQ(query<float>(id, 2, 0, Flavour::continuous).trans, model.trans);
     EXPECT_GT(KTCopyHMMServer(id), 0);
 }

@@ -56,7 +56,7 @@ double lastRow(Rows& rows, int nRows, int nColumns, int lo, double threshold, co
         double best = rows.flat[j] == 1 ? threshold : double(rows.cost[j]);
         if (double(rows.cost[j - 1]) <= best) best = double(rows.cost[j - 1]);
         if (double(rows.cost[j - 2]) < best) best = double(rows.cost[j - 2]);
-        rows.cost[j] = float(double(local(nRows - 1, j)) + best);
+        rows.cost[j] = float(local(nRows - 1, j) + best);
         if (float(threshold) <= rows.cost[j]) {
             rows.cost[j] = float(threshold);
         } else if (double(rows.cost[j]) < bestCost) {
@@ -90,14 +90,14 @@ double dtwGrid(int N, int M, int d, double threshold, const LocalDistance& local
     Rows rows(M);
     const Band band = dtwBand(N, M, d);
     for (int j = band.hi[0]; j >= 0; --j)
-        rows.cost[j] = local(0, j);
+        rows.cost[j] = float(local(0, j));
     if (!prune(rows, 0, band.hi[0], threshold)) return threshold;
     for (int i = 1; i <= N - 2; ++i) {
         const int lo = band.lo[static_cast<std::size_t>(i)], hi = band.hi[static_cast<std::size_t>(i)];
         takePredecessors(rows, lo, hi);
         if (!prune(rows, lo, hi, threshold)) return threshold;
         for (int j = lo; j <= hi; ++j)
-            if (rows.cost[j] < dead) rows.cost[j] += local(i, j);
+            if (rows.cost[j] < dead) rows.cost[j] += float(local(i, j));
     }
     return lastRow(rows, N, M, band.lo[static_cast<std::size_t>(N) - 1], threshold, local);
 }
@@ -106,18 +106,18 @@ bool dtwAdmits(int N, int M, int margin) {
     return M >= ((N - 1) >> 1) + 1 && M <= 2 * N - 1 + margin;
 }
 
-float dtwEuclidean(const float* a, const float* b, int nDim) {
+double dtwEuclidean(const float* a, const float* b, int nDim) {
     double sum = 0.0;
     for (int k = 0; k < nDim; ++k)
         sum += (double(a[k]) - double(b[k])) * (double(a[k]) - double(b[k]));
-    return float(std::sqrt(sum));
+    return std::sqrt(sum);
 }
 
-float dtwCityBlock(const float* a, const float* b, int nDim) {
+double dtwCityBlock(const float* a, const float* b, int nDim) {
     double sum = 0.0;
     for (int k = 0; k < nDim; ++k)
         sum += std::fabs(double(a[k]) - double(b[k]));
-    return float(sum);
+    return sum;
 }
 
 } // namespace oracle

@@ -7,7 +7,7 @@
 
 namespace oracle {
 
-using LocalDistance = std::function<float(int i, int j)>; // test frame i, pattern frame j
+using LocalDistance = std::function<double(int i, int j)>; // test frame i, pattern frame j
 
 struct Band {
     std::vector<int> lo, hi; // first and last column of each row
@@ -21,8 +21,8 @@ double dtwGrid(int nRows, int nColumns, int margin, double threshold, const Loca
 // Whether a pattern of nColumns frames is compared at all with a test of nRows; the margin is the call's.
 bool dtwAdmits(int nRows, int nColumns, int margin);
 
-// Local distances in double precision, rounded to float.
-float dtwEuclidean(const float* a, const float* b, int nDim);
-float dtwCityBlock(const float* a, const float* b, int nDim);
+// Local distances, not yet rounded.
+double dtwEuclidean(const float* a, const float* b, int nDim);
+double dtwCityBlock(const float* a, const float* b, int nDim);
 
 } // namespace oracle

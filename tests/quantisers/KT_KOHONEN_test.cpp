@@ -155,14 +155,36 @@ TEST(KohonenFloat, TheTwoSumsAreRoundedSeparately) {
     EXPECT_EQ(distance, 16777216.0f);
 }
 
-TEST(KohonenFloat, NoElementsAreAllAtDistanceZero) {
-    Codes<float> codes{{3.0f}, {1.0f}};
-    float distances[2] = {9, 9};
-    int indices[2] = {9, 9};
-    KTsVQKohonen(codes[0].data(), codes.get(), distances, 0, 2, indices, 1, 1);
-    EXPECT_EQ(distances[0], 0);
-    EXPECT_EQ(distances[1], 0);
-    EXPECT_EQ(indices[0], 0);
+TEST(KohonenFloat, BelowTwoElementsTheFirstOnesAreCompared) {
+    Codes<float> codes{{3.0f, 9.0f}, {1.5f, 9.0f}};
+    const float vector[2] = {1.0f, -9.0f};
+    for (int nDim : {1, 0, -1, INT32_MIN}) {
+        support::Guarded<float> distances(2, -7);
+        int indices[2] = {9, 9};
+        KTsVQKohonen(vector, codes.get(), distances.data(), nDim, 2, indices, 1, 0);
+        EXPECT_EQ(distances[0], 4.0f) << nDim;
+        EXPECT_EQ(distances[1], 0.25f) << nDim;
+        EXPECT_EQ(indices[0], 1);
+        KTsVQKohonen(vector, codes.get(), distances.data(), nDim, 2, indices, 2, 1);
+        EXPECT_EQ(distances[0], 2.0f) << nDim;
+        EXPECT_EQ(distances[1], 0.5f) << nDim;
+        EXPECT_EQ(indices[0], 1);
+        EXPECT_EQ(indices[1], 0);
+        EXPECT_TRUE(distances.intact());
+    }
+}
+
+// The fixed flavour has no short path: its sums of no elements are 0.
+TEST(KohonenFixed, NoElementsAreAllAtDistanceZero) {
+    Codes<short> codes{{3}, {1}};
+    for (int nDim : {0, -1, INT32_MIN})
+        for (int mode : {KT_NoScale, KT_FixedScale, KT_Saturate}) {
+            int distances[2] = {9, 9}, indices[2] = {9, 9};
+            KTwVQKohonen(codes[0].data(), codes.get(), distances, nDim, 2, indices, 1, 1, mode, nullptr);
+            EXPECT_EQ(distances[0], 0);
+            EXPECT_EQ(distances[1], 0);
+            EXPECT_EQ(indices[0], 0);
+        }
 }
 
 // --- winners, in both flavours ---

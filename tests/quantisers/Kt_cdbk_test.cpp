@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -419,6 +420,79 @@ TEST(TreeFloat, HoldsForTinyHugeAndMissingNumbers) {
     }
 }
 
+constexpr float inf = std::numeric_limits<float>::infinity();
+constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+
+// Sets in which vectors are missing, infinite, far out or of magnitudes of their own.
+constexpr int oddKinds = 9;
+Rows<float> oddSet(int kind, int n, int nDim, Random& random) {
+    std::normal_distribution<float> normal;
+    Rows<float> set = fill<float>(n, nDim, [&](int, int) { return normal(random); });
+    const auto some = [&] { return std::size_t(random() % unsigned(n)); };
+    const auto element = [&]() -> float& { return set.rows[some()][random() % unsigned(nDim)]; };
+    const auto scale = [](std::vector<float>& row, double by) {
+        for (float& value : row)
+            value = float(value * by);
+    };
+    switch (kind) {
+    case 0: // a few missing elements
+        for (int i = 0; i < 3; ++i)
+            element() = nan;
+        break;
+    case 1: // every other vector misses one
+        for (std::size_t i = 0; i < set.rows.size(); i += 2)
+            set.rows[i][0] = nan;
+        break;
+    case 2: // infinite and missing elements
+        for (int i = 0; i < 4; ++i)
+            element() = i == 0 ? nan : i % 2 == 0 ? inf : -inf;
+        break;
+    case 3: // nothing finite, one infinity common to all
+        for (auto& row : set.rows)
+            row[0] = inf;
+        break;
+    case 4: // nothing finite, each with infinities of its own; now and then every pair has one in common
+        for (auto& row : set.rows)
+            for (unsigned k = 0; k < unsigned(nDim) / 2 + random() % 2; ++k)
+                row[random() % unsigned(nDim)] = random() % 4 == 0 ? -inf : inf;
+        break;
+    case 5: // one vector far out
+        scale(set.rows[some()], 1e30);
+        break;
+    case 6: // two magnitudes
+        for (std::size_t i = 0; i < set.rows.size(); i += 2)
+            scale(set.rows[i], 1e25);
+        break;
+    case 7: // all magnitudes
+        for (auto& row : set.rows)
+            scale(row, std::pow(10, int(random() % 80) - 43));
+        break;
+    default: // corners as far out as floats go, and a tight crowd away from the origin
+        for (auto& row : set.rows)
+            for (float& value : row)
+                value = random() % 2 ? 3e38f : -3e38f;
+        for (std::size_t i = 0; i < set.rows.size(); i += 3)
+            for (float& value : set.rows[i])
+                value = 1000 + 1e-3f * float(random() % 4);
+    }
+    return Rows<float>(std::move(set.rows));
+}
+
+TEST(TreeFloat, EqualsThePlainFormWhateverTheNumbersAre) {
+    Random random(12);
+    for (int round = 0; round < 180; ++round) {
+        const int kind = round % oddKinds, n = 1 + int(random() % 150);
+        const int nDim = round % 5 == 0 ? 60 + int(random() % 20) : 1 + int(random() % 15);
+        const int nSize = 1 + int(random() % 16), flags = round / oddKinds % 2 ? largest : widest;
+        SCOPED_TRACE(testing::Message()
+                     << "kind " << kind << " n " << n << " nDim " << nDim << " nSize " << nSize);
+        Rows<float> set = oddSet(kind, n, nDim, random), tested = oddSet(kind, 60, nDim, random);
+        expectAsPlain(set, nSize, flags);
+        expectAsPlain(set, nSize, flags, &tested);
+        if (HasFatalFailure()) return;
+    }
+}
+
 // --- the farthest pair alone ---
 
 template <class T>
@@ -444,8 +518,8 @@ TYPED_TEST(Tree, FarthestPairIsTheFirstOneOfTheDoubleLoop) {
         plain.farthest(want);
 
         const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<T>, isFloat<T> ? 0. : 1.};
-        ktl::codebook::Points points;
-        ASSERT_TRUE(points.take(vectors, set.get(), set.get()[0]));
+        ktl::codebook::Points<T> points;
+        ASSERT_TRUE(points.take(vectors, set.get()));
         const auto got = points.farthest(members.data(), int(members.size()));
         ASSERT_EQ(got.spread, want.spread) << "round " << round;
         ASSERT_EQ(got.first, want.far1) << "round " << round;
@@ -460,21 +534,138 @@ TYPED_TEST(Tree, FarthestPairIsTheFirstOneOfTheDoubleLoop) {
 TYPED_TEST(Tree, FarthestPairOfManyEqualVectorsIsQuick) { // a plain loop over 2 * 10^10 pairs would time out
     using T = TypeParam;
     const int n = 200000;
-    std::vector<T> one(13, T(7)), other(13, T(9)), middle(13, T(8));
+    std::vector<T> one(13, T(7)), other(13, T(9));
     std::vector<T*> rows(std::size_t(n), one.data());
     const ktl::codebook::Vectors vectors{rows.data(), n, 13, rowDistance<T>, isFloat<T> ? 0. : 1.};
     std::vector<int> members;
     for (int i = 0; i < n; ++i)
         members.push_back(i);
-    ktl::codebook::Points points;
-    ASSERT_TRUE(points.take(vectors, rows.data(), middle.data()));
+    ktl::codebook::Points<T> points;
+    ASSERT_TRUE(points.take(vectors, rows.data()));
     EXPECT_EQ(points.farthest(members.data(), n).second, 0);
     for (int i = 3; i < n; i += 2)
         rows[std::size_t(i)] = other.data();
-    ASSERT_TRUE(points.take(vectors, rows.data(), middle.data()));
+    ASSERT_TRUE(points.take(vectors, rows.data()));
     const auto pair = points.farthest(members.data(), n);
     EXPECT_EQ(pair.first, 0);
     EXPECT_EQ(pair.second, 3);
+}
+
+TEST(TreeFloat, FarthestPairIsTheFirstOneWhateverTheNumbersAre) {
+    Random random(13);
+    for (int round = 0; round < 450; ++round) {
+        const int kind = round % oddKinds, n = 2 + int(random() % 120), nDim = 1 + int(random() % 70);
+        Rows<float> set = oddSet(kind, n, nDim, random);
+        std::vector<int> members(set.rows.size());
+        for (int i = 0; i < n; ++i)
+            members[std::size_t(i)] = i;
+        std::shuffle(members.begin(), members.end(), random);
+        Reference<float> plain(set);
+        const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<float>, 0.0};
+        ktl::codebook::Points<float> points;
+        ASSERT_TRUE(points.take(vectors, set.get()));
+        bool hasOwnFrame = false;
+        while (!members.empty()) { // and of ever shorter lists, in whatever frame the last search has left
+            Leaf<float> want;
+            want.members = members;
+            plain.farthest(want);
+            const auto got = points.farthest(members.data(), int(members.size()), hasOwnFrame);
+            ASSERT_EQ(got.spread, want.spread) << "round " << round << " of " << members.size();
+            ASSERT_EQ(got.first, want.far1) << "round " << round << " of " << members.size();
+            ASSERT_EQ(got.second, want.far2) << "round " << round << " of " << members.size();
+            hasOwnFrame = got.hasOwnFrame;
+            members.resize(members.size() / 2);
+        }
+    }
+}
+
+// Sets of which the radii tell nothing, of sizes for which the search has boxes; full of equal distances but for the
+// sphere.
+TYPED_TEST(Tree, FarthestPairOfManyIsTheFirstOneOnEveryLevel) {
+    using T = TypeParam;
+    Random random(17);
+    for (int round = 0; round < 5; ++round) {
+        const int n = 2700 + int(random() % 300), nDim = 13 + int(random() % 4);
+        const int kind = round == 1 ? 2 : round == 2 ? 7 : 6;
+        SCOPED_TRACE(testing::Message() << "round " << round << " n " << n << " nDim " << nDim);
+        Rows<T> set = someSet<T>(kind, n, nDim, random);
+        if (round == 0) // corners whose integer distances are the same for many pairs
+            set = fill<T>(n, nDim, [&](int, int) { return double(random() % 2); });
+        Leaf<T> want;
+        for (int i = 0; i < n; ++i)
+            want.members.push_back(i);
+        std::shuffle(want.members.begin(), want.members.end(), random);
+        Reference<T>(set).farthest(want);
+        support::onEveryLevel([&] {
+            const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<T>, isFloat<T> ? 0. : 1.};
+            ktl::codebook::Points<T> points;
+            ASSERT_TRUE(points.take(vectors, set.get()));
+            const auto got = points.farthest(want.members.data(), n);
+            EXPECT_EQ(got.spread, want.spread);
+            EXPECT_EQ(got.first, want.far1);
+            EXPECT_EQ(got.second, want.far2);
+        });
+    }
+}
+
+// --- what odd data cost ---
+
+// Processor seconds of a training, the shortest of three.
+template <class T>
+double costOf(Rows<T>& set, int nSize, int flags) {
+    double least = 1e9;
+    for (int run = 0; run < 3 && (run == 0 || least < 2); ++run) {
+        const std::clock_t start = std::clock();
+        const Codebook codebook = train(set, nSize, flags);
+        least = std::min(least, double(std::clock() - start) / CLOCKS_PER_SEC);
+    }
+    return least;
+}
+
+// A plain search of all pairs costs hundreds of times what ordinary vectors cost.
+constexpr double oddIsWorth = 30;
+
+TEST(TreeFloat, OddNumbersCostLittleMoreThanOrdinaryOnes) {
+    Random random(14);
+    constexpr int n = 10000, nDim = 13, nSize = 16;
+    for (int flags : {largest, widest}) {
+        support::CapturedReports reports; // some sets have no second cell
+        Rows<float> ordinary = someSet<float>(0, n, nDim, random);
+        const double limit = oddIsWorth * costOf(ordinary, nSize, flags);
+        for (int kind = 0; kind < oddKinds; ++kind) {
+            Rows<float> set = oddSet(kind, n, nDim, random);
+            EXPECT_LT(costOf(set, nSize, flags), limit) << "kind " << kind;
+        }
+        for (double scale : {1e-42, 1e-30, 1e30}) {
+            Rows<float> set = ordinary;
+            for (auto& row : set.rows)
+                for (float& value : row)
+                    value = float(value * scale);
+            set = Rows<float>(std::move(set.rows));
+            EXPECT_LT(costOf(set, nSize, flags), limit) << "scale " << scale;
+        }
+    }
+}
+
+TYPED_TEST(Tree, CornersOfACubeCostLittleMoreThanACloud) {
+    using T = TypeParam;
+    Random random(18);
+    constexpr int n = 10000, nDim = 13, nSize = 16;
+    Rows<T> cloud = someSet<T>(0, n, nDim, random);
+    const double limit = oddIsWorth * costOf(cloud, nSize, largest);
+    Rows<T> wide = fill<T>(n, nDim, [&](int, int) { return double(random() % 2) * 65535 - 32768; });
+    EXPECT_LT(costOf(wide, nSize, largest), limit);
+    Rows<T> narrow = fill<T>(n, nDim, [&](int, int) { return double(random() % 2); });
+    EXPECT_LT(costOf(narrow, nSize, largest), limit);
+}
+
+TYPED_TEST(Tree, ManyEmptyCellsCostLittle) { // each would cost a pass over all vectors
+    Random random(15);
+    constexpr int n = 10000, nDim = 13;
+    Rows<TypeParam> ordinary = someSet<TypeParam>(0, n, nDim, random);
+    const double limit = oddIsWorth * costOf(ordinary, 16, largest);
+    Rows<TypeParam> equal = fill<TypeParam>(n, nDim, [](int, int) { return 5; });
+    EXPECT_LT(costOf(equal, 1024, largest), limit);
 }
 
 // --- edge cases ---
@@ -707,63 +898,147 @@ TYPED_TEST(Tree,
     EXPECT_GE(index[0], 1);
 }
 
+// A run of a training for each allocation that fails. Returns how many there were.
+template <class T>
+int expectEveryFailureReported(Rows<T>& set, int nSize, int flags) {
+    std::vector<int> labels(set.rows.size(), -7);
+    const std::vector<int> untouched = labels;
+    support::CapturedReports reports;
+    Codebook codebook;
+    std::string texts;
+    texts.reserve(4096);
+    const long before = support::alloc::liveBlocks();
+    const int failures = support::alloc::failEach(
+        [&] { codebook = train(set, nSize, flags, labels.data()); },
+        [&] {
+            EXPECT_EQ(codebook, nullptr);
+            EXPECT_EQ(KTGetStatus(), KT_StsNoMem);
+            ASSERT_EQ(reports.count(), 1u);
+            EXPECT_EQ(reports[0].status, KT_StsNoMem);
+            const bool isStart = reports[0].message == "insufficiency of memory for pointer  codebook";
+            EXPECT_TRUE(isStart || reports[0].message == "codebook of given size can not be constructed");
+            texts += isStart ? 's' : 'c';
+            reports.clear();
+            EXPECT_EQ(support::alloc::liveBlocks(), before);
+            EXPECT_EQ(labels, untouched);
+        });
+    EXPECT_NE(codebook, nullptr);
+    EXPECT_NE(labels, untouched);
+    EXPECT_EQ(texts.front(), 's');
+    EXPECT_EQ(texts.back(), 'c');
+    KTSetStatus(0);
+    return failures;
+}
+
 TYPED_TEST(Tree, EveryFailedAllocationIsReportedAndNothingIsLost) {
     for (int nDim : {3, 70}) {
         Random random(10);
         Rows<TypeParam> set = someSet<TypeParam>(0, 60, nDim, random);
-        std::vector<int> labels(60);
-        support::CapturedReports reports;
-        Codebook codebook;
-        std::string texts;
-        texts.reserve(4096);
-        const long before = support::alloc::liveBlocks();
-        const int failures = support::alloc::failEach(
-            [&] { codebook.reset(make(set.get(), labels.data(), 60, nDim, 4, widest)); },
-            [&] {
-                EXPECT_EQ(codebook, nullptr);
-                EXPECT_EQ(KTGetStatus(), KT_StsNoMem);
-                ASSERT_EQ(reports.count(), 1u);
-                EXPECT_EQ(reports[0].status, KT_StsNoMem);
-                const bool isStart = reports[0].message == "insufficiency of memory for pointer  codebook";
-                EXPECT_TRUE(isStart || reports[0].message == "codebook of given size can not be constructed");
-                texts += isStart ? 's' : 'c';
-                reports.clear();
-                EXPECT_EQ(support::alloc::liveBlocks(), before);
-            });
-        EXPECT_NE(codebook, nullptr);
-        EXPECT_EQ(texts.front(), 's');
-        EXPECT_EQ(texts.back(), 'c');
-        EXPECT_GT(failures, 20);
-        KTSetStatus(0);
+        EXPECT_GT(expectEveryFailureReported(set, 4, widest), 20);
+    }
+    Rows<TypeParam> equal = fill<TypeParam>(60, 3, [](int, int) { return 5; });
+    EXPECT_GT(expectEveryFailureReported(equal, 4, largest), 20);
+}
+
+TEST(TreeFloat, EveryFailedAllocationIsReportedWhateverTheNumbersAre) {
+    Random random(16);
+    for (int kind = 0; kind < oddKinds; ++kind) {
+        Rows<float> set = oddSet(kind, 60, 5, random);
+        EXPECT_GT(expectEveryFailureReported(set, 4, largest), 20);
     }
 }
 
 // --- the scale of the fixed flavour ---
 
-TEST(TreeFixed, DistortionGoesThroughTheScaleTwice) {
+// What the scale mode makes of a distance, and of the mean distance.
+int scaledDistance(const short* a, const short* b, int n, int mode, int scale) {
+    if (mode != KT_FixedScale) return distanceOf(a, b, n);
+    return vsqwNormExt(a, b, n, VSQ_NormRoot, VSQ_FIXED_SCALE, &scale);
+}
+
+// One call against the plain walk of the tree.
+void expectScaled(const KTCodebook& codebook, Rows<short>& tested, int mode, int givenScale) {
+    SCOPED_TRACE(testing::Message() << "mode " << mode << " scale " << givenScale);
+    const int n = tested.count(), nDim = tested.nDim();
+    std::vector<int> want;
+    double total = 0;
+    for (const short* row : tested.pointers) {
+        const KTCluster* node = codebook.pRoot;
+        const auto to = [&](const KTCluster* cluster) {
+            return scaledDistance(row, static_cast<const short*>(cluster->pCentroid), nDim, mode, givenScale);
+        };
+        while (node->isLeaf == 0)
+            node = to(node->pRight) <= to(node->pLeft) ? node->pRight : node->pLeft;
+        want.push_back(node->cell);
+        total += to(node);
+    }
+    int wantScale = givenScale;
+    const int wantMean = KTdiConvertDown(total / n, mode, &wantScale);
+
+    support::Guarded<int> index(want.size(), -7);
+    int distortion = -7, scale = givenScale;
+    auto* const shared = const_cast<KTCodebook*>(&codebook);
+    KTwVQCodebook(shared, tested.get(), index.data(), n, nDim, &distortion, mode, &scale);
+    EXPECT_EQ(index.values(), want);
+    EXPECT_EQ(distortion, wantMean);
+    EXPECT_EQ(scale, wantScale);
+    EXPECT_TRUE(index.intact());
+    scale = givenScale;
+    KTwVQCodebook(shared, tested.get(), index.data(), n, nDim, nullptr, mode, &scale);
+    EXPECT_EQ(index.values(), want);
+    EXPECT_EQ(scale, givenScale); // the scale is the mean's, which nobody asked for
+}
+
+TEST(TreeFixed, EveryScaleModeEqualsThePlainWalk) {
+    Random random(11);
+    Rows<short> set = someSet<short>(0, 300, 13, random), tested = someSet<short>(0, 200, 13, random);
+    Codebook codebook = train(set, 16, largest);
+    ASSERT_NE(codebook, nullptr);
+    for (int mode : {KT_NoScale, KT_FixedScale, KT_AutoScale, KT_Saturate, 4, 6, 7, -1, INT32_MIN, INT32_MAX})
+        for (int scale : {0, 1, 8, 20, 40, -3, -25, -100, INT32_MIN, INT32_MAX})
+            expectScaled(*codebook, tested, mode, scale);
+}
+
+TEST(TreeFixed, AFixedScaleCountsInEachDistanceAndInTheMean) {
     Rows<short> set{{0, 0}, {0, 10}, {1000, 0}, {1000, 10}};
     Codebook codebook = train(set, 2, widest);
     ASSERT_NE(codebook, nullptr);
     Rows<short> tested{{0, 305}, {1000, 505}}; // 300 and 500 from the centroids (0, 5) and (1000, 5)
-    int index[2] = {}, distortion = 0;
-    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_NoScale, nullptr);
-    EXPECT_EQ(distortion, 400);
-
-    int scale = 2; // the kernels see no scale here, only the mean is scaled
+    int index[2] = {}, distortion = 0, scale = 2;
     KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_FixedScale, &scale);
-    EXPECT_EQ(distortion, 100);
+    EXPECT_EQ(distortion, 25); // (300 / 4 + 500 / 4) / 2 = 100, and a quarter of that
     EXPECT_EQ(scale, 2);
-
-    scale = 1; // the kernels' fixed scale shifts each distance; the mean finds a scale of its own
-    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_AutoScale, &scale);
-    EXPECT_EQ(scale, 8 - 31);
-    EXPECT_EQ(distortion, 200 << 23);
-
-    scale = 1; // both: each distance is shifted, the mean saturates
-    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_Saturate, &scale);
-    EXPECT_EQ(distortion, 200);
     EXPECT_EQ(index[0], 1);
     EXPECT_EQ(index[1], 2);
+    scale = -1;
+    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_FixedScale, &scale);
+    EXPECT_EQ(distortion, 1600);
+    KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_FixedScale, nullptr);
+    EXPECT_EQ(distortion, 400);
+}
+
+TEST(TreeFixed, OtherScaleModesLeaveTheDistancesPlain) {
+    Rows<short> set{{0, 0}, {0, 10}, {1000, 0}, {1000, 10}};
+    Codebook codebook = train(set, 2, widest);
+    ASSERT_NE(codebook, nullptr);
+    Rows<short> tested{{0, 305}, {1000, 505}};
+    int index[2] = {}, distortion = 0;
+    for (int mode : {KT_NoScale, KT_Saturate, 6, 7, -1}) {
+        int scale = 20;
+        KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, mode, &scale);
+        EXPECT_EQ(distortion, 400) << mode;
+        EXPECT_EQ(scale, 0) << mode;
+        EXPECT_EQ(index[0], 1);
+        EXPECT_EQ(index[1], 2);
+    }
+    int scale = 1;
+    for (int call = 0; call < 2; ++call) { // the second meets what the first has stored
+        KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_AutoScale, &scale);
+        EXPECT_EQ(scale, 9 - 31);
+        EXPECT_EQ(distortion, 400 << 22);
+        EXPECT_EQ(index[0], 1);
+        EXPECT_EQ(index[1], 2);
+    }
 }
 
 TEST(TreeFixed, AScaleThatMakesDistancesEqualSendsVectorsRight) {
@@ -771,8 +1046,11 @@ TEST(TreeFixed, AScaleThatMakesDistancesEqualSendsVectorsRight) {
     Codebook codebook = train(set, 2, widest);
     Rows<short> tested{{0}};
     int index = 0, distortion = 0, scale = 10;
-    KTwVQCodebook(codebook.get(), tested.get(), &index, 1, 1, &distortion, KT_Saturate, &scale);
+    KTwVQCodebook(codebook.get(), tested.get(), &index, 1, 1, &distortion, KT_FixedScale, &scale);
     EXPECT_EQ(index, 2);
+    scale = 10;
+    KTwVQCodebook(codebook.get(), tested.get(), &index, 1, 1, &distortion, KT_Saturate, &scale);
+    EXPECT_EQ(index, 1);
 }
 
 TEST(TreeFixed, MeansAreTruncatedTowardZero) {

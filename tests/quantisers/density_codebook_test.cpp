@@ -352,6 +352,57 @@ TEST_F(Codebooks, AnEmptyClassIsADensityOfNotANumbers) {
     EXPECT_FALSE(std::isnan(ktl::gauss::means<float>(floats()->ccgPdfs[2])[0][0]));
 }
 
+// A full covariance of not-a-numbers is singular: there is no codebook, and that is said.
+TEST_F(Codebooks, AClassWithoutAFullCovarianceIsReported) {
+    Labelled<float> data({0, 2}, 20, 2);
+    Labelled<short> words({0, 2}, 20, 2);
+    KTSetHMMMode(0);
+    KTFreeGaussTbls();
+    const long before = support::alloc::liveBlocks();
+    const auto expectReport = [&](auto make, const char* name) {
+        support::CapturedReports reports;
+        make();
+        ASSERT_EQ(reports.count(), 1u);
+        EXPECT_EQ(reports[0].status, KT_StsBadArg);
+        EXPECT_EQ(reports[0].message, "a class has too few vectors for a full covariance");
+        EXPECT_EQ(reports[0].function, name);
+        EXPECT_EQ(reports[0].source, "..\\_LIBSRC\\Kt_cdbk");
+        EXPECT_TRUE(isEmpty(floats()));
+        EXPECT_TRUE(isEmpty(shorts()));
+        KTFreeGaussTbls();
+        EXPECT_EQ(support::alloc::liveBlocks(), before);
+    };
+    const auto makeFloat = [&] {
+        KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 2, 3, KT_GAUSS_FULL);
+    };
+    const auto makeFixed = [&] {
+        KTwMakeSemicontCodebook(words.pointers.data(), words.labels.data(), words.count(), 2, 3,
+                                KT_GAUSS_FULL | KT_GAUSS_NORMALIZE, 0, -20);
+    };
+    expectReport(makeFloat, "KTsMakeSemicontCodebook");
+    expectReport(makeFixed, "KTwMakeSemicontCodebook");
+    data.labels[5] = words.labels[5] = 1; // one vector has no covariance either
+    expectReport(makeFloat, "KTsMakeSemicontCodebook");
+    expectReport(makeFixed, "KTwMakeSemicontCodebook");
+    data.labels[6] = words.labels[6] = 1; // two have one, but a singular one: that stays silent
+    support::CapturedReports reports;
+    makeFloat();
+    makeFixed();
+    EXPECT_EQ(reports.count(), 0u);
+    EXPECT_TRUE(isEmpty(floats()));
+    KTFreeGaussTbls();
+}
+
+// The inversion of a single element does not see a not-a-number.
+TEST_F(Codebooks, AnEmptyClassOfOneElementIsKeptInFullFormToo) {
+    Labelled<float> data({0, 2}, 20, 1);
+    support::CapturedReports reports;
+    KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 1, 3, KT_GAUSS_FULL);
+    EXPECT_EQ(reports.count(), 0u);
+    ASSERT_EQ(floats()->nSymbols, 3);
+    EXPECT_TRUE(std::isnan(ktl::gauss::means<float>(floats()->ccgPdfs[1])[0][0]));
+}
+
 TEST_F(Codebooks, MakingLeavesAnExistingCodebookAlone) {
     Labelled<float> data({0, 1}, 20, 2);
     KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 2, 1, 0);

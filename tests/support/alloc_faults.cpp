@@ -21,6 +21,7 @@ PER_THREAD bool failsOn = false; // whether those behind it fail too
 PER_THREAD bool hasFailed = false;
 PER_THREAD bool armed = false;
 PER_THREAD long seen = 0;
+PER_THREAD long asked = 0;
 PER_THREAD long live = 0;
 constinit std::atomic<long> liveInProcess = 0;
 
@@ -30,9 +31,10 @@ void count(long blocks) {
     liveInProcess.fetch_add(blocks, std::memory_order_relaxed);
 }
 
-bool refuse() {
+bool refuse(std::size_t size) {
     if (!armed) return false;
     ++seen;
+    asked += static_cast<long>(size);
     if (countdown == 0) return failsOn && hasFailed;
     if (--countdown != 0) return false;
     hasFailed = true;
@@ -49,7 +51,7 @@ void arm(int failAt) {
     countdown = failAt;
     failsOn = false;
     hasFailed = false;
-    seen = 0;
+    seen = asked = 0;
     armed = true;
 }
 
@@ -64,6 +66,9 @@ bool failed() {
 }
 long allocations() {
     return seen;
+}
+long bytes() {
+    return asked;
 }
 long liveBlocks() {
     return live;
@@ -84,21 +89,21 @@ void* __real_realloc(void*, std::size_t);
 void __real_free(void*);
 
 void* __wrap_malloc(std::size_t size) {
-    if (refuse()) return nullptr;
+    if (refuse(size)) return nullptr;
     void* block = __real_malloc(size);
     count(block != nullptr);
     return block;
 }
 
 void* __wrap_calloc(std::size_t number, std::size_t size) {
-    if (refuse()) return nullptr;
+    if (refuse(number * size)) return nullptr;
     void* block = __real_calloc(number, size);
     count(block != nullptr);
     return block;
 }
 
 void* __wrap_realloc(void* block, std::size_t size) {
-    if (refuse()) return nullptr;
+    if (refuse(size)) return nullptr;
     void* grown = __real_realloc(block, size);
     count(block == nullptr && grown != nullptr);
     return grown;

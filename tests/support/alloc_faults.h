@@ -10,6 +10,7 @@ void armFrom(int failFrom); // the same, and all later ones fail too
 void disarm();
 bool failed();      // whether an allocation was made to fail since arm()
 long allocations(); // allocations seen since arm(), the failed one included
+long bytes();       // asked for since arm(), whatever was released meanwhile
 long liveBlocks();  // blocks taken less blocks released on this thread since the program's start, always
                     // counted
 long liveBlocksOfProcess(); // the same over all threads

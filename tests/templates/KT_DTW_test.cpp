@@ -258,6 +258,19 @@ TEST_F(Dtw, PatternsThatRanOutStillCompete) {
     EXPECT_EQ(results[1], 2.0);
 }
 
+// The last step adds an unrounded distance: 2^-24 and a little lifts 1 to the next float, 2^-24 alone, what
+// the distance would be as a float, does not.
+TEST_F(Dtw, TheLastRowRoundsOnce) {
+    support::onEveryLevel([this] {
+        Speech pattern(2, 2), test(2, 2);
+        test.frames = {{1, 0}, {0x1p-24f, 0x1p-36f}};
+        for (int i = 0; i < 2; ++i)
+            test.rows[std::size_t(i)] = test.frames[std::size_t(i)].data();
+        EXPECT_EQ(compare(pattern, test, KT_DTW_FIXED_ENDS), 1 + 0x1p-23);
+        EXPECT_EQ(compare(pattern, test, KT_DTW_FIXED_ENDS | KT_DTW_NORM_L1), 1 + 0x1p-23);
+    });
+}
+
 // A threshold that is no float: a cost of exactly its rounding upwards is dropped, and the result is the
 // double.
 TEST_F(Dtw, ThresholdsAreComparedAsDoubles) {
@@ -477,6 +490,20 @@ TEST_F(Dtw, FixedPointIsTheFloatComputationOnRealValues) {
     });
 }
 
+// The same real values as in the float form's test of this name, each side at a scale of its own.
+TEST_F(Dtw, FixedPointLastRowRoundsOnce) {
+    Utterance<short> pattern(2, 2), test(2, 2);
+    pattern.rows[0][0] = 1;
+    test.rows[1][0] = 4096;
+    test.rows[1][1] = 1;
+    const int handle = keepFixed(pattern, 0);
+    for (int flags : {KT_DTW_FIXED_ENDS, KT_DTW_FIXED_ENDS | KT_DTW_NORM_L1}) {
+        int result = 0, scale = 0;
+        KTwEvalDTW(&handle, 1, test.rows.data(), 2, 2, -36, flags, 0, 0, 0, &result, KT_AutoScale, &scale);
+        EXPECT_EQ(std::ldexp(double(result), scale), 1 + 0x1p-23);
+    }
+}
+
 // Converted results are equal here, but the index was settled on the doubles.
 TEST_F(Dtw, FixedPointSettlesTheIndexBeforeTheConversion) {
     auto test = fixedLine({100, 200, 300}), far = fixedLine({100, 200, 303}),
@@ -552,4 +579,83 @@ TEST_F(Dtw, FixedPointEveryFailedAllocationIsReported) {
     EXPECT_EQ(nearest, 0);
     EXPECT_EQ(result, 1);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
+}
+
+// --- handlers that clean up, or make something, while a call goes on ---
+
+namespace {
+
+// Empties both stores and puts one pattern of its own into each.
+int restock(int status, const char*, const char*, const char*, int) {
+    static bool busy = false;
+    if (busy) return status;
+    busy = true;
+    KTsPatternFreeAll();
+    KTwPatternFreeAll();
+    float value = 5, *row = &value;
+    short fixed = 5, *fixedRow = &fixed;
+    KTsPatternIni(&row, 1, 1);
+    KTwPatternIni(&fixedRow, 1, 1, 0);
+    busy = false;
+    return status;
+}
+
+class DtwHandler : public Dtw {
+protected:
+    ~DtwHandler() override { KTRedirectError(previous); }
+
+    // Every failed allocation of the operation reports to the handler, which may take away what the
+    // operation began with.
+    template <class Operation>
+    void failEach(Operation operation) {
+        for (int n = 1;; ++n) {
+            KTsPatternFreeAll();
+            KTwPatternFreeAll();
+            for (int i = 0; i < 63; ++i) { // the next one makes the index grow
+                keep(pattern);
+                KTwPatternIni(fixedRows, 2, 1, 0);
+            }
+            support::alloc::arm(n);
+            operation();
+            const bool failed = support::alloc::failed();
+            support::alloc::disarm();
+            if (!failed) return;
+            EXPECT_EQ(KTGetStatus(), KT_StsNoMem) << n;
+        }
+    }
+
+    Speech pattern = line({1, 2});
+    short fixed[2] = {1, 2}, *fixedRows[2] = {fixed, fixed + 1};
+    const KTErrorHandler previous = KTRedirectError(restock);
+};
+
+} // namespace
+
+TEST_F(DtwHandler, MayReleaseEveryPatternWhereMemoryRunsOut) {
+    failEach([&] { keep(pattern); });
+    failEach([&] { KTwPatternIni(fixedRows, 2, 1, 0); });
+    const int handles[] = {1, 63, 2};
+    double results[3];
+    failEach([&] { KTsEvalDTW(handles, 3, pattern.rows.data(), 2, 1, 0, 0, 0, results); });
+    int fixedResults[3];
+    failEach(
+        [&] { KTwEvalDTW(handles, 3, fixedRows, 2, 1, 0, 0, 0, 0, 0, fixedResults, KT_NoScale, nullptr); });
+}
+
+TEST_F(DtwHandler, MayFillTheEmptyStoreThatItHearsOf) {
+    Speech test = line({5});
+    const int handles[] = {1, 1, 2};
+    double results[3];
+    EXPECT_EQ(KTsEvalDTW(handles, 3, test.rows.data(), 1, 1, 0, 0, 0, results), 1);
+    EXPECT_EQ(results[0], notAdmitted);
+    EXPECT_EQ(results[1], 0.0);
+    EXPECT_EQ(results[2], notAdmitted);
+    KTwPatternFreeAll();
+    short value = 5, *rows[] = {&value};
+    int fixedResults[3];
+    EXPECT_EQ(KTwEvalDTW(handles, 3, rows, 1, 1, 0, 0, 0, 0, 0, fixedResults, KT_Saturate, nullptr), 1);
+    EXPECT_EQ(fixedResults[1], 0);
+    KTsPatternFreeAll();
+    EXPECT_EQ(KTsPatternFree(1), -1); // made by the first of the two reports
+    EXPECT_EQ(KTsPatternsNumber(), 1);
 }

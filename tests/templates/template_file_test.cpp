@@ -318,13 +318,40 @@ TEST_F(DtwFile, HostileHeadersAreRefused) {
         EXPECT_EQ(KTwReadDTWPattern(fixedStream), -1) << size[0] << " x " << size[1];
         KTGetContext()->nFixedPatterns = 0; // sizes so near to the real ones that only integers are missing
     }
-    for (int handle : {0, -1, small}) {
-        Stream stream(floatRecord(handle, 1)), fixedStream(fixedRecord(handle, 1));
-        EXPECT_EQ(KTsReadDTWPattern(stream), -1);
-        EXPECT_EQ(KTwReadDTWPattern(fixedStream), -1);
-    }
     EXPECT_EQ(KTsPatternsNumber() + KTwPatternsNumber(), 0);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
+    EXPECT_EQ(reports.count(), 0u);
+}
+
+// A pattern returns under the handle that it had, whatever it was; handles that are chosen start at
+// 1.
+TEST_F(DtwFile, HandlesOfZeroAndBelowAreReturned) {
+    for (int handle : {0, -1, -2, INT_MIN}) {
+        Stream stream(floatRecord(handle, 1)), fixedStream(fixedRecord(handle, 1));
+        EXPECT_EQ(KTsReadDTWPattern(stream), handle);
+        EXPECT_EQ(KTwReadDTWPattern(fixedStream), handle);
+        EXPECT_EQ(KTsPatternsNumber(), 1);
+        EXPECT_EQ(KTwPatternsNumber(), 1);
+        expectFloatPattern(handle);
+        expectFixedPattern(handle);
+        float** rows = nullptr;
+        KTsPatternGet(handle, &rows, nullptr, nullptr);
+        double result = -1;
+        EXPECT_EQ(KTsEvalDTW(&handle, 1, rows, 3, 2, 0, 0, 0, &result), 0);
+        EXPECT_EQ(result, 0.0);
+        EXPECT_EQ(storeFloat(), 1);
+        EXPECT_EQ(storeFixed(), 1);
+        Stream again, fixedAgain;
+        KTsWriteDTWPattern(again, handle);
+        KTwWriteDTWPattern(fixedAgain, handle);
+        EXPECT_EQ(again.contents(), floatRecord(handle, 1));
+        EXPECT_EQ(fixedAgain.contents(), fixedRecord(handle, 1));
+        EXPECT_EQ(KTsPatternFree(handle), 0);
+        EXPECT_EQ(KTwPatternFree(handle), 0);
+        EXPECT_EQ(KTsPatternFree(1), 0);
+        EXPECT_EQ(KTwPatternFree(1), 0);
+    }
+    EXPECT_EQ(KTsPatternsNumber() + KTwPatternsNumber(), 0);
     EXPECT_EQ(reports.count(), 0u);
 }
 
