@@ -579,8 +579,8 @@ TEST(TreeFloat, FarthestPairIsTheFirstOneWhateverTheNumbersAre) {
     }
 }
 
-// Sets of which the radii tell nothing, of sizes for which the search has boxes; full of equal distances but for the
-// sphere.
+// Sets of which the radii tell nothing, of sizes for which the search has boxes; full of equal
+// distances but for the sphere.
 TYPED_TEST(Tree, FarthestPairOfManyIsTheFirstOneOnEveryLevel) {
     using T = TypeParam;
     Random random(17);
