@@ -593,7 +593,8 @@ typedef struct KTCodebook KTCodebook;
 
 /* Trains a codebook of nSize cells on nVectors rows of nDim elements.
  *
- * pLabels: nVectors words, each vector's cell; may be null, and is not written on failure. nSize below 2 gives one cell.
+ * pLabels: nVectors words, each vector's cell; may be null, and is not written on failure. nSize
+ * below 2 gives one cell.
  * flags: KT_CB_EUCLID and one of the KT_CB_SPLIT flags; without one a codebook of at most two cells can be made.
  *
  * Each split divides the members between the two farthest of them (the first such pair of the list), then once more
@@ -614,9 +615,10 @@ KTL_API KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVector
 
 /* Quantises nVectors rows of nDim elements with a codebook of the same flavour.
  *
- * pIndex: nVectors words, each vector's cell; may be null. *pDistortion: the mean distance of the vectors from their
- * cells' centroids; 0 when nVectors is 0 or less, of which there is no mean; may be null. nDim is the codebook's; of shorter vectors the elements that exist are compared,
- * of longer ones as many as the codebook has.
+ * pIndex: nVectors words, each vector's cell; may be null. *pDistortion: the mean distance of the
+ * vectors from their cells' centroids; 0 when nVectors is 0 or less, of which there is no mean; may
+ * be null. nDim is the codebook's; of shorter vectors the elements that exist are compared, of
+ * longer ones as many as the codebook has.
  *
  * Reports KT_StsBadArg, once for the call, when vectors reached no cell: their index is 0 and they add nothing to the
  * distortion. That is so for all of them when the codebook is null or of the other flavour, or nDim is below 1. Both
@@ -625,15 +627,17 @@ KTL_API KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVector
 KTL_API void KTsVQCodebook(KTCodebook* pCodebook, float** ppVectors, int* pIndex, int nVectors, int nDim,
                            double* pDistortion);
 
-/* The fixed flavour: scaleMode is one of the library's scale modes, and pScale (null stands for a word that holds 0)
- * goes with it.
- *   KT_FixedScale  counts twice, in each distance and in the mean: a distance, truncated to an integer, is shifted right
- *                  by *pScale (left by -*pScale if that is negative) before it is compared and summed, and *pDistortion is
- *                  the mean of such distances times 2^-*pScale. Distances that the shift makes equal send a vector right.
+/* The fixed flavour: scaleMode is one of the library's scale modes, and pScale (null stands for a word
+ * that holds 0) goes with it.
+ *   KT_FixedScale  counts twice, in each distance and in the mean: a distance, truncated to an
+ *                  integer, is shifted right by *pScale (left by -*pScale if that is negative) before
+ *                  it is compared and summed, and *pDistortion is the mean of such distances times
+ *                  2^-*pScale. Distances that the shift makes equal send a vector right.
  *   KT_AutoScale   distances are plain; *pDistortion fills 32 bits, and *pScale receives its scale.
- *   any other      distances are plain; *pDistortion is truncated (KT_NoScale) or saturates (all others); *pScale
- *                  becomes 0.
- * *pDistortion is what KTdiConvertDown makes of the mean. Distances saturate at 0x7FFFFFFF and are summed in double.
+ *   any other      distances are plain; *pDistortion is truncated (KT_NoScale) or saturates (all
+ *                  others); *pScale becomes 0.
+ * *pDistortion is what KTdiConvertDown makes of the mean; where pDistortion is null *pScale is not
+ * written. Distances saturate at 0x7FFFFFFF and are summed in double.
  */
 KTL_API void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex, int nVectors, int nDim,
                            int* pDistortion, int scaleMode, int* pScale);
@@ -648,11 +652,13 @@ struct GaussMixServer;
 /* Semicontinuous models share one set of densities: the thread's codebook, one for each numeric form, which has to exist
  * before such a model is made. Densities are Gaussian mixture servers of one mixture; the codebook takes private copies. */
 
-/* Makes the thread's codebook of nSymbols densities from nVectors labelled vectors of nDim elements: density q is built
- * from the vectors with label q and inverted. Labels count from 0, while KTsMakeCodebook numbers its cells from 1: subtract
- * 1. A label that no vector has gives a density of not-a-numbers; under KT_GAUSS_FULL such a density is singular. flags: KT_GAUSS_FULL, KT_GAUSS_NORMALIZE. The fixed form
- * stores means at meanScale and inverse covariances at invCovScale. An existing codebook is left alone. Reports KT_StsNoMem,
- * and KT_StsBadArg for a label with fewer than two vectors under KT_GAUSS_FULL (not where nDim is 1: a single element is
+/* Makes the thread's codebook of nSymbols densities from nVectors labelled vectors of nDim
+ * elements: density q is built from the vectors with label q and inverted. Labels count from 0,
+ * while KTsMakeCodebook numbers its cells from 1: subtract 1. A label that no vector has gives a
+ * density of not-a-numbers; under KT_GAUSS_FULL such a density is singular. flags: KT_GAUSS_FULL,
+ * KT_GAUSS_NORMALIZE. The fixed form stores means at meanScale and inverse covariances at
+ * invCovScale. An existing codebook is left alone. Reports KT_StsNoMem, and KT_StsBadArg for a
+ * label with fewer than two vectors under KT_GAUSS_FULL (not where nDim is 1: a single element is
  * not tested so). Any other singular covariance leaves the thread without a codebook, silently. */
 KTL_API void KTsMakeSemicontCodebook(float** ppVectors, const int* pLabels, int nVectors, int nDim,
                                      int nSymbols, int flags);
@@ -692,8 +698,9 @@ KTL_API int KTwsConvertSemicontCodebook(int weightScale, int meanScale, int invC
  *              place the first of the smallest that are left is exchanged with the code that stands there.
  * Distances are compared as 32-bit signed integers in both flavours.
  *
- * Float: each squared distance is the sum of two sums in float, over the even and over the odd elements. With nDim below
- * 2, also 0 and below, it is the square of the difference of the first elements, so there has to be one.
+ * Float: each squared distance is the sum of two sums in float, over the even and over the odd
+ * elements. With nDim below 2, also 0 and below, it is the square of the difference of the first
+ * elements, so there has to be one.
  */
 KTL_API void KTsVQKohonen(const float* pVector, float** ppCodes, float* pDistances, int nDim, int nCodes,
                           int* pIndices, int nBest, int bRoot);

@@ -125,8 +125,8 @@ public:
         return KT_StsOk;
     }
 
-    // Numbers the leaves from left to right, and then, when nothing can fail any more, writes each vector's
-    // cell.
+    // Numbers the leaves from left to right, and then, when nothing can fail any more, writes each
+    // vector's cell.
     int finish(int* pLabels) {
         int cell = 0;
         for (KTCluster* leaf = firstLeaf; leaf != nullptr; leaf = leaf->pNextLeaf) {
@@ -223,9 +223,10 @@ private:
         return true;
     }
 
-    // A cluster that holds all of its parent's members splits as its parent did: the same list gives the same
-    // pair, the same means and the same sides. Vectors that are all equal, or none of which compares (a
-    // not-a-number in a mean), would otherwise cost a whole split for each empty cell.
+    // A cluster that holds all of its parent's members splits as its parent did: the same list
+    // gives the same pair, the same means and the same sides. Vectors that are all equal, or none
+    // of which compares (a not-a-number in a mean), would otherwise cost a whole split for each
+    // empty cell.
     bool repeatParentsSplit(KTCluster* cluster, KTCluster* left, KTCluster* right) {
         const bool isRight = (cluster->node & 1) != 0;
         KTCluster *const all = isRight ? right : left, *const none = isRight ? left : right;
@@ -445,8 +446,9 @@ void KTsVQCodebook(KTCodebook* pCodebook, float** ppVectors, int* pIndex, int nV
     reportMissing(call);
 }
 
-// A fixed scale counts twice, in each distance and in the mean. In the other modes distances are plain: automatic
-// scaling of the kernels has nothing to shift, since their roots fit, and the mean finds its own scale.
+// A fixed scale counts twice, in each distance and in the mean. In the other modes distances are
+// plain: automatic scaling of the kernels has nothing to shift, since their roots fit, and the mean
+// finds its own scale.
 void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex, int nVectors, int nDim,
                    int* pDistortion, int scaleMode, int* pScale) {
     int noScale = 0;

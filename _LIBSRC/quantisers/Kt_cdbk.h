@@ -25,7 +25,8 @@ struct KTCluster {
     int level;            // root 1, its children 2, ...
     KTCluster* pNextLeaf; // the leaves from left to right
     KTCluster* pOlder;    // all clusters of the codebook, newest first: what there is to free
-    // Of a leaf that holds all of its parent's members: its sibling, which holds none; null in all others.
+    // Of a leaf that holds all of its parent's members: its sibling, which holds none; null in all
+    // others.
     const KTCluster* pEmptySibling;
     bool hasOwnFrame; // whether its points stand in a frame of their own (Kt_cdbk_points.h)
 };

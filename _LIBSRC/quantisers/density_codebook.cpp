@@ -186,8 +186,8 @@ GaussMixServer* inverted(GaussMixServer* raw, int flags) {
     return server;
 }
 
-// A covariance of fewer than two vectors is not-a-numbers. As a diagonal it is kept; a full one has no pivot, and
-// the missing density would go unnoticed.
+// A covariance of fewer than two vectors is not-a-numbers. As a diagonal it is kept; a full one has
+// no pivot, and the missing density would go unnoticed.
 bool cannotBeInverted(int count, int nDim, int flags) {
     return count < 2 && nDim > 1 && (flags & KT_GAUSS_FULL) != 0;
 }

@@ -14,7 +14,8 @@ constexpr bool hasDescent(int nDim) {
     return nDim <= longestOfDescent;
 }
 
-// The planes of a codebook whose tree stands, in the given frame, which is copied; null when memory ran out.
+// The planes of a codebook whose tree stands, in the given frame, which is copied; null when memory
+// ran out.
 template <class Sample>
 KTDescent* makeDescent(const KTCodebook& codebook, const Frame& frame, double unit);
 void freeDescent(KTDescent* descent); // null is allowed

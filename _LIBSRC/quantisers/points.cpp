@@ -161,7 +161,8 @@ bool Points<Sample>::take(const Vectors& set, const Sample* const* rows) {
     return !isStray || sortOut();
 }
 
-// Tells the vectors that are not finite from those that are only far out; false when memory ran out.
+// Tells the vectors that are not finite from those that are only far out; false when memory ran
+// out.
 template <class Sample>
 bool Points<Sample>::sortOut() {
     kinds_ = Scratch<Kind>(set_.nVectors);
@@ -182,8 +183,9 @@ bool Points<Sample>::sortOut() {
     return true;
 }
 
-// The centre has the medians of a sample for its elements, which stray vectors do not move as they move the mean.
-// The middle one of the sample's magnitudes decides about scaling: what is ordinary is not scaled.
+// The centre has the medians of a sample for its elements, which stray vectors do not move as they
+// move the mean. The middle one of the sample's magnitudes decides about scaling: what is ordinary
+// is not scaled.
 template <class Sample>
 void Points<Sample>::chooseCommonFrame() {
     constexpr int most = 255;
@@ -370,8 +372,8 @@ private:
         return rows;
     }
 
-    // Radii may be taken from any point. The mean suits clouds and single vectors far out, the middle of the
-    // good pair suits skewed sets; the one that leaves fewer pairs is used.
+    // Radii may be taken from any point. The mean suits clouds and single vectors far out, the
+    // middle of the good pair suits skewed sets; the one that leaves fewer pairs is used.
     const float* squaresFromCentre() {
         const int nDim = own.set_.nDim;
         float* centre = own.normal();
@@ -395,7 +397,8 @@ private:
         return pairsLeft(fromMiddle) < pairsLeft(fromMean) ? fromMiddle : fromMean;
     }
 
-    // The mirror is the point of the two that is nearer to the middle of the smallest ball around all.
+    // The mirror is the point of the two that is nearer to the middle of the smallest ball around
+    // all.
     void chooseMirror(const float* fromMean, const float* fromMiddle) {
         const float mean = fromMean[placeOfLargest(fromMean)];
         const float middle = fromMiddle[placeOfLargest(fromMiddle)];
@@ -545,9 +548,9 @@ private:
             compareWithBoxes(i, i + 1);
     }
 
-    // Brings candidates that are near each other together: halves the slots from `first` to `last` along their
-    // widest coordinate, at its middle as nearly as whole blocks allow. Sets that are very uneven are halved by
-    // number from some depth on.
+    // Brings candidates that are near each other together: halves the slots from `first` to `last`
+    // along their widest coordinate, at its middle as nearly as whole blocks allow. Sets that are
+    // very uneven are halved by number from some depth on.
     void orderSlots(int first, int last, int depth) {
         const int size = last - first;
         if (size <= vsq::pointBlock) return;
@@ -594,7 +597,8 @@ private:
         return own.boxes_.get() + std::ptrdiff_t(block) * vsq::boxBlockSize(own.set_.nDim);
     }
 
-    // One block of boxes for each group of 256 candidates; behind them, in blocks too, the boxes around these.
+    // One block of boxes for each group of 256 candidates; behind them, in blocks too, the boxes
+    // around these.
     void fillBoxes() {
         const int nBlocks = (count + vsq::pointBlock - 1) / vsq::pointBlock;
         groups = (nBlocks + vsq::boxBlock - 1) / vsq::boxBlock;
@@ -643,8 +647,8 @@ private:
                 *std::min_element(own.order_.get() + i * size, own.order_.get() + i * size + nParts);
     }
 
-    // Where many pairs are equally far apart the first ones settle which stands, and only a larger distance
-    // matters from then on.
+    // Where many pairs are equally far apart the first ones settle which stands, and only a larger
+    // distance matters from then on.
     void compareFirstPlaces() {
         int before = -1;
         for (int round = 0; round < 4; ++round) {
@@ -693,8 +697,8 @@ private:
         }
     }
 
-    // The boxes of a block that may hold a partner that matters. `firstPlaces` has the smallest place of each box
-    // that is not empty.
+    // The boxes of a block that may hold a partner that matters. `firstPlaces` has the smallest
+    // place of each box that is not empty.
     unsigned farBoxes(const Row& row, int block, const int* firstPlaces) const {
         unsigned masks[2];
         kernels().farBoxes(row.point, row.mirrored, row.twice, boxBlockAt(block), own.set_.nDim, cuts.limit,
@@ -740,8 +744,8 @@ FarPair Points<Sample>::search(const int* members, int n) {
     return pair;
 }
 
-// A distance from a vector that is not finite is not a number here, or there would be an infinite one: no such
-// pair is ever the farthest.
+// A distance from a vector that is not finite is not a number here, or there would be an infinite
+// one: no such pair is ever the farthest.
 template <class Sample>
 FarPair Points<Sample>::searchFinite(const int* members, int n) {
     int* const list = kept_.get();
@@ -791,8 +795,9 @@ typename Points<Sample>::Pattern Points<Sample>::patternOf(int member, int place
     return pattern;
 }
 
-// Two vectors with the same infinity in one element are at no distance from each other; those with none in
-// common are infinitely far apart. So one vector of each pattern is enough, the first; there are few patterns.
+// Two vectors with the same infinity in one element are at no distance from each other; those with
+// none in common are infinitely far apart. So one vector of each pattern is enough, the first;
+// there are few patterns.
 template <class Sample>
 FarPair Points<Sample>::firstPairOfPatterns(const int* members, int n) {
     int count = 0;

@@ -2,9 +2,10 @@
 // centre, bounds on their distances, and the search for the farthest pair. Wherever a bound cannot decide,
 // the distance itself does.
 //
-// Bounds are worth something only where the copies keep what tells the vectors apart. So the centre is one that
-// stray vectors do not move, magnitudes far from 1 are scaled, a list of vectors that the common frame does not
-// suit gets a frame of its own, and vectors that are not finite are set aside.
+// Bounds are worth something only where the copies keep what tells the vectors apart. So the centre
+// is one that stray vectors do not move, magnitudes far from 1 are scaled, a list of vectors that
+// the common frame does not suit gets a frame of its own, and vectors that are not finite are set
+// aside.
 #pragma once
 
 #include "frame/scratch.h"
@@ -28,8 +29,8 @@ struct FarPair {
     bool hasOwnFrame = false;  // whether the search has left the members' points in a frame of their own
 };
 
-// A coordinate of a point is element * factor - centre. The factor is a power of two; it is 1 in the fixed
-// flavour.
+// A coordinate of a point is element * factor - centre. The factor is a power of two; it is 1 in
+// the fixed flavour.
 struct Frame {
     const float* centre; // nDim floats
     float factor;
@@ -64,16 +65,16 @@ public:
     float* normal() { return normal_.get(); }
     char* labels() { return labels_.get(); }
 
-    // Selects the frame that the members' points stand in. A frame of their own is set up again, points
-    // included; one at a time is remembered.
+    // Selects the frame that the members' points stand in. A frame of their own is set up again,
+    // points included; one at a time is remembered.
     void select(const int* members, int n, bool hasOwnFrame);
 
     // labels()[i] becomes 'L' or 'R', or '?' where the distances have to decide, for the n members.
     void label(const int* members, int n, const vsq::Plane& plane);
 
-    // The first pair, in the order of the plain double loop over the list, among those at the largest
-    // distance above 0; (0, 0) without one. The spread is that of the pair. `hasOwnFrame` tells whether the
-    // members' points stand in another frame than the common one.
+    // The first pair, in the order of the plain double loop over the list, among those at the
+    // largest distance above 0; (0, 0) without one. The spread is that of the pair. `hasOwnFrame`
+    // tells whether the members' points stand in another frame than the common one.
     FarPair farthest(const int* members, int n, bool hasOwnFrame = false);
 
 private:
@@ -122,8 +123,8 @@ private:
     Scratch<int> boxOrder_; // the smallest place of each of the latter
     Scratch<char> labels_;
     Scratch<Kind> kinds_;
-    Scratch<int>
-        kept_; // where there are vectors that are not finite: those of a list that are, and their places
+    // Where there are vectors that are not finite: those of a list that are, and their places.
+    Scratch<int> kept_;
     Scratch<Pattern> patterns_;
 };
 

@@ -1,9 +1,10 @@
 // The loops of tree codebooks: which of two seeds is nearer, and which pair of points is the farthest.
 //
-// Everything here works on points: float copies of the vectors, scaled by a power of two and relative to
-// one centre, `stride` floats each (a multiple of 16, filled up with zeros). Results are sound, not exact: where float arithmetic cannot tell
-// what the distances themselves would say, the answer is "in doubt", and the caller asks the distances. So
-// every decision is the one of the distances, whatever the order of summation here.
+// Everything here works on points: float copies of the vectors, scaled by a power of two and
+// relative to one centre, `stride` floats each (a multiple of 16, filled up with zeros). Results
+// are sound, not exact: where float arithmetic cannot tell what the distances themselves would say,
+// the answer is "in doubt", and the caller asks the distances. So every decision is the one of the
+// distances, whatever the order of summation here.
 #pragma once
 
 #include "levels/levelrecord.h"
@@ -37,17 +38,18 @@ struct PlaneTree {
 // coordinates[(i / 16) * 16 * nDim + k * 16 + i % 16].
 constexpr int pointBlock = 16;
 
-// Boxes around groups of points, in blocks of 16: for each coordinate k the 16 lower bounds at block[32 * k] and
-// the 16 upper ones behind them, and at block[32 * nDim] twice the largest squared length of a group's points,
-// seen from a mirror: a point in space that the caller has chosen. An empty group has minus infinity there.
+// Boxes around groups of points, in blocks of 16: for each coordinate k the 16 lower bounds at
+// block[32 * k] and the 16 upper ones behind them, and at block[32 * nDim] twice the largest
+// squared length of a group's points, seen from a mirror: a point in space that the caller has
+// chosen. An empty group has minus infinity there.
 constexpr int boxBlock = 16;
 constexpr int boxBlockSize(int nDim) {
     return boxBlock * (2 * nDim + 1);
 }
 
 struct TreeKernels {
-    // Writes one point: p[k] = src[k] * factor - centre[k] for k < nDim (the factor of shorts is 1), zeros up to
-    // stride. Returns the sum of its squares.
+    // Writes one point: p[k] = src[k] * factor - centre[k] for k < nDim (the factor of shorts is
+    // 1), zeros up to stride. Returns the sum of its squares.
     float (*pointOfFloats)(const float* src, float factor, const float* centre, int nDim, float* p,
                            int stride);
     float (*pointOfShorts)(const short* src, const float* centre, int nDim, float* p, int stride);
@@ -77,8 +79,9 @@ struct TreeKernels {
     int (*nextFar)(const float* p, const float* coordinates, int nDim, int block, int end, float limit,
                    float above, unsigned* masks);
 
-    // Which of 16 boxes may hold a point whose squared distance from p is not below `limit` (masks[0]), and not
-    // below `above` (masks[1]). The distance is bounded by the far corner, and by the parallelogram law:
+    // Which of 16 boxes may hold a point whose squared distance from p is not below `limit`
+    // (masks[0]), and not below `above` (masks[1]). The distance is bounded by the far corner, and
+    // by the parallelogram law:
     //     |p - q|^2 = 2 |p - m|^2 + 2 |q - m|^2 - |mirrored - q|^2,    mirrored = 2 m - p
     // for the mirror m, which says more of points on a sphere. `twice` is the first term.
     void (*farBoxes)(const float* p, const float* mirrored, float twice, const float* block, int nDim,
