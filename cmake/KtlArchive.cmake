@@ -1,9 +1,9 @@
 # Archives that have no global names but their interface's.
 #
-# The objects are joined into one, and in that all other names become local: an application may have an `ownAlloc` of its
-# own. On ELF the interface is hidden as well, so that a shared object that is linked with an archive does not export
-# it again. Needs a linker with -r and objcopy; where they cannot do it, and under sanitizers, the archive
-# is made of the plain objects.
+# The objects are joined into one, and in that all other names become local: an application may have
+# an `ownAlloc` of its own. On ELF the interface is hidden as well, so that a shared object that is
+# linked with an archive does not export it again. Needs a linker with -r and objcopy; where they
+# cannot do it, and under sanitizers, the archive is made of the plain objects.
 
 # What the compiler's driver is told beside the objects, so that it joins objects of this target.
 function(ktl_driver_flags result)
@@ -26,7 +26,8 @@ function(ktl_try_localising)
   endif()
   set(possible OFF)
   if(CMAKE_OBJCOPY AND CMAKE_NM AND NOT KTLP6_SANITIZED)
-    file(WRITE ${work}/try.cpp "extern \"C\" int kept() { return 1; }\nextern \"C\" int inner() { return 2; }\n")
+    file(WRITE ${work}/try.cpp
+      "extern \"C\" int kept() { return 1; }\nextern \"C\" int inner() { return 2; }\n")
     file(WRITE ${work}/names "kept\n_kept\n")
     ktl_driver_flags(flags)
     set(compile ${flags})
@@ -44,9 +45,9 @@ function(ktl_try_localising)
     endif()
   endif()
   if(NOT possible)
-    message(STATUS "the archives keep the library's inner global names: no tools that make them local")
+    message(STATUS "the archives keep inner global names: no tools that make them local")
   endif()
-  set(KTLP6_LOCALISED ${possible} CACHE INTERNAL "whether archives have no global names but their interface's")
+  set(KTLP6_LOCALISED ${possible} CACHE INTERNAL "whether inner names are local in archives")
 endfunction()
 
 # ktl_archive(TARGET NAMES name... OBJECTS object...): a static library that needs no C++ runtime.
@@ -61,7 +62,8 @@ function(ktl_archive target)
   add_library(${target} STATIC ${arg_OBJECTS})
   set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C)
   target_include_directories(${target} PUBLIC
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(${target} PUBLIC Threads::Threads $<$<NOT:$<PLATFORM_ID:Windows>>:m>)
 endfunction()
 
@@ -74,7 +76,7 @@ function(ktl_local_object target names objects)
   list(TRANSFORM names PREPEND "${prefix}")
   list(JOIN names "\n" lines)
   file(CONFIGURE OUTPUT ${target}.names CONTENT "${lines}\n")
-  if(NOT WIN32) # the strictest visibility of a name that any of the joined objects tells is the one it gets
+  if(NOT WIN32) # of the visibilities that the joined objects tell of a name it gets the strictest
     list(TRANSFORM names REPLACE "^(.+)$" "__asm__(\".globl \\1\\\\n.hidden \\1\\\\n\")")
     list(JOIN names "$<SEMICOLON>\n" lines)
     file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/${target}_hidden.c CONTENT "${lines}$<SEMICOLON>\n")

@@ -1,9 +1,10 @@
-# install: the libraries, the headers, a CMake package and a pkg-config file for each header. The build tree is a package,
-# too: ktlp6_DIR may name it.
+# install: the libraries, the headers, a CMake package and a pkg-config file for each header. The
+# build tree is a package, too: ktlp6_DIR may name it.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/ktlp6)
-configure_package_config_file(cmake/ktlp6Config.cmake.in ktlp6Config.cmake INSTALL_DESTINATION ${package_dir})
+configure_package_config_file(cmake/ktlp6Config.cmake.in ktlp6Config.cmake
+  INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(ktlp6ConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 
 set(KTL_INSTALLED ktlp6_static vsq)

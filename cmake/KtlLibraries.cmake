@@ -1,5 +1,6 @@
-# The shared module, its static twin and the kernels alone, all from the same objects. BUILD_SHARED_LIBS, where it is
-# set, says which of the first two ktlp6::ktlp6 is; otherwise it is the shared module.
+# The shared module, its static twin and the kernels alone, all from the same objects.
+# BUILD_SHARED_LIBS, where it is set, says which of the first two ktlp6::ktlp6 is; otherwise it is
+# the shared module.
 set(vsq_objects ${VSQ_OBJECTS} $<TARGET_OBJECTS:ktl_platform>)
 set(ktl_objects $<TARGET_OBJECTS:ktl_recognition> ${vsq_objects})
 find_package(Threads REQUIRED)
@@ -40,7 +41,8 @@ set_target_properties(ktlp6_static PROPERTIES OUTPUT_NAME ktlp6)
 target_compile_definitions(ktlp6_static INTERFACE KTLP6_STATIC)
 
 # The functions that vsq.h declares.
-file(STRINGS ${PROJECT_SOURCE_DIR}/include/vsq.h kernel_names REGEX "^[a-z][^(]*[ *]vsq[A-Za-z0-9]+\\(")
+file(STRINGS ${PROJECT_SOURCE_DIR}/include/vsq.h kernel_names
+  REGEX "^[a-z][^(]*[ *]vsq[A-Za-z0-9]+\\(")
 list(TRANSFORM kernel_names REPLACE "^[^(]*[ *](vsq[A-Za-z0-9]+)\\(.*$" "\\1")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/vsq.h)
 ktl_archive(vsq NAMES ${kernel_names} OBJECTS ${vsq_objects})

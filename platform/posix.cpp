@@ -17,15 +17,16 @@ constinit thread_local void* threadSlot = nullptr;
 
 namespace {
 
-// A thread's end is seen through a thread-specific value, the record's address, whose destructor is of this
-// module. So the key has to go with the module, and the records of threads that still live are then released
-// by the unloading itself: no code of this module is left for a later end of theirs. The table names them.
+// A thread's end is seen through a thread-specific value, the record's address, whose destructor is
+// of this module. So the key has to go with the module, and the records of threads that still live
+// are then released by the unloading itself: no code of this module is left for a later end of
+// theirs. The table names them.
 pthread_key_t endKey;
 pthread_once_t keyOnce = PTHREAD_ONCE_INIT;
 constinit std::atomic<bool> haveKey = false;
 
-// Grows by whole pieces, which stay until the unloading. No lock, so that a process forked while another
-// thread starts is not left with one that nobody opens.
+// Grows by whole pieces, which stay until the unloading. No lock, so that a process forked while
+// another thread starts is not left with one that nobody opens.
 struct RecordTable {
     std::atomic<void*> records[64];
     std::atomic<RecordTable*> rest;
@@ -106,9 +107,9 @@ void releaseTablesBehind(RecordTable& table) {
     }
 }
 
-// Runs before unloadModule where the module is taken out of the process, and after it where the process ends:
-// a process that ends destroys its objects before it closes its modules. Only in the first case can no other
-// thread be inside the library.
+// Runs before unloadModule where the module is taken out of the process, and after it where the
+// process ends: a process that ends destroys its objects before it closes its modules. Only in the
+// first case can no other thread be inside the library.
 [[gnu::destructor]] void releaseOtherThreads() {
     if (unloaded) return;
     for (RecordTable* table = &firstTable; table != nullptr; table = table->rest)
@@ -145,9 +146,9 @@ Choice choiceOf(BoxButtons buttons) {
     return {{BoxAnswer::yes, "[Y]es", 'y'}, {BoxAnswer::no, "[N]o", 'n'}};
 }
 
-// The next character from the terminal; false at the input's end. A signal that a handler has seen to and an
-// application that reads without waiting are no end. Read past the application's stdin, whose buffer is not
-// ours to empty.
+// The next character from the terminal; false at the input's end. A signal that a handler has seen
+// to and an application that reads without waiting are no end. Read past the application's stdin,
+// whose buffer is not ours to empty.
 bool readCharacter(char& next) {
     for (;;) {
         const ssize_t count = read(STDIN_FILENO, &next, 1);

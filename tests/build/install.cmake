@@ -1,6 +1,8 @@
-# Installs the build, moves the installed tree, and builds and runs small programs against it in every way that README names:
-# the CMake package and pkg-config; shared, static, and the kernels alone; and against the build tree.
-#   cmake -D BUILD=<build tree> -D SOURCE=<source tree> -D WORK=<folder> -D CC=<C compiler> -D CXX=<C++ compiler>
+# Installs the build, moves the installed tree, and builds and runs small programs against it in
+# every way that README names: the CMake package and pkg-config; shared, static, and the kernels
+# alone; and against the build tree.
+#   cmake -D BUILD=<build tree> -D SOURCE=<source tree> -D WORK=<folder>
+#         -D CC=<C compiler> -D CXX=<C++ compiler>
 #         -D CFLAGS=<flags> -D LOCALISED=<whether the archives have local names> -P install.cmake
 cmake_minimum_required(VERSION 3.22)
 include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
@@ -24,8 +26,9 @@ function(expect_no_library file)
 endfunction()
 
 function(consume folder)
-  run(${CMAKE_COMMAND} -G Ninja -S ${SOURCE}/tests/build/consumer -B ${WORK}/${folder} -DCMAKE_BUILD_TYPE=Release
-      -DCMAKE_C_COMPILER=${CC} -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_C_FLAGS=${CFLAGS} -DCMAKE_CXX_FLAGS=${CFLAGS} ${ARGN})
+  run(${CMAKE_COMMAND} -G Ninja -S ${SOURCE}/tests/build/consumer -B ${WORK}/${folder}
+      -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_COMPILER=${CC} -DCMAKE_CXX_COMPILER=${CXX}
+      -DCMAKE_C_FLAGS=${CFLAGS} -DCMAKE_CXX_FLAGS=${CFLAGS} ${ARGN})
   run(${CMAKE_COMMAND} --build ${WORK}/${folder})
   foreach(program IN LISTS programs)
     run(${WORK}/${folder}/${program})
@@ -73,7 +76,8 @@ function(by_pkg_config program source arguments)
     message(SEND_ERROR "pkg-config ${arguments} asks for the C++ runtime: ${flags}")
   endif()
   separate_arguments(flags UNIX_COMMAND "${flags}")
-  run(${CC} ${c_flags} ${SOURCE}/tests/build/consumer/${source}.c -o ${WORK}/${program} ${flags} ${ARGN})
+  run(${CC} ${c_flags} ${SOURCE}/tests/build/consumer/${source}.c
+      -o ${WORK}/${program} ${flags} ${ARGN})
   run(${WORK}/${program})
 endfunction()
 by_pkg_config(pc-shared main ktlp6)

@@ -1,6 +1,7 @@
 # run(command...) ends the script, with all that the command wrote, if the command fails.
 function(run)
-  execute_process(COMMAND ${ARGV} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+  execute_process(COMMAND ${ARGV} RESULT_VARIABLE result
+    OUTPUT_VARIABLE output ERROR_VARIABLE output)
   if(NOT result EQUAL 0)
     message(FATAL_ERROR "failed (${result}): ${ARGV}\n${output}")
   endif()

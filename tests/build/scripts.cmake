@@ -1,5 +1,5 @@
-# The scripts of the root from another folder: each tells its own usage, and run-demo takes a folder as its caller sees it.
-# Compilers and packages are stood in for: nothing is built.
+# The scripts of the root from another folder: each tells its own usage, and run-demo takes a folder
+# as its caller sees it. Compilers and packages are stood in for: nothing is built.
 #   cmake -D SOURCE=<source tree> -D WORK=<folder> -P scripts.cmake
 cmake_minimum_required(VERSION 3.22)
 include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
@@ -34,7 +34,8 @@ endforeach()
 expect("^${WORK}/elsewhere/recordings\n" ../tree/run-demo recordings)
 expect("^${WORK}/elsewhere/recordings\n" ../tree/run-demo ${WORK}/elsewhere/recordings)
 expect("^${WORK}/tree/examples/data/digits\n" ../tree/run-demo)
-expect("--report ${WORK}/tree/build/report.html --recogniser mlp\n$" ../tree/run-demo recordings --recogniser mlp)
+expect("--report ${WORK}/tree/build/report.html --recogniser mlp\n$"
+  ../tree/run-demo recordings --recogniser mlp)
 
 execute_process(COMMAND ${WORK}/tree/run-demo absent RESULT_VARIABLE result ERROR_VARIABLE told)
 if(result EQUAL 0 OR NOT told MATCHES "no folder absent")

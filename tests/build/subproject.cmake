@@ -1,12 +1,14 @@
-# The library as a part of another project: it leaves that project's build type alone, installs nothing unasked, and is what
-# BUILD_SHARED_LIBS says.
-#   cmake -D SOURCE=<source tree> -D WORK=<folder> -D CC=<C compiler> -D CXX=<C++ compiler> -P subproject.cmake
+# The library as a part of another project: it leaves that project's build type alone, installs
+# nothing unasked, and is what BUILD_SHARED_LIBS says.
+#   cmake -D SOURCE=<source tree> -D WORK=<folder> -D CC=<C compiler> -D CXX=<C++ compiler>
+#         -P subproject.cmake
 cmake_minimum_required(VERSION 3.22)
 include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
 unset(ENV{CMAKE_BUILD_TYPE})
 
 function(configure folder kind)
-  run(${CMAKE_COMMAND} -G Ninja -S ${SOURCE}/tests/build/parent -B ${WORK}/${folder} -DKTLP6_SOURCE=${SOURCE}
+  run(${CMAKE_COMMAND} -G Ninja -S ${SOURCE}/tests/build/parent -B ${WORK}/${folder}
+      -DKTLP6_SOURCE=${SOURCE}
       -DCMAKE_C_COMPILER=${CC} -DCMAKE_CXX_COMPILER=${CXX} ${ARGN})
   file(READ ${WORK}/${folder}/kind found)
   if(NOT found STREQUAL kind)

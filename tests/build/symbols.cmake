@@ -1,6 +1,6 @@
-# What the shared module and the archives define for others stands in exports.txt and in vsq.h, and level objects define no
-# weak symbol: one that two levels share would be linked once, from whichever level comes first, and run on processors that
-# lack it.
+# What the shared module and the archives define for others stands in exports.txt and in vsq.h, and
+# level objects define no weak symbol: one that two levels share would be linked once, from
+# whichever level comes first, and run on processors that lack it.
 cmake_minimum_required(VERSION 3.22)
 file(STRINGS ${SOURCE}/exports.txt exported REGEX "^[A-Za-z_]")
 list(LENGTH exported count)
@@ -16,7 +16,8 @@ list(TRANSFORM kernels REPLACE "[ *(]" "")
 
 # expect_defined(file names nm's options...): it defines these names for others and no more.
 function(expect_defined file names)
-  execute_process(COMMAND ${NM} ${ARGN} --defined-only ${file} OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
+  execute_process(COMMAND ${NM} ${ARGN} --defined-only ${file}
+    OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
   string(REGEX MATCHALL "[0-9a-f]+ [A-Za-z] [^\n]+" lines "${symbols}")
   set(defined "")
   foreach(line IN LISTS lines)

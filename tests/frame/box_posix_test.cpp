@@ -6,14 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
-#include <thread>
 
 #include <fcntl.h>
 #include <pty.h>
@@ -205,7 +203,7 @@ TEST_F(Terminal, ASignalDuringTheQuestionIsNoAnswer) {
     session.type("\n");
     session.awaitText("[Y]es / [N]o: ");
     for (int i = 0; i < 3; ++i) { // the first may come before the child waits
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        usleep(20000);
         session.signal(SIGUSR1);
         session.awaitText("!");
     }
@@ -220,7 +218,7 @@ TEST_F(Terminal, WaitsForAnAnswerWhereTheApplicationReadsWithoutWaiting) {
     });
     session.type("\n");
     session.awaitText("[Y]es / [N]o: ");
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    usleep(20000);
     session.type("n\n");
     EXPECT_EQ(session.atTheEnd().exitCode, returned);
 }

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <latch>
 #include <thread>
@@ -165,7 +164,8 @@ void unloadUnderThreads(int count) {
 
 } // namespace
 
-// More rounds than the system has keys; not many more under a sanitizer, where each takes tens of milliseconds.
+// More rounds than the system has keys; not many more under a sanitizer, where each takes tens of
+// milliseconds.
 TEST(SharedModule, GivesItsSlotBackWhereThreadsThatCalledOutliveIt) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     constexpr int rounds = 1100;
@@ -186,10 +186,11 @@ TEST(SharedModule, GivesItsSlotBackWhereMoreThreadsOutliveItThanOneTableNames) {
     EXPECT_EQ(keysToBeHad(), before);
 }
 
-// The threads of a process that ends may still be inside the library when its objects are destroyed.
+// The threads of a process that ends may still be inside the library when its objects are
+// destroyed.
 TEST(SharedModule, TheEndOfTheProcessTakesNoRecordFromThreadsThatRun) {
     const auto endAmongCalls = [] {
-        std::atexit([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }); // after the module's
+        std::atexit([] { usleep(20000); }); // after the module's objects went
         const auto* module = new Module;
         const auto setStatus = module->get<SetInt>("KTSetStatus");
         const auto getStatus = module->get<GetInt>("KTGetStatus");

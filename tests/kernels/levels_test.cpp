@@ -1,4 +1,5 @@
-// Tests of a kernel run on every instruction-set level that the machine has; what that leaves out is told here.
+// Tests of a kernel run on every instruction-set level that the machine has; what that leaves out
+// is told here.
 #include "levels.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// Runs a program's tests. Exit code 0 says that all of them ran and hold; 77 that what ran holds, but that some
-// could not run, which are named with the reason.
+// Runs a program's tests. Exit code 0 says that all of them ran and hold; 77 that what ran holds,
+// but that some could not run, which are named with the reason.
 #include <gtest/gtest.h>
 
 #include <cstdio>
