@@ -25,7 +25,9 @@ function(ktl_try_localising)
     return()
   endif()
   set(possible OFF)
-  if(CMAKE_OBJCOPY AND CMAKE_NM AND NOT KTLP6_SANITIZED)
+  if(CMAKE_OBJCOPY AND CMAKE_NM AND NOT KTLP6_SANITIZED AND NOT CMAKE_CONFIGURATION_TYPES
+     AND NOT CMAKE_CXX_FLAGS MATCHES "--coverage|-fprofile|-flto"
+     AND NOT CMAKE_INTERPROCEDURAL_OPTIMIZATION)
     file(WRITE ${work}/try.cpp
       "extern \"C\" int kept() { return 1; }\nextern \"C\" int inner() { return 2; }\n")
     file(WRITE ${work}/names "kept\n_kept\n")
@@ -50,44 +52,50 @@ function(ktl_try_localising)
   set(KTLP6_LOCALISED ${possible} CACHE INTERNAL "whether inner names are local in archives")
 endfunction()
 
-# ktl_archive(TARGET NAMES name... OBJECTS object...): a static library that needs no C++ runtime.
+# ktl_archive(TARGET PLAIN target NAMES name... OBJECTS object...): a static library that needs no C++
+# runtime. PLAIN gets the objects as they are, for tests and benchmarks that look inside.
 function(ktl_archive target)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "NAMES;OBJECTS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "PLAIN" "NAMES;OBJECTS")
+  add_library(${arg_PLAIN} STATIC EXCLUDE_FROM_ALL ${arg_OBJECTS})
+  set_target_properties(${arg_PLAIN} PROPERTIES LINKER_LANGUAGE CXX)
   ktl_try_localising()
   if(KTLP6_LOCALISED)
-    ktl_local_object(${target} "${arg_NAMES}" "${arg_OBJECTS}")
+    ktl_local_object(${target} ${arg_PLAIN} ${arg_NAMES})
     set(arg_OBJECTS ${PROJECT_BINARY_DIR}/${target}.o)
     set_source_files_properties(${arg_OBJECTS} PROPERTIES EXTERNAL_OBJECT TRUE GENERATED TRUE)
   endif()
   add_library(${target} STATIC ${arg_OBJECTS})
   set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C)
-  target_include_directories(${target} PUBLIC
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
-    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-  target_link_libraries(${target} PUBLIC Threads::Threads $<$<NOT:$<PLATFORM_ID:Windows>>:m>)
+  foreach(library IN ITEMS ${target} ${arg_PLAIN})
+    target_include_directories(${library} PUBLIC
+      $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+      $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    target_link_libraries(${library} PUBLIC Threads::Threads
+      $<$<NOT:$<PLATFORM_ID:Windows>>:m>)
+  endforeach()
 endfunction()
 
-# Makes TARGET.o of the objects.
-function(ktl_local_object target names objects)
-  set(prefix "")
-  if(WIN32 AND CMAKE_SIZEOF_VOID_P EQUAL 4) # where the names of C functions have one
-    set(prefix _)
+# Makes TARGET.o of the archive PLAIN; NAMES stay global.
+function(ktl_local_object target plain)
+  set(names ${ARGN})
+  if(WIN32 AND CMAKE_SIZEOF_VOID_P EQUAL 4) # where the names of C functions begin so
+    list(TRANSFORM names PREPEND _)
   endif()
-  list(TRANSFORM names PREPEND "${prefix}")
   list(JOIN names "\n" lines)
   file(CONFIGURE OUTPUT ${target}.names CONTENT "${lines}\n")
   if(NOT WIN32) # of the visibilities that the joined objects tell of a name it gets the strictest
     list(TRANSFORM names REPLACE "^(.+)$" "__asm__(\".globl \\1\\\\n.hidden \\1\\\\n\")")
     list(JOIN names "$<SEMICOLON>\n" lines)
-    file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/${target}_hidden.c CONTENT "${lines}$<SEMICOLON>\n")
-    add_library(${target}_hidden OBJECT ${PROJECT_BINARY_DIR}/${target}_hidden.c)
-    list(APPEND objects $<TARGET_OBJECTS:${target}_hidden>)
+    set(source ${PROJECT_BINARY_DIR}/${target}_hidden.c)
+    file(GENERATE OUTPUT ${source} CONTENT "${lines}$<SEMICOLON>\n")
+    target_sources(${plain} PRIVATE ${source})
   endif()
   ktl_driver_flags(flags)
   add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/${target}.o
-    COMMAND ${CMAKE_CXX_COMPILER} ${flags} -o ${target}_whole.o ${objects}
+    COMMAND ${CMAKE_CXX_COMPILER} ${flags} -o ${target}_whole.o
+      -Wl,--whole-archive $<TARGET_FILE:${plain}> -Wl,--no-whole-archive
     COMMAND ${CMAKE_OBJCOPY} --keep-global-symbols=${target}.names ${target}_whole.o ${target}.o
-    DEPENDS ${objects} ${PROJECT_BINARY_DIR}/${target}.names
+    DEPENDS ${plain} ${PROJECT_BINARY_DIR}/${target}.names
     WORKING_DIRECTORY ${PROJECT_BINARY_DIR} COMMAND_EXPAND_LISTS VERBATIM
     COMMENT "Joining the objects of ${target}")
 endfunction()

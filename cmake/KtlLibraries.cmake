@@ -36,23 +36,17 @@ target_include_directories(ktlp6 PUBLIC
 target_link_libraries(ktlp6 PRIVATE Threads::Threads)
 
 # libktlp6.a, beside which the Windows import library is libktlp6.dll.a.
-ktl_archive(ktlp6_static NAMES ${exports} OBJECTS ${ktl_objects})
+ktl_archive(ktlp6_static PLAIN ktlp6_internal NAMES ${exports} OBJECTS ${ktl_objects})
 set_target_properties(ktlp6_static PROPERTIES OUTPUT_NAME ktlp6)
 target_compile_definitions(ktlp6_static INTERFACE KTLP6_STATIC)
+target_compile_definitions(ktlp6_internal INTERFACE KTLP6_STATIC)
 
 # The functions that vsq.h declares.
 file(STRINGS ${PROJECT_SOURCE_DIR}/include/vsq.h kernel_names
   REGEX "^[a-z][^(]*[ *]vsq[A-Za-z0-9]+\\(")
 list(TRANSFORM kernel_names REPLACE "^[^(]*[ *](vsq[A-Za-z0-9]+)\\(.*$" "\\1")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/vsq.h)
-ktl_archive(vsq NAMES ${kernel_names} OBJECTS ${vsq_objects})
-
-# The same objects as they are, for tests and benchmarks that look inside.
-add_library(ktlp6_internal STATIC EXCLUDE_FROM_ALL ${ktl_objects})
-set_target_properties(ktlp6_internal PROPERTIES LINKER_LANGUAGE CXX)
-target_compile_definitions(ktlp6_internal INTERFACE KTLP6_STATIC)
-target_include_directories(ktlp6_internal PUBLIC ${PROJECT_SOURCE_DIR}/include)
-target_link_libraries(ktlp6_internal PUBLIC Threads::Threads)
+ktl_archive(vsq PLAIN vsq_internal NAMES ${kernel_names} OBJECTS ${vsq_objects})
 
 add_library(ktlp6::ktlp6 ALIAS ${KTL_MAIN_LIBRARY})
 add_library(ktlp6::ktlp6_static ALIAS ktlp6_static)
