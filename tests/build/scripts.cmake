@@ -25,6 +25,8 @@ stand_in(tools/cmake "")
 stand_in(tree/scripts/install-packages "")
 stand_in(tree/build/release/examples/words/words "cd \"$3\" && pwd && echo \"$@\"")
 set(ENV{PATH} "${WORK}/tools:$ENV{PATH}")
+set(log build/release/Testing/Temporary)
+stand_in(tools/ctest "mkdir -p ${log} && echo 'skipped: A.b: no c' >${log}/LastTest.log; exit \${3:-0}")
 
 foreach(script run-demo run-tests)
   foreach(option --help -h)
@@ -36,6 +38,10 @@ expect("^${WORK}/elsewhere/recordings\n" ../tree/run-demo ${WORK}/elsewhere/reco
 expect("^${WORK}/tree/examples/data/digits\n" ../tree/run-demo)
 expect("--report ${WORK}/tree/build/report.html --recogniser mlp\n$"
   ../tree/run-demo recordings --recogniser mlp)
+
+# run-tests ends as ctest does, which stands for its argument here, and tells what was skipped.
+expect("skipped: A.b: no c\n$" ../tree/run-tests release)
+expect("skipped: A.b: no c\n$" sh -c "! ../tree/run-tests release 3")
 
 execute_process(COMMAND ${WORK}/tree/run-demo absent RESULT_VARIABLE result ERROR_VARIABLE told)
 if(result EQUAL 0 OR NOT told MATCHES "no folder absent")
