@@ -1,8 +1,10 @@
 /* vsq.h - the signal kernels under ktlP6: transforms and vector operations.
  *
- * The kernels are a static library of their own; the shared module keeps them to itself. Each function checks
- * its arguments in the order given and reports a refusal through vsqError, which under the layer's settings,
- * that nothing can change, ends the process with exit code 1 and no text. So a caller checks before it calls.
+ * The kernels are a static library of their own, libvsq; libktlp6, shared or static, keeps its
+ * kernels to itself, with caches and a status of their own. Each function checks its arguments in
+ * the order given and reports a refusal through vsqError, which under the layer's settings, that
+ * nothing can change, ends the process with exit code 1 and no text. So a caller checks before it
+ * calls.
  *
  * In names: s float, w 16-bit, c complex float (real and imaginary part interleaved), b block; a digit is the
  * number of array operands. Arrays need no alignment beyond their element's. Unless said otherwise lengths

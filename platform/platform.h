@@ -15,10 +15,12 @@ bool processorHasAvx512();
 
 // ---- the thread's record ----
 //
-// One slot of thread-local storage holds the address of one record per thread. A record is made by loadModule
-// for the thread that loads the module, by the system's notice of a thread's start where there is one (the
-// Windows DLL), and otherwise by the thread's first call. It is released, alone and without anything that it
-// points to, at the thread's end and for the unloading thread at the module's unloading. In a static Windows
+// One slot of thread-local storage holds the address of one record per thread. A record is made by
+// loadModule for the thread that loads the module, by the system's notice of a thread's start where
+// there is one (the Windows DLL), and otherwise by the thread's first call. It is released, alone
+// and without anything that it points to, at the thread's end and for the unloading thread at the
+// module's unloading. The records of threads that outlive the unloading go with the module too; on
+// Windows they stay, since the system's slot tells only the calling thread's. In a static Windows
 // build no notice of a thread's end comes, and the record stays until the process ends.
 
 // How the layer above makes a record: `bytes` zero-filled bytes, which setUp completes.
@@ -42,9 +44,9 @@ inline void* threadRecord() {
 // Makes the calling thread's record; null when there is no memory or no slot.
 void* startThread(const RecordForm& form);
 
-// Module load and unload. Loading takes the slot and makes the calling thread's record, unloading releases
-// that record and the slot. `form` stays valid in between. Threads that call before or after this get their
-// record on first use.
+// Module load and unload. Loading takes the slot and makes the calling thread's record, unloading
+// releases that record and the slot, whatever other threads still live. `form` stays valid in
+// between. Threads that call before or after this get their record on first use.
 void loadModule(const RecordForm& form);
 void unloadModule();
 

@@ -2,10 +2,12 @@
 
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -15,47 +17,67 @@ constinit thread_local void* threadSlot = nullptr;
 
 namespace {
 
-// A thread's end is seen through two thread-specific values, both the record's address. `endKey` has a
-// destructor of this module: it empties the slot, so that whatever the thread still calls gets a new record.
-// `releaseKey` has the standard free. When the module is unloaded the first key goes; the second stays if
-// other threads still hold records: each is then released at its thread's end by code that is certain to be
-// there. Unloading therefore neither leaves a destructor in unmapped code nor loses a record, and never
-// touches the record of a thread that may be running.
+// A thread's end is seen through a thread-specific value, the record's address, whose destructor is
+// of this module. So the key has to go with the module, and the records of threads that still live
+// are then released by the unloading itself: no code of this module is left for a later end of
+// theirs. The table names them.
 pthread_key_t endKey;
-pthread_key_t releaseKey;
-pthread_once_t keysOnce = PTHREAD_ONCE_INIT;
-constinit std::atomic<bool> haveKeys = false;
-constinit std::atomic<int> registeredThreads = 0;
+pthread_once_t keyOnce = PTHREAD_ONCE_INIT;
+constinit std::atomic<bool> haveKey = false;
 
-bool setBoth(void* value) {
-    return pthread_setspecific(releaseKey, value) == 0 && pthread_setspecific(endKey, value) == 0;
+// Grows by whole pieces, which stay until the unloading. No lock, so that a process forked while
+// another thread starts is not left with one that nobody opens.
+struct RecordTable {
+    std::atomic<void*> records[64];
+    std::atomic<RecordTable*> rest;
+};
+constinit RecordTable firstTable{};
+
+RecordTable* restOf(RecordTable& table) {
+    RecordTable* rest = table.rest;
+    if (rest != nullptr) return rest;
+    auto* made = static_cast<RecordTable*>(std::calloc(1, sizeof(RecordTable)));
+    if (made == nullptr) return nullptr;
+    if (table.rest.compare_exchange_strong(rest, made)) return made;
+    std::free(made); // another thread was faster
+    return rest;
 }
 
-// The order of the two destructors is not defined: a value that is still there has not been freed.
-void threadEnds(void* record) {
-    threadSlot = nullptr;
-    --registeredThreads;
-    if (pthread_getspecific(releaseKey) != record) return;
-    pthread_setspecific(releaseKey, nullptr);
+// Puts `to` where `from` stands; false where it stands nowhere.
+bool replace(RecordTable& table, void* from, void* to) {
+    for (std::atomic<void*>& record : table.records) {
+        void* expected = from;
+        if (record.compare_exchange_strong(expected, to)) return true;
+    }
+    return false;
+}
+
+void enter(void* record) {
+    for (RecordTable* table = &firstTable; table != nullptr; table = restOf(*table))
+        if (replace(*table, nullptr, record)) return;
+}
+
+void release(void* record) {
+    for (RecordTable* table = &firstTable; table != nullptr; table = table->rest)
+        if (replace(*table, record, nullptr)) break;
     std::free(record);
 }
 
-void makeKeys() {
-    if (pthread_key_create(&endKey, threadEnds) != 0) return;
-    if (pthread_key_create(&releaseKey, std::free) == 0)
-        haveKeys = true;
-    else
-        pthread_key_delete(endKey);
+// The slot is emptied, so that whatever the thread still calls gets a new record.
+void threadEnds(void* record) {
+    threadSlot = nullptr;
+    release(record);
 }
 
-// A record that cannot be registered serves all the same and stays when its thread ends.
+void makeKey() {
+    haveKey = pthread_key_create(&endKey, threadEnds) == 0;
+}
+
+// A record that cannot be registered serves all the same and stays until the module goes.
 void registerRecord(void* record) {
-    pthread_once(&keysOnce, makeKeys);
-    if (!haveKeys) return;
-    if (setBoth(record))
-        ++registeredThreads;
-    else
-        setBoth(nullptr);
+    enter(record);
+    pthread_once(&keyOnce, makeKey);
+    if (haveKey) pthread_setspecific(endKey, record);
 }
 
 } // namespace
@@ -73,19 +95,37 @@ void loadModule(const RecordForm& form) {
     if (threadSlot == nullptr) startThread(form); // exhaustion: the first call tries again and tells
 }
 
-void unloadModule() {
-    const bool keys = haveKeys.exchange(false);
-    if (threadSlot != nullptr) {
-        if (keys && pthread_getspecific(endKey) == threadSlot) {
-            setBoth(nullptr);
-            --registeredThreads;
-        }
-        std::free(threadSlot);
-        threadSlot = nullptr;
+namespace {
+
+constinit std::atomic<bool> unloaded = false;
+
+void releaseTablesBehind(RecordTable& table) {
+    for (RecordTable* next = table.rest.exchange(nullptr); next != nullptr;) {
+        RecordTable* const gone = next;
+        next = gone->rest;
+        std::free(gone);
     }
-    if (!keys) return;
-    pthread_key_delete(endKey);
-    if (registeredThreads == 0) pthread_key_delete(releaseKey);
+}
+
+// Runs before unloadModule where the module is taken out of the process, and after it where the
+// process ends: a process that ends destroys its objects before it closes its modules. Only in the
+// first case can no other thread be inside the library.
+[[gnu::destructor]] void releaseOtherThreads() {
+    if (unloaded) return;
+    for (RecordTable* table = &firstTable; table != nullptr; table = table->rest)
+        for (std::atomic<void*>& record : table->records)
+            if (record != threadSlot) std::free(record.exchange(nullptr));
+    releaseTablesBehind(firstTable);
+}
+
+} // namespace
+
+void unloadModule() {
+    unloaded = true;
+    if (haveKey.exchange(false)) pthread_key_delete(endKey);
+    if (threadSlot == nullptr) return;
+    release(threadSlot);
+    threadSlot = nullptr;
 }
 
 namespace {
@@ -106,12 +146,27 @@ Choice choiceOf(BoxButtons buttons) {
     return {{BoxAnswer::yes, "[Y]es", 'y'}, {BoxAnswer::no, "[N]o", 'n'}};
 }
 
+// The next character from the terminal; false at the input's end. A signal that a handler has seen
+// to and an application that reads without waiting are no end. Read past the application's stdin,
+// whose buffer is not ours to empty.
+bool readCharacter(char& next) {
+    for (;;) {
+        const ssize_t count = read(STDIN_FILENO, &next, 1);
+        if (count >= 0) return count == 1;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            pollfd input{STDIN_FILENO, POLLIN, 0};
+            poll(&input, 1, -1);
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+}
+
 // The first letter of a line from the terminal, in lower case; 0 for an empty line and at the input's end.
-// Read past the application's stdin, whose buffer is not ours to empty.
 char readAnswer() {
     char letter = 0;
     char next;
-    while (read(STDIN_FILENO, &next, 1) == 1 && next != '\n')
+    while (readCharacter(next) && next != '\n')
         if (letter == 0 && next != ' ' && next != '\t')
             letter = static_cast<char>(std::tolower(static_cast<unsigned char>(next)));
     return letter;

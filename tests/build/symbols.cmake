@@ -1,24 +1,40 @@
-# What the shared module defines for others stands in exports.txt. Level objects define no weak
-# symbol: one that two levels share would be linked once, from whichever level comes first, and run
-# on processors that lack it. Nothing is computed when the library is loaded but what is allowed here.
-#   cmake -D NM=<nm> -D MODULE=<shared module> -D SOURCE=<tree> -D BUILD=<build tree> -P symbols.cmake
+# What the shared module and the archives define for others stands in exports.txt and in vsq.h.
+# Level objects define no weak symbol: one that two levels share would be linked once, from whichever
+# level comes first, and run on processors that lack it. Nothing is computed when the library is
+# loaded but what is allowed here.
 cmake_minimum_required(VERSION 3.22)
-execute_process(COMMAND ${NM} -D --defined-only ${MODULE} OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
-string(REGEX MATCHALL "[^\n]+" lines "${symbols}")
-set(defined "")
-foreach(line IN LISTS lines)
-  string(REGEX REPLACE "^.* " "" name "${line}")
-  list(APPEND defined ${name})
-endforeach()
 file(STRINGS ${SOURCE}/exports.txt exported REGEX "^[A-Za-z_]")
-foreach(name IN LISTS defined)
-  if(NOT name IN_LIST exported)
-    message(SEND_ERROR "${name} leaves the module and does not stand in exports.txt")
+# The names that stand in front of a parenthesis and not in a comment.
+file(READ ${SOURCE}/include/vsq.h header)
+string(REGEX REPLACE "/\\*([^*]|\\*[^/])*\\*/" "" header "${header}")
+string(REGEX MATCHALL "[ *]vsq[A-Za-z0-9]+\\(" kernels "${header}")
+list(TRANSFORM kernels REPLACE "[ *(]" "")
+
+# expect_defined(file names nm's options...): it defines these names for others and no more.
+function(expect_defined file names)
+  execute_process(COMMAND ${NM} ${ARGN} --defined-only ${file}
+    OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
+  string(REGEX MATCHALL "[0-9a-f]+ [A-Za-z] [^\n]+" lines "${symbols}")
+  set(defined "")
+  foreach(line IN LISTS lines)
+    string(REGEX REPLACE "^.* " "" name "${line}")
+    list(APPEND defined ${name})
+  endforeach()
+  foreach(name IN LISTS defined)
+    if(NOT name IN_LIST names)
+      message(SEND_ERROR "${name} leaves ${file} and is not of its interface")
+    endif()
+  endforeach()
+  list(REMOVE_ITEM names ${defined})
+  if(names)
+    message(SEND_ERROR "of its interface and not defined in ${file}: ${names}")
   endif()
-endforeach()
-list(REMOVE_ITEM exported ${defined})
-if(exported)
-  message(SEND_ERROR "listed and not defined: ${exported}")
+endfunction()
+
+expect_defined(${MODULE} "${exported}" -D)
+if(LOCALISED)
+  expect_defined(${ARCHIVE} "${exported}" -g)
+  expect_defined(${KERNELS} "${kernels}" -g)
 endif()
 
 file(GLOB objects ${BUILD}/kernels/CMakeFiles/vsq_*.dir/*/*_level.cpp.o)

@@ -5,8 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 
@@ -26,34 +29,76 @@ struct Outcome {
     std::string shown;
 };
 
-// What the terminal shows until the child ends, line ends as '\n'.
-std::string readAll(int terminal) {
-    std::string shown;
-    char c;
-    while (read(terminal, &c, 1) == 1)
-        if (c != '\r') shown += c;
-    return shown;
-}
-
-// Runs `report` in a child whose standard streams are a terminal, at which the user has typed `typed`.
-Outcome onTerminal(const std::string& typed, const std::function<int()>& report) {
-    int terminal;
-    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (child == 0) {
+// A child whose standard streams are a terminal, and the user who sits at it.
+class Session {
+public:
+    explicit Session(const std::function<int()>& report)
+        : child(forkpty(&terminal, nullptr, nullptr, nullptr)) {
+        EXPECT_NE(child, -1) << std::strerror(errno);
+        if (child != 0) return;
         char go;
         if (read(STDIN_FILENO, &go, 1) != 1) _exit(99); // the typed text comes after the child stands
         std::atexit([] { std::fputs("exit handlers ran", stderr); });
-        const int result = report();
-        _exit(result);
+        _exit(report());
     }
-    const std::string input = "\n" + typed;
-    EXPECT_EQ(write(terminal, input.data(), input.size()), static_cast<ssize_t>(input.size()));
-    Outcome outcome{-1, readAll(terminal)};
-    int status;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    if (WIFEXITED(status)) outcome.exitCode = WEXITSTATUS(status);
+    ~Session() { close(terminal); }
+
+    void type(const std::string& text) const {
+        EXPECT_EQ(write(terminal, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+    // Reads what the terminal shows, line ends as '\n', up to and with `end`.
+    void awaitText(const std::string& end) {
+        while (!shown.ends_with(end) && readCharacter()) {
+        }
+        EXPECT_TRUE(shown.ends_with(end)) << shown;
+    }
+    void signal(int number) const { EXPECT_EQ(kill(child, number), 0); }
+
+    Outcome atTheEnd() {
+        while (readCharacter()) {
+        }
+        int status;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, shown};
+    }
+
+private:
+    bool readCharacter() {
+        char c;
+        if (read(terminal, &c, 1) != 1) return false;
+        if (c != '\r') shown += c;
+        return true;
+    }
+
+    int terminal = -1;
+    pid_t child;
+    std::string shown;
+};
+
+// Why no terminal can be made here, where that is so.
+std::string missingTerminal() {
+    int terminal, user;
+    if (openpty(&terminal, &user, nullptr, nullptr, nullptr) != 0)
+        return std::string("no terminal can be made: ") + std::strerror(errno);
     close(terminal);
-    return outcome;
+    close(user);
+    return "";
+}
+
+// Tests that need a terminal, which a container without /dev/pts has not.
+class Terminal : public testing::Test {
+protected:
+    void SetUp() override {
+        const std::string reason = missingTerminal();
+        if (!reason.empty()) GTEST_SKIP() << reason;
+    }
+};
+
+// Runs `report` at a terminal at which the user has typed `typed`.
+Outcome onTerminal(const std::string& typed, const std::function<int()>& report) {
+    Session session(report);
+    session.type("\n" + typed);
+    return session.atTheEnd();
 }
 
 Outcome answer(const std::string& typed, int mode) {
@@ -83,7 +128,7 @@ support::StderrIs boxReads(const std::string& caption, const std::string& text, 
 
 } // namespace
 
-TEST(Terminal, LeafModeAsksWithCaptionTextAndBothAnswers) {
+TEST_F(Terminal, LeafModeAsksWithCaptionTextAndBothAnswers) {
     const Outcome outcome = answer("n\n", KT_ErrorModeLeaf);
     EXPECT_EQ(outcome.exitCode, returned);
     EXPECT_NE(outcome.shown.find("KTL Error: Bad argument\nin function\n[src:3]:f():\nm" +
@@ -92,7 +137,7 @@ TEST(Terminal, LeafModeAsksWithCaptionTextAndBothAnswers) {
         << outcome.shown;
 }
 
-TEST(Terminal, ParentModeAsksWithCaptionTextAndBothAnswers) {
+TEST_F(Terminal, ParentModeAsksWithCaptionTextAndBothAnswers) {
     const Outcome outcome = answer("o\n", KT_ErrorModeParent);
     EXPECT_EQ(outcome.exitCode, returned);
     EXPECT_NE(outcome.shown.find("KTL Error: Bad argument\nin function\n[src:3]:f():\nm" +
@@ -101,7 +146,7 @@ TEST(Terminal, ParentModeAsksWithCaptionTextAndBothAnswers) {
         << outcome.shown;
 }
 
-TEST(Terminal, YesEndsTheProcessAndNoContinuesInLeafMode) {
+TEST_F(Terminal, YesEndsTheProcessAndNoContinuesInLeafMode) {
     for (const char* yes : {"y\n", "Yes\n", "  YES\n", "\n"}) {
         const Outcome outcome = answer(yes, KT_ErrorModeLeaf);
         EXPECT_EQ(outcome.exitCode, 1) << yes;
@@ -112,7 +157,7 @@ TEST(Terminal, YesEndsTheProcessAndNoContinuesInLeafMode) {
         EXPECT_EQ(answer(no, KT_ErrorModeLeaf).exitCode, returned) << no;
 }
 
-TEST(Terminal, OkContinuesAndCancelEndsTheProcessInParentMode) {
+TEST_F(Terminal, OkContinuesAndCancelEndsTheProcessInParentMode) {
     for (const char* ok : {"o\n", "OK\n", "\n"})
         EXPECT_EQ(answer(ok, KT_ErrorModeParent).exitCode, returned) << ok;
     for (const char* cancel : {"c\n", "Cancel\n"}) {
@@ -122,17 +167,63 @@ TEST(Terminal, OkContinuesAndCancelEndsTheProcessInParentMode) {
     }
 }
 
-TEST(Terminal, AsksAgainUntilTheAnswerIsOneOfTheTwo) {
+TEST_F(Terminal, AsksAgainUntilTheAnswerIsOneOfTheTwo) {
     EXPECT_EQ(answer("what?\nn\n", KT_ErrorModeLeaf).exitCode, returned);
     EXPECT_EQ(answer("y\nc\n", KT_ErrorModeParent).exitCode, 1); // Yes is no answer here
 }
 
-TEST(Terminal, TheEndOfTheInputCountsAsTheFirstButton) {
+TEST_F(Terminal, TheEndOfTheInputCountsAsTheFirstButton) {
     EXPECT_EQ(answer("\x04", KT_ErrorModeLeaf).exitCode, 1);
     EXPECT_EQ(answer("\x04", KT_ErrorModeParent).exitCode, returned);
 }
 
-TEST(Terminal, SilentModeAsksNothing) {
+namespace {
+
+int reportInLeafMode() {
+    KTSetErrMode(KT_ErrorModeLeaf);
+    return KTError(-5, "f", "m", "src", 3) == -5 ? returned : 1;
+}
+
+// Without SA_RESTART: a wait that the signal finds ends with EINTR.
+void handleSignals() {
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+        if (write(STDERR_FILENO, "!", 1) != 1) _exit(98);
+    };
+    sigaction(SIGUSR1, &action, nullptr);
+}
+
+} // namespace
+
+TEST_F(Terminal, ASignalDuringTheQuestionIsNoAnswer) {
+    Session session([] {
+        handleSignals();
+        return reportInLeafMode();
+    });
+    session.type("\n");
+    session.awaitText("[Y]es / [N]o: ");
+    for (int i = 0; i < 3; ++i) { // the first may come before the child waits
+        usleep(20000);
+        session.signal(SIGUSR1);
+        session.awaitText("!");
+    }
+    session.type("n\n");
+    EXPECT_EQ(session.atTheEnd().exitCode, returned);
+}
+
+TEST_F(Terminal, WaitsForAnAnswerWhereTheApplicationReadsWithoutWaiting) {
+    Session session([] {
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_SETFL, O_RDWR | O_NONBLOCK), 0);
+        return reportInLeafMode();
+    });
+    session.type("\n");
+    session.awaitText("[Y]es / [N]o: ");
+    usleep(20000);
+    session.type("n\n");
+    EXPECT_EQ(session.atTheEnd().exitCode, returned);
+}
+
+TEST_F(Terminal, SilentModeAsksNothing) {
     const Outcome outcome = answer("", KT_ErrorModeSilent);
     EXPECT_EQ(outcome.exitCode, returned);
     EXPECT_EQ(outcome.shown.find("KTL"), std::string::npos);
@@ -198,7 +289,7 @@ TEST(Unattended, ALongMessageIsCutOffAt999Characters) {
                 boxReads("KTL Error: No Error", whole.substr(0, 999), "\n"));
 }
 
-TEST(Unattended, ATerminalForOnlyOneOfTheTwoStreamsIsNotAsked) {
+TEST_F(Terminal, IsNotAskedWhereItIsOnlyOneOfTheTwoStreams) {
     const Outcome outcome = onTerminal("n\n", [] {
         const int nothing = open("/dev/null", O_RDONLY);
         dup2(nothing, STDIN_FILENO);

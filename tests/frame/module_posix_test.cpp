@@ -2,9 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <latch>
 #include <thread>
+#include <vector>
 
 #include <dlfcn.h>
+#include <pthread.h>
+#include <unistd.h>
 
 namespace {
 
@@ -123,6 +128,84 @@ TEST(SharedModule, AThreadThatOutlivedAnUnloadStartsAfreshInTheNextLoad) {
     shared = &second;
     steps.reach(3);
     user.join();
+}
+
+namespace {
+
+// How many thread-specific keys the process can still have.
+std::size_t keysToBeHad() {
+    std::vector<pthread_key_t> keys;
+    for (pthread_key_t key; pthread_key_create(&key, nullptr) == 0;)
+        keys.push_back(key);
+    for (const pthread_key_t key : keys)
+        pthread_key_delete(key);
+    return keys.size();
+}
+
+// `count` threads call the module and end after it is gone.
+void unloadUnderThreads(int count) {
+    Module module;
+    ASSERT_TRUE(module.loaded()) << dlerror();
+    const auto setStatus = module.get<SetInt>("KTSetStatus");
+    std::latch called(count + 1), gone(1);
+    std::vector<std::thread> users;
+    for (int i = 0; i < count; ++i)
+        users.emplace_back([&] {
+            setStatus(-5);
+            called.arrive_and_wait();
+            gone.wait();
+        });
+    called.arrive_and_wait();
+    module.unload();
+    gone.count_down();
+    for (std::thread& user : users)
+        user.join();
+}
+
+} // namespace
+
+// More rounds than the system has keys; not many more under a sanitizer, where each takes tens of
+// milliseconds.
+TEST(SharedModule, GivesItsSlotBackWhereThreadsThatCalledOutliveIt) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    constexpr int rounds = 1100;
+#else
+    constexpr int rounds = 3000;
+#endif
+    const std::size_t before = keysToBeHad();
+    for (int i = 0; i < rounds && !HasFailure(); ++i)
+        unloadUnderThreads(1);
+    EXPECT_EQ(keysToBeHad(), before);
+    EXPECT_FALSE(stillMapped());
+}
+
+// A leak checker sees whether their records went too.
+TEST(SharedModule, GivesItsSlotBackWhereMoreThreadsOutliveItThanOneTableNames) {
+    const std::size_t before = keysToBeHad();
+    unloadUnderThreads(200);
+    EXPECT_EQ(keysToBeHad(), before);
+}
+
+// The threads of a process that ends may still be inside the library when its objects are
+// destroyed.
+TEST(SharedModule, TheEndOfTheProcessTakesNoRecordFromThreadsThatRun) {
+    const auto endAmongCalls = [] {
+        std::atexit([] { usleep(20000); }); // after the module's objects went
+        const auto* module = new Module;
+        const auto setStatus = module->get<SetInt>("KTSetStatus");
+        const auto getStatus = module->get<GetInt>("KTGetStatus");
+        std::latch called(2);
+        std::thread([&called, setStatus, getStatus] {
+            setStatus(-5);
+            called.arrive_and_wait();
+            while (getStatus() == -5) {
+            }
+            _exit(1);
+        }).detach();
+        called.arrive_and_wait();
+        std::exit(7);
+    };
+    EXPECT_EXIT(endAmongCalls(), testing::ExitedWithCode(7), "");
 }
 
 // More rounds than the system has thread-specific keys: unloading gives them back.

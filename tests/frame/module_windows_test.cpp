@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <latch>
 #include <thread>
 #include <vector>
 
@@ -103,6 +104,46 @@ TEST(SharedModule, LoadsAnyNumberOfTimes) {
         ASSERT_TRUE(module.loaded()) << GetLastError();
         module.get<SetInt>("KTSetStatus")(-5);
     }
+}
+
+namespace {
+
+// How many thread-local slots the process can still have.
+std::size_t slotsToBeHad() {
+    std::vector<DWORD> slots;
+    for (DWORD slot; (slot = TlsAlloc()) != TLS_OUT_OF_INDEXES;)
+        slots.push_back(slot);
+    for (const DWORD slot : slots)
+        TlsFree(slot);
+    return slots.size();
+}
+
+// A thread calls the module and ends after it is gone.
+void unloadUnderAThread() {
+    Module module;
+    ASSERT_TRUE(module.loaded()) << GetLastError();
+    const auto setStatus = module.get<SetInt>("KTSetStatus");
+    std::latch called(2), gone(1);
+    std::thread user([&] {
+        setStatus(-5);
+        called.arrive_and_wait();
+        gone.wait();
+    });
+    called.arrive_and_wait();
+    module.unload();
+    gone.count_down();
+    user.join();
+}
+
+} // namespace
+
+// More rounds than the system has slots.
+TEST(SharedModule, GivesItsSlotBackWhereThreadsThatCalledOutliveIt) {
+    const std::size_t before = slotsToBeHad();
+    for (int i = 0; i < 1200 && !HasFailure(); ++i)
+        unloadUnderAThread();
+    EXPECT_EQ(slotsToBeHad(), before);
+    EXPECT_EQ(GetModuleHandleA("ktlp6.dll"), nullptr);
 }
 
 TEST(SharedModule, RefusesToLoadWithoutASlot) {

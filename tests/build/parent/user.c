@@ -1,0 +1,5 @@
+#include <ktlp6.h>
+
+int main(void) {
+    return KTGetStatus();
+}
