@@ -222,6 +222,29 @@ bool transformFrame(const Frame& frame, int skip, int nOut, float* pCeps, const 
     return true;
 }
 
+// The whole road in float. False after any report, whose handler may have released the buffers and
+// cleared the status.
+bool cepstrum(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags) {
+    const char* const name = "KTsCepstralMFCC";
+    const int skip = (flags & KT_CepsZeroth) != 0 ? 0 : 1;
+    const int nOut = std::min(nCeps, filters->nFilters - skip);
+    CepsBuffers& buffers = KTGetContext()->Ceps;
+    fitCapacities(buffers, {filters->nFilters, filters->fftLen, nCeps});
+    if (!takeFloatBuffers(buffers, name)) return false;
+
+    const int nBins = (filters->fftLen >> 1) + 1;
+    const Frame frame{filters, &buffers, pIn, thresh, flags, nBins, logRange(*filters, nBins)};
+    float factor;
+    float* spectrum = spectrumOf(frame, factor, name);
+    if (spectrum == nullptr) return false;
+    filterFrame(frame, spectrum, factor);
+    if (!transformFrame(frame, skip, nOut, pCeps, name)) return false;
+    if (nOut < nCeps) vsqsbZero(pCeps + nOut, nCeps - nOut);
+    if (KTGetStatus() >= 0) return true;
+    module.backtrace(name);
+    return false;
+}
+
 // --- liftering ---
 
 // Elements `first` to first + n - 1 of a row, which begin at pCeps.
@@ -235,23 +258,7 @@ void lift(float* pCeps, int first, int n, int L) {
 } // namespace
 
 void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags) {
-    if (filters == nullptr) return;
-    const char* const name = "KTsCepstralMFCC";
-    const int skip = (flags & KT_CepsZeroth) != 0 ? 0 : 1;
-    const int nOut = std::min(nCeps, filters->nFilters - skip);
-    CepsBuffers& buffers = KTGetContext()->Ceps;
-    fitCapacities(buffers, {filters->nFilters, filters->fftLen, nCeps});
-    if (!takeFloatBuffers(buffers, name)) return;
-
-    const int nBins = (filters->fftLen >> 1) + 1;
-    const Frame frame{filters, &buffers, pIn, thresh, flags, nBins, logRange(*filters, nBins)};
-    float factor;
-    float* spectrum = spectrumOf(frame, factor, name);
-    if (spectrum == nullptr) return;
-    filterFrame(frame, spectrum, factor);
-    if (!transformFrame(frame, skip, nOut, pCeps, name)) return;
-    if (nOut < nCeps) vsqsbZero(pCeps + nOut, nCeps - nOut);
-    if (KTGetStatus() < 0) module.backtrace();
+    if (filters != nullptr) cepstrum(filters, pIn, pCeps, nCeps, thresh, flags);
 }
 
 void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh, int flags,
@@ -266,9 +273,8 @@ void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps
     const int count = (flags & KT_CepsTimeInput) != 0 ? fftLen : (fftLen >> 1) + 1;
     KTwsbConvertUp(pIn, buffers.tempVect, count, inScale);
     const auto floor = static_cast<float>(KTidConvertUp(thresh, inScale));
-    KTsCepstralMFCC(filters, buffers.tempVect, buffers.tempCeps, nCeps, floor, flags);
-    if (KTGetStatus() < 0) {
-        module.backtrace();
+    if (!cepstrum(filters, buffers.tempVect, buffers.tempCeps, nCeps, floor, flags)) {
+        if (KTGetStatus() < 0) module.backtrace();
         return;
     }
     KTswbConvertDown(buffers.tempCeps, pCeps, nCeps, outMode, pOutScale != nullptr ? pOutScale : &noScale);

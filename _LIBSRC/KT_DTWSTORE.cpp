@@ -144,6 +144,16 @@ int freeByHandle(int handle) {
     return -1;
 }
 
+// The record, or null where it is not, or no longer, in its store.
+template <class Pattern>
+Pattern* stillStored(Pattern* record) {
+    Pattern* p = Store<Pattern>::head(KTGetContext());
+    while (p != nullptr && p != record)
+        p = p->next;
+    return p;
+}
+
+// Goes on after a failure, as far as the handler of its reports has left anything.
 template <class Pattern>
 int freeAll() {
     int result = 0;
@@ -151,6 +161,7 @@ int freeAll() {
         next = p->next;
         if (freeOne(p) == 0) continue;
         module.report(KT_StsUnknownErr, Store<Pattern>::notFreed, Store<Pattern>::freeAllName);
+        next = stillStored(next);
         result = -1;
     }
     return result;

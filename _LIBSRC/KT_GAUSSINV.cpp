@@ -84,9 +84,9 @@ GaussMixServer* ktl::gauss::invert(GaussMixServer* pServer, int flags, bool* pRe
     if (isFull(pServer)) {
         work = workMatrix(pServer->nDim);
         if (work.rows == nullptr) {
-            module.report(KT_StsNoMem, noTable, "KTsInvertGaussianCovMatrix");
             std::free(pServer); // as the caller is promised, for this failure alone
             *pReleased = true;
+            module.report(KT_StsNoMem, noTable, "KTsInvertGaussianCovMatrix");
             return nullptr;
         }
     }

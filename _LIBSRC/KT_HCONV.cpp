@@ -25,8 +25,9 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_HCONV"};
 constexpr float minusLn10 = -2.3025851f, minusLog10OfE = -0.4342945f;
 
 // Releases the source of a transform unless the mode keeps it.
-void settleSource(int hmm) {
-    if ((KTGetContext()->hmmMode & KT_HMM_KEEP) == 0) KTFreeHMMServer(hmm);
+void settleSource(const HeldHMMServer& source) {
+    const HMMServer* server = source.get(); // null once a report's handler has released it
+    if (server != nullptr && (KTGetContext()->hmmMode & KT_HMM_KEEP) == 0) KTFreeHMMServer(server->id);
 }
 
 // --- probabilities and costs ---
@@ -105,6 +106,7 @@ int transformed(int hmm) {
         module.report(KT_StsBadArg, refusal, Domain::name);
         return -1;
     }
+    const HeldHMMServer held(source);
     const int id = KTCopyHMMServer(hmm);
     HMMServer* copy = KTFindHMMServer(id); // gone again where the thread's status was negative before
     if (copy == nullptr) return -1;
@@ -114,7 +116,7 @@ int transformed(int hmm) {
         KTFreeHMMServer(id);
         return -1;
     }
-    settleSource(hmm);
+    settleSource(held);
     return id;
 }
 
@@ -312,6 +314,7 @@ int converted(int hmm, const Direction& direction) {
         return -1;
     }
     if ((source->status & Direction::form) == 0) return -1; // its arrays can't be read as this form
+    const HeldHMMServer held(source);
     HMMServer* target = ownNewHMMRecord();
     if (target == nullptr) return -1;
     if (!Conversion<Direction>(direction, source, target).run()) {
@@ -319,7 +322,7 @@ int converted(int hmm, const Direction& direction) {
         return -1;
     }
     const int id = ownRegisterComplete(target);
-    if (id > 0) settleSource(hmm);
+    if (id > 0) settleSource(held);
     return id;
 }
 

@@ -170,8 +170,9 @@ double KTsEvalSemicontHMMForwardBackward(int hmm, double* pAlphaBeta, double* pS
                                          int T, int* pExponent) {
     const HMMServer* server = begin(hmm, pScales, T, pExponent);
     if (server == nullptr) return failure();
+    const HeldHMMServer held(server);
     hmm::compareWithCodebook(server);
-    if (KTFindHMMServer(hmm) != server) return failure(); // the handler of a report may have released it
+    if (held.get() == nullptr) return failure(); // the handler of a report has released it
     const vsq::HmmOutputs outputs{nullptr, nullptr, pOutProbs, server->nStates};
     return evaluate(server, outputs, pAlphaBeta, pScales, T, pExponent);
 }

@@ -108,11 +108,14 @@ bool writeTable(FILE* stream, const HMMServer* server) {
     return ktl::writeElements(stream, hmm::outputRows<std::uint32_t>(server->outputs)[0], shape.elements());
 }
 
+// Also false once the backtrace's handler has released the server.
 bool writeMixtures(FILE* stream, const HMMServer* server) {
+    const HeldHMMServer held(server);
     const bool hadError = std::ferror(stream) != 0;
     for (int i = 0; i < server->nStates; ++i) {
         KTWriteGaussMixServer(stream, server->mixtures[i]);
         if (KTGetStatus() < 0 && module.backtrace("KTWriteHMMServer") != 0) return false;
+        if (held.get() == nullptr) return false;
         if (!hadError && std::ferror(stream) != 0) return false;
     }
     return true;

@@ -192,30 +192,31 @@ void apply(Setting<Form> setting, int tag, const void* trans, const void* out, c
 
 } // namespace
 
-void KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, const void* initial, int nStates,
+bool KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, const void* initial, int nStates,
                         int nSymbols, int status) {
     HMMServer* server = KTFindHMMServer(id);
-    if (server == nullptr) return;
+    if (server == nullptr) return true;
     const unsigned word = status < 0 ? server->status : static_cast<unsigned>(status);
     const bool needsOutputs = (word & HMM_SERVER_CONT) == 0;
     if (nStates >= 0 && (initial == nullptr || trans == nullptr || (needsOutputs && out == nullptr))) {
         module.report(KT_StsBadArg, "change HMM nStates without data");
-        return;
+        return false;
     }
     if (nSymbols >= 0 && out == nullptr) {
         module.report(KT_StsBadArg, "change HMM nSymbols without data");
-        return;
+        return false;
     }
     const int states = nStates < 0 ? server->nStates : nStates;
     const int symbols = nSymbols < 0 ? server->nSymbols : nSymbols;
     KTContext* context = KTGetContext();
     if ((word & hmmFormBits) == 0) {
         module.report(KT_StsUnknownErr, "wrong HMM flavor");
-        return;
+        return false;
     }
-    if (nStates > hmm::mostCount || nSymbols > hmm::mostCount) return; // there is no memory for so many
+    if (nStates > hmm::mostCount || nSymbols > hmm::mostCount) return true; // there is no memory for so many
     if ((word & HMM_SERVER_FLOAT) != 0)
         apply(Setting<FloatForm>{context, server, states, symbols, word}, tag, trans, out, initial);
     else
         apply(Setting<FixedForm>{context, server, states, symbols, word}, tag, trans, out, initial);
+    return true;
 }

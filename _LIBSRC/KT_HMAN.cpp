@@ -101,12 +101,24 @@ struct Request {
     unsigned kind; // form, flavour and domain bits
 };
 
+// A model without states, or a discrete one without symbols, is refused: no reader accepts its
+// file. A semicontinuous one has as many densities as its codebook, which may be none.
+bool refusesSizes(const Request& request, const char* funcName) {
+    const char* refusal = nullptr;
+    if (request.nStates < 1)
+        refusal = "nStates<1";
+    else if ((request.kind & HMM_SERVER_DISCRETE) != 0 && request.nSymbols < 1)
+        refusal = "nSymbols<1";
+    if (refusal != nullptr) module.report(KT_StsBadArg, refusal, funcName);
+    return refusal != nullptr;
+}
+
+// False when memory ran out for the mixtures. After a report of the setter's the request's arrays
+// and mixtures may be gone, as the server may.
 bool takeOver(HMMServer* server, const Request& request) {
-    KTSetHMMServerParm(server->id, 0, request.trans, request.out, request.initial, request.nStates,
-                       request.nSymbols, static_cast<int>(request.kind));
-    server->nQuant = request.nQuant;
-    server->scale = request.scale;
-    if ((request.kind & HMM_SERVER_CONT) == 0) return true;
+    const bool isSet = KTSetHMMServerParm(server->id, 0, request.trans, request.out, request.initial,
+                                          request.nStates, request.nSymbols, static_cast<int>(request.kind));
+    if (!isSet || (request.kind & HMM_SERVER_CONT) == 0) return true;
     const auto make = [](const GaussMixServer* source) {
         return source != nullptr ? ownMixture(source, source->flags | KT_GAUSS_BLOCK) : nullptr;
     };
@@ -114,34 +126,32 @@ bool takeOver(HMMServer* server, const Request& request) {
            ownFillMixtures(server, request.nStates, [&](int i) { return make(request.mixtures[i]); });
 }
 
-int create(const Request& request) {
+int create(const Request& request, const char* funcName) {
     KTInitHMMRegistry();
-    if (!ready()) return -1;
+    if (!ready() || refusesSizes(request, funcName)) return -1;
     HMMServer* server = ownNewHMMRecord();
     if (server == nullptr) return -1;
-    // until the parameters are committed a continuous model's mixtures are its own to release
-    server->status = request.kind & (HMM_SERVER_CONT | HMM_SERVER_OWNS_MIXTURES);
+    server->nQuant = request.nQuant;
+    server->scale = request.scale;
     const int id = KTRegisterHMMServer(server);
     if (id < 0) {
         std::free(server);
         return -1;
     }
-    if (!takeOver(server, request) || KTGetStatus() < 0) {
-        KTFreeHMMServer(id);
-        return -1;
-    }
-    return id;
+    const HeldHMMServer held(server);
+    const bool complete = takeOver(server, request);
+    if (held.get() == nullptr) return -1; // a report's handler has released it
+    if (complete && KTGetStatus() >= 0) return id;
+    KTFreeHMMServer(id);
+    return -1;
 }
 
 // --- release and copy ---
 
-void freeMixtures(HMMServer* server) {
-    if ((server->status & HMM_SERVER_CONT) == 0 || server->mixtures == nullptr) return;
-    if ((server->status & HMM_SERVER_OWNS_MIXTURES) != 0)
-        for (int i = 0; server->mixtures[i] != nullptr; ++i)
-            KTsFreeGaussMixServer(server->mixtures[i]);
-    std::free(server->mixtures);
-    server->mixtures = nullptr;
+// Mixtures are a server's own where its word says so, and where the word is still to come: the
+// parameters of a continuous one for which memory ran out were never committed.
+bool ownsMixtures(const HMMServer* server) {
+    return (server->status & HMM_SERVER_CONT) == 0 || (server->status & HMM_SERVER_OWNS_MIXTURES) != 0;
 }
 
 // A copy of the elements behind the aligned start; the source may be missing, as after a failed allocation.
@@ -214,13 +224,22 @@ GaussMixServer* ownCopyMixture(const GaussMixServer* source) {
     return copy;
 }
 
+void ownFreeMixtures(GaussMixServer** mixtures) {
+    for (int i = 0; mixtures != nullptr && mixtures[i] != nullptr; ++i)
+        KTsFreeGaussMixServer(mixtures[i]);
+    std::free(mixtures);
+}
+
 void ownFreeHMMRecord(HMMServer* server) {
-    freeMixtures(server);
+    if (ownsMixtures(server))
+        ownFreeMixtures(server->mixtures);
+    else
+        std::free(server->mixtures);
     std::free(server->transitions);
     std::free(server->outputs);
     std::free(server->initials);
     std::free(server->stateWords);
-    std::free(server);
+    if (server->nHolds == 0) std::free(server); // otherwise the last holder does
 }
 
 int ownRegisterComplete(HMMServer* server, int tag) {
@@ -229,16 +248,18 @@ int ownRegisterComplete(HMMServer* server, int tag) {
         ownFreeHMMRecord(server);
         return -1;
     }
+    const HeldHMMServer held(server);
     KTSetHMMServerParm(id, tag, nullptr, nullptr, nullptr, -1, -1, -1);
-    if (KTGetStatus() < 0) KTFreeHMMServer(id);
-    return id;
+    if (held.get() != nullptr && KTGetStatus() < 0) KTFreeHMMServer(id);
+    return held.get() != nullptr || KTFindHMMServer(id) == nullptr ? id : -1;
 }
 
 int KTwInitHMMServer(const short* const* trans, const short* const* out, const short* initial, int nStates,
                      int nSymbols, int flags) {
     if (refusesFixed(flags, "KTwInitHMMServer")) return -1;
     return create({trans, out, initial, nullptr, nStates, nSymbols, 0, 0,
-                   HMM_SERVER_DISCRETE | HMM_SERVER_SHORT | fixedDomain(flags)});
+                   HMM_SERVER_DISCRETE | HMM_SERVER_SHORT | fixedDomain(flags)},
+                  "KTwInitHMMServer");
 }
 
 int KTsInitHMMServer(const float* const* trans, const float* const* out, const float* initial, int nStates,
@@ -246,21 +267,24 @@ int KTsInitHMMServer(const float* const* trans, const float* const* out, const f
     // the fixed twin's name has always stood in this report; logs are read by it
     if (refusesFloat(flags, "KTwInitHMMServer")) return -1;
     return create({trans, out, initial, nullptr, nStates, nSymbols, 0, 0,
-                   HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT | floatDomain(flags)});
+                   HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT | floatDomain(flags)},
+                  "KTsInitHMMServer");
 }
 
 int KTwInitContHMMServer(const short* const* trans, const short* initial, GaussMixServer** mixtures,
                          int nStates, int nQuant, int flags, int scale) {
     if (refusesFixed(flags, "KTwInitContHMMServer")) return -1;
     return create({trans, nullptr, initial, mixtures, nStates, -1, nQuant, scale,
-                   HMM_SERVER_CONT | HMM_SERVER_OWNS_MIXTURES | HMM_SERVER_SHORT | fixedDomain(flags)});
+                   HMM_SERVER_CONT | HMM_SERVER_OWNS_MIXTURES | HMM_SERVER_SHORT | fixedDomain(flags)},
+                  "KTwInitContHMMServer");
 }
 
 int KTsInitContHMMServer(const float* const* trans, const float* initial, GaussMixServer** mixtures,
                          int nStates, int nQuant, int flags) {
     if (refusesFloat(flags, "KTsInitContHMMServer")) return -1;
     return create({trans, nullptr, initial, mixtures, nStates, -1, nQuant, 0,
-                   HMM_SERVER_CONT | HMM_SERVER_OWNS_MIXTURES | HMM_SERVER_FLOAT | floatDomain(flags)});
+                   HMM_SERVER_CONT | HMM_SERVER_OWNS_MIXTURES | HMM_SERVER_FLOAT | floatDomain(flags)},
+                  "KTsInitContHMMServer");
 }
 
 int KTwInitSemicontHMMServer(const short* const* trans, const short* const* out, const short* initial,
@@ -270,7 +294,8 @@ int KTwInitSemicontHMMServer(const short* const* trans, const short* const* out,
     const int refusal = checkCodebook(true, nSymbols, nQuant, "KTwInitSemicontHMMServer");
     if (refusal != 0) return refusal;
     return create({trans, out, initial, nullptr, nStates, nSymbols, nQuant, scale,
-                   HMM_SERVER_SEMICONT | HMM_SERVER_SHORT | fixedDomain(flags)});
+                   HMM_SERVER_SEMICONT | HMM_SERVER_SHORT | fixedDomain(flags)},
+                  "KTwInitSemicontHMMServer");
 }
 
 int KTsInitSemicontHMMServer(const float* const* trans, const float* const* out, const float* initial,
@@ -280,7 +305,8 @@ int KTsInitSemicontHMMServer(const float* const* trans, const float* const* out,
     const int refusal = checkCodebook(false, nSymbols, nQuant, "KTsInitSemicontHMMServer");
     if (refusal != 0) return refusal;
     return create({trans, out, initial, nullptr, nStates, nSymbols, nQuant, 0,
-                   HMM_SERVER_SEMICONT | HMM_SERVER_FLOAT | floatDomain(flags)});
+                   HMM_SERVER_SEMICONT | HMM_SERVER_FLOAT | floatDomain(flags)},
+                  "KTsInitSemicontHMMServer");
 }
 
 void KTFreeHMMServer(int id) {

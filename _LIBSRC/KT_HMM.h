@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <utility>
 
 struct GaussMixServer;
 
@@ -27,8 +28,12 @@ struct HMMServer {
     int scale;
     int reserved0;
     int reserved1; // carried by copies and conversions
+
+    // Of this process alone, behind what files hold: the operations in progress that keep the bare
+    // record, see HeldHMMServer.
+    int nHolds;
 };
-static_assert(sizeof(void*) != 4 || sizeof(HMMServer) == 64, "the record of a 32-bit build");
+static_assert(sizeof(void*) != 4 || offsetof(HMMServer, nHolds) == 64, "the record of a 32-bit build");
 
 // Bits of KTContext::hmmMode beside the public KT_HMM_REPLACE and KT_HMM_KEEP.
 inline constexpr unsigned HMM_MODE_READY = 0x01000000u; // the registry exists
@@ -49,7 +54,7 @@ void KTInitHMMRegistry();
 // then still the caller's). Constant time.
 int KTRegisterHMMServer(HMMServer* server);
 
-// Takes a record out of the list; the record becomes the caller's again. Constant time.
+// Takes a record out of the list; the record becomes the caller's again, its id 0. Constant time.
 void KTUnregisterHMMServer(HMMServer* server);
 
 HMMServer* KTFindHMMServer(int id); // null for an unknown id, or when there is no registry
@@ -108,10 +113,40 @@ HMMServer* nextHMMInClass(HMMClass* group);       // null at the end
 // --- creation (KT_HMAN) ---
 
 // Frees a record that is in no list, complete or half built. `mixtures` ends with a null entry.
+// While the record is held, it stays, empty.
 void ownFreeHMMRecord(HMMServer* server);
 
-// Registers a record that was built by other means than an Init: its id, or -1, with the record freed, when
-// memory ran out. A negative status of the thread releases the new server; the id is returned all the same.
+// A registered server over a report, whose handler may release it and make others under its id. A
+// record that is held outlives its release as an empty one, so that its address stands for this
+// server and no other.
+//     const HeldHMMServer held(server);
+//     module.report(...);
+//     if (held.get() == nullptr) return ...; // nothing of the server may be touched
+class HeldHMMServer {
+public:
+    HeldHMMServer() = default;
+    explicit HeldHMMServer(const HMMServer* server) : record(const_cast<HMMServer*>(server)) {
+        if (record != nullptr) ++record->nHolds;
+    }
+    HeldHMMServer(HeldHMMServer&& other) noexcept : record(std::exchange(other.record, nullptr)) {}
+    HeldHMMServer& operator=(HeldHMMServer&& other) noexcept {
+        std::swap(record, other.record);
+        return *this;
+    }
+    ~HeldHMMServer() {
+        if (record != nullptr && --record->nHolds == 0 && record->id == 0) std::free(record);
+    }
+
+    // The server, or null once it was released.
+    HMMServer* get() const { return record != nullptr && record->id != 0 ? record : nullptr; }
+
+private:
+    HMMServer* record = nullptr;
+};
+
+// Registers a record that was built by other means than an Init: its id, or -1, with the record
+// freed, when memory ran out. A negative status of the thread releases the new server; the id is
+// returned all the same, unless a report's handler has given it to another server.
 int ownRegisterComplete(HMMServer* server, int tag = 0);
 
 // A zeroed record in no list; null when memory ran out.
@@ -121,26 +156,36 @@ HMMServer* ownNewHMMRecord();
 // computed again. Null for null, and after a report when memory ran out.
 GaussMixServer* ownCopyMixture(const GaussMixServer* source);
 
-// One mixture for each state, made by make(state); false when one, or the array, could not be had. The record
-// then holds the ones before it, for ownFreeHMMRecord.
+// Frees an array of mixtures that ends with a null entry; null is allowed.
+void ownFreeMixtures(GaussMixServer** mixtures);
+
+// One mixture for each state, made by make(state); false when one, or the array, could not be had.
+// What make reports comes to a handler that may release the server, so the server is not touched
+// before all of them are there.
 template <class Make>
 bool ownFillMixtures(HMMServer* server, int nStates, Make make) {
     if (nStates < 0) return false;
-    server->mixtures =
+    auto* mixtures =
         static_cast<GaussMixServer**>(std::calloc(std::size_t(nStates) + 1, sizeof(GaussMixServer*)));
-    if (server->mixtures == nullptr) return false;
+    if (mixtures == nullptr) return false;
     for (int i = 0; i < nStates; ++i) {
-        server->mixtures[i] = make(i);
-        if (server->mixtures[i] == nullptr) return false;
+        mixtures[i] = make(i);
+        if (mixtures[i] == nullptr) {
+            ownFreeMixtures(mixtures);
+            return false;
+        }
     }
+    server->mixtures = mixtures;
     return true;
 }
 
 // --- parameter setting (KT_HINT) ---
 
-// Stores a model's arrays in the layouts of KT_HLAYOUT.h and commits tag, counts and status (topology
-// included). `trans` and `out` are row tables of the form that the status says. Negative counts and status
-// keep what the record holds, null arrays are left as they are. Failures show in the thread's status; an
-// array for which memory ran out is silently missing, and nothing is committed then.
-void KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, const void* initial, int nStates,
+// Stores a model's arrays in the layouts of KT_HLAYOUT.h and commits tag, counts and status
+// (topology included). `trans` and `out` are row tables of the form that the status says. Negative
+// counts and status keep what the record holds, null arrays are left as they are. Failures show in
+// the thread's status; an array for which memory ran out is silently missing, and nothing is
+// committed then. False after a report, whose handler may have released the server and the caller's
+// arrays.
+bool KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, const void* initial, int nStates,
                         int nSymbols, int status);

@@ -77,10 +77,15 @@ struct Query {
             if (rows[i] != nullptr) std::copy_n(states[i], server->nSymbols, static_cast<Result*>(rows[i]));
     }
 
+    // A copy that fails has reported to a handler that may release the server: then there are no
+    // more.
     void mixtures(GaussMixServer** slots) const {
         if (slots == nullptr || server->mixtures == nullptr) return;
-        for (int i = 0; i < server->nStates; ++i)
-            if (slots[i] != nullptr) slots[i] = ownCopyMixture(server->mixtures[i]);
+        const HeldHMMServer held(server);
+        const int n = server->nStates;
+        for (int i = 0; i < n; ++i)
+            if (slots[i] != nullptr)
+                slots[i] = held.get() != nullptr ? ownCopyMixture(held.get()->mixtures[i]) : nullptr;
     }
 };
 

@@ -160,6 +160,7 @@ void KTUnregisterHMMServer(HMMServer* server) {
     server->prev->next = server->next;
     server->next->prev = server->prev;
     mark(registryOf(context)->table, server->id, nullptr);
+    server->id = 0;
     --context->nHMMServers;
 }
 

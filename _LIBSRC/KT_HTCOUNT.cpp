@@ -16,9 +16,8 @@ float* transitionsOf(const HMMServer* model) {
 
 bool OwnModel::copyOf(const HMMServer* source) {
     const OwnStatus ownStatus;
-    id = KTCopyHMMServer(source->id);
-    if (KTFindHMMServer(id) == nullptr) id = 0;
-    return id > 0;
+    model = HeldHMMServer(KTFindHMMServer(KTCopyHMMServer(source->id)));
+    return model.get() != nullptr;
 }
 
 double greatestChange(const float* a, const float* b, std::size_t count, double atLeast) {

@@ -70,6 +70,7 @@ public:
     }
 
     void begin(const HMMServer*, HMMServer*) { outNum.clear(); }
+    void review(const HMMServer*) const {}
 
     bool score(const HMMServer* current, const HMMServer*, const int* symbols, int nFrames,
                vsq::HmmOutputs* outputs) const {
@@ -139,6 +140,7 @@ public:
         for (int m = 0; m < view->codebook.nSymbols; ++m)
             std::fill_n(means[m], next->nQuant, 0.0f);
     }
+    void review(const HMMServer*) const {}
 
     bool score(const HMMServer* current, const HMMServer*, const float* const* frames, int nFrames,
                vsq::HmmOutputs* outputs) const {
@@ -270,13 +272,16 @@ public:
     }
 
     void begin(const HMMServer*, HMMServer*) { weightNum.clear(); }
+    void review(const HMMServer* current) const { hmm::compareWithCodebook(current); }
 
     // A codebook that does not agree with the server is read as far as both go; what is beyond it counts as
     // densities that never respond.
     bool score(const HMMServer* current, const HMMServer* next, const float* const* frames, int nFrames,
                vsq::HmmOutputs* outputs) const {
-        hmm::compareWithCodebook(current);
         const SemicontCodebook* codebook = KTGetContext()->sSemicont;
+        // a report's handler may have replaced the codebook, whose densities still stand there
+        for (int t = 0; codebook->nSymbols < current->nSymbols && t < nFrames; ++t)
+            std::fill_n(densities.row(t), current->nSymbols, 0.0f);
         KTsEvalPdfsFrames(codebook, frames, densities.get(), nFrames,
                           std::min(current->nSymbols, codebook->nSymbols),
                           std::min(current->nQuant, codebook->nQuant));
@@ -355,10 +360,10 @@ int KTsTrainSemicontHMMBaumWelch(int hmm, const float* const* const* pppFrames, 
                                  int nSequences, int maxIterations, float* pTolerance) {
     const HMMServer* model = serverToTrain(hmm);
     if (model == nullptr || !hmm::evaluable(model, Semicontinuous::kind)) return -1;
+    const HeldHMMServer held(model);
     hmm::CodebookDisagreement(model).report(module,
                                             "KTsTrainSemicontHMMBaumWelch"); // and the training goes on
-    model = serverToTrain(hmm); // the handler of a report may have released it
-    if (model == nullptr) return -1;
+    if (held.get() == nullptr) return -1; // unless the handler of a report has released the model
     Semicontinuous flavour;
     return hmm::train(flavour, model, {pppFrames, pFrames, nSequences}, maxIterations, pTolerance);
 }

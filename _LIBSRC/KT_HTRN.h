@@ -8,6 +8,8 @@
 //     kind                                the status bits of the servers that it trains
 //     prepare(model, longest)             storage for a whole call; false when memory ran out
 //     begin(current, next)                an iteration starts
+//     review(current)                     what is to be reported before a sequence; a handler may
+//                                         release the models
 //     score(current, next, sequence, n, outputs)    the sequence's output values; false for one that can't be
 //                                         used
 //     count(current, counts, sequence, n, weight)   the outputs' numerators, from a sequence's lattice, whose
@@ -125,17 +127,17 @@ public:
     bool copyOf(const HMMServer* source); // false when memory ran out; the model before is forgotten
     void takeFrom(OwnModel& other) {
         release();
-        id = std::exchange(other.id, 0);
+        model = std::move(other.model);
     }
     void release() {
-        if (id > 0) KTFreeHMMServer(id);
-        id = 0;
+        const HeldHMMServer released = std::move(model);
+        if (released.get() != nullptr) KTFreeHMMServer(released.get()->id);
     }
-    int handOver() { return std::exchange(id, 0); }
-    HMMServer* get() const { return KTFindHMMServer(id); }
+    int handOver() { return HeldHMMServer(std::move(model)).get()->id; }
+    HMMServer* get() const { return model.get(); }
 
 private:
-    int id = 0;
+    HeldHMMServer model; // a report's handler may release it
 };
 
 // Copies and views are made under a status of their own: an older failure of the thread does not end a
@@ -179,15 +181,19 @@ struct StopRule {
     bool stops(double change) { return change < goal || --iterations < 1; }
 };
 
-// One iteration's pass over all sequences. Sequences that the model cannot produce have no influence.
+// One iteration's pass over all sequences. Sequences that the model cannot produce have no
+// influence. False once a report's handler has released one of the models.
 template <class Flavour>
-void countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
+bool countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
               const Sequences<typename Flavour::Sequence>& sequences, Counts& counts) {
+    const HeldHMMServer heldCurrent(current), heldNext(next);
     counts.begin(current);
     const vsq::HmmUnpacked unpacked = counts.unpackedModel(current);
     for (int q = 0; q < sequences.count; ++q) {
         const int nFrames = sequences.pFrames[q];
         if (nFrames < 1) continue;
+        if (!counts.careful) flavour.review(current); // the second time all has been said
+        if (heldCurrent.get() == nullptr || heldNext.get() == nullptr) return false;
         vsq::HmmOutputs outputs;
         if (!flavour.score(current, next, sequences.all[q], nFrames, &outputs)) continue;
         int exponent;
@@ -197,10 +203,12 @@ void countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
         counts.add(current, outputs, nFrames, 1.0 / likelihood);
         flavour.count(current, counts, sequences.all[q], nFrames, 1.0 / likelihood);
     }
+    return true;
 }
 
-// A new model from the current one; false when memory ran out. Products of extreme values can leave the
-// doubles, and sums of frames the floats: what comes out so is counted once more, carefully.
+// A new model from the current one; false when memory ran out or a report's handler has released
+// one of them. Products of extreme values can leave the doubles, and sums of frames the floats:
+// what comes out so is counted once more, carefully.
 template <class Flavour>
 bool reestimate(Flavour& flavour, const HMMServer* current, OwnModel& newest,
                 const Sequences<typename Flavour::Sequence>& sequences, Counts& counts) {
@@ -209,7 +217,7 @@ bool reestimate(Flavour& flavour, const HMMServer* current, OwnModel& newest,
         if (!newest.copyOf(current)) return false;
         HMMServer* next = newest.get();
         flavour.begin(current, next);
-        countAll(flavour, current, next, sequences, counts);
+        if (!countAll(flavour, current, next, sequences, counts)) return false;
         const bool isFinite = counts.finish(current, next);
         if ((flavour.finish(current, next, counts) && isFinite) || counts.careful) return true;
     }

@@ -110,8 +110,9 @@ bool renewTable(void*& table, int& order, int& length, int fftOrder, int nCoef, 
     std::free(table);
     table = nullptr;
     order = length = 0;
-    table = calc();
-    if (table == nullptr) return false;
+    void* const made = calc();
+    if (made == nullptr) return false; // what a report's handler may have stored meanwhile stays
+    table = made;
     order = fftOrder;
     length = nCoef;
     return true;

@@ -80,29 +80,36 @@ void empty(SemicontCodebook* codebook, int n) {
     *codebook = SemicontCodebook{};
 }
 
-// Fills an empty codebook with n densities made by `make(k)` and weights by `weight(k)`. On success, 1; 1
-// also when a density's maker has reported, with the codebook empty; -1 when memory ran out elsewhere.
+// Fills an empty codebook with n densities made by `make(k)` and weights by `weight(made, k)`. On
+// success, 1; 1 also when a density's maker has reported, with the codebook empty; -1 when memory
+// ran out elsewhere. A report's handler may release the thread's codebooks or set up its own, so
+// they are not touched before all is there.
 template <class Form, class Make, class Weight>
 int fill(SemicontCodebook* codebook, int n, int nQuant, Make make, Weight weight) {
-    codebook->ccgPdfs = newServerTable(n);
-    if (codebook->ccgPdfs == nullptr) return -1;
-    for (int k = 0; k < n && KTGetStatus() >= 0; ++k)
-        codebook->ccgPdfs[k] = make(k);
-    if (KTGetStatus() < 0) {
-        empty(codebook, n);
+    SemicontCodebook made{};
+    made.ccgPdfs = newServerTable(n);
+    if (made.ccgPdfs == nullptr) return -1;
+    bool failed = KTGetStatus() < 0; // a status that was negative before counts, too
+    for (int k = 0; k < n && !failed; ++k) {
+        made.ccgPdfs[k] = make(k);
+        failed = made.ccgPdfs[k] == nullptr || KTGetStatus() < 0;
+    }
+    if (failed) {
+        empty(&made, n);
         return 1;
     }
-    codebook->pWeights = hmm::allocateArray(std::size_t(n), sizeof(typename Form::Element));
-    codebook->nSymbols = n;
-    codebook->nQuant = nQuant;
-    if (codebook->pWeights == nullptr || !Form::prepare(codebook)) {
-        empty(codebook, n);
+    made.pWeights = hmm::allocateArray(std::size_t(n), sizeof(typename Form::Element));
+    made.nSymbols = n;
+    made.nQuant = nQuant;
+    if (made.pWeights == nullptr || !Form::prepare(&made)) {
+        empty(&made, n);
         return -1;
     }
-    auto* first = hmm::aligned<typename Form::Element>(codebook->pWeights, Form::alignment);
+    auto* first = hmm::aligned<typename Form::Element>(made.pWeights, Form::alignment);
     for (int k = 0; k < n; ++k)
-        first[k] = weight(k);
-    codebook->status = SEMICONT_OWNS_PDFS | Form::bit;
+        first[k] = weight(made, k);
+    made.status = SEMICONT_OWNS_PDFS | Form::bit;
+    *codebook = made;
     return 1;
 }
 
@@ -115,7 +122,7 @@ int initialise(GaussMixServer** ppServers, int nSymbols, int nQuant) {
         if (ppServers[k] == nullptr || !Form::matches(ppServers[k]) || ppServers[k]->nDim < nQuant) return -1;
     return fill<Form>(
         codebook, nSymbols, nQuant, [=](int k) { return Form::copy(ppServers[k]); },
-        [=](int k) { return Form::weightOf(codebook->ccgPdfs[k]); });
+        [](const SemicontCodebook& made, int k) { return Form::weightOf(made.ccgPdfs[k]); });
 }
 
 template <class Form>
@@ -143,7 +150,7 @@ int convertCodebook(Convert convert, Weight weight) {
     if (target->status != 0) release<Target>();
     return fill<Target>(
         target, source->nSymbols, source->nQuant, [=](int k) { return convert(source->ccgPdfs[k]); },
-        [=](int k) { return weight(source, k); });
+        [=](const SemicontCodebook&, int k) { return weight(source, k); });
 }
 
 // --- making from labelled vectors ---

@@ -65,7 +65,11 @@ extern "C" {
 /* A report: what happened (a status code), in which function, the message, the source module and the line.
  * Any of the texts may be null. The result becomes that of KTError; the library ignores it, and by custom it
  * is `status`. A handler is called on the thread that failed and returns there; it must not let an exception
- * or a longjmp pass through. */
+ * or a longjmp pass through. It may call the library and release what it likes, also the servers,
+ * codebooks, patterns, mixtures, networks and filter banks that the failing operation has in use,
+ * and make others: the operation then touches neither what is gone nor what is new, and ends with
+ * its failure value. Arrays that are the caller's own stay in use where an operation goes on after
+ * a report, as training and the writing of a model do. */
 typedef int (*KTErrorHandler)(int status, const char* funcName, const char* message, const char* sourceName,
                               int line);
 
@@ -737,8 +741,8 @@ KTL_API int KTwEvalGaussMix(GaussMixServer* pServer, const short* pVector, int n
  * observation count and is not raw. Returns it, the caller frees it; pServer stays the caller's. Null without
  * a report when a density is singular: an element or pivot below 1e-30, or a determinant below 1.38e-76; and
  * for null and fixed servers. Reports -4 "insufficiency of memory for pointer  ptr" for the new server, and
- * "insufficiency of memory for pointer  ptr2" for the thread's work table: in this one case pServer is freed.
- */
+ * "insufficiency of memory for pointer  ptr2" for the thread's work table: in this one case pServer
+ * is freed, before the report. */
 KTL_API GaussMixServer* KTsInvertGaussianCovMatrix(GaussMixServer* pServer, int flags);
 
 /* Estimates one Gaussian from nVectors (2 or more) rows of nDim elements: means and unbiased covariances,
@@ -845,11 +849,13 @@ struct GaussMixServer;
  * KT_HMM_LOGARITHMIC or 0 (values without a domain). Fixed costs are 16-bit values at `scale`; 0x7FFE and 0x7FFF mean zero
  * probability.
  *
- * The result is the new id, or a negative value: -1 for wrong flags or missing arrays (KT_StsBadArg), when memory ran out
- * for the server or a mixture, and when the thread's status is negative. Memory that runs out for the transitions, outputs
- * or initial values alone is not told: the id then belongs to a server without states, which evaluates to the failure
- * value. Semicontinuous forms, which need this thread's codebook of the same numeric form first, also -2 (there is none),
- * -3 (nSymbols is not its number of densities), -4 (nQuant is not its vectors' length), each with the report KT_StsBadArg. */
+ * The result is the new id, or a negative value: -1 for wrong flags, missing arrays, "nStates<1" or,
+ * of a discrete model, "nSymbols<1" (each KT_StsBadArg), when memory ran out for the server or a
+ * mixture, and when the thread's status is negative. Memory that runs out for the transitions,
+ * outputs or initial values alone is not told: the id then belongs to a server of status 0 without
+ * states, which evaluates to the failure value. Semicontinuous forms, which need this thread's
+ * codebook of the same numeric form first, also -2 (there is none), -3 (nSymbols is not its number
+ * of densities), -4 (nQuant is not its vectors' length), each with the report KT_StsBadArg. */
 KTL_API int KTwInitHMMServer(const short* const* trans, const short* const* out, const short* initial,
                              int nStates, int nSymbols, int flags);
 KTL_API int KTsInitHMMServer(const float* const* trans, const float* const* out, const float* initial,
@@ -885,7 +891,8 @@ KTL_API int KTCopyHMMServer(int hmm);
  * 32 bits and are pinned to -0x7FFF and 0x7FFF, so that zero probability comes back as 0x7FFF; weights have 16 bits and
  * are copied.
  * mixtures (continuous models alone): nStates slots; each one that is not null on entry is overwritten with a new mixture
- * server, which the caller frees with KTsFreeGaussMixServer; null, after a report, when memory ran out for it.
+ * server, which the caller frees with KTsFreeGaussMixServer; null, after a report, when memory ran
+ * out for it, and from then on where the report's handler has released the server.
  *
  * Returns 0, or -1 for an unknown id, with nothing written. Reports nothing of its own. */
 KTL_API int KTGetHMMProb(int hmm, void* initial, void** trans, void** out, void** semicontOut,

@@ -194,29 +194,62 @@ TEST_F(Creation, MissingArrays) {
     EXPECT_EQ(KTGetStatus(), 0);
 }
 
-TEST_F(Creation, SizesOfNothing) {
-    const float* none = nullptr;
-    const float value = 0;
-    for (const int n : {0, -1, INT_MIN}) {
-        const int id = KTsInitHMMServer(&none, &none, &value, n, n, 0);
-        ASSERT_GT(id, 0);
-        const int symbol = 0;
-        EXPECT_EQ(KTsEvalHMMViterbi(id, &symbol, 1, nullptr), std::numeric_limits<float>::max());
-        EXPECT_GT(KTCopyHMMServer(id), 0);
+// No reader would accept the file of such a model. The codebook is compared first.
+TEST_F(Creation, NoStatesAreRefused) {
+    Kit kit;
+    const auto trans = pointers(kit.model.trans), out = pointers(kit.model.out);
+    const auto fixedTrans = pointers(kit.fixed.trans), fixedOut = pointers(kit.fixed.out);
+    const float* initial = kit.model.initial.data();
+    const short* fixedInitial = kit.fixed.initial.data();
+    const auto semicont = [&](int n) {
+        return KTsInitSemicontHMMServer(trans.data(), out.data(), initial, n, 6, 3, 0);
+    };
+    {
+        support::CapturedReports reports;
+        EXPECT_EQ(semicont(0), -2);
     }
+    kit.setCodebooks();
+    const long before = support::alloc::liveBlocks();
+    for (const int n : {0, -1, INT_MIN}) {
+        const auto refused = [&](const char* name, int id, support::CapturedReports& reports) {
+            EXPECT_EQ(id, -1) << name;
+            expectReport(reports, "nStates<1", name);
+            EXPECT_EQ(KTGetStatus(), KT_StsBadArg);
+            EXPECT_EQ(KTGetContext()->nHMMServers, 0);
+            reports.clear();
+        };
+        support::CapturedReports reports;
+        refused("KTsInitHMMServer", KTsInitHMMServer(trans.data(), out.data(), initial, n, 6, 0), reports);
+        refused("KTwInitHMMServer",
+                KTwInitHMMServer(fixedTrans.data(), fixedOut.data(), fixedInitial, n, 6, 0), reports);
+        refused("KTsInitContHMMServer",
+                KTsInitContHMMServer(trans.data(), initial, kit.mixtures.table.data(), n, 3, 0), reports);
+        refused("KTwInitContHMMServer",
+                KTwInitContHMMServer(fixedTrans.data(), fixedInitial, kit.fixedMixtures.table.data(), n, 3, 0,
+                                     -8),
+                reports);
+        refused("KTsInitSemicontHMMServer", semicont(n), reports);
+        refused("KTwInitSemicontHMMServer",
+                KTwInitSemicontHMMServer(fixedTrans.data(), fixedOut.data(), fixedInitial, n, 6, 3, 0, -8),
+                reports);
+    }
+    EXPECT_EQ(support::alloc::liveBlocks(), before);
 }
 
-TEST_F(Creation, ContinuousSizesOfNothing) {
-    const float* none = nullptr;
-    const float value = 0;
-    GaussMixServer* noMixture = nullptr;
-    const int id = KTsInitContHMMServer(&none, &value, &noMixture, 0, 3, 0);
-    ASSERT_GT(id, 0);
-    EXPECT_EQ(KTsEvalContHMMViterbi(id, &none, 1, nullptr), std::numeric_limits<float>::max());
-    EXPECT_GT(KTCopyHMMServer(id), 0);
-    for (const int n : {-1, -2, INT_MIN})
-        EXPECT_EQ(KTsInitContHMMServer(&none, &value, &noMixture, n, 3, 0), -1);
-    EXPECT_EQ(KTGetContext()->nHMMServers, 2);
+TEST_F(Creation, DiscreteModelsOfNoSymbolsAreRefused) {
+    Kit kit;
+    const auto trans = pointers(kit.model.trans), out = pointers(kit.model.out);
+    const auto fixedTrans = pointers(kit.fixed.trans), fixedOut = pointers(kit.fixed.out);
+    for (const int m : {0, -1, INT_MIN}) {
+        support::CapturedReports reports;
+        EXPECT_EQ(KTsInitHMMServer(trans.data(), out.data(), kit.model.initial.data(), 4, m, 0), -1);
+        expectReport(reports, "nSymbols<1", "KTsInitHMMServer");
+        reports.clear();
+        EXPECT_EQ(KTwInitHMMServer(fixedTrans.data(), fixedOut.data(), kit.fixed.initial.data(), 4, m, 0),
+                  -1);
+        expectReport(reports, "nSymbols<1", "KTwInitHMMServer");
+        EXPECT_EQ(KTGetContext()->nHMMServers, 0);
+    }
 }
 
 // What would not fit any memory is as if memory had run out: a server without arrays. The rows are not read.
@@ -294,6 +327,7 @@ TEST_F(Creation, AllocationFailures) {
                                                           if (id > 0) {
                                                               EXPECT_EQ(KTGetStatus(), 0);
                                                               EXPECT_EQ(server(id).nStates, 0);
+                                                              EXPECT_EQ(server(id).status, 0u);
                                                               EXPECT_GT(KTCopyHMMServer(id), id);
                                                               KTFreeHMMServer(id + 1);
                                                               KTFreeHMMServer(id);
