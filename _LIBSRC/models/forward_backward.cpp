@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <numeric>
+#include <span>
 
 namespace {
 
@@ -57,37 +59,42 @@ namespace {
 constexpr double lift = 0x1p600; // on forward values, so that no product with a transition vanishes
 constexpr int targetsAtOnce = 64;
 
-// visit(i, j, position) for what is stored of the transitions from states with a forward value to the
-// targets from `block` on.
+// visit(i, first, row, position) for every state with a forward value that leads to some of the targets from
+// `block` on: row.size() of them from `first` on, stored from `position` on.
 template <class Visit>
-void eachTransition(const TransitionMap& map, const double* alpha, int block, const Visit& visit) {
+void eachRow(const HMMServer* server, const double* alpha, int block, const Visit& visit) {
+    const TransitionMap map = sourceMap(server);
     for (int i = 0; i < map.n; ++i) {
         const int first = std::max(firstTarget(map.topology, i), block);
         const int end = std::min(endTarget(map.topology, map.n, i), block + targetsAtOnce);
         if (alpha[i] == 0.0 || first >= end) continue;
         const std::size_t position = map.position(i, first);
-        for (int j = first; j < end; ++j)
-            visit(i, j, position + std::size_t(j - first));
+        const float* row = floats(server->transitions) + position;
+        visit(i, first, std::span(row, std::size_t(end - first)), position);
     }
 }
 
 // The occupancies of some targets, shared out to the frame before.
 void shareOut(const HMMServer* server, const double* alpha, const double* occupancies, int block,
               double* before, double* moves) {
-    const TransitionMap map = sourceMap(server);
-    const float* stored = floats(server->transitions);
     double factors[targetsAtOnce] = {};
-    eachTransition(map, alpha, block, [&](int i, int j, std::size_t position) {
-        factors[j - block] += alpha[i] * lift * double(stored[position]);
+    eachRow(server, alpha, block, [&](int i, int first, std::span<const float> row, std::size_t) {
+        const double lifted = alpha[i] * lift;
+        for (std::size_t k = 0; k < row.size(); ++k)
+            factors[std::size_t(first - block) + k] += lifted * double(row[k]);
     });
-    for (int j = block; j < map.n && j < block + targetsAtOnce; ++j) {
+    for (int j = block; j < server->nStates && j < block + targetsAtOnce; ++j) {
         double& factor = factors[j - block];
         factor = occupancies[j] == 0.0 || factor == 0.0 ? 0.0 : occupancies[j] / factor;
     }
-    eachTransition(map, alpha, block, [&](int i, int j, std::size_t position) {
-        const double share = alpha[i] * lift * double(stored[position]) * factors[j - block];
-        before[i] += share;
-        if (moves != nullptr) moves[position] += share;
+    eachRow(server, alpha, block, [&](int i, int first, std::span<const float> row, std::size_t position) {
+        const double lifted = alpha[i] * lift;
+        double shares[targetsAtOnce];
+        for (std::size_t k = 0; k < row.size(); ++k)
+            shares[k] = lifted * double(row[k]) * factors[std::size_t(first - block) + k];
+        before[i] += std::reduce(shares, shares + row.size());
+        for (std::size_t k = 0; moves != nullptr && k < row.size(); ++k)
+            moves[position + k] += shares[k];
     });
 }
 

@@ -192,7 +192,7 @@ bool countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
     for (int q = 0; q < sequences.count; ++q) {
         const int nFrames = sequences.pFrames[q];
         if (nFrames < 1) continue;
-        flavour.review(current);
+        if (!counts.careful) flavour.review(current); // the second time all has been said
         if (heldCurrent.get() == nullptr || heldNext.get() == nullptr) return false;
         vsq::HmmOutputs outputs;
         if (!flavour.score(current, next, sequences.all[q], nFrames, &outputs)) continue;
@@ -206,8 +206,9 @@ bool countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
     return true;
 }
 
-// A new model from the current one; false when memory ran out or a report's handler has released one. Products of extreme values can leave the
-// doubles, and sums of frames the floats: what comes out so is counted once more, carefully.
+// A new model from the current one; false when memory ran out or a report's handler has released
+// one of them. Products of extreme values can leave the doubles, and sums of frames the floats:
+// what comes out so is counted once more, carefully.
 template <class Flavour>
 bool reestimate(Flavour& flavour, const HMMServer* current, OwnModel& newest,
                 const Sequences<typename Flavour::Sequence>& sequences, Counts& counts) {
