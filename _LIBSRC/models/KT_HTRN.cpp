@@ -213,7 +213,8 @@ public:
     }
 
 private:
-    // Occupancies of components, and means as running averages: they stay where sums would leave the floats.
+    // Occupancies of components, and means as running averages: they stay where sums would leave
+    // the floats.
     void averageFrames(const vsq::HmmLattice& lattice, int nStates, const float* const* frames, int nQuant) {
         for (int t = 0; t < lattice.nFrames; ++t)
             for (int i = 0; i < nStates; ++i)

@@ -59,8 +59,8 @@ namespace {
 constexpr double lift = 0x1p600; // on forward values, so that no product with a transition vanishes
 constexpr int targetsAtOnce = 64;
 
-// visit(i, first, row, position) for every state with a forward value that leads to some of the targets from
-// `block` on: row.size() of them from `first` on, stored from `position` on.
+// visit(i, first, row, position) for every state with a forward value that leads to some of the
+// targets from `block` on: row.size() of them from `first` on, stored from `position` on.
 template <class Visit>
 void eachRow(const HMMServer* server, const double* alpha, int block, const Visit& visit) {
     const TransitionMap map = sourceMap(server);
@@ -100,7 +100,8 @@ void shareOut(const HMMServer* server, const double* alpha, const double* occupa
 
 } // namespace
 
-// What is no number stays none on the way back, since every state leads to itself: the first frame tells.
+// What is no number stays none on the way back, since every state leads to itself: the first frame
+// tells.
 bool isBackwardFinite(const vsq::HmmLattice& lattice, int nStates) {
     return std::all_of(lattice.beta, lattice.beta + nStates, [](double beta) { return std::isfinite(beta); });
 }

@@ -17,8 +17,9 @@
 // for an unknown or incomplete server; -1.0 where there is no registry and for sums that are negative or
 // beyond the doubles. Nothing is allocated.
 //
-// Backward values can leave the doubles where forward values vanish or nearly do. All but those of the last
-// frame are then formed from the occupancies: 0 where the forward value is 0, and never beyond the doubles.
+// Backward values can leave the doubles where forward values vanish or nearly do. All but those of
+// the last frame are then formed from the occupancies: 0 where the forward value is 0, and never
+// beyond the doubles.
 double KTsEvalHMMForwardBackward(int hmm, const int* pObservations, double* pAlphaBeta, double* pScales,
                                  int T, int* pExponent);
 double KTsEvalContHMMForwardBackward(int hmm, double* pAlphaBeta, double* pScales, const float* pOutProbs,
@@ -43,10 +44,10 @@ inline TransitionMap sourceMap(const HMMServer* server) {
 // Whether all backward values of a complete lattice are numbers.
 bool isBackwardFinite(const vsq::HmmLattice& lattice, int nStates);
 
-// Fills beta's rows with occupancies, alpha * beta * weight, weight being 1 / likelihood, from the forward
-// values alone: what a state has is shared out to the states before it in proportion to what they brought to
-// it, so that no backward value is needed. `moves`, unless null, gets the shares of every transition, added
-// at its place in the stored array.
+// Fills beta's rows with occupancies, alpha * beta * weight, weight being 1 / likelihood, from the
+// forward values alone: what a state has is shared out to the states before it in proportion to
+// what they brought to it, so that no backward value is needed. `moves`, unless null, gets the
+// shares of every transition, added at its place in the stored array.
 void occupanciesFromForward(const HMMServer* server, const vsq::HmmLattice& lattice, double weight,
                             double* moves);
 

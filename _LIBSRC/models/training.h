@@ -50,16 +50,16 @@ private:
     std::size_t count = 0;
 };
 
-// Puts a re-estimate in the place of the copied value, which stays where the new one is no finite float: false
-// then.
+// Puts a re-estimate in the place of the copied value, which stays where the new one is no finite
+// float: false then.
 inline bool replace(float& stored, float value) {
     if (!std::isfinite(value)) return false;
     stored = value;
     return true;
 }
 
-// Where a source's transitions stand: in the stored array from `stored` on, in the sums of a sequence from
-// `summed` on.
+// Where a source's transitions stand: in the stored array from `stored` on, in the sums of a
+// sequence from `summed` on.
 struct TransitionRow {
     int count;
     std::size_t stored;
@@ -86,17 +86,18 @@ struct Counts {
     vsq::HmmLattice lattice(int nFrames) const;
     vsq::HmmUnpacked unpackedModel(const HMMServer* current) const;
 
-    // Adds one sequence, whose lattice is complete, with the weight 1 / likelihood. Where its backward values
-    // are no numbers, and in careful counting, occupancies come from the forward values alone; alpha is then
-    // the likelihood throughout and beta holds them.
+    // Adds one sequence, whose lattice is complete, with the weight 1 / likelihood. Where its
+    // backward values are no numbers, and in careful counting, occupancies come from the forward
+    // values alone; alpha is then the likelihood throughout and beta holds them.
     void add(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames, double weight);
 
-    // Puts the arrivals of the sequence added last, as the kernel of this name has them, in beta's place.
+    // Puts the arrivals of the sequence added last, as the kernel of this name has them, in beta's
+    // place.
     void formArrivals(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames,
                       double weight) const;
 
-    // The new model's start values and transitions; false when one of them is no finite float, or an
-    // occupancy no finite number.
+    // The new model's start values and transitions; false when one of them is no finite float, or
+    // an occupancy no finite number.
     bool finish(const HMMServer* current, HMMServer* next);
 
     bool visited(int state) const { return gammaOut[std::size_t(state)] >= smallestDenominator; }

@@ -31,7 +31,8 @@ double modelChange(const HMMServer* current, const HMMServer* next) {
     const double ofInitials =
         greatestChange(floats(current->initials), floats(next->initials), std::size_t(current->nStates), 0.0);
     const TransitionMap map = sourceMap(current);
-    // a band's second copy of its last transition is not looked at: a file may bring one that differs
+    // a band's second copy of its last transition is not looked at: a file may bring one that
+    // differs
     const std::size_t size = map.size(), second = std::min(map.duplicate(), size);
     const std::size_t behind = std::min(second + 1, size);
     const double before = greatestChange(transitionsOf(current), transitionsOf(next), second, ofInitials);

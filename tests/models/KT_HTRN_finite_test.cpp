@@ -1,5 +1,5 @@
-// Training with data whose backward variables, products or sums leave the doubles: what comes out is finite, and it is what
-// the definition says.
+// Training with data whose backward variables, products or sums leave the doubles: what comes out
+// is finite, and it is what the definition says.
 #include "models/flat_mixtures.h"
 #include "models/training.h"
 
@@ -17,8 +17,9 @@ using FiniteTraining = training::HmmTest;
 enum class Flavour { discrete, continuous, semicontinuous };
 constexpr Flavour flavours[] = {Flavour::discrete, Flavour::continuous, Flavour::semicontinuous};
 
-// One model for all flavours: symbol k is the frame (k), and densities are so narrow that each sees its own symbol alone.
-// The output values are the discrete outputs, the weights of a state's components, or those of the codebook's densities.
+// One model for all flavours: symbol k is the frame (k), and densities are so narrow that each sees
+// its own symbol alone. The output values are the discrete outputs, the weights of a state's
+// components, or those of the codebook's densities.
 struct Case {
     oracle::DiscreteHmm model;
     std::vector<std::vector<int>> sequences;
@@ -100,8 +101,9 @@ void trainedOnce(const Case& data, const Test& test) {
     });
 }
 
-// A walk through all states, one a frame and each at the price of 1e-30, to a last state that takes everything at no price:
-// for that state the early frames' backward values are 1e30 and more a frame too high for the doubles.
+// A walk through all states, one a frame and each at the price of 1e-30, to a last state that takes
+// everything at no price: for that state the early frames' backward values are 1e30 and more a
+// frame too high for the doubles.
 Case costlyWalk(Topology topology, std::size_t n) {
     const std::size_t frames = n + 5, last = n - 1;
     const auto cost = double(1e-30f), wait = double(1e-40f);
@@ -148,8 +150,8 @@ TEST_F(FiniteTraining, StatesThatAreNotReachedYetHaveNoOccupancy) {
         }
 }
 
-// A model whose transitions stay below, on and above the diagonal in a way that gives it the topology. What is added is
-// never used: the outputs see to that.
+// A model whose transitions stay below, on and above the diagonal in a way that gives it the
+// topology. What is added is never used: the outputs see to that.
 void shape(Topology topology, oracle::Hmm& chain) {
     const std::size_t n = chain.size();
     if (topology == Topology::full) chain.a[n - 1][0] = double(FLT_TRUE_MIN);
@@ -179,7 +181,8 @@ void expectSecondLoop(Flavour flavour, int id, const Row& outputs) {
         EXPECT_NEAR(outputsOf(flavour, id)[1][k], outputs[k], 1e-6) << k;
 }
 
-// The state that explains everything in the end is at 1e-320 of the sum in between: alpha is denormal there, beta 1e320.
+// The state that explains everything in the end is at 1e-320 of the sum in between: alpha is
+// denormal there, beta 1e320.
 TEST_F(FiniteTraining, StateThatComesBackFromDenormalsHasItsWholeOccupancy) {
     const auto rare = double(1e-40f);
     std::vector<int> symbols(8, 0);
@@ -190,8 +193,8 @@ TEST_F(FiniteTraining, StateThatComesBackFromDenormalsHasItsWholeOccupancy) {
         });
 }
 
-// The last frame falls from 1e38 to 1e-305, and the state that was at 1e38 cannot give it at all: what its output, 0, is to
-// be multiplied with is beyond the doubles.
+// The last frame falls from 1e38 to 1e-305, and the state that was at 1e38 cannot give it at all:
+// what its output, 0, is to be multiplied with is beyond the doubles.
 TEST_F(FiniteTraining, LastFrameFarBelowTheOneBefore) {
     const auto rare = double(1e-40f), least = double(FLT_TRUE_MIN);
     const std::vector<int> symbols = {0, 0, 0, 0, 0, 0, 1, 2};
@@ -202,8 +205,9 @@ TEST_F(FiniteTraining, LastFrameFarBelowTheOneBefore) {
                     });
 }
 
-// Nothing leads to the second state, and what it alone leads to would suit the sequence by 1e245 better: no backward value
-// is beyond the doubles, but with the second state's own output, 1e38, its product is.
+// Nothing leads to the second state, and what it alone leads to would suit the sequence by 1e245
+// better: no backward value is beyond the doubles, but with the second state's own output, 1e38,
+// its product is.
 TEST_F(FiniteTraining, StateThatNothingLeadsToTakesNoTransition) {
     for (Topology topology : topologies) {
         const std::size_t n = topology == Topology::triangular ? 4 : 3;
@@ -225,8 +229,8 @@ TEST_F(FiniteTraining, StateThatNothingLeadsToTakesNoTransition) {
     }
 }
 
-// Output values beyond the floats, in the only frame of a sequence: there is nothing to divide by, so it is passed by like
-// a longer one.
+// Output values beyond the floats, in the only frame of a sequence: there is nothing to divide by,
+// so it is passed by like a longer one.
 TEST_F(FiniteTraining, OutputsBeyondTheFloatsArePassedBy) {
     oracle::Components state{{double(3e38f), double(3e38f), 1.0}, {{0.0}, {0.0}, {5.0}}, {}, true};
     state.inverses.assign(3, {{1e6}});
@@ -396,8 +400,8 @@ struct Reference {
     std::vector<Rows> means;
 };
 
-// States from left to right whose means lie up to 3 deviations apart in each dimension, and utterances of equal lengths in
-// all of them; the last utterance is near the last state throughout.
+// States from left to right whose means lie up to 3 deviations apart in each dimension, and
+// utterances of equal lengths in all of them; the last utterance is near the last state throughout.
 struct Utterances {
     static constexpr std::size_t nStates = 16, nDim = 13;
 

@@ -527,7 +527,8 @@ TEST_F(Training, StatusOfTheThreadIsNeitherReadNorChanged) {
 
 // --- a band's last transition, which is stored twice ---
 
-// The server as a file brings it back whose copy behind the one that the recursions read says something else.
+// The server as a file brings it back whose copy behind the one that the recursions read says
+// something else.
 int withOtherCopy(int id, float other) {
     HMMServer* server = KTFindHMMServer(id);
     float& copy = hmm::floats(server->transitions)[hmm::TransitionMap::of(*server).duplicate()];
@@ -683,7 +684,8 @@ int modelOf(GaussMixServer* mixture) {
     return KTsInitContHMMServer(&row, &one, &mixture, 1, 1, KT_HMM_EXPONENTIAL);
 }
 
-// The ways that ktlp6.h gives: a new server normalises mixtures that are marked, and the second inversion marks them.
+// The ways that ktlp6.h gives: a new server normalises mixtures that are marked, and the second
+// inversion marks them.
 int builtAnew(int id, bool markFirst) {
     GaussMixServer* mixture = KTFindHMMServer(id)->mixtures[0]; // any pointer but null asks for the mixture
     EXPECT_EQ(KTGetHMMProb(id, nullptr, nullptr, nullptr, nullptr, &mixture), 0);

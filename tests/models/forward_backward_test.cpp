@@ -222,7 +222,8 @@ TEST_F(ForwardBackward, BackwardRowThatVanishesGivesZero) {
 
 // --- backward values beyond the doubles ---
 
-// A walk to the last state, one state and a factor of 1e-30 a frame, while the last one would take every frame as it is.
+// A walk to the last state, one state and a factor of 1e-30 a frame, while the last one would take
+// every frame as it is.
 std::vector<float> costlyWalk(std::size_t n, std::size_t frames) {
     std::vector<float> outputs(n * frames, 0.0f);
     for (std::size_t t = 0; t < frames; ++t) {
