@@ -28,7 +28,8 @@ struct HMMServer {
     int reserved0;
     int reserved1; // carried by copies and conversions
 
-    // Behind the file's words: whether the mixtures are the server's own where the status does not say so.
+    // Behind the file's words: whether the mixtures are the server's own where the status does not
+    // say so.
     bool holdsMixtures;
 };
 static_assert(sizeof(void*) != 4 || offsetof(HMMServer, holdsMixtures) == 64, "the record of a 32-bit build");
@@ -113,8 +114,9 @@ HMMServer* nextHMMInClass(HMMClass* group);       // null at the end
 
 // --- creation (KT_HMAN) ---
 
-// Whether a server's mixtures are released, and copied, with it. Its status says so, except that a file's status word is
-// kept as it is, and mixtures that are made for a server belong to it all the same.
+// Whether a server's mixtures are released, and copied, with it. Its status says so, except that a
+// file's status word is kept as it is, and mixtures that are made for a server belong to it all the
+// same.
 inline bool ownsMixtures(const HMMServer* server) {
     return (server->status & HMM_SERVER_OWNS_MIXTURES) != 0 || server->holdsMixtures;
 }
