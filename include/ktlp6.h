@@ -1004,8 +1004,8 @@ KTL_API int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int n
  * values, transitions and the outputs of discrete models; weights of densities and mixtures are the same in both domains.
  * The topology stays what it is. Refused: "!(ser->status&HMM_SERVER_FLOAT)", "!(ser->status&KT_HMM_LOGARITHMIC)",
  * "!(ser->status&KT_HMM_EXPONENTIAL)". Probability 0 becomes an infinite cost; a cost of 30 becomes 1e-30. When memory runs
- * out while transitions are being rewritten, a copy of the source stays registered, of which only the initial values have
- * been transformed. */
+ * out while transitions are being rewritten, a copy of the source stays registered, of which only
+ * the initial values have been transformed. */
 KTL_API int KTsExpHMMServer(int hmm);
 KTL_API int KTsLogHMMServer(int hmm);
 
@@ -1044,8 +1044,10 @@ KTL_API void KTGetHMMScales(int hmm, int* pOrder, int* pWeightsOrder, int* pMean
  * that comes up short ends the operation in silence and leaves the file incomplete. Continuous models: a negative status of
  * the thread after a mixture gives a KT_StsBacktrace report, and the writing stops unless the handler returns 0.
  *
- * KTReadHMMServer: the id of a new server that stands on the stream's position, its tag and status as they are on file, or
- * -1 for everything that is not one, whole and consistent (docs/reliability.md lists what that is), and when memory ran out; nothing is registered then. It reports nothing itself; the mixtures' reader may.
+ * KTReadHMMServer: the id of a new server that stands on the stream's position, its tag and status
+ * as they are on file, or -1 for everything that is not one, whole and consistent (the project's
+ * docs/reliability.md lists what that is), and when memory ran out; nothing is registered then. It
+ * reports nothing itself; the mixtures' reader may.
  * name (room for 12 characters, or null) receives the name in the file, with its terminator unless it has 12 characters; it
  * is filled even where what follows can't be read. A status of the thread that is negative at the end releases the new
  * server; its id is returned all the same. The caller frees with KTFreeHMMServer. */

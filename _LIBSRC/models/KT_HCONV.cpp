@@ -76,8 +76,8 @@ void* transitionsOfDomain(const HMMServer* server, unsigned newStatus) {
     return block;
 }
 
-// Changes a server in place that nobody knows of yet. False when memory ran out for the rewritten transitions: the
-// initial values alone have changed then.
+// Changes a server in place that nobody knows of yet. False when memory ran out for the rewritten
+// transitions: the initial values alone have changed then.
 template <class Domain>
 bool changeDomain(HMMServer* server) {
     const unsigned newStatus = (server->status ^ hmmDomainBits) & ~HMM_SERVER_TILED;
@@ -110,7 +110,8 @@ int transformed(int hmm) {
     const int id = KTCopyHMMServer(hmm);
     HMMServer* copy = KTFindHMMServer(id); // gone again where the thread's status was negative before
     if (copy == nullptr) return -1;
-    // the copy stays registered here, its initial values transformed; the only failure that leaves a server behind
+    // the copy stays registered here, its initial values transformed; the only failure that leaves
+    // a server behind
     if (!changeDomain<Domain>(copy)) return -1;
     if (!ownTileIfWanted(copy)) {
         KTFreeHMMServer(id);

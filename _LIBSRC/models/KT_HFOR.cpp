@@ -130,7 +130,8 @@ private:
         return true;
     }
 
-    // The recursion over a run of frames. Costs are no probabilities: a server of them that can't be unpacked fails.
+    // The recursion over a run of frames. Costs are no probabilities: a server of them that can't
+    // be unpacked fails.
     bool follow(const HMMServer* server, const Element* const* rows, int n, bool isLast) {
         if (room.isUnpacked)
             advance(room.model, rows, n, isLast, &state);

@@ -238,7 +238,8 @@ bool evaluate(int hmm, const Outputs& outputs, int nFrames, int* pBest, typename
 template <class Form>
 bool evaluateSemicont(int hmm, const typename Form::Feature* const* frames, int nFrames, int* pBest,
                       const char* funcName, typename Form::Cost* best) {
-    // An empty codebook is reported before anything else is looked at; in both forms under the float operation's name.
+    // An empty codebook is reported before anything else is looked at; in both forms under the
+    // float operation's name.
     const SemicontCodebook* codebook =
         hmm::codebookWithDensities(module, Form::isFixed, "KTsEvalSemicontHMMViterbi");
     if (codebook == nullptr || !hmm::ServerWalk(hmm).isKnown() || nFrames < 1) return false;

@@ -1,6 +1,7 @@
-// Classes: ordered sets of models, kept in chunks of up to 64 members so that very many can join in any order
-// at the cost of short moves. Beside the chain of chunks stands a table of them, in which an id finds its chunk by
-// halving. A cursor in the record walks the members and stays on its member while others come and go.
+// Classes: ordered sets of models, kept in chunks of up to 64 members so that very many can join in
+// any order at the cost of short moves. Beside the chain of chunks stands a table of them, in which
+// an id finds its chunk by halving. A cursor in the record walks the members and stays on its
+// member while others come and go.
 #include "frame/KT_ERROR.h"
 #include "models/model.h"
 
@@ -91,7 +92,8 @@ bool growTable(HMMClass* group) {
     return true;
 }
 
-// A new chunk, from now on the index-th of the table; null when memory ran out, and the class is as it was.
+// A new chunk, from now on the index-th of the table; null when memory ran out, and the class is as
+// it was.
 HMMClassChunk* newChunk(HMMClass* group, int index) {
     if (!growTable(group)) return nullptr;
     HMMClassChunk* chunk = zeroed<HMMClassChunk>();

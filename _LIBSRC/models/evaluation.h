@@ -124,22 +124,24 @@ vsq::HmmModel<T> unpackModel(const HMMServer* server, const Stored* stored, T* r
     return {kernelTopology(server->status), n, stride, room};
 }
 
-// A full or triangular model is unpacked where that pays: for more frames than it costs, and where the result stays
-// in the processor's nearest memory. All others are read as they are stored; a large one is read faster so, too.
+// A full or triangular model is unpacked where that pays: for more frames than it costs, and where
+// the result stays in the processor's nearest memory. All others are read as they are stored; a
+// large one is read faster so, too.
 inline constexpr int fewFrames = 16;
 inline constexpr std::size_t mostUnpackedBytes = std::size_t(1) << 18;
 
-// Frames are handed to the recursions in runs of this many; where their output values are computed, of as many as a
-// small block holds.
+// Frames are handed to the recursions in runs of this many; where their output values are computed,
+// of as many as a small block holds.
 inline constexpr int framesPerRun = 64;
 inline constexpr int runBytes = 1 << 16;
 
-// What the recursion over one server works with, server after server of a call. Number is the recursion's, Element that
-// of the output values.
+// What the recursion over one server works with, server after server of a call. Number is the
+// recursion's, Element that of the output values.
 template <class Number, class Element>
 class Room {
 public:
-    // Two vectors of the server's stride; `run` rows of it for output values that are computed, zero at first.
+    // Two vectors of the server's stride; `run` rows of it for output values that are computed,
+    // zero at first.
     Number* vectors = nullptr;
     Element* outputs = nullptr;
     int run = framesPerRun; // frames that are handed to the recursion at once
@@ -148,8 +150,8 @@ public:
     bool isUnpacked = false;
     vsq::HmmModel<Number> model{};
 
-    // `straight` is the order in which a kernel reads stored transitions. False when memory ran out: for want of
-    // room to unpack alone only where nothing else would do.
+    // `straight` is the order in which a kernel reads stored transitions. False when memory ran
+    // out: for want of room to unpack alone only where nothing else would do.
     template <class Stored>
     bool reserve(const HMMServer* server, const Stored* stored, int nFrames, bool computes, Order straight) {
         const auto stride = std::size_t(vsq::hmmStride(server->nStates));

@@ -117,8 +117,9 @@ HMMServer* nextHMMInClass(HMMClass* group);       // null at the end
 
 // --- creation (KT_HMAN) ---
 
-// Whether a server's mixtures are released, and copied, with it. Its status says so, except that a file's status word is
-// kept as it is, and mixtures that are made for a server belong to it all the same.
+// Whether a server's mixtures are released, and copied, with it. Its status says so, except that a
+// file's status word is kept as it is, and mixtures that are made for a server belong to it all the
+// same.
 inline bool ownsMixtures(const HMMServer* server) {
     return (server->status & HMM_SERVER_OWNS_MIXTURES) != 0 || server->holdsMixtures;
 }

@@ -210,8 +210,8 @@ bool isRepresentable(const HMMServer* server) {
                                          padded(server->nSymbols) * padded(server->nStates) <= mostElements);
 }
 
-// The status has to name one form, and no more than one flavour: beyond that nobody can say what follows, or how long
-// it is.
+// The status has to name one form, and no more than one flavour: beyond that nobody can say what
+// follows, or how long it is.
 bool isPlausible(const HMMServer* server) {
     const unsigned form = server->status & hmmFormBits, flavour = flavourOf(server->status);
     if ((form != HMM_SERVER_SHORT && form != HMM_SERVER_FLOAT) || (flavour & (flavour - 1)) != 0)
@@ -249,7 +249,8 @@ bool readStateWords(FILE* stream, HMMServer* server) {
     return server->stateWords != nullptr && ktl::readElements(stream, server->stateWords, n);
 }
 
-// Files hold plain arrays, also of a server whose status says that its costs are tiled: they are, then.
+// Files hold plain arrays, also of a server whose status says that its costs are tiled: they are,
+// then.
 bool readTransitions(FILE* stream, HMMServer* server) {
     const unsigned plain = server->status & ~HMM_SERVER_TILED;
     const hmm::TransitionMap map{hmm::topologyOf(plain), hmm::orderOf(plain), server->nStates};

@@ -83,8 +83,8 @@ struct BestPath<int> {
 
 constexpr int blockVectors = 4;
 
-// Row i of a model: its element j is the transition from i to j. In front of a stored triangle's diagonal stand
-// elements of rows before.
+// Row i of a model: its element j is the transition from i to j. In front of a stored triangle's
+// diagonal stand elements of rows before.
 template <class T>
 VSQ_INLINE const T* rowOf(const HmmModel<T>& model, int i) {
     return model.trans + std::ptrdiff_t(i) * model.stride;
@@ -370,7 +370,8 @@ void pathInt(const HmmModel<int>& model, const int* const* rows, int nFrames, Hm
 
 // ---- best path of costs as they are stored: a row for each target, its sources side by side ----
 
-// Targets whose best sources are looked for in one pass: as many as registers hold, beside the sources.
+// Targets whose best sources are looked for in one pass: as many as registers hold, beside the
+// sources.
 constexpr int targetsAtOnce = registerBytes >= 64 ? 8 : registerBytes == 32 ? 4 : 2;
 
 VSQ_INLINE float sum(float a, float b) {
@@ -380,7 +381,8 @@ VSQ_INLINE int sum(int a, int b) { // wraps
     return static_cast<int>(static_cast<unsigned>(a) + static_cast<unsigned>(b));
 }
 
-// The first of the sums that are zero: among equal ones the lowest source wins, and zero has two signs.
+// The first of the sums that are zero: among equal ones the lowest source wins, and zero has two
+// signs.
 __attribute__((noinline)) float firstZero(const float* current, const float* row, int count) {
     for (int i = 0; i < count; ++i)
         if (const float cost = current[i] + row[i]; cost == 0.0f) return cost;
@@ -395,7 +397,8 @@ VSQ_INLINE int least(const Vector<int>& best, const int*, const int*, int) {
     return smallestLane(best);
 }
 
-// The targets j, j - 1, ..., `count` of them, whose rows begin at `row`; returns where the next one begins.
+// The targets j, j - 1, ..., `count` of them, whose rows begin at `row`; returns where the next one
+// begins.
 template <int count, class T>
 VSQ_INLINE const T* reachTargets(const HmmByTarget<T>& model, const T* current, const T* outputs, int j,
                                  const T* row, T* next) {

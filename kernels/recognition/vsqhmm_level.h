@@ -1,7 +1,7 @@
-// The recursions over the frames of an observation sequence: forward probabilities and best-path costs of a
-// hidden Markov model. The caller brings a small model into the shape given here, once for a whole sequence, or
-// has it read as it is stored, and feeds in the output values of the states in runs of frames. The results are
-// the same bits.
+// The recursions over the frames of an observation sequence: forward probabilities and best-path
+// costs of a hidden Markov model. The caller brings a small model into the shape given here, once
+// for a whole sequence, or has it read as it is stored, and feeds in the output values of the
+// states in runs of frames. The results are the same bits.
 #pragma once
 
 #include "levels/levelrecord.h"
@@ -29,8 +29,8 @@ struct HmmModel {
     const T* trans;
 };
 
-// Full and triangular models as their owner stores them. What lies a vector of hmmLanes behind the last element is
-// readable.
+// Full and triangular models as their owner stores them. What lies a vector of hmmLanes behind the
+// last element is readable.
 //   probabilities: for each source i = 0, 1, ... the targets 0 .. n - 1, or i .. n - 1 of a triangle
 //   costs: for each target j = n - 1, n - 2, ... the sources 0 .. n - 1, or 0 .. j of a triangle, in rows whose
 //   lengths are rounded up to a multiple of `unit`, a power of two

@@ -510,8 +510,8 @@ float evaluateStored(int hmm, const std::vector<int>& symbols) {
 
 } // namespace
 
-// Models and sequences on both sides of what is unpacked: the plain recursion's cost, and the same bits at every level,
-// with and without memory to unpack.
+// Models and sequences on both sides of what is unpacked: the plain recursion's cost, and the same
+// bits at every level, with and without memory to unpack.
 TEST_F(Forward, StoredTransitionsGiveTheSameBits) {
     std::mt19937 random(16);
     for (const Shape shape : {Shape::full, Shape::triangular})
@@ -571,7 +571,8 @@ TEST_F(Forward, NothingBehindStoredRowsCounts) {
         }
 }
 
-// Two vectors, and a band's three diagonals; never the square of the states. Where outputs are computed, rows for them.
+// Two vectors, and a band's three diagonals; never the square of the states. Where outputs are
+// computed, rows for them.
 TEST_F(Forward, ScratchGrowsWithTheStatesAlone) {
     std::mt19937 random(18);
     constexpr int n = 600;

@@ -693,7 +693,8 @@ TEST_F(Viterbi, TilesWithoutRoomToUnpack) {
         }
 }
 
-// Two vectors, and a band's three diagonals; never the square of the states. Where outputs are computed, rows for them.
+// Two vectors, and a band's three diagonals; never the square of the states. Where outputs are
+// computed, rows for them.
 TEST_F(Viterbi, ScratchGrowsWithTheStatesAlone) {
     std::mt19937 random(21);
     constexpr int n = 600;

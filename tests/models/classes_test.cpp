@@ -289,7 +289,8 @@ TEST_F(Classes, AllocationFailuresLeaveTheClassAsItWas) {
     EXPECT_EQ(KTGetStatus(), 0);
 }
 
-// A class, nine chunks, and the table of them in three sizes: whatever can't be had, the members before stay.
+// A class, nine chunks, and the table of them in three sizes: whatever can't be had, the members
+// before stay.
 TEST_F(Classes, AddingWithoutMemoryFailsAlone) {
     servers(300);
     const long before = support::alloc::liveBlocks();
@@ -327,8 +328,8 @@ TEST_F(Classes, CreationWithoutMemoryForTheRegistry) {
               5);
 }
 
-// However many chunks a class has: the last of many members join and leave about as fast as the first ones. A walk over
-// the chunks takes more than ten times as long for them.
+// However many chunks a class has: the last of many members join and leave about as fast as the
+// first ones. A walk over the chunks takes more than ten times as long for them.
 TEST_F(Classes, TheCostOfAMemberDoesNotGrowWithTheirNumber) {
     constexpr int count = 80000, part = 4000;
     servers(count);

@@ -242,7 +242,8 @@ TEST_F(HmmFile, ContinuousModelsScoreAsBefore) {
     EXPECT_EQ(KTsEvalContHMMForward(second, frames, 3, nullptr), cost); // its mixtures are its own
 }
 
-// Whatever the status says: its word stays as it is, and the mixtures go, and are copied, with the server.
+// Whatever the status says: its word stays as it is, and the mixtures go, and are copied, with the
+// server.
 template <class T>
 void expectOwnMixtures(std::mt19937& random, unsigned domain) {
     auto model = randomModel<T>(random, Flavour::continuous, Shape::full, 2, domain, 0, 2);
@@ -294,7 +295,8 @@ TEST_F(HmmFile, AServerWhoseFileDoesNotNameItsMixturesItsOwnCanBeTrained) {
     EXPECT_EQ(trained(readFrom(image)), trained(id));
 }
 
-// A server whose status says that it is tiled: the file's array is plain, as every file's; the word stays.
+// A server whose status says that it is tiled: the file's array is plain, as every file's; the word
+// stays.
 template <class T>
 void expectTiledBitKept(std::mt19937& random, Shape shape, int n, unsigned domain) {
     SCOPED_TRACE(testing::Message() << int(shape) << " " << n << " " << domain);
