@@ -52,8 +52,8 @@ function(ktl_try_localising)
   set(KTLP6_LOCALISED ${possible} CACHE INTERNAL "whether inner names are local in archives")
 endfunction()
 
-# ktl_archive(TARGET PLAIN target NAMES name... OBJECTS object...): a static library that needs no C++
-# runtime. PLAIN gets the objects as they are, for tests and benchmarks that look inside.
+# ktl_archive(TARGET PLAIN target NAMES name... OBJECTS object...): a static library that needs no
+# C++ runtime. PLAIN gets the objects as they are, for tests and benchmarks that look inside.
 function(ktl_archive target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "PLAIN" "NAMES;OBJECTS")
   add_library(${arg_PLAIN} STATIC EXCLUDE_FROM_ALL ${arg_OBJECTS})

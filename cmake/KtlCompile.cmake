@@ -1,5 +1,6 @@
-# How every source of the library is compiled: C++20 without exceptions and RTTI, hidden symbols, position independent,
-# and arithmetic that gives the same bits on every compiler: no contraction into fused operations, no x87.
+# How every source of the library is compiled: C++20 without exceptions and RTTI, hidden symbols,
+# position independent, and arithmetic that gives the same bits on every compiler: no contraction
+# into fused operations, no x87.
 
 add_library(ktl_compile INTERFACE)
 target_compile_features(ktl_compile INTERFACE cxx_std_20)
@@ -18,7 +19,8 @@ if(WIN32 AND CMAKE_SIZEOF_VOID_P EQUAL 8)
   target_compile_options(ktl_compile INTERFACE -Wa,-muse-unaligned-vector-move)
 endif()
 
-# ktl_layer(NAME sources...): one layer of the library, as objects that the shared and the static library gather.
+# ktl_layer(NAME sources...): one layer of the library, as objects that the shared and the static
+# library gather.
 function(ktl_layer name)
   add_library(${name} OBJECT ${ARGN})
   target_link_libraries(${name} PRIVATE ktl_compile)

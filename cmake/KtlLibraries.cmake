@@ -11,7 +11,8 @@ else()
   set(KTL_MAIN_LIBRARY ktlp6)
 endif()
 
-# exports.txt names what leaves the shared module; from it come the ELF version script and the Windows .def file.
+# exports.txt names what leaves the shared module; from it come the ELF version script and the
+# Windows .def file.
 file(STRINGS ${PROJECT_SOURCE_DIR}/exports.txt exports REGEX "^[A-Za-z_]")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/exports.txt)
 list(JOIN exports ";\n    " export_list)

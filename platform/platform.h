@@ -1,4 +1,5 @@
-// What the library needs of the operating system and the processor, and the only place that may ask them.
+// What the library needs of the operating system and the processor, and the only place that may ask
+// them.
 #pragma once
 
 #include <cstddef>
@@ -33,8 +34,10 @@ struct RecordForm {
 #if defined(_WIN32)
 void* threadRecord();
 #else
-// The initial-exec model makes the read one instruction, where a module's default would call into the loader.
-[[gnu::tls_model("initial-exec"), gnu::visibility("hidden")]] extern constinit thread_local void* threadSlot;
+// The initial-exec model makes the read one instruction, where a module's default would call into
+// the loader.
+[[gnu::tls_model("initial-exec"),
+  gnu::visibility("hidden")]] extern constinit thread_local void* threadSlot;
 
 inline void* threadRecord() {
     return threadSlot;
@@ -51,8 +54,8 @@ void loadModule(const RecordForm& form);
 void unloadModule();
 
 #if defined(_WIN32)
-// What the module's load notification does for each of its four reasons (0 process detach, 1 process attach,
-// 2 thread attach, 3 thread detach); false refuses the load.
+// What the module's load notification does for each of its four reasons (0 process detach, 1
+// process attach, 2 thread attach, 3 thread detach); false refuses the load.
 bool notify(unsigned long reason);
 #endif
 
@@ -62,17 +65,18 @@ bool notify(unsigned long reason);
 enum class BoxButtons : unsigned { okCancel = 0x1001, yesNo = 0x1004 };
 enum class BoxAnswer : int { ok = 1, cancel = 2, yes = 6, no = 7 };
 
-// Shows the text and waits for an answer. Without a window system: asks on the terminal if standard input and
-// standard error are one; otherwise nobody can answer, caption and text go to standard error, and the first
-// button counts.
+// Shows the text and waits for an answer. Without a window system: asks on the terminal if standard
+// input and standard error are one; otherwise nobody can answer, caption and text go to standard
+// error, and the first button counts.
 BoxAnswer messageBox(const char* text, const char* caption, BoxButtons buttons);
 
-// Ends the process after showing the text, running no exit handlers: in a box of the system, or else on
-// standard error with exit code 1.
+// Ends the process after showing the text, running no exit handlers: in a box of the system, or
+// else on standard error with exit code 1.
 [[noreturn]] void fatalExit(const char* text);
 
-// printf's %s and %d into a buffer of `size` characters, the closing zero included; what does not fit is cut
-// off.
-[[gnu::format(printf, 3, 4)]] void formatText(char* buffer, std::size_t size, const char* format, ...);
+// printf's %s and %d into a buffer of `size` characters, the closing zero included; what does not
+// fit is cut off.
+[[gnu::format(printf, 3, 4)]] void formatText(char* buffer, std::size_t size, const char* format,
+                                              ...);
 
 } // namespace platform

@@ -92,7 +92,8 @@ void* startThread(const RecordForm& form) {
 }
 
 void loadModule(const RecordForm& form) {
-    if (threadSlot == nullptr) startThread(form); // exhaustion: the first call tries again and tells
+    // exhaustion: the first call tries again and tells
+    if (threadSlot == nullptr) startThread(form);
 }
 
 namespace {
@@ -162,7 +163,8 @@ bool readCharacter(char& next) {
     }
 }
 
-// The first letter of a line from the terminal, in lower case; 0 for an empty line and at the input's end.
+// The first letter of a line from the terminal, in lower case; 0 for an empty line and at the
+// input's end.
 char readAnswer() {
     char letter = 0;
     char next;

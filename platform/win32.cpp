@@ -16,8 +16,8 @@ constinit std::atomic<DWORD> slot = TLS_OUT_OF_INDEXES;
 // What loadModule was told; the notices of the loader have no other way to learn it.
 constinit const RecordForm* recordForm = nullptr;
 
-// Whichever caller comes first takes the slot: the module's initialisation, or in a static build a call of
-// the application's own initialisation, which may run earlier.
+// Whichever caller comes first takes the slot: the module's initialisation, or in a static build a
+// call of the application's own initialisation, which may run earlier.
 bool takeSlot() {
     if (slot != TLS_OUT_OF_INDEXES) return true;
     const DWORD taken = TlsAlloc();

@@ -1,5 +1,5 @@
-// The shared module's load notification. It stands in an object of its own, so that a static build, or an
-// application's module with a notification of its own, does not get it.
+// The shared module's load notification. It stands in an object of its own, so that a static build,
+// or an application's module with a notification of its own, does not get it.
 #include "platform.h"
 
 #define WIN32_LEAN_AND_MEAN

@@ -23,7 +23,8 @@ T** allocTable(int nRows, int nCols) {
     constexpr std::uint64_t reserve = rowAlignment - 1;
     if (nRows < 0 || nCols < 0) return nullptr;
     const auto rows = static_cast<std::uint64_t>(nRows);
-    const std::uint64_t rowBytes = (static_cast<std::uint64_t>(nCols) * sizeof(T) + reserve) & ~reserve;
+    const std::uint64_t rowBytes =
+        (static_cast<std::uint64_t>(nCols) * sizeof(T) + reserve) & ~reserve;
     if (rows > (PTRDIFF_MAX - reserve) / (rowBytes + sizeof(T*))) return nullptr;
     const std::uint64_t size = rows * (rowBytes + sizeof(T*)) + reserve;
     auto* table = static_cast<T**>(std::malloc(static_cast<std::size_t>(size)));
@@ -65,7 +66,8 @@ void ownFreeAligned(void* p) {
     vsq::freeAligned(p);
 }
 
-// Forwarders: an application whose runtime is not the library's must open and close its streams here.
+// Forwarders: an application whose runtime is not the library's must open and close its streams
+// here.
 FILE* KTOpenFile(const char* name, const char* mode) {
     return std::fopen(name, mode);
 }

@@ -5,16 +5,17 @@
 
 #include "context/vsqmem.h"
 
-// A table of nRows rows of nCols elements in one block: the row pointers, and behind them the rows, each of
-// which begins on a 32-byte boundary. The result is also the address to free. Row stride: nCols rounded up to
-// a multiple of 8 floats or 16 shorts. nRows of 0 gives a table that may only be freed. Null after a report
-// (-4) when memory ran out or the size is beyond the address space, negative counts included.
+// A table of nRows rows of nCols elements in one block: the row pointers, and behind them the rows,
+// each of which begins on a 32-byte boundary. The result is also the address to free. Row stride:
+// nCols rounded up to a multiple of 8 floats or 16 shorts. nRows of 0 gives a table that may only
+// be freed. Null after a report (-4) when memory ran out or the size is beyond the address space,
+// negative counts included.
 float** KTsAlloc2(int nRows, int nCols);
 short** KTwAlloc2(int nRows, int nCols);
 void KTFree2(void* pTable); // a table of either kind; null is allowed
 
-// Aligned blocks of n elements: null when memory ran out, and no report, because each caller has a text of
-// its own.
+// Aligned blocks of n elements: null when memory ran out, and no report, because each caller has a
+// text of its own.
 float* ownAllocFloats(int n);
 float* ownAllocComplex(int n); // n pairs of real and imaginary part
 void ownFreeAligned(void* p);  // null is allowed

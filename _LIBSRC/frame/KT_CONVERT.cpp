@@ -26,8 +26,8 @@ constexpr std::array<float, 64> negativePowers() {
     return low;
 }
 
-// 2^(1087 - 64 i). Only entry 0 lies beyond the doubles; from 1 on each is the one before times 2^-64, exact
-// down to the last, the denormal 2^-1025.
+// 2^(1087 - 64 i). Only entry 0 lies beyond the doubles; from 1 on each is the one before times
+// 2^-64, exact down to the last, the denormal 2^-1025.
 constexpr std::array<double, 34> highPowers() {
     std::array<double, 34> high{};
     high[0] = std::numeric_limits<double>::infinity();
@@ -41,7 +41,8 @@ constexpr std::array<double, 34> highPowers() {
 
 constexpr auto low = negativePowers();
 constexpr auto high = highPowers();
-static_assert(low[63] == 0x1p-63f && high[1] == 0x1p1023 && high[17] == 0.5 && high[33] == 0x1p-1025);
+static_assert(low[63] == 0x1p-63f && high[1] == 0x1p1023 && high[17] == 0.5 &&
+              high[33] == 0x1p-1025);
 
 // --- orders ---
 
@@ -73,8 +74,9 @@ int maxMatrixOrder(T** rows, int nRows, int nCols) {
 
 // --- downward ---
 
-// The orders that automatic scaling accepts. They belong to the function and not to its source type: callers
-// see that KTsibConvertDown lets an infinity through and gives an all-zero array a scale.
+// The orders that automatic scaling accepts. They belong to the function and not to its source
+// type: callers see that KTsibConvertDown lets an infinity through and gives an all-zero array a
+// scale.
 struct OrderLimits {
     int upper; // an order above it is refused
     int lower; // an order below it counts as zero
@@ -148,8 +150,8 @@ void convertDown(const Src* src, Dst* dst, int n, int scaleMode, int* pScale, Or
     }
 }
 
-// Truncation of one value keeps the low bits of the magnitude that fit the target and then applies the sign.
-// From 2^31 on, and for a not-a-number, the result is the target's most negative value.
+// Truncation of one value keeps the low bits of the magnitude that fit the target and then applies
+// the sign. From 2^31 on, and for a not-a-number, the result is the target's most negative value.
 template <class Dst>
 Dst truncateBits(double value) {
     const double magnitude = value < 0 ? -value : value;

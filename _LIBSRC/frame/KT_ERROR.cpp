@@ -72,16 +72,19 @@ KTErrorHandler KTSetWinError(void) {
 
 const char* KTErrorStr(int status) {
     static char
-        unknown[64]; // shared by all threads, as documented: the text of one thread's call may be another's
+        // shared by all threads, as documented: the text of one thread's call may be another's
+        unknown[64];
     for (const StatusText& known : statusTexts)
         if (known.status == status) return known.text;
-    std::snprintf(unknown, sizeof unknown, "Unknown %s code %d", status >= 0 ? "status" : "error", status);
+    std::snprintf(unknown, sizeof unknown, "Unknown %s code %d", status >= 0 ? "status" : "error",
+                  status);
     return unknown;
 }
 
 // ---- the dispatcher ----
 
-int KTError(int status, const char* funcName, const char* message, const char* sourceName, int line) {
+int KTError(int status, const char* funcName, const char* message, const char* sourceName,
+            int line) {
     KTContext* context = KTGetContext();
     if (!isTraceMarker(status)) {
         context->status = status;
@@ -99,19 +102,22 @@ int KTNulDevReport(int status, const char*, const char*, const char*, int) {
 
 namespace {
 
-// The place and the message of a report on the error stream; the null source name of a report that has only a
-// line reads as the C library's own text for it.
-void printReport(int status, const char* funcName, const char* message, const char* sourceName, int line) {
+// The place and the message of a report on the error stream; the null source name of a report that
+// has only a line reads as the C library's own text for it.
+void printReport(int status, const char* funcName, const char* message, const char* sourceName,
+                 int line) {
     if (line > 0 || sourceName != nullptr)
         std::fprintf(stderr, "\t[%s:%d]", orElse(sourceName, "(null)"), line);
     std::fprintf(stderr, ":%s", orElse(funcName, unknownFunction));
-    if (message != nullptr) std::fprintf(stderr, status == KT_StsAutotrace ? "(%s)" : "():\n\t%s", message);
+    if (message != nullptr)
+        std::fprintf(stderr, status == KT_StsAutotrace ? "(%s)" : "():\n\t%s", message);
     std::fputs("\n", stderr);
 }
 
 } // namespace
 
-int KTStdError(int status, const char* funcName, const char* message, const char* sourceName, int line) {
+int KTStdError(int status, const char* funcName, const char* message, const char* sourceName,
+               int line) {
     KTContext* context = KTGetContext();
     if (context->errMode == KT_ErrorModeSilent) {
         if (status != KT_StsBacktrace)
@@ -152,15 +158,17 @@ struct Box {
     char caption[100];
 };
 
-void fillBox(Box& box, int status, const char* funcName, const char* message, const char* sourceName,
-             int line) {
+void fillBox(Box& box, int status, const char* funcName, const char* message,
+             const char* sourceName, int line) {
     const char* question = questionOf(KTGetErrMode());
     const char* format = "in function\n[%s:%d]:%s():\n%s%s";
     if (status == KT_StsBacktrace) format = "called from\n[%s:%d]:%s():\n %s%s";
     if (status == KT_StsAutotrace) format = "called from\n[%s:%d]:%s(%s)%s";
-    platform::formatText(box.text, sizeof box.text, format, sourceName, line, funcName, message, question);
+    platform::formatText(box.text, sizeof box.text, format, sourceName, line, funcName, message,
+                         question);
     // The stored status: a backtrace names the error that began the chain.
-    platform::formatText(box.caption, sizeof box.caption, "KTL Error: %s", KTErrorStr(KTGetStatus()));
+    platform::formatText(box.caption, sizeof box.caption, "KTL Error: %s",
+                         KTErrorStr(KTGetStatus()));
 }
 
 // Whether the user, asked as the mode has it, wants the application to end.
@@ -168,7 +176,8 @@ bool userEnds(const Box& box, int errMode) {
     using platform::BoxAnswer;
     using platform::BoxButtons;
     if (errMode == KT_ErrorModeParent)
-        return platform::messageBox(box.text, box.caption, BoxButtons::okCancel) == BoxAnswer::cancel;
+        return platform::messageBox(box.text, box.caption, BoxButtons::okCancel) ==
+               BoxAnswer::cancel;
     if (errMode == KT_ErrorModeLeaf)
         return platform::messageBox(box.text, box.caption, BoxButtons::yesNo) == BoxAnswer::yes;
     return false;
@@ -176,12 +185,13 @@ bool userEnds(const Box& box, int errMode) {
 
 } // namespace
 
-int KTWinError(int status, const char* funcName, const char* message, const char* sourceName, int line) {
+int KTWinError(int status, const char* funcName, const char* message, const char* sourceName,
+               int line) {
     const int errMode = KTGetErrMode();
     if (errMode == KT_ErrorModeSilent) return status;
     Box box;
-    fillBox(box, status, orElse(funcName, unknownFunction), orElse(message, ""), orElse(sourceName, ""),
-            line < 0 ? 0 : line);
+    fillBox(box, status, orElse(funcName, unknownFunction), orElse(message, ""),
+            orElse(sourceName, ""), line < 0 ? 0 : line);
     if (userEnds(box, errMode)) platform::fatalExit("KTL:\nterminating the application");
     return status;
 }

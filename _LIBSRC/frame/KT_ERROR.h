@@ -7,9 +7,9 @@ namespace ktl {
 
 // A source module, by the name that its reports carry. Each module has one:
 //     constexpr ktl::Module module{"..\\_LIBSRC\\KT_CEPS"};
-// and reports with module.report(KT_StsNoMem, "insufficiency of memory for pointer  vec"). The function's
-// name and the line are those of the call; where a report carries another function's name or a line of its
-// own, they are written out.
+// and reports with module.report(KT_StsNoMem, "insufficiency of memory for pointer  vec"). The
+// function's name and the line are those of the call; where a report carries another function's
+// name or a line of its own, they are written out.
 struct Module {
     const char* sourceName;
 

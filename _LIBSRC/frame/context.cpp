@@ -4,7 +4,8 @@
 
 namespace {
 
-// All fields 0, which is what the modes, counts, capacities and pointers start from; but for the handler.
+// All fields 0, which is what the modes, counts, capacities and pointers start from; but for the
+// handler.
 void setUp(void* record) {
     auto* context = new (record) KTContext{};
     context->errHandler = KTWinError;
@@ -12,8 +13,8 @@ void setUp(void* record) {
 
 constexpr platform::RecordForm form{sizeof(KTContext), setUp};
 
-// Loading and unloading the module. In a static build its life is that of the program's static objects;
-// whoever calls outside of it gets a record on first use.
+// Loading and unloading the module. In a static build its life is that of the program's static
+// objects; whoever calls outside of it gets a record on first use.
 struct ModuleLife {
     ModuleLife() { platform::loadModule(form); }
     ~ModuleLife() { platform::unloadModule(); }
@@ -23,12 +24,14 @@ struct ModuleLife {
 
 KTContext* ktlFirstContext() {
     void* record = platform::startThread(form);
-    if (record == nullptr) platform::fatalExit("KTlib. Problem to allocate memory for TLS KTL context.");
+    if (record == nullptr)
+        platform::fatalExit("KTlib. Problem to allocate memory for TLS KTL context.");
     return static_cast<KTContext*>(record);
 }
 
 const KTLibVersion* KTGetLibVersion(void) {
     static constexpr KTLibVersion version{
-        4, 0, 18, "ktlp6.dll", "Version 4.1 Beta Release", "[4.00.18, 01/21/99]", "Jan 26 1999", "DLL"};
+        4,    0, 18, "ktlp6.dll", "Version 4.1 Beta Release", "[4.00.18, 01/21/99]", "Jan 26 1999",
+        "DLL"};
     return &version;
 }

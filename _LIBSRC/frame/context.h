@@ -1,4 +1,5 @@
-// The per-thread record: everything that survives from one call to the next and is not the caller's.
+// The per-thread record: everything that survives from one call to the next and is not the
+// caller's.
 #pragma once
 
 #include "frame/types.h"
@@ -6,9 +7,10 @@
 #include "platform.h"
 
 // Fields stay in this order. On 32-bit builds the record is exactly 220 bytes; pointers are natural
-// elsewhere. Each group has an owner, the one module that reads and writes it, and a capacity goes with each
-// buffer: a request beyond it frees the block, zeroes pointer and capacity, allocates, and stores both only
-// on success. Buffers outlive the thread unless the owner's KTFree...Tbls was called on it.
+// elsewhere. Each group has an owner, the one module that reads and writes it, and a capacity goes
+// with each buffer: a request beyond it frees the block, zeroes pointer and capacity, allocates,
+// and stores both only on success. Buffers outlive the thread unless the owner's KTFree...Tbls was
+// called on it.
 struct KTContext {
     // KT_ERROR
     int status;
@@ -80,12 +82,12 @@ struct KTContext {
 
 static_assert(sizeof(void*) != 4 || sizeof(KTContext) == 220, "the record of a 32-bit build");
 
-// Makes the record of a thread that has none yet; on exhaustion the process ends, since there is nowhere to
-// report to.
+// Makes the record of a thread that has none yet; on exhaustion the process ends, since there is
+// nowhere to report to.
 KTContext* ktlFirstContext();
 
-// The calling thread's record, made at its first call when the thread's start was not seen; never null.
-// Nearly every function begins with it, so the normal path is one read of the thread's slot.
+// The calling thread's record, made at its first call when the thread's start was not seen; never
+// null. Nearly every function begins with it, so the normal path is one read of the thread's slot.
 inline KTContext* KTGetContext() {
     void* record = platform::threadRecord();
     if (record == nullptr) [[unlikely]]

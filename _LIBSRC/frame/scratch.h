@@ -1,5 +1,5 @@
-// Memory that lives as long as a scope. A guard that got none says false; each releases what it holds on
-// every path.
+// Memory that lives as long as a scope. A guard that got none says false; each releases what it
+// holds on every path.
 #pragma once
 
 #include "frame/KT_ALLOC.h"
@@ -12,8 +12,9 @@
 
 namespace ktl {
 
-// Room for `count` elements from malloc; null when memory ran out, for a size beyond the address space and
-// for a negative count. A count of 0 gives a block all the same, so that null always means failure.
+// Room for `count` elements from malloc; null when memory ran out, for a size beyond the address
+// space and for a negative count. A count of 0 gives a block all the same, so that null always
+// means failure.
 template <class T, std::integral Count>
 T* allocPlain(Count count) {
     if (std::cmp_less(count, 0) ||
@@ -82,8 +83,9 @@ private:
     }
 };
 
-// The growth rule of the context's buffers: where the capacity does not do, the old block goes, both fields
-// become 0, and only success stores them again. False when memory ran out; the caller reports.
+// The growth rule of the context's buffers: where the capacity does not do, the old block goes,
+// both fields become 0, and only success stores them again. False when memory ran out; the caller
+// reports.
 //     growBuffer<float>(context->buff, context->buffLen, n)
 template <class T, class Pointer>
 bool growBuffer(Pointer& buffer, int& capacity, int wanted) {

@@ -58,8 +58,8 @@ const unsigned char* takeElements(const unsigned char* image, T* elements, std::
 // How the reading of an array ended.
 enum class Arrival { complete, streamEnded, noMemory };
 
-// `count` elements of a stream that says how many come but may lie: memory grows with what has really come,
-// to twice as much at most.
+// `count` elements of a stream that says how many come but may lie: memory grows with what has
+// really come, to twice as much at most.
 template <class T>
 Arrival readClaimed(FILE* stream, std::uint64_t count, Scratch<T>& elements) {
     constexpr std::uint64_t firstPiece = 0x10000 / sizeof(T);
@@ -72,7 +72,8 @@ Arrival readClaimed(FILE* stream, std::uint64_t count, Scratch<T>& elements) {
         filled = room;
         room = std::min(count, 2 * room);
         Scratch<T> grown(room);
-        if (grown) std::memcpy(grown.get(), elements.get(), static_cast<std::size_t>(filled) * sizeof(T));
+        if (grown)
+            std::memcpy(grown.get(), elements.get(), static_cast<std::size_t>(filled) * sizeof(T));
         elements = std::move(grown);
     }
     return Arrival::noMemory;

@@ -1,10 +1,11 @@
 // Mel-frequency cepstra of one frame, and their liftering.
 //
-// The road: spectrum, floor, logarithm, mel filters, orthonormal DCT-II; floor and logarithm come before or
-// after the filters. The fixed-point flavour converts to float, goes the same road and converts back.
+// The road: spectrum, floor, logarithm, mel filters, orthonormal DCT-II; floor and logarithm come
+// before or after the filters. The fixed-point flavour converts to float, goes the same road and
+// converts back.
 #include "frame/KT_ERROR.h"
-#include "frontend/mel.h"
 #include "frame/scratch.h"
+#include "frontend/mel.h"
 #include "vsq.h"
 
 #include <algorithm>
@@ -26,18 +27,19 @@ struct Sizes {
 };
 
 void releaseStaging(CepsBuffers& ceps) {
-    for (float** buffer : {&ceps.filterOutput, &ceps.filterDctInput, &ceps.filterDctOutput, &ceps.fftOut,
-                           &ceps.tempVect, &ceps.tempCeps}) {
+    for (float** buffer : {&ceps.filterOutput, &ceps.filterDctInput, &ceps.filterDctOutput,
+                           &ceps.fftOut, &ceps.tempVect, &ceps.tempCeps}) {
         ownFreeAligned(*buffer);
         *buffer = nullptr;
     }
 }
 
-// The three capacities belong to all six buffers, of which each flavour takes its own when it first needs
-// them: a buffer that is there has the room that the capacities say. Where one of them does not do, all
-// buffers go.
+// The three capacities belong to all six buffers, of which each flavour takes its own when it first
+// needs them: a buffer that is there has the room that the capacities say. Where one of them does
+// not do, all buffers go.
 void fitCapacities(CepsBuffers& ceps, const Sizes& wanted) {
-    if (wanted.nFilters <= ceps.nFilters && wanted.fftLen <= ceps.fftLen && wanted.nCeps <= ceps.nCeps)
+    if (wanted.nFilters <= ceps.nFilters && wanted.fftLen <= ceps.fftLen &&
+        wanted.nCeps <= ceps.nCeps)
         return;
     releaseStaging(ceps);
     ceps.nFilters = std::max(ceps.nFilters, wanted.nFilters);
@@ -45,8 +47,8 @@ void fitCapacities(CepsBuffers& ceps, const Sizes& wanted) {
     ceps.nCeps = std::max(ceps.nCeps, wanted.nCeps);
 }
 
-// Makes a buffer where there is none. On exhaustion reports and zeroes the capacities, so that the next call
-// begins anew; the buffer stays null.
+// Makes a buffer where there is none. On exhaustion reports and zeroes the capacities, so that the
+// next call begins anew; the buffer stays null.
 template <class Allocate>
 bool take(CepsBuffers& ceps, float*& buffer, Allocate allocate, int count, const char* message,
           const char* funcName = __builtin_FUNCTION(), int line = __builtin_LINE()) {
@@ -69,7 +71,8 @@ bool takeFloatBuffers(CepsBuffers& ceps, const char* funcName) {
            take(ceps, ceps.filterDctInput, ownAllocFloats, ceps.nFilters,
                 "insufficiency of memory for pointer  pKTcontext->Ceps.filterDctInput", funcName) &&
            take(ceps, ceps.filterDctOutput, ownAllocFloats, ceps.nFilters,
-                "insufficiency of memory for pointer  pKTcontext->Ceps.filterDctOutput", funcName) &&
+                "insufficiency of memory for pointer  pKTcontext->Ceps.filterDctOutput",
+                funcName) &&
            take(ceps, ceps.fftOut, ownAllocComplex, spectrumRoom(ceps),
                 "insufficiency of memory for pointer  pKTcontext->Ceps.fftOut", funcName);
 }
@@ -102,15 +105,17 @@ struct Frame {
     }
 };
 
-// The logarithm is taken over the bins that the filters reach plus one, but never behind the spectrum.
+// The logarithm is taken over the bins that the filters reach plus one, but never behind the
+// spectrum.
 int logRange(const KTMFCCFilters& filters, int nBins) {
     int nLog = nBins;
-    if (filters.firstBin < nBins && filters.lastBin < nBins) nLog = std::min(filters.lastBin + 2, nBins);
+    if (filters.firstBin < nBins && filters.lastBin < nBins)
+        nLog = std::min(filters.lastBin + 2, nBins);
     return nLog < 1 ? nBins : nLog;
 }
 
-// From the packed order, in which element 1 is the Nyquist value, to one complex number for each of half + 1
-// bins.
+// From the packed order, in which element 1 is the Nyquist value, to one complex number for each of
+// half + 1 bins.
 void unpack(float* spectrum, int half) {
     if (half > 0) spectrum[2 * half] = spectrum[1]; // a single sample has no Nyquist bin
     spectrum[1] = 0.0f;
@@ -129,8 +134,8 @@ bool realSpectrum(const float* from, float* spectrum, int order, int half, const
     return true;
 }
 
-// The spectrum that the filters see, its logarithm taken where that comes first; null after a report.
-// `factor` is what turns the logarithm into log10 of a magnitude.
+// The spectrum that the filters see, its logarithm taken where that comes first; null after a
+// report. `factor` is what turns the logarithm into log10 of a magnitude.
 float* spectrumOf(const Frame& frame, float& factor, const char* funcName) {
     factor = log10OfE;
     if (!frame.has(KT_CepsTimeInput)) {
@@ -179,9 +184,9 @@ void filterFrame(const Frame& frame, float* spectrum, float factor) {
 
 // --- the DCT of a power of two by a real FFT ---
 
-// J. Makhoul: A Fast Cosine Transform in One and Two Dimensions. IEEE Transactions on Acoustics, Speech, and
-// Signal Processing 28(1), 1980: the even elements, then the odd ones backwards, make one real transform of
-// the same length.
+// J. Makhoul: A Fast Cosine Transform in One and Two Dimensions. IEEE Transactions on Acoustics,
+// Speech, and Signal Processing 28(1), 1980: the even elements, then the odd ones backwards, make
+// one real transform of the same length.
 void reorder(const float* from, float* to, int n) {
     for (int i = 0; i < n / 2; ++i) {
         to[i] = from[2 * i];
@@ -189,8 +194,8 @@ void reorder(const float* from, float* to, int n) {
     }
 }
 
-// Turns the half spectrum with the twiddles into coefficients skip, skip + 1, ...; the upper half of the
-// spectrum is the conjugate of the lower one.
+// Turns the half spectrum with the twiddles into coefficients skip, skip + 1, ...; the upper half
+// of the spectrum is the conjugate of the lower one.
 void rotate(const KTMFCCFilters& filters, int skip, int nOut, float* pCeps) {
     const int half = filters.nFilters >> 1;
     for (int i = 0; i < nOut; ++i) {
@@ -216,7 +221,8 @@ bool transformFrame(const Frame& frame, int skip, int nOut, float* pCeps, const 
         return true;
     }
     reorder(buffers.filterOutput, filters.dctSrc, filters.nFilters);
-    if (!realSpectrum(filters.dctSrc, filters.dctOut, filters.dctOrder, filters.nFilters >> 1, funcName))
+    if (!realSpectrum(filters.dctSrc, filters.dctOut, filters.dctOrder, filters.nFilters >> 1,
+                      funcName))
         return false;
     if (pCeps != nullptr) rotate(filters, skip, nOut, pCeps);
     return true;
@@ -224,7 +230,8 @@ bool transformFrame(const Frame& frame, int skip, int nOut, float* pCeps, const 
 
 // The whole road in float. False after any report, whose handler may have released the buffers and
 // cleared the status.
-bool cepstrum(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags) {
+bool cepstrum(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh,
+              int flags) {
     const char* const name = "KTsCepstralMFCC";
     const int skip = (flags & KT_CepsZeroth) != 0 ? 0 : 1;
     const int nOut = std::min(nCeps, filters->nFilters - skip);
@@ -257,12 +264,13 @@ void lift(float* pCeps, int first, int n, int L) {
 
 } // namespace
 
-void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh, int flags) {
+void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh,
+                     int flags) {
     if (filters != nullptr) cepstrum(filters, pIn, pCeps, nCeps, thresh, flags);
 }
 
-void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh, int flags,
-                     int inScale, int outMode, int* pOutScale) {
+void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh,
+                     int flags, int inScale, int outMode, int* pOutScale) {
     if (filters == nullptr) return;
     int noScale = 0;
     CepsBuffers& buffers = KTGetContext()->Ceps;
@@ -277,15 +285,16 @@ void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps
         if (KTGetStatus() < 0) module.backtrace();
         return;
     }
-    KTswbConvertDown(buffers.tempCeps, pCeps, nCeps, outMode, pOutScale != nullptr ? pOutScale : &noScale);
+    KTswbConvertDown(buffers.tempCeps, pCeps, nCeps, outMode,
+                     pOutScale != nullptr ? pOutScale : &noScale);
 }
 
 void KTsLiftering(float* pCeps, int n, int L) {
     if (L != 0) lift(pCeps, 0, n, L);
 }
 
-// Piece by piece through a local buffer: the conversions work element by element, and nothing can run out of
-// memory.
+// Piece by piece through a local buffer: the conversions work element by element, and nothing can
+// run out of memory.
 void KTwLiftering(short* pCeps, int n, int L) {
     if (L == 0) return;
     constexpr int piece = 256;

@@ -1,5 +1,5 @@
-// Linear prediction: the autocorrelation method by Durbin's recursion and the covariance method by an LDL
-// decomposition.
+// Linear prediction: the autocorrelation method by Durbin's recursion and the covariance method by
+// an LDL decomposition.
 #include "frontend/KT_LPRED.h"
 
 #include "frame/KT_ERROR.h"
@@ -20,14 +20,15 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_LPRED"};
 
 constexpr int methodAutocorr = 1, methodCovariance = 2;
 
-// The tables' own rounding: bit 1 is cleared after adding 3, so a length is never below what was asked for
-// plus 1. Beyond the ints there is no table: -1, which the allocator refuses.
+// The tables' own rounding: bit 1 is cleared after adding 3, so a length is never below what was
+// asked for plus 1. Beyond the ints there is no table: -1, which the allocator refuses.
 int paddedLength(long long n) {
     const long long padded = (n + 3) & ~2LL;
     return padded <= INT_MAX ? static_cast<int>(padded) : -1;
 }
 
-// Makes `table` one of nRows rows of at least `length` floats. A table that is there and long enough stays.
+// Makes `table` one of nRows rows of at least `length` floats. A table that is there and long
+// enough stays.
 bool growTable(float**& table, int& capacity, int nRows, int length) {
     if (length >= 0 && capacity >= length) return true;
     KTFree2(table);
@@ -97,7 +98,8 @@ void decompose(const Areas& areas, float* v, int n) {
         const float* c = rowWithDiagonal(areas.c, row);
         float* l = rowBelowDiagonal(areas.l, row);
         for (int col = 0; col < row; ++col) {
-            v[col] = static_cast<float>(c[col] - innerProduct(rowBelowDiagonal(areas.l, col), v, col));
+            v[col] =
+                static_cast<float>(c[col] - innerProduct(rowBelowDiagonal(areas.l, col), v, col));
             l[col] = v[col] / areas.d[col];
             v[col] = l[col] * areas.d[col];
         }
@@ -105,7 +107,8 @@ void decompose(const Areas& areas, float* v, int n) {
     }
 }
 
-// Rows of L to columns, so that back substitution reads forward: column i holds L[i+1][i], L[i+2][i], ...
+// Rows of L to columns, so that back substitution reads forward: column i holds L[i+1][i],
+// L[i+2][i], ...
 void transpose(const float* l, float* u, int n) {
     for (int col = 0; col + 1 < n; ++col)
         for (int row = col + 1; row < n; ++row)
@@ -114,7 +117,8 @@ void transpose(const float* l, float* u, int n) {
 
 void substitute(const Areas& areas, float* coef, int n) {
     for (int i = 0; i < n; ++i)
-        areas.y[i] = static_cast<float>(areas.b[i] - innerProduct(rowBelowDiagonal(areas.l, i), areas.y, i));
+        areas.y[i] =
+            static_cast<float>(areas.b[i] - innerProduct(rowBelowDiagonal(areas.l, i), areas.y, i));
     transpose(areas.l, areas.u, n);
     const float* column = areas.u + static_cast<std::ptrdiff_t>(n) * (n - 1) / 2;
     for (int i = n - 1; i >= 0; --i) {
@@ -133,8 +137,10 @@ int predict(const float* src, int nSamples, float* coef, int order, int flags) {
 
 int ownsLPAutocorr(const float* pSrc, int nSamples, float* pCoef, int order) {
     KTContext* pKTContext = KTGetContext();
-    if (!growTable(pKTContext->LP.arrAutocorr, pKTContext->LP.nAutocorr, 3, paddedLength(order + 1LL))) {
-        module.report(KT_StsNoMem, "insufficiency of memory for pointer  pKTContext->LP.arrAutocorr");
+    if (!growTable(pKTContext->LP.arrAutocorr, pKTContext->LP.nAutocorr, 3,
+                   paddedLength(order + 1LL))) {
+        module.report(KT_StsNoMem,
+                      "insufficiency of memory for pointer  pKTContext->LP.arrAutocorr");
         return 0;
     }
     float** rows = pKTContext->LP.arrAutocorr;
@@ -151,7 +157,8 @@ int ownsLPCovariance(const float* pSrc, int nSamples, float* pCoef, int order) {
     const long long length = sizeT < 0 || sizeV < 0 ? -1 : 3LL * sizeT + 4LL * sizeV;
     if (!growTable(pKTContext->LP.arrCovariance, pKTContext->LP.nCovariance, 1,
                    length <= INT_MAX ? static_cast<int>(length) : -1)) {
-        module.report(KT_StsNoMem, "insufficiency of memory for pointer  pKTContext->LP.arrCovariance");
+        module.report(KT_StsNoMem,
+                      "insufficiency of memory for pointer  pKTContext->LP.arrCovariance");
         return 0;
     }
     const Areas areas = areasOf(pKTContext->LP.arrCovariance[0], sizeT, sizeV);
@@ -186,7 +193,8 @@ void KTFreeLPTbls(void) {
     auto& lp = KTGetContext()->LP;
     lp.wTwiddleOrder = lp.wTwiddleLen = lp.sTwiddleOrder = lp.sTwiddleLen = 0;
     lp.wBufferOrder = lp.sBufferOrder = 0;
-    for (void** block : {&lp.wLPTwiddle, &lp.sLPTwiddle, &lp.wLPBuffer, &lp.sLPBuffer, &lp.spare0}) {
+    for (void** block :
+         {&lp.wLPTwiddle, &lp.sLPTwiddle, &lp.wLPBuffer, &lp.sLPBuffer, &lp.spare0}) {
         std::free(*block);
         *block = nullptr;
     }

@@ -1,5 +1,6 @@
-// The spectrum gain / |A(w)| of the all-pole model, A(z) = 1 - sum a[i] z^(-i), by direct evaluation where
-// few coefficients meet a short spectrum and by a zero-padded real FFT of twice the length elsewhere.
+// The spectrum gain / |A(w)| of the all-pole model, A(z) = 1 - sum a[i] z^(-i), by direct
+// evaluation where few coefficients meet a short spectrum and by a zero-padded real FFT of twice
+// the length elsewhere.
 #include "frontend/KT_LPSPE.h"
 
 #include "frame/KT_ERROR.h"
@@ -22,7 +23,8 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_LPSPE"};
 
 constexpr int largestOrder = 30;
 
-// By FFT order: up to this many coefficients the direct method is the faster one. Also the rows of its table.
+// By FFT order: up to this many coefficients the direct method is the faster one. Also the rows of
+// its table.
 constexpr signed char floatLimits[largestOrder + 1] = {0,  1,  3,  7,  9,  7,  7,  7,  22, 9,  9,
                                                        22, 22, 22, 22, 22, 22, 22, 22, 22, 22, 22,
                                                        22, 22, 22, 22, 22, 22, 22, 22, 22};
@@ -58,8 +60,8 @@ short twiddleValue(double value) {
     return static_cast<short>(16384.0 * value);
 }
 
-// The first row, of which the others are made: its second half mirrors the first, so that all rows are
-// exactly symmetric.
+// The first row, of which the others are made: its second half mirrors the first, so that all rows
+// are exactly symmetric.
 template <class T>
 void fillFirstRow(T* cosines, T* minusSines, int n) {
     const double step = 3.14159265358979323846 / n;
@@ -92,7 +94,8 @@ void fillRow(const T* first, T* row, int i, int n) {
 template <class T>
 void* calcTwiddle(int limit, int n, const char* funcName) {
     const auto rowLength = 2 * static_cast<std::int64_t>(n);
-    const auto size = static_cast<std::int64_t>(sizeof(T)) * limit * rowLength + static_cast<int>(alignment);
+    const auto size =
+        static_cast<std::int64_t>(sizeof(T)) * limit * rowLength + static_cast<int>(alignment);
     char* block = ktl::allocPlain<char>(size);
     if (block == nullptr) {
         module.report(KT_StsNoMem, "NULL Pointer", funcName);
@@ -105,7 +108,8 @@ void* calcTwiddle(int limit, int n, const char* funcName) {
     return block;
 }
 
-// The table depends on the order alone, and yet belongs to one pair of order and number of coefficients.
+// The table depends on the order alone, and yet belongs to one pair of order and number of
+// coefficients.
 template <class Calc>
 bool renewTable(void*& table, int& order, int& length, int fftOrder, int nCoef, Calc calc) {
     if (order == fftOrder && length == nCoef) return true;
@@ -120,7 +124,8 @@ bool renewTable(void*& table, int& order, int& length, int fftOrder, int nCoef, 
     return true;
 }
 
-// A work buffer of at least this order's size; there is none at first, though the stored order says 0.
+// A work buffer of at least this order's size; there is none at first, though the stored order says
+// 0.
 bool growBuffer(void*& buffer, int& order, int fftOrder, std::int64_t size) {
     if (buffer != nullptr && order >= fftOrder) return true;
     std::free(buffer);
@@ -219,7 +224,8 @@ short minusOneAt(int inScale) {
     return inScale < 1 && inScale > -16 ? static_cast<short>(-(1 << -inScale)) : short(0);
 }
 
-// Pairs of 16-bit parts to powers, in place: element k takes the place of pair k. Squares and sum are floats.
+// Pairs of 16-bit parts to powers, in place: element k takes the place of pair k. Squares and sum
+// are floats.
 void powersOfPairs(float* area, int n) {
     for (int k = 1; k < n; ++k) {
         short pair[2];
@@ -257,8 +263,8 @@ bool evaluateIntegers(const short* coef, int nCoef, float* area, int fftOrder, i
     }
     const long long shift = 14LL - inScale;
     const unsigned one = shift >= 0 && shift < 32 ? 1u << shift : 0u;
-    vsq::kernels().lpc->fixedPower(alignedArea<short>(lp.wLPTwiddle), n, coef, nCoef, one, KTPower2(-28),
-                                   area);
+    vsq::kernels().lpc->fixedPower(alignedArea<short>(lp.wLPTwiddle), n, coef, nCoef, one,
+                                   KTPower2(-28), area);
     takeRoots(area, n);
     return true;
 }
@@ -296,10 +302,11 @@ void KTsLPSpectrum(const float* pCoef, int nCoef, float* pSpec, int fftOrder, fl
         invert(pSpec, 1 << fftOrder, gain);
 }
 
-// Direct method: 32-bit sums of products of the coefficients with 14-bit twiddles, which wrap silently;
-// transform: 16-bit bins that saturate. From there on floats, and the conversion downward as outMode says.
-void KTwLPSpectrum(const short* pCoef, int nCoef, short* pSpec, int fftOrder, float gain, int inScale,
-                   int outMode, int* pOutScale) {
+// Direct method: 32-bit sums of products of the coefficients with 14-bit twiddles, which wrap
+// silently; transform: 16-bit bins that saturate. From there on floats, and the conversion downward
+// as outMode says.
+void KTwLPSpectrum(const short* pCoef, int nCoef, short* pSpec, int fftOrder, float gain,
+                   int inScale, int outMode, int* pOutScale) {
     if (refusesOrder(fftOrder, "KTwLPSpectrum")) return;
     const bool isDirect = nCoef <= fixedLimits[fftOrder];
     if (isDirect && refusesCoefficients(pCoef, nCoef, "KTwLPSpectrum")) return;

@@ -1,11 +1,13 @@
 // Mel filter bank: design and filtering.
 //
-// Triangular filters, optionally evenly spaced up to a frequency and on the mel scale above it, each
-// normalised to weights that add up to 1. The design works in double, step by step in a fixed order, because
-// which bins a filter gets hangs on the last bit of a frequency: bin frequencies are summed, not multiplied.
+// Triangular filters, optionally evenly spaced up to a frequency and on the mel scale above it,
+// each normalised to weights that add up to 1. The design works in double, step by step in a fixed
+// order, because which bins a filter gets hangs on the last bit of a frequency: bin frequencies are
+// summed, not multiplied.
 //
-// S. B. Davis, P. Mermelstein: Comparison of Parametric Representations for Monosyllabic Word Recognition in
-// Continuously Spoken Sentences. IEEE Transactions on Acoustics, Speech, and Signal Processing 28(4), 1980.
+// S. B. Davis, P. Mermelstein: Comparison of Parametric Representations for Monosyllabic Word
+// Recognition in Continuously Spoken Sentences. IEEE Transactions on Acoustics, Speech, and Signal
+// Processing 28(4), 1980.
 #include "frontend/mel.h"
 
 #include "frame/KT_ERROR.h"
@@ -55,8 +57,8 @@ struct MelScale {
     double hertz(double mel) const { return (std::pow(10.0, mel / mul) - 1.0) * div; }
 };
 
-// The thread's scale. A divisor of 0 stands for "never set", and it alone decides: it brings in both
-// defaults.
+// The thread's scale. A divisor of 0 stands for "never set", and it alone decides: it brings in
+// both defaults.
 MelScale threadMelScale() {
     auto& ceps = KTGetContext()->Ceps;
     if (ceps.melDiv == 0.0f) {
@@ -79,8 +81,8 @@ struct BankRequest {
     int linearTop;
 };
 
-BankRequest soundRequest(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq, int nLinear,
-                         int linearTop) {
+BankRequest soundRequest(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq,
+                         int nLinear, int linearTop) {
     const int filters = std::max(nFilters, 0);
     const int linear = linearTop > lowFreq ? std::clamp(nLinear, 0, filters) : 0;
     return {fftOrder, filters, lowFreq, highFreq, sampleFreq, linear, linearTop};
@@ -101,9 +103,10 @@ void melEdges(const MelScale& scale, double melCur, double melStep, int first, i
     }
 }
 
-// The linear part. Its last filter joins the parts: it begins like the others and ends half a mel step beyond
-// the place where its centre would be, with the centre in the middle.
-void linearEdges(const BankRequest& request, const MelScale& scale, double melStep, FilterEdges* edges) {
+// The linear part. Its last filter joins the parts: it begins like the others and ends half a mel
+// step beyond the place where its centre would be, with the centre in the middle.
+void linearEdges(const BankRequest& request, const MelScale& scale, double melStep,
+                 FilterEdges* edges) {
     const double span = static_cast<double>(request.linearTop) - request.lowFreq;
     const double linStep = span * (2.0 / request.nLinear);
     const double half = 0.5 * linStep;
@@ -137,13 +140,16 @@ struct BinRun {
     int above; // bin at which the scan stopped, or the last one
 };
 
-// Finds each filter's bins by going through all bins upward. Edges mostly ascend from filter to filter: then
-// the scan goes on from the last bin below the previous left edge, which gives what a scan from bin 0 gives.
+// Finds each filter's bins by going through all bins upward. Edges mostly ascend from filter to
+// filter: then the scan goes on from the last bin below the previous left edge, which gives what a
+// scan from bin 0 gives.
 class BinScan {
 public:
-    // The last bin stands for the sampling frequency itself, hence the divisor of one less than the length.
+    // The last bin stands for the sampling frequency itself, hence the divisor of one less than the
+    // length.
     BinScan(int sampleFreq, int fftLen)
-        : binStep(static_cast<double>(sampleFreq) / (static_cast<double>(fftLen) - 1.0)), nBins(fftLen) {}
+        : binStep(static_cast<double>(sampleFreq) / (static_cast<double>(fftLen) - 1.0)),
+          nBins(fftLen) {}
 
     double step() const { return binStep; }
 
@@ -188,14 +194,15 @@ private:
     double resumeFreq = 0.0;
 };
 
-// Sets the common length of the leading filters from the number of bins of each: the linear ones, and the mel
-// filters behind them as long as they are no longer and the length is at most 4.
+// Sets the common length of the leading filters from the number of bins of each: the linear ones,
+// and the mel filters behind them as long as they are no longer and the length is at most 4.
 void shareLength(KTMFCCFilters& filters, const FilterEdges* edges, int nLinear) {
     filters.commonLen = filters.nCommon = 0;
     if (nLinear == 0) return;
     int i = 0;
     for (; i < filters.nFilters; ++i) {
-        const bool ordered = edges[i].left <= edges[i].right; // not so with an edge that is not a number
+        // not so with an edge that is not a number
+        const bool ordered = edges[i].left <= edges[i].right;
         const int count = ordered ? filters.FilLength[i] : 0;
         if (count > filters.commonLen) {
             if (i >= nLinear) break;
@@ -209,9 +216,10 @@ void shareLength(KTMFCCFilters& filters, const FilterEdges* edges, int nLinear) 
 
 // --- weights ---
 
-// Writes the triangle over `count` bins and scales it to a sum of 1. A lone bin on the left edge itself has
-// the weight 0 and nothing to scale: it gets the whole weight.
-void triangle(const FilterEdges& edges, const BinRun& run, int count, double binStep, float* weights) {
+// Writes the triangle over `count` bins and scales it to a sum of 1. A lone bin on the left edge
+// itself has the weight 0 and nothing to scale: it gets the whole weight.
+void triangle(const FilterEdges& edges, const BinRun& run, int count, double binStep,
+              float* weights) {
     double sum = 0.0;
     double freq = run.firstFreq;
     for (int k = 0; k < count; ++k, freq += binStep) {
@@ -230,7 +238,8 @@ void triangle(const FilterEdges& edges, const BinRun& run, int count, double bin
 }
 
 int nearestBin(const FilterEdges& edges, const BinRun& run, double binStep) {
-    return edges.centre - run.below * binStep <= run.above * binStep - edges.centre ? run.below : run.above;
+    return edges.centre - run.below * binStep <= run.above * binStep - edges.centre ? run.below
+                                                                                    : run.above;
 }
 
 void noteBin(KTMFCCFilters& filters, int first, int last) {
@@ -238,8 +247,10 @@ void noteBin(KTMFCCFilters& filters, int first, int last) {
     filters.lastBin = last;
 }
 
-// Filter i's bins and weights; the result is how many weights it takes in the array, its padding included.
-int fillFilter(KTMFCCFilters& filters, int i, const FilterEdges& edges, BinScan& scan, float* weights) {
+// Filter i's bins and weights; the result is how many weights it takes in the array, its padding
+// included.
+int fillFilter(KTMFCCFilters& filters, int i, const FilterEdges& edges, BinScan& scan,
+               float* weights) {
     const bool padded = i < filters.nCommon;
     const BinRun run = scan.next(edges);
     const int count = padded ? std::min(run.count, filters.commonLen) : run.count;
@@ -285,7 +296,8 @@ int groupBlocks(int group, int nRows, Length length) {
 
 constexpr int blockWeights = MelPlan::rowsPerGroup * MelPlan::binsPerBlock;
 
-// Lays one row out: its blocks begin at its first bin, or earlier where they would leave the spectrum.
+// Lays one row out: its blocks begin at its first bin, or earlier where they would leave the
+// spectrum.
 void planRow(const KTMFCCFilters& filters, int i, const float* source, int nBlocks, int* firstBin,
              double* weights) {
     const int row = i % MelPlan::rowsPerGroup;
@@ -294,8 +306,8 @@ void planRow(const KTMFCCFilters& filters, int i, const float* source, int nBloc
     for (int k = 0; k < rowLength(filters, i); ++k) {
         const int place = lead + k;
         const int block = place / MelPlan::binsPerBlock;
-        weights[block * blockWeights + row * MelPlan::binsPerBlock + place % MelPlan::binsPerBlock] =
-            static_cast<double>(source[k]);
+        weights[block * blockWeights + row * MelPlan::binsPerBlock +
+                place % MelPlan::binsPerBlock] = static_cast<double>(source[k]);
     }
 }
 
@@ -309,7 +321,8 @@ void makePlan(KTMFCCFilters& filters, double* weights, std::size_t room) {
     std::fill_n(firstBin, nGroups * MelPlan::rowsPerGroup, 0);
     const float* source = filters.FilWeight;
     for (int group = 0; group < nGroups; ++group) {
-        nBlocks[group] = groupBlocks(group, filters.nFilters, [&](int i) { return rowLength(filters, i); });
+        nBlocks[group] =
+            groupBlocks(group, filters.nFilters, [&](int i) { return rowLength(filters, i); });
         if (nBlocks[group] > filters.nReached / MelPlan::binsPerBlock) {
             filters.plan.nRows = 0; // no whole block fits
             return;
@@ -394,8 +407,10 @@ WeightRoom weightRoom(const KTMFCCFilters& filters) {
 bool allocateBins(KTMFCCFilters& filters, const WeightRoom& room) {
     // 2^31 bins are more than an int counts, and their weights more than can be had.
     filters.FilWeight = filters.fftOrder == 31 ? nullptr : ownAllocFloats(room.nFloats);
-    if (!have(filters.FilWeight, "insufficiency of memory for pointer  filters->FilWeight")) return false;
-    const std::int64_t planInts = std::int64_t{groupsOf(filters.nFilters)} * (MelPlan::rowsPerGroup + 1);
+    if (!have(filters.FilWeight, "insufficiency of memory for pointer  filters->FilWeight"))
+        return false;
+    const std::int64_t planInts =
+        std::int64_t{groupsOf(filters.nFilters)} * (MelPlan::rowsPerGroup + 1);
     const std::int64_t nInts = filters.nFilters + planInts;
     filters.disFft = nInts <= INT_MAX ? ownAllocRecords<int>(static_cast<int>(nInts)) : nullptr;
     if (!have(filters.disFft, "insufficiency of memory for pointer  filters->disFft")) return false;
@@ -421,7 +436,8 @@ bool fillBank(KTMFCCFilters& filters, const BankRequest& request, const FilterEd
     return true;
 }
 
-// The record for a sound request, or null after a report; what was allocated until then is released.
+// The record for a sound request, or null after a report; what was allocated until then is
+// released.
 KTMFCCFilters* designBank(const BankRequest& request, const MelScale& scale) {
     FiltersGuard filters(ownAllocFilters(1));
     if (!have(filters.get(), "insufficiency of memory for pointer  filters")) return nullptr;
@@ -458,16 +474,17 @@ void KTSetMelScale(float mul, float div) {
     ceps.melDiv = div;
 }
 
-KTMFCCFilters* KTsMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq, int nLinear,
-                           int linearTop) {
+KTMFCCFilters* KTsMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq,
+                           int nLinear, int linearTop) {
     const MelScale scale = threadMelScale();
-    return designBank(soundRequest(fftOrder, nFilters, lowFreq, highFreq, sampleFreq, nLinear, linearTop),
-                      scale);
+    return designBank(
+        soundRequest(fftOrder, nFilters, lowFreq, highFreq, sampleFreq, nLinear, linearTop), scale);
 }
 
-KTMFCCFilters* KTwMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq, int nLinear,
-                           int linearTop) {
-    FiltersGuard filters(KTsMFCCInit(fftOrder, nFilters, lowFreq, highFreq, sampleFreq, nLinear, linearTop));
+KTMFCCFilters* KTwMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq, int sampleFreq,
+                           int nLinear, int linearTop) {
+    FiltersGuard filters(
+        KTsMFCCInit(fftOrder, nFilters, lowFreq, highFreq, sampleFreq, nLinear, linearTop));
     if (KTGetStatus() < 0) { // an old failure that nobody has cleared counts as well
         module.backtrace();
         return nullptr;
@@ -495,8 +512,8 @@ void KTsMelFiltering(KTMFCCFilters* filters, const float* pSpectrum, float* pOut
     if (filters == nullptr || pSpectrum == nullptr || pOut == nullptr) return;
     for (int i = 0; i < filters->nFilters; ++i)
         filters->adrFft[i] = pSpectrum + filters->disFft[i];
-    // Infinite bins and such spoil neighbouring rows of the plan; the result then is what the definition
-    // gives.
+    // Infinite bins and such spoil neighbouring rows of the plan; the result then is what the
+    // definition gives.
     if (filters->plan.nRows == 0 || !vsq::kernels().mel->filter(filters->plan, pSpectrum, pOut))
         orderedSums(*filters, pOut);
 }

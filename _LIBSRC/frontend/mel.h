@@ -1,19 +1,22 @@
-// The record of a mel filter bank, as the design (KT_MEL) fills it and the cepstrum (KT_CEPS) uses it.
+// The record of a mel filter bank, as the design (KT_MEL) fills it and the cepstrum (KT_CEPS) uses
+// it.
 #pragma once
 
 #include "frame/types.h"
 
 #include "levels/levels.h"
 
-// Float in both data flavours. Every array is an aligned block of its own, freed by KTsFreeMFCCFilters. A
-// spectrum has fftLen bins, of which a caller gives the first fftLen/2 + 1; the others mirror them.
+// Float in both data flavours. Every array is an aligned block of its own, freed by
+// KTsFreeMFCCFilters. A spectrum has fftLen bins, of which a caller gives the first fftLen/2 + 1;
+// the others mirror them.
 struct KTMFCCFilters {
     int fftOrder; // as asked for, in range or not
     int fftLen;   // 2^fftOrder; 0 where fftOrder is no order of a transform
     int nFilters;
     float* FilWeight; // all weights, filter after filter
     int* FilLength;   // nFilters: number of weights, the padding of the leading filters included
-    int firstBin;     // lowest and highest bin that a filter got by its edges; -1 where there is no filter
+    // lowest and highest bin that a filter got by its edges; -1 where there is no filter
+    int firstBin;
     int lastBin;
     int* disFft;          // nFilters: the filter's first bin
     const float** adrFft; // nFilters: that bin in the spectrum of the last filtering call
@@ -25,7 +28,9 @@ struct KTMFCCFilters {
     int dctOrder;  // base-2 logarithm of nFilters where that is a power of two, otherwise 0
 
     // Behind the fields that the design is about: what makes filtering fast and safe.
-    int nReached;      // one more than the highest bin that has a weight: what filtering reads of a spectrum
-    vsq::MelPlan plan; // no rows where the spectrum is too short for whole blocks; its arrays stand behind
-                       // FilWeight's weights and disFft's bins, in the same blocks
+    // one more than the highest bin that has a weight: what filtering reads of a spectrum
+    int nReached;
+    // no rows where the spectrum is too short for whole blocks; its arrays stand behind
+    vsq::MelPlan plan;
+    // FilWeight's weights and disFft's bins, in the same blocks
 };

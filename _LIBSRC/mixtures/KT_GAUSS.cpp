@@ -9,7 +9,8 @@
 namespace ktl::gauss {
 namespace {
 
-// Products of sizes stop growing here: anything above 2 GB is refused, so the exact value does not matter.
+// Products of sizes stop growing here: anything above 2 GB is refused, so the exact value does not
+// matter.
 constexpr std::int64_t enough = std::int64_t(1) << 32;
 constexpr std::int64_t capped(std::int64_t a, std::int64_t b) {
     return std::min(a * b, enough); // a is at most 2^32 and b at most 2^31
@@ -170,8 +171,8 @@ ScaledProduct diagonalDeterminant(const float* diagonal, int n) {
 
 namespace {
 
-// value * 2^(steps / 2) in the steps of a scaled product. So many of them lead out of a double's range for
-// whatever a weight and a root can be.
+// value * 2^(steps / 2) in the steps of a scaled product. So many of them lead out of a double's
+// range for whatever a weight and a root can be.
 double stepped(double value, int steps) {
     constexpr int halfStep = 200, most = 20;
     static_assert(ScaledProduct::step == 0x1p400);
@@ -198,8 +199,9 @@ bool normalizeWeights(GaussMixServer* server) {
     for (int k = 0; k < server->nMix; ++k) {
         for (int i = 0; isFull(server) && i < n; ++i)
             std::copy_n(matrices<float>(server)[k][i], n, work.rows[i]);
-        const ScaledProduct det =
-            isFull(server) ? determinant(work.rows, n) : diagonalDeterminant(diagonals<float>(server)[k], n);
+        const ScaledProduct det = isFull(server)
+                                      ? determinant(work.rows, n)
+                                      : diagonalDeterminant(diagonals<float>(server)[k], n);
         server->pNormWeights[k] = float(timesRoot(double(server->pNormWeights[k]), det));
     }
     return true;
@@ -219,8 +221,8 @@ void copyInputs(GaussMixServer* server, const T* pWeights, T** ppMeans, T*** ppp
 }
 
 template <class T>
-GaussMixServer* initServer(const T* pWeights, T** ppMeans, T*** pppInverseCov, T** ppInverseCovD, Shape shape,
-                           int flags, const char* funcName) {
+GaussMixServer* initServer(const T* pWeights, T** ppMeans, T*** pppInverseCov, T** ppInverseCovD,
+                           Shape shape, int flags, const char* funcName) {
     if ((pppInverseCov == nullptr) == (ppInverseCovD == nullptr)) {
         module.report(KT_StsBadArg, bothOrNeither, funcName);
         return nullptr;
@@ -239,8 +241,9 @@ GaussMixServer* initServer(const T* pWeights, T** ppMeans, T*** pppInverseCov, T
 
 using namespace ktl::gauss;
 
-GaussMixServer* KTsInitGaussMixServer(const float* pWeights, float** ppMeans, float*** pppInverseCov,
-                                      float** ppInverseCovD, int nDim, int nMix, int flags) {
+GaussMixServer* KTsInitGaussMixServer(const float* pWeights, float** ppMeans,
+                                      float*** pppInverseCov, float** ppInverseCovD, int nDim,
+                                      int nMix, int flags) {
     GaussMixServer* server = initServer<float>(pWeights, ppMeans, pppInverseCov, ppInverseCovD,
                                                {nDim, nMix, false}, flags, "KTsInitGaussMixServer");
     if (server == nullptr) return nullptr;
@@ -253,8 +256,9 @@ GaussMixServer* KTsInitGaussMixServer(const float* pWeights, float** ppMeans, fl
     return server;
 }
 
-GaussMixServer* KTwInitGaussMixServer(const short* pWeights, short** ppMeans, short*** pppInverseCov,
-                                      short** ppInverseCovD, int nDim, int nMix, int flags, int scale) {
+GaussMixServer* KTwInitGaussMixServer(const short* pWeights, short** ppMeans,
+                                      short*** pppInverseCov, short** ppInverseCovD, int nDim,
+                                      int nMix, int flags, int scale) {
     GaussMixServer* server = initServer<short>(pWeights, ppMeans, pppInverseCov, ppInverseCovD,
                                                {nDim, nMix, false}, flags, "KTwInitGaussMixServer");
     if (server != nullptr) server->scale = scale;

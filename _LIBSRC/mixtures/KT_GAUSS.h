@@ -5,17 +5,19 @@
 
 #include <cstddef>
 
-// A mixture of nMix Gaussians in nDim dimensions: this record, and behind it in the same block the arrays
-// that it points to. One free releases it. T is float in the float flavour and short in the fixed one; the
-// tables hold real T*, so the fields are reached through the views below. Every row has padded(nDim)
-// elements, the last ones zero.
+// A mixture of nMix Gaussians in nDim dimensions: this record, and behind it in the same block the
+// arrays that it points to. One free releases it. T is float in the float flavour and short in the
+// fixed one; the tables hold real T*, so the fields are reached through the views below. Every row
+// has padded(nDim) elements, the last ones zero.
 struct GaussMixServer {
-    void* pWeights;      // T*: nMix weights, padded
-    void* ppMeans;       // T**: nMix rows
-    void* pppInverseCov; // T***: nMix tables of nDim rows of a symmetric matrix; null for a diagonal server
+    void* pWeights; // T*: nMix weights, padded
+    void* ppMeans;  // T**: nMix rows
+    // T***: nMix tables of nDim rows of a symmetric matrix; null for a diagonal server
+    void* pppInverseCov;
     void* ppInverseCovD; // T**: nMix diagonals; null for a full server
-    float* pNormWeights; // float flavour: the weights as evaluation uses them; null in the fixed flavour
-    void* pWork;         // one float or int per mixture, written by every evaluation
+    // float flavour: the weights as evaluation uses them; null in the fixed flavour
+    float* pNormWeights;
+    void* pWork; // one float or int per mixture, written by every evaluation
     int nDim;
     int nMix;
     int flags;
@@ -73,29 +75,31 @@ constexpr ExponentPlan planExponent(int scale) {
 }
 // -(|form| << shift) in wrapping 32-bit arithmetic.
 constexpr int exponentOf(int form, int shift) {
-    const unsigned magnitude = form < 0 ? 0u - static_cast<unsigned>(form) : static_cast<unsigned>(form);
+    const unsigned magnitude =
+        form < 0 ? 0u - static_cast<unsigned>(form) : static_cast<unsigned>(form);
     return static_cast<int>(0u - (shift > 31 ? 0u : magnitude << shift));
 }
 
-// The quadratic form of one vector by one density of a fixed server: KTwMahalanobis for a full one, the
-// wrapping 32-bit sum of d*d*c for a diagonal one. nDim is at most the server's.
+// The quadratic form of one vector by one density of a fixed server: KTwMahalanobis for a full one,
+// the wrapping 32-bit sum of d*d*c for a diagonal one. nDim is at most the server's.
 int fixedForm(const GaussMixServer* server, int mixture, const short* pVector, int nDim);
 
-// Turns nMix forms of the given scale into densities with 30 fractional bits, in place; 0 where the weight is
-// 0.
+// Turns nMix forms of the given scale into densities with 30 fractional bits, in place; 0 where the
+// weight is 0.
 void fixedDensities(int* forms, const short* weights, int nMix, int scale);
 
-// KTsInvertGaussianCovMatrix, which also tells whether the one failure has come that releases its source.
+// KTsInvertGaussianCovMatrix, which also tells whether the one failure has come that releases its
+// source.
 GaussMixServer* invert(GaussMixServer* pServer, int flags, bool* pReleased);
 
 } // namespace ktl::gauss
 
-// exp(value / 2^nFracBits) with nOutFracBits (0 to 31) fractional bits, saturated to 0x7FFFFFFF; nFracBits is
-// 0 or more. Integer arithmetic only. The fraction is cut to 10 bits, which leaves a relative accuracy of
-// about 0.1 per cent.
+// exp(value / 2^nFracBits) with nOutFracBits (0 to 31) fractional bits, saturated to 0x7FFFFFFF;
+// nFracBits is 0 or more. Integer arithmetic only. The fraction is cut to 10 bits, which leaves a
+// relative accuracy of about 0.1 per cent.
 int KTexpFix(int value, int nFracBits, int nOutFracBits);
 
-// The exact 64-bit sum of pValues[k] * pWeights[k], which has 30 fractional bits, as a 32-bit integer by
-// scaleMode and *pScale. pScale may be null. Fewer than two mixtures give 0 and leave *pScale alone: nothing
-// is computed then.
+// The exact 64-bit sum of pValues[k] * pWeights[k], which has 30 fractional bits, as a 32-bit
+// integer by scaleMode and *pScale. pScale may be null. Fewer than two mixtures give 0 and leave
+// *pScale alone: nothing is computed then.
 int KTwDotMix(const int* pValues, const short* pWeights, int nMix, int scaleMode, int* pScale);

@@ -3,10 +3,11 @@
 // Behind the record, from a 16-byte boundary on, stand without gaps
 //     float flavour: pNormWeights, pWork, pWeights, each padded(nMix) floats
 //     fixed flavour: pWork as padded(nMix) ints, pWeights as padded(nMix) shorts
-// and in both the mean row table (padded(nMix) pointers), the mean rows (nMix * padded(nDim) elements), and
-// the covariance:
+// and in both the mean row table (padded(nMix) pointers), the mean rows (nMix * padded(nDim)
+// elements), and the covariance:
 //     diagonal: a table of padded(nMix) pointers, nMix rows
-//     full: a table of padded(nMix) pointers, per mixture a table of padded(nDim) row pointers, then nMix *
+//     full: a table of padded(nMix) pointers, per mixture a table of padded(nDim) row pointers,
+//     then nMix *
 //     nDim rows
 // Files hold the same with pointers of 32 bits; nBytes is the size of that image, on every build.
 #pragma once
@@ -36,7 +37,8 @@ template <>
 struct Flavour<float> {
     using Work = float;
     static constexpr int flag = GAUSS_SERVER_FVR_S;
-    static constexpr int vectorBytes = 12; // per padded mixture: normalised weight, work element, weight
+    // per padded mixture: normalised weight, work element, weight
+    static constexpr int vectorBytes = 12;
 };
 template <>
 struct Flavour<short> {
@@ -61,7 +63,8 @@ bool representable(const Shape& shape) {
     return representable(shape, int(sizeof(T)), Flavour<T>::vectorBytes);
 }
 
-// Bytes of the data behind the record when a pointer takes `pointerBytes`; the shape is representable.
+// Bytes of the data behind the record when a pointer takes `pointerBytes`; the shape is
+// representable.
 std::size_t dataBytes(const Shape& shape, int elementBytes, int vectorBytes, int pointerBytes);
 template <class T>
 std::size_t dataBytes(const Shape& shape, int pointerBytes) {
@@ -71,15 +74,18 @@ std::size_t dataBytes(const Shape& shape, int pointerBytes) {
 // The image's record and alignment reserve: 48 bytes and 15.
 inline constexpr int imageReserve = 0x3f;
 
-// A zeroed block with its pointers, dimensions, flags (flavour, full or diagonal) and nBytes set and
-// nObservations 1; null for a shape that is not representable or when memory ran out, and no report.
+// A zeroed block with its pointers, dimensions, flags (flavour, full or diagonal) and nBytes set
+// and nObservations 1; null for a shape that is not representable or when memory ran out, and no
+// report.
 template <class T>
 GaussMixServer* createServer(const Shape& shape);
 
-// The same with a report (-4, noBlock) under the given name when memory ran out, which a shape too large for
-// a block counts as. Dimensions below 1 are the caller's fault and give null without a report.
+// The same with a report (-4, noBlock) under the given name when memory ran out, which a shape too
+// large for a block counts as. Dimensions below 1 are the caller's fault and give null without a
+// report.
 template <class T>
-GaussMixServer* createOrReport(const Shape& shape, const char* funcName, int line = __builtin_LINE());
+GaussMixServer* createOrReport(const Shape& shape, const char* funcName,
+                               int line = __builtin_LINE());
 
 // The first covariance element; all of them follow without gaps.
 template <class T>
@@ -93,8 +99,8 @@ inline std::ptrdiff_t covarianceElements(const Shape& shape) {
     return meanElements(shape) * (shape.full ? shape.nDim : 1);
 }
 
-// The thread's work matrix: n rows of padded(n) floats, not cleared, and room for n pivots. Null rows after a
-// failed growth; the caller reports. KTFreeGaussTbls releases it.
+// The thread's work matrix: n rows of padded(n) floats, not cleared, and room for n pivots. Null
+// rows after a failed growth; the caller reports. KTFreeGaussTbls releases it.
 struct WorkMatrix {
     float** rows;
     int* pivots;
@@ -108,8 +114,9 @@ ScaledProduct determinant(float* const* rows, int n);
 // The same of a diagonal.
 ScaledProduct diagonalDeterminant(const float* diagonal, int n);
 
-// weight * sqrt(|det|) and weight / sqrt(|det|). Some tens of dimensions are enough for a determinant beyond a
-// double, so that the result alone is brought into its range: a weight of 0 stays 0.
+// weight * sqrt(|det|) and weight / sqrt(|det|). Some tens of dimensions are enough for a
+// determinant beyond a double, so that the result alone is brought into its range: a weight of 0
+// stays 0.
 double timesRoot(double weight, const ScaledProduct& det);
 double overRoot(double weight, const ScaledProduct& det);
 

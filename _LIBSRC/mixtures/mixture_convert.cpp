@@ -1,11 +1,11 @@
 // Float servers into fixed ones and back.
 //
-// Fixed point: an element is a 16-bit integer, its real value stored * 2^scale, with one scale each for
-// weights, means and covariance elements. Going down truncates toward zero and saturates at 32767 and -32767,
-// so that a negated element can't overflow. Nothing wraps.
+// Fixed point: an element is a 16-bit integer, its real value stored * 2^scale, with one scale each
+// for weights, means and covariance elements. Going down truncates toward zero and saturates at
+// 32767 and -32767, so that a negated element can't overflow. Nothing wraps.
 #include "frame/KT_CONVERT.h"
-#include "mixtures/mixture_block.h"
 #include "frame/scratch.h"
+#include "mixtures/mixture_block.h"
 
 #include <algorithm>
 #include <cmath>
@@ -13,10 +13,12 @@
 namespace ktl::gauss {
 namespace {
 
-constexpr char allocName[] = "KTsInitGaussMixServer"; // under which both conversions report exhaustion
+// under which both conversions report exhaustion
+constexpr char allocName[] = "KTsInitGaussMixServer";
 
-// The factor may be beyond a double: infinite from 2^1024 on, where every element but 0 is beyond 16 bits, and
-// 0 below 2^-1074, where infinity alone is. Neither an element of 0 nor an infinite one meets such a factor.
+// The factor may be beyond a double: infinite from 2^1024 on, where every element but 0 is beyond
+// 16 bits, and 0 below 2^-1074, where infinity alone is. Neither an element of 0 nor an infinite
+// one meets such a factor.
 short saturated(float value, int scale, double factor) {
     if (value == 0.0f) return 0;
     const double u = std::isinf(value) ? double(value) : double(value) * factor;
@@ -31,8 +33,10 @@ void convertDown(const float* src, short* dst, std::ptrdiff_t n, int scale) {
         dst[i] = saturated(src[i], scale, factor);
 }
 
-// One report's worth of checks, the same for both directions. Where flags were lost, what is there decides.
-bool acceptable(const GaussMixServer* server, bool wrongFlavour, const char* refusal, const char* funcName) {
+// One report's worth of checks, the same for both directions. Where flags were lost, what is there
+// decides.
+bool acceptable(const GaussMixServer* server, bool wrongFlavour, const char* refusal,
+                const char* funcName) {
     if ((server->pppInverseCov == nullptr) == (server->ppInverseCovD == nullptr)) {
         module.report(KT_StsBadArg, bothOrNeither, funcName);
         return false;
@@ -58,7 +62,8 @@ void divideWeights(GaussMixServer* server, const DeterminantOf& determinantOf) {
 bool plainWeights(GaussMixServer* server) {
     const int n = server->nDim;
     if (!isFull(server)) {
-        divideWeights(server, [=](int k) { return diagonalDeterminant(diagonals<float>(server)[k], n); });
+        divideWeights(server,
+                      [=](int k) { return diagonalDeterminant(diagonals<float>(server)[k], n); });
         return true;
     }
     const ktl::Scratch<float> elements(std::int64_t(n) * n);
@@ -88,10 +93,12 @@ GaussMixServer* KTswConvertGaussMixServer(GaussMixServer* flser, int weightScale
     const Shape shape = shapeOf(flser);
     GaussMixServer* shser = createOrReport<short>(shape, allocName);
     if (shser == nullptr) return nullptr;
-    // A fixed server has no second set of weights, so the determinant factor goes into its only one.
+    // A fixed server has no second set of weights, so the determinant factor goes into its only
+    // one.
     convertDown(flser->pNormWeights, weights<short>(shser), shape.nMix, weightScale);
     convertDown(means<float>(flser)[0], means<short>(shser)[0], meanElements(shape), meanScale);
-    convertDown(covariance<float>(flser), covariance<short>(shser), covarianceElements(shape), invCovScale);
+    convertDown(covariance<float>(flser), covariance<short>(shser), covarianceElements(shape),
+                invCovScale);
     shser->scale = int(2u * unsigned(meanScale) + unsigned(invCovScale));
     shser->flags = (flser->flags & ~(GAUSS_SERVER_FVR_S | KT_GAUSS_BLOCK)) | GAUSS_SERVER_FVR_W;
     shser->nObservations = flser->nObservations;
@@ -111,7 +118,8 @@ GaussMixServer* KTwsConvertGaussMixServer(GaussMixServer* shser, int weightScale
     for (int k = 0; k < shape.nMix; ++k) {
         KTwsbConvertUp(means<short>(shser)[k], means<float>(flser)[k], shape.nDim, meanScale);
         if (!shape.full)
-            KTwsbConvertUp(diagonals<short>(shser)[k], diagonals<float>(flser)[k], shape.nDim, invCovScale);
+            KTwsbConvertUp(diagonals<short>(shser)[k], diagonals<float>(flser)[k], shape.nDim,
+                           invCovScale);
         for (int i = 0; shape.full && i < shape.nDim; ++i)
             KTwsbConvertUp(matrices<short>(shser)[k][i], matrices<float>(flser)[k][i], shape.nDim,
                            invCovScale);

@@ -1,9 +1,9 @@
 // The likelihood of a vector under a mixture.
 //
-// Fixed point: the form of a diagonal server is a 32-bit integer sum of d*d*c and wraps silently; that of a
-// full one is summed in double and truncated to 32 bits. The shift of the form wraps. Exponentials have 30
-// fractional bits and saturate; their weighted sum is exact in 64 bits, and scaleMode says which 32 of them
-// come back.
+// Fixed point: the form of a diagonal server is a 32-bit integer sum of d*d*c and wraps silently;
+// that of a full one is summed in double and truncated to 32 bits. The shift of the form wraps.
+// Exponentials have 30 fractional bits and saturate; their weighted sum is exact in 64 bits, and
+// scaleMode says which 32 of them come back.
 #include "mixtures/mixture_block.h"
 
 #include "levels/levels.h"
@@ -16,8 +16,8 @@ int fixedForm(const GaussMixServer* server, int mixture, const short* pVector, i
     const short* mean = means<short>(server)[mixture];
     if (isFull(server)) {
         const short* const* rows = matrices<short>(server)[mixture];
-        return KTdiConvertDown(vsq::kernels().mahal->fullFixed(pVector, mean, rows, nDim), KT_NoScale,
-                               nullptr);
+        return KTdiConvertDown(vsq::kernels().mahal->fullFixed(pVector, mean, rows, nDim),
+                               KT_NoScale, nullptr);
     }
     int form;
     const short* diagonal = diagonals<short>(server)[mixture];
@@ -49,13 +49,16 @@ double KTsEvalGaussMix(GaussMixServer* pServer, const float* pVector, int nDim) 
     const float* weight = weights<float>(pServer);
     const int n = std::min(nDim, pServer->nDim);
     if (isFull(pServer))
-        return vsq::kernels().gauss->evaluateFull(pVector, means<float>(pServer), matrices<float>(pServer),
-                                                  weight, pServer->pNormWeights, n, pServer->nMix, work);
-    return vsq::kernels().gauss->evaluateDiagonal(pVector, means<float>(pServer), diagonals<float>(pServer),
-                                                  weight, pServer->pNormWeights, n, pServer->nMix, work);
+        return vsq::kernels().gauss->evaluateFull(pVector, means<float>(pServer),
+                                                  matrices<float>(pServer), weight,
+                                                  pServer->pNormWeights, n, pServer->nMix, work);
+    return vsq::kernels().gauss->evaluateDiagonal(pVector, means<float>(pServer),
+                                                  diagonals<float>(pServer), weight,
+                                                  pServer->pNormWeights, n, pServer->nMix, work);
 }
 
-int KTwEvalGaussMix(GaussMixServer* pServer, const short* pVector, int nDim, int scaleMode, int* pScale) {
+int KTwEvalGaussMix(GaussMixServer* pServer, const short* pVector, int nDim, int scaleMode,
+                    int* pScale) {
     if (pServer == nullptr || isFloat(pServer)) return 0;
     auto* work = static_cast<int*>(pServer->pWork);
     const short* weight = weights<short>(pServer);

@@ -1,7 +1,7 @@
-// Mixture servers on streams: the tag "GAUS", the record of twelve words, and the block's data, all as a
-// 32-bit little-endian image. Memory is never copied whole: pointers have another width here.
-#include "mixtures/mixture_block.h"
+// Mixture servers on streams: the tag "GAUS", the record of twelve words, and the block's data, all
+// as a 32-bit little-endian image. Memory is never copied whole: pointers have another width here.
 #include "frame/stream.h"
+#include "mixtures/mixture_block.h"
 
 #include <array>
 
@@ -11,8 +11,8 @@ namespace {
 constexpr char tag[4] = {'G', 'A', 'U', 'S'};
 constexpr int longestTail = 15; // meaningless bytes behind a payload
 
-// The record's words, in file order; pointers of the writer's memory, of which readers look at null or not
-// null only.
+// The record's words, in file order; pointers of the writer's memory, of which readers look at null
+// or not null only.
 enum Word {
     wordWeights,
     wordMeans,
@@ -84,13 +84,16 @@ private:
 
 Record recordOf(const GaussMixServer* server, int payloadBytes) {
     const auto pointer = [](const void* p) { return p != nullptr ? presentPointer : 0u; };
-    return {pointer(server->pWeights),      pointer(server->ppMeans),        pointer(server->pppInverseCov),
-            pointer(server->ppInverseCovD), pointer(server->pNormWeights),   pointer(server->pWork),
-            unsigned(server->nDim),         unsigned(server->nMix),          unsigned(server->flags),
-            unsigned(server->scale),        unsigned(server->nObservations), unsigned(payloadBytes)};
+    return {pointer(server->pWeights),       pointer(server->ppMeans),
+            pointer(server->pppInverseCov),  pointer(server->ppInverseCovD),
+            pointer(server->pNormWeights),   pointer(server->pWork),
+            unsigned(server->nDim),          unsigned(server->nMix),
+            unsigned(server->flags),         unsigned(server->scale),
+            unsigned(server->nObservations), unsigned(payloadBytes)};
 }
 
-// How far the image's data start behind a block's base: its record, and up to 15 bytes to the next boundary.
+// How far the image's data start behind a block's base: its record, and up to 15 bytes to the next
+// boundary.
 int imageStart(const void* base) {
     return imageReserve - int((reinterpret_cast<std::uintptr_t>(base) + imageReserve) & 0xf);
 }
@@ -111,8 +114,8 @@ bool readTag(FILE* stream) {
     return readElements(stream, read, sizeof read) && std::memcmp(read, tag, sizeof tag) == 0;
 }
 
-// Flags are kept as they are, so they have to say what is there: a fixed server is told from a float one by
-// its own bit, and training takes the shape of a covariance from its bit.
+// Flags are kept as they are, so they have to say what is there: a fixed server is told from a
+// float one by its own bit, and training takes the shape of a covariance from its bit.
 template <class T>
 bool flagsAgree(int flags, const Shape& shape) {
     return (flags & Flavour<T>::flag) != 0 && ((flags & KT_GAUSS_FULL) != 0) == shape.full;

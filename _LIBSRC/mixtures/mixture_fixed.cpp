@@ -12,20 +12,21 @@ using namespace ktl::exponential_table;
 
 constexpr int largest = 0x7FFFFFFF;
 
-// e^(n + r/1024) for negative n. expNeg has 31 fractional bits and expFrac 10; an r of 0 leaves expNeg as it
-// is.
+// e^(n + r/1024) for negative n. expNeg has 31 fractional bits and expFrac 10; an r of 0 leaves
+// expNeg as it is.
 int expBelowOne(int n, unsigned r, int nOutFracBits) {
     const std::uint32_t whole = expNeg[std::size_t(std::max(n + deepest + 1, 0))];
     return int(std::uint64_t(whole) * expFrac[r] >> (41 - nOutFracBits));
 }
 
-// The same for n of 0 and above. expFrac has 10 fractional bits and expPos 21, so the product has 31; for n
-// of 21 and r below 499 it stays under 2^63.
+// The same for n of 0 and above. expFrac has 10 fractional bits and expPos 21, so the product has
+// 31; for n of 21 and r below 499 it stays under 2^63.
 int expAboveOne(int n, unsigned r, int nOutFracBits) {
     if (n > 21 || (n == 21 && r >= 499)) return largest;
     const std::uint64_t value = std::uint64_t(expFrac[r]) * expPosLow[n] +
                                 (std::uint64_t(expFrac[r]) * expPosHigh[n] << 21);
-    const std::uint32_t limit = nOutFracBits < 31 ? std::uint32_t(largest) >> (nOutFracBits + 1) : 0;
+    const std::uint32_t limit =
+        nOutFracBits < 31 ? std::uint32_t(largest) >> (nOutFracBits + 1) : 0;
     if (value >> 32 > limit) return largest;
     return int(std::uint32_t(value >> (31 - nOutFracBits)));
 }
@@ -75,7 +76,8 @@ int KTexpFix(int value, int nFracBits, int nOutFracBits) {
 void ktl::gauss::fixedDensities(int* forms, const short* weights, int nMix, int scale) {
     const ExponentPlan plan = planExponent(scale);
     for (int k = 0; k < nMix; ++k)
-        forms[k] = weights[k] != 0 ? fixedExponential(exponentOf(forms[k], plan.shift), plan.frac, 30) : 0;
+        forms[k] =
+            weights[k] != 0 ? fixedExponential(exponentOf(forms[k], plan.shift), plan.frac, 30) : 0;
 }
 
 int KTwDotMix(const int* pValues, const short* pWeights, int nMix, int scaleMode, int* pScale) {

@@ -39,8 +39,10 @@ ScaledProduct invertDiagonal(const float* variances, float* inverses, int n) {
     return product;
 }
 
-// The same for a full matrix: by way of the work matrix, the inverse growing in the new server's rows.
-ScaledProduct invertMatrix(const float* const* rows, float* const* inverse, const WorkMatrix& work, int n) {
+// The same for a full matrix: by way of the work matrix, the inverse growing in the new server's
+// rows.
+ScaledProduct invertMatrix(const float* const* rows, float* const* inverse, const WorkMatrix& work,
+                           int n) {
     const int stride = padded(n);
     for (int i = 0; i < n; ++i) {
         std::copy_n(rows[i], stride, work.rows[i]);
@@ -51,16 +53,19 @@ ScaledProduct invertMatrix(const float* const* rows, float* const* inverse, cons
 }
 
 // False when a density is singular.
-bool invertAll(const GaussMixServer* from, GaussMixServer* to, const WorkMatrix& work, bool normalize) {
+bool invertAll(const GaussMixServer* from, GaussMixServer* to, const WorkMatrix& work,
+               bool normalize) {
     const bool fromCovariance = (from->flags & KT_GAUSS_RAW) != 0;
     for (int k = 0; k < from->nMix; ++k) {
         const ScaledProduct det =
-            isFull(from) ? invertMatrix(matrices<float>(from)[k], matrices<float>(to)[k], work, from->nDim)
-                         : invertDiagonal(diagonals<float>(from)[k], diagonals<float>(to)[k], from->nDim);
+            isFull(from)
+                ? invertMatrix(matrices<float>(from)[k], matrices<float>(to)[k], work, from->nDim)
+                : invertDiagonal(diagonals<float>(from)[k], diagonals<float>(to)[k], from->nDim);
         if (std::fabs(det.value()) < smallestDeterminant) return false;
         if (!normalize) continue;
         const double weight = double(to->pNormWeights[k]);
-        to->pNormWeights[k] = float(fromCovariance ? overRoot(weight, det) : timesRoot(weight, det));
+        to->pNormWeights[k] =
+            float(fromCovariance ? overRoot(weight, det) : timesRoot(weight, det));
     }
     return true;
 }

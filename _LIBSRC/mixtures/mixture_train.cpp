@@ -1,7 +1,7 @@
-// One Gaussian from data: built in one pass, or an estimate merged with a further batch. The matrices are
-// covariances.
-#include "mixtures/mixture_block.h"
+// One Gaussian from data: built in one pass, or an estimate merged with a further batch. The
+// matrices are covariances.
 #include "frame/scratch.h"
+#include "mixtures/mixture_block.h"
 
 #include "levels/levels.h"
 
@@ -95,7 +95,8 @@ struct Pooling {
     float gOld, gNew, gM; // of the products of the old, the new and the merged mean
 
     Pooling(int nOld, int nNew) {
-        const int total = int(unsigned(nOld) + unsigned(nNew)); // a count from a file may be anything
+        // a count from a file may be anything
+        const int total = int(unsigned(nOld) + unsigned(nNew));
         const float r = 1.0f / float(total), s = 1.0f / float(int(unsigned(total) - 1u));
         const float n1 = float(nOld), n2 = float(nNew);
         wOld = r * n1;
@@ -112,7 +113,8 @@ struct Pooling {
 void mergeDiagonal(const Pooling& p, const float* a, const float* A, float* b, float* B, int n) {
     for (int i = 0; i < n; ++i) {
         const float c = a[i] * p.wOld + b[i] * p.wNew;
-        B[i] = A[i] * p.fOld + p.gOld * a[i] * a[i] + p.gNew * b[i] * b[i] + B[i] * p.fNew - p.gM * c * c;
+        B[i] = A[i] * p.fOld + p.gOld * a[i] * a[i] + p.gNew * b[i] * b[i] + B[i] * p.fNew -
+               p.gM * c * c;
         b[i] = c;
     }
 }
@@ -144,10 +146,11 @@ bool merge(const GaussMixServer* old, GaussMixServer* fresh, int n) {
 }
 
 template <class T>
-GaussMixServer* train(GaussMixServer* pOld, T** ppVectors, int nVectors, int nDim, const char* buildName,
-                      const char* funcName) {
+GaussMixServer* train(GaussMixServer* pOld, T** ppVectors, int nVectors, int nDim,
+                      const char* buildName, const char* funcName) {
     if (pOld == nullptr || !isFloat(pOld) || nDim > pOld->nDim) return nullptr;
-    GaussMixServer* server = build(ppVectors, nVectors, nDim, isFull(pOld) ? KT_GAUSS_FULL : 0, buildName);
+    GaussMixServer* server =
+        build(ppVectors, nVectors, nDim, isFull(pOld) ? KT_GAUSS_FULL : 0, buildName);
     if (KTGetStatus() < 0) { // also when an earlier failure left it so
         std::free(server);
         return nullptr;
@@ -174,10 +177,14 @@ GaussMixServer* KTwBuildGaussMixServer(short** ppVectors, int nVectors, int nDim
     return build(ppVectors, nVectors, nDim, flags, "KTwBuildGaussMixServer");
 }
 
-GaussMixServer* KTsTrainGaussMixServer(GaussMixServer* pOld, float** ppVectors, int nVectors, int nDim) {
-    return train(pOld, ppVectors, nVectors, nDim, "KTsBuildGaussMixServer", "KTsTrainGaussMixServer");
+GaussMixServer* KTsTrainGaussMixServer(GaussMixServer* pOld, float** ppVectors, int nVectors,
+                                       int nDim) {
+    return train(pOld, ppVectors, nVectors, nDim, "KTsBuildGaussMixServer",
+                 "KTsTrainGaussMixServer");
 }
 
-GaussMixServer* KTwTrainGaussMixServer(GaussMixServer* pOld, short** ppVectors, int nVectors, int nDim) {
-    return train(pOld, ppVectors, nVectors, nDim, "KTwBuildGaussMixServer", "KTwTrainGaussMixServer");
+GaussMixServer* KTwTrainGaussMixServer(GaussMixServer* pOld, short** ppVectors, int nVectors,
+                                       int nDim) {
+    return train(pOld, ppVectors, nVectors, nDim, "KTwBuildGaussMixServer",
+                 "KTwTrainGaussMixServer");
 }

@@ -1,12 +1,12 @@
-// Makes a model of another domain or numeric form from a model: always a new one, beside which the source
-// stays or goes as the thread's mode says.
+// Makes a model of another domain or numeric form from a model: always a new one, beside which the
+// source stays or goes as the thread's mode says.
 //
-// Fixed point, going down: a float x becomes x * 2^(-scale), computed in double and truncated toward zero to
-// 32 bits. It is pinned to 0x1FFFFF and -0x1FFFFF, but the comparison takes the unscaled x with 0x1FFFFF *
-// 2^(-scale); so for a negative scale larger results pass, and what leaves 32 bits becomes the most negative
-// integer. Weights of densities keep the low 16 bits of the same words, which turns the sign of pinned ones.
-// Going up: an integer from 0x7FFF on is the largest float, from -0x7FFF down its negative, all others are
-// multiplied by 2^(-scale) in float.
+// Fixed point, going down: a float x becomes x * 2^(-scale), computed in double and truncated
+// toward zero to 32 bits. It is pinned to 0x1FFFFF and -0x1FFFFF, but the comparison takes the
+// unscaled x with 0x1FFFFF * 2^(-scale); so for a negative scale larger results pass, and what
+// leaves 32 bits becomes the most negative integer. Weights of densities keep the low 16 bits of
+// the same words, which turns the sign of pinned ones. Going up: an integer from 0x7FFF on is the
+// largest float, from -0x7FFF down its negative, all others are multiplied by 2^(-scale) in float.
 #include "frame/KT_CONVERT.h"
 #include "frame/KT_ERROR.h"
 #include "mixtures/KT_GAUSS.h"
@@ -27,7 +27,8 @@ constexpr float minusLn10 = -2.3025851f, minusLog10OfE = -0.4342945f;
 // Releases the source of a transform unless the mode keeps it.
 void settleSource(const HeldHMMServer& source) {
     const HMMServer* server = source.get(); // null once a report's handler has released it
-    if (server != nullptr && (KTGetContext()->hmmMode & KT_HMM_KEEP) == 0) KTFreeHMMServer(server->id);
+    if (server != nullptr && (KTGetContext()->hmmMode & KT_HMM_KEEP) == 0)
+        KTFreeHMMServer(server->id);
 }
 
 // --- probabilities and costs ---
@@ -65,8 +66,8 @@ const char* domainRefusal(const HMMServer* server, unsigned from, const char* re
     return (server->status & from) == 0 ? refusal : nullptr;
 }
 
-// The transitions of a server in the plain order of its new domain, values untouched; null when memory ran
-// out.
+// The transitions of a server in the plain order of its new domain, values untouched; null when
+// memory ran out.
 void* transitionsOfDomain(const HMMServer* server, unsigned newStatus) {
     const auto from = hmm::TransitionMap::of(*server);
     const hmm::TransitionMap to{from.topology, hmm::orderOf(newStatus), from.n};
@@ -94,7 +95,8 @@ bool changeDomain(HMMServer* server) {
         applyTo<Domain>(hmm::floats(server->transitions), hmm::TransitionMap::of(*server).size());
     if ((newStatus & HMM_SERVER_DISCRETE) == 0 || server->outputs == nullptr) return true;
     const auto shape = hmm::OutputShape::of(newStatus, server->nStates, server->nSymbols);
-    if (shape.rows > 0) applyTo<Domain>(hmm::outputRows<float>(server->outputs)[0], shape.elements());
+    if (shape.rows > 0)
+        applyTo<Domain>(hmm::outputRows<float>(server->outputs)[0], shape.elements());
     return true;
 }
 
@@ -108,7 +110,8 @@ int transformed(int hmm) {
     }
     const HeldHMMServer held(source);
     const int id = KTCopyHMMServer(hmm);
-    HMMServer* copy = KTFindHMMServer(id); // gone again where the thread's status was negative before
+    // gone again where the thread's status was negative before
+    HMMServer* copy = KTFindHMMServer(id);
     if (copy == nullptr) return -1;
     // the copy stays registered here, its initial values transformed; the only failure that leaves
     // a server behind
@@ -149,8 +152,8 @@ public:
         return KTswConvertGaussMixServer(source, mixtureScales.weight, mixtureScales.mean,
                                          mixtureScales.invCov);
     }
-    // Odd bands: what should end the third row stands at its position 2 instead, over a(0,2). Scores of
-    // converted models depend on it, so it stays.
+    // Odd bands: what should end the third row stands at its position 2 instead, over a(0,2).
+    // Scores of converted models depend on it, so it stays.
     static void finishTransitions(const hmm::TransitionMap& map, int* target) {
         if (map.topology != hmm::Topology::banded || map.n % 2 == 0) return;
         int* third = target + 2 * std::size_t(hmm::even(map.n));
@@ -257,8 +260,9 @@ private:
         if (target->transitions == nullptr) return false;
         To* elements = start<To>(target, target->transitions);
         std::fill_n(elements, to.size(), Direction::vectorFiller);
-        hmm::rewriteTransitions(from, start<const typename Direction::From>(source, source->transitions), to,
-                                elements, [this](auto v) { return direction.value(v); });
+        hmm::rewriteTransitions(from,
+                                start<const typename Direction::From>(source, source->transitions),
+                                to, elements, [this](auto v) { return direction.value(v); });
         Direction::finishTransitions(to, elements);
         return true;
     }
@@ -274,7 +278,8 @@ private:
                            hmm::outputRows<To>(target->outputs)[i], shape.columns, shape.stride);
             else
                 convertWeights(hmm::outputRows<typename Direction::FromWeight>(source->outputs)[i],
-                               hmm::outputRows<typename Direction::ToWeight>(target->outputs)[i], shape);
+                               hmm::outputRows<typename Direction::ToWeight>(target->outputs)[i],
+                               shape);
         return true;
     }
 
@@ -282,9 +287,10 @@ private:
         std::transform(from, from + n, to, [this](auto v) { return direction.value(v); });
         std::fill(to + n, to + length, Direction::vectorFiller);
     }
-    void convertWeights(const typename Direction::FromWeight* from, typename Direction::ToWeight* to,
-                        const hmm::OutputShape& shape) const {
-        std::transform(from, from + shape.columns, to, [this](auto v) { return direction.weight(v); });
+    void convertWeights(const typename Direction::FromWeight* from,
+                        typename Direction::ToWeight* to, const hmm::OutputShape& shape) const {
+        std::transform(from, from + shape.columns, to,
+                       [this](auto v) { return direction.weight(v); });
         std::fill(to + shape.columns, to + shape.stride, Direction::weightFiller);
     }
 

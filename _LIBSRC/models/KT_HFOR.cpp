@@ -1,6 +1,7 @@
-// Total likelihood of an observation sequence under a model or the best of a class, as a cost (-log10 P): the
-// forward recursion in double precision, kept in range by exact powers of two whose exponents are counted. L.
-// R. Rabiner, A Tutorial on Hidden Markov Models and Selected Applications in Speech Recognition, 1989.
+// Total likelihood of an observation sequence under a model or the best of a class, as a cost
+// (-log10 P): the forward recursion in double precision, kept in range by exact powers of two whose
+// exponents are counted. L. R. Rabiner, A Tutorial on Hidden Markov Models and Selected
+// Applications in Speech Recognition, 1989.
 #include "models/outputs.h"
 
 #include <algorithm>
@@ -13,7 +14,8 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_HFOR"};
 constexpr double log10Of2 = 0.3010299956639812;
 constexpr int noExponent = 0x7FFFFFFF;
 
-// --- outputs by flavour: rows(server, first, count, room) of the frames first .. first + count - 1 ---
+// --- outputs by flavour: rows(server, first, count, room) of the frames first .. first + count - 1
+// ---
 
 struct Discrete {
     using Element = float;
@@ -22,7 +24,8 @@ struct Discrete {
     const int* observations;
 
     bool accepts(const HMMServer*) const { return true; }
-    bool rows(const HMMServer* server, int first, int count, float*, hmm::RowRun<float>& run) const {
+    bool rows(const HMMServer* server, int first, int count, float*,
+              hmm::RowRun<float>& run) const {
         return hmm::discreteRows(server, observations + first, count, run);
     }
 };
@@ -34,7 +37,8 @@ struct Continuous {
     const float* const* frames;
 
     bool accepts(const HMMServer*) const { return true; }
-    bool rows(const HMMServer* server, int first, int count, double* room, hmm::RowRun<double>& run) const {
+    bool rows(const HMMServer* server, int first, int count, double* room,
+              hmm::RowRun<double>& run) const {
         hmm::pointAtRows<const double>(room, server->nStates, count, run);
         for (int t = 0; t < count; ++t)
             hmm::mixtureRow(server, frames[first + t],
@@ -53,7 +57,8 @@ struct Semicontinuous {
     bool accepts(const HMMServer* server) const {
         return hmm::agreesWithCodebook(module, server, codebook, "KTsEvalSemicontHMMForward");
     }
-    bool rows(const HMMServer* server, int first, int count, float* room, hmm::RowRun<float>& run) const {
+    bool rows(const HMMServer* server, int first, int count, float* room,
+              hmm::RowRun<float>& run) const {
         hmm::pointAtRows<const float>(room, server->nStates, count, run);
         for (int t = 0; t < count; ++t)
             hmm::weightedRow(server, densities->row(first + t),
@@ -75,8 +80,8 @@ void advanceStored(const vsq::HmmBySource& model, const float* const* rows, int 
                    vsq::HmmForward* state) {
     vsq::kernels().hmm->storedForwardFloat(model, rows, n, rescaleLast, state);
 }
-void advanceStored(const vsq::HmmBySource& model, const double* const* rows, int n, bool rescaleLast,
-                   vsq::HmmForward* state) {
+void advanceStored(const vsq::HmmBySource& model, const double* const* rows, int n,
+                   bool rescaleLast, vsq::HmmForward* state) {
     vsq::kernels().hmm->storedForwardDouble(model, rows, n, rescaleLast, state);
 }
 
@@ -99,13 +104,16 @@ class Evaluation {
     using Element = typename Outputs::Element;
 
 public:
-    Evaluation(const Outputs& outputsOfCall, int frameCount) : outputs(outputsOfCall), nFrames(frameCount) {}
+    Evaluation(const Outputs& outputsOfCall, int frameCount)
+        : outputs(outputsOfCall), nFrames(frameCount) {}
 
-    // The server's sum and exponent; false when it cannot produce the sequence, or when memory ran out. With
-    // a single frame the sums of a class's members add up: each starts from the one before.
+    // The server's sum and exponent; false when it cannot produce the sequence, or when memory ran
+    // out. With a single frame the sums of a class's members add up: each starts from the one
+    // before.
     bool run(const HMMServer* server, double* sum, int* exponent) {
         const float* stored = hmm::floats(server->transitions);
-        if (!room.reserve(server, stored, nFrames, Outputs::computes, hmm::Order::bySource)) return false;
+        if (!room.reserve(server, stored, nFrames, Outputs::computes, hmm::Order::bySource))
+            return false;
         const int stride = vsq::hmmStride(server->nStates);
         asStored = {hmm::kernelTopology(server->status), server->nStates, stride, stored};
         state = {room.vectors, room.vectors + stride, 0.0, 0, false};
@@ -150,7 +158,8 @@ private:
     vsq::HmmForward state{};
 };
 
-// The likelihood is sum * 2^(-exponent): comparing the pairs avoids the logarithm of a very small number.
+// The likelihood is sum * 2^(-exponent): comparing the pairs avoids the logarithm of a very small
+// number.
 struct Best {
     int exponent = noExponent;
     double sum = 0.0;
@@ -180,16 +189,16 @@ float evaluate(int hmm, const Outputs& outputs, int nFrames, int* pBest) {
     while (const HMMServer* server = walk.next()) {
         double sum = 0.0;
         int exponent = 0;
-        if (KTGetStatus() < 0 || !outputs.accepts(server) || !hmm::evaluable(server, Outputs::kind) ||
-            !evaluation.run(server, &sum, &exponent))
+        if (KTGetStatus() < 0 || !outputs.accepts(server) ||
+            !hmm::evaluable(server, Outputs::kind) || !evaluation.run(server, &sum, &exponent))
             return hmm::absentCost;
         best.consider(exponent, sum, server->id, pBest);
     }
     return best.exponent == noExponent ? hmm::absentCost : static_cast<float>(best.cost);
 }
 
-// Whether there is a registry; if so *pBest is cleared. A null pBest is replaced by a word of the caller's
-// caller.
+// Whether there is a registry; if so *pBest is cleared. A null pBest is replaced by a word of the
+// caller's caller.
 bool begin(int*& pBest, int& unwanted) {
     if (pBest == nullptr) pBest = &unwanted;
     if ((KTGetContext()->hmmMode & HMM_MODE_READY) == 0) return false;
@@ -201,19 +210,23 @@ bool begin(int*& pBest, int& unwanted) {
 
 float KTsEvalHMMForward(int hmm, const int* observations, int nFrames, int* pBest) {
     int unwanted;
-    return begin(pBest, unwanted) ? evaluate(hmm, Discrete{observations}, nFrames, pBest) : hmm::absentCost;
+    return begin(pBest, unwanted) ? evaluate(hmm, Discrete{observations}, nFrames, pBest)
+                                  : hmm::absentCost;
 }
 
 float KTsEvalContHMMForward(int hmm, const float* const* frames, int nFrames, int* pBest) {
     int unwanted;
-    return begin(pBest, unwanted) ? evaluate(hmm, Continuous{frames}, nFrames, pBest) : hmm::absentCost;
+    return begin(pBest, unwanted) ? evaluate(hmm, Continuous{frames}, nFrames, pBest)
+                                  : hmm::absentCost;
 }
 
 float KTsEvalSemicontHMMForward(int hmm, const float* const* frames, int nFrames, int* pBest) {
     int unwanted;
     if (!begin(pBest, unwanted) || !hmm::ServerWalk(hmm).isKnown()) return hmm::absentCost;
-    const SemicontCodebook* codebook = hmm::codebookWithDensities(module, false, "KTsEvalSemicontHMMForward");
+    const SemicontCodebook* codebook =
+        hmm::codebookWithDensities(module, false, "KTsEvalSemicontHMMForward");
     hmm::DensityTable<float> densities;
-    if (codebook == nullptr || !densities.evaluate(codebook, frames, nFrames)) return hmm::absentCost;
+    if (codebook == nullptr || !densities.evaluate(codebook, frames, nFrames))
+        return hmm::absentCost;
     return evaluate(hmm, Semicontinuous{codebook, &densities}, nFrames, pBest);
 }

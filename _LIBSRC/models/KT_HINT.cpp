@@ -1,5 +1,5 @@
-// Takes over a model's parameters from the caller's row tables: finds the topology of the transition matrix
-// and stores everything in the layouts that the evaluation loops walk.
+// Takes over a model's parameters from the caller's row tables: finds the topology of the
+// transition matrix and stores everything in the layouts that the evaluation loops walk.
 #include "frame/KT_ERROR.h"
 #include "models/layout.h"
 
@@ -13,8 +13,8 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_HINT"};
 constexpr int HMM_FIXED_PAD =
     0x1FFFFFFF; // fills fixed transition rows of costs; larger than any sum that wins
 
-// What differs between the numeric forms: the caller's and the stored element, which transitions count as
-// present, and what fills the places that nothing is stored in.
+// What differs between the numeric forms: the caller's and the stored element, which transitions
+// count as present, and what fills the places that nothing is stored in.
 struct FloatForm {
     using Input = float;
     using Stored = float;
@@ -45,8 +45,8 @@ struct FixedForm {
 template <class Form>
 using Rows = const typename Form::Input* const*;
 
-// No present element below the diagonal makes a model triangular; if from three states on none lies beyond
-// the second place above it either, the model is banded.
+// No present element below the diagonal makes a model triangular; if from three states on none lies
+// beyond the second place above it either, the model is banded.
 template <class Form>
 unsigned classify(Rows<Form> trans, int n, bool costs) {
     const auto anyPresent = [&](auto from, auto to) {
@@ -98,18 +98,22 @@ bool Setting<Form>::setTransitions(Rows<Form> trans) {
     status = (status & ~(hmmTopologyBits | HMM_SERVER_TILED)) | topology;
     const hmm::TransitionMap map{hmm::topologyOf(status), hmm::orderOf(status), nStates};
     // the status that was given need not tell how the array is laid out
-    if (!isReused || map.size() != hmm::TransitionMap::of(*server).size()) discard(server->transitions);
-    if (server->transitions == nullptr) server->transitions = hmm::allocateArray(map.size(), sizeof(Stored));
+    if (!isReused || map.size() != hmm::TransitionMap::of(*server).size())
+        discard(server->transitions);
+    if (server->transitions == nullptr)
+        server->transitions = hmm::allocateArray(map.size(), sizeof(Stored));
     if (server->transitions == nullptr) return false;
     Stored* target = start(server->transitions);
     storeTransitions(trans, map, target);
     Form::replaceZeros(target, map.size(), costs());
-    const bool wantsTiles = map.order == hmm::Order::byTarget && (context->hmmMode & HMM_MODE_TILED) != 0;
+    const bool wantsTiles =
+        map.order == hmm::Order::byTarget && (context->hmmMode & HMM_MODE_TILED) != 0;
     return !wantsTiles || tile();
 }
 
 template <class Form>
-void Setting<Form>::storeTransitions(Rows<Form> trans, const hmm::TransitionMap& map, Stored* target) const {
+void Setting<Form>::storeTransitions(Rows<Form> trans, const hmm::TransitionMap& map,
+                                     Stored* target) const {
     std::fill_n(target, map.size(), Form::rowEnd(costs()));
     if (map.topology == hmm::Topology::banded && map.order == hmm::Order::fixed) {
         const std::size_t row = std::size_t(hmm::even(nStates));
@@ -140,9 +144,11 @@ void storeWeights(const T* const* out, const hmm::OutputShape& shape, T* const* 
     }
 }
 
-// The caller's rows are per state, the stored ones per symbol, so that an observed symbol selects one vector.
+// The caller's rows are per state, the stored ones per symbol, so that an observed symbol selects
+// one vector.
 template <class Form>
-void Setting<Form>::storeDiscrete(Rows<Form> out, const hmm::OutputShape& shape, Stored* const* rows) const {
+void Setting<Form>::storeDiscrete(Rows<Form> out, const hmm::OutputShape& shape,
+                                  Stored* const* rows) const {
     for (int k = 0; k < shape.rows; ++k) {
         for (int i = 0; i < nStates; ++i)
             rows[k][i] = out[i][k];
@@ -183,7 +189,8 @@ bool Setting<Form>::setInitials(const typename Form::Input* initial) {
 }
 
 template <class Form>
-void apply(Setting<Form> setting, int tag, const void* trans, const void* out, const void* initial) {
+void apply(Setting<Form> setting, int tag, const void* trans, const void* out,
+           const void* initial) {
     using Input = typename Form::Input;
     if (trans != nullptr && !setting.setTransitions(static_cast<Rows<Form>>(trans))) return;
     if (out != nullptr && !setting.setOutputs(out)) return;
@@ -196,13 +203,14 @@ void apply(Setting<Form> setting, int tag, const void* trans, const void* out, c
 
 } // namespace
 
-bool KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, const void* initial, int nStates,
-                        int nSymbols, int status) {
+bool KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, const void* initial,
+                        int nStates, int nSymbols, int status) {
     HMMServer* server = KTFindHMMServer(id);
     if (server == nullptr) return true;
     const unsigned word = status < 0 ? server->status : static_cast<unsigned>(status);
     const bool needsOutputs = (word & HMM_SERVER_CONT) == 0;
-    if (nStates >= 0 && (initial == nullptr || trans == nullptr || (needsOutputs && out == nullptr))) {
+    if (nStates >= 0 &&
+        (initial == nullptr || trans == nullptr || (needsOutputs && out == nullptr))) {
         module.report(KT_StsBadArg, "change HMM nStates without data");
         return false;
     }
@@ -217,7 +225,8 @@ bool KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, con
         module.report(KT_StsUnknownErr, "wrong HMM flavor");
         return false;
     }
-    if (nStates > hmm::mostCount || nSymbols > hmm::mostCount) return true; // there is no memory for so many
+    // there is no memory for so many
+    if (nStates > hmm::mostCount || nSymbols > hmm::mostCount) return true;
     if ((word & HMM_SERVER_FLOAT) != 0)
         apply(Setting<FloatForm>{context, server, states, symbols, word}, tag, trans, out, initial);
     else

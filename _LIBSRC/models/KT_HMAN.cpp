@@ -25,9 +25,10 @@ bool refusesFixed(int flags, const char* funcName) {
 
 bool refusesFloat(int flags, const char* funcName) {
     if ((static_cast<unsigned>(flags) & hmmDomainBits) != hmmDomainBits) return false;
-    module.report(KT_StsBadArg,
-                  "(flags&(KT_HMM_EXPONENTIAL+ KT_HMM_LOGARITHMIC))==(KT_HMM_EXPONENTIAL+KT_HMM_LOGARITHMIC)",
-                  funcName);
+    module.report(
+        KT_StsBadArg,
+        "(flags&(KT_HMM_EXPONENTIAL+ KT_HMM_LOGARITHMIC))==(KT_HMM_EXPONENTIAL+KT_HMM_LOGARITHMIC)",
+        funcName);
     return true;
 }
 
@@ -47,15 +48,18 @@ struct CodebookTexts {
     const char* wrongCount;
     const char* wrongLength;
 };
-constexpr CodebookTexts floatTexts{"_sSemicontCodebook->status==0", "_sSemicontCodebook->nSymbols!=nSymbols",
+constexpr CodebookTexts floatTexts{"_sSemicontCodebook->status==0",
+                                   "_sSemicontCodebook->nSymbols!=nSymbols",
                                    "_sSemicontCodebook->nQuant!=nQuant"};
-constexpr CodebookTexts fixedTexts{"_wSemicontCodebook->status==0", "_wSemicontCodebook->nSymbols!=nSymbols",
+constexpr CodebookTexts fixedTexts{"_wSemicontCodebook->status==0",
+                                   "_wSemicontCodebook->nSymbols!=nSymbols",
                                    "_wSemicontCodebook->nQuant!=nQuant"};
 
 // 0, or the Init's failure value after its report; -1 where there is not even a registry.
 int checkCodebook(bool isFixed, int nSymbols, int nQuant, const char* funcName) {
     if (!ready()) return -1;
-    const SemicontCodebook* codebook = isFixed ? KTGetContext()->wSemicont : KTGetContext()->sSemicont;
+    const SemicontCodebook* codebook =
+        isFixed ? KTGetContext()->wSemicont : KTGetContext()->sSemicont;
     const CodebookTexts& texts = isFixed ? fixedTexts : floatTexts;
     const char* text = nullptr;
     int result = 0;
@@ -75,15 +79,18 @@ int checkCodebook(bool isFixed, int nSymbols, int nQuant, const char* funcName) 
 
 // --- mixtures ---
 
-// A server's own copy of a mixture. What a mixture's flags bring along (normalisation) is done anew.
+// A server's own copy of a mixture. What a mixture's flags bring along (normalisation) is done
+// anew.
 GaussMixServer* ownMixture(const GaussMixServer* source, int flags) {
     using namespace ktl::gauss;
     if (source == nullptr) return nullptr;
     if (isFloat(source))
-        return KTsInitGaussMixServer(weights<float>(source), means<float>(source), matrices<float>(source),
-                                     diagonals<float>(source), source->nDim, source->nMix, flags);
-    return KTwInitGaussMixServer(weights<short>(source), means<short>(source), matrices<short>(source),
-                                 diagonals<short>(source), source->nDim, source->nMix, flags, source->scale);
+        return KTsInitGaussMixServer(weights<float>(source), means<float>(source),
+                                     matrices<float>(source), diagonals<float>(source),
+                                     source->nDim, source->nMix, flags);
+    return KTwInitGaussMixServer(weights<short>(source), means<short>(source),
+                                 matrices<short>(source), diagonals<short>(source), source->nDim,
+                                 source->nMix, flags, source->scale);
 }
 
 // --- creation ---
@@ -116,8 +123,9 @@ bool refusesSizes(const Request& request, const char* funcName) {
 // False when memory ran out for the mixtures. After a report of the setter's the request's arrays
 // and mixtures may be gone, as the server may.
 bool takeOver(HMMServer* server, const Request& request) {
-    const bool isSet = KTSetHMMServerParm(server->id, 0, request.trans, request.out, request.initial,
-                                          request.nStates, request.nSymbols, static_cast<int>(request.kind));
+    const bool isSet =
+        KTSetHMMServerParm(server->id, 0, request.trans, request.out, request.initial,
+                           request.nStates, request.nSymbols, static_cast<int>(request.kind));
     if (!isSet || (request.kind & HMM_SERVER_CONT) == 0) return true;
     const auto make = [](const GaussMixServer* source) {
         return source != nullptr ? ownMixture(source, source->flags | KT_GAUSS_BLOCK) : nullptr;
@@ -152,7 +160,8 @@ int create(const Request& request, const char* funcName) {
 
 // --- release and copy ---
 
-// A copy of the elements behind the aligned start; the source may be missing, as after a failed allocation.
+// A copy of the elements behind the aligned start; the source may be missing, as after a failed
+// allocation.
 bool copyArray(void* source, void*& target, std::size_t count, std::size_t elementSize,
                std::size_t alignment) {
     if (source == nullptr) return true;
@@ -165,11 +174,13 @@ bool copyArray(void* source, void*& target, std::size_t count, std::size_t eleme
 
 bool copyOutputs(const HMMServer* source, HMMServer* target) {
     if (source->outputs == nullptr) return true;
-    const hmm::OutputShape shape = hmm::OutputShape::of(source->status, source->nStates, source->nSymbols);
+    const hmm::OutputShape shape =
+        hmm::OutputShape::of(source->status, source->nStates, source->nSymbols);
     target->outputs = hmm::allocateOutputs(shape, hmm::alignmentOf(source->status));
     if (target->outputs == nullptr) return false;
     if (shape.rows > 0)
-        std::memcpy(hmm::outputRows<void>(target->outputs)[0], hmm::outputRows<void>(source->outputs)[0],
+        std::memcpy(hmm::outputRows<void>(target->outputs)[0],
+                    hmm::outputRows<void>(source->outputs)[0],
                     shape.elements() * shape.elementSize);
     return true;
 }
@@ -202,9 +213,10 @@ bool copyContents(const HMMServer* source, HMMServer* target) {
     const std::size_t alignment = hmm::alignmentOf(source->status);
     const auto initials = std::size_t(hmm::initialsLength(source->status, source->nStates));
     return copyArray(source->initials, target->initials, initials, sizeof(int), alignment) &&
-           copyArray(source->transitions, target->transitions, hmm::TransitionMap::of(*source).size(),
-                     sizeof(int), alignment) &&
-           copyOutputs(source, target) && copyMixtures(source, target) && copyStateWords(source, target);
+           copyArray(source->transitions, target->transitions,
+                     hmm::TransitionMap::of(*source).size(), sizeof(int), alignment) &&
+           copyOutputs(source, target) && copyMixtures(source, target) &&
+           copyStateWords(source, target);
 }
 
 } // namespace
@@ -218,7 +230,8 @@ GaussMixServer* ownCopyMixture(const GaussMixServer* source) {
         return source != nullptr ? ownMixture(source, source->flags) : nullptr;
     GaussMixServer* copy = ownMixture(source, source->flags & ~KT_GAUSS_NORMALIZE);
     if (copy == nullptr) return nullptr;
-    std::memcpy(copy->pNormWeights, source->pNormWeights, std::size_t(source->nMix) * sizeof(float));
+    std::memcpy(copy->pNormWeights, source->pNormWeights,
+                std::size_t(source->nMix) * sizeof(float));
     copy->flags |= source->flags & KT_GAUSS_NORMALIZE;
     return copy;
 }
@@ -253,16 +266,16 @@ int ownRegisterComplete(HMMServer* server, int tag) {
     return held.get() != nullptr || KTFindHMMServer(id) == nullptr ? id : -1;
 }
 
-int KTwInitHMMServer(const short* const* trans, const short* const* out, const short* initial, int nStates,
-                     int nSymbols, int flags) {
+int KTwInitHMMServer(const short* const* trans, const short* const* out, const short* initial,
+                     int nStates, int nSymbols, int flags) {
     if (refusesFixed(flags, "KTwInitHMMServer")) return -1;
     return create({trans, out, initial, nullptr, nStates, nSymbols, 0, 0,
                    HMM_SERVER_DISCRETE | HMM_SERVER_SHORT | fixedDomain(flags)},
                   "KTwInitHMMServer");
 }
 
-int KTsInitHMMServer(const float* const* trans, const float* const* out, const float* initial, int nStates,
-                     int nSymbols, int flags) {
+int KTsInitHMMServer(const float* const* trans, const float* const* out, const float* initial,
+                     int nStates, int nSymbols, int flags) {
     // the fixed twin's name has always stood in this report; logs are read by it
     if (refusesFloat(flags, "KTwInitHMMServer")) return -1;
     return create({trans, out, initial, nullptr, nStates, nSymbols, 0, 0,
@@ -273,21 +286,24 @@ int KTsInitHMMServer(const float* const* trans, const float* const* out, const f
 int KTwInitContHMMServer(const short* const* trans, const short* initial, GaussMixServer** mixtures,
                          int nStates, int nQuant, int flags, int scale) {
     if (refusesFixed(flags, "KTwInitContHMMServer")) return -1;
-    return create({trans, nullptr, initial, mixtures, nStates, -1, nQuant, scale,
-                   HMM_SERVER_CONT | HMM_SERVER_OWNS_MIXTURES | HMM_SERVER_SHORT | fixedDomain(flags)},
-                  "KTwInitContHMMServer");
+    return create(
+        {trans, nullptr, initial, mixtures, nStates, -1, nQuant, scale,
+         HMM_SERVER_CONT | HMM_SERVER_OWNS_MIXTURES | HMM_SERVER_SHORT | fixedDomain(flags)},
+        "KTwInitContHMMServer");
 }
 
 int KTsInitContHMMServer(const float* const* trans, const float* initial, GaussMixServer** mixtures,
                          int nStates, int nQuant, int flags) {
     if (refusesFloat(flags, "KTsInitContHMMServer")) return -1;
-    return create({trans, nullptr, initial, mixtures, nStates, -1, nQuant, 0,
-                   HMM_SERVER_CONT | HMM_SERVER_OWNS_MIXTURES | HMM_SERVER_FLOAT | floatDomain(flags)},
-                  "KTsInitContHMMServer");
+    return create(
+        {trans, nullptr, initial, mixtures, nStates, -1, nQuant, 0,
+         HMM_SERVER_CONT | HMM_SERVER_OWNS_MIXTURES | HMM_SERVER_FLOAT | floatDomain(flags)},
+        "KTsInitContHMMServer");
 }
 
-int KTwInitSemicontHMMServer(const short* const* trans, const short* const* out, const short* initial,
-                             int nStates, int nSymbols, int nQuant, int flags, int scale) {
+int KTwInitSemicontHMMServer(const short* const* trans, const short* const* out,
+                             const short* initial, int nStates, int nSymbols, int nQuant, int flags,
+                             int scale) {
     if (refusesFixed(flags, "KTwInitSemicontHMMServer")) return -1;
     KTInitHMMRegistry();
     const int refusal = checkCodebook(true, nSymbols, nQuant, "KTwInitSemicontHMMServer");
@@ -297,8 +313,9 @@ int KTwInitSemicontHMMServer(const short* const* trans, const short* const* out,
                   "KTwInitSemicontHMMServer");
 }
 
-int KTsInitSemicontHMMServer(const float* const* trans, const float* const* out, const float* initial,
-                             int nStates, int nSymbols, int nQuant, int flags) {
+int KTsInitSemicontHMMServer(const float* const* trans, const float* const* out,
+                             const float* initial, int nStates, int nSymbols, int nQuant,
+                             int flags) {
     if (refusesFloat(flags, "KTsInitSemicontHMMServer")) return -1;
     KTInitHMMRegistry();
     const int refusal = checkCodebook(false, nSymbols, nQuant, "KTsInitSemicontHMMServer");

@@ -1,4 +1,5 @@
-// Baum-Welch training of the three flavours: how each scores its frames and re-estimates its outputs.
+// Baum-Welch training of the three flavours: how each scores its frames and re-estimates its
+// outputs.
 #include "models/training.h"
 
 #include "models/evaluation.h"
@@ -30,8 +31,8 @@ float probability(double numerator, double denominator) {
     return double(value) < smallestProbability ? 0.0f : value;
 }
 
-// Rows of floats with their pointers, one for each frame of the longest sequence, readable and zero up to a
-// whole group of lanes behind their length.
+// Rows of floats with their pointers, one for each frame of the longest sequence, readable and zero
+// up to a whole group of lanes behind their length.
 class FrameRows {
 public:
     bool allocate(int nFrames, int length) {
@@ -66,7 +67,8 @@ public:
     static constexpr unsigned kind = HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT;
 
     bool prepare(const HMMServer* model, int) {
-        return outNum.allocate(std::size_t(std::max(model->nSymbols, 0)), paddedToLanes(model->nStates));
+        return outNum.allocate(std::size_t(std::max(model->nSymbols, 0)),
+                               paddedToLanes(model->nStates));
     }
 
     void begin(const HMMServer*, HMMServer*) { outNum.clear(); }
@@ -78,8 +80,10 @@ public:
         return hmm::inAlphabet(current, symbols, nFrames);
     }
 
-    void count(const HMMServer*, const Counts& counts, const int* symbols, int nFrames, double weight) {
-        vsq::kernels().hmmtrain->symbolOccupancies(counts.lattice(nFrames), symbols, weight, outNum.get());
+    void count(const HMMServer*, const Counts& counts, const int* symbols, int nFrames,
+               double weight) {
+        vsq::kernels().hmmtrain->symbolOccupancies(counts.lattice(nFrames), symbols, weight,
+                                                   outNum.get());
     }
 
     bool finish(const HMMServer*, HMMServer* next, const Counts& counts) const {
@@ -89,7 +93,8 @@ public:
             const double* numerators = outNum.get() + std::size_t(k) * counts.stride;
             for (int i = 0; i < next->nStates; ++i)
                 if (counts.visited(i) &&
-                    !hmm::replace(rows[k][i], probability(numerators[i], counts.gammaOut[std::size_t(i)])))
+                    !hmm::replace(rows[k][i],
+                                  probability(numerators[i], counts.gammaOut[std::size_t(i)])))
                     isFinite = false;
         }
         return isFinite;
@@ -123,7 +128,8 @@ public:
     ~Continuous() { ownsFreeFlatMixtures(view); }
 
     bool prepare(const HMMServer* model, int longest) {
-        if (!ownsMixtures(model) || !proceed(model)) return false; // a copy would share its mixtures
+        // a copy would share its mixtures
+        if (!ownsMixtures(model) || !proceed(model)) return false;
         const auto components = std::size_t(view->codebook.nSymbols);
         means = ktl::Scratch<float*>(components);
         return means && outProbs.allocate(longest, model->nStates) &&
@@ -136,7 +142,8 @@ public:
         gammaComp.clear();
         float** mean = means.get();
         for (int i = 0; i < next->nStates; ++i)
-            mean = std::copy_n(ktl::gauss::means<float>(next->mixtures[i]), next->mixtures[i]->nMix, mean);
+            mean = std::copy_n(ktl::gauss::means<float>(next->mixtures[i]), next->mixtures[i]->nMix,
+                               mean);
         for (int m = 0; m < view->codebook.nSymbols; ++m)
             std::fill_n(means[m], next->nQuant, 0.0f);
     }
@@ -144,8 +151,8 @@ public:
 
     bool score(const HMMServer* current, const HMMServer*, const float* const* frames, int nFrames,
                vsq::HmmOutputs* outputs) const {
-        KTsEvalPdfsFrames(&view->codebook, frames, componentProbs.get(), nFrames, view->codebook.nSymbols,
-                          current->nQuant);
+        KTsEvalPdfsFrames(&view->codebook, frames, componentProbs.get(), nFrames,
+                          view->codebook.nSymbols, current->nQuant);
         const int* start = view->pComponentStart;
         for (int t = 0; t < nFrames; ++t)
             for (int i = 0; i < current->nStates; ++i) {
@@ -158,8 +165,8 @@ public:
         return true;
     }
 
-    void count(const HMMServer* current, const Counts& counts, const float* const* frames, int nFrames,
-               double weight) {
+    void count(const HMMServer* current, const Counts& counts, const float* const* frames,
+               int nFrames, double weight) {
         const vsq::HmmTrainKernels* kernels = vsq::kernels().hmmtrain;
         const vsq::HmmLattice lattice = counts.lattice(nFrames);
         counts.formArrivals(current, outProbs.outputs(), nFrames, weight);
@@ -168,12 +175,12 @@ public:
             return;
         }
         gammaCompSeq.clear();
-        kernels->componentShares(lattice, current->nStates, view->pComponentStart, componentProbs.get(),
-                                 gammaCompSeq.get());
+        kernels->componentShares(lattice, current->nStates, view->pComponentStart,
+                                 componentProbs.get(), gammaCompSeq.get());
         for (std::size_t m = 0; m < std::size_t(view->codebook.nSymbols); ++m)
             gammaComp[m] += gammaCompSeq[m];
-        kernels->addFrames(frames, componentProbs.get(), view->codebook.nSymbols, nFrames, current->nQuant,
-                           means.get());
+        kernels->addFrames(frames, componentProbs.get(), view->codebook.nSymbols, nFrames,
+                           current->nQuant, means.get());
     }
 
     bool finish(const HMMServer* current, HMMServer* next, const Counts& counts) const {
@@ -186,7 +193,8 @@ public:
                                  counts.visited(i) ? counts.gammaOut[std::size_t(i)] : 0.0);
                 float* mean = ktl::gauss::means<float>(next->mixtures[i])[m];
                 if (!finishMean(mean, next->nQuant, occupancy, counts.careful)) {
-                    std::copy_n(ktl::gauss::means<float>(current->mixtures[i])[m], next->nQuant, mean);
+                    std::copy_n(ktl::gauss::means<float>(current->mixtures[i])[m], next->nQuant,
+                                mean);
                     isFinite = false;
                 }
                 isFinite = isFinite && hasWeight;
@@ -215,7 +223,8 @@ public:
 private:
     // Occupancies of components, and means as running averages: they stay where sums would leave
     // the floats.
-    void averageFrames(const vsq::HmmLattice& lattice, int nStates, const float* const* frames, int nQuant) {
+    void averageFrames(const vsq::HmmLattice& lattice, int nStates, const float* const* frames,
+                       int nQuant) {
         for (int t = 0; t < lattice.nFrames; ++t)
             for (int i = 0; i < nStates; ++i)
                 for (int m = view->pComponentStart[i]; m < view->pComponentStart[i + 1]; ++m) {
@@ -226,8 +235,8 @@ private:
                     occupancy += share;
                     for (int d = 0; d < nQuant; ++d) {
                         const auto mean = double(means[m][d]);
-                        means[m][d] =
-                            static_cast<float>(mean + share / occupancy * (double(frames[t][d]) - mean));
+                        means[m][d] = static_cast<float>(mean + share / occupancy *
+                                                                    (double(frames[t][d]) - mean));
                     }
                 }
     }
@@ -237,7 +246,8 @@ private:
         float& weight = ktl::gauss::weights<float>(mixture)[m];
         const bool isZero = double(weight) < smallestDenominator;
         const bool isFinite =
-            ofState == 0.0 || hmm::replace(weight, isZero ? 0.0f : static_cast<float>(occupancy / ofState));
+            ofState == 0.0 ||
+            hmm::replace(weight, isZero ? 0.0f : static_cast<float>(occupancy / ofState));
         mixture->pNormWeights[m] = weight;
         return isFinite;
     }
@@ -268,17 +278,18 @@ public:
 
     bool prepare(const HMMServer* model, int longest) {
         const int nSymbols = std::max(model->nSymbols, 0);
-        return outProbs.allocate(longest, model->nStates) && densities.allocate(longest, nSymbols) &&
+        return outProbs.allocate(longest, model->nStates) &&
+               densities.allocate(longest, nSymbols) &&
                weightNum.allocate(std::size_t(model->nStates), paddedToLanes(nSymbols));
     }
 
     void begin(const HMMServer*, HMMServer*) { weightNum.clear(); }
     void review(const HMMServer* current) const { hmm::compareWithCodebook(current); }
 
-    // A codebook that does not agree with the server is read as far as both go; what is beyond it counts as
-    // densities that never respond.
-    bool score(const HMMServer* current, const HMMServer* next, const float* const* frames, int nFrames,
-               vsq::HmmOutputs* outputs) const {
+    // A codebook that does not agree with the server is read as far as both go; what is beyond it
+    // counts as densities that never respond.
+    bool score(const HMMServer* current, const HMMServer* next, const float* const* frames,
+               int nFrames, vsq::HmmOutputs* outputs) const {
         const SemicontCodebook* codebook = KTGetContext()->sSemicont;
         // a report's handler may have replaced the codebook, whose densities still stand there
         for (int t = 0; codebook->nSymbols < current->nSymbols && t < nFrames; ++t)
@@ -296,9 +307,9 @@ public:
                double weight) {
         const vsq::HmmLattice lattice = counts.lattice(nFrames);
         counts.formArrivals(current, outProbs.outputs(), nFrames, weight);
-        vsq::kernels().hmmtrain->densityShares(lattice, current->nStates, densities.get(), current->nSymbols,
-                                               weightNum.get(),
-                                               static_cast<std::ptrdiff_t>(paddedToLanes(current->nSymbols)));
+        vsq::kernels().hmmtrain->densityShares(
+            lattice, current->nStates, densities.get(), current->nSymbols, weightNum.get(),
+            static_cast<std::ptrdiff_t>(paddedToLanes(current->nSymbols)));
     }
 
     // The states' weights, which every count carries as a factor, come in here.
@@ -306,7 +317,8 @@ public:
         bool isFinite = true;
         for (int i = 0; i < next->nStates; ++i) {
             if (!counts.visited(i)) continue;
-            const double* numerators = weightNum.get() + std::size_t(i) * paddedToLanes(next->nSymbols);
+            const double* numerators =
+                weightNum.get() + std::size_t(i) * paddedToLanes(next->nSymbols);
             const float* before = hmm::outputRows<float>(current->outputs)[i];
             float* weights = hmm::outputRows<float>(next->outputs)[i];
             for (int k = 0; k < next->nSymbols; ++k)
@@ -331,7 +343,8 @@ public:
 private:
     FrameRows outProbs;  // per frame: the states' output values
     FrameRows densities; // per frame: the codebook's weighted densities
-    Numbers weightNum;   // per state a padded row over the densities, without the factor of the weight
+    // per state a padded row over the densities, without the factor of the weight
+    Numbers weightNum;
 };
 
 // Where the registry has a server of this id, and the id is not a class's.
@@ -341,12 +354,13 @@ const HMMServer* serverToTrain(int hmm) {
 
 } // namespace
 
-int KTsTrainHMMBaumWelch(int hmm, const int* const* ppObservations, const int* pFrames, int nSequences,
-                         int maxIterations, float* pTolerance) {
+int KTsTrainHMMBaumWelch(int hmm, const int* const* ppObservations, const int* pFrames,
+                         int nSequences, int maxIterations, float* pTolerance) {
     const HMMServer* model = serverToTrain(hmm);
     if (model == nullptr) return -1;
     Discrete flavour;
-    return hmm::train(flavour, model, {ppObservations, pFrames, nSequences}, maxIterations, pTolerance);
+    return hmm::train(flavour, model, {ppObservations, pFrames, nSequences}, maxIterations,
+                      pTolerance);
 }
 
 int KTsTrainContHMMBaumWelch(int hmm, const float* const* const* pppFrames, const int* pFrames,
@@ -363,7 +377,8 @@ int KTsTrainSemicontHMMBaumWelch(int hmm, const float* const* const* pppFrames, 
     if (model == nullptr || !hmm::evaluable(model, Semicontinuous::kind)) return -1;
     const HeldHMMServer held(model);
     hmm::CodebookDisagreement(model).report(module,
-                                            "KTsTrainSemicontHMMBaumWelch"); // and the training goes on
+                                            // and the training goes on
+                                            "KTsTrainSemicontHMMBaumWelch");
     if (held.get() == nullptr) return -1; // unless the handler of a report has released the model
     Semicontinuous flavour;
     return hmm::train(flavour, model, {pppFrames, pFrames, nSequences}, maxIterations, pTolerance);

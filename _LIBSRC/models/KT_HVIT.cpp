@@ -1,7 +1,7 @@
-// Cost of the best state path through a model, or through the best model of a class: the Viterbi recursion on
-// costs, -log10 of probabilities, in float and in fixed point. One text serves the flavours, topologies and
-// numeric forms. A. J. Viterbi, Error Bounds for Convolutional Codes and an Asymptotically Optimum Decoding
-// Algorithm, 1967.
+// Cost of the best state path through a model, or through the best model of a class: the Viterbi
+// recursion on costs, -log10 of probabilities, in float and in fixed point. One text serves the
+// flavours, topologies and numeric forms. A. J. Viterbi, Error Bounds for Convolutional Codes and
+// an Asymptotically Optimum Decoding Algorithm, 1967.
 #include "models/log10_fixed.h"
 #include "models/outputs.h"
 
@@ -92,7 +92,8 @@ struct Computed {
     using Cost = typename Form::Cost;
     static constexpr bool computes = true;
 
-    bool rows(const HMMServer* server, int first, int count, Cost* room, hmm::RowRun<Cost>& run) const {
+    bool rows(const HMMServer* server, int first, int count, Cost* room,
+              hmm::RowRun<Cost>& run) const {
         hmm::pointAtRows<const Cost>(room, server->nStates, count, run);
         for (int t = 0; t < count; ++t)
             static_cast<const Flavour*>(this)->row(
@@ -115,7 +116,8 @@ struct Continuous : Computed<Form, Continuous<Form>> {
     void row(const HMMServer* server, int t, int* costs) const {
         for (int i = 0; i < server->nStates; ++i) {
             int scale = -16;
-            costs[i] = KTwEvalGaussMix(server->mixtures[i], frames[t], server->nQuant, KT_FixedScale, &scale);
+            costs[i] = KTwEvalGaussMix(server->mixtures[i], frames[t], server->nQuant,
+                                       KT_FixedScale, &scale);
         }
         ownwLog10Scaled(costs, server->nStates, -28, negated(server->scale));
     }
@@ -128,8 +130,8 @@ struct Semicontinuous : Computed<Form, Semicontinuous<Form>> {
     const hmm::DensityTable<typename Form::Feature>* densities;
     const char* funcName;
 
-    Semicontinuous(const SemicontCodebook* book, const hmm::DensityTable<typename Form::Feature>* table,
-                   const char* name)
+    Semicontinuous(const SemicontCodebook* book,
+                   const hmm::DensityTable<typename Form::Feature>* table, const char* name)
         : codebook(book), densities(table), funcName(name) {}
     bool accepts(const HMMServer* server) const {
         return hmm::agreesWithCodebook(module, server, codebook, funcName);
@@ -151,7 +153,8 @@ struct Semicontinuous : Computed<Form, Semicontinuous<Form>> {
 // Element by element: for orders that no kernel reads, where there is no memory to unpack them.
 template <class Form>
 void advancePlainly(const hmm::TransitionMap& map, const typename Form::Cost* stored,
-                    const typename Form::Cost* const* rows, int n, vsq::HmmPath<typename Form::Cost>* state) {
+                    const typename Form::Cost* const* rows, int n,
+                    vsq::HmmPath<typename Form::Cost>* state) {
     for (int t = 0; t < n; ++t, std::swap(state->current, state->other))
         for (int j = 0; j < map.n; ++j) {
             typename Form::Cost best = Form::none;
@@ -167,11 +170,13 @@ class Evaluation {
     using Cost = typename Form::Cost;
 
 public:
-    Evaluation(const Outputs& outputsOfCall, int frameCount) : outputs(outputsOfCall), nFrames(frameCount) {}
+    Evaluation(const Outputs& outputsOfCall, int frameCount)
+        : outputs(outputsOfCall), nFrames(frameCount) {}
 
     // The server's cost; false when it cannot be evaluated or memory ran out.
     bool run(const HMMServer* server, Cost* cost) {
-        const Cost* stored = hmm::aligned<const Cost>(server->transitions, hmm::alignmentOf(server->status));
+        const Cost* stored =
+            hmm::aligned<const Cost>(server->transitions, hmm::alignmentOf(server->status));
         if (!room.reserve(server, stored, nFrames, Outputs::computes, Form::straight)) return false;
         const int stride = vsq::hmmStride(server->nStates);
         asStored = {hmm::kernelTopology(server->status), server->nStates, Form::rowUnit, stored};
@@ -184,14 +189,16 @@ public:
 
 private:
     bool allFrames(const HMMServer* server) {
-        const Cost* initials = hmm::aligned<const Cost>(server->initials, hmm::alignmentOf(server->status));
+        const Cost* initials =
+            hmm::aligned<const Cost>(server->initials, hmm::alignmentOf(server->status));
         for (int first = 0; first < nFrames; first += room.run) {
             const int count = std::min(room.run, nFrames - first);
             hmm::RowRun<Cost> run;
             if (!outputs.rows(server, first, count, room.outputs, run)) return false;
             const int skipped = first == 0 ? 1 : 0;
             if (first == 0)
-                std::transform(initials, initials + server->nStates, run[0], state.current, Form::sum);
+                std::transform(initials, initials + server->nStates, run[0], state.current,
+                               Form::sum);
             if (count > skipped) follow(server, run.data() + skipped, count - skipped);
         }
         return true;
@@ -214,9 +221,10 @@ private:
     vsq::HmmPath<Cost> state{};
 };
 
-// Walks the servers; among equal scores the last one wins: the comparison is "not greater". False when the
-// operation is to leave with the plain failure value: an unknown server or class, a negative status, a server
-// that cannot be evaluated, no memory. A walk over no servers leaves `best` as it is and is a result.
+// Walks the servers; among equal scores the last one wins: the comparison is "not greater". False
+// when the operation is to leave with the plain failure value: an unknown server or class, a
+// negative status, a server that cannot be evaluated, no memory. A walk over no servers leaves
+// `best` as it is and is a result.
 template <class Form, class Outputs>
 bool evaluate(int hmm, const Outputs& outputs, int nFrames, int* pBest, typename Form::Cost* best) {
     hmm::ServerWalk walk(hmm);
@@ -224,8 +232,8 @@ bool evaluate(int hmm, const Outputs& outputs, int nFrames, int* pBest, typename
     Evaluation<Form, Outputs> evaluation(outputs, nFrames);
     while (const HMMServer* server = walk.next()) {
         typename Form::Cost cost;
-        if (KTGetStatus() < 0 || !outputs.accepts(server) || !hmm::evaluable(server, Outputs::kind) ||
-            !evaluation.run(server, &cost))
+        if (KTGetStatus() < 0 || !outputs.accepts(server) ||
+            !hmm::evaluable(server, Outputs::kind) || !evaluation.run(server, &cost))
             return false;
         if (cost <= *best) {
             *best = cost;
@@ -245,15 +253,16 @@ bool evaluateSemicont(int hmm, const typename Form::Feature* const* frames, int 
     if (codebook == nullptr || !hmm::ServerWalk(hmm).isKnown() || nFrames < 1) return false;
     hmm::DensityTable<typename Form::Feature> densities;
     if (!densities.evaluate(codebook, frames, nFrames)) return false;
-    return evaluate<Form>(hmm, Semicontinuous<Form>(codebook, &densities, funcName), nFrames, pBest, best);
+    return evaluate<Form>(hmm, Semicontinuous<Form>(codebook, &densities, funcName), nFrames, pBest,
+                          best);
 }
 
 bool ready() {
     return (KTGetContext()->hmmMode & HMM_MODE_READY) != 0;
 }
 
-// The result at the caller's scale: a shift by *pScale in the fixed mode, as it stands in any other. Nothing
-// saturates.
+// The result at the caller's scale: a shift by *pScale in the fixed mode, as it stands in any
+// other. Nothing saturates.
 int scaled(int best, int scaleMode, int* pScale) {
     if (scaleMode != KT_FixedScale) {
         if (pScale != nullptr) *pScale = 0;
@@ -268,8 +277,8 @@ int scaled(int best, int scaleMode, int* pScale) {
 
 float KTsEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest) {
     float best = FloatForm::failure;
-    const bool done =
-        ready() && evaluate<FloatForm>(hmm, Discrete<FloatForm>{observations}, nFrames, pBest, &best);
+    const bool done = ready() && evaluate<FloatForm>(hmm, Discrete<FloatForm>{observations},
+                                                     nFrames, pBest, &best);
     return done ? best : FloatForm::failure;
 }
 
@@ -287,23 +296,24 @@ float KTsEvalSemicontHMMViterbi(int hmm, const float* const* frames, int nFrames
     return done ? best : FloatForm::failure;
 }
 
-int KTwEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest, int scaleMode, int* pScale) {
+int KTwEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest, int scaleMode,
+                      int* pScale) {
     int best = FixedForm::failure;
-    const bool done =
-        ready() && evaluate<FixedForm>(hmm, Discrete<FixedForm>{observations}, nFrames, pBest, &best);
+    const bool done = ready() && evaluate<FixedForm>(hmm, Discrete<FixedForm>{observations},
+                                                     nFrames, pBest, &best);
     return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
 }
 
-int KTwEvalContHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest, int scaleMode,
-                          int* pScale) {
+int KTwEvalContHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest,
+                          int scaleMode, int* pScale) {
     int best = FixedForm::failure;
     const bool done =
         ready() && evaluate<FixedForm>(hmm, Continuous<FixedForm>(frames), nFrames, pBest, &best);
     return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
 }
 
-int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest, int scaleMode,
-                              int* pScale) {
+int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest,
+                              int scaleMode, int* pScale) {
     int best = FixedForm::failure;
     const bool done = ready() && evaluateSemicont<FixedForm>(hmm, frames, nFrames, pBest,
                                                              "KTwEvalSemicontHMMViterbi", &best);

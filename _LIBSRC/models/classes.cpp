@@ -38,8 +38,8 @@ void deleteClass(KTContext* context, HMMClass* group) {
     --context->nHMMClasses;
 }
 
-// Where an id stands or belongs: its chunk, the chunk before, and the position of the first entry not below
-// the id.
+// Where an id stands or belongs: its chunk, the chunk before, and the position of the first entry
+// not below the id.
 struct Place {
     HMMClassChunk* before;
     HMMClassChunk* chunk;
@@ -82,7 +82,8 @@ Place find(const HMMClass* group, int id) {
 bool growTable(HMMClass* group) {
     if (group->nChunks < group->chunkRoom) return true;
     const int room = group->chunkRoom == 0 ? 4 : 2 * group->chunkRoom;
-    auto** grown = static_cast<HMMClassChunk**>(std::calloc(std::size_t(room), sizeof(HMMClassChunk*)));
+    auto** grown =
+        static_cast<HMMClassChunk**>(std::calloc(std::size_t(room), sizeof(HMMClassChunk*)));
     if (grown == nullptr) return false;
     if (group->nChunks > 0)
         std::memcpy(grown, group->chunks, std::size_t(group->nChunks) * sizeof(HMMClassChunk*));
@@ -161,7 +162,8 @@ bool add(HMMClass* group, HMMServer* server) {
     return true;
 }
 
-// The member under the cursor goes or stands above the one that goes: the cursor steps to the member before.
+// The member under the cursor goes or stands above the one that goes: the cursor steps to the
+// member before.
 void stepCursorBack(HMMClass* group, const Place& place) {
     if (group->cursorChunk != place.chunk || group->cursorIndex < place.position) return;
     if (place.position > 0 || group->cursorIndex > 0) {
@@ -179,16 +181,18 @@ void stepCursorBack(HMMClass* group, const Place& place) {
 void dropChunk(HMMClass* group, const Place& place) {
     if (place.before == nullptr) {
         group->head = place.chunk->next;
-        // the cursor must not be left on the chunk that goes; with nothing left there is nowhere for it to
-        // stand
-        if (group->cursorChunk == place.chunk || group->head == nullptr) group->cursorChunk = group->head;
+        // the cursor must not be left on the chunk that goes; with nothing left there is nowhere
+        // for it to stand
+        if (group->cursorChunk == place.chunk || group->head == nullptr)
+            group->cursorChunk = group->head;
     } else {
         place.before->next = place.chunk->next;
         if (place.chunk->maxKey == HMM_CHUNK_LAST_KEY) place.before->maxKey = HMM_CHUNK_LAST_KEY;
     }
     --group->nChunks;
     HMMClassChunk** slot = group->chunks + place.index;
-    std::memmove(slot, slot + 1, std::size_t(group->nChunks - place.index) * sizeof(HMMClassChunk*));
+    std::memmove(slot, slot + 1,
+                 std::size_t(group->nChunks - place.index) * sizeof(HMMClassChunk*));
     std::free(place.chunk);
 }
 
@@ -218,7 +222,8 @@ void removeFromHMMClass(HMMClass* group, int id) {
     HMMClassChunk* chunk = place.chunk;
     stepCursorBack(group, place);
     HMMClassEntry* entry = chunk->entries + place.position;
-    std::memmove(entry, entry + 1, std::size_t(chunk->count - place.position - 1) * sizeof(HMMClassEntry));
+    std::memmove(entry, entry + 1,
+                 std::size_t(chunk->count - place.position - 1) * sizeof(HMMClassEntry));
     --group->nMembers;
     if (chunk->count == 1) {
         dropChunk(group, place);

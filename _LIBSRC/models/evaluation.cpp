@@ -7,10 +7,13 @@
 
 namespace hmm {
 
-const SemicontCodebook* codebookWithDensities(const ktl::Module& module, bool isFixed, const char* funcName) {
-    const SemicontCodebook* codebook = isFixed ? KTGetContext()->wSemicont : KTGetContext()->sSemicont;
+const SemicontCodebook* codebookWithDensities(const ktl::Module& module, bool isFixed,
+                                              const char* funcName) {
+    const SemicontCodebook* codebook =
+        isFixed ? KTGetContext()->wSemicont : KTGetContext()->sSemicont;
     if (codebook->ccgPdfs != nullptr) return codebook;
-    module.report(KT_StsBadArg, isFixed ? "_wSemicontCodebook->ccgPdfs==0" : "_sSemicontCodebook->ccgPdfs==0",
+    module.report(KT_StsBadArg,
+                  isFixed ? "_wSemicontCodebook->ccgPdfs==0" : "_sSemicontCodebook->ccgPdfs==0",
                   funcName);
     return nullptr;
 }
@@ -25,8 +28,8 @@ void CodebookDisagreement::report(const ktl::Module& module, const char* funcNam
     if (inLengths) module.report(KT_StsBadArg, "nQuant!=_sSemicontCodebook->nQuant", funcName);
 }
 
-bool agreesWithCodebook(const ktl::Module& module, const HMMServer* server, const SemicontCodebook* codebook,
-                        const char* funcName) {
+bool agreesWithCodebook(const ktl::Module& module, const HMMServer* server,
+                        const SemicontCodebook* codebook, const char* funcName) {
     const char* mismatch = nullptr; // both numeric forms report with the float codebook's name
     if (server->nSymbols != codebook->nSymbols)
         mismatch = "nSymbols!=_sSemicontCodebook->nSymbols";
@@ -38,22 +41,26 @@ bool agreesWithCodebook(const ktl::Module& module, const HMMServer* server, cons
 
 namespace {
 
-void evaluateFrames(const SemicontCodebook* codebook, const float* const* frames, float** rows, int nFrames) {
+void evaluateFrames(const SemicontCodebook* codebook, const float* const* frames, float** rows,
+                    int nFrames) {
     KTsEvalPdfsFrames(codebook, frames, rows, nFrames, codebook->nSymbols, codebook->nQuant);
 }
-void evaluateFrames(const SemicontCodebook* codebook, const short* const* frames, short** rows, int nFrames) {
+void evaluateFrames(const SemicontCodebook* codebook, const short* const* frames, short** rows,
+                    int nFrames) {
     KTwEvalPdfsFrames(codebook, frames, rows, nFrames, codebook->nSymbols, codebook->nQuant);
 }
 
 } // namespace
 
 template <class T>
-bool DensityTable<T>::evaluate(const SemicontCodebook* codebook, const T* const* frames, int nFrames) {
+bool DensityTable<T>::evaluate(const SemicontCodebook* codebook, const T* const* frames,
+                               int nFrames) {
     const int columns = multipleOf4(codebook->nSymbols);
     const std::size_t stride =
         std::size_t(columns) + 16 / sizeof(T); // the rows' room, and slack for whole registers
     const std::size_t pointers = std::size_t(nFrames) * sizeof(T*);
-    if (nFrames < 0 || stride > PTRDIFF_MAX / sizeof(T) / (std::size_t(nFrames) + 1) / 2) return false;
+    if (nFrames < 0 || stride > PTRDIFF_MAX / sizeof(T) / (std::size_t(nFrames) + 1) / 2)
+        return false;
     block = ktl::AlignedScratch<char>(
         static_cast<std::ptrdiff_t>(pointers + 64 + std::size_t(nFrames) * stride * sizeof(T)));
     if (!block) return false;
@@ -77,22 +84,24 @@ using ktl::gauss::means;
 using ktl::gauss::weights;
 
 // The exponents of a frame's densities: -|q| / 2 of a diagonal one, -|q| of a full one.
-void exponentsOf(const SemicontCodebook* codebook, const float* frame, int nPdfs, int nDim, float* row) {
+void exponentsOf(const SemicontCodebook* codebook, const float* frame, int nPdfs, int nDim,
+                 float* row) {
     if (codebook->pPanel != nullptr)
         vsq::kernels().mahal->panelExponents(frame, ownsSemicontPanel(codebook), nPdfs, nDim,
                                              std::max(codebook->nQuant, 0), row);
     for (int k = 0; codebook->nFull > 0 && k < nPdfs; ++k) {
         const GaussMixServer* density = codebook->ccgPdfs[k];
         if (ktl::gauss::isFull(density))
-            row[k] = static_cast<float>(-std::fabs(
-                KTsMahalanobis(frame, means<float>(density)[0], matrices<float>(density)[0], nDim, 0)));
+            row[k] = static_cast<float>(-std::fabs(KTsMahalanobis(
+                frame, means<float>(density)[0], matrices<float>(density)[0], nDim, 0)));
     }
 }
 
 short fixedDensity(const GaussMixServer* server, const short* frame, int nDim) {
     const auto plan = ktl::gauss::planExponent(server->scale);
     const int form = ktl::gauss::fixedForm(server, 0, frame, nDim);
-    // at most 2^14, except where a scale above 1 has shifted the form beyond 32 bits: then the product wraps
+    // at most 2^14, except where a scale above 1 has shifted the form beyond 32 bits: then the
+    // product wraps
     const int density = KTexpFix(ktl::gauss::exponentOf(form, plan.shift), plan.frac, 14);
     const auto product =
         static_cast<unsigned>(density) * static_cast<unsigned>(int(weights<short>(server)[0]));
@@ -101,8 +110,8 @@ short fixedDensity(const GaussMixServer* server, const short* frame, int nDim) {
 
 } // namespace
 
-void KTsEvalPdfsFrames(const SemicontCodebook* pCodebook, const float* const* ppFrames, float** ppOut,
-                       int nFrames, int nPdfs, int nDim) {
+void KTsEvalPdfsFrames(const SemicontCodebook* pCodebook, const float* const* ppFrames,
+                       float** ppOut, int nFrames, int nPdfs, int nDim) {
     if (nPdfs <= 0) return;
     nDim = std::clamp(nDim, 0, std::max(pCodebook->nQuant, 0));
     const int padded = hmm::multipleOf4(nPdfs);
@@ -115,8 +124,8 @@ void KTsEvalPdfsFrames(const SemicontCodebook* pCodebook, const float* const* pp
     }
 }
 
-void KTwEvalPdfsFrames(const SemicontCodebook* pCodebook, const short* const* ppFrames, short** ppOut,
-                       int nFrames, int nPdfs, int nDim) {
+void KTwEvalPdfsFrames(const SemicontCodebook* pCodebook, const short* const* ppFrames,
+                       short** ppOut, int nFrames, int nPdfs, int nDim) {
     nDim = std::max(nDim, 0);
     for (int t = 0; t < nFrames; ++t) {
         short* row = ppOut[t];

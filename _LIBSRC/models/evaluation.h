@@ -1,12 +1,12 @@
-// What the evaluations of hidden Markov models share: the walk over one server or a class, scratch that
-// grows, the codebook check and the table of frame densities, and models and outputs in the shape that the
-// recursions take.
+// What the evaluations of hidden Markov models share: the walk over one server or a class, scratch
+// that grows, the codebook check and the table of frame densities, and models and outputs in the
+// shape that the recursions take.
 #pragma once
 
 #include "frame/KT_ERROR.h"
+#include "frame/scratch.h"
 #include "mixtures/KT_GAUSS.h"
 #include "models/layout.h"
-#include "frame/scratch.h"
 #include "quantisers/density_codebook.h"
 
 #include "levels/levels.h"
@@ -16,8 +16,8 @@
 
 namespace hmm {
 
-// The servers that an evaluation goes through: the one of a positive id, the members of a negated class id by
-// ascending id, none for 0.
+// The servers that an evaluation goes through: the one of a positive id, the members of a negated
+// class id by ascending id, none for 0.
 class ServerWalk {
 public:
     explicit ServerWalk(int hmm) : single(hmm > 0 ? KTFindHMMServer(hmm) : nullptr) {
@@ -39,7 +39,8 @@ private:
     bool known;
 };
 
-// Room for one evaluation, allocated once and only enlarged when a later server of a class needs more.
+// Room for one evaluation, allocated once and only enlarged when a later server of a class needs
+// more.
 class GrowingScratch {
 public:
     // The room as `count` elements of T, not cleared; null when memory ran out.
@@ -60,10 +61,12 @@ private:
     std::size_t capacity = 0;
 };
 
-// Whether a server is of the flavour and form that an operation serves, with nothing missing that it reads.
+// Whether a server is of the flavour and form that an operation serves, with nothing missing that
+// it reads.
 inline bool evaluable(const HMMServer* server, unsigned kind) {
-    return (server->status & kind) == kind && server->nStates > 0 && server->transitions != nullptr &&
-           server->initials != nullptr && (server->outputs != nullptr || server->mixtures != nullptr);
+    return (server->status & kind) == kind && server->nStates > 0 &&
+           server->transitions != nullptr && server->initials != nullptr &&
+           (server->outputs != nullptr || server->mixtures != nullptr);
 }
 
 inline vsq::HmmTopology kernelTopology(unsigned status) {
@@ -80,12 +83,14 @@ inline vsq::HmmTopology kernelTopology(unsigned status) {
 // Elements of a server's transitions in the kernels' shape.
 inline std::size_t modelSize(const HMMServer* server) {
     const bool banded = topologyOf(server->status) == Topology::banded;
-    return (banded ? 3 : std::size_t(server->nStates)) * std::size_t(vsq::hmmStride(server->nStates));
+    return (banded ? 3 : std::size_t(server->nStates)) *
+           std::size_t(vsq::hmmStride(server->nStates));
 }
 
 // The columns of the targets first .. end - 1, at most hmmLanes, from their stored rows.
 template <class T, class Stored>
-void unpackTargets(const TransitionMap& map, const Stored* stored, int first, int end, int stride, T* room) {
+void unpackTargets(const TransitionMap& map, const Stored* stored, int first, int end, int stride,
+                   T* room) {
     const bool isTriangle = map.topology == Topology::triangular;
     const std::ptrdiff_t step = map.order == Order::tiled ? 4 : 1;
     const Stored* rows[vsq::hmmLanes];
@@ -98,7 +103,8 @@ void unpackTargets(const TransitionMap& map, const Stored* stored, int first, in
     }
 }
 
-// Brings a server's stored transitions into the kernels' shape. `room` has modelSize(server) elements.
+// Brings a server's stored transitions into the kernels' shape. `room` has modelSize(server)
+// elements.
 template <class T, class Stored>
 vsq::HmmModel<T> unpackModel(const HMMServer* server, const Stored* stored, T* room) {
     const TransitionMap map = TransitionMap::of(*server);
@@ -153,10 +159,12 @@ public:
     // `straight` is the order in which a kernel reads stored transitions. False when memory ran
     // out: for want of room to unpack alone only where nothing else would do.
     template <class Stored>
-    bool reserve(const HMMServer* server, const Stored* stored, int nFrames, bool computes, Order straight) {
+    bool reserve(const HMMServer* server, const Stored* stored, int nFrames, bool computes,
+                 Order straight) {
         const auto stride = std::size_t(vsq::hmmStride(server->nStates));
         const std::size_t mostRows = std::max<std::size_t>(runBytes / sizeof(Number) / stride, 1);
-        run = computes ? int(std::min(mostRows, std::size_t(std::min(nFrames, framesPerRun)))) : framesPerRun;
+        run = computes ? int(std::min(mostRows, std::size_t(std::min(nFrames, framesPerRun))))
+                       : framesPerRun;
         const std::size_t count = stride * (2 + (computes ? std::size_t(run) : 0));
         const std::size_t unpacked = unpackedSize(server, nFrames, straight);
         vectors = scratch.reserve<Number>(count + unpacked);
@@ -185,12 +193,13 @@ private:
 
 // --- semicontinuous: the thread's codebook and its densities for all frames of a call ---
 
-// The codebook with densities, or null after the report "_sSemicontCodebook->ccgPdfs==0" ("_w" in the fixed
-// form).
-const SemicontCodebook* codebookWithDensities(const ktl::Module& module, bool isFixed, const char* funcName);
+// The codebook with densities, or null after the report "_sSemicontCodebook->ccgPdfs==0" ("_w" in
+// the fixed form).
+const SemicontCodebook* codebookWithDensities(const ktl::Module& module, bool isFixed,
+                                              const char* funcName);
 
-// Where a server and the float codebook differ. A report's handler may release the server, so both answers are known
-// before either is reported.
+// Where a server and the float codebook differ. A report's handler may release the server, so both
+// answers are known before either is reported.
 struct CodebookDisagreement {
     explicit CodebookDisagreement(const HMMServer* server);
     void report(const ktl::Module& module, const char* funcName) const;
@@ -199,8 +208,8 @@ struct CodebookDisagreement {
 };
 
 // Whether a server's counts are the codebook's; reports where they are not.
-bool agreesWithCodebook(const ktl::Module& module, const HMMServer* server, const SemicontCodebook* codebook,
-                        const char* funcName);
+bool agreesWithCodebook(const ktl::Module& module, const HMMServer* server,
+                        const SemicontCodebook* codebook, const char* funcName);
 
 // nFrames rows of nSymbols4 densities; the frames are float or short as the codebook is.
 template <class T>
@@ -216,10 +225,11 @@ private:
 
 } // namespace hmm
 
-// Weighted densities of a codebook: ppOut[t][k] for frame t and density k, nPdfs of them, the rows padded to
-// a multiple of 4 elements that come out as 0. A full density decays twice as fast as its diagonal twin in
-// the float form; the fixed form has the factor 1/2 in both. Fixed densities have 14 fractional bits.
-void KTsEvalPdfsFrames(const SemicontCodebook* pCodebook, const float* const* ppFrames, float** ppOut,
-                       int nFrames, int nPdfs, int nDim);
-void KTwEvalPdfsFrames(const SemicontCodebook* pCodebook, const short* const* ppFrames, short** ppOut,
-                       int nFrames, int nPdfs, int nDim);
+// Weighted densities of a codebook: ppOut[t][k] for frame t and density k, nPdfs of them, the rows
+// padded to a multiple of 4 elements that come out as 0. A full density decays twice as fast as its
+// diagonal twin in the float form; the fixed form has the factor 1/2 in both. Fixed densities have
+// 14 fractional bits.
+void KTsEvalPdfsFrames(const SemicontCodebook* pCodebook, const float* const* ppFrames,
+                       float** ppOut, int nFrames, int nPdfs, int nDim);
+void KTwEvalPdfsFrames(const SemicontCodebook* pCodebook, const short* const* ppFrames,
+                       short** ppOut, int nFrames, int nPdfs, int nDim);

@@ -15,7 +15,8 @@ bool countComponents(GaussMixServer* const* mixtures, FlatMixtures* view) {
     view->isSingle = 1;
     for (int i = 0; i < view->nStates; ++i) {
         const GaussMixServer* mixture = mixtures[i];
-        if (mixture == nullptr || !isFloat(mixture) || mixture->nDim < view->codebook.nQuant) return false;
+        if (mixture == nullptr || !isFloat(mixture) || mixture->nDim < view->codebook.nQuant)
+            return false;
         if (mixture->nMix > INT32_MAX - 4 - view->pComponentStart[i]) return false;
         if (mixture->nMix > 1) view->isSingle = 0;
         view->pComponentStart[i + 1] = view->pComponentStart[i] + mixture->nMix;
@@ -31,7 +32,8 @@ bool takeWeights(GaussMixServer* const* mixtures, FlatMixtures* view) {
     if (view->codebook.pWeights == nullptr) return false;
     float* weight = hmm::floats(view->codebook.pWeights);
     for (int i = 0; i < view->nStates; ++i)
-        std::copy_n(mixtures[i]->pNormWeights, mixtures[i]->nMix, weight + view->pComponentStart[i]);
+        std::copy_n(mixtures[i]->pNormWeights, mixtures[i]->nMix,
+                    weight + view->pComponentStart[i]);
     std::fill_n(weight + run, run, 1.0f);
     return true;
 }
@@ -46,8 +48,8 @@ bool takeDensities(GaussMixServer* const* mixtures, FlatMixtures* view) {
             const GaussMixServer* mixture = mixtures[i];
             float*** full = isFull(mixture) ? matrices<float>(mixture) + m : nullptr;
             float** diagonal = isFull(mixture) ? nullptr : diagonals<float>(mixture) + m;
-            *density = KTsInitGaussMixServer(mixture->pNormWeights + m, means<float>(mixture) + m, full,
-                                             diagonal, view->codebook.nQuant, 1, 0);
+            *density = KTsInitGaussMixServer(mixture->pNormWeights + m, means<float>(mixture) + m,
+                                             full, diagonal, view->codebook.nQuant, 1, 0);
             if (*density == nullptr) return false;
         }
     return true;

@@ -10,7 +10,8 @@
 
 namespace {
 
-constexpr ktl::Module module{"..\\_LIBSRC\\KT_HFOR"}; // the forward evaluation's: they are one family
+// the forward evaluation's: they are one family
+constexpr ktl::Module module{"..\\_LIBSRC\\KT_HFOR"};
 
 constexpr int noExponent = 0x7FFFFFFF;
 
@@ -39,8 +40,8 @@ void divideByForward(const vsq::HmmLattice& lattice, int nStates, double likelih
 }
 
 // The lattice in the caller's array, whose rows have no padding.
-double evaluate(const HMMServer* server, const vsq::HmmOutputs& outputs, double* pAlphaBeta, double* pScales,
-                int T, int* pExponent) {
+double evaluate(const HMMServer* server, const vsq::HmmOutputs& outputs, double* pAlphaBeta,
+                double* pScales, int T, int* pExponent) {
     const std::ptrdiff_t half = std::ptrdiff_t(T) * server->nStates;
     const vsq::HmmLattice lattice{pAlphaBeta, pAlphaBeta + half, pScales, server->nStates, T};
     const double likelihood = hmm::forwardBackward(server, outputs, lattice, pExponent);
@@ -87,15 +88,16 @@ void shareOut(const HMMServer* server, const double* alpha, const double* occupa
         double& factor = factors[j - block];
         factor = occupancies[j] == 0.0 || factor == 0.0 ? 0.0 : occupancies[j] / factor;
     }
-    eachRow(server, alpha, block, [&](int i, int first, std::span<const float> row, std::size_t position) {
-        const double lifted = alpha[i] * lift;
-        double shares[targetsAtOnce];
-        for (std::size_t k = 0; k < row.size(); ++k)
-            shares[k] = lifted * double(row[k]) * factors[std::size_t(first - block) + k];
-        before[i] += std::reduce(shares, shares + row.size());
-        for (std::size_t k = 0; moves != nullptr && k < row.size(); ++k)
-            moves[position + k] += shares[k];
-    });
+    eachRow(server, alpha, block,
+            [&](int i, int first, std::span<const float> row, std::size_t position) {
+                const double lifted = alpha[i] * lift;
+                double shares[targetsAtOnce];
+                for (std::size_t k = 0; k < row.size(); ++k)
+                    shares[k] = lifted * double(row[k]) * factors[std::size_t(first - block) + k];
+                before[i] += std::reduce(shares, shares + row.size());
+                for (std::size_t k = 0; moves != nullptr && k < row.size(); ++k)
+                    moves[position + k] += shares[k];
+            });
 }
 
 } // namespace
@@ -103,7 +105,8 @@ void shareOut(const HMMServer* server, const double* alpha, const double* occupa
 // What is no number stays none on the way back, since every state leads to itself: the first frame
 // tells.
 bool isBackwardFinite(const vsq::HmmLattice& lattice, int nStates) {
-    return std::all_of(lattice.beta, lattice.beta + nStates, [](double beta) { return std::isfinite(beta); });
+    return std::all_of(lattice.beta, lattice.beta + nStates,
+                       [](double beta) { return std::isfinite(beta); });
 }
 
 void occupanciesFromForward(const HMMServer* server, const vsq::HmmLattice& lattice, double weight,
@@ -116,7 +119,8 @@ void occupanciesFromForward(const HMMServer* server, const vsq::HmmLattice& latt
         double* before = lattice.beta + (t - 1) * lattice.stride;
         std::fill_n(before, server->nStates, 0.0);
         for (int block = 0; block < server->nStates; block += targetsAtOnce)
-            shareOut(server, lattice.alpha + (t - 1) * lattice.stride, occupancies, block, before, moves);
+            shareOut(server, lattice.alpha + (t - 1) * lattice.stride, occupancies, block, before,
+                     moves);
     }
 }
 
@@ -140,7 +144,8 @@ void compareWithCodebook(const HMMServer* server) {
 }
 
 double forwardBackward(const HMMServer* server, const vsq::HmmOutputs& outputs,
-                       const vsq::HmmLattice& lattice, int* pExponent, const vsq::HmmUnpacked& unpacked) {
+                       const vsq::HmmLattice& lattice, int* pExponent,
+                       const vsq::HmmUnpacked& unpacked) {
     *pExponent = noExponent;
     if (lattice.nFrames < 1 || !evaluable(server, HMM_SERVER_FLOAT)) return 0.0;
     return vsq::kernels().hmmtrain->forwardBackward(storedModel(server, unpacked), outputs, lattice,
@@ -149,26 +154,27 @@ double forwardBackward(const HMMServer* server, const vsq::HmmOutputs& outputs,
 
 } // namespace hmm
 
-double KTsEvalHMMForwardBackward(int hmm, const int* pObservations, double* pAlphaBeta, double* pScales,
-                                 int T, int* pExponent) {
+double KTsEvalHMMForwardBackward(int hmm, const int* pObservations, double* pAlphaBeta,
+                                 double* pScales, int T, int* pExponent) {
     const HMMServer* server = begin(hmm, pScales, T, pExponent);
     if (server == nullptr || !hmm::evaluable(server, HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT) ||
         !hmm::inAlphabet(server, pObservations, T))
         return failure();
-    const vsq::HmmOutputs outputs{hmm::outputRows<const float>(server->outputs), pObservations, nullptr, 0};
+    const vsq::HmmOutputs outputs{hmm::outputRows<const float>(server->outputs), pObservations,
+                                  nullptr, 0};
     return evaluate(server, outputs, pAlphaBeta, pScales, T, pExponent);
 }
 
-double KTsEvalContHMMForwardBackward(int hmm, double* pAlphaBeta, double* pScales, const float* pOutProbs,
-                                     int T, int* pExponent) {
+double KTsEvalContHMMForwardBackward(int hmm, double* pAlphaBeta, double* pScales,
+                                     const float* pOutProbs, int T, int* pExponent) {
     const HMMServer* server = begin(hmm, pScales, T, pExponent);
     if (server == nullptr) return failure();
     const vsq::HmmOutputs outputs{nullptr, nullptr, pOutProbs, server->nStates};
     return evaluate(server, outputs, pAlphaBeta, pScales, T, pExponent);
 }
 
-double KTsEvalSemicontHMMForwardBackward(int hmm, double* pAlphaBeta, double* pScales, const float* pOutProbs,
-                                         int T, int* pExponent) {
+double KTsEvalSemicontHMMForwardBackward(int hmm, double* pAlphaBeta, double* pScales,
+                                         const float* pOutProbs, int T, int* pExponent) {
     const HMMServer* server = begin(hmm, pScales, T, pExponent);
     if (server == nullptr) return failure();
     const HeldHMMServer held(server);

@@ -37,7 +37,8 @@ std::size_t fullPosition(Order order, int n, int i, int j) {
     case Order::byTarget:
         return (count - 1 - target) * count + source;
     case Order::tiled:
-        return ((std::size_t(multipleOf4(n)) / 4 - 1 - target / 4) * count + source) * 4 + target % 4;
+        return ((std::size_t(multipleOf4(n)) / 4 - 1 - target / 4) * count + source) * 4 +
+               target % 4;
     default:
         return (count - 1 - target) * std::size_t(even(n)) + source;
     }
@@ -63,7 +64,8 @@ std::size_t bandedPosition(Order order, int n, int i, int j) {
     switch (order) {
     case Order::bySource:
         return 3 * source + diagonal;
-    case Order::byTarget: // the diagonals one after the other; each is one shorter than the one before
+    // the diagonals one after the other; each is one shorter than the one before
+    case Order::byTarget:
         return diagonal * count - (diagonal == 2 ? 1 : 0) + source;
     case Order::tiled:
         return diagonal * std::size_t(multipleOf4(n)) + target;
@@ -157,7 +159,8 @@ void* allocateOutputs(const OutputShape& shape, std::size_t alignment) {
     char* first = aligned<char>(static_cast<char*>(block) + table, alignment);
     for (int i = 0; i < shape.rows; ++i) {
         const void* address = first + std::size_t(i) * row;
-        std::memcpy(static_cast<char*>(block) + std::size_t(i) * sizeof address, &address, sizeof address);
+        std::memcpy(static_cast<char*>(block) + std::size_t(i) * sizeof address, &address,
+                    sizeof address);
     }
     return block;
 }
@@ -166,7 +169,8 @@ void* allocateOutputs(const OutputShape& shape, std::size_t alignment) {
 
 namespace {
 
-void* rewritten(void* source, unsigned status, int nStates, hmm::Order from, hmm::Order to, float filler) {
+void* rewritten(void* source, unsigned status, int nStates, hmm::Order from, hmm::Order to,
+                float filler) {
     const hmm::TransitionMap fromMap{hmm::topologyOf(status), from, nStates};
     const hmm::TransitionMap toMap{hmm::topologyOf(status), to, nStates};
     void* block = hmm::allocateArray(toMap.size(), sizeof(float));
@@ -179,15 +183,18 @@ void* rewritten(void* source, unsigned status, int nStates, hmm::Order from, hmm
 } // namespace
 
 void* KTTileHMMTrans(void* pPlain, unsigned status, int nStates) {
-    return rewritten(pPlain, status, nStates, hmm::Order::byTarget, hmm::Order::tiled, hmm::absentCost);
+    return rewritten(pPlain, status, nStates, hmm::Order::byTarget, hmm::Order::tiled,
+                     hmm::absentCost);
 }
 
 void* KTUntileHMMTrans(void* pTiled, unsigned status, int nStates) {
-    return rewritten(pTiled, status, nStates, hmm::Order::tiled, hmm::Order::byTarget, hmm::absentCost);
+    return rewritten(pTiled, status, nStates, hmm::Order::tiled, hmm::Order::byTarget,
+                     hmm::absentCost);
 }
 
 bool ownTileIfWanted(HMMServer* server) {
-    const bool wanted = (KTGetContext()->hmmMode & HMM_MODE_TILED) != 0 && server->transitions != nullptr &&
+    const bool wanted = (KTGetContext()->hmmMode & HMM_MODE_TILED) != 0 &&
+                        server->transitions != nullptr &&
                         hmm::orderOf(server->status) == hmm::Order::byTarget;
     return !wanted || ownTile(server);
 }

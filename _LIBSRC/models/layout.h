@@ -1,9 +1,9 @@
 // Where each element of a model stands in its stored arrays.
 //
-// The transition array is laid out in the order in which the loop that reads it walks: the forward recursion
-// of the exponential domain goes by source state, the Viterbi recursion of the logarithmic domain by target
-// state, from the last one to the first. Every setter, query, conversion and file goes through the one map
-// given here.
+// The transition array is laid out in the order in which the loop that reads it walks: the forward
+// recursion of the exponential domain goes by source state, the Viterbi recursion of the
+// logarithmic domain by target state, from the last one to the first. Every setter, query,
+// conversion and file goes through the one map given here.
 #pragma once
 
 #include "models/model.h"
@@ -22,7 +22,8 @@ enum class Order {
     fixed     // fixed point, whatever its domain
 };
 
-// The most states or symbols that a model can have: padded lengths and three times as many are still ints.
+// The most states or symbols that a model can have: padded lengths and three times as many are
+// still ints.
 inline constexpr int mostCount = 0x1FFFFFFF;
 
 constexpr int even(int n) {
@@ -46,7 +47,8 @@ inline Order orderOf(unsigned status) {
 
 // Whether a topology stores the transition from i to j.
 constexpr bool stores(Topology topology, int i, int j) {
-    return topology == Topology::full || (j >= i && (topology == Topology::triangular || j <= i + 2));
+    return topology == Topology::full ||
+           (j >= i && (topology == Topology::triangular || j <= i + 2));
 }
 
 // The targets that a topology stores of source i are firstTarget .. endTarget - 1.
@@ -70,11 +72,13 @@ struct TransitionMap {
     std::size_t size() const;
     std::size_t position(int i, int j) const; // of a stored transition
 
-    // Banded float arrays hold a(n-1,n-1) twice; this is where the second one stands (elsewhere: size()).
+    // Banded float arrays hold a(n-1,n-1) twice; this is where the second one stands (elsewhere:
+    // size()).
     std::size_t duplicate() const;
 };
 
-// First elements on the boundary that the kernels expect: 16 bytes in the float form, 8 in the fixed one.
+// First elements on the boundary that the kernels expect: 16 bytes in the float form, 8 in the
+// fixed one.
 inline constexpr std::size_t floatAlignment = 16, fixedAlignment = 8;
 
 template <class T>
@@ -94,9 +98,9 @@ inline int* ints(void* block) {
     return aligned<int>(block, fixedAlignment);
 }
 
-// A zeroed block with room for `count` elements behind its aligned start and for a register's length beyond
-// them, so that vector loops may read whole groups; null when memory ran out or the size is beyond the
-// address space.
+// A zeroed block with room for `count` elements behind its aligned start and for a register's
+// length beyond them, so that vector loops may read whole groups; null when memory ran out or the
+// size is beyond the address space.
 void* allocateArray(std::size_t count, std::size_t elementSize);
 
 // The stored lengths of a model's vectors and rows.
@@ -117,7 +121,8 @@ struct OutputShape {
     std::size_t elements() const { return std::size_t(rows) * std::size_t(stride); }
 };
 
-// Allocates the block, fills its pointer table and returns it; the rows are zero. Null when memory ran out.
+// Allocates the block, fills its pointer table and returns it; the rows are zero. Null when memory
+// ran out.
 void* allocateOutputs(const OutputShape& shape, std::size_t alignment);
 
 template <class T>
@@ -125,19 +130,21 @@ T** outputRows(void* outputs) {
     return static_cast<T**>(outputs);
 }
 
-// The whole of a model's stored transitions in another order, each as convert(element), into an array of
-// to.size() elements that is already filled with what absent elements hold.
+// The whole of a model's stored transitions in another order, each as convert(element), into an
+// array of to.size() elements that is already filled with what absent elements hold.
 template <class From, class To, class Convert>
-void rewriteTransitions(const TransitionMap& from, const From* source, const TransitionMap& to, To* target,
-                        Convert convert) {
+void rewriteTransitions(const TransitionMap& from, const From* source, const TransitionMap& to,
+                        To* target, Convert convert) {
     for (int i = 0; i < from.n; ++i)
         for (int j = firstTarget(from.topology, i); j < endTarget(from.topology, from.n, i); ++j)
             target[to.position(i, j)] = convert(source[from.position(i, j)]);
-    if (to.duplicate() < to.size()) target[to.duplicate()] = target[to.position(to.n - 1, to.n - 1)];
+    if (to.duplicate() < to.size())
+        target[to.duplicate()] = target[to.position(to.n - 1, to.n - 1)];
 }
 
 template <class T>
-void rewriteTransitions(const TransitionMap& from, const T* source, const TransitionMap& to, T* target) {
+void rewriteTransitions(const TransitionMap& from, const T* source, const TransitionMap& to,
+                        T* target) {
     rewriteTransitions(from, source, to, target, [](T element) { return element; });
 }
 
@@ -146,14 +153,14 @@ inline constexpr float absentCost = 3.40282346638528859811704183484516925e+38f;
 
 } // namespace hmm
 
-// Brings the transitions of a logarithmic float server into tiles and back. `pPlain` and the result are
-// arrays from hmm::allocateArray; null when memory ran out, the source array is left as it is.
+// Brings the transitions of a logarithmic float server into tiles and back. `pPlain` and the result
+// are arrays from hmm::allocateArray; null when memory ran out, the source array is left as it is.
 void* KTTileHMMTrans(void* pPlain, unsigned status, int nStates);
 void* KTUntileHMMTrans(void* pTiled, unsigned status, int nStates);
 
 // Puts a record's plain costs into tiles; false when memory ran out, and they are as they were.
 bool ownTile(HMMServer* server);
 
-// Tiles a record's transitions where they are plain costs and the thread's mode wants them tiled; false when
-// memory ran out.
+// Tiles a record's transitions where they are plain costs and the thread's mode wants them tiled;
+// false when memory ran out.
 bool ownTileIfWanted(HMMServer* server);

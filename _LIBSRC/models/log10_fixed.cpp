@@ -17,7 +17,8 @@ std::uint32_t highWord(std::uint32_t a, std::uint32_t b) {
     return std::uint32_t((std::uint64_t(a) * b) >> 32);
 }
 
-// log10 of a mantissa 1.kf with 31 fractional bits: more terms of the series for more bits of output.
+// log10 of a mantissa 1.kf with 31 fractional bits: more terms of the series for more bits of
+// output.
 std::uint32_t mantissaLog(std::uint32_t bits, int sfOut) {
     const std::uint32_t k = bits >> 24, f = bits & 0xFFFFFF;
     std::uint32_t sum = table::logarithm[k];
@@ -39,13 +40,15 @@ std::int32_t upperWord(std::int64_t value) {
 
 std::int32_t coarse(std::uint32_t mantissa, std::int64_t exponent, int sfOut) {
     const std::uint32_t rounded = (mantissa >> 5) + (mantissa >> 4 & 1);
-    const auto value = std::int32_t(rounded + std::uint32_t(upperWord(exponent))); // 26 fractional bits
+    // 26 fractional bits
+    const auto value = std::int32_t(rounded + std::uint32_t(upperWord(exponent)));
     const std::int64_t shift = 26 - std::int64_t(sfOut);
     return std::int32_t(-std::int64_t(value) >> (shift > 63 ? 63 : shift));
 }
 
 std::int32_t fine(std::uint32_t mantissa, std::int64_t exponent, int sfOut) {
-    const std::uint64_t sum = (std::uint64_t(mantissa) << 27) + std::uint64_t(exponent); // 58 fractional bits
+    // 58 fractional bits
+    const std::uint64_t sum = (std::uint64_t(mantissa) << 27) + std::uint64_t(exponent);
     if (sfOut == 25) return upperWord(std::int64_t(sum)) >> 1;
     const int shift = sfOut - 26;
     return upperWord(std::int64_t(shift > 63 ? 0 : sum << shift));

@@ -9,15 +9,16 @@
 
 struct GaussMixServer;
 
-// Everything about one model, told apart by `status`. The field order is that of the file image, in which
-// each field is one 32-bit word; in memory pointers are natural.
+// Everything about one model, told apart by `status`. The field order is that of the file image, in
+// which each field is one 32-bit word; in memory pointers are natural.
 struct HMMServer {
     int id;
     int tag; // kept by files, read by nothing; 0 on every server that the library makes
     int nStates;
     int nSymbols; // discrete: alphabet; semicontinuous: codebook densities; continuous: unused
     void* transitions;
-    void* outputs; // discrete, semicontinuous: pointer table and rows in one block; continuous: null
+    // discrete, semicontinuous: pointer table and rows in one block; continuous: null
+    void* outputs;
     void* initials;
     HMMServer* next;
     HMMServer* prev;
@@ -30,12 +31,13 @@ struct HMMServer {
     int reserved1; // carried by copies and conversions
 
     // Of this process alone, behind what files hold: the operations in progress that keep the bare
-    // record, see HeldHMMServer; and whether the mixtures are the server's own where the status does
-    // not say so.
+    // record, see HeldHMMServer; and whether the mixtures are the server's own where the status
+    // does not say so.
     int nHolds;
     bool holdsMixtures;
 };
-static_assert(sizeof(void*) != 4 || offsetof(HMMServer, nHolds) == 64, "the record of a 32-bit build");
+static_assert(sizeof(void*) != 4 || offsetof(HMMServer, nHolds) == 64,
+              "the record of a 32-bit build");
 
 // Bits of KTContext::hmmMode beside the public KT_HMM_REPLACE and KT_HMM_KEEP.
 inline constexpr unsigned HMM_MODE_READY = 0x01000000u; // the registry exists
@@ -48,12 +50,12 @@ inline constexpr unsigned hmmTopologyBits = HMM_SERVER_TRIANGULAR | HMM_SERVER_B
 
 // --- registry (KT_HREG) ---
 
-// Creates the thread's registry where there is none. On exhaustion HMM_MODE_READY stays clear, and nothing is
-// reported.
+// Creates the thread's registry where there is none. On exhaustion HMM_MODE_READY stays clear, and
+// nothing is reported.
 void KTInitHMMRegistry();
 
-// Gives a record the lowest free id and links it; returns the id, or -1 when memory ran out (the record is
-// then still the caller's). Constant time.
+// Gives a record the lowest free id and links it; returns the id, or -1 when memory ran out (the
+// record is then still the caller's). Constant time.
 int KTRegisterHMMServer(HMMServer* server);
 
 // Takes a record out of the list; the record becomes the caller's again, its id 0. Constant time.
@@ -61,18 +63,19 @@ void KTUnregisterHMMServer(HMMServer* server);
 
 HMMServer* KTFindHMMServer(int id); // null for an unknown id, or when there is no registry
 
-// Each output pointer may be null; an unknown id sets all to 0. `outputs` of a continuous server is its
-// `mixtures`.
-void KTGetHMMServerInfo(int id, int* tag, void** transitions, void** outputs, void** initials, int* nStates,
-                        int* nSymbols, int* nQuant, int* scale, unsigned* status);
+// Each output pointer may be null; an unknown id sets all to 0. `outputs` of a continuous server is
+// its `mixtures`.
+void KTGetHMMServerInfo(int id, int* tag, void** transitions, void** outputs, void** initials,
+                        int* nStates, int* nSymbols, int* nQuant, int* scale, unsigned* status);
 
 // Frees both sentinels and what hangs off them; every server and class is gone by then.
 void KTFreeHMMRegistry();
 
 // --- classes (KT_HCLASS) ---
 
-inline constexpr unsigned HMM_CLASS_REWOUND = 0x80000000u; // the next step delivers the first member
-inline constexpr unsigned HMM_CLASS_AT_END = 0x40000000u;  // the cursor has passed the last member
+// the next step delivers the first member
+inline constexpr unsigned HMM_CLASS_REWOUND = 0x80000000u;
+inline constexpr unsigned HMM_CLASS_AT_END = 0x40000000u; // the cursor has passed the last member
 inline constexpr unsigned HMM_CLASS_KEY_MASK = 0x00E000F3u;
 inline constexpr int HMM_CHUNK_CAPACITY = 64;
 inline constexpr int HMM_CHUNK_LAST_KEY = 0x1FFFFFFF;
@@ -164,8 +167,8 @@ int ownRegisterComplete(HMMServer* server, int tag = 0);
 // A zeroed record in no list; null when memory ran out.
 HMMServer* ownNewHMMRecord();
 
-// A mixture that scores like the source bit for bit: normalised weights are taken over instead of being
-// computed again. Null for null, and after a report when memory ran out.
+// A mixture that scores like the source bit for bit: normalised weights are taken over instead of
+// being computed again. Null for null, and after a report when memory ran out.
 GaussMixServer* ownCopyMixture(const GaussMixServer* source);
 
 // Frees an array of mixtures that ends with a null entry; null is allowed.
@@ -177,8 +180,8 @@ void ownFreeMixtures(GaussMixServer** mixtures);
 template <class Make>
 bool ownFillMixtures(HMMServer* server, int nStates, Make make) {
     if (nStates < 0) return false;
-    auto* mixtures =
-        static_cast<GaussMixServer**>(std::calloc(std::size_t(nStates) + 1, sizeof(GaussMixServer*)));
+    auto* mixtures = static_cast<GaussMixServer**>(
+        std::calloc(std::size_t(nStates) + 1, sizeof(GaussMixServer*)));
     if (mixtures == nullptr) return false;
     for (int i = 0; i < nStates; ++i) {
         mixtures[i] = make(i);
@@ -199,5 +202,5 @@ bool ownFillMixtures(HMMServer* server, int nStates, Make make) {
 // the thread's status; an array for which memory ran out is silently missing, and nothing is
 // committed then. False after a report, whose handler may have released the server and the caller's
 // arrays.
-bool KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, const void* initial, int nStates,
-                        int nSymbols, int status);
+bool KTSetHMMServerParm(int id, int tag, const void* trans, const void* out, const void* initial,
+                        int nStates, int nSymbols, int status);

@@ -1,12 +1,12 @@
-// Models on streams: a header of 16 bytes with a name, the record of sixteen words, and the stored arrays,
-// all as a 32-bit little-endian image. What a file says is a claim until it is read: counts are checked
-// before anything is computed from them, and arrays are read in pieces that grow with what the stream really
-// holds.
+// Models on streams: a header of 16 bytes with a name, the record of sixteen words, and the stored
+// arrays, all as a 32-bit little-endian image. What a file says is a claim until it is read: counts
+// are checked before anything is computed from them, and arrays are read in pieces that grow with
+// what the stream really holds.
 #include "frame/KT_ERROR.h"
-#include "mixtures/KT_GAUSS.h"
-#include "models/layout.h"
 #include "frame/scratch.h"
 #include "frame/stream.h"
+#include "mixtures/KT_GAUSS.h"
+#include "models/layout.h"
 
 #include <array>
 
@@ -82,7 +82,8 @@ std::size_t outputBytes(const HMMServer* server) {
 }
 
 Record recordOf(const HMMServer* server, std::size_t nInitials, std::size_t nTransitions) {
-    const std::size_t transitions = bodyPosition + 4 * nInitials, outputs = transitions + 4 * nTransitions;
+    const std::size_t transitions = bodyPosition + 4 * nInitials,
+                      outputs = transitions + 4 * nTransitions;
     Record record{};
     record[wordId] = unsigned(server->id);
     record[wordTag] = unsigned(server->tag);
@@ -104,8 +105,10 @@ bool writeTable(FILE* stream, const HMMServer* server) {
     const auto shape = hmm::OutputShape::of(server->status, server->nStates, server->nSymbols);
     if (shape.rows <= 0) return true;
     if (hasShortRows(server->status))
-        return ktl::writeElements(stream, hmm::outputRows<short>(server->outputs)[0], shape.elements());
-    return ktl::writeElements(stream, hmm::outputRows<std::uint32_t>(server->outputs)[0], shape.elements());
+        return ktl::writeElements(stream, hmm::outputRows<short>(server->outputs)[0],
+                                  shape.elements());
+    return ktl::writeElements(stream, hmm::outputRows<std::uint32_t>(server->outputs)[0],
+                              shape.elements());
 }
 
 // Also false once the backtrace's handler has released the server.
@@ -132,9 +135,12 @@ bool writeBody(FILE* stream, const HMMServer* server, void* plainTransitions) {
     const std::size_t alignment = hmm::alignmentOf(plainStatus);
     const auto nInitials = std::size_t(hmm::initialsLength(plainStatus, server->nStates));
     const std::size_t nTransitions =
-        hmm::TransitionMap{hmm::topologyOf(plainStatus), hmm::orderOf(plainStatus), server->nStates}.size();
+        hmm::TransitionMap{hmm::topologyOf(plainStatus), hmm::orderOf(plainStatus), server->nStates}
+            .size();
     const Record record = recordOf(server, nInitials, nTransitions);
-    const auto words = [=](void* block) { return hmm::aligned<const std::uint32_t>(block, alignment); };
+    const auto words = [=](void* block) {
+        return hmm::aligned<const std::uint32_t>(block, alignment);
+    };
     return ktl::writeElements(stream, record.data(), record.size()) &&
            ktl::writeElements(stream, words(server->initials), nInitials) &&
            ktl::writeElements(stream, words(plainTransitions), nTransitions) &&
@@ -155,8 +161,8 @@ bool writeHeader(FILE* stream, const char* name) {
 
 constexpr std::size_t firstPiece = std::size_t(1) << 18; // bytes that are allocated on a mere claim
 
-// An array of `count` elements behind the aligned start of its block; null when the stream held fewer or
-// memory ran out. Memory grows with what has come, to twice as much at most.
+// An array of `count` elements behind the aligned start of its block; null when the stream held
+// fewer or memory ran out. Memory grows with what has come, to twice as much at most.
 template <class T>
 void* readArray(FILE* stream, std::size_t count, std::size_t alignment) {
     std::size_t room = std::min(count, firstPiece / sizeof(T)), filled = 0;
@@ -177,14 +183,14 @@ void* readArray(FILE* stream, std::size_t count, std::size_t alignment) {
     return nullptr;
 }
 
-// A table of small size is read to its place; a larger one first as an array that grows, since its block
-// can't.
+// A table of small size is read to its place; a larger one first as an array that grows, since its
+// block can't.
 template <class T>
 void* readTable(FILE* stream, const hmm::OutputShape& shape, std::size_t alignment) {
     const std::size_t n = shape.elements();
     const bool isLarge = n > firstPiece / sizeof(T);
-    ktl::Held<char, ktl::freePlain> array(isLarge ? static_cast<char*>(readArray<T>(stream, n, alignment))
-                                                  : nullptr);
+    ktl::Held<char, ktl::freePlain> array(
+        isLarge ? static_cast<char*>(readArray<T>(stream, n, alignment)) : nullptr);
     if (isLarge && !array) return nullptr;
     void* outputs = hmm::allocateOutputs(shape, alignment);
     if (outputs == nullptr) return nullptr;
@@ -198,7 +204,8 @@ void* readTable(FILE* stream, const hmm::OutputShape& shape, std::size_t alignme
     return outputs;
 }
 
-// Whether the sizes that follow from a record's counts can be computed in this build and held by its memory.
+// Whether the sizes that follow from a record's counts can be computed in this build and held by
+// its memory.
 bool isRepresentable(const HMMServer* server) {
     constexpr std::uint64_t mostElements = PTRDIFF_MAX / 16;
     const auto padded = [](int count) { return std::uint64_t(count) + 4; };
@@ -206,8 +213,9 @@ bool isRepresentable(const HMMServer* server) {
     const bool isBanded = hmm::topologyOf(server->status) == hmm::Topology::banded;
     const std::uint64_t sources = isBanded ? 3 : padded(server->nStates);
     if (sources * padded(server->nStates) > mostElements) return false;
-    return !hasTable(server->status) || (server->nSymbols <= hmm::mostCount &&
-                                         padded(server->nSymbols) * padded(server->nStates) <= mostElements);
+    return !hasTable(server->status) ||
+           (server->nSymbols <= hmm::mostCount &&
+            padded(server->nSymbols) * padded(server->nStates) <= mostElements);
 }
 
 // The status has to name one form, and no more than one flavour: beyond that nobody can say what
@@ -229,17 +237,20 @@ void takeRecord(const Record& record, HMMServer* server) {
     server->reserved0 = int(record[wordReserved0]);
     server->reserved1 = int(record[wordReserved1]);
     server->status = record[wordStatus];
-    server->holdsMixtures = true; // those that come from a file belong to the server that they come with
+    // those that come from a file belong to the server that they come with
+    server->holdsMixtures = true;
 }
 
 bool readOutputs(FILE* stream, HMMServer* server) {
     if ((server->status & HMM_SERVER_CONT) != 0)
-        return ownFillMixtures(server, server->nStates, [=](int) { return KTReadGaussMixServer(stream); });
+        return ownFillMixtures(server, server->nStates,
+                               [=](int) { return KTReadGaussMixServer(stream); });
     if (!hasTable(server->status)) return true;
     const auto shape = hmm::OutputShape::of(server->status, server->nStates, server->nSymbols);
     const std::size_t alignment = hmm::alignmentOf(server->status);
-    server->outputs = hasShortRows(server->status) ? readTable<short>(stream, shape, alignment)
-                                                   : readTable<std::uint32_t>(stream, shape, alignment);
+    server->outputs = hasShortRows(server->status)
+                          ? readTable<short>(stream, shape, alignment)
+                          : readTable<std::uint32_t>(stream, shape, alignment);
     return server->outputs != nullptr;
 }
 
@@ -256,7 +267,8 @@ bool readTransitions(FILE* stream, HMMServer* server) {
     const hmm::TransitionMap map{hmm::topologyOf(plain), hmm::orderOf(plain), server->nStates};
     server->transitions = readArray<std::uint32_t>(stream, map.size(), hmm::alignmentOf(plain));
     if (server->transitions == nullptr) return false;
-    return hmm::orderOf(server->status) == hmm::Order::tiled ? ownTile(server) : ownTileIfWanted(server);
+    return hmm::orderOf(server->status) == hmm::Order::tiled ? ownTile(server)
+                                                             : ownTileIfWanted(server);
 }
 
 bool readBody(FILE* stream, HMMServer* server, bool hasStateWords) {

@@ -1,10 +1,10 @@
 // The output values of a model's states, run of frames by run of frames, as the recursions of both
-// evaluations take them: an array of row pointers, one for each frame, with values that follow each row
-// readable up to a kernel's stride.
+// evaluations take them: an array of row pointers, one for each frame, with values that follow each
+// row readable up to a kernel's stride.
 #pragma once
 
-#include "models/evaluation.h"
 #include "frame/row_products.h"
+#include "models/evaluation.h"
 
 #include <array>
 
@@ -13,8 +13,8 @@ namespace hmm {
 template <class T>
 using RowRun = std::array<const T*, framesPerRun>;
 
-// Discrete models: the stored row of the observed symbol, read in place. False for a symbol outside the
-// alphabet.
+// Discrete models: the stored row of the observed symbol, read in place. False for a symbol outside
+// the alphabet.
 template <class T>
 bool discreteRows(const HMMServer* server, const int* symbols, int count, RowRun<T>& rows) {
     const T* const* stored = outputRows<const T>(server->outputs);
@@ -32,8 +32,8 @@ void pointAtRows(T* block, int nStates, int count, RowRun<T>& rows) {
         rows[std::size_t(t)] = block + std::ptrdiff_t(t) * vsq::hmmStride(nStates);
 }
 
-// Continuous models, float: every state's mixture on the frame. T is double for likelihoods in the forward
-// recursion, float for what becomes costs.
+// Continuous models, float: every state's mixture on the frame. T is double for likelihoods in the
+// forward recursion, float for what becomes costs.
 template <class T>
 void mixtureRow(const HMMServer* server, const float* frame, T* row) {
     for (int i = 0; i < server->nStates; ++i)
@@ -42,7 +42,8 @@ void mixtureRow(const HMMServer* server, const float* frame, T* row) {
 
 // Semicontinuous models, float: every state's weights on the frame's densities.
 inline void weightedRow(const HMMServer* server, const float* densities, float* row) {
-    ownsMatVec(row, outputRows<const float>(server->outputs), densities, server->nStates, server->nSymbols);
+    ownsMatVec(row, outputRows<const float>(server->outputs), densities, server->nStates,
+               server->nSymbols);
 }
 
 } // namespace hmm

@@ -1,15 +1,17 @@
-// Gives a model's parameters back in the shape in which a caller hands them over: the inverse of the setting
-// of parameters, whatever the storage layout.
+// Gives a model's parameters back in the shape in which a caller hands them over: the inverse of
+// the setting of parameters, whatever the storage layout.
 //
-// Fixed point: stored values have 32 bits, the caller's 16; what does not fit is pinned to 0x7FFF and
-// -0x7FFF, so that the stored zero probability comes back as the input value for it. Nothing wraps.
+// Fixed point: stored values have 32 bits, the caller's 16; what does not fit is pinned to 0x7FFF
+// and -0x7FFF, so that the stored zero probability comes back as the input value for it. Nothing
+// wraps.
 #include "models/layout.h"
 
 #include <algorithm>
 
 namespace {
 
-// What differs between the numeric forms: elements, and what a transition that is not stored comes back as.
+// What differs between the numeric forms: elements, and what a transition that is not stored comes
+// back as.
 struct FloatForm {
     using Stored = float;
     using Result = float;
@@ -24,7 +26,9 @@ struct FixedForm {
     using Result = short;
     static constexpr int largest = 0x7FFF;
     static short absent(unsigned) { return largest; }
-    static short result(int value) { return static_cast<short>(std::clamp(value, -largest, largest)); }
+    static short result(int value) {
+        return static_cast<short>(std::clamp(value, -largest, largest));
+    }
 };
 
 // One query. What a server lacks because memory ran out at its creation is left unwritten.
@@ -42,7 +46,8 @@ struct Query {
     void initial(void* target) const {
         if (target == nullptr || server->initials == nullptr) return;
         const Stored* source = stored(server->initials);
-        std::transform(source, source + server->nStates, static_cast<Result*>(target), Form::result);
+        std::transform(source, source + server->nStates, static_cast<Result*>(target),
+                       Form::result);
     }
 
     void transitions(void** rows) const {
@@ -53,7 +58,8 @@ struct Query {
             auto* row = static_cast<Result*>(rows[i]);
             if (row == nullptr) continue;
             std::fill_n(row, map.n, Form::absent(server->status));
-            for (int j = hmm::firstTarget(map.topology, i); j < hmm::endTarget(map.topology, map.n, i); ++j)
+            for (int j = hmm::firstTarget(map.topology, i);
+                 j < hmm::endTarget(map.topology, map.n, i); ++j)
                 row[j] = Form::result(source[map.position(i, j)]);
         }
     }
@@ -74,7 +80,8 @@ struct Query {
         if (rows == nullptr || server->outputs == nullptr) return;
         const Result* const* states = hmm::outputRows<const Result>(server->outputs);
         for (int i = 0; i < server->nStates; ++i)
-            if (rows[i] != nullptr) std::copy_n(states[i], server->nSymbols, static_cast<Result*>(rows[i]));
+            if (rows[i] != nullptr)
+                std::copy_n(states[i], server->nSymbols, static_cast<Result*>(rows[i]));
     }
 
     // A copy that fails has reported to a handler that may release the server: then there are no
@@ -85,7 +92,8 @@ struct Query {
         const int n = server->nStates;
         for (int i = 0; i < n; ++i)
             if (slots[i] != nullptr)
-                slots[i] = held.get() != nullptr ? ownCopyMixture(held.get()->mixtures[i]) : nullptr;
+                slots[i] =
+                    held.get() != nullptr ? ownCopyMixture(held.get()->mixtures[i]) : nullptr;
     }
 };
 

@@ -1,5 +1,5 @@
-// The thread's registry of models: a list sorted by id, and beside it a table by id, so that looking one up,
-// registering under the lowest free id and releasing take constant time.
+// The thread's registry of models: a list sorted by id, and beside it a table by id, so that
+// looking one up, registering under the lowest free id and releasing take constant time.
 #include "models/model.h"
 
 #include "frame/id_table.h"
@@ -39,7 +39,8 @@ void KTInitHMMRegistry() {
     Registry* servers = zeroed<Registry>();
     SemicontCodebook* floatCodebook = zeroed<SemicontCodebook>();
     SemicontCodebook* fixedCodebook = zeroed<SemicontCodebook>();
-    if (classes == nullptr || servers == nullptr || floatCodebook == nullptr || fixedCodebook == nullptr) {
+    if (classes == nullptr || servers == nullptr || floatCodebook == nullptr ||
+        fixedCodebook == nullptr) {
         std::free(classes);
         std::free(servers);
         std::free(floatCodebook);
@@ -78,7 +79,8 @@ int KTRegisterHMMServer(HMMServer* server) {
     before->next->prev = server;
     before->next = server;
     table.set(server->id, server);
-    context->hmmServerCursor = table.find(table.lowestFree() - 1); // the end of the run of ids from 1 on
+    // the end of the run of ids from 1 on
+    context->hmmServerCursor = table.find(table.lowestFree() - 1);
     ++context->nHMMServers;
     return server->id;
 }
@@ -99,8 +101,8 @@ HMMServer* KTFindHMMServer(int id) {
     return reinterpret_cast<const Registry*>(context->hmmServerList)->table.find(id);
 }
 
-void KTGetHMMServerInfo(int id, int* tag, void** transitions, void** outputs, void** initials, int* nStates,
-                        int* nSymbols, int* nQuant, int* scale, unsigned* status) {
+void KTGetHMMServerInfo(int id, int* tag, void** transitions, void** outputs, void** initials,
+                        int* nStates, int* nSymbols, int* nQuant, int* scale, unsigned* status) {
     const auto set = [](auto* target, auto value) {
         if (target != nullptr) *target = value;
     };
@@ -109,8 +111,8 @@ void KTGetHMMServerInfo(int id, int* tag, void** transitions, void** outputs, vo
     const HMMServer& server = found != nullptr ? *found : unknown;
     set(tag, server.tag);
     set(transitions, server.transitions);
-    set(outputs,
-        (server.status & HMM_SERVER_CONT) != 0 ? static_cast<void*>(server.mixtures) : server.outputs);
+    set(outputs, (server.status & HMM_SERVER_CONT) != 0 ? static_cast<void*>(server.mixtures)
+                                                        : server.outputs);
     set(initials, server.initials);
     set(nStates, server.nStates);
     set(nSymbols, server.nSymbols);
@@ -131,7 +133,8 @@ void KTSetHMMMode(int mode) {
 int KTGetHMMParm(int id, int* nStates, int* nSymbols, int* nQuant, int* scale, int* status) {
     if (KTFindHMMServer(id) == nullptr) return -1;
     unsigned word = 0;
-    KTGetHMMServerInfo(id, nullptr, nullptr, nullptr, nullptr, nStates, nSymbols, nQuant, scale, &word);
+    KTGetHMMServerInfo(id, nullptr, nullptr, nullptr, nullptr, nStates, nSymbols, nQuant, scale,
+                       &word);
     if (status != nullptr) *status = static_cast<int>(word);
     return 0;
 }

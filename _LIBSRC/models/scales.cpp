@@ -1,10 +1,10 @@
-// Measures the orders of a model's parts, by which a caller chooses the scales for its conversion to fixed
-// point.
+// Measures the orders of a model's parts, by which a caller chooses the scales for its conversion
+// to fixed point.
 #include "frame/KT_CONVERT.h"
 #include "frame/KT_ERROR.h"
+#include "frame/scratch.h"
 #include "mixtures/KT_GAUSS.h"
 #include "models/layout.h"
-#include "frame/scratch.h"
 #include "quantisers/density_codebook.h"
 
 #include <algorithm>
@@ -14,7 +14,8 @@ namespace {
 
 constexpr ktl::Module module{"..\\_LIBSRC\\KT_HCONV"};
 
-// Costs above these stand for absent transitions and outputs and would hide the order of the others.
+// Costs above these stand for absent transitions and outputs and would hide the order of the
+// others.
 constexpr float HMM_SCALE_ZERO_COST = 40.0f;
 constexpr int fixedZeroCost = 0x10000;
 
@@ -54,9 +55,11 @@ public:
     bool measure(int* result) {
         const std::size_t nTransitions = transitions != nullptr ? transitionCount() : 0;
         if ((server->status & KT_HMM_LOGARITHMIC) != 0 &&
-            !grow(std::max({nTransitions, outputs.elements(), std::size_t(std::max(server->nStates, 0))})))
+            !grow(std::max(
+                {nTransitions, outputs.elements(), std::size_t(std::max(server->nStates, 0))})))
             return false;
-        if (server->initials != nullptr) consider(start(server->initials), std::size_t(server->nStates));
+        if (server->initials != nullptr)
+            consider(start(server->initials), std::size_t(server->nStates));
         consider(start(transitions), nTransitions);
         if (outputs.rows > 0) considerOutputs();
         *result = largest;
@@ -71,15 +74,18 @@ private:
     // A float band ends with a second copy of its last transition, which is left out.
     std::size_t transitionCount() const {
         auto map = hmm::TransitionMap::of(*server);
-        if (map.order == hmm::Order::tiled) map.order = hmm::Order::byTarget; // read through a plain copy
-        const bool hasDuplicate = map.topology == hmm::Topology::banded && map.order != hmm::Order::fixed;
+        // read through a plain copy
+        if (map.order == hmm::Order::tiled) map.order = hmm::Order::byTarget;
+        const bool hasDuplicate =
+            map.topology == hmm::Topology::banded && map.order != hmm::Order::fixed;
         return hasDuplicate ? 3 * std::size_t(map.n) - 3 : map.size();
     }
 
     bool grow(std::size_t wanted) {
         KTContext* context = KTGetContext();
         if (wanted <= INT_MAX &&
-            ktl::growBuffer<int>(context->hmmScalesBuffer, context->hmmScalesLen, static_cast<int>(wanted))) {
+            ktl::growBuffer<int>(context->hmmScalesBuffer, context->hmmScalesLen,
+                                 static_cast<int>(wanted))) {
             scratch = reinterpret_cast<Element*>(context->hmmScalesBuffer);
             return true;
         }
@@ -92,17 +98,18 @@ private:
         if (n == 0) return;
         if (scratch != nullptr) {
             std::replace_copy_if(
-                values, values + n, scratch, [](Element v) { return v > Form::zeroCost; }, Element(0));
+                values, values + n, scratch, [](Element v) { return v > Form::zeroCost; },
+                Element(0));
             values = scratch;
         }
         constexpr std::size_t run = std::size_t(1) << 30; // orders count in int
         for (std::size_t done = 0; done < n; done += run)
-            largest =
-                std::max(largest, Form::order(values + done, static_cast<int>(std::min(n - done, run))));
+            largest = std::max(
+                largest, Form::order(values + done, static_cast<int>(std::min(n - done, run))));
     }
 
-    // The rows lie one behind the other. Their padding is a large cost, so among costs it counts as absent;
-    // otherwise it has to stay out.
+    // The rows lie one behind the other. Their padding is a large cost, so among costs it counts as
+    // absent; otherwise it has to stay out.
     void considerOutputs() {
         const Element* const* rows = hmm::outputRows<const Element>(server->outputs);
         if (scratch != nullptr) return consider(rows[0], outputs.elements());
@@ -156,7 +163,8 @@ void consider(const GaussMixServer* mixture, int nMix, int nQuant, MixtureOrders
     if constexpr (std::is_same_v<T, float>) weight = mixture->pNormWeights;
     orders->weights = std::max(orders->weights, maxOrder(weight, nMix));
     orders->means = std::max(orders->means, maxOrder(means<T>(mixture), nMix, n));
-    if (!isFull(mixture)) orders->vars = std::max(orders->vars, maxOrder(diagonals<T>(mixture), nMix, n));
+    if (!isFull(mixture))
+        orders->vars = std::max(orders->vars, maxOrder(diagonals<T>(mixture), nMix, n));
     for (int k = 0; isFull(mixture) && k < nMix; ++k)
         orders->vars = std::max(orders->vars, maxOrder(matrices<T>(mixture)[k], n, n));
 }
@@ -188,16 +196,19 @@ MixtureOrders ordersOfCodebook(const HMMServer* server) {
     const auto shape = hmm::OutputShape::of(server->status, server->nStates, server->nSymbols);
     orders.weights = lowestOrder;
     if (server->outputs != nullptr)
-        orders.weights = maxOrder(hmm::outputRows<Weight>(server->outputs), shape.rows, shape.stride);
+        orders.weights =
+            maxOrder(hmm::outputRows<Weight>(server->outputs), shape.rows, shape.stride);
     return orders;
 }
 
 template <class Form>
-void measure(const HMMServer* server, int* pOrder, int* pWeightsOrder, int* pMeansOrder, int* pVarsOrder) {
+void measure(const HMMServer* server, int* pOrder, int* pWeightsOrder, int* pMeansOrder,
+             int* pVarsOrder) {
     if (pOrder != nullptr && !measureCommon<Form>(server, pOrder)) return;
     const bool continuous = (server->status & HMM_SERVER_CONT) != 0;
     if (!continuous && (server->status & HMM_SERVER_SEMICONT) == 0) return;
-    const MixtureOrders orders = continuous ? ordersOfStates(server) : ordersOfCodebook<Form>(server);
+    const MixtureOrders orders =
+        continuous ? ordersOfStates(server) : ordersOfCodebook<Form>(server);
     if (pWeightsOrder != nullptr) *pWeightsOrder = orders.weights;
     if (pMeansOrder != nullptr) *pMeansOrder = orders.means;
     if (pVarsOrder != nullptr) *pVarsOrder = orders.vars;

@@ -1,7 +1,8 @@
-// The frame of all three trainers: Baum-Welch re-estimation of start values and transitions, iteration by
-// iteration on fresh copies of the model. What differs is how outputs are scored and re-estimated; a flavour
-// supplies that. L. E. Baum, T. Petrie, G. Soules, N. Weiss, A Maximization Technique Occurring in the
-// Statistical Analysis of Probabilistic Functions of Markov Chains, 1970.
+// The frame of all three trainers: Baum-Welch re-estimation of start values and transitions,
+// iteration by iteration on fresh copies of the model. What differs is how outputs are scored and
+// re-estimated; a flavour supplies that. L. E. Baum, T. Petrie, G. Soules, N. Weiss, A Maximization
+// Technique Occurring in the Statistical Analysis of Probabilistic Functions of Markov Chains,
+// 1970.
 //
 // A flavour has
 //     Sequence                            one observation sequence as the caller passes it
@@ -10,9 +11,11 @@
 //     begin(current, next)                an iteration starts
 //     review(current)                     what is to be reported before a sequence; a handler may
 //                                         release the models
-//     score(current, next, sequence, n, outputs)    the sequence's output values; false for one that can't be
+//     score(current, next, sequence, n, outputs)    the sequence's output values; false for one
+//     that can't be
 //                                         used
-//     count(current, counts, sequence, n, weight)   the outputs' numerators, from a sequence's lattice, whose
+//     count(current, counts, sequence, n, weight)   the outputs' numerators, from a sequence's
+//     lattice, whose
 //                                         beta it may overwrite
 //     finish(current, next, counts)       new outputs; false when one of them is no finite float
 //     change(current, next)               the greatest difference between old and new outputs
@@ -29,7 +32,8 @@ namespace hmm {
 inline constexpr double smallestDenominator = 2.2250738585072014e-308; // the smallest normal double
 inline constexpr double smallestProbability = 1e-20;                   // anything below becomes 0
 
-// A double block of `count` zeros; false when memory ran out or the size is beyond the address space.
+// A double block of `count` zeros; false when memory ran out or the size is beyond the address
+// space.
 class Numbers {
 public:
     bool allocate(std::size_t rows, std::size_t columns) {
@@ -72,13 +76,14 @@ struct Counts {
     std::size_t stride = 0; // nStates, padded for the kernels
     Numbers alphaBeta, scales;
     double gammaTotal = 0.0;
-    Numbers gammaTrans;   // per state: occupancy over all frames but the last
-    Numbers gammaOut;     // per state: occupancy over all frames
-    Numbers piNum;        // per state: occupancy of the first frame
-    Numbers xiNum;        // per stored transition
-    Numbers xiSeq;        // the same for one sequence, before the factor a(i, j)
-    Numbers gammaSeq;     // per state, one sequence: over all frames but the last
-    Numbers unpacked;     // a full model's transitions in both directions, and a row; otherwise empty
+    Numbers gammaTrans; // per state: occupancy over all frames but the last
+    Numbers gammaOut;   // per state: occupancy over all frames
+    Numbers piNum;      // per state: occupancy of the first frame
+    Numbers xiNum;      // per stored transition
+    Numbers xiSeq;      // the same for one sequence, before the factor a(i, j)
+    Numbers gammaSeq;   // per state, one sequence: over all frames but the last
+    // a full model's transitions in both directions, and a row; otherwise empty
+    Numbers unpacked;
     bool careful = false; // nothing that is counted may leave its range, whatever it costs
 
     bool allocate(const HMMServer* model, int longest);
@@ -104,7 +109,8 @@ struct Counts {
 
 private:
     TransitionRow row(const HMMServer* model, int source) const;
-    void addTransitions(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames, double weight);
+    void addTransitions(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames,
+                        double weight);
     bool dropInfinite();
     bool finishTransitions(const HMMServer* current, HMMServer* next) const;
 
@@ -125,7 +131,8 @@ public:
     OwnModel& operator=(const OwnModel&) = delete;
     ~OwnModel() { release(); }
 
-    bool copyOf(const HMMServer* source); // false when memory ran out; the model before is forgotten
+    // false when memory ran out; the model before is forgotten
+    bool copyOf(const HMMServer* source);
     void takeFrom(OwnModel& other) {
         release();
         model = std::move(other.model);
@@ -141,8 +148,8 @@ private:
     HeldHMMServer model; // a report's handler may release it
 };
 
-// Copies and views are made under a status of their own: an older failure of the thread does not end a
-// training, and a success leaves the status as it was.
+// Copies and views are made under a status of their own: an older failure of the thread does not
+// end a training, and a success leaves the status as it was.
 class OwnStatus {
 public:
     OwnStatus() : before(KTGetStatus()) { KTSetStatus(KT_StsOk); }
@@ -224,15 +231,18 @@ bool reestimate(Flavour& flavour, const HMMServer* current, OwnModel& newest,
     }
 }
 
-// Trains copies of `model` until the rule stops; the new server's id, or -1 with everything released.
+// Trains copies of `model` until the rule stops; the new server's id, or -1 with everything
+// released.
 template <class Flavour>
-int iterate(Flavour& flavour, const HMMServer* model, const Sequences<typename Flavour::Sequence>& sequences,
-            Counts& counts, StopRule rule, float* pTolerance) {
+int iterate(Flavour& flavour, const HMMServer* model,
+            const Sequences<typename Flavour::Sequence>& sequences, Counts& counts, StopRule rule,
+            float* pTolerance) {
     OwnModel before, newest;
     for (const HMMServer* current = model;; current = before.get()) {
         if (!reestimate(flavour, current, newest, sequences, counts)) return -1;
         const HMMServer* next = newest.get();
-        const double atLeast = modelChange(current, next), outputChange = flavour.change(current, next);
+        const double atLeast = modelChange(current, next),
+                     outputChange = flavour.change(current, next);
         const double change = outputChange > atLeast ? outputChange : atLeast;
         if (rule.stops(change)) {
             if (pTolerance != nullptr) *pTolerance = static_cast<float>(change);
@@ -244,13 +254,15 @@ int iterate(Flavour& flavour, const HMMServer* model, const Sequences<typename F
 }
 
 template <class Flavour>
-int train(Flavour& flavour, const HMMServer* model, const Sequences<typename Flavour::Sequence>& sequences,
-          int maxIterations, float* pTolerance) {
+int train(Flavour& flavour, const HMMServer* model,
+          const Sequences<typename Flavour::Sequence>& sequences, int maxIterations,
+          float* pTolerance) {
     if (!evaluable(model, Flavour::kind)) return -1;
     const int longest = sequences.longest();
     Counts counts;
     if (!counts.allocate(model, longest) || !flavour.prepare(model, longest)) return -1;
-    return iterate(flavour, model, sequences, counts, StopRule(maxIterations, pTolerance), pTolerance);
+    return iterate(flavour, model, sequences, counts, StopRule(maxIterations, pTolerance),
+                   pTolerance);
 }
 
 } // namespace hmm

@@ -28,16 +28,17 @@ double greatestChange(const float* a, const float* b, std::size_t count, double 
 }
 
 double modelChange(const HMMServer* current, const HMMServer* next) {
-    const double ofInitials =
-        greatestChange(floats(current->initials), floats(next->initials), std::size_t(current->nStates), 0.0);
+    const double ofInitials = greatestChange(floats(current->initials), floats(next->initials),
+                                             std::size_t(current->nStates), 0.0);
     const TransitionMap map = sourceMap(current);
     // a band's second copy of its last transition is not looked at: a file may bring one that
     // differs
     const std::size_t size = map.size(), second = std::min(map.duplicate(), size);
     const std::size_t behind = std::min(second + 1, size);
-    const double before = greatestChange(transitionsOf(current), transitionsOf(next), second, ofInitials);
-    return greatestChange(transitionsOf(current) + behind, transitionsOf(next) + behind, size - behind,
-                          before);
+    const double before =
+        greatestChange(transitionsOf(current), transitionsOf(next), second, ofInitials);
+    return greatestChange(transitionsOf(current) + behind, transitionsOf(next) + behind,
+                          size - behind, before);
 }
 
 bool Counts::allocate(const HMMServer* model, int longest) {
@@ -49,9 +50,10 @@ bool Counts::allocate(const HMMServer* model, int longest) {
     const std::size_t perRow = topology == Topology::banded ? 3 : stride;
     const std::size_t unpackedRows = topology == Topology::full ? 2 * n + 1 : 0;
     return alphaBeta.allocate(2 * frames, stride) && scales.allocate(frames, 1) &&
-           gammaTrans.allocate(stride, 1) && gammaOut.allocate(stride, 1) && piNum.allocate(stride, 1) &&
-           gammaSeq.allocate(stride, 1) && xiNum.allocate(sourceMap(model).size(), 1) &&
-           xiSeq.allocate(n, perRow) && unpacked.allocate(unpackedRows, stride);
+           gammaTrans.allocate(stride, 1) && gammaOut.allocate(stride, 1) &&
+           piNum.allocate(stride, 1) && gammaSeq.allocate(stride, 1) &&
+           xiNum.allocate(sourceMap(model).size(), 1) && xiSeq.allocate(n, perRow) &&
+           unpacked.allocate(unpackedRows, stride);
 }
 
 void Counts::begin(const HMMServer* current) {
@@ -74,8 +76,8 @@ vsq::HmmUnpacked Counts::unpackedModel(const HMMServer* current) const {
 
 vsq::HmmLattice Counts::lattice(int nFrames) const {
     const std::size_t half = std::size_t(nFrames) * stride;
-    return {alphaBeta.get(), alphaBeta.get() + half, scales.get(), static_cast<std::ptrdiff_t>(stride),
-            nFrames};
+    return {alphaBeta.get(), alphaBeta.get() + half, scales.get(),
+            static_cast<std::ptrdiff_t>(stride), nFrames};
 }
 
 TransitionRow Counts::row(const HMMServer* model, int source) const {
@@ -87,7 +89,8 @@ TransitionRow Counts::row(const HMMServer* model, int source) const {
     return {endTarget(map.topology, nStates, source) - first, map.position(source, first), summed};
 }
 
-void Counts::add(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames, double weight) {
+void Counts::add(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames,
+                 double weight) {
     const vsq::HmmLattice sequence = lattice(nFrames);
     holdsOccupancies = careful || !isBackwardFinite(sequence, nStates);
     if (holdsOccupancies) {
@@ -111,12 +114,13 @@ void Counts::add(const HMMServer* current, const vsq::HmmOutputs& outputs, int n
 
 void Counts::addTransitions(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames,
                             double weight) {
-    vsq::kernels().hmmtrain->transitions(storedModel(current), outputs, lattice(nFrames), xiSeq.get());
+    vsq::kernels().hmmtrain->transitions(storedModel(current), outputs, lattice(nFrames),
+                                         xiSeq.get());
     const float* stored = transitionsOf(current);
     for (int i = 0; i < nStates; ++i) {
         const TransitionRow from = row(current, i);
-        for (std::size_t k = from.stored, s = from.summed; k < from.stored + std::size_t(from.count);
-             ++k, ++s)
+        for (std::size_t k = from.stored, s = from.summed;
+             k < from.stored + std::size_t(from.count); ++k, ++s)
             xiNum[k] += xiSeq[s] * weight * double(stored[k]);
     }
 }
@@ -157,7 +161,8 @@ bool Counts::finish(const HMMServer* current, HMMServer* next) {
     float* initials = floats(next->initials);
     for (std::size_t i = 0; gammaTotal >= smallestDenominator && i < std::size_t(nStates); ++i) {
         const auto value = static_cast<float>(piNum[i] / gammaTotal);
-        if (!replace(initials[i], double(value) < smallestProbability ? 0.0f : value)) isFinite = false;
+        if (!replace(initials[i], double(value) < smallestProbability ? 0.0f : value))
+            isFinite = false;
     }
     return finishTransitions(current, next) && isFinite;
 }
@@ -172,7 +177,8 @@ bool Counts::finishTransitions(const HMMServer* current, HMMServer* next) const 
         const std::size_t end = from.stored + std::size_t(from.count);
         for (std::size_t k = from.stored; denominator >= smallestDenominator && k < end; ++k) {
             const double value = xiNum[k] / denominator;
-            if (!replace(transitions[k], value < smallestProbability ? 0.0f : static_cast<float>(value)))
+            if (!replace(transitions[k],
+                         value < smallestProbability ? 0.0f : static_cast<float>(value)))
                 isFinite = false;
         }
     }

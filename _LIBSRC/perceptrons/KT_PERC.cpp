@@ -12,8 +12,8 @@ namespace {
 constexpr char noFunctions[] = "can't define type of activation and derivative function to use";
 constexpr char badConnections[] = "bad connections of a sparse network";
 
-// Counts of elements stay below this: a quarter of the address space in elements of 8 bytes, so that sizes in
-// bytes and sums of two counts cannot overflow.
+// Counts of elements stay below this: a quarter of the address space in elements of 8 bytes, so
+// that sizes in bytes and sums of two counts cannot overflow.
 constexpr std::int64_t mostElements = PTRDIFF_MAX / 32;
 
 // total + a * b, or -1.
@@ -34,16 +34,16 @@ std::int64_t connectionCount(const int* pCounts, const int* const* ppConnCounts,
 
 // --- tables of rows over one block ---
 
-// The address of the block of a table: that of its first row. A table always has a first row, even one of a
-// network without neurons.
+// The address of the block of a table: that of its first row. A table always has a first row, even
+// one of a network without neurons.
 template <class T>
 T* blockOf(T*** ppp) {
     return ppp[0][0];
 }
 
-// The pointer array of a table: nLayers - 1 layer pointers into its own tail, where the row pointers of all
-// layers lie one layer after the other. Entries behind what the layers need keep blockOf right where there is
-// no layer or no neuron.
+// The pointer array of a table: nLayers - 1 layer pointers into its own tail, where the row
+// pointers of all layers lie one layer after the other. Entries behind what the layers need keep
+// blockOf right where there is no layer or no neuron.
 template <class T>
 T*** allocPointers(const int* pCounts, int nLayers) {
     const std::ptrdiff_t neurons = neuronCount(pCounts, nLayers);
@@ -52,7 +52,8 @@ T*** allocPointers(const int* pCounts, int nLayers) {
     return static_cast<T***>(std::calloc(entries, sizeof(T**)));
 }
 
-// Sets the layer and row pointers of a table to the rows of `block`; widthOf(l, j) is the stride of a row.
+// Sets the layer and row pointers of a table to the rows of `block`; widthOf(l, j) is the stride of
+// a row.
 template <class T, class Width>
 void layRows(T*** ppp, T* block, const int* pCounts, int nLayers, const Width& widthOf) {
     T** rows = reinterpret_cast<T**>(ppp + std::max(nLayers - 1, 1));
@@ -114,8 +115,8 @@ void freeServer(Server<T>* server) {
     std::free(server);
 }
 
-// A copy of the rows of a dense network. Padding that is not copied becomes 0, so that nothing of other
-// memory gets into files.
+// A copy of the rows of a dense network. Padding that is not copied becomes 0, so that nothing of
+// other memory gets into files.
 template <class T>
 T*** copyDenseRows(const Network<T>& network) {
     T*** ppp = allocDenseTable<T>(network.pCounts, network.nLayers);
@@ -145,12 +146,14 @@ Source*** copyPackedRows(const Network<T>& network, Source*** source) {
     return ppp;
 }
 
-// A copy of the counts of connections: nLayers - 1 row pointers, and the rows behind them, in one block.
+// A copy of the counts of connections: nLayers - 1 row pointers, and the rows behind them, in one
+// block.
 template <class T>
 int** copyConnCounts(const Network<T>& network) {
     const std::size_t layers = std::size_t(network.nLayers - 1);
     const std::size_t neurons = std::size_t(neuronCount(network.pCounts, network.nLayers));
-    auto** counts = static_cast<int**>(std::malloc(layers * sizeof(int*) + neurons * sizeof(int) + 1));
+    auto** counts =
+        static_cast<int**>(std::malloc(layers * sizeof(int*) + neurons * sizeof(int) + 1));
     if (counts == nullptr) return nullptr;
     int* row = reinterpret_cast<int*>(counts + layers);
     for (int l = 1; l < network.nLayers; ++l) {
@@ -195,8 +198,8 @@ T* allocBuffer(int n) {
     return buffer.take();
 }
 
-// The neuron counts and the two buffers. That the second buffer could not be had goes unnoticed here;
-// evaluation looks.
+// The neuron counts and the two buffers. That the second buffer could not be had goes unnoticed
+// here; evaluation looks.
 template <class T>
 bool makeLayers(Server<T>* server, const Network<T>& network) {
     server->playerNeuronCounts = allocPlain<int>(network.nLayers);
@@ -266,14 +269,17 @@ template <class T>
 Server<T>* makeServer(const Network<T>& network, const char* funcName) {
     auto* server = static_cast<Server<T>*>(std::calloc(1, sizeof(Server<T>)));
     if (server == nullptr)
-        return refuse<T>(server, KT_StsNoMem, "insufficiency of memory for pointer  pMLPserver", funcName);
+        return refuse<T>(server, KT_StsNoMem, "insufficiency of memory for pointer  pMLPserver",
+                         funcName);
     if (neuronCount(network.pCounts, network.nLayers) < 0)
         return refuse<T>(server, KT_StsNoMem, noMemory, funcName);
     if (network.ppConnCounts != nullptr && !connectionsHold(network))
         return refuse<T>(server, KT_StsBadArg, badConnections, funcName);
-    if (!copyNetwork<T>(server, network) || !makeLayers<T>(server, network) || !allocFunctions<T>(server))
+    if (!copyNetwork<T>(server, network) || !makeLayers<T>(server, network) ||
+        !allocFunctions<T>(server))
         return refuse<T>(server, KT_StsNoMem, noMemory, funcName);
-    if (!chooseFunctions<T>(server, network)) return refuse<T>(server, KT_StsBadArg, noFunctions, funcName);
+    if (!chooseFunctions<T>(server, network))
+        return refuse<T>(server, KT_StsBadArg, noFunctions, funcName);
     server->pThresholds = network.pThresholds;
     std::memcpy(server->identifier, Flavour<T>::identifier, sizeof Flavour<T>::identifier);
     return server;
@@ -294,7 +300,8 @@ T*** setWeightsTable(const int* pCounts, int nLayers, T value, const char* funcN
 
 // The row of one neuron of a dense server, or null where there is none.
 float* rowOf(const sMLPServer* server, int layer, int neuron) {
-    if (server == nullptr || server->ppConnCounts != nullptr || layer < 1 || layer >= server->nLayers)
+    if (server == nullptr || server->ppConnCounts != nullptr || layer < 1 ||
+        layer >= server->nLayers)
         return nullptr;
     if (neuron < 0 || neuron >= server->playerNeuronCounts[layer]) return nullptr;
     return server->pppWeights[layer - 1][neuron];
@@ -336,8 +343,8 @@ sMLPServer* KTsInitMLPServer(float*** pppWeights, int*** pppConnections, int** p
                              const int* pCounts, const KTMLPActivationFn* pActivation,
                              const KTMLPActivationFn* pDerivative, int nLayers, int flags,
                              const float* pThresholds) {
-    return initServer({pppWeights, pppConnections, ppConnCounts, pCounts, pActivation, pDerivative, nLayers,
-                       flags, pThresholds, false},
+    return initServer({pppWeights, pppConnections, ppConnCounts, pCounts, pActivation, pDerivative,
+                       nLayers, flags, pThresholds, false},
                       "KTsInitMLPServer");
 }
 
@@ -345,8 +352,8 @@ wMLPServer* KTwInitMLPServer(short*** pppWeights, int*** pppConnections, int** p
                              const int* pCounts, const KTMLPFixedActivationFn* pActivation,
                              const KTMLPFixedActivationFn* pDerivative, int nLayers, int flags,
                              int weightScale, const short* pThresholds) {
-    return initServer({pppWeights, pppConnections, ppConnCounts, pCounts, pActivation, pDerivative, nLayers,
-                       flags, pThresholds, false},
+    return initServer({pppWeights, pppConnections, ppConnCounts, pCounts, pActivation, pDerivative,
+                       nLayers, flags, pThresholds, false},
                       weightScale, "KTwInitMLPServer");
 }
 

@@ -6,16 +6,18 @@
 #include <cstddef>
 #include <cstdint>
 
-// One network with float weights. nLayers counts the input layer; tables of layers are indexed by l - 1 with
-// l from 1 on, playerNeuronCounts by l. Everything but the thresholds is the server's.
+// One network with float weights. nLayers counts the input layer; tables of layers are indexed by l
+// - 1 with l from 1 on, playerNeuronCounts by l. Everything but the thresholds is the server's.
 struct sMLPServer {
-    char identifier[12];      // "sMLPServer"; the file reader looks at it
-    float*** pppWeights;      // [l - 1][j]: the row of neuron j of layer l; see ktl::perc::WeightTable
+    char identifier[12]; // "sMLPServer"; the file reader looks at it
+    // [l - 1][j]: the row of neuron j of layer l; see ktl::perc::WeightTable
+    float*** pppWeights;
     const float* pThresholds; // the caller's: one per neuron of all weighted layers; may be null
     std::uint32_t flags;
-    int*** pppConnections; // sparse servers: [l - 1][j][i] is an index into the outputs of layer l - 1; else
-                           // null
-    int** ppConnCounts;    // [l - 1][j]: inputs of neuron j; not null marks a sparse server
+    // sparse servers: [l - 1][j][i] is an index into the outputs of layer l - 1; else
+    int*** pppConnections;
+    // null
+    int** ppConnCounts; // [l - 1][j]: inputs of neuron j; not null marks a sparse server
     int* playerNeuronCounts;
     int nLayers;
     KTMLPActivationFn* ppActivation;
@@ -75,15 +77,15 @@ constexpr std::int64_t paddedRow(int n) {
     return (std::int64_t(n) + 3) & ~std::int64_t(3);
 }
 
-// Neurons of all weighted layers; -1 when a count is negative, nLayers is below 1, or memory could not hold
-// them.
+// Neurons of all weighted layers; -1 when a count is negative, nLayers is below 1, or memory could
+// not hold them.
 std::ptrdiff_t neuronCount(const int* pCounts, int nLayers);
 
 // Elements of a dense weight block; -1 as above.
 std::ptrdiff_t ownPaddedWeightCount(const int* pCounts, int nLayers);
 
-// What a constructor is given. The rows are copied; wholeRows says that they have padding, which is copied
-// with them.
+// What a constructor is given. The rows are copied; wholeRows says that they have padding, which is
+// copied with them.
 template <class T>
 struct Network {
     T*** pppWeights;
@@ -102,16 +104,18 @@ struct Network {
 sMLPServer* initServer(const Network<float>& network, const char* funcName);
 wMLPServer* initServer(const Network<short>& network, int weightScale, const char* funcName);
 
-// The same function for every element: such a function may be called once for a whole layer where user
-// functions are called neuron by neuron.
+// The same function for every element: such a function may be called once for a whole layer where
+// user functions are called neuron by neuron.
 bool isElementwise(KTMLPActivationFn function);
 
 } // namespace ktl::perc
 
-// The sums of the fixed flavour: pDest[r] = sum over c below nCols of (ppRows[r][c] * pX[c]) >> (shift modulo
-// 32), each product shifted before it is added, in 32 bits that wrap.
-void ownwMatVec(int* pDest, const short* const* ppRows, const short* pX, int nRows, int nCols, int shift);
+// The sums of the fixed flavour: pDest[r] = sum over c below nCols of (ppRows[r][c] * pX[c]) >>
+// (shift modulo 32), each product shifted before it is added, in 32 bits that wrap.
+void ownwMatVec(int* pDest, const short* const* ppRows, const short* pX, int nRows, int nCols,
+                int shift);
 
-// The outputs of the last layer, on the scale `scale`, as KTwEvalMLPFeedForward returns them; pScaleFactor is
-// not null.
-void ownwScaleOutput(const short* pSrc, short* pDst, int n, int scale, int scaleMode, int* pScaleFactor);
+// The outputs of the last layer, on the scale `scale`, as KTwEvalMLPFeedForward returns them;
+// pScaleFactor is not null.
+void ownwScaleOutput(const short* pSrc, short* pDst, int n, int scale, int scaleMode,
+                     int* pScaleFactor);

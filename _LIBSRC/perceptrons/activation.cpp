@@ -59,9 +59,11 @@ double absDerivative(double x, double sign) {
     return sign == 0.0 ? 0.0 : sign;
 }
 
-// Whether two arrays of n elements have none in common; the order of an elementwise function shows in no other.
+// Whether two arrays of n elements have none in common; the order of an elementwise function shows
+// in no other.
 bool areApart(const float* a, const float* b, int n) {
-    const auto first = reinterpret_cast<std::uintptr_t>(a), second = reinterpret_cast<std::uintptr_t>(b);
+    const auto first = reinterpret_cast<std::uintptr_t>(a),
+               second = reinterpret_cast<std::uintptr_t>(b);
     const auto distance = first < second ? second - first : first - second;
     return n > 0 && distance >= std::uintptr_t(n) * sizeof(float);
 }
@@ -103,7 +105,8 @@ void KTsAbsDerivative(const float* pIn, float* pOut, int n) {
         pOut[i] = float(absDerivative(double(pIn[i]), double(pIn[i])));
 }
 
-// With an inScale of 0 the input is not read: an element's x is the scaled result of the one before it.
+// With an inScale of 0 the input is not read: an element's x is the scaled result of the one before
+// it.
 void KTwSigmoidActivation(const int* pIn, short* pOut, int n, int inScale, int outScale) {
     if (inScale >= 1 && inScale <= 30 && outScale <= -1 && outScale >= -30) {
         vsq::kernels().mlp->sigmoidW(pIn, pOut, n, inScale, -outScale);

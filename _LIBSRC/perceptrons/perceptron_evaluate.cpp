@@ -47,9 +47,10 @@ void evalDense(sMLPServer* server, const float* pInput, int nInputs, float* pOut
     }
 }
 
-// The inputs of one neuron are gathered, and summed as a dense row is; a network described both ways scores
-// the same.
-float sparseSum(const float* row, const int* connections, int count, const float* x, float* gathered) {
+// The inputs of one neuron are gathered, and summed as a dense row is; a network described both
+// ways scores the same.
+float sparseSum(const float* row, const int* connections, int count, const float* x,
+                float* gathered) {
     for (int i = 0; i < count; ++i)
         gathered[i] = x[connections[i]];
     float sum;
@@ -78,7 +79,8 @@ void evalSparseLayer(const sMLPServer* server, int l, const float* x, float* gat
 // Inputs that the caller does not pass count as 0, as they do in the dense form.
 void evalSparse(sMLPServer* server, const float* pInput, int nInputs, float* pOutput) {
     const int width = inputWidth(server, nInputs), last = server->nLayers - 1;
-    std::fill(std::copy_n(pInput, width, server->pLayerOut), server->pLayerOut + server->nBufLen, 0.0f);
+    std::fill(std::copy_n(pInput, width, server->pLayerOut), server->pLayerOut + server->nBufLen,
+              0.0f);
     ktl::Scratch<float> gathered(widestNeuron(server)), x;
     bool exhausted = !gathered;
     for (int l = 1; l <= last && !exhausted; ++l) {
@@ -140,22 +142,26 @@ short shiftedOutput(short value, long long shift) {
 
 } // namespace
 
-void ownwMatVec(int* pDest, const short* const* ppRows, const short* pX, int nRows, int nCols, int shift) {
+void ownwMatVec(int* pDest, const short* const* ppRows, const short* pX, int nRows, int nCols,
+                int shift) {
     vsq::kernels().matvec->rowsW(pDest, ppRows, pX, nRows, nCols, shift);
 }
 
-void ownwScaleOutput(const short* pSrc, short* pDst, int n, int scale, int scaleMode, int* pScaleFactor) {
+void ownwScaleOutput(const short* pSrc, short* pDst, int n, int scale, int scaleMode,
+                     int* pScaleFactor) {
     long long shift = 0; // to the left
     if (scaleMode == KT_FixedScale)
         shift = (long long)scale - *pScaleFactor;
     else if (scaleMode == KT_NoScale)
-        shift = scale > 0 ? -(long long)scale : int(unsigned(scale) & 31); // a negative scale is not negated
+        // a negative scale is not negated
+        shift = scale > 0 ? -(long long)scale : int(unsigned(scale) & 31);
     if (scaleMode != KT_FixedScale) *pScaleFactor = 0;
     for (int i = 0; i < n; ++i)
         pDst[i] = shiftedOutput(pSrc[i], shift);
 }
 
-void KTsEvalMLPFeedForward(sMLPServer* pServer, const float* pInput, int nInputs, float* pOutput, int) {
+void KTsEvalMLPFeedForward(sMLPServer* pServer, const float* pInput, int nInputs, float* pOutput,
+                           int) {
     if (pServer == nullptr || pServer->pLayerOut == nullptr) return;
     if (pServer->ppConnCounts == nullptr)
         evalDense(pServer, pInput, nInputs, pOutput);
@@ -182,6 +188,6 @@ void KTwEvalMLPFeedForward(wMLPServer* pServer, const short* pInput, int nInputs
         if (thresholds != nullptr) thresholds += n;
         width = n;
     }
-    ownwScaleOutput(pServer->pLayerOut, pOutput, std::min(nOutputs, pServer->nBufLen), actScale, scaleMode,
-                    pScale);
+    ownwScaleOutput(pServer->pLayerOut, pOutput, std::min(nOutputs, pServer->nBufLen), actScale,
+                    scaleMode, pScale);
 }

@@ -1,5 +1,6 @@
-// Multilayer perceptrons on streams: the image of the record in a 32-bit build, the neuron counts and the
-// weight block with its padding, all little-endian. Pointers are written as 0 and not looked at.
+// Multilayer perceptrons on streams: the image of the record in a 32-bit build, the neuron counts
+// and the weight block with its padding, all little-endian. Pointers are written as 0 and not
+// looked at.
 #include "perceptrons/KT_PERC.h"
 
 #include "frame/scratch.h"
@@ -17,14 +18,14 @@ constexpr char ioError[] = "input_output_error";
 constexpr char noCounts[] = "insufficiency of memory for pointer  pMLPServer0. playerNeuronCounts";
 constexpr char sparseRefused[] = "a sparse network cannot be written";
 
-// Offsets in the header; the words behind the two function tables stand 4 bytes further on in the fixed
-// flavour.
+// Offsets in the header; the words behind the two function tables stand 4 bytes further on in the
+// fixed flavour.
 constexpr int atFlags = 20, atLayers = 36, atWeightScale = 48, identifierBytes = 12;
 template <class T>
 constexpr int headerBytes = std::is_same_v<T, float> ? 60 : 64;
 
-// A network file may claim any sizes. Rows and inputs that no stored weight stands for are limited to this
-// number.
+// A network file may claim any sizes. Rows and inputs that no stored weight stands for are limited
+// to this number.
 constexpr std::int64_t mostWithoutWeights = 65536;
 
 constexpr std::size_t pieceBytes = 0x10000;
@@ -48,8 +49,8 @@ int wordAt(const unsigned char* bytes) {
 
 enum class Outcome { complete, streamEnded, noMemory };
 
-// `count` elements from a stream that may hold fewer: memory grows with what has really come, at most to
-// twice as much.
+// `count` elements from a stream that may hold fewer: memory grows with what has really come, at
+// most to twice as much.
 template <class U>
 Outcome readGrowing(FILE* stream, std::ptrdiff_t count, Scratch<U>& elements) {
     constexpr auto firstPiece = std::ptrdiff_t(pieceBytes / sizeof(U));
@@ -75,7 +76,8 @@ void encodeHeader(const Server<T>* server, unsigned char* header) {
     std::memcpy(header, server->identifier, identifierBytes);
     setWordAt(header + atFlags, server->flags);
     setWordAt(header + atLayers, unsigned(server->nLayers));
-    if constexpr (std::is_same_v<T, short>) setWordAt(header + atWeightScale, unsigned(server->weightScale));
+    if constexpr (std::is_same_v<T, short>)
+        setWordAt(header + atWeightScale, unsigned(server->weightScale));
     setWordAt(header + headerBytes<T> - 4, unsigned(server->nBufLen));
 }
 
@@ -93,7 +95,8 @@ void writeServer(FILE* stream, const Server<T>* server, const char* funcName) {
         module.report(KT_StsNoMem, ioError, funcName);
         return;
     }
-    const std::ptrdiff_t weights = ownPaddedWeightCount(server->playerNeuronCounts, server->nLayers);
+    const std::ptrdiff_t weights =
+        ownPaddedWeightCount(server->playerNeuronCounts, server->nLayers);
     if (!writeElements(stream, server->pppWeights[0][0], std::size_t(weights)))
         module.report(KT_StsBadState, ioError, funcName);
 }
@@ -148,7 +151,8 @@ wMLPServer* construct(const Network<short>& network, const unsigned char* header
 template <class T>
 Server<T>* readServer(FILE* stream, const char* badIdentifier, const char* funcName) {
     unsigned char header[headerBytes<T>];
-    if (stream == nullptr || std::fread(header, 1, sizeof header, stream) != sizeof header) return nullptr;
+    if (stream == nullptr || std::fread(header, 1, sizeof header, stream) != sizeof header)
+        return nullptr;
     if (std::memcmp(header, Flavour<T>::identifier, sizeof Flavour<T>::identifier) != 0) {
         module.report(KT_StsBadArg, badIdentifier, funcName);
         return nullptr;
@@ -162,8 +166,8 @@ Server<T>* readServer(FILE* stream, const char* badIdentifier, const char* funcN
     }
     T*** ppp = readTable<T>(stream, counts.get(), nLayers, funcName);
     if (ppp == nullptr) return nullptr;
-    Server<T>* server = construct(Network<T>{ppp, nullptr, nullptr, counts.get(), nullptr, nullptr, nLayers,
-                                             wordAt(header + atFlags), nullptr, true},
+    Server<T>* server = construct(Network<T>{ppp, nullptr, nullptr, counts.get(), nullptr, nullptr,
+                                             nLayers, wordAt(header + atFlags), nullptr, true},
                                   header);
     freeTable(ppp);
     return server;

@@ -1,6 +1,7 @@
-// Back-propagation: online gradient descent with momentum (D. Rumelhart, G. Hinton, R. Williams, "Learning
-// representations by back-propagating errors", 1986). Weights change after every pattern, layer by layer from
-// the output down, and each layer's deltas come from the weights above as they have just been changed.
+// Back-propagation: online gradient descent with momentum (D. Rumelhart, G. Hinton, R. Williams,
+// "Learning representations by back-propagating errors", 1986). Weights change after every pattern,
+// layer by layer from the output down, and each layer's deltas come from the weights above as they
+// have just been changed.
 #include "perceptrons/KT_PERC.h"
 
 #include "frame/scratch.h"
@@ -34,11 +35,13 @@ struct Training {
     const float** ppInputs;
     const float** ppTargets;
     int nPatterns;
-    int nInputs; // the running width: the caller's for the first pattern, the output layer's from then on
+    // the running width: the caller's for the first pattern, the output layer's from then on
+    int nInputs;
     int nOutputs;
     double learningRate;
     double momentum;
-    float* pY;     // outputs of the weighted layers one after the other; in the backward pass their deltas
+    // outputs of the weighted layers one after the other; in the backward pass their deltas
+    float* pY;
     float* slopes; // derivatives of one layer
     double* sums;  // weighted deltas of one layer
 };
@@ -58,8 +61,8 @@ void apply(KTMLPActivationFn function, const float* in, float* out, int n) {
         function(&in[j], &out[j], 1);
 }
 
-// Sets the first `count` weights of the block, the count of the live ones. Rows that have padding make the
-// block longer: its tail keeps what it holds, on purpose.
+// Sets the first `count` weights of the block, the count of the live ones. Rows that have padding
+// make the block longer: its tail keeps what it holds, on purpose.
 void ownsSetAllWeights(sMLPServer* server, float value) {
     std::ptrdiff_t count = 0;
     for (int l = 1; l < server->nLayers; ++l)
@@ -79,8 +82,8 @@ double getErrSumMLPBackProp(const Training& t, float* pOutputBuffer) {
     return sum / (2.0 * t.nPatterns);
 }
 
-// The sums of one layer. With KT_MLP_THRESHOLD the first weight of a row is its threshold and the first input
-// is skipped.
+// The sums of one layer. With KT_MLP_THRESHOLD the first weight of a row is its threshold and the
+// first input is skipped.
 void sumLayer(const sMLPServer* server, int layer, const float* x, int width, float* sums) {
     const float* const* rows = server->pppWeights[layer - 1];
     const int n = widthOf(server, layer);
@@ -110,10 +113,12 @@ void forward(Training& t, const float* pattern) {
     t.nInputs = width;
 }
 
-// Changes the weights of `layer` by the deltas of its first nRows neurons; x is what the layer has read.
+// Changes the weights of `layer` by the deltas of its first nRows neurons; x is what the layer has
+// read.
 void descend(const Training& t, int layer, const float* deltas, int nRows, const float* x) {
-    vsq::kernels().mlp->descend(t.server->pppWeights[layer - 1], t.changes->pppWeights[layer - 1], x, deltas,
-                                t.learningRate, t.momentum, nRows, widthOf(t.server, layer - 1));
+    vsq::kernels().mlp->descend(t.server->pppWeights[layer - 1], t.changes->pppWeights[layer - 1],
+                                x, deltas, t.learningRate, t.momentum, nRows,
+                                widthOf(t.server, layer - 1));
 }
 
 // Outputs become deltas by the error and the derivative at the output.
@@ -152,8 +157,8 @@ void trainPattern(Training& t, int pattern) {
     }
 }
 
-// Presents the patterns in cyclic order, each epoch from one further on, until the error is small enough or
-// maxEpochs are over; the number of epochs run.
+// Presents the patterns in cyclic order, each epoch from one further on, until the error is small
+// enough or maxEpochs are over; the number of epochs run.
 int runEpochs(Training& t, int maxEpochs, double errorThreshold, float* pOutputBuffer) {
     int epoch = 0, start = 0;
     while (epoch < maxEpochs) {
@@ -176,15 +181,17 @@ sMLPServer* makeChanges(const sMLPServer* server) {
 
 } // namespace
 
-void KTsTrainMLPBackPropagation(sMLPServer* pServer, const float** ppInputs, int nPatterns, int nInputs,
-                                const float** ppTargets, int nOutputs, float learningRate, int maxEpochs,
-                                float errorThreshold, float momentum, int* pEpochs) {
+void KTsTrainMLPBackPropagation(sMLPServer* pServer, const float** ppInputs, int nPatterns,
+                                int nInputs, const float** ppTargets, int nOutputs,
+                                float learningRate, int maxEpochs, float errorThreshold,
+                                float momentum, int* pEpochs) {
     if (pServer == nullptr) return;
     if (pServer->ppConnCounts != nullptr) {
         module.report(KT_StsUnsupported, sparseRefused);
         return;
     }
-    // Outputs beyond the last layer have no weights, and neither the error nor the deltas look at them.
+    // Outputs beyond the last layer have no weights, and neither the error nor the deltas look at
+    // them.
     const int lastWidth = widthOf(pServer, pServer->nLayers - 1);
     const int outputs = pServer->nLayers < 2 ? 0 : std::clamp(nOutputs, 0, lastWidth);
     const std::ptrdiff_t neurons = neuronCount(pServer->playerNeuronCounts, pServer->nLayers);
@@ -200,7 +207,8 @@ void KTsTrainMLPBackPropagation(sMLPServer* pServer, const float** ppInputs, int
         return;
     }
     ownsSetAllWeights(server2.server, 0.0f);
-    std::fill_n(pY.get(), neurons + pServer->nBufLen, 0.0f); // what a layer without a function keeps
+    // what a layer without a function keeps
+    std::fill_n(pY.get(), neurons + pServer->nBufLen, 0.0f);
     ktl::AlignedScratch<float> o(lastWidth);
     if (!o) {
         module.report(KT_StsNoMem, noErrorBuffer, "getErrSumMLPBackProp");

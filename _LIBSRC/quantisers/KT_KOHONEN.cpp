@@ -1,9 +1,9 @@
 // The search step of a self-organising map.
 //
-// Fixed flavour: squared distances are 32-bit sums of squares of 17-bit differences and wrap, or, where the
-// result is scaled to its own size, exact sums rounded to float. The caller's array of 32-bit words holds
-// those floats until they are converted in place; it is read and written as words through the kernels, never
-// as both types at once.
+// Fixed flavour: squared distances are 32-bit sums of squares of 17-bit differences and wrap, or,
+// where the result is scaled to its own size, exact sums rounded to float. The caller's array of
+// 32-bit words holds those floats until they are converted in place; it is read and written as
+// words through the kernels, never as both types at once.
 #include "frame/types.h"
 
 #include "levels/levels.h"
@@ -70,8 +70,8 @@ void chooseBest(const Word* distances, int nCodes, int* indices, int nBest) {
 }
 
 // Distances as floats in the array itself, then converted to integers there.
-void scaledDistances(const short* vector, short** codes, int* distances, int nDim, int nCodes, bool wantsRoot,
-                     int scaleMode, int* scale) {
+void scaledDistances(const short* vector, short** codes, int* distances, int nDim, int nCodes,
+                     bool wantsRoot, int scaleMode, int* scale) {
     auto* const floats = reinterpret_cast<float*>(distances);
     kernels().squaresOfShorts(vector, codes, distances, nDim, nCodes);
     if (wantsRoot) vsqsbSqrt1(floats, floats, nCodes);
@@ -103,8 +103,8 @@ void KTsVQKohonen(const float* pVector, float** ppCodes, float* pDistances, int 
     chooseBest(pDistances, nCodes, pIndices, nBest);
 }
 
-void KTwVQKohonen(const short* pVector, short** ppCodes, int* pDistances, int nDim, int nCodes, int* pIndices,
-                  int nBest, int bRoot, int scaleMode, int* pScale) {
+void KTwVQKohonen(const short* pVector, short** ppCodes, int* pDistances, int nDim, int nCodes,
+                  int* pIndices, int nBest, int bRoot, int scaleMode, int* pScale) {
     if (nCodes <= 0) return;
     int noScale = 0;
     int* const scale = pScale != nullptr ? pScale : &noScale;

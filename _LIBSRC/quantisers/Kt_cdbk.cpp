@@ -1,8 +1,9 @@
 // Tree codebooks: training, quantising, release.
 //
-// Fixed flavour: distances are the kernels' integer norms (64-bit sums, the root truncated, saturated at
-// 0x7FFFFFFF), so close vectors tie, and ties go right. A centroid is the mean in double, truncated toward
-// zero; it never leaves the range of its members, so nothing saturates or wraps.
+// Fixed flavour: distances are the kernels' integer norms (64-bit sums, the root truncated,
+// saturated at 0x7FFFFFFF), so close vectors tie, and ties go right. A centroid is the mean in
+// double, truncated toward zero; it never leaves the range of its members, so nothing saturates or
+// wraps.
 #include "quantisers/Kt_cdbk.h"
 #include "frame/KT_ERROR.h"
 #include "quantisers/descent.h"
@@ -32,7 +33,8 @@ struct FloatFlavour {
     static void addTo(double* sums, const float* row, int nDim) {
         vsq::kernels().tree->addFloats(row, sums, nDim);
     }
-    // The mean of no members is 0 / 0, a not-a-number: no vector is at a distance from it that compares.
+    // The mean of no members is 0 / 0, a not-a-number: no vector is at a distance from it that
+    // compares.
     static float mean(double sum, int count) {
         if (count == 0) return std::numeric_limits<float>::quiet_NaN();
         return static_cast<float>(sum) / static_cast<float>(count);
@@ -64,7 +66,8 @@ struct FixedFlavour {
 
 template <class Flavour>
 double distanceOfRows(const Vectors& vectors, int first, int second) {
-    const auto* const* rows = static_cast<const typename Flavour::Sample* const*>(vectors.ppVectors);
+    const auto* const* rows =
+        static_cast<const typename Flavour::Sample* const*>(vectors.ppVectors);
     return Flavour::distance(rows[first], rows[second], vectors.nDim);
 }
 
@@ -108,7 +111,8 @@ public:
         codebook->ppCentroids = ktl::allocPlain<void*>(nSize > 1 ? nSize : 1);
         codebook->pRoot = addCluster<Sample>(*codebook);
         sums = ktl::Scratch<double>(2 * std::int64_t(set.nDim));
-        if (codebook->ppCentroids == nullptr || codebook->pRoot == nullptr || !sums || !fillRoot()) {
+        if (codebook->ppCentroids == nullptr || codebook->pRoot == nullptr || !sums ||
+            !fillRoot()) {
             KT_FreeCodebook(codebook);
             return nullptr;
         }
@@ -166,14 +170,16 @@ private:
     }
 
     static bool isLargest(int flags) { return (flags & KT_CB_SPLIT_LARGEST) != 0; }
-    static bool isWidest(int flags) { return !isLargest(flags) && (flags & KT_CB_SPLIT_WIDEST) != 0; }
+    static bool isWidest(int flags) {
+        return !isLargest(flags) && (flags & KT_CB_SPLIT_WIDEST) != 0;
+    }
 
-    // The root is what stays selected when no rule selects a leaf; but one without any spread is not split
-    // for width.
+    // The root is what stays selected when no rule selects a leaf; but one without any spread is
+    // not split for width.
     KTCluster** selectRoot(int flags) { return isWidest(flags) ? select(flags) : &firstLeaf; }
 
-    // The link to the leaf to split next, the leftmost of equals. Null when there is none, or no flag that
-    // chooses: a cluster that has been split is not split again.
+    // The link to the leaf to split next, the leftmost of equals. Null when there is none, or no
+    // flag that chooses: a cluster that has been split is not split again.
     KTCluster** select(int flags) {
         KTCluster** best = nullptr;
         double most = 0;
@@ -195,8 +201,9 @@ private:
         KTCluster* const left = addCluster<Sample>(*codebook);
         KTCluster* const right = left != nullptr ? addCluster<Sample>(*codebook) : nullptr;
         if (right == nullptr) return KT_StsNoMem;
-        const bool isDone = cluster->pEmptySibling != nullptr ? repeatParentsSplit(cluster, left, right)
-                                                              : divide(cluster, left, right);
+        const bool isDone = cluster->pEmptySibling != nullptr
+                                ? repeatParentsSplit(cluster, left, right)
+                                : divide(cluster, left, right);
         if (!isDone) return KT_StsNoMem;
         adopt(link, left, right);
         return KT_StsOk;
@@ -206,12 +213,14 @@ private:
         const int n = cluster->nMembers;
         if (n > 0) {
             points.select(cluster->pMembers, n, cluster->hasOwnFrame);
-            label(cluster, rows[cluster->pMembers[cluster->iFar1]], rows[cluster->pMembers[cluster->iFar2]]);
+            label(cluster, rows[cluster->pMembers[cluster->iFar1]],
+                  rows[cluster->pMembers[cluster->iFar2]]);
         }
         centroidsOfSides(cluster, centroidOf(left), centroidOf(right));
         label(cluster, centroidOf(left), centroidOf(right));
         if (!listMembers(cluster, 'L', left) || !listMembers(cluster, 'R', right)) return false;
-        // A child keeps the mean of the first partition, though its members are those of the second.
+        // A child keeps the mean of the first partition, though its members are those of the
+        // second.
         for (KTCluster* child : {left, right}) {
             if (n > 0 && child->nMembers == n) {
                 child->pEmptySibling = child == left ? right : left;
@@ -265,18 +274,21 @@ private:
         *link = left;
     }
 
-    // labels()[i] becomes 'R' for the members that are no farther from the right seed than from the left one,
-    // 'L' for the others, as the distances say.
+    // labels()[i] becomes 'R' for the members that are no farther from the right seed than from the
+    // left one, 'L' for the others, as the distances say.
     void label(KTCluster* cluster, const Sample* left, const Sample* right) {
         const int* const members = cluster->pMembers;
         const int nDim = set.nDim;
-        points.label(members, cluster->nMembers,
-                     planeBetween(left, right, points.frame(), nDim, Flavour::unit, points.normal()));
+        points.label(
+            members, cluster->nMembers,
+            planeBetween(left, right, points.frame(), nDim, Flavour::unit, points.normal()));
         char* const labels = points.labels();
         for (int i = 0; i < cluster->nMembers; ++i) {
             if (labels[i] != '?') continue;
             const Sample* const row = rows[members[i]];
-            labels[i] = Flavour::distance(row, right, nDim) <= Flavour::distance(row, left, nDim) ? 'R' : 'L';
+            labels[i] = Flavour::distance(row, right, nDim) <= Flavour::distance(row, left, nDim)
+                            ? 'R'
+                            : 'L';
         }
     }
 
@@ -318,7 +330,9 @@ private:
         Flavour::setSpread(*cluster, pair.spread);
     }
 
-    static Sample* centroidOf(KTCluster* cluster) { return static_cast<Sample*>(cluster->pCentroid); }
+    static Sample* centroidOf(KTCluster* cluster) {
+        return static_cast<Sample*>(cluster->pCentroid);
+    }
 
     Sample** rows;
     Vectors set;
@@ -329,8 +343,8 @@ private:
 };
 
 template <class Flavour>
-KTCodebook* make(typename Flavour::Sample** ppVectors, int* pLabels, int nVectors, int nDim, int nSize,
-                 int flags, const char* funcName) {
+KTCodebook* make(typename Flavour::Sample** ppVectors, int* pLabels, int nVectors, int nDim,
+                 int nSize, int flags, const char* funcName) {
     if ((flags & KT_CB_EUCLID) == 0) {
         module.report(KT_StsBadArg, "No distance is choosen in input flags.", funcName);
         return nullptr;
@@ -355,10 +369,11 @@ KTCodebook* make(typename Flavour::Sample** ppVectors, int* pLabels, int nVector
 
 // --- quantising ---
 
-// A walk down the tree by the distances alone: the leaf, or null when there is none within `depth` steps.
+// A walk down the tree by the distances alone: the leaf, or null when there is none within `depth`
+// steps.
 template <class Sample, class Distance>
-const KTCluster* walk(const KTCodebook& codebook, const KTCluster* node, const Sample* row, int nDim,
-                      const Distance& distance) {
+const KTCluster* walk(const KTCodebook& codebook, const KTCluster* node, const Sample* row,
+                      int nDim, const Distance& distance) {
     while (node->level <= codebook.depth) {
         if (node->isLeaf != 0) return node;
         const auto dL = distance(row, static_cast<const Sample*>(node->pLeft->pCentroid), nDim);
@@ -382,27 +397,30 @@ bool canQuantise(const KTCodebook* codebook, int completeFlags, int nDim) {
     return codebook != nullptr && codebook->flags == completeFlags && nDim > 0;
 }
 
-// Quantises all vectors and returns the sum of the distances from their cells' centroids. `isTrainings` says
-// that `distance` is the one of the training, for which the planes of the descent stand.
+// Quantises all vectors and returns the sum of the distances from their cells' centroids.
+// `isTrainings` says that `distance` is the one of the training, for which the planes of the
+// descent stand.
 template <class Sample, class Distance>
 double quantise(Quantising& call, Sample** ppVectors, bool isTrainings, const Distance& distance) {
     const KTCodebook& codebook = *call.codebook;
-    const KTDescent* const descent = isTrainings && call.nDim == codebook.nDim ? codebook.pDescent : nullptr;
+    const KTDescent* const descent =
+        isTrainings && call.nDim == codebook.nDim ? codebook.pDescent : nullptr;
     const int length = call.nDim < codebook.nDim ? call.nDim : codebook.nDim;
     double total = 0;
     for (int start = 0; start < call.nVectors; start += vsq::descendGroup) {
-        const int left = call.nVectors - start, count = left < vsq::descendGroup ? left : vsq::descendGroup;
+        const int left = call.nVectors - start,
+                  count = left < vsq::descendGroup ? left : vsq::descendGroup;
         const KTCluster* nodes[vsq::descendGroup];
         if (descent != nullptr) descendWhileSure(*descent, ppVectors + start, count, nodes);
         for (int i = 0; i < count; ++i) {
             const Sample* const row = ppVectors[start + i];
-            const KTCluster* const leaf =
-                walk(codebook, descent != nullptr ? nodes[i] : codebook.pRoot, row, length, distance);
+            const KTCluster* const leaf = walk(
+                codebook, descent != nullptr ? nodes[i] : codebook.pRoot, row, length, distance);
             if (call.pIndex != nullptr) call.pIndex[start + i] = leaf != nullptr ? leaf->cell : 0;
             call.hasAll = call.hasAll && leaf != nullptr;
             if (call.wantsTotal && leaf != nullptr)
-                total +=
-                    distance(row, static_cast<const Sample*>(codebook.ppCentroids[leaf->cell - 1]), length);
+                total += distance(
+                    row, static_cast<const Sample*>(codebook.ppCentroids[leaf->cell - 1]), length);
         }
     }
     return total;
@@ -426,11 +444,13 @@ void reportMissing(const Quantising& call) {
 
 } // namespace
 
-KTCodebook* KTsMakeCodebook(float** ppVectors, int* pLabels, int nVectors, int nDim, int nSize, int flags) {
+KTCodebook* KTsMakeCodebook(float** ppVectors, int* pLabels, int nVectors, int nDim, int nSize,
+                            int flags) {
     return make<FloatFlavour>(ppVectors, pLabels, nVectors, nDim, nSize, flags, "KTsMakeCodebook");
 }
 
-KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVectors, int nDim, int nSize, int flags) {
+KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVectors, int nDim, int nSize,
+                            int flags) {
     return make<FixedFlavour>(ppVectors, pLabels, nVectors, nDim, nSize, flags, "KTwMakeCodebook");
 }
 
@@ -466,7 +486,8 @@ void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex, int nV
         total = quantise(call, ppVectors, true, FixedFlavour::distance);
     else
         total = quantise(call, ppVectors, false, distance);
-    if (pDistortion != nullptr) *pDistortion = KTdiConvertDown(meanOf(total, nVectors), scaleMode, scale);
+    if (pDistortion != nullptr)
+        *pDistortion = KTdiConvertDown(meanOf(total, nVectors), scaleMode, scale);
     reportMissing(call);
 }
 

@@ -1,12 +1,12 @@
-// The records of tree codebooks. Callers of the library see KTCodebook as an opaque record; other modules use
-// the exported functions.
+// The records of tree codebooks. Callers of the library see KTCodebook as an opaque record; other
+// modules use the exported functions.
 #pragma once
 
 #include "frame/types.h"
 
 struct KTCluster {
-    // The distance between the two farthest members: a double in the float flavour; in the fixed flavour the
-    // 32-bit integer distance in the low half, the other half 0.
+    // The distance between the two farthest members: a double in the float flavour; in the fixed
+    // flavour the 32-bit integer distance in the low half, the other half 0.
     union {
         double wide;
         int halves[2];

@@ -1,11 +1,11 @@
-// The thread's two semicontinuous codebooks: made from labelled vectors or from given densities, copied,
-// released.
+// The thread's two semicontinuous codebooks: made from labelled vectors or from given densities,
+// copied, released.
 #include "quantisers/density_codebook.h"
 
 #include "frame/KT_ERROR.h"
+#include "frame/scratch.h"
 #include "mixtures/KT_GAUSS.h"
 #include "models/layout.h"
-#include "frame/scratch.h"
 
 #include "levels/levels.h"
 
@@ -32,7 +32,8 @@ struct FloatForm {
     static float weightOf(const GaussMixServer* server) { return server->pNormWeights[0]; }
     static GaussMixServer* copy(const GaussMixServer* s) {
         return KTsInitGaussMixServer(weights<float>(s), means<float>(s), matrices<float>(s),
-                                     diagonals<float>(s), s->nDim, s->nMix, s->flags | KT_GAUSS_BLOCK);
+                                     diagonals<float>(s), s->nDim, s->nMix,
+                                     s->flags | KT_GAUSS_BLOCK);
     }
 };
 
@@ -46,8 +47,8 @@ struct FixedForm {
     static short weightOf(const GaussMixServer* server) { return weights<short>(server)[0]; }
     static GaussMixServer* copy(const GaussMixServer* s) {
         return KTwInitGaussMixServer(weights<short>(s), means<short>(s), matrices<short>(s),
-                                     diagonals<short>(s), s->nDim, s->nMix, s->flags | KT_GAUSS_BLOCK,
-                                     s->scale);
+                                     diagonals<short>(s), s->nDim, s->nMix,
+                                     s->flags | KT_GAUSS_BLOCK, s->scale);
     }
 };
 
@@ -119,7 +120,8 @@ int initialise(GaussMixServer** ppServers, int nSymbols, int nQuant) {
     if (codebook == nullptr || codebook->status != 0 || nSymbols < 0) return -1;
     // a density that evaluation would read beyond is refused here, where it costs one look
     for (int k = 0; k < nSymbols; ++k)
-        if (ppServers[k] == nullptr || !Form::matches(ppServers[k]) || ppServers[k]->nDim < nQuant) return -1;
+        if (ppServers[k] == nullptr || !Form::matches(ppServers[k]) || ppServers[k]->nDim < nQuant)
+            return -1;
     return fill<Form>(
         codebook, nSymbols, nQuant, [=](int k) { return Form::copy(ppServers[k]); },
         [](const SemicontCodebook& made, int k) { return Form::weightOf(made.ccgPdfs[k]); });
@@ -139,8 +141,8 @@ int release() {
     return KTGetStatus() < 0 ? -1 : 1;
 }
 
-// The source has to be empty: one that holds densities is refused. What comes out is a target without
-// densities.
+// The source has to be empty: one that holds densities is refused. What comes out is a target
+// without densities.
 template <class Source, class Target, class Convert, class Weight>
 int convertCodebook(Convert convert, Weight weight) {
     SemicontCodebook* target = startedCodebook<Target>();
@@ -149,7 +151,8 @@ int convertCodebook(Convert convert, Weight weight) {
     if (source->status != 0) return -1;
     if (target->status != 0) release<Target>();
     return fill<Target>(
-        target, source->nSymbols, source->nQuant, [=](int k) { return convert(source->ccgPdfs[k]); },
+        target, source->nSymbols, source->nQuant,
+        [=](int k) { return convert(source->ccgPdfs[k]); },
         [=](const SemicontCodebook&, int k) { return weight(source, k); });
 }
 
@@ -157,7 +160,8 @@ int convertCodebook(Convert convert, Weight weight) {
 
 // The vectors of one label, in their order; an empty guard when memory ran out.
 template <class T>
-ktl::Scratch<T*> membersOf(int label, T** ppVectors, const int* pLabels, int nVectors, int* pCount) {
+ktl::Scratch<T*> membersOf(int label, T** ppVectors, const int* pLabels, int nVectors,
+                           int* pCount) {
     int count = 0;
     for (int i = 0; i < nVectors; ++i)
         count += pLabels[i] == label;
@@ -177,8 +181,8 @@ GaussMixServer* built(short** ppVectors, int n, int nDim, int flags) {
     return KTwBuildGaussMixServer(ppVectors, n, nDim, flags);
 }
 
-// The inverse of what build gives, ready to evaluate; null after a report or for a singular covariance. Takes
-// `raw` over.
+// The inverse of what build gives, ready to evaluate; null after a report or for a singular
+// covariance. Takes `raw` over.
 GaussMixServer* inverted(GaussMixServer* raw, int flags) {
     bool released = false;
     GaussMixServer* server = ktl::gauss::invert(raw, flags, &released);
@@ -210,11 +214,13 @@ void make(T** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbol
         }
         if (cannotBeInverted(count, nDim, flags)) {
             freeServers(servers, nSymbols);
-            module.report(KT_StsBadArg, "a class has too few vectors for a full covariance", funcName);
+            module.report(KT_StsBadArg, "a class has too few vectors for a full covariance",
+                          funcName);
             return;
         }
         servers[q] = finish(inverted(built(members.get(), count, nDim, flags), flags));
-        if (servers[q] == nullptr) { // memory ran out, which has been reported, or the covariance is singular
+        // memory ran out, which has been reported, or the covariance is singular
+        if (servers[q] == nullptr) {
             freeServers(servers, nSymbols);
             return;
         }
@@ -240,7 +246,8 @@ bool ownsPreparePdfs(SemicontCodebook* codebook) {
         mean[k] = full ? nullptr : means<float>(density[k])[0];
         diagonal[k] = full ? nullptr : diagonals<float>(density[k])[0];
     }
-    vsq::kernels().mahal->fillPanel(mean, diagonal, n, length, hmm::aligned<double>(codebook->pPanel, 64));
+    vsq::kernels().mahal->fillPanel(mean, diagonal, n, length,
+                                    hmm::aligned<double>(codebook->pPanel, 64));
     return true;
 }
 
@@ -256,18 +263,19 @@ const short* ownwSemicontWeights(const SemicontCodebook* codebook) {
     return hmm::aligned<short>(codebook->pWeights, hmm::fixedAlignment);
 }
 
-void KTsMakeSemicontCodebook(float** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbols,
-                             int flags) {
+void KTsMakeSemicontCodebook(float** ppVectors, const int* pLabels, int nVectors, int nDim,
+                             int nSymbols, int flags) {
     make(
         ppVectors, pLabels, nVectors, nDim, nSymbols, flags, "KTsMakeSemicontCodebook",
         [](GaussMixServer* server) { return server; }, KTsInitSemicontCodebook);
 }
 
-void KTwMakeSemicontCodebook(short** ppVectors, const int* pLabels, int nVectors, int nDim, int nSymbols,
-                             int flags, int meanScale, int invCovScale) {
+void KTwMakeSemicontCodebook(short** ppVectors, const int* pLabels, int nVectors, int nDim,
+                             int nSymbols, int flags, int meanScale, int invCovScale) {
     const auto toFixed = [=](GaussMixServer* server) {
-        GaussMixServer* fixed =
-            server != nullptr ? KTswConvertGaussMixServer(server, 0, meanScale, invCovScale) : nullptr;
+        GaussMixServer* fixed = server != nullptr
+                                    ? KTswConvertGaussMixServer(server, 0, meanScale, invCovScale)
+                                    : nullptr;
         KTsFreeGaussMixServer(server);
         return fixed;
     };

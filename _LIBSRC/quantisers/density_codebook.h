@@ -1,4 +1,5 @@
-// The codebook of densities that all semicontinuous models of a thread share, one for each numeric form.
+// The codebook of densities that all semicontinuous models of a thread share, one for each numeric
+// form.
 #pragma once
 
 #include "frame/context.h"
@@ -10,24 +11,27 @@ inline constexpr int SEMICONT_OWNS_PDFS = 0x40000000;
 struct SemicontCodebook {
     int nSymbols; // number of densities
     int nQuant;   // length of the feature vectors
-    int status; // 0: empty; SEMICONT_OWNS_PDFS with HMM_SERVER_FLOAT or HMM_SERVER_SHORT: holds densities of
-                // its own
+    // 0: empty; SEMICONT_OWNS_PDFS with HMM_SERVER_FLOAT or HMM_SERVER_SHORT: holds densities of
+    int status;
+    // its own
     int reserved;
     GaussMixServer** ccgPdfs; // nSymbols servers of one mixture
     void* spare0;
     void* spare1;
-    void* pWeights; // raw block; the nSymbols weights begin at its first 16-byte (float) or 8-byte (short)
-                    // boundary
+    // raw block; the nSymbols weights begin at its first 16-byte (float) or 8-byte (short)
+    void* pWeights;
+    // boundary
     void* pFurther; // released with the codebook; nothing sets it
 
-    // Of a float codebook, what evaluation reads instead of the densities' own rows: a panel of vsqmahal_level.h of
-    // nSymbols rows of max(nQuant, 0) elements, full densities being zeros; null where no density is diagonal.
+    // Of a float codebook, what evaluation reads instead of the densities' own rows: a panel of
+    // vsqmahal_level.h of nSymbols rows of max(nQuant, 0) elements, full densities being zeros;
+    // null where no density is diagonal.
     void* pPanel;
     int nFull; // densities with a full covariance
 };
 
-// Prepares pPanel and nFull from densities that are all there; false when memory ran out. Whoever frees the densities
-// frees pPanel.
+// Prepares pPanel and nFull from densities that are all there; false when memory ran out. Whoever
+// frees the densities frees pPanel.
 bool ownsPreparePdfs(SemicontCodebook* codebook);
 const double* ownsSemicontPanel(const SemicontCodebook* codebook);
 

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-// Arrays by node, in the order of a walk level by level; each is freed with the record. One node more, a
-// leaf, stands at the end: there points wait that are in doubt.
+// Arrays by node, in the order of a walk level by level; each is freed with the record. One node
+// more, a leaf, stands at the end: there points wait that are in doubt.
 struct KTDescent {
     int nDim;
     vsq::PlaneTree tree;
@@ -25,8 +25,8 @@ bool allocate(KTDescent& descent, int nodes) {
     descent.children = allocPlain<int>(all);
     descent.normals = allocPlain<float>(all * descent.tree.stride);
     descent.centre = allocPlain<float>(descent.nDim);
-    return descent.clusters != nullptr && descent.planes != nullptr && descent.children != nullptr &&
-           descent.normals != nullptr && descent.centre != nullptr;
+    return descent.clusters != nullptr && descent.planes != nullptr &&
+           descent.children != nullptr && descent.normals != nullptr && descent.centre != nullptr;
 }
 
 void fillLeaf(KTDescent& descent, int node) {
@@ -47,10 +47,10 @@ void fillNodes(KTDescent& descent, const KTCluster* root, double unit) {
             fillLeaf(descent, node);
             continue;
         }
-        descent.planes[node] =
-            planeBetween(static_cast<const Sample*>(cluster->pLeft->pCentroid),
-                         static_cast<const Sample*>(cluster->pRight->pCentroid), frame, descent.nDim, unit,
-                         descent.normals + std::ptrdiff_t(node) * descent.tree.stride);
+        descent.planes[node] = planeBetween(
+            static_cast<const Sample*>(cluster->pLeft->pCentroid),
+            static_cast<const Sample*>(cluster->pRight->pCentroid), frame, descent.nDim, unit,
+            descent.normals + std::ptrdiff_t(node) * descent.tree.stride);
         descent.children[node] = known;
         descent.clusters[known++] = cluster->pLeft;
         descent.clusters[known++] = cluster->pRight;
@@ -112,7 +112,8 @@ void descendWhileSure(const KTDescent& descent, const Sample* const* rows, int c
     const int stride = descent.tree.stride;
     for (int i = 0; i < group; ++i) {
         const Sample* const row = rows[i < count ? i : count - 1];
-        reach[i] = reachOf(makePoint(row, frame, descent.nDim, points + i * stride, stride), descent.nDim);
+        reach[i] =
+            reachOf(makePoint(row, frame, descent.nDim, points + i * stride, stride), descent.nDim);
         reached[i] = 0;
     }
     vsq::kernels().tree->descend(&descent.tree, points, reach, reached);

@@ -10,11 +10,12 @@ namespace ktl::codebook {
 namespace {
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
-constexpr double farOut = 1e15; // beyond it products of two lengths may leave the floats: bounds give way
+// beyond it products of two lengths may leave the floats: bounds give way
+constexpr double farOut = 1e15;
 
-// Bounds below are relative errors with room to spare: the distances are within 2^-22 of the exact ones, a
-// coordinate relative to the centre within 2^-24, a float sum of nDim products within (nDim + 2) * 2^-24 of
-// the sum of magnitudes.
+// Bounds below are relative errors with room to spare: the distances are within 2^-22 of the exact
+// ones, a coordinate relative to the centre within 2^-24, a float sum of nDim products within (nDim
+// + 2) * 2^-24 of the sum of magnitudes.
 constexpr double distanceError = 0x1p-22;
 double sumError(int nDim) {
     return (nDim + 16.0) * 0x1p-23;
@@ -34,7 +35,8 @@ int strideFor(int nDim) {
 float reachOf(float squares, int nDim) {
     const double length =
         std::sqrt(double(squares)) * (1 + sumError(nDim)) + std::sqrt(double(nDim)) * 0x1p-60;
-    return length < farOut ? static_cast<float>(length * 1.0001) : std::numeric_limits<float>::infinity();
+    return length < farOut ? static_cast<float>(length * 1.0001)
+                           : std::numeric_limits<float>::infinity();
 }
 
 float makePoint(const float* row, const Frame& frame, int nDim, float* point, int stride) {
@@ -47,8 +49,8 @@ float makePoint(const short* row, const Frame& frame, int nDim, float* point, in
 
 // For exact coordinates y, l, r: |y - r|^2 - |y - l|^2 = y . 2(l - r) + |r|^2 - |l|^2.
 template <class Sample>
-vsq::Plane planeBetween(const Sample* left, const Sample* right, const Frame& frame, int nDim, double unit,
-                        float* normal) {
+vsq::Plane planeBetween(const Sample* left, const Sample* right, const Frame& frame, int nDim,
+                        double unit, float* normal) {
     double leftSquares = 0, rightSquares = 0, normalSquares = 0;
     const double factor = frame.factor;
     for (int k = 0; k < nDim; ++k) {
@@ -62,22 +64,25 @@ vsq::Plane planeBetween(const Sample* left, const Sample* right, const Frame& fr
     }
     std::fill(normal + nDim, normal + strideFor(nDim), 0.0f);
 
-    const double far = std::sqrt(std::max(leftSquares, rightSquares)), length = std::sqrt(normalSquares);
+    const double far = std::sqrt(std::max(leftSquares, rightSquares)),
+                 length = std::sqrt(normalSquares);
     const double offset = rightSquares - leftSquares;
     vsq::Plane plane{};
     if (!(leftSquares < farOut * farOut && rightSquares < farOut * farOut)) { // not-a-number too
         plane.base = std::numeric_limits<float>::infinity();
         return plane;
     }
-    // The two distances d, each below reach + far, are themselves rounded: their squares are off by up to
-    // 4 * distanceError * (reach^2 + far^2). The last term of base is for products below the normal floats.
+    // The two distances d, each below reach + far, are themselves rounded: their squares are off by
+    // up to 4 * distanceError * (reach^2 + far^2). The last term of base is for products below the
+    // normal floats.
     constexpr double room = 1.01;
     plane.offset = static_cast<float>(offset);
     plane.curve = static_cast<float>(room * 8 * distanceError);
     plane.slope = static_cast<float>(room * length * (sumError(nDim) + 0x1p-21));
     plane.base = static_cast<float>(
         room * (std::fabs(offset) * 0x1p-21 + 8 * distanceError * far * far + nDim * 0x1p-90));
-    // Truncated distances surely differ when the exact ones are 1 apart: when the squares are dL + dR apart.
+    // Truncated distances surely differ when the exact ones are 1 apart: when the squares are dL +
+    // dR apart.
     plane.lead = static_cast<float>(room * unit * 2 * far);
     plane.leadSlope = static_cast<float>(room * unit * 2);
     return plane;
@@ -127,7 +132,8 @@ bool Points<Sample>::allocate(std::uint64_t n) {
     const std::uint64_t nBlocks = (n + vsq::pointBlock - 1) / vsq::pointBlock;
     points_ = Scratch<float>(n * std::uint64_t(stride_));
     centres_ = Scratch<float>(2 * std::uint64_t(stride_));
-    normal_ = Scratch<float>(3 * std::uint64_t(stride_)); // the search has three points of its own there
+    // the search has three points of its own there
+    normal_ = Scratch<float>(3 * std::uint64_t(stride_));
     reach_ = Scratch<float>(n);
     squares_ = Scratch<float>(2 * n);
     blocks_ = Scratch<float>(nBlocks * vsq::pointBlock * std::uint64_t(set_.nDim));
@@ -137,11 +143,12 @@ bool Points<Sample>::allocate(std::uint64_t n) {
     order_ = Scratch<int>(nBlocks);
     const std::uint64_t nGroups = (nBlocks + vsq::boxBlock - 1) / vsq::boxBlock;
     const std::uint64_t nGroupBlocks = (nGroups + vsq::boxBlock - 1) / vsq::boxBlock;
-    boxes_ = Scratch<float>((nGroups + nGroupBlocks) * vsq::boxBlock * (2 * std::uint64_t(set_.nDim) + 1));
+    boxes_ = Scratch<float>((nGroups + nGroupBlocks) * vsq::boxBlock *
+                            (2 * std::uint64_t(set_.nDim) + 1));
     boxOrder_ = Scratch<int>(nGroups);
     labels_ = Scratch<char>(n);
-    return points_ && centres_ && normal_ && reach_ && squares_ && blocks_ && sums_ && candidates_ &&
-           slots_ && order_ && boxes_ && boxOrder_ && labels_;
+    return points_ && centres_ && normal_ && reach_ && squares_ && blocks_ && sums_ &&
+           candidates_ && slots_ && order_ && boxes_ && boxOrder_ && labels_;
 }
 
 template <class Sample>
@@ -150,7 +157,8 @@ bool Points<Sample>::take(const Vectors& set, const Sample* const* rows) {
     rows_ = rows;
     stride_ = strideFor(set.nDim);
     isOwn_ = hasStrange_ = false;
-    if (stride_ < 0 || !allocate(static_cast<std::uint64_t>(std::max(set.nVectors, 0)))) return false;
+    if (stride_ < 0 || !allocate(static_cast<std::uint64_t>(std::max(set.nVectors, 0))))
+        return false;
     chooseCommonFrame();
     bool isStray = false;
     for (int i = 0; i < set.nVectors; ++i) {
@@ -260,10 +268,10 @@ void Points<Sample>::label(const int* members, int n, const vsq::Plane& plane) {
 
 // --- farthest pair ---
 
-// Every pair is below the sum of its members' distances (radii) from any one point. So once a good pair is
-// known, only members far out can be part of a better one: they are sorted by radius, and each is compared
-// with those before which the sum of the radii does not do. A float distance then tells which of them the
-// distance itself has to judge.
+// Every pair is below the sum of its members' distances (radii) from any one point. So once a good
+// pair is known, only members far out can be part of a better one: they are sorted by radius, and
+// each is compared with those before which the sum of the radii does not do. A float distance then
+// tells which of them the distance itself has to judge.
 template <class Sample>
 class Points<Sample>::Search {
 public:
@@ -295,8 +303,8 @@ public:
 private:
     static constexpr int plainLimit = 8;
 
-    // Judges the pair of two places by the distance itself. Of equal distances the pair that the double loop
-    // meets first stands.
+    // Judges the pair of two places by the distance itself. Of equal distances the pair that the
+    // double loop meets first stands.
     void judge(int i, int j) {
         const int first = std::min(i, j), second = std::max(i, j);
         const double distance = own.set_.distance(own.set_, members[first], members[second]);
@@ -314,13 +322,13 @@ private:
                 judge(i, j);
     }
 
-    // Goes from one member to the farthest from it, a few times. True when that settles it: all vectors are
-    // equal.
+    // Goes from one member to the farthest from it, a few times. True when that settles it: all
+    // vectors are equal.
     bool findGoodPair() {
         for (int round = 0, from = 0; round < 6; ++round) {
             const double before = best.spread;
-            kernels().squaresFrom(own.points_.get(), own.stride_, members, n, own.pointOf(members[from]),
-                                  own.squares_.get());
+            kernels().squaresFrom(own.points_.get(), own.stride_, members, n,
+                                  own.pointOf(members[from]), own.squares_.get());
             const int farthest = placeOfLargest(own.squares_.get());
             if (farthest != from) judge(from, farthest);
             if (best.spread == before) break;
@@ -358,7 +366,8 @@ private:
         fillBlocks();
         int end = count;
         for (int i = 0; i + 1 < end; ++i) {
-            while (end > i + 1 && own.candidates_[i].radius + own.candidates_[end - 1].radius < cuts.radii)
+            while (end > i + 1 &&
+                   own.candidates_[i].radius + own.candidates_[end - 1].radius < cuts.radii)
                 --end;
             compareRow(i, end);
         }
@@ -420,7 +429,9 @@ private:
     }
 
     // A distance reaches `wanted` only if the float copies are at least this far apart.
-    double apart(double wanted) const { return std::max(wanted * factor * (1 - distanceError) - slack, 0.0); }
+    double apart(double wanted) const {
+        return std::max(wanted * factor * (1 - distanceError) - slack, 0.0);
+    }
 
     // The float square below which two float copies are surely less than that apart.
     float squareCut(double wanted) const {
@@ -450,10 +461,11 @@ private:
             if (radius + most < cuts.radii) continue;
             own.candidates_[found++] = {radius, hashOf(own.pointOf(members[i])), i};
         }
-        std::sort(own.candidates_.get(), own.candidates_.get() + found, [](const auto& a, const auto& b) {
-            if (a.radius != b.radius) return a.radius > b.radius;
-            return a.hash != b.hash ? a.hash < b.hash : a.place < b.place;
-        });
+        std::sort(own.candidates_.get(), own.candidates_.get() + found,
+                  [](const auto& a, const auto& b) {
+                      if (a.radius != b.radius) return a.radius > b.radius;
+                      return a.hash != b.hash ? a.hash < b.hash : a.place < b.place;
+                  });
         return found;
     }
 
@@ -468,7 +480,8 @@ private:
         return hash;
     }
 
-    // Of members with the same vector only the first in the list can be in the pair that is looked for.
+    // Of members with the same vector only the first in the list can be in the pair that is looked
+    // for.
     int removeEqual(int found) {
         int kept = 0;
         for (int i = 0; i < found; ++i) {
@@ -497,7 +510,8 @@ private:
             }
             own.order_[block] = first;
             kernels().transposeBlock(own.points_.get(), own.stride_, list, nDim,
-                                     own.blocks_.get() + std::ptrdiff_t(block) * vsq::pointBlock * nDim);
+                                     own.blocks_.get() +
+                                         std::ptrdiff_t(block) * vsq::pointBlock * nDim);
         }
     }
 
@@ -510,8 +524,8 @@ private:
         const int endBlock = (end + vsq::pointBlock - 1) / vsq::pointBlock;
         for (int block = (i + 1) / vsq::pointBlock;; ++block) {
             unsigned masks[2];
-            block = kernels().nextFar(point, own.blocks_.get(), own.set_.nDim, block, endBlock, cuts.limit,
-                                      cuts.above, masks);
+            block = kernels().nextFar(point, own.blocks_.get(), own.set_.nDim, block, endBlock,
+                                      cuts.limit, cuts.above, masks);
             if (block >= endBlock) return;
             // Pairs that can only be as far apart as the best one matter when they come before it.
             if (std::min(place, own.order_[block]) > best.first) masks[0] &= masks[1];
@@ -528,16 +542,19 @@ private:
             const int j = own.slots_[start + lane];
             const int other = own.candidates_[j].place;
             if (j < from || j >= end || other == place) continue;
-            if ((masks[1] >> lane & 1u) != 0 || isBeforeBest(std::min(place, other), std::max(place, other)))
+            if ((masks[1] >> lane & 1u) != 0 ||
+                isBeforeBest(std::min(place, other), std::max(place, other)))
                 judge(place, other);
         }
         if (best.spread != before) updateCuts();
     }
 
-    // --- many candidates, of which the radii tell little: boxes around those that are near each other ---
+    // --- many candidates, of which the radii tell little: boxes around those that are near each
+    // other ---
 
     static constexpr double manyPairs = 1 << 22;
-    static constexpr int group = vsq::pointBlock * vsq::boxBlock; // the candidates of a block of boxes
+    // the candidates of a block of boxes
+    static constexpr int group = vsq::pointBlock * vsq::boxBlock;
 
     void compareByBoxes() {
         orderSlots(0, count, 0);
@@ -612,7 +629,8 @@ private:
     void fillBox(int block, bool exists) {
         const int nDim = own.set_.nDim, lane = block % vsq::boxBlock;
         float* const box = boxBlockAt(block / vsq::boxBlock) + lane;
-        const float* const points = own.blocks_.get() + std::ptrdiff_t(block) * vsq::pointBlock * nDim;
+        const float* const points =
+            own.blocks_.get() + std::ptrdiff_t(block) * vsq::pointBlock * nDim;
         for (int k = 0; k < nDim; ++k) {
             const float* const first = points + std::ptrdiff_t(k) * vsq::pointBlock;
             const auto ends = exists ? std::minmax_element(first, first + vsq::pointBlock)
@@ -640,11 +658,11 @@ private:
             box[2 * size * k + size] = *std::max_element(high, high + nParts);
         }
         const float* const reach = parts + 2 * size * nDim;
-        box[2 * size * nDim] =
-            exists ? *std::max_element(reach, reach + nParts) : -std::numeric_limits<float>::infinity();
+        box[2 * size * nDim] = exists ? *std::max_element(reach, reach + nParts)
+                                      : -std::numeric_limits<float>::infinity();
         if (exists)
-            own.boxOrder_[i] =
-                *std::min_element(own.order_.get() + i * size, own.order_.get() + i * size + nParts);
+            own.boxOrder_[i] = *std::min_element(own.order_.get() + i * size,
+                                                 own.order_.get() + i * size + nParts);
     }
 
     // Where many pairs are equally far apart the first ones settle which stands, and only a larger
@@ -655,7 +673,8 @@ private:
             int first = -1;
             for (int i = 0; i < count; ++i) {
                 const int place = own.candidates_[i].place;
-                if (place > before && (first < 0 || place < own.candidates_[first].place)) first = i;
+                if (place > before && (first < 0 || place < own.candidates_[first].place))
+                    first = i;
             }
             if (first < 0) return;
             before = own.candidates_[first].place;
@@ -670,10 +689,12 @@ private:
         float* const mirrored = own.normal() + 2 * std::ptrdiff_t(own.stride_);
         for (int k = 0; k < nDim; ++k)
             mirrored[k] = 2 * mirror[k] - point[k];
-        const Row row{i,     from,     place,
-                      point, mirrored, static_cast<float>((2.0 * fromMirror[place] + mirrorError) * 1.0001)};
+        const Row row{
+            i,     from,     place,
+            point, mirrored, static_cast<float>((2.0 * fromMirror[place] + mirrorError) * 1.0001)};
         for (int block = 0; block < groupBlocks; ++block)
-            for (unsigned left = farBoxes(row, groups + block, own.boxOrder_.get() + block * vsq::boxBlock);
+            for (unsigned left =
+                     farBoxes(row, groups + block, own.boxOrder_.get() + block * vsq::boxBlock);
                  left != 0; left &= left - 1)
                 compareWithGroup(row, block * vsq::boxBlock + __builtin_ctz(left));
     }
@@ -686,11 +707,12 @@ private:
 
     void compareWithGroup(const Row& row, int i) {
         const int firstBlock = i * vsq::boxBlock;
-        for (unsigned left = farBoxes(row, i, own.order_.get() + firstBlock); left != 0; left &= left - 1) {
+        for (unsigned left = farBoxes(row, i, own.order_.get() + firstBlock); left != 0;
+             left &= left - 1) {
             const int block = firstBlock + __builtin_ctz(left);
             unsigned masks[2];
-            if (kernels().nextFar(row.point, own.blocks_.get(), own.set_.nDim, block, block + 1, cuts.limit,
-                                  cuts.above, masks) != block)
+            if (kernels().nextFar(row.point, own.blocks_.get(), own.set_.nDim, block, block + 1,
+                                  cuts.limit, cuts.above, masks) != block)
                 continue;
             if (std::min(row.place, own.order_[block]) > best.first) masks[0] &= masks[1];
             compareLanes(row.place, block, row.from, count, masks);
@@ -701,8 +723,8 @@ private:
     // place of each box that is not empty.
     unsigned farBoxes(const Row& row, int block, const int* firstPlaces) const {
         unsigned masks[2];
-        kernels().farBoxes(row.point, row.mirrored, row.twice, boxBlockAt(block), own.set_.nDim, cuts.limit,
-                           cuts.above, masks);
+        kernels().farBoxes(row.point, row.mirrored, row.twice, boxBlockAt(block), own.set_.nDim,
+                           cuts.limit, cuts.above, masks);
         unsigned result = masks[1];
         for (unsigned left = masks[0] & ~masks[1]; left != 0; left &= left - 1) {
             const int lane = __builtin_ctz(left);
@@ -716,8 +738,9 @@ private:
     int n;
     int count = 0; // candidates
     int groups = 0, groupBlocks = 0;
-    const float *mirror = nullptr, *fromMirror = nullptr; // the point, and the squared distances from it
-    double mirrorError = 0;                               // of a bound by the mirror
+    // the point, and the squared distances from it
+    const float *mirror = nullptr, *fromMirror = nullptr;
+    double mirrorError = 0; // of a bound by the mirror
     double factor, slack, error;
     FarPair best;
     Cuts cuts{};
@@ -780,7 +803,8 @@ FarPair Points<Sample>::firstInfinitePair(const int* members, int n) {
     if (end == n) return firstPairOfPatterns(members, n);
     if (end < from) return {infinity, end, from};
     for (int j = from + 1; j < end; ++j)
-        if (kinds_[members[j]] == infinite && isInfinite(members, from, j)) return {infinity, from, j};
+        if (kinds_[members[j]] == infinite && isInfinite(members, from, j))
+            return {infinity, from, j};
     return {infinity, from, end};
 }
 

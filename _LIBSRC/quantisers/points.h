@@ -1,6 +1,6 @@
-// What speeds tree codebooks up without changing a decision: float copies of the vectors relative to a
-// centre, bounds on their distances, and the search for the farthest pair. Wherever a bound cannot decide,
-// the distance itself does.
+// What speeds tree codebooks up without changing a decision: float copies of the vectors relative
+// to a centre, bounds on their distances, and the search for the farthest pair. Wherever a bound
+// cannot decide, the distance itself does.
 //
 // Bounds are worth something only where the copies keep what tells the vectors apart. So the centre
 // is one that stray vectors do not move, magnitudes far from 1 are scaled, a list of vectors that
@@ -14,7 +14,8 @@
 
 namespace ktl::codebook {
 
-// The vectors as rows of either flavour, and their distance; integer distances are exact in a double.
+// The vectors as rows of either flavour, and their distance; integer distances are exact in a
+// double.
 struct Vectors {
     const void* ppVectors;
     int nVectors;
@@ -26,7 +27,8 @@ struct Vectors {
 struct FarPair {
     double spread = 0;
     int first = 0, second = 0; // places in the list of members, first < second unless both are 0
-    bool hasOwnFrame = false;  // whether the search has left the members' points in a frame of their own
+    // whether the search has left the members' points in a frame of their own
+    bool hasOwnFrame = false;
 };
 
 // A coordinate of a point is element * factor - centre. The factor is a power of two; it is 1 in
@@ -42,14 +44,14 @@ int strideFor(int nDim); // the floats of a point: nDim rounded up to whole grou
 float makePoint(const float* row, const Frame& frame, int nDim, float* point, int stride);
 float makePoint(const short* row, const Frame& frame, int nDim, float* point, int stride);
 
-// A bound on the length of a point from the sum of its squares; infinite when the bounds do not hold so far
-// out.
+// A bound on the length of a point from the sum of its squares; infinite when the bounds do not
+// hold so far out.
 float reachOf(float squares, int nDim);
 
 // The plane between two seeds, in the coordinates of the frame; normal gets `stride` floats.
 template <class Sample>
-vsq::Plane planeBetween(const Sample* left, const Sample* right, const Frame& frame, int nDim, double unit,
-                        float* normal);
+vsq::Plane planeBetween(const Sample* left, const Sample* right, const Frame& frame, int nDim,
+                        double unit, float* normal);
 
 // The plane of a leaf: every point is to its left.
 vsq::Plane planeOfLeaf();
@@ -61,7 +63,8 @@ public:
     bool take(const Vectors& set, const Sample* const* rows); // false when memory ran out
 
     Frame common() const { return {centres_.get(), factors_[0]}; }
-    Frame frame() const { return isOwn_ ? Frame{ownCentre(), factors_[1]} : common(); } // the selected one
+    // the selected one
+    Frame frame() const { return isOwn_ ? Frame{ownCentre(), factors_[1]} : common(); }
     float* normal() { return normal_.get(); }
     char* labels() { return labels_.get(); }
 
@@ -78,7 +81,8 @@ public:
     FarPair farthest(const int* members, int n, bool hasOwnFrame = false);
 
 private:
-    enum Kind : unsigned char { finite, infinite, missing }; // missing: an element is a not-a-number
+    // missing: an element is a not-a-number
+    enum Kind : unsigned char { finite, infinite, missing };
     struct Candidate {
         double radius;
         unsigned hash; // of the point's bits: brings equal points together
@@ -95,7 +99,9 @@ private:
     };
     class Search;
 
-    const float* pointOf(int member) const { return points_.get() + std::ptrdiff_t(member) * stride_; }
+    const float* pointOf(int member) const {
+        return points_.get() + std::ptrdiff_t(member) * stride_;
+    }
     float* ownCentre() const { return centres_.get() + stride_; }
     bool allocate(std::uint64_t n);
     bool sortOut();

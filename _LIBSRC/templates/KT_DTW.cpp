@@ -1,9 +1,10 @@
-// Dynamic time warping: which of the stored patterns is nearest to a test utterance. The grid computation
-// itself is kernels/vsqdtw_level; here are the arguments, the band and the scratch of a call.
+// Dynamic time warping: which of the stored patterns is nearest to a test utterance. The grid
+// computation itself is kernels/vsqdtw_level; here are the arguments, the band and the scratch of a
+// call.
 //
-// The warping rule (each test frame one step, slopes between 1/2 and 2): F. Itakura, Minimum Prediction
-// Residual Principle Applied to Speech Recognition, IEEE Transactions on Acoustics, Speech and Signal
-// Processing, 1975.
+// The warping rule (each test frame one step, slopes between 1/2 and 2): F. Itakura, Minimum
+// Prediction Residual Principle Applied to Speech Recognition, IEEE Transactions on Acoustics,
+// Speech and Signal Processing, 1975.
 #include "templates/KT_DTW.h"
 
 #include "frame/scratch.h"
@@ -35,7 +36,8 @@ struct Request {
     long long margin; // columns by which both ends of the band are widened
 
     Request(const int* handles, int patterns, int test, int dim, int flags, double limit, int delta)
-        : pHandles(handles), nPatterns(patterns), nTest(test), nDim(dim), cityBlock(flags & KT_DTW_NORM_L1),
+        : pHandles(handles), nPatterns(patterns), nTest(test), nDim(dim),
+          cityBlock(flags & KT_DTW_NORM_L1),
           threshold(flags & KT_DTW_USE_THRESHOLD ? limit : noLimit),
           margin(flags & KT_DTW_FIXED_ENDS ? 0 : std::llabs(delta)) {}
 
@@ -43,7 +45,8 @@ struct Request {
     template <class Pattern>
     bool admits(const Pattern* pattern) const {
         return pattern != nullptr && nTest > 0 && pattern->nDim == nDim &&
-               pattern->nVectors >= ((nTest - 1) >> 1) + 1 && pattern->nVectors <= 2LL * nTest - 1 + margin;
+               pattern->nVectors >= ((nTest - 1) >> 1) + 1 &&
+               pattern->nVectors <= 2LL * nTest - 1 + margin;
     }
 };
 
@@ -51,7 +54,8 @@ struct Request {
 
 float nearestFloat(double value) {
     constexpr double roundsToInfinity = 0x1.ffffffp+127;
-    if (std::fabs(value) >= roundsToInfinity) return std::copysign(HUGE_VALF, value < 0 ? -1.0f : 1.0f);
+    if (std::fabs(value) >= roundsToInfinity)
+        return std::copysign(HUGE_VALF, value < 0 ? -1.0f : 1.0f);
     if (std::fabs(value) > FLT_MAX) return value < 0 ? -FLT_MAX : FLT_MAX;
     return static_cast<float>(value);
 }
@@ -68,8 +72,8 @@ constexpr long long floorOfThird(long long value) {
     return value >= 0 ? value / 3 : -((2 - value) / 3);
 }
 
-// First and last column of each row: a parallelogram between lines of slope 2 and 1/2 through the ends of the
-// path, which may lie up to `margin` columns off the corners.
+// First and last column of each row: a parallelogram between lines of slope 2 and 1/2 through the
+// ends of the path, which may lie up to `margin` columns off the corners.
 void fillBand(int nRows, int nColumns, int margin, int* bounds) {
     const long long n = nRows, m = nColumns, d = margin;
     const long long lastSteep =
@@ -108,7 +112,9 @@ public:
         return true;
     }
 
-    double* frame(int i, int nDim) const { return frames.get() + static_cast<std::ptrdiff_t>(i) * nDim; }
+    double* frame(int i, int nDim) const {
+        return frames.get() + static_cast<std::ptrdiff_t>(i) * nDim;
+    }
 
     double evaluate(const Request& request, const float* const* pattern, int nColumns) const {
         const long long margin = request.margin < nColumns - 1 ? request.margin : nColumns - 1;
@@ -183,12 +189,13 @@ template <class Pattern>
 int longestAdmitted(const Request& request, Pattern* const* records) {
     int longest = 0;
     for (int k = 0; k < request.nPatterns; ++k)
-        if (request.admits(records[k]) && records[k]->nVectors > longest) longest = records[k]->nVectors;
+        if (request.admits(records[k]) && records[k]->nVectors > longest)
+            longest = records[k]->nVectors;
     return longest;
 }
 
-// The index of the smallest result, the lowest of equal ones, or -1 when memory ran out; then pResults is
-// untouched.
+// The index of the smallest result, the lowest of equal ones, or -1 when memory ran out; then
+// pResults is untouched.
 template <class Test>
 int evaluateAll(const Request& request, const Test& test, double* pResults) {
     Scratch<typename Test::Pattern*> records(request.nPatterns);
@@ -226,16 +233,17 @@ int KTsEvalDTW(const int* pHandles, int nPatterns, float** ppTest, int nTest, in
     return nearest;
 }
 
-// Fixed point: test and patterns are compared as real values; only the results are converted, all with one
-// scale.
-int KTwEvalDTW(const int* pHandles, int nPatterns, short** ppTest, int nTest, int nDim, int testScale,
-               int flags, int threshold, int thresholdScale, int delta, int* pResults, int scaleMode,
-               int* pScale) {
+// Fixed point: test and patterns are compared as real values; only the results are converted, all
+// with one scale.
+int KTwEvalDTW(const int* pHandles, int nPatterns, short** ppTest, int nTest, int nDim,
+               int testScale, int flags, int threshold, int thresholdScale, int delta,
+               int* pResults, int scaleMode, int* pScale) {
     if (nPatterns <= 0) return 0;
     const double limit = KTidConvertUp(threshold, ktl::dtw::negated(thresholdScale));
     const Request request(pHandles, nPatterns, nTest, nDim, flags, limit, delta);
     const Scratch<double> results(nPatterns);
-    const int nearest = results ? evaluateAll(request, FixedTest{ppTest, testScale}, results.get()) : -1;
+    const int nearest =
+        results ? evaluateAll(request, FixedTest{ppTest, testScale}, results.get()) : -1;
     if (nearest < 0)
         module.report(KT_StsNoMem, noMemory);
     else

@@ -1,10 +1,10 @@
-// Stored patterns of dynamic time warping. Each thread has two stores, one per flavour, that know nothing of
-// each other.
+// Stored patterns of dynamic time warping. Each thread has two stores, one per flavour, that know
+// nothing of each other.
 #pragma once
 
+#include "frame/KT_ERROR.h"
 #include "frame/context.h"
 #include "templates/pattern_index.h"
-#include "frame/KT_ERROR.h"
 
 #include <utility>
 
@@ -35,13 +35,13 @@ struct wPattern {
     ktl::dtw::PatternLinks<wPattern> links;
 };
 
-// The record of a handle, or null. An empty store is reported (-2), an absent handle is not. Of two records
-// with the same handle, which only reading files can make, the older one is found.
+// The record of a handle, or null. An empty store is reported (-2), an absent handle is not. Of two
+// records with the same handle, which only reading files can make, the older one is found.
 sPattern* KTsPatternPtrGet(int handle);
 wPattern* KTwPatternPtrGet(int handle);
 
-// Takes a record out of its store and frees it: 0, or -1 for null and, after a report (-2), for an empty
-// store.
+// Takes a record out of its store and frees it: 0, or -1 for null and, after a report (-2), for an
+// empty store.
 int KTsPatternPtrFree(sPattern* pPattern);
 int KTwPatternPtrFree(wPattern* pPattern);
 
@@ -49,8 +49,9 @@ namespace ktl::dtw {
 
 inline constexpr Module module{"..\\_LIBSRC\\KT_DTW"};
 
-// Scale arguments change their sign on the way into a conversion; the smallest int has no counterpart, and
-// its nearest one does, because scales beyond some thousand all give 0 or infinity.
+// Scale arguments change their sign on the way into a conversion; the smallest int has no
+// counterpart, and its nearest one does, because scales beyond some thousand all give 0 or
+// infinity.
 constexpr int negated(int scale) {
     return scale == -2147483647 - 1 ? 2147483647 : -scale;
 }

@@ -15,8 +15,8 @@ class PatternIndex;
 template <class Pattern>
 struct PatternLinks {
     PatternIndex<Pattern>* index; // of the record's store
-    // The ring of records with the same handle, in the order of the list. Only files make any, and the
-    // oldest is the one that is found.
+    // The ring of records with the same handle, in the order of the list. Only files make any, and
+    // the oldest is the one that is found.
     Pattern* nextTwin;
     Pattern* prevTwin;
     Pattern* branches[2]; // of the tree of far handles
@@ -28,7 +28,9 @@ struct PatternLinks {
 template <class Pattern>
 class PatternIndex {
 public:
-    Pattern* find(int handle) const { return table.covers(handle) ? table.find(handle) : *farPlace(handle); }
+    Pattern* find(int handle) const {
+        return table.covers(handle) ? table.find(handle) : *farPlace(handle);
+    }
 
     // Makes room for one record more under any handle; `head` is the list's. False, and nothing is
     // changed, when memory ran out.
@@ -72,7 +74,8 @@ private:
     // would replace.
     Pattern** farPlace(int handle) const {
         Pattern** place = const_cast<Pattern**>(&root);
-        for (unsigned bits = unsigned(handle); *place != nullptr && (*place)->handle != handle; bits >>= 1)
+        for (unsigned bits = unsigned(handle); *place != nullptr && (*place)->handle != handle;
+             bits >>= 1)
             place = &(*place)->links.branches[bits & 1];
         return place;
     }

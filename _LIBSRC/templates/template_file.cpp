@@ -1,5 +1,6 @@
-// Pattern records in streams: 32-bit little-endian words whatever the processor, floats by their bits, rows
-// without padding. A fixed-point record holds the pattern twice, so that nothing is computed when it is read.
+// Pattern records in streams: 32-bit little-endian words whatever the processor, floats by their
+// bits, rows without padding. A fixed-point record holds the pattern twice, so that nothing is
+// computed when it is read.
 #include "templates/KT_DTW.h"
 
 #include "frame/stream.h"
@@ -18,7 +19,8 @@ constexpr char magic[4] = {'D', 'T', 'W', ' '};
 
 template <std::size_t n>
 bool writeHead(FILE* pFile, const int (&fields)[n]) {
-    return std::fwrite(magic, 1, sizeof magic, pFile) == sizeof magic && ktl::writeElements(pFile, fields, n);
+    return std::fwrite(magic, 1, sizeof magic, pFile) == sizeof magic &&
+           ktl::writeElements(pFile, fields, n);
 }
 
 // Rows in memory are padded, the file's are not.
@@ -38,8 +40,8 @@ bool readHead(FILE* pFile, int (&fields)[n]) {
            std::memcmp(found, magic, sizeof magic) == 0 && ktl::readElements(pFile, fields, n);
 }
 
-// The stream's next vectors as a table of the size that the record claims; null without them. `noTable` tells
-// that the table was what failed.
+// The stream's next vectors as a table of the size that the record claims; null without them.
+// `noTable` tells that the table was what failed.
 template <class T, class Pattern>
 T** readTable(FILE* pFile, const Pattern& pattern, bool& noTable) {
     const auto columns = static_cast<std::size_t>(pattern.nDim);
@@ -99,8 +101,8 @@ int KTsReadDTWPattern(FILE* pFile) {
     return record->pData != nullptr ? join(record) : -1;
 }
 
-// The record counts from its float table on: where only its 16-bit part fails to come, the store's number
-// stays one too high.
+// The record counts from its float table on: where only its 16-bit part fails to come, the store's
+// number stays one too high.
 int KTwReadDTWPattern(FILE* pFile) {
     int header[5]; // handle, isFirst, nDim, nVectors, scale
     if (pFile == nullptr || !readHead(pFile, header)) return -1;

@@ -1,4 +1,5 @@
-// The pattern stores: creation, lookup, release. One text for both flavours over a description of each.
+// The pattern stores: creation, lookup, release. One text for both flavours over a description of
+// each.
 #include "templates/KT_DTW.h"
 
 #include "frame/KT_ALLOC.h"
@@ -29,7 +30,8 @@ struct Reports {
     static constexpr Text badSize{"nVectors<0 or nDim<=0", letter};
     static constexpr Text unknown{
         "@Pattern NULL ptr is met in internal structure. The @Pattern can not be free.", letter};
-    static constexpr Text damaged{"Error in internal structure. @Patterns have not be allocated.", letter};
+    static constexpr Text damaged{"Error in internal structure. @Patterns have not be allocated.",
+                                  letter};
     static constexpr Text notFreed{"Error in internal structure. @Pattern can not be free", letter};
     static constexpr Text iniName{"KT@PatternIni", letter};
     static constexpr Text ptrGetName{"KT@PatternPtrGet", letter};
@@ -162,8 +164,8 @@ int freeAll() {
     return result;
 }
 
-// Vectors of no elements are refused, like negative counts; a pattern of no vectors may be stored, and never
-// matches.
+// Vectors of no elements are refused, like negative counts; a pattern of no vectors may be stored,
+// and never matches.
 template <class Pattern>
 bool sizesAccepted(int nVectors, int nDim) {
     if (nVectors == 0 || (nVectors > 0 && nDim > 0)) return true;
@@ -175,7 +177,8 @@ bool fill(sPattern& pattern, float** ppVectors) {
     pattern.pData = KTsAlloc2(pattern.nVectors, pattern.nDim);
     if (pattern.pData == nullptr) return false;
     for (int i = 0; i < pattern.nVectors; ++i)
-        std::memcpy(pattern.pData[i], ppVectors[i], sizeof(float) * static_cast<std::size_t>(pattern.nDim));
+        std::memcpy(pattern.pData[i], ppVectors[i],
+                    sizeof(float) * static_cast<std::size_t>(pattern.nDim));
     return true;
 }
 
@@ -187,7 +190,8 @@ bool fill(wPattern& pattern, short** ppVectors) {
     if (pattern.pFloatData == nullptr) return false;
     for (int i = 0; i < pattern.nVectors; ++i) {
         KTwsbConvertUp(ppVectors[i], pattern.pFloatData[i], pattern.nDim, negated(pattern.scale));
-        std::memcpy(pattern.pData[i], ppVectors[i], sizeof(short) * static_cast<std::size_t>(pattern.nDim));
+        std::memcpy(pattern.pData[i], ppVectors[i],
+                    sizeof(short) * static_cast<std::size_t>(pattern.nDim));
     }
     return true;
 }
@@ -197,7 +201,8 @@ int create(NewRecord<Pattern>& record, Sample** ppVectors, int nVectors, int nDi
     if (record) {
         record->nVectors = nVectors;
         record->nDim = nDim;
-        const Pattern* joined = fill(*record, ppVectors) ? record.join(Handle::smallestFree) : nullptr;
+        const Pattern* joined =
+            fill(*record, ppVectors) ? record.join(Handle::smallestFree) : nullptr;
         if (joined != nullptr) return joined->handle;
     }
     module.report(KT_StsNoMem, Store<Pattern>::noMemory, Store<Pattern>::iniName);

@@ -1,4 +1,5 @@
-# 64-bit ARM Linux, cross built with clang against Debian's cross libraries; tests run under user-mode emulation.
+# 64-bit ARM Linux, cross built with clang against Debian's cross libraries; tests run under
+# user-mode emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER clang)

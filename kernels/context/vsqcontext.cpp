@@ -37,7 +37,8 @@ vsqContext& context() {
 
 using vsq::context;
 
-// The words are independent of each other and guard no other data, hence the relaxed order throughout.
+// The words are independent of each other and guard no other data, hence the relaxed order
+// throughout.
 
 int vsqGetStatus(void) {
     return context().status.load(std::memory_order_relaxed);
@@ -51,7 +52,8 @@ int vsqGetErrMode(void) {
     return context().errMode.load(std::memory_order_relaxed);
 }
 
-int vsqError(int status, const char* funcName, const char* message, const char* sourceName, int line) {
+int vsqError(int status, const char* funcName, const char* message, const char* sourceName,
+             int line) {
     if (status != vsq::stsBacktrace && status != vsq::stsAutotrace) {
         vsqSetStatus(status);
         if (status == vsq::stsOk) return vsq::stsOk;

@@ -14,16 +14,18 @@ inline constexpr int stsNoMem = -4;
 inline constexpr int stsBadArg = -5;
 inline constexpr int stsAutotrace = -8;
 
-// The layer's one record, shared by all threads and never locked. The words are atomic so that threads which
-// report at the same time do not race in the language's sense; which of their statuses stays is open. The
-// tables of the transforms are kept beside it, in the modules that make them.
+// The layer's one record, shared by all threads and never locked. The words are atomic so that
+// threads which report at the same time do not race in the language's sense; which of their
+// statuses stays is open. The tables of the transforms are kept beside it, in the modules that make
+// them.
 struct vsqContext {
     std::atomic<int> status{stsOk};
     std::atomic<int> errMode{0}; // 0: the handler ends the process; no call changes it
     std::atomic<vsqErrorHandler> handler{vsqNulDevReport};
 };
 
-// Nothing exported changes mode or handler; only tests reach in here, to read the texts of refusals.
+// Nothing exported changes mode or handler; only tests reach in here, to read the texts of
+// refusals.
 vsqContext& context();
 
 // A source module, by the name that its reports carry. Each module has one,
@@ -31,8 +33,8 @@ vsqContext& context();
 // and a kernel opens with its checks, in their order:
 //     if (module.refuses(n <= 0, "n<=0") || module.refuses(dst == nullptr, "dst==0"))
 //         return;
-// The function's name and the line are those of the call; a helper that checks for its caller hands the name
-// on.
+// The function's name and the line are those of the call; a helper that checks for its caller hands
+// the name on.
 struct Module {
     const char* sourceName;
 

@@ -23,7 +23,8 @@ void* allocAligned(std::ptrdiff_t count, std::size_t elementSize) {
     if (count < 0 ||
         (elementSize != 0 && static_cast<std::size_t>(count) > (largest - reserve) / elementSize))
         return nullptr;
-    char* raw = static_cast<char*>(std::malloc(static_cast<std::size_t>(count) * elementSize + reserve));
+    char* raw =
+        static_cast<char*>(std::malloc(static_cast<std::size_t>(count) * elementSize + reserve));
     if (raw == nullptr) return nullptr;
     char* block = firstBoundary(raw);
     std::memcpy(block - sizeof raw, &raw, sizeof raw);

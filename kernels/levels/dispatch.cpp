@@ -8,30 +8,30 @@ namespace {
 
 // A level's table; every record of levels.h appears here once, in the order of the fields.
 // clang-format off
-#define VSQ_LEVEL_TABLE(level)                                                                               \
-    LevelTable {                                                                                             \
-        .arith = &level::arithKernels,                                                                       \
-        .cvrts = &level::cvrtsKernels,                                                                       \
-        .pree = &level::preeKernels,                                                                         \
-        .lpc = &level::lpcKernels,                                                                           \
-        .mel = &level::melKernels,                                                                           \
-        .misc = &level::miscKernels,                                                                         \
-        .lnexp = &level::lnExpKernels,                                                                       \
-        .norm = &level::normKernels,                                                                         \
-        .dotp = &level::dotProductKernels,                                                                   \
-        .dotpw = &level::wordDotProductKernels,                                                              \
-        .corr = &level::corrKernels,                                                                         \
-        .dct = &level::dctKernels,                                                                           \
-        .ffts = &level::fftsKernels,                                                                         \
-        .mahal = &level::mahalKernels,                                                                       \
-        .dtw = &level::dtwKernels,                                                                           \
-        .kohonen = &level::kohonenKernels,                                                                   \
-        .tree = &level::treeKernels,                                                                         \
-        .gauss = &level::gaussKernels,                                                                       \
-        .hmm = &level::hmmKernels,                                                                           \
-        .matvec = &level::matVecKernels,                                                                     \
-        .mlp = &level::mlpKernels,                                                                           \
-        .hmmtrain = &level::hmmTrainKernels,                                                                 \
+#define VSQ_LEVEL_TABLE(level)                                                                     \
+    LevelTable {                                                                                   \
+        .arith = &level::arithKernels,                                                             \
+        .cvrts = &level::cvrtsKernels,                                                             \
+        .pree = &level::preeKernels,                                                               \
+        .lpc = &level::lpcKernels,                                                                 \
+        .mel = &level::melKernels,                                                                 \
+        .misc = &level::miscKernels,                                                               \
+        .lnexp = &level::lnExpKernels,                                                             \
+        .norm = &level::normKernels,                                                               \
+        .dotp = &level::dotProductKernels,                                                         \
+        .dotpw = &level::wordDotProductKernels,                                                    \
+        .corr = &level::corrKernels,                                                               \
+        .dct = &level::dctKernels,                                                                 \
+        .ffts = &level::fftsKernels,                                                               \
+        .mahal = &level::mahalKernels,                                                             \
+        .dtw = &level::dtwKernels,                                                                 \
+        .kohonen = &level::kohonenKernels,                                                         \
+        .tree = &level::treeKernels,                                                               \
+        .gauss = &level::gaussKernels,                                                             \
+        .hmm = &level::hmmKernels,                                                                 \
+        .matvec = &level::matVecKernels,                                                           \
+        .mlp = &level::mlpKernels,                                                                 \
+        .hmmtrain = &level::hmmTrainKernels,                                                       \
     }
 // clang-format on
 
@@ -50,7 +50,8 @@ const LevelEntry& entryOf(Level level) {
     return entries[static_cast<int>(level)];
 }
 
-// Runs when the module is loaded; until then, and for static objects that run earlier, the baseline is in force.
+// Runs when the module is loaded; until then, and for static objects that run earlier, the baseline
+// is in force.
 struct ChooseAtLoad {
     ChooseAtLoad() { selectLevel(bestLevel()); }
 } chooseAtLoad;

@@ -1,8 +1,9 @@
-// Quadratic forms of the difference of two vectors, as distances and mixtures share them; for level sources. Differences,
-// products and sums are double precision.
+// Quadratic forms of the difference of two vectors, as distances and mixtures share them; for level
+// sources. Differences, products and sums are double precision.
 //
-// Vectors go by groups of 4, in registers of 4 doubles also where there are wider ones: what limits the speed is the
-// conversions, and processors that split wide registers take a conversion of 8 floats for more than two of 4.
+// Vectors go by groups of 4, in registers of 4 doubles also where there are wider ones: what limits
+// the speed is the conversions, and processors that split wide registers take a conversion of 8
+// floats for more than two of 4.
 #pragma once
 
 #include "simd/pack.h"
@@ -17,7 +18,8 @@ VSQ_INLINE Four noSum() {
     return splat<double, 4>(0.0);
 }
 
-// Elements as they are subtracted: floats as doubles, 16-bit integers as 32-bit ones, which are converted once then.
+// Elements as they are subtracted: floats as doubles, 16-bit integers as 32-bit ones, which are
+// converted once then.
 VSQ_INLINE Four operand(const Pack<float, 4>& raw) {
     return convert<double>(raw);
 }
@@ -47,8 +49,8 @@ VSQ_INLINE Four firstOf(const Four& v, int count) {
     return bits<double>(bits<std::int64_t>(v) & load<std::int64_t, 4>(fourOnes + 4 - count));
 }
 
-// How the last group of a row is read, of which `count` (1 to 4) elements exist: as they are, or whole where rows of floats
-// are padded to groups of 4 with whatever it may be.
+// How the last group of a row is read, of which `count` (1 to 4) elements exist: as they are, or
+// whole where rows of floats are padded to groups of 4 with whatever it may be.
 struct ExactRows {
     template <class T>
     static VSQ_INLINE auto last(const T* p, int count) {
@@ -61,11 +63,13 @@ struct PaddedRows {
 
 // --- diagonal: the sum of c * (x - y)^2 ---
 
-// In 8 lanes, two groups of 4. A vector ends with 1 to 8 elements, in one or two groups: `first` is where they begin.
+// In 8 lanes, two groups of 4. A vector ends with 1 to 8 elements, in one or two groups: `first` is
+// where they begin.
 struct Ending {
     int first, groups, count; // `count` elements in the last group
     VSQ_INLINE explicit Ending(int n)
-        : first((n - 1) / 8 * 8), groups(n - first > 4 ? 2 : 1), count(n - first - 4 * (groups - 1)) {}
+        : first((n - 1) / 8 * 8), groups(n - first > 4 ? 2 : 1),
+          count(n - first - 4 * (groups - 1)) {}
 };
 
 template <class Operand>
@@ -76,8 +80,8 @@ VSQ_INLINE Four squares(const Operand& x, const Operand& y, const Operand& c) {
 
 // The forms of `rows` rows side by side, each as 4 lanes of which sumLanes makes it.
 template <int rows, int groups, class Rows, class T>
-VSQ_INLINE void diagonalLanes(const T* x, const T* const* y, const T* const* c, const Ending& ending,
-                              Four* sums) {
+VSQ_INLINE void diagonalLanes(const T* x, const T* const* y, const T* const* c,
+                              const Ending& ending, Four* sums) {
     Four lo[rows], hi[rows];
     for (int k = 0; k < rows; ++k)
         lo[k] = hi[k] = noSum();
@@ -109,10 +113,12 @@ VSQ_INLINE Four sumEach(const Four* v) {
     return evenPairs(x, y) + oddPairs(x, y);
 }
 
-// --- full: twice the sum over the lower triangle of c[i][j] * (x[i] - y[i]) * (x[j] - y[j]), with half of the diagonal
+// --- full: twice the sum over the lower triangle of c[i][j] * (x[i] - y[i]) * (x[j] - y[j]), with
+// half of the diagonal
 //
-// Panels of 16 columns: for each row, its difference times the row's groups is added to the columns' sums, which stay
-// in registers; the columns' differences come last, once. Elements behind the diagonal are not looked at.
+// Panels of 16 columns: for each row, its difference times the row's groups is added to the
+// columns' sums, which stay in registers; the columns' differences come last, once. Elements behind
+// the diagonal are not looked at.
 
 // Differences are kept for so many rows at a time, on the stack.
 constexpr int rowsAtATime = 256;
@@ -122,14 +128,16 @@ VSQ_INLINE void differences(const T* x, const T* y, int count, double* d) {
     int j = 0;
     for (; j + 4 <= count; j += 4)
         store(d + j, wide(fourAt(x + j) - fourAt(y + j)));
-    if (j < count) store(d + j, wide(ExactRows::last(x + j, count - j) - ExactRows::last(y + j, count - j)));
+    if (j < count)
+        store(d + j, wide(ExactRows::last(x + j, count - j) - ExactRows::last(y + j, count - j)));
 }
 
 // 1/2 at the diagonal's place in its group of 4.
 alignas(64) constexpr double diagonalFactors[4][4] = {
     {0.5, 1, 1, 1}, {1, 0.5, 1, 1}, {1, 1, 0.5, 1}, {1, 1, 1, 0.5}};
 
-// Adds the columns of the up to 4 rows, from c[first] on, whose diagonals stand in group `group` of the panel.
+// Adds the columns of the up to 4 rows, from c[first] on, whose diagonals stand in group `group` of
+// the panel.
 template <int group, class Rows, class T>
 VSQ_INLINE void addDiagonalRows(const T* const* c, const double* d, int first, int count, int panel,
                                 Four* columns) {
@@ -141,14 +149,16 @@ VSQ_INLINE void addDiagonalRows(const T* const* c, const double* d, int first, i
         const Four toDiagonal =
             wide(Rows::last(row + 4 * group, r + 1)) * (di * load<double, 4>(diagonalFactors[r]));
         columns[group] =
-            columns[group] + firstOf(toDiagonal, r + 1); // an infinite difference shall not leak out
+            // an infinite difference shall not leak out
+            columns[group] + firstOf(toDiagonal, r + 1);
     }
 }
 
-// The columns of one panel in `count` rows, whose differences are d. The panel's own first row is at `own`, which is
-// negative where it comes before these.
+// The columns of one panel in `count` rows, whose differences are d. The panel's own first row is
+// at `own`, which is negative where it comes before these.
 template <class Rows, class T>
-VSQ_INLINE void addPanel(const T* const* c, const double* d, int count, int own, int panel, Four* columns) {
+VSQ_INLINE void addPanel(const T* const* c, const double* d, int count, int own, int panel,
+                         Four* columns) {
     if (own >= 0) {
         addDiagonalRows<0, Rows>(c, d, own, count, panel, columns);
         addDiagonalRows<1, Rows>(c, d, own + 4, count, panel, columns);

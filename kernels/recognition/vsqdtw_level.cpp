@@ -113,8 +113,8 @@ struct Best {
     Flags flat;
 };
 
-// The best predecessors of a run of cells in the row before: the step of 1 wins all ties. `banned` stands for
-// the step of 0 where the predecessor was itself reached by one.
+// The best predecessors of a run of cells in the row before: the step of 1 wins all ties. `banned`
+// stands for the step of 0 where the predecessor was itself reached by one.
 VSQ_INLINE Best bestPredecessors(const float* cost, const int* flat, int j, float banned) {
     const Flags ban = load<std::int32_t, dtwRun>(flat + j);
     const Costs stay = select(ban, splat<float, dtwRun>(banned), load<float, dtwRun>(cost + j));
@@ -133,7 +133,8 @@ VSQ_INLINE Range firstRow(const DtwGrid& grid, Arranged& arranged, float* cost, 
     arrangeUpTo(grid, arranged, last);
     Range alive = noColumns;
     for (int j = 0; j <= last; j += dtwRun) {
-        const Costs local = convert<float>(localDistances<Metric>(grid, arranged.stride, grid.test, j));
+        const Costs local =
+            convert<float>(localDistances<Metric>(grid, arranged.stride, grid.test, j));
         const Flags valid = inside(j, last);
         const Flags drop = limit <= local;
         if (anyLane(select(drop, splat<std::int32_t, dtwRun>(0), valid))) extend(alive, j, last);
@@ -144,7 +145,8 @@ VSQ_INLINE Range firstRow(const DtwGrid& grid, Arranged& arranged, float* cost, 
     return alive;
 }
 
-// A row between the first and the last; `from` and `to` are the buffers of the row before and of this one.
+// A row between the first and the last; `from` and `to` are the buffers of the row before and of
+// this one.
 template <class Metric>
 VSQ_INLINE Range middleRow(const DtwGrid& grid, Arranged& arranged, int i, int from, Range row) {
     const float* cost = grid.cost[from];
@@ -161,7 +163,8 @@ VSQ_INLINE Range middleRow(const DtwGrid& grid, Arranged& arranged, int i, int f
         Costs sum = select(valid, select(drop, dead(), best.cost), dead());
         if (anyLane(select(drop, splat<std::int32_t, dtwRun>(0), valid))) {
             extend(alive, j, row.last);
-            const Costs local = convert<float>(localDistances<Metric>(grid, arranged.stride, frame, j));
+            const Costs local =
+                convert<float>(localDistances<Metric>(grid, arranged.stride, frame, j));
             sum = select(sum < dead(), sum + local, sum);
         }
         store(newCost + j, sum);
@@ -171,8 +174,8 @@ VSQ_INLINE Range middleRow(const DtwGrid& grid, Arranged& arranged, int i, int f
     return alive;
 }
 
-// The smallest cost of a path's end, or the threshold where none is below it. Here alone the local distance
-// is added before it is rounded.
+// The smallest cost of a path's end, or the threshold where none is below it. Here alone the local
+// distance is added before it is rounded.
 template <class Metric>
 VSQ_INLINE double lastRow(const DtwGrid& grid, Arranged& arranged, int from, Range row) {
     const double* frame = grid.test + static_cast<std::ptrdiff_t>(grid.nRows - 1) * grid.nDim;
@@ -205,7 +208,8 @@ double evaluateWith(const DtwGrid& grid) {
         from = 1 - from;
     }
     if (alive.first > alive.last) return grid.threshold;
-    return lastRow<Metric>(grid, arranged, from, intersect(grid.bounds + 2 * (grid.nRows - 1), alive));
+    return lastRow<Metric>(grid, arranged, from,
+                           intersect(grid.bounds + 2 * (grid.nRows - 1), alive));
 }
 
 double evaluate(const DtwGrid& grid) {

@@ -1,7 +1,7 @@
 #include "recognition/vsqgauss_level.h"
+#include "recognition/quadratic_forms.h"
 #include "vectors/dot_product.h"
 #include "vectors/exponential.h"
-#include "recognition/quadratic_forms.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {
@@ -13,25 +13,27 @@ using Ints = Pack<std::int32_t, lanes>;
 
 // -|form| / 2 rounded to float; 0 where the bit pattern of the weight is 0.
 VSQ_INLINE Pack<float, 4> exponentsOf(const Four& forms, const float* weights) {
-    const FourBits magnitudes = bits<std::int64_t>(forms) & splat<std::int64_t, 4>(0x7FFFFFFFFFFFFFFF);
+    const FourBits magnitudes =
+        bits<std::int64_t>(forms) & splat<std::int64_t, 4>(0x7FFFFFFFFFFFFFFF);
     const auto exponents = convert<float>(bits<double>(magnitudes) * splat<double, 4>(-0.5));
     const auto absent = bits<std::int32_t>(load<float, 4>(weights)) == splat<std::int32_t, 4>(0);
     return select(absent, splat<float, 4>(0), exponents);
 }
 
-// The sum of the weighted densities. `formsAt(k)` gives the forms of mixtures k to k + 3, of which those from nMix on do not
-// count. Exponentials are long chains of steps, which are quickest over many lanes at once: all forms come first,
-// and few enough stay in registers.
+// The sum of the weighted densities. `formsAt(k)` gives the forms of mixtures k to k + 3, of which
+// those from nMix on do not count. Exponentials are long chains of steps, which are quickest over
+// many lanes at once: all forms come first, and few enough stay in registers.
 template <class FormsAt>
-VSQ_INLINE double likelihood(const FormsAt& formsAt, const float* weights, const float* normWeights, int nMix,
-                             float* work) {
+VSQ_INLINE double likelihood(const FormsAt& formsAt, const float* weights, const float* normWeights,
+                             int nMix, float* work) {
     if (nMix <= 0) return 0.0;
     if (nMix <= 8) {
         const auto first = exponentsOf(formsAt(0), weights);
         const auto second = nMix > 4 ? exponentsOf(formsAt(4), weights + 4) : splat<float, 4>(0);
         const auto densities = Exp()(join(first, second));
         storePart(work, densities, nMix);
-        return sumLanes(convert<double>(densities) * convert<double>(loadPart<float, 8>(normWeights, nMix)));
+        return sumLanes(convert<double>(densities) *
+                        convert<double>(loadPart<float, 8>(normWeights, nMix)));
     }
     for (int k = 0; k < nMix; k += 4)
         store(work + k, exponentsOf(formsAt(k), weights + k));
@@ -41,9 +43,10 @@ VSQ_INLINE double likelihood(const FormsAt& formsAt, const float* weights, const
 
 // Mixtures that fill no group of 4 come one by one, before the others.
 template <int groups>
-VSQ_INLINE double likelihoodOfDiagonals(const float* x, const float* const* m, const float* const* c,
-                                        const Ending& ending, const float* weights, const float* normWeights,
-                                        int nMix, float* work) {
+VSQ_INLINE double likelihoodOfDiagonals(const float* x, const float* const* m,
+                                        const float* const* c, const Ending& ending,
+                                        const float* weights, const float* normWeights, int nMix,
+                                        float* work) {
     const int whole = nMix / 4 * 4;
     alignas(32) double rest[4] = {};
     for (int k = whole; k < nMix; ++k) {
@@ -60,16 +63,19 @@ VSQ_INLINE double likelihoodOfDiagonals(const float* x, const float* const* m, c
     return likelihood(formsAt, weights, normWeights, nMix, work);
 }
 
-double evaluateDiagonal(const float* x, const float* const* m, const float* const* c, const float* weights,
-                        const float* normWeights, int n, int nMix, float* work) {
-    if (n <= 0) return likelihood([](int) VSQ_LAMBDA { return noSum(); }, weights, normWeights, nMix, work);
+double evaluateDiagonal(const float* x, const float* const* m, const float* const* c,
+                        const float* weights, const float* normWeights, int n, int nMix,
+                        float* work) {
+    if (n <= 0)
+        return likelihood([](int) VSQ_LAMBDA { return noSum(); }, weights, normWeights, nMix, work);
     const Ending ending(n);
-    return ending.groups == 1 ? likelihoodOfDiagonals<1>(x, m, c, ending, weights, normWeights, nMix, work)
-                              : likelihoodOfDiagonals<2>(x, m, c, ending, weights, normWeights, nMix, work);
+    return ending.groups == 1
+               ? likelihoodOfDiagonals<1>(x, m, c, ending, weights, normWeights, nMix, work)
+               : likelihoodOfDiagonals<2>(x, m, c, ending, weights, normWeights, nMix, work);
 }
 
-double evaluateFull(const float* x, const float* const* m, const float* const* const* c, const float* weights,
-                    const float* normWeights, int n, int nMix, float* work) {
+double evaluateFull(const float* x, const float* const* m, const float* const* const* c,
+                    const float* weights, const float* normWeights, int n, int nMix, float* work) {
     const auto formsAt = [&](int k) VSQ_LAMBDA {
         Four halves[4] = {noSum(), noSum(), noSum(), noSum()};
         for (int i = 0; i < 4 && k + i < nMix; ++i)
@@ -81,7 +87,8 @@ double evaluateFull(const float* x, const float* const* m, const float* const* c
 
 // --- fixed point: forms ---
 
-alignas(64) constexpr std::int16_t laneIndex[lanes] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+alignas(64) constexpr std::int16_t laneIndex[lanes] = {0, 1, 2,  3,  4,  5,  6,  7,
+                                                       8, 9, 10, 11, 12, 13, 14, 15};
 
 // All ones in the first `count` lanes.
 template <class Mask>
@@ -90,7 +97,8 @@ VSQ_INLINE Pack<Mask, lanes> firstLanes(int count) {
     return index < splat<Mask, lanes>(Mask(count));
 }
 
-// The first `count` (1 to 16) elements of a padded row, the other lanes zero, whatever the row holds there.
+// The first `count` (1 to 16) elements of a padded row, the other lanes zero, whatever the row
+// holds there.
 template <class T>
 VSQ_INLINE Pack<T, lanes> loadPadded(const T* p, int count) {
     const auto four = [](const T* q) VSQ_LAMBDA { return join(load<T, 4>(q), splat<T, 4>(0)); };
@@ -114,40 +122,46 @@ VSQ_INLINE Ints termsW(const Ints& x, const Pack<short, lanes>& m, const Pack<sh
     return bits<std::int32_t>(d * d * bits<std::uint32_t>(wide(c)));
 }
 
-void formsW(const short* x, const short* const* m, const short* const* c, int n, int nRows, int* forms) {
+void formsW(const short* x, const short* const* m, const short* const* c, int n, int nRows,
+            int* forms) {
     for (int k = 0; k < nRows; ++k) {
         Ints sum = splat<std::int32_t, lanes>(0);
         int i = 0;
         for (; i + lanes <= n; i += lanes)
-            sum = bits<std::int32_t>(
-                bits<std::uint32_t>(sum) +
-                bits<std::uint32_t>(termsW(wide(load<short, lanes>(x + i)), load<short, lanes>(m[k] + i),
-                                           load<short, lanes>(c[k] + i))));
+            sum = bits<std::int32_t>(bits<std::uint32_t>(sum) +
+                                     bits<std::uint32_t>(termsW(wide(load<short, lanes>(x + i)),
+                                                                load<short, lanes>(m[k] + i),
+                                                                load<short, lanes>(c[k] + i))));
         if (i < n)
-            sum = bits<std::int32_t>(
-                bits<std::uint32_t>(sum) +
-                bits<std::uint32_t>(termsW(wide(loadPart<short, lanes>(x + i, n - i)),
-                                           loadPadded(m[k] + i, n - i), loadPadded(c[k] + i, n - i))));
+            sum =
+                bits<std::int32_t>(bits<std::uint32_t>(sum) +
+                                   bits<std::uint32_t>(termsW(
+                                       wide(loadPart<short, lanes>(x + i, n - i)),
+                                       loadPadded(m[k] + i, n - i), loadPadded(c[k] + i, n - i))));
         forms[k] = int(sumLanes(bits<std::uint32_t>(sum)));
     }
 }
 
 // --- statistics of training vectors ---
 //
-// Every sum takes the vectors in order, one by one, so that its bits depend on nothing else. Lanes are
-// elements.
+// Every sum takes the vectors in order, one by one, so that its bits depend on nothing else. Lanes
+// are elements.
 
 using Floats = Pack<float, lanes>;
 
 // What one chunk of 16 elements adds: the elements, or their squares.
 struct Values {
     static VSQ_INLINE Floats of(const float* x) { return load<float, lanes>(x); }
-    static VSQ_INLINE Floats of(const short* x) { return convert<float>(wide(load<short, lanes>(x))); }
+    static VSQ_INLINE Floats of(const short* x) {
+        return convert<float>(wide(load<short, lanes>(x)));
+    }
     static VSQ_INLINE float one(float x) { return x; }
     static VSQ_INLINE float one(short x) { return float(x); }
 };
 struct Squares {
-    static VSQ_INLINE Floats of(const float* x) { return load<float, lanes>(x) * load<float, lanes>(x); }
+    static VSQ_INLINE Floats of(const float* x) {
+        return load<float, lanes>(x) * load<float, lanes>(x);
+    }
     static VSQ_INLINE Floats of(const short* x) {
         const Ints v = wide(load<short, lanes>(x));
         return convert<float>(v * v);
@@ -156,8 +170,8 @@ struct Squares {
     static VSQ_INLINE float one(short x) { return float(x * x); }
 };
 
-// Chunks `first` to `first + chunks - 1`, the last of all ending at element n whatever the others cover
-// already.
+// Chunks `first` to `first + chunks - 1`, the last of all ending at element n whatever the others
+// cover already.
 template <class Term, int chunks, class T>
 VSQ_INLINE void addChunks(const T* const* vectors, int count, int n, int first, float* sums) {
     Floats total[chunks];
@@ -189,8 +203,8 @@ VSQ_INLINE void addTerms(const T* const* vectors, int count, int n, float* sums)
         return;
     }
     const int chunks = (n + lanes - 1) / lanes;
-    // The last chunk overlaps the one before and must start from sums that it has not touched: it comes
-    // first.
+    // The last chunk overlaps the one before and must start from sums that it has not touched: it
+    // comes first.
     int left = chunks;
     if (n % lanes != 0) addChunks<Term, 1>(vectors, count, n, --left, sums);
     int c = 0;
@@ -202,7 +216,8 @@ VSQ_INLINE void addTerms(const T* const* vectors, int count, int n, float* sums)
         addChunks<Term, 1>(vectors, count, n, c, sums);
 }
 
-// Products: 16 columns of a block of vectors are gathered once, then serve every row of the lower triangle.
+// Products: 16 columns of a block of vectors are gathered once, then serve every row of the lower
+// triangle.
 constexpr int blockVectors = 64;
 constexpr int tileRows = registerBytes / 8;
 
@@ -224,8 +239,8 @@ struct Panel<short> {
 };
 
 template <int rows, class T>
-VSQ_INLINE void addTile(const T* const* vectors, int count, const typename Panel<T>::Element* panel, int row,
-                        int column, float* const* sums) {
+VSQ_INLINE void addTile(const T* const* vectors, int count, const typename Panel<T>::Element* panel,
+                        int row, int column, float* const* sums) {
     Floats total[rows];
     for (int r = 0; r < rows; ++r) {
         const int valid = row + r - column + 1;
@@ -318,8 +333,9 @@ VSQ_INLINE bool takePivot(float* const* a, int first, int k, int column, int n) 
     return true;
 }
 
-// With the columns of a permuted by P, the row operations E that bring a P to the diagonal D have made b = E,
-// and the inverse is P (D^-1 E): the swaps come back, the last one first, as swaps of b's rows.
+// With the columns of a permuted by P, the row operations E that bring a P to the diagonal D have
+// made b = E, and the inverse is P (D^-1 E): the swaps come back, the last one first, as swaps of
+// b's rows.
 VSQ_INLINE void undoSwaps(float* const* b, const int* pivots, int n) {
     for (int k = n - 1; k >= 0; --k)
         for (int j = 0; pivots[k] != k && j < n; ++j)

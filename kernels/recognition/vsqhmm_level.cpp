@@ -1,13 +1,14 @@
 #include "recognition/vsqhmm_level.h"
-#include "simd/pack.h"
 #include "recognition/vsqhmm_range.h"
+#include "simd/pack.h"
 
 #include <cstddef>
 
 namespace vsq::VSQ_LEVEL {
 namespace {
 
-// One vector of states: 16 lanes at every level, so that sums over states add in the same order everywhere.
+// One vector of states: 16 lanes at every level, so that sums over states add in the same order
+// everywhere.
 constexpr int lanes = hmmLanes;
 template <class T>
 using Vector = Pack<T, lanes>;
@@ -19,8 +20,9 @@ VSQ_INLINE Vector<T> at(const T* p) {
 
 // Masks as wide as T: the lanes from `first` on are all ones.
 template <class T>
-constexpr MaskOf<T> laneMasks[2 * lanes] = {0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,
-                                            -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+constexpr MaskOf<T> laneMasks[2 * lanes] = {0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,
+                                            0,  0,  0,  0,  0,  -1, -1, -1, -1, -1, -1,
+                                            -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
 
 template <class T>
 VSQ_INLINE Vector<MaskOf<T>> lanesFrom(int first) {
@@ -32,7 +34,8 @@ VSQ_INLINE Vector<MaskOf<T>> lanesFrom(int first) {
 struct Forward {
     static constexpr double none = 0.0;
     template <int n>
-    static VSQ_INLINE Pack<double, n> along(const Pack<double, n>& from, const Pack<double, n>& transition) {
+    static VSQ_INLINE Pack<double, n> along(const Pack<double, n>& from,
+                                            const Pack<double, n>& transition) {
         return from * transition;
     }
     template <int n>
@@ -40,7 +43,9 @@ struct Forward {
         return a + b;
     }
     // below a triangle's diagonal stands 0, which adds nothing
-    static VSQ_INLINE Vector<double> above(int, const Vector<double>& contribution) { return contribution; }
+    static VSQ_INLINE Vector<double> above(int, const Vector<double>& contribution) {
+        return contribution;
+    }
 };
 
 template <class T>
@@ -50,7 +55,8 @@ template <>
 struct BestPath<float> {
     static constexpr float none = __builtin_inff();
     template <int n>
-    static VSQ_INLINE Pack<float, n> along(const Pack<float, n>& from, const Pack<float, n>& transition) {
+    static VSQ_INLINE Pack<float, n> along(const Pack<float, n>& from,
+                                           const Pack<float, n>& transition) {
         return from + transition;
     }
     template <int n>
@@ -78,8 +84,8 @@ struct BestPath<int> {
     }
 };
 
-// ---- full and triangular: blocks of up to four vectors of targets stay in registers while the sources go by
-// ----
+// ---- full and triangular: blocks of up to four vectors of targets stay in registers while the
+// sources go by ----
 
 constexpr int blockVectors = 4;
 
@@ -91,7 +97,8 @@ VSQ_INLINE const T* rowOf(const HmmModel<T>& model, int i) {
 }
 VSQ_INLINE const float* rowOf(const HmmBySource& model, int i) {
     const std::ptrdiff_t source = i, missing = source * (source + 1) / 2;
-    return model.trans + source * model.nStates - (model.topology == HmmTopology::triangular ? missing : 0);
+    return model.trans + source * model.nStates -
+           (model.topology == HmmTopology::triangular ? missing : 0);
 }
 
 // A vector of transitions as the recursion's numbers.
@@ -120,12 +127,13 @@ VSQ_INLINE void joinSources(const Model& model, const T* current, int block, int
         const auto* row = rowOf(model, i) + block;
         const Vector<T> source = splat<T, lanes>(current[i]);
         for (int v = first; v < last; ++v)
-            targets[v] = Rule::join(targets[v], Rule::along(source, transitionsAt<T>(row + v * lanes)));
+            targets[v] =
+                Rule::join(targets[v], Rule::along(source, transitionsAt<T>(row + v * lanes)));
     }
 }
 
-// The same for the sources on the diagonal of a triangle: those of vector `diagonal` reach the targets from
-// themselves on.
+// The same for the sources on the diagonal of a triangle: those of vector `diagonal` reach the
+// targets from themselves on.
 template <class Rule, int diagonal, int last, class Model, class T>
 VSQ_INLINE void joinDiagonal(const Model& model, const T* current, int block, Vector<T>* targets) {
     const int from = block + diagonal * lanes;
@@ -137,13 +145,16 @@ VSQ_INLINE void joinDiagonal(const Model& model, const T* current, int block, Ve
         targets[diagonal] =
             Rule::join(targets[diagonal], aboveDiagonal<Rule, T>(model, i - from, onDiagonal));
         for (int v = diagonal + 1; v < last; ++v)
-            targets[v] = Rule::join(targets[v], Rule::along(source, transitionsAt<T>(row + v * lanes)));
+            targets[v] =
+                Rule::join(targets[v], Rule::along(source, transitionsAt<T>(row + v * lanes)));
     }
-    if constexpr (diagonal + 1 < last) joinDiagonal<Rule, diagonal + 1, last>(model, current, block, targets);
+    if constexpr (diagonal + 1 < last)
+        joinDiagonal<Rule, diagonal + 1, last>(model, current, block, targets);
 }
 
 template <class Rule, int count, class Model, class T, class Finish>
-VSQ_INLINE void advanceBlock(const Model& model, const T* current, int block, const Finish& finish) {
+VSQ_INLINE void advanceBlock(const Model& model, const T* current, int block,
+                             const Finish& finish) {
     Vector<T> targets[count];
     for (int v = 0; v < count; ++v)
         targets[v] = splat<T, lanes>(Rule::none);
@@ -185,15 +196,17 @@ struct Band {
     Pack<T, n> stay, fromOne, fromTwo;
 
     VSQ_INLINE Band(const HmmModel<T>& model, int first)
-        : stay(load<T, n>(model.trans + first)), fromOne(load<T, n>(model.trans + model.stride + first)),
+        : stay(load<T, n>(model.trans + first)),
+          fromOne(load<T, n>(model.trans + model.stride + first)),
           fromTwo(load<T, n>(model.trans + 2 * model.stride + first)) {}
 
-    // `below` holds the states before. In front of the first state it is all Rule::none: the transitions there
-    // are 0, so that what comes along them stays none.
+    // `below` holds the states before. In front of the first state it is all Rule::none: the
+    // transitions there are 0, so that what comes along them stays none.
     template <class Rule>
     VSQ_INLINE Pack<T, n> reached(const Pack<T, n>& below, const Pack<T, n>& here) const {
-        return Rule::join(Rule::join(Rule::along(here, stay), Rule::along(movedUp<1>(below, here), fromOne)),
-                          Rule::along(movedUp<2>(below, here), fromTwo));
+        return Rule::join(
+            Rule::join(Rule::along(here, stay), Rule::along(movedUp<1>(below, here), fromOne)),
+            Rule::along(movedUp<2>(below, here), fromTwo));
     }
 };
 
@@ -228,8 +241,8 @@ VSQ_INLINE void advanceFrame(const HmmBySource& model, const T* current, const F
 
 // ---- forward ----
 
-// Reached when a frame's sum has left its range, and on the last frame: the power of two for its vector, already
-// multiplied into the sum and counted.
+// Reached when a frame's sum has left its range, and on the last frame: the power of two for its
+// vector, already multiplied into the sum and counted.
 __attribute__((noinline)) double rescale(HmmForward* state) {
     double power = 0.0;
     state->failed = bringIntoRange(&state->sum, &power, &state->exponent) != RangeFault::none;
@@ -251,12 +264,14 @@ VSQ_INLINE void forward(const Model& model, const T* const* rows, int nFrames, b
         const T* outputs = rows[t];
         double* next = state->other;
         Vector<double> sums = splat<double, lanes>(0.0);
-        advanceFrame<Forward>(model, state->current, [&](int j, const Vector<double>& reached) VSQ_LAMBDA {
-            Vector<double> values = reached * convert<double>(load<T, lanes>(outputs + j));
-            if (j + lanes == model.stride) values = select(unused, splat<double, lanes>(0.0), values);
-            store(next + j, values);
-            sums = sums + values;
-        });
+        advanceFrame<Forward>(
+            model, state->current, [&](int j, const Vector<double>& reached) VSQ_LAMBDA {
+                Vector<double> values = reached * convert<double>(load<T, lanes>(outputs + j));
+                if (j + lanes == model.stride)
+                    values = select(unused, splat<double, lanes>(0.0), values);
+                store(next + j, values);
+                sums = sums + values;
+            });
         state->other = state->current;
         state->current = next;
         state->sum = sumLanes(sums);
@@ -269,8 +284,8 @@ VSQ_INLINE void forward(const Model& model, const T* const* rows, int nFrames, b
     }
 }
 
-// The same for a banded model of up to n states. Lanes above n are zero in the other text's sums, so the bits
-// agree.
+// The same for a banded model of up to n states. Lanes above n are zero in the other text's sums,
+// so the bits agree.
 template <int n, class T>
 VSQ_INLINE void forwardNarrow(const HmmModel<double>& model, const T* const* rows, int nFrames,
                               bool rescaleLast, HmmForward* state) {
@@ -292,8 +307,8 @@ VSQ_INLINE void forwardNarrow(const HmmModel<double>& model, const T* const* row
 }
 
 template <class T>
-VSQ_INLINE void forwardAny(const HmmModel<double>& model, const T* const* rows, int nFrames, bool rescaleLast,
-                           HmmForward* state) {
+VSQ_INLINE void forwardAny(const HmmModel<double>& model, const T* const* rows, int nFrames,
+                           bool rescaleLast, HmmForward* state) {
     if (isNarrowBand<lanes / 2>(model))
         forwardNarrow<lanes / 2>(model, rows, nFrames, rescaleLast, state);
     else if (isNarrowBand<lanes>(model))
@@ -302,30 +317,31 @@ VSQ_INLINE void forwardAny(const HmmModel<double>& model, const T* const* rows, 
         forward(model, rows, nFrames, rescaleLast, state);
 }
 
-void forwardFloat(const HmmModel<double>& model, const float* const* rows, int nFrames, bool rescaleLast,
-                  HmmForward* state) {
+void forwardFloat(const HmmModel<double>& model, const float* const* rows, int nFrames,
+                  bool rescaleLast, HmmForward* state) {
     forwardAny(model, rows, nFrames, rescaleLast, state);
 }
 
-void forwardDouble(const HmmModel<double>& model, const double* const* rows, int nFrames, bool rescaleLast,
-                   HmmForward* state) {
+void forwardDouble(const HmmModel<double>& model, const double* const* rows, int nFrames,
+                   bool rescaleLast, HmmForward* state) {
     forwardAny(model, rows, nFrames, rescaleLast, state);
 }
 
-void storedForwardFloat(const HmmBySource& model, const float* const* rows, int nFrames, bool rescaleLast,
-                        HmmForward* state) {
+void storedForwardFloat(const HmmBySource& model, const float* const* rows, int nFrames,
+                        bool rescaleLast, HmmForward* state) {
     forward(model, rows, nFrames, rescaleLast, state);
 }
 
-void storedForwardDouble(const HmmBySource& model, const double* const* rows, int nFrames, bool rescaleLast,
-                         HmmForward* state) {
+void storedForwardDouble(const HmmBySource& model, const double* const* rows, int nFrames,
+                         bool rescaleLast, HmmForward* state) {
     forward(model, rows, nFrames, rescaleLast, state);
 }
 
 // ---- best path ----
 
 template <class T>
-VSQ_INLINE void bestPath(const HmmModel<T>& model, const T* const* rows, int nFrames, HmmPath<T>* state) {
+VSQ_INLINE void bestPath(const HmmModel<T>& model, const T* const* rows, int nFrames,
+                         HmmPath<T>* state) {
     using Rule = BestPath<T>;
     for (int t = 0; t < nFrames; ++t) {
         const T* outputs = rows[t];
@@ -351,7 +367,8 @@ VSQ_INLINE void bestPathNarrow(const HmmModel<T>& model, const T* const* rows, i
 }
 
 template <class T>
-VSQ_INLINE void bestPathAny(const HmmModel<T>& model, const T* const* rows, int nFrames, HmmPath<T>* state) {
+VSQ_INLINE void bestPathAny(const HmmModel<T>& model, const T* const* rows, int nFrames,
+                            HmmPath<T>* state) {
     if (isNarrowBand<lanes / 2>(model))
         bestPathNarrow<lanes / 2>(model, rows, nFrames, state);
     else if (isNarrowBand<lanes>(model))
@@ -360,7 +377,8 @@ VSQ_INLINE void bestPathAny(const HmmModel<T>& model, const T* const* rows, int 
         bestPath(model, rows, nFrames, state);
 }
 
-void pathFloat(const HmmModel<float>& model, const float* const* rows, int nFrames, HmmPath<float>* state) {
+void pathFloat(const HmmModel<float>& model, const float* const* rows, int nFrames,
+               HmmPath<float>* state) {
     bestPathAny(model, rows, nFrames, state);
 }
 
@@ -389,7 +407,8 @@ __attribute__((noinline)) float firstZero(const float* current, const float* row
     return 0.0f;
 }
 
-VSQ_INLINE float least(const Vector<float>& best, const float* current, const float* row, int count) {
+VSQ_INLINE float least(const Vector<float>& best, const float* current, const float* row,
+                       int count) {
     const float cost = smallestLane(best);
     return cost == 0.0f ? firstZero(current, row, count) : cost;
 }
@@ -400,8 +419,8 @@ VSQ_INLINE int least(const Vector<int>& best, const int*, const int*, int) {
 // The targets j, j - 1, ..., `count` of them, whose rows begin at `row`; returns where the next one
 // begins.
 template <int count, class T>
-VSQ_INLINE const T* reachTargets(const HmmByTarget<T>& model, const T* current, const T* outputs, int j,
-                                 const T* row, T* next) {
+VSQ_INLINE const T* reachTargets(const HmmByTarget<T>& model, const T* current, const T* outputs,
+                                 int j, const T* row, T* next) {
     using Rule = BestPath<T>;
     const T* rows[count];
     int sources[count];
@@ -419,10 +438,12 @@ VSQ_INLINE const T* reachTargets(const HmmByTarget<T>& model, const T* current, 
             best[r] = Rule::join(best[r], Rule::along(here, at(rows[r] + i)));
     }
     for (int r = 0; r < count; ++r) {
-        for (int i = whole; i < sources[r]; i += lanes) { // behind the last source stands something else
+        // behind the last source stands something else
+        for (int i = whole; i < sources[r]; i += lanes) {
             const int used = sources[r] - i < lanes ? sources[r] - i : lanes;
             const Vector<T> reached = Rule::along(at(current + i), at(rows[r] + i));
-            best[r] = Rule::join(best[r], select(lanesFrom<T>(used), splat<T, lanes>(Rule::none), reached));
+            best[r] = Rule::join(best[r],
+                                 select(lanesFrom<T>(used), splat<T, lanes>(Rule::none), reached));
         }
         next[j - r] = sum(outputs[j - r], least(best[r], current, rows[r], sources[r]));
     }
@@ -450,13 +471,15 @@ void storedPathFloat(const HmmByTarget<float>& model, const float* const* rows, 
     storedPath(model, rows, nFrames, state);
 }
 
-void storedPathInt(const HmmByTarget<int>& model, const int* const* rows, int nFrames, HmmPath<int>* state) {
+void storedPathInt(const HmmByTarget<int>& model, const int* const* rows, int nFrames,
+                   HmmPath<int>* state) {
     storedPath(model, rows, nFrames, state);
 }
 
 } // namespace
 
-extern const HmmKernels hmmKernels{forwardFloat,       forwardDouble,       pathFloat,       pathInt,
-                                   storedForwardFloat, storedForwardDouble, storedPathFloat, storedPathInt};
+extern const HmmKernels hmmKernels{forwardFloat,    forwardDouble,      pathFloat,
+                                   pathInt,         storedForwardFloat, storedForwardDouble,
+                                   storedPathFloat, storedPathInt};
 
 } // namespace vsq::VSQ_LEVEL

@@ -1,5 +1,6 @@
-// The range control of the forward recursions: a frame's sum over the states decides by its exponent field whether the
-// frame is multiplied by a power of two, which loses no bits. Included by level sources behind simd.h.
+// The range control of the forward recursions: a frame's sum over the states decides by its
+// exponent field whether the frame is multiplied by a power of two, which loses no bits. Included
+// by level sources behind simd.h.
 #pragma once
 
 #include <cstdint>
@@ -31,11 +32,12 @@ VSQ_INLINE bool isInRange(double sum) {
 enum class RangeFault {
     none,
     vanished, // zero or denormal
-    beyond    // negative, no number, or too large for the doubles; or the count of exponents left the ints
+    // negative, no number, or too large for the doubles; or the count of exponents left the ints
+    beyond
 };
 
-// Brings a sum near 1: multiplies it by a power of two, which the frame's values then need as well, and counts its
-// exponent. After a fault nothing has been changed.
+// Brings a sum near 1: multiplies it by a power of two, which the frame's values then need as well,
+// and counts its exponent. After a fault nothing has been changed.
 VSQ_INLINE RangeFault bringIntoRange(double* sum, double* power, int* exponent) {
     int field = exponentField(*sum);
     if (!(*sum >= 0.0) || field >= overflowField) return RangeFault::beyond;

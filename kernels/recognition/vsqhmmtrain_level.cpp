@@ -1,6 +1,6 @@
 #include "recognition/vsqhmmtrain_level.h"
-#include "simd/pack.h"
 #include "recognition/vsqhmm_range.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {
@@ -16,7 +16,8 @@ VSQ_INLINE States none() {
     return splat<double, lanes>(0.0);
 }
 
-// --- reading and writing: rows may end within a group of lanes, and nothing behind them is touched ---
+// --- reading and writing: rows may end within a group of lanes, and nothing behind them is touched
+// ---
 
 template <bool whole>
 VSQ_INLINE States widened(const float* p, int count) {
@@ -44,8 +45,8 @@ VSQ_INLINE void keep(double* p, const Pack<double, n>& values, int count) {
 
 // The lanes from `first` on; the others are 0.
 VSQ_INLINE States lanesFrom(int first, const States& values) {
-    return select(splat<std::int64_t, lanes>(first) <= load<std::int64_t, lanes>(laneNumbers), values,
-                  none());
+    return select(splat<std::int64_t, lanes>(first) <= load<std::int64_t, lanes>(laneNumbers),
+                  values, none());
 }
 
 VSQ_INLINE const float* outputRow(const HmmOutputs& outputs, int t) {
@@ -53,8 +54,8 @@ VSQ_INLINE const float* outputRow(const HmmOutputs& outputs, int t) {
                                       : outputs.values + t * outputs.stride;
 }
 
-// Where element j of a source's row would stand if the row began at j = 0. In a triangle that is within the
-// rows before it.
+// Where element j of a source's row would stand if the row began at j = 0. In a triangle that is
+// within the rows before it.
 template <bool triangular>
 VSQ_INLINE const float* rowOf(const HmmStored& model, int i) {
     const std::ptrdiff_t source = i, n = model.nStates;
@@ -68,8 +69,8 @@ VSQ_INLINE States reached(const HmmStored& model, const double* current, int blo
     const int n = model.nStates, rest = n - block, above = triangular ? block : n;
     States sums[4] = {none(), none(), none(), none()}; // a single one would wait for each addition
     const auto add = [&](States& sum, int i) VSQ_LAMBDA {
-        sum = sum +
-              splat<double, lanes>(current[i]) * widened<whole>(rowOf<triangular>(model, i) + block, rest);
+        sum = sum + splat<double, lanes>(current[i]) *
+                        widened<whole>(rowOf<triangular>(model, i) + block, rest);
     };
     int i = 0;
     for (; i + 4 <= above; i += 4)
@@ -96,7 +97,8 @@ VSQ_INLINE double forwardMatrix(const HmmStored& model, const float* outputs, co
     States sums = none();
     int j = 0;
     for (; j + lanes <= n; j += lanes) {
-        const States values = reached<triangular, true>(model, current, j) * widened<true>(outputs + j, 0);
+        const States values =
+            reached<triangular, true>(model, current, j) * widened<true>(outputs + j, 0);
         store(next + j, values);
         sums = sums + values;
     }
@@ -113,7 +115,8 @@ VSQ_INLINE double forwardMatrix(const HmmStored& model, const float* outputs, co
 VSQ_INLINE double reachedInBand(const float* a, const double* p, int j) {
     if (j == 0) return double(a[0]) * p[0];
     if (j == 1) return double(a[3]) * p[1] + double(a[1]) * p[0];
-    return double(a[3 * j]) * p[j] + double(a[3 * j - 2]) * p[j - 1] + double(a[3 * j - 4]) * p[j - 2];
+    return double(a[3 * j]) * p[j] + double(a[3 * j - 2]) * p[j - 1] +
+           double(a[3 * j - 4]) * p[j - 2];
 }
 
 VSQ_INLINE double forwardBand(const HmmStored& model, const float* outputs, const double* current,
@@ -149,7 +152,8 @@ VSQ_INLINE FourStates leaving(const HmmStored& model, const float* outputs, cons
     int j = triangular ? source / lanes * lanes : 0;
     const auto add = [&](auto whole) VSQ_LAMBDA {
         constexpr bool all = decltype(whole)::value;
-        const States ahead = widened<all>(outputs + j, n - j) * doubles < all || padded > (values + j, n - j);
+        const States ahead =
+            widened<all>(outputs + j, n - j) * doubles < all || padded > (values + j, n - j);
         for (int k = 0; k < 4; ++k) {
             States terms = widened<all>(rows[k] + j, n - j) * ahead;
             if (triangular && j < source + k) terms = lanesFrom(source + k - j, terms);
@@ -200,11 +204,12 @@ VSQ_INLINE double backwardBand(const HmmStored& model, const float* outputs, con
 
 // --- full models that are unpacked: both directions run along rows ---
 
-// sums[b] = the sum over i of weights[i] * rows[i][8 b .. 8 b + 7], `count` blocks of eight at once. The first products
-// start the four partial sums: a zero in front of them would only lengthen the way from one frame to the next.
+// sums[b] = the sum over i of weights[i] * rows[i][8 b .. 8 b + 7], `count` blocks of eight at
+// once. The first products start the four partial sums: a zero in front of them would only lengthen
+// the way from one frame to the next.
 template <int count>
-VSQ_INLINE void weightedSums(const double* rows, std::ptrdiff_t stride, int n, const double* weights,
-                             States* sums) {
+VSQ_INLINE void weightedSums(const double* rows, std::ptrdiff_t stride, int n,
+                             const double* weights, States* sums) {
     States parts[4][count];
     const auto add = [&](int k, int i) VSQ_LAMBDA {
         const States weight = splat<double, lanes>(weights[i]);
@@ -214,7 +219,8 @@ VSQ_INLINE void weightedSums(const double* rows, std::ptrdiff_t stride, int n, c
     for (int k = 0; k < 4; ++k) {
         const States weight = k < n ? splat<double, lanes>(weights[k]) : none();
         for (int b = 0; b < count; ++b)
-            parts[k][b] = k < n ? weight * load<double, lanes>(rows + k * stride + b * lanes) : none();
+            parts[k][b] =
+                k < n ? weight * load<double, lanes>(rows + k * stride + b * lanes) : none();
     }
     int i = 4;
     for (; i + 4 <= n; i += 4)
@@ -239,10 +245,11 @@ VSQ_INLINE States outputsFrom(const float* outputs, int n, int j) {
     return j + lanes <= n ? widened<true>(outputs + j, 0) : widened<false>(outputs + j, n - j);
 }
 
-// finish(j, sums) for every block of eight targets, of which there are `blocks` (0: as many as n says); returns the sum
-// of what it gives, block by block.
+// finish(j, sums) for every block of eight targets, of which there are `blocks` (0: as many as n
+// says); returns the sum of what it gives, block by block.
 template <int blocks, class Finish>
-VSQ_INLINE double eachBlock(const double* rows, int n, const double* weights, const Finish& finish) {
+VSQ_INLINE double eachBlock(const double* rows, int n, const double* weights,
+                            const Finish& finish) {
     const int stride = blocks != 0 ? blocks * lanes : paddedTo8(n);
     States total = none(), sums[blocksAtOnce];
     int j = 0;
@@ -259,19 +266,20 @@ VSQ_INLINE double eachBlock(const double* rows, int n, const double* weights, co
 }
 
 template <int blocks>
-VSQ_INLINE double forwardUnpacked(const HmmStored& model, const float* outputs, const double* current,
-                                  double* next) {
+VSQ_INLINE double forwardUnpacked(const HmmStored& model, const float* outputs,
+                                  const double* current, double* next) {
     return eachBlock<blocks>(model.unpacked.bySource, model.nStates, current,
                              [&](int j, const States& reached) VSQ_LAMBDA {
-                                 const States values = reached * outputsFrom(outputs, model.nStates, j);
+                                 const States values =
+                                     reached * outputsFrom(outputs, model.nStates, j);
                                  store(next + j, values);
                                  return values;
                              });
 }
 
 template <int blocks>
-VSQ_INLINE double backwardUnpacked(const HmmStored& model, const float* outputs, const double* values,
-                                   double* before) {
+VSQ_INLINE double backwardUnpacked(const HmmStored& model, const float* outputs,
+                                   const double* values, double* before) {
     const int n = model.nStates;
     double* ahead = model.unpacked.ahead;
     const int stride = blocks != 0 ? blocks * lanes : paddedTo8(n);
@@ -286,8 +294,10 @@ VSQ_INLINE double backwardUnpacked(const HmmStored& model, const float* outputs,
 
 // --- range control ---
 
-// A frame whose sum has left its range, or the last one: the sum comes back scaled, or the failure's value.
-__attribute__((noinline)) double rescaled(double* row, int n, double sum, double* scale, int* exponent) {
+// A frame whose sum has left its range, or the last one: the sum comes back scaled, or the
+// failure's value.
+__attribute__((noinline)) double rescaled(double* row, int n, double sum, double* scale,
+                                          int* exponent) {
     switch (bringIntoRange(&sum, scale, exponent)) {
     case RangeFault::vanished:
         return 0.0;
@@ -304,19 +314,23 @@ __attribute__((noinline)) double rescaled(double* row, int n, double sum, double
 // --- the two passes over a sequence, one text over the topologies ---
 
 struct Band {
-    static VSQ_INLINE double forward(const HmmStored& m, const float* b, const double* p, double* q) {
+    static VSQ_INLINE double forward(const HmmStored& m, const float* b, const double* p,
+                                     double* q) {
         return forwardBand(m, b, p, q);
     }
-    static VSQ_INLINE double backward(const HmmStored& m, const float* b, const double* q, double* p) {
+    static VSQ_INLINE double backward(const HmmStored& m, const float* b, const double* q,
+                                      double* p) {
         return backwardBand(m, b, q, p);
     }
 };
 template <bool triangular, bool padded>
 struct Matrix {
-    static VSQ_INLINE double forward(const HmmStored& m, const float* b, const double* p, double* q) {
+    static VSQ_INLINE double forward(const HmmStored& m, const float* b, const double* p,
+                                     double* q) {
         return forwardMatrix<triangular, padded>(m, b, p, q);
     }
-    static VSQ_INLINE double backward(const HmmStored& m, const float* b, const double* q, double* p) {
+    static VSQ_INLINE double backward(const HmmStored& m, const float* b, const double* q,
+                                      double* p) {
         return backwardMatrix<triangular, padded>(m, b, q, p);
     }
 };
@@ -324,10 +338,12 @@ struct Matrix {
 // `blocks` of eight states, or any number of them when it is 0.
 template <int blocks>
 struct Unpacked {
-    static VSQ_INLINE double forward(const HmmStored& m, const float* b, const double* p, double* q) {
+    static VSQ_INLINE double forward(const HmmStored& m, const float* b, const double* p,
+                                     double* q) {
         return forwardUnpacked<blocks>(m, b, p, q);
     }
-    static VSQ_INLINE double backward(const HmmStored& m, const float* b, const double* q, double* p) {
+    static VSQ_INLINE double backward(const HmmStored& m, const float* b, const double* q,
+                                      double* p) {
         return backwardUnpacked<blocks>(m, b, q, p);
     }
 };
@@ -405,9 +421,10 @@ VSQ_INLINE double passesOfUnpacked(const HmmStored& model, const HmmOutputs& out
 }
 
 template <bool padded>
-VSQ_INLINE double passesOf(const HmmStored& model, const HmmOutputs& outputs, const HmmLattice& lattice,
-                           int* exponent) {
-    if (model.topology == HmmTopology::banded) return bothPasses<Band>(model, outputs, lattice, exponent);
+VSQ_INLINE double passesOf(const HmmStored& model, const HmmOutputs& outputs,
+                           const HmmLattice& lattice, int* exponent) {
+    if (model.topology == HmmTopology::banded)
+        return bothPasses<Band>(model, outputs, lattice, exponent);
     if (model.topology == HmmTopology::triangular)
         return bothPasses<Matrix<true, padded>>(model, outputs, lattice, exponent);
     if (padded && model.unpacked.bySource != nullptr)
@@ -428,7 +445,8 @@ void occupancies(const HmmLattice& lattice, double* sums) {
         States sum = none();
         for (int t = 0; t + 1 < lattice.nFrames; ++t) {
             const std::ptrdiff_t at = t * lattice.stride + i;
-            sum = sum + load<double, lanes>(lattice.alpha + at) * load<double, lanes>(lattice.beta + at);
+            sum = sum +
+                  load<double, lanes>(lattice.alpha + at) * load<double, lanes>(lattice.beta + at);
         }
         store(sums + i, sum);
     }
@@ -447,8 +465,8 @@ void symbolOccupancies(const HmmLattice& lattice, const int* symbols, double wei
 
 // --- sums over frames of outer products ---
 
-// sums[r][0 .. 7] = [what is there +] sum over t of left(t)[r] * right(t), `count` rows at a time in
-// registers.
+// sums[r][0 .. 7] = [what is there +] sum over t of left(t)[r] * right(t), `count` rows at a time
+// in registers.
 template <int count, bool onTop, class Left, class Right>
 VSQ_INLINE void outerRows(int frames, const Left& left, const Right& right, double* sums,
                           std::ptrdiff_t sumStride) {
@@ -487,17 +505,18 @@ VSQ_INLINE void outerProducts(int frames, const double* left, std::ptrdiff_t lef
 }
 
 template <bool whole>
-VSQ_INLINE void transitionBlock(const HmmStored& model, const HmmOutputs& outputs, const HmmLattice& lattice,
-                                int block, double* sums) {
+VSQ_INLINE void transitionBlock(const HmmStored& model, const HmmOutputs& outputs,
+                                const HmmLattice& lattice, int block, double* sums) {
     const int n = model.nStates;
-    const int sources = model.topology == HmmTopology::triangular && block + lanes < n ? block + lanes : n;
+    const int sources =
+        model.topology == HmmTopology::triangular && block + lanes < n ? block + lanes : n;
     const auto ahead = [&](int t) VSQ_LAMBDA {
         const States b = widened<whole>(outputRow(outputs, t + 1) + block, n - block);
         const States beta = load<double, lanes>(lattice.beta + (t + 1) * lattice.stride + block);
         return b * beta * splat<double, lanes>(lattice.scales[t + 1]);
     };
-    outerProducts<false>(lattice.nFrames - 1, lattice.alpha, lattice.stride, sources, ahead, sums + block,
-                         lattice.stride);
+    outerProducts<false>(lattice.nFrames - 1, lattice.alpha, lattice.stride, sources, ahead,
+                         sums + block, lattice.stride);
 }
 
 void transitionBand(const HmmStored& model, const HmmOutputs& outputs, const HmmLattice& lattice,
@@ -517,7 +536,8 @@ void transitionBand(const HmmStored& model, const HmmOutputs& outputs, const Hmm
     }
 }
 
-void transitions(const HmmStored& model, const HmmOutputs& outputs, const HmmLattice& lattice, double* sums) {
+void transitions(const HmmStored& model, const HmmOutputs& outputs, const HmmLattice& lattice,
+                 double* sums) {
     if (model.topology == HmmTopology::banded) {
         transitionBand(model, outputs, lattice, sums);
         return;
@@ -531,15 +551,15 @@ void transitions(const HmmStored& model, const HmmOutputs& outputs, const HmmLat
 // --- arrivals ---
 
 template <bool triangular>
-VSQ_INLINE void arrivalsOfMatrix(const HmmStored& model, const double* current, const States& factor,
-                                 double* beta) {
+VSQ_INLINE void arrivalsOfMatrix(const HmmStored& model, const double* current,
+                                 const States& factor, double* beta) {
     int j = 0;
     for (; j + lanes <= model.nStates; j += lanes)
-        store(beta + j,
-              reached<triangular, true>(model, current, j) * load<double, lanes>(beta + j) * factor);
+        store(beta + j, reached<triangular, true>(model, current, j) *
+                            load<double, lanes>(beta + j) * factor);
     if (j < model.nStates)
-        store(beta + j,
-              reached<triangular, false>(model, current, j) * load<double, lanes>(beta + j) * factor);
+        store(beta + j, reached<triangular, false>(model, current, j) *
+                            load<double, lanes>(beta + j) * factor);
 }
 
 void arrivals(const HmmStored& model, const HmmLattice& lattice, double weight) {
@@ -593,10 +613,12 @@ void densityShares(const HmmLattice& lattice, int nStates, const float* const* d
     }
 }
 
-// As many means at once as leave registers for a frame: one alone would wait for each of its additions.
+// As many means at once as leave registers for a frame: one alone would wait for each of its
+// additions.
 constexpr int meansAtOnce = registerBytes == 64 ? 8 : registerBytes == 32 ? 4 : 2;
 
-// The elements d .. d + 15 of the means of `count` components; the sums stay in registers for all frames.
+// The elements d .. d + 15 of the means of `count` components; the sums stay in registers for all
+// frames.
 template <int count, bool whole>
 VSQ_INLINE void addFrameGroup(const float* const* frames, const float* const* shares, int component,
                               int nFrames, int d, int rest, float* const* means) {
@@ -628,11 +650,12 @@ VSQ_INLINE void addFramesTo(const float* const* frames, const float* const* shar
     int d = 0;
     for (; d + 16 <= nDim; d += 16)
         addFrameGroup<count, true>(frames, shares, component, nFrames, d, 16, means);
-    if (d < nDim) addFrameGroup<count, false>(frames, shares, component, nFrames, d, nDim - d, means);
+    if (d < nDim)
+        addFrameGroup<count, false>(frames, shares, component, nFrames, d, nDim - d, means);
 }
 
-void addFrames(const float* const* frames, const float* const* shares, int nComponents, int nFrames, int nDim,
-               float* const* means) {
+void addFrames(const float* const* frames, const float* const* shares, int nComponents, int nFrames,
+               int nDim, float* const* means) {
     int m = 0;
     for (; m + meansAtOnce <= nComponents; m += meansAtOnce)
         addFramesTo<meansAtOnce>(frames, shares, m, nFrames, nDim, means);
@@ -642,7 +665,8 @@ void addFrames(const float* const* frames, const float* const* shares, int nComp
 
 } // namespace
 
-extern const HmmTrainKernels hmmTrainKernels{forwardBackward, occupancies,     symbolOccupancies, transitions,
-                                             arrivals,        componentShares, densityShares,     addFrames};
+extern const HmmTrainKernels hmmTrainKernels{forwardBackward, occupancies, symbolOccupancies,
+                                             transitions,     arrivals,    componentShares,
+                                             densityShares,   addFrames};
 
 } // namespace vsq::VSQ_LEVEL

@@ -32,8 +32,10 @@ VSQ_INLINE Pairs partOf(const float* p, int count) {
     return count >= 2 * pairs ? load<float, 2 * pairs>(p) : loadPart<float, 2 * pairs>(p, count);
 }
 
-// Adds the squares of 2 * pairs elements from place k on; `left` of them exist, the others add nothing.
-VSQ_INLINE void addPart(Pairs& sums, const Pairs& vector, const float* const* codes, int k, int left) {
+// Adds the squares of 2 * pairs elements from place k on; `left` of them exist, the others add
+// nothing.
+VSQ_INLINE void addPart(Pairs& sums, const Pairs& vector, const float* const* codes, int k,
+                        int left) {
     Pairs rows[pairs];
     for (int i = 0; i < pairs; ++i) {
         const Pairs difference = partOf(codes[i] + k, left) - vector;
@@ -62,7 +64,8 @@ VSQ_INLINE Pairs squaresOfGroup(const float* vector, const float* const* codes, 
     return evenPlusOdd(first, second, std::make_integer_sequence<int, 2 * pairs>());
 }
 
-void squaresOfFloats(const float* vector, const float* const* codes, float* squares, int nDim, int nCodes) {
+void squaresOfFloats(const float* vector, const float* const* codes, float* squares, int nDim,
+                     int nCodes) {
     constexpr int together = 2 * pairs;
     int c = 0;
     for (; c + together <= nCodes; c += together)
@@ -82,14 +85,16 @@ using Squares = Pack<std::uint32_t, group>;
 
 // Differences have 17 bits, so that their squares fill 32 unsigned ones.
 VSQ_INLINE Squares squaresOf(const Words& a, const Words& b) {
-    const auto difference = bits<std::uint32_t>(convert<std::int32_t>(a) - convert<std::int32_t>(b));
+    const auto difference =
+        bits<std::uint32_t>(convert<std::int32_t>(a) - convert<std::int32_t>(b));
     return difference * difference;
 }
 
-constexpr std::int16_t lastOnes[2 * group] = {0, 0, 0, 0, 0, 0, 0, 0, -1, -1, -1, -1, -1, -1, -1, -1};
+constexpr std::int16_t lastOnes[2 * group] = {0,  0,  0,  0,  0,  0,  0,  0,
+                                              -1, -1, -1, -1, -1, -1, -1, -1};
 
-// The sum of the squares in words of type Sum. What is left behind whole groups is taken as the last whole
-// group of the row, without the elements that have been taken already.
+// The sum of the squares in words of type Sum. What is left behind whole groups is taken as the
+// last whole group of the row, without the elements that have been taken already.
 template <class Sum>
 VSQ_INLINE Sum sumOfSquares(const short* a, const short* b, int nDim) {
     if (nDim < group) {
@@ -103,8 +108,8 @@ VSQ_INLINE Sum sumOfSquares(const short* a, const short* b, int nDim) {
     auto total = splat<Sum, group>(0);
     int k = 0;
     for (; k + group <= nDim; k += group)
-        total = total +
-                convert<Sum>(squaresOf(load<std::int16_t, group>(a + k), load<std::int16_t, group>(b + k)));
+        total = total + convert<Sum>(squaresOf(load<std::int16_t, group>(a + k),
+                                               load<std::int16_t, group>(b + k)));
     if (k < nDim) {
         const Words left = load<std::int16_t, group>(lastOnes + (nDim - k));
         const int last = nDim - group;
@@ -115,14 +120,17 @@ VSQ_INLINE Sum sumOfSquares(const short* a, const short* b, int nDim) {
     return sumLanes(total);
 }
 
-void squaresOfShorts(const short* vector, const short* const* codes, void* squares, int nDim, int nCodes) {
+void squaresOfShorts(const short* vector, const short* const* codes, void* squares, int nDim,
+                     int nCodes) {
     for (int c = 0; c < nCodes; ++c) {
-        const float rounded = float(std::int64_t(sumOfSquares<std::uint64_t>(codes[c], vector, nDim)));
+        const float rounded =
+            float(std::int64_t(sumOfSquares<std::uint64_t>(codes[c], vector, nDim)));
         std::memcpy(static_cast<char*>(squares) + std::ptrdiff_t(c) * 4, &rounded, 4);
     }
 }
 
-void wrappingSquares(const short* vector, const short* const* codes, int* squares, int nDim, int nCodes) {
+void wrappingSquares(const short* vector, const short* const* codes, int* squares, int nDim,
+                     int nCodes) {
     for (int c = 0; c < nCodes; ++c)
         squares[c] = int(sumOfSquares<std::uint32_t>(codes[c], vector, nDim));
 }
@@ -130,11 +138,12 @@ void wrappingSquares(const short* vector, const short* const* codes, int* square
 constexpr int lanes = 16;
 using Ints = Pack<std::int32_t, lanes>;
 
-// A double holds the word and its root exactly enough: no root of a word that is not a square is within 2^-18
-// of an integer from below, so that the truncation is exact.
+// A double holds the word and its root exactly enough: no root of a word that is not a square is
+// within 2^-18 of an integer from below, so that the truncation is exact.
 VSQ_INLINE Ints rootsOf(const Ints& words) {
     auto values = convert<double>(words);
-    values = select(values < splat<double, lanes>(0), values + splat<double, lanes>(4294967296.0), values);
+    values = select(values < splat<double, lanes>(0), values + splat<double, lanes>(4294967296.0),
+                    values);
     return truncated(squareRoot(values));
 }
 
@@ -189,7 +198,8 @@ int firstSmallest(const void* values, int n) {
 
 } // namespace
 
-extern const KohonenKernels kohonenKernels{squaresOfFloats, squaresOfShorts, wrappingSquares, integerRoots,
-                                           shiftRight,      shiftLeft,       firstSmallest};
+extern const KohonenKernels kohonenKernels{squaresOfFloats, squaresOfShorts, wrappingSquares,
+                                           integerRoots,    shiftRight,      shiftLeft,
+                                           firstSmallest};
 
 } // namespace vsq::VSQ_LEVEL

@@ -1,6 +1,7 @@
-// The loops of the Kohonen search: squared distances of one vector from a table of codes, integer roots, the
-// winner. nDim and nCodes are 1 or more. Distances of fixed-point vectors are 32-bit words; they are moved as
-// bytes where floats stand in them, so that a caller's array of int may hold either.
+// The loops of the Kohonen search: squared distances of one vector from a table of codes, integer
+// roots, the winner. nDim and nCodes are 1 or more. Distances of fixed-point vectors are 32-bit
+// words; they are moved as bytes where floats stand in them, so that a caller's array of int may
+// hold either.
 #pragma once
 
 #include "levels/levelrecord.h"
@@ -8,12 +9,13 @@
 namespace vsq {
 
 struct KohonenKernels {
-    // squares[c] = (e0^2 + e2^2 + ...) + (e1^2 + e3^2 + ...) of the differences e = code - vector, each of
-    // the two sums taken upward in float: these roundings are part of the result.
-    void (*squaresOfFloats)(const float* vector, const float* const* codes, float* squares, int nDim,
-                            int nCodes);
+    // squares[c] = (e0^2 + e2^2 + ...) + (e1^2 + e3^2 + ...) of the differences e = code - vector,
+    // each of the two sums taken upward in float: these roundings are part of the result.
+    void (*squaresOfFloats)(const float* vector, const float* const* codes, float* squares,
+                            int nDim, int nCodes);
 
-    // The same for 16-bit elements: the exact sum, rounded to float; squares is an array of float or int.
+    // The same for 16-bit elements: the exact sum, rounded to float; squares is an array of float
+    // or int.
     void (*squaresOfShorts)(const short* vector, const short* const* codes, void* squares, int nDim,
                             int nCodes);
 

@@ -37,13 +37,16 @@ struct FixedSums {
     static VSQ_INLINE Pack<uint32_t, N> wide(const short* p) {
         return bits<uint32_t>(convert<int32_t>(load<int16_t, N>(p)));
     }
-    static VSQ_INLINE uint32_t wide(short v) { return static_cast<uint32_t>(static_cast<int32_t>(v)); }
+    static VSQ_INLINE uint32_t wide(short v) {
+        return static_cast<uint32_t>(static_cast<int32_t>(v));
+    }
     template <int N>
     static VSQ_INLINE Pack<double, N> rounded(const Pack<uint32_t, N>& v) {
         return convert<double>(convert<float>(bits<int32_t>(v)));
     }
     template <int N>
-    VSQ_INLINE Pack<float, N> power(const Pack<uint32_t, N>& re, const Pack<uint32_t, N>& im) const {
+    VSQ_INLINE Pack<float, N> power(const Pack<uint32_t, N>& re,
+                                    const Pack<uint32_t, N>& im) const {
         const Pack<double, N> real = rounded(re), imaginary = rounded(im);
         return convert<float>((real * real + imaginary * imaginary) * splat<double, N>(unit));
     }
@@ -62,13 +65,13 @@ VSQ_INLINE Pack<float, N> reversed(const Pack<float, N>& v) {
         return {reversed(v.hi), reversed(v.lo)};
 }
 
-// Powers at bins k to k + N - 1, and at their mirror images n - k - N + 1 to n - k, ascending. Cosines of
-// even rows are the same at k and n - k and those of odd rows opposite, sines the other way round, so each
-// product serves two bins.
+// Powers at bins k to k + N - 1, and at their mirror images n - k - N + 1 to n - k, ascending.
+// Cosines of even rows are the same at k and n - k and those of odd rows opposite, sines the other
+// way round, so each product serves two bins.
 template <int N, class Sums>
 VSQ_INLINE void twoSides(const Sums& sums, const typename Sums::Element* table, int n,
-                         const typename Sums::Element* coef, int nCoef, int k, Pack<float, N>& power,
-                         Pack<float, N>& mirrored) {
+                         const typename Sums::Element* coef, int nCoef, int k,
+                         Pack<float, N>& power, Pack<float, N>& mirrored) {
     using Sum = typename Sums::Sum;
     auto evenRe = splat<Sum, N>(Sum(0)), oddRe = evenRe, evenIm = evenRe, oddIm = evenRe;
     const auto* row = table + k;
@@ -89,8 +92,8 @@ VSQ_INLINE void twoSides(const Sums& sums, const typename Sums::Element* table, 
     mirrored = reversed(sums.power(one - (evenRe - oddRe), oddIm - evenIm));
 }
 
-// Bins 0 to n / 2 - 1 in blocks with their mirror images, of which bin n does not exist, and bin n / 2 alone.
-// Lanes do not mix, so the number of them changes no result.
+// Bins 0 to n / 2 - 1 in blocks with their mirror images, of which bin n does not exist, and bin n
+// / 2 alone. Lanes do not mix, so the number of them changes no result.
 template <class Sums>
 VSQ_INLINE void powerSpectrum(const Sums& sums, const typename Sums::Element* table, int n,
                               const typename Sums::Element* coef, int nCoef, float* power) {
@@ -134,8 +137,8 @@ struct Pending {
     double error;
 };
 
-// The reflection coefficient, and in `pending` the next order's error; no value where its magnitude is above 1: the
-// recursion has lost stability. Comparisons with not-a-number do not show that.
+// The reflection coefficient, and in `pending` the next order's error; no value where its magnitude
+// is above 1: the recursion has lost stability. Comparisons with not-a-number do not show that.
 VSQ_INLINE bool reflect(Pending& pending, double& k, float& error) {
     k = pending.numerator / pending.error;
     if (__builtin_fabs(k) > 1.0) return false;
@@ -152,8 +155,9 @@ VSQ_INLINE double sumAsTree(const double* values) {
         return sumAsTree<n / 2>(values) + sumAsTree<n - n / 2>(values + n / 2);
 }
 
-// The usual orders are written out, so that predictor and products stay in registers and the products add up as a tree: the
-// recursion is one long chain of waiting, and each addition in it counts.
+// The usual orders are written out, so that predictor and products stay in registers and the
+// products add up as a tree: the recursion is one long chain of waiting, and each addition in it
+// counts.
 constexpr int unrolledOrders = 16;
 
 // Order i: the predictor a[1] to a[i], each rounded to float, and the next numerator.
@@ -209,7 +213,8 @@ VSQ_INLINE bool longOrders(const float* r, float* e, float* a, Pending& pending,
     return true;
 }
 
-// r and e have order + 1 elements, a too, its first unused. False when the recursion has lost stability.
+// r and e have order + 1 elements, a too, its first unused. False when the recursion has lost
+// stability.
 bool durbin(const float* r, float* e, float* a, int order) {
     e[0] = r[0];
     if (order < 1) return true;

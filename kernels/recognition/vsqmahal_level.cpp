@@ -60,8 +60,8 @@ struct Blocks {
 
 // The terms of elements first, first + 8, ...: what lane `first` of a single form adds up.
 template <int count>
-VSQ_INLINE Blocks<count> laneSum(const float* x, const double* panel, std::ptrdiff_t blockStride, int n,
-                                 int first) {
+VSQ_INLINE Blocks<count> laneSum(const float* x, const double* panel, std::ptrdiff_t blockStride,
+                                 int n, int first) {
     Blocks<count> result;
     for (int b = 0; b < count; ++b)
         result.sum[b] = splat<double, lanes>(0.0);
@@ -78,7 +78,8 @@ VSQ_INLINE Blocks<count> laneSum(const float* x, const double* panel, std::ptrdi
 
 // The sums of the lanes first, first + step, ... by the tree of sumLanes.
 template <int count, int first, int step>
-VSQ_INLINE Blocks<count> treeSum(const float* x, const double* panel, std::ptrdiff_t blockStride, int n) {
+VSQ_INLINE Blocks<count> treeSum(const float* x, const double* panel, std::ptrdiff_t blockStride,
+                                 int n) {
     if constexpr (step == lanes)
         return laneSum<count>(x, panel, blockStride, n, first);
     else
@@ -87,12 +88,12 @@ VSQ_INLINE Blocks<count> treeSum(const float* x, const double* panel, std::ptrdi
 }
 
 template <int count>
-VSQ_INLINE void exponentsOfBlocks(const float* x, const double* panel, std::ptrdiff_t blockStride, int n,
-                                  int rest, float* exponents) {
+VSQ_INLINE void exponentsOfBlocks(const float* x, const double* panel, std::ptrdiff_t blockStride,
+                                  int n, int rest, float* exponents) {
     const Blocks<count> forms = treeSum<count, 0, 1>(x, panel, blockStride, n);
     for (int b = 0; b < count; ++b) {
-        const auto form =
-            bits<double>(bits<std::int64_t>(forms.sum[b]) & splat<std::int64_t, lanes>(0x7FFFFFFFFFFFFFFF));
+        const auto form = bits<double>(bits<std::int64_t>(forms.sum[b]) &
+                                       splat<std::int64_t, lanes>(0x7FFFFFFFFFFFFFFF));
         const auto exponent = convert<float>(form * splat<double, lanes>(-0.5));
         if (rest >= (b + 1) * lanes)
             store(exponents + b * lanes, exponent);
@@ -101,7 +102,8 @@ VSQ_INLINE void exponentsOfBlocks(const float* x, const double* panel, std::ptrd
     }
 }
 
-void panelExponents(const float* x, const double* panel, int nRows, int n, int nPanel, float* exponents) {
+void panelExponents(const float* x, const double* panel, int nRows, int n, int nPanel,
+                    float* exponents) {
     const std::ptrdiff_t blockStride = std::ptrdiff_t(nPanel) * (2 * lanes);
     int k = 0;
     for (; k + lanes < nRows; k += 2 * lanes, panel += 2 * blockStride)
@@ -119,6 +121,7 @@ double fullFixed(const short* x, const short* y, const short* const* c, int n) {
 
 } // namespace
 
-extern const MahalKernels mahalKernels{diagonal, diagonalFixed, full, fullFixed, fillPanel, panelExponents};
+extern const MahalKernels mahalKernels{diagonal,  diagonalFixed, full,
+                                       fullFixed, fillPanel,     panelExponents};
 
 } // namespace vsq::VSQ_LEVEL

@@ -10,8 +10,8 @@ constexpr int lanes = 16;
 constexpr int group = 4; // rows side by side, whose last additions share registers
 using Lanes = Pack<float, lanes>;
 
-// Lanes 0 and 1 of each quarter of x and y side by side, or (upper) lanes 2 and 3: from quarters a b and c d,
-// a c and b d.
+// Lanes 0 and 1 of each quarter of x and y side by side, or (upper) lanes 2 and 3: from quarters a
+// b and c d, a c and b d.
 template <bool upper, class T>
 VSQ_INLINE Pack<T, 8> pairsOfQuarters(const Pack<T, 8>& x, const Pack<T, 8>& y) {
     if constexpr (isRegister<T, 8>)
@@ -22,8 +22,8 @@ VSQ_INLINE Pack<T, 8> pairsOfQuarters(const Pack<T, 8>& x, const Pack<T, 8>& y) 
         return {lowHalves(x.lo, y.lo), lowHalves(x.hi, y.hi)};
 }
 
-// Lane r is the sum of row r as sumLanes adds it: the tree of four rows at once, which share registers from the
-// second step on.
+// Lane r is the sum of row r as sumLanes adds it: the tree of four rows at once, which share
+// registers from the second step on.
 template <class T>
 VSQ_INLINE Pack<T, group> sumsOfRows(const Pack<T, lanes> (&sums)[group]) {
     Pack<T, 8> eight[group];
@@ -37,7 +37,8 @@ VSQ_INLINE Pack<T, group> sumsOfRows(const Pack<T, lanes> (&sums)[group]) {
 
 // The lanes' sums of `count` rows from rows[0] on.
 template <int count>
-VSQ_INLINE void addColumns(const float* const* rows, int first, const float* x, int nCols, Lanes* sums) {
+VSQ_INLINE void addColumns(const float* const* rows, int first, const float* x, int nCols,
+                           Lanes* sums) {
     const float* row[count];
     for (int r = 0; r < count; ++r) {
         row[r] = rows[r] + first;
@@ -56,7 +57,8 @@ VSQ_INLINE void addColumns(const float* const* rows, int first, const float* x, 
 }
 
 // The sums of four rows.
-VSQ_INLINE Pack<float, group> sumsOfFour(const float* const* rows, int first, const float* x, int nCols) {
+VSQ_INLINE Pack<float, group> sumsOfFour(const float* const* rows, int first, const float* x,
+                                         int nCols) {
     Lanes sums[group];
     addColumns<group>(rows, first, x, nCols, sums);
     return sumsOfRows(sums);
@@ -64,7 +66,8 @@ VSQ_INLINE Pack<float, group> sumsOfFour(const float* const* rows, int first, co
 
 void rowsS(float* dst, const float* const* rows, int first, const float* x, int nRows, int nCols) {
     int r = 0;
-    // 16 sums are stored at once, since a load of more than one store has written would wait for them.
+    // 16 sums are stored at once, since a load of more than one store has written would wait for
+    // them.
     for (; r + 4 * group <= nRows; r += 4 * group) {
         const auto a = sumsOfFour(rows + r, first, x, nCols);
         const auto b = sumsOfFour(rows + r + group, first, x, nCols);
@@ -94,10 +97,10 @@ struct Columns {
     VSQ_INLINE explicit Columns(const Words& columns) : x(columns) {}
 };
 
-// A shift of 15, for weights in Q15: (w * x) >> 15 is the upper half of w * 2x. 2x modulo 2^16 as a signed word is
-// off by 2^16 where x is outside of [-2^14, 2^14), and the upper half by w: there w is added, or ~w, which is -w - 1,
-// for negative x, whose number makes up for the 1. The 16 bits of such a sum hold all results, with the 1 even that
-// of the largest product, 2^30.
+// A shift of 15, for weights in Q15: (w * x) >> 15 is the upper half of w * 2x. 2x modulo 2^16 as a
+// signed word is off by 2^16 where x is outside of [-2^14, 2^14), and the upper half by w: there w
+// is added, or ~w, which is -w - 1, for negative x, whose number makes up for the 1. The 16 bits of
+// such a sum hold all results, with the 1 even that of the largest product, 2^30.
 struct DoubledColumns {
     Words twice, outside, negative;
 
@@ -105,7 +108,9 @@ struct DoubledColumns {
         outside = (x ^ twice) >> 15;
         negative = outside & (x >> 15);
     }
-    VSQ_INLINE unsigned countOfNegatives() const { return 0u - unsigned(sumLanes(pairTotals(negative))); }
+    VSQ_INLINE unsigned countOfNegatives() const {
+        return 0u - unsigned(sumLanes(pairTotals(negative)));
+    }
 };
 struct UpperHalvesSummed {
     using Prepared = DoubledColumns;
@@ -113,16 +118,16 @@ struct UpperHalvesSummed {
 
     VSQ_INLINE void clear(int) { sums = splat<std::uint32_t, words / 2>(0); }
     VSQ_INLINE void add(const Words& w, const Prepared& x) {
-        const auto shifted =
-            bits<std::uint16_t>(highProducts(w, x.twice)) + bits<std::uint16_t>((w ^ x.negative) & x.outside);
+        const auto shifted = bits<std::uint16_t>(highProducts(w, x.twice)) +
+                             bits<std::uint16_t>((w ^ x.negative) & x.outside);
         sums = sums + bits<std::uint32_t>(pairTotals(bits<std::int16_t>(shifted)));
     }
     VSQ_INLINE Sums total() const { return sums; }
 };
 
-// With a product p = h * 2^16 + l, l unsigned, and a shift s from 1 to 14, p >> s is h * 2^(16 - s) + (l >>
-// s). So the halves are summed apart, in pairs: the upper ones, and the lower ones after their shift, which
-// leaves them positive.
+// With a product p = h * 2^16 + l, l unsigned, and a shift s from 1 to 14, p >> s is h * 2^(16 - s)
+// + (l >> s). So the halves are summed apart, in pairs: the upper ones, and the lower ones after
+// their shift, which leaves them positive.
 struct HalvesSummed {
     using Prepared = Columns;
     int shift;
@@ -154,24 +159,28 @@ struct ProductsSummed {
         addHalf(low(w), low(x.x));
         addHalf(high(w), high(x.x));
     }
-    VSQ_INLINE void addHalf(const Pack<std::int16_t, words / 2>& w, const Pack<std::int16_t, words / 2>& x) {
+    VSQ_INLINE void addHalf(const Pack<std::int16_t, words / 2>& w,
+                            const Pack<std::int16_t, words / 2>& x) {
         const auto products = convert<std::int32_t>(w) * convert<std::int32_t>(x);
         sums = sums + bits<std::uint32_t>(products >> shift);
     }
     VSQ_INLINE Sums total() const { return sums; }
 };
 
-// How a row is taken: whole blocks from the first column on, and what is left over from the block that ends with
-// the row, whose columns that have been summed meet zeros of x. Rows shorter than a block are filled up with zeros.
+// How a row is taken: whole blocks from the first column on, and what is left over from the block
+// that ends with the row, whose columns that have been summed meet zeros of x. Rows shorter than a
+// block are filled up with zeros.
 template <class Adder>
 struct RowPlan {
     const short* x;
-    int blocks, rest, restAt; // whole blocks, columns left over, and where the block with them begins
+    // whole blocks, columns left over, and where the block with them begins
+    int blocks, rest, restAt;
     typename Adder::Prepared last;
 
     VSQ_INLINE RowPlan(const short* columns, int nCols)
         : x(columns), blocks(nCols > 0 ? nCols / words : 0), rest(nCols > 0 ? nCols % words : 0),
-          restAt(blocks > 0 ? nCols - words : 0), last(lastOf(columns + blocks * words, rest, blocks > 0)) {}
+          restAt(blocks > 0 ? nCols - words : 0),
+          last(lastOf(columns + blocks * words, rest, blocks > 0)) {}
 
     static VSQ_INLINE Words lastOf(const short* left, int count, bool atEnd) {
         std::int16_t window[words] = {};
@@ -187,7 +196,8 @@ struct RowPlan {
 
 // The sums of `count` rows from rows[0] on.
 template <int count, class Adder>
-VSQ_INLINE void addWords(const short* const* rows, const RowPlan<Adder>& plan, int shift, Sums* sums) {
+VSQ_INLINE void addWords(const short* const* rows, const RowPlan<Adder>& plan, int shift,
+                         Sums* sums) {
     Adder adders[count];
     for (int r = 0; r < count; ++r)
         adders[r].clear(shift);
@@ -205,14 +215,15 @@ VSQ_INLINE void addWords(const short* const* rows, const RowPlan<Adder>& plan, i
 
 // `constant` is added to every sum.
 template <class Adder>
-VSQ_INLINE void sumRows(int* dst, const short* const* rows, const short* x, int nRows, int nCols, int shift,
-                        unsigned constant) {
+VSQ_INLINE void sumRows(int* dst, const short* const* rows, const short* x, int nRows, int nCols,
+                        int shift, unsigned constant) {
     const RowPlan<Adder> plan(x, nCols);
     Sums sums[group];
     int r = 0;
     for (; r + group <= nRows; r += group) {
         addWords<group, Adder>(rows + r, plan, shift, sums);
-        store(dst + r, bits<std::int32_t>(sumsOfRows(sums) + splat<std::uint32_t, group>(constant)));
+        store(dst + r,
+              bits<std::int32_t>(sumsOfRows(sums) + splat<std::uint32_t, group>(constant)));
     }
     for (; r < nRows; ++r) {
         addWords<1, Adder>(rows + r, plan, shift, sums);
@@ -223,9 +234,10 @@ VSQ_INLINE void sumRows(int* dst, const short* const* rows, const short* x, int 
 unsigned countOfNegatives(const short* x, int nCols) {
     unsigned count = 0;
     for (int c = 0; c < nCols; c += words)
-        count += DoubledColumns(c + words <= nCols ? load<std::int16_t, words>(x + c)
-                                                   : loadPart<std::int16_t, words>(x + c, nCols - c))
-                     .countOfNegatives();
+        count +=
+            DoubledColumns(c + words <= nCols ? load<std::int16_t, words>(x + c)
+                                              : loadPart<std::int16_t, words>(x + c, nCols - c))
+                .countOfNegatives();
     return count;
 }
 

@@ -1,6 +1,6 @@
 #include "recognition/vsqmlp_level.h"
-#include "simd/pack.h"
 #include "recognition/vsqmlp_table.h"
+#include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {
@@ -14,16 +14,16 @@ using Doubles = Pack<double, N>;
 template <int N>
 using Ints = Pack<std::int32_t, N>;
 
-// Elements in one block: as many chains of operations side by side as the registers hold. Results do not
-// depend on it.
+// Elements in one block: as many chains of operations side by side as the registers hold. Results
+// do not depend on it.
 constexpr int blockLanes = registerBytes == 64 ? 32 : 16, tailLanes = 16;
 
 // Elements from -16 to 16 go through these rows as vectors, others one by one.
 constexpr int nearRows = 16, terms = 8;
 
-// The near rows as doubles. Where a register instruction looks up 16 doubles they stand coefficient by
-// coefficient; elsewhere row by row, a cache line each, the two chains of the polynomial side by side: a0 b0 a1
-// b1 a2 b2 a3 b3.
+// The near rows as doubles. Where a register instruction looks up 16 doubles they stand coefficient
+// by coefficient; elsewhere row by row, a cache line each, the two chains of the polynomial side by
+// side: a0 b0 a1 b1 a2 b2 a3 b3.
 struct Rows {
     alignas(64) double values[nearRows * terms];
 };
@@ -50,8 +50,8 @@ struct Chains {
     }
 };
 
-// The chains of the rows k[0], k[1], ... at u, in registers of N lanes: pairs of coefficients are loaded row by
-// row, and transposed.
+// The chains of the rows k[0], k[1], ... at u, in registers of N lanes: pairs of coefficients are
+// loaded row by row, and transposed.
 template <int N>
 VSQ_INLINE Chains<N> chainsByRow(const double* rows, const std::int32_t* k, const Doubles<N>& u) {
     const auto pair = [rows, k](int lane, int i)
@@ -71,18 +71,22 @@ VSQ_INLINE Chains<N> chainsByRow(const double* rows, const std::int32_t* k, cons
 }
 
 template <int N>
-VSQ_INLINE Doubles<N> polynomialsByRow(const double* rows, const std::int32_t* k, const Doubles<N>& u) {
+VSQ_INLINE Doubles<N> polynomialsByRow(const double* rows, const std::int32_t* k,
+                                       const Doubles<N>& u) {
     if constexpr (isRegister<double, N>)
         return chainsByRow<N>(rows, k, u).value(u);
     else
-        return {polynomialsByRow<N / 2>(rows, k, u.lo), polynomialsByRow<N / 2>(rows, k + N / 2, u.hi)};
+        return {polynomialsByRow<N / 2>(rows, k, u.lo),
+                polynomialsByRow<N / 2>(rows, k + N / 2, u.hi)};
 }
 
 template <int N>
-VSQ_INLINE Doubles<N> polynomialsByCoefficient(const double* columns, const Ints<N>& k, const Doubles<N>& u) {
+VSQ_INLINE Doubles<N> polynomialsByCoefficient(const double* columns, const Ints<N>& k,
+                                               const Doubles<N>& u) {
     const auto index = convert<std::int64_t>(k);
     Chains<N> chains{lookUp(columns, index), lookUp(columns + 4 * nearRows, index)};
-    // Unrolled, the look-ups would all be moved to the front, and their results out of the registers.
+    // Unrolled, the look-ups would all be moved to the front, and their results out of the
+    // registers.
 #pragma GCC unroll 1
     for (int i = 1; i < 4; ++i) {
         chains.a = chains.a * u + lookUp(columns + i * nearRows, index);
@@ -91,7 +95,8 @@ VSQ_INLINE Doubles<N> polynomialsByCoefficient(const double* columns, const Ints
     return chains.value(u);
 }
 
-// The polynomials of a block at u, k below nearRows; the operations on an element are the same on every level.
+// The polynomials of a block at u, k below nearRows; the operations on an element are the same on
+// every level.
 template <int N>
 VSQ_INLINE Doubles<N> polynomials(const Rows& rows, const Ints<N>& k, const Doubles<N>& u) {
     if constexpr (byCoefficient) {
@@ -113,8 +118,8 @@ VSQ_INLINE Doubles<N> mirrored(const Doubles<N>& value, const Floats<N>& x) {
     return selectNotBelowZero(x, splat<double, N>(1) - value, value);
 }
 
-// One element by the rules of its range. A not-a-number fails every comparison but the last one's opposite
-// and takes the formula, which keeps it.
+// One element by the rules of its range. A not-a-number fails every comparison but the last one's
+// opposite and takes the formula, which keeps it.
 VSQ_INLINE float sigmoidOf(float x) {
     if (x > 17.0f) return 1.0f;
     if (x < -104.0f) return 0.0f;
@@ -180,8 +185,9 @@ struct WordScales {
     double inFactor, outFactor;
 };
 
-// A block of elements, with a bit set in the result for each that the formula has to decide: those that are
-// not near, and those so near to a whole number that the polynomial's error could make another one of it.
+// A block of elements, with a bit set in the result for each that the formula has to decide: those
+// that are not near, and those so near to a whole number that the polynomial's error could make
+// another one of it.
 template <int N>
 VSQ_INLINE unsigned sigmoidWordBlock(const Ints<N>& in, const WordScales& scales,
                                      Pack<std::int16_t, N>& out) {
@@ -189,13 +195,17 @@ VSQ_INLINE unsigned sigmoidWordBlock(const Ints<N>& in, const WordScales& scales
     const auto size = bits<std::uint32_t>(in ^ sign) - bits<std::uint32_t>(sign); // 2^31 included
     const Ints<N> k = bits<std::int32_t>(size >> scales.inBits),
                   row = k & splat<std::int32_t, N>(nearRows - 1);
-    const Ints<N> fraction = bits<std::int32_t>(size) & splat<std::int32_t, N>((1 << scales.inBits) - 1);
+    const Ints<N> fraction =
+        bits<std::int32_t>(size) & splat<std::int32_t, N>((1 << scales.inBits) - 1);
     const Doubles<N> u = convert<double>(fraction) * splat<double, N>(-scales.inFactor);
     const Doubles<N> value = polynomials(fine, row, u);
     const Doubles<N> result = selectNotBelowZero(in, splat<double, N>(1) - value, value);
-    // What the error can make of the result: where both ends are truncated to one number, that is it.
-    const Ints<N> least = truncated(result * splat<double, N>(scales.outFactor * (1 - fineSigmoidError)));
-    const Ints<N> most = truncated(result * splat<double, N>(scales.outFactor * (1 + fineSigmoidError)));
+    // What the error can make of the result: where both ends are truncated to one number, that is
+    // it.
+    const Ints<N> least =
+        truncated(result * splat<double, N>(scales.outFactor * (1 - fineSigmoidError)));
+    const Ints<N> most =
+        truncated(result * splat<double, N>(scales.outFactor * (1 + fineSigmoidError)));
     out = narrowed(least);
     const Ints<N> open = (k ^ row) | (least ^ most);
     return anyLane(open) ? laneBits(open == splat<std::int32_t, N>(0)) ^ allLanes<N> : 0;
@@ -203,7 +213,8 @@ VSQ_INLINE unsigned sigmoidWordBlock(const Ints<N>& in, const WordScales& scales
 
 template <int N>
 VSQ_INLINE void sigmoidWordBlock(const int* in, short* out, const WordScales& scales, int count) {
-    const Ints<N> words = count == N ? load<std::int32_t, N>(in) : loadPart<std::int32_t, N>(in, count);
+    const Ints<N> words =
+        count == N ? load<std::int32_t, N>(in) : loadPart<std::int32_t, N>(in, count);
     Pack<std::int16_t, N> results;
     unsigned open = sigmoidWordBlock(words, scales, results);
     if (count == N)
@@ -253,27 +264,28 @@ constexpr int widened = 64;
 
 // Up to `widened` columns of all rows, from `first` on.
 VSQ_INLINE void descendColumns(float* const* weights, float* const* previous, const float* x,
-                               const float* deltas, double rate, const Wide& momentum, int nRows, int first,
-                               int count) {
+                               const float* deltas, double rate, const Wide& momentum, int nRows,
+                               int first, int count) {
     double inputs[widened];
     int whole = 0;
     for (; whole + steps <= count; whole += steps)
         store(inputs + whole, convert<double>(load<float, steps>(x + first + whole)));
     if (whole < count)
-        store(inputs + whole, convert<double>(loadPart<float, steps>(x + first + whole, count - whole)));
+        store(inputs + whole,
+              convert<double>(loadPart<float, steps>(x + first + whole, count - whole)));
     for (int k = 0; k < nRows; ++k) {
         const Wide g = splat<double, steps>(double(deltas[k]) * rate);
         float *w = weights[k] + first, *p = previous[k] + first;
         for (int i = 0; i < whole; i += steps)
             descendStep<true>(w + i, p + i, load<double, steps>(inputs + i), g, momentum, steps);
         if (whole < count)
-            descendStep<false>(w + whole, p + whole, load<double, steps>(inputs + whole), g, momentum,
-                               count - whole);
+            descendStep<false>(w + whole, p + whole, load<double, steps>(inputs + whole), g,
+                               momentum, count - whole);
     }
 }
 
-void descend(float* const* weights, float* const* previous, const float* x, const float* deltas, double rate,
-             double momentum, int nRows, int n) {
+void descend(float* const* weights, float* const* previous, const float* x, const float* deltas,
+             double rate, double momentum, int nRows, int n) {
     for (int i = 0; i < n; i += widened)
         descendColumns(weights, previous, x, deltas, rate, splat<double, steps>(momentum), nRows, i,
                        n - i < widened ? n - i : widened);
@@ -281,11 +293,12 @@ void descend(float* const* weights, float* const* previous, const float* x, cons
 
 // Columns from i on, `count` of them.
 template <int N, bool whole>
-VSQ_INLINE void weighStep(double* sums, const float* const* rows, const float* deltas, int nRows, int i,
-                          int count) {
+VSQ_INLINE void weighStep(double* sums, const float* const* rows, const float* deltas, int nRows,
+                          int i, int count) {
     Doubles<N> sum = splat<double, N>(0);
     for (int k = 0; k < nRows; ++k) {
-        const Floats<N> row = whole ? load<float, N>(rows[k] + i) : loadPart<float, N>(rows[k] + i, count);
+        const Floats<N> row =
+            whole ? load<float, N>(rows[k] + i) : loadPart<float, N>(rows[k] + i, count);
         sum = sum + convert<double>(row) * splat<double, N>(double(deltas[k]));
     }
     if constexpr (whole)

@@ -3,7 +3,8 @@
 
 namespace vsq {
 
-// Row k: the unit interval to the left of -k. With u = x + k, -1 < u <= 0, and the row's a0 a1 a2 a3 b0 b1 b2 b3,
+// Row k: the unit interval to the left of -k. With u = x + k, -1 < u <= 0, and the row's a0 a1 a2
+// a3 b0 b1 b2 b3,
 //     (((b0 u + b1) u + b2) u + b3) + u^4 (((a0 u + a1) u + a2) u + a3)
 // is 1 / (1 + exp(-x)) within a relative error of 1.4e-07.
 // clang-format off

@@ -6,9 +6,10 @@ namespace {
 
 using std::int16_t;
 
-// Sets x[i] = op(x[i], x[i-1]) for i from 1 to n - 1, n - 1 >= N. Blocks go from the end to the start, so
-// that what is read as previous is still unfiltered. The topmost blocks end at n, the lowest one begins at 1;
-// where it overlaps its neighbour both write the same, because it was read before anything was written.
+// Sets x[i] = op(x[i], x[i-1]) for i from 1 to n - 1, n - 1 >= N. Blocks go from the end to the
+// start, so that what is read as previous is still unfiltered. The topmost blocks end at n, the
+// lowest one begins at 1; where it overlaps its neighbour both write the same, because it was read
+// before anything was written.
 template <int N, class T, class Op>
 VSQ_INLINE void filterBlocks(T* x, int n, const Op& op) {
     const auto lowest = op(load<T, N>(x + 1), load<T, N>(x));
@@ -38,12 +39,13 @@ void filter(float* vec, int n, float alpha) {
 
 constexpr int16_t one = 1 << 14;
 
-// The bounds of saturation lie 11 and 10 below the accumulator's 2^29; between them and there the shift gives
-// the same.
+// The bounds of saturation lie 11 and 10 below the accumulator's 2^29; between them and there the
+// shift gives the same.
 void saturate(short* vec, int n, int alphaQ) {
     const auto minusAlpha = static_cast<int16_t>(-alphaQ);
     filterAll<32>(vec, n, [=](const auto& current, const auto& previous) VSQ_LAMBDA {
-        return pairSums(current, one, previous, minusAlpha, [](auto acc) VSQ_LAMBDA { return acc >> 14; });
+        return pairSums(current, one, previous, minusAlpha,
+                        [](auto acc) VSQ_LAMBDA { return acc >> 14; });
     });
 }
 

@@ -1,14 +1,14 @@
-// Pre-emphasis in place: each element but the first becomes x[i] - alpha * x[i-1], always from the unfiltered
-// previous element. n may be anything; nothing is written for n below 2.
+// Pre-emphasis in place: each element but the first becomes x[i] - alpha * x[i-1], always from the
+// unfiltered previous element. n may be anything; nothing is written for n below 2.
 #pragma once
 
 #include "levels/levelrecord.h"
 
 namespace vsq {
 
-// Fixed point: acc = x[i] * 2^14 - alphaQ * x[i-1] is exact in 32 bits for alphaQ from 0 to 2^14, and its
-// shift rounds toward minus infinity. `saturate` narrows acc >> 14 with saturation; `shift` keeps the low 16
-// bits of acc >> shift, shift from 0 to 31.
+// Fixed point: acc = x[i] * 2^14 - alphaQ * x[i-1] is exact in 32 bits for alphaQ from 0 to 2^14,
+// and its shift rounds toward minus infinity. `saturate` narrows acc >> 14 with saturation; `shift`
+// keeps the low 16 bits of acc >> shift, shift from 0 to 31.
 struct PreeKernels {
     void (*filter)(float* vec, int n, float alpha);
     void (*saturate)(short* vec, int n, int alphaQ);

@@ -24,7 +24,8 @@ VSQ_INLINE float finishPoint(int nDim, float* p, int stride) {
     return squaredLength(p, stride);
 }
 
-float pointOfFloats(const float* src, float factor, const float* centre, int nDim, float* p, int stride) {
+float pointOfFloats(const float* src, float factor, const float* centre, int nDim, float* p,
+                    int stride) {
     for (int k = 0; k < nDim; ++k)
         p[k] = src[k] * factor - centre[k];
     return finishPoint(nDim, p, stride);
@@ -59,7 +60,8 @@ struct Side {
     bool left, right;
 };
 
-VSQ_INLINE Side sideOf(const float* p, float reach, const float* normal, const Plane& plane, int stride) {
+VSQ_INLINE Side sideOf(const float* p, float reach, const float* normal, const Plane& plane,
+                       int stride) {
     const float value = product(p, normal, stride) + plane.offset;
     const float margin = plane.base + reach * (plane.slope + reach * plane.curve);
     return {value > margin + (plane.lead + reach * plane.leadSlope), value < -margin};
@@ -69,12 +71,14 @@ void sides(const float* points, const float* reach, int stride, const int* membe
            const float* normal, const Plane* plane, char* labels) {
     for (int i = 0; i < n; ++i) {
         const int m = members[i];
-        const Side side = sideOf(points + std::ptrdiff_t(m) * stride, reach[m], normal, *plane, stride);
+        const Side side =
+            sideOf(points + std::ptrdiff_t(m) * stride, reach[m], normal, *plane, stride);
         labels[i] = side.right ? 'R' : side.left ? 'L' : '?';
     }
 }
 
-// The 8 descents are independent, and a step has no branch that the data decide, so that they overlap.
+// The 8 descents are independent, and a step has no branch that the data decide, so that they
+// overlap.
 void descend(const PlaneTree* tree, const float* points, const float* reach, int* nodes) {
     const int stride = tree->stride;
     int at[descendGroup];
@@ -124,15 +128,16 @@ void transposeBlock(const float* points, int stride, const int* members, int nDi
     }
 }
 
-int nextFar(const float* p, const float* coordinates, int nDim, int block, int end, float limit, float above,
-            unsigned* masks) {
+int nextFar(const float* p, const float* coordinates, int nDim, int block, int end, float limit,
+            float above, unsigned* masks) {
     constexpr unsigned all = (1u << pointBlock) - 1;
     const Floats limits = splat<float, lanes>(limit);
     for (; block < end; ++block) {
         const float* c = coordinates + std::ptrdiff_t(block) * pointBlock * nDim;
         Floats squares = splat<float, lanes>(0);
         for (int k = 0; k < nDim; ++k) {
-            const Floats difference = splat<float, lanes>(p[k]) - load<float, lanes>(c + k * pointBlock);
+            const Floats difference =
+                splat<float, lanes>(p[k]) - load<float, lanes>(c + k * pointBlock);
             squares = squares + difference * difference;
         }
         masks[0] = laneBits(squares < limits) ^ all;
@@ -144,8 +149,8 @@ int nextFar(const float* p, const float* coordinates, int nDim, int block, int e
     return end;
 }
 
-void farBoxes(const float* p, const float* mirrored, float twice, const float* block, int nDim, float limit,
-              float above, unsigned* masks) {
+void farBoxes(const float* p, const float* mirrored, float twice, const float* block, int nDim,
+              float limit, float above, unsigned* masks) {
     constexpr unsigned all = (1u << boxBlock) - 1;
     const auto zero = splat<float, lanes>(0);
     Floats corner = zero, gap = zero;
@@ -166,7 +171,8 @@ void farBoxes(const float* p, const float* mirrored, float twice, const float* b
 
 } // namespace
 
-extern const TreeKernels treeKernels{pointOfFloats, pointOfShorts, addFloats,      addShorts, sides,
-                                     descend,       squaresFrom,   transposeBlock, nextFar,   farBoxes};
+extern const TreeKernels treeKernels{pointOfFloats, pointOfShorts, addFloats,   addShorts,
+                                     sides,         descend,       squaresFrom, transposeBlock,
+                                     nextFar,       farBoxes};
 
 } // namespace vsq::VSQ_LEVEL

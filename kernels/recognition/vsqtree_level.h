@@ -1,4 +1,5 @@
-// The loops of tree codebooks: which of two seeds is nearer, and which pair of points is the farthest.
+// The loops of tree codebooks: which of two seeds is nearer, and which pair of points is the
+// farthest.
 //
 // Everything here works on points: float copies of the vectors, scaled by a power of two and
 // relative to one centre, `stride` floats each (a multiple of 16, filled up with zeros). Results
@@ -13,19 +14,19 @@ namespace vsq {
 
 // The plane halfway between two seeds L and R. For a point p of length at most `reach`, the value
 //     v = |p - R|^2 - |p - L|^2 = p . normal + offset
-// is computed with an error below margin = base + reach * (slope + reach * curve), which also covers the
-// rounding of the two distances themselves. v < -margin: R is nearer. v > margin + lead + leadSlope * reach:
-// L is nearer, by a whole unit where distances are truncated to integers. Anything else, not-a-numbers
-// included, is in doubt.
+// is computed with an error below margin = base + reach * (slope + reach * curve), which also
+// covers the rounding of the two distances themselves. v < -margin: R is nearer. v > margin + lead
+// + leadSlope * reach: L is nearer, by a whole unit where distances are truncated to integers.
+// Anything else, not-a-numbers included, is in doubt.
 struct Plane {
     float offset;
     float base, slope, curve;
     float lead, leadSlope;
 };
 
-// A tree of planes. Node k has the normal normals[k * stride], the plane planes[k], and its children are
-// children[k] (left) and children[k] + 1 (right). A leaf is its own left child, and its plane always says
-// left.
+// A tree of planes. Node k has the normal normals[k * stride], the plane planes[k], and its
+// children are children[k] (left) and children[k] + 1 (right). A leaf is its own left child, and
+// its plane always says left.
 struct PlaneTree {
     int stride;
     const float* normals;
@@ -62,30 +63,31 @@ struct TreeKernels {
     void (*sides)(const float* points, const float* reach, int stride, const int* members, int n,
                   const float* normal, const Plane* plane, char* labels);
 
-    // Takes 8 points, one after the other with their reaches, from nodes[i] down to a leaf; a point in doubt
-    // at node k ends as ~k.
+    // Takes 8 points, one after the other with their reaches, from nodes[i] down to a leaf; a point
+    // in doubt at node k ends as ~k.
     void (*descend)(const PlaneTree* tree, const float* points, const float* reach, int* nodes);
 
     // squares[i] = squared distance of points[members[i] * stride] from the point `from`.
-    void (*squaresFrom)(const float* points, int stride, const int* members, int n, const float* from,
-                        float* squares);
+    void (*squaresFrom)(const float* points, int stride, const int* members, int n,
+                        const float* from, float* squares);
 
     // Writes one block of the transposed form, of points[members[i] * stride] for 16 members.
-    void (*transposeBlock)(const float* points, int stride, const int* members, int nDim, float* block);
+    void (*transposeBlock)(const float* points, int stride, const int* members, int nDim,
+                           float* block);
 
-    // The first block from `block` on, below `end`, with a point whose squared distance from p is not below
-    // `limit`; `end` if there is none. masks[0] has a bit for each such point of the block, masks[1] one for
-    // each whose squared distance is not below `above` either.
-    int (*nextFar)(const float* p, const float* coordinates, int nDim, int block, int end, float limit,
-                   float above, unsigned* masks);
+    // The first block from `block` on, below `end`, with a point whose squared distance from p is
+    // not below `limit`; `end` if there is none. masks[0] has a bit for each such point of the
+    // block, masks[1] one for each whose squared distance is not below `above` either.
+    int (*nextFar)(const float* p, const float* coordinates, int nDim, int block, int end,
+                   float limit, float above, unsigned* masks);
 
     // Which of 16 boxes may hold a point whose squared distance from p is not below `limit`
     // (masks[0]), and not below `above` (masks[1]). The distance is bounded by the far corner, and
     // by the parallelogram law:
     //     |p - q|^2 = 2 |p - m|^2 + 2 |q - m|^2 - |mirrored - q|^2,    mirrored = 2 m - p
     // for the mirror m, which says more of points on a sphere. `twice` is the first term.
-    void (*farBoxes)(const float* p, const float* mirrored, float twice, const float* block, int nDim,
-                     float limit, float above, unsigned* masks);
+    void (*farBoxes)(const float* p, const float* mirrored, float twice, const float* block,
+                     int nDim, float limit, float above, unsigned* masks);
 };
 VSQ_DECLARE_LEVELS(TreeKernels, treeKernels)
 

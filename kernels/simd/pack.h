@@ -97,7 +97,8 @@ VSQ_INLINE Pack<T, N> splat(T value) {
     Pack<T, N> v;
     if constexpr (isRegister<T, N>) {
         v.r =
-            value - typename Pack<T, N>::Register{}; // the operator broadcasts; x - 0 keeps every x, -0.0 too
+            // the operator broadcasts; x - 0 keeps every x, -0.0 too
+            value - typename Pack<T, N>::Register{};
     } else {
         v.lo = splat<T, N / 2>(value);
         v.hi = v.lo;
@@ -157,8 +158,8 @@ VSQ_INLINE Pack<T, N / 2> high(const Pack<T, N>& v) {
 template <class T, int H>
 VSQ_INLINE Pack<T, 2 * H> join(const Pack<T, H>& lo, const Pack<T, H>& hi) {
     if constexpr (isRegister<T, 2 * H>)
-        return {joinLanes<typename Pack<T, 2 * H>::Register>(lo.r, hi.r,
-                                                             std::make_integer_sequence<int, 2 * H>())};
+        return {joinLanes<typename Pack<T, 2 * H>::Register>(
+            lo.r, hi.r, std::make_integer_sequence<int, 2 * H>())};
     else
         return {lo, hi};
 }
@@ -167,7 +168,8 @@ VSQ_INLINE Pack<T, 2 * H> join(const Pack<T, H>& lo, const Pack<T, H>& hi) {
 
 template <class V, int odd, int... I>
 VSQ_INLINE V pairLanes(V a, V b, std::integer_sequence<int, I...>) {
-    return __builtin_shufflevector(a, b, (I % 2 == 0 ? I + odd : int(sizeof...(I)) + I - 1 + odd)...);
+    return __builtin_shufflevector(a, b,
+                                   (I % 2 == 0 ? I + odd : int(sizeof...(I)) + I - 1 + odd)...);
 }
 
 // a0 b0 a2 b2 ... and a1 b1 a3 b3 ...: the 2 by 2 transposes of a and b.
@@ -284,7 +286,8 @@ VSQ_INLINE Pack<MaskOf<T>, N> operator==(const Pack<T, N>& a, const Pack<T, N>& 
 
 // Lane by lane, a where the mask is all ones and b where it is zero.
 template <class T, int N>
-VSQ_INLINE Pack<T, N> select(const Pack<MaskOf<T>, N>& mask, const Pack<T, N>& a, const Pack<T, N>& b) {
+VSQ_INLINE Pack<T, N> select(const Pack<MaskOf<T>, N>& mask, const Pack<T, N>& a,
+                             const Pack<T, N>& b) {
     return each<T, N>([](auto m, auto x, auto y) VSQ_LAMBDA { return m ? x : y; }, mask, a, b);
 }
 
@@ -319,8 +322,8 @@ VSQ_INLINE Pack<U, N> convert(const Pack<T, N>& a) {
         return join(convert<U>(low(a)), convert<U>(high(a)));
 }
 
-// Lane by lane, a where x is not below 0 and b where it is or is no number; the lanes of x, float or int, are half
-// as wide as those of a and b.
+// Lane by lane, a where x is not below 0 and b where it is or is no number; the lanes of x, float
+// or int, are half as wide as those of a and b.
 template <class T, int N>
 VSQ_INLINE Pack<double, N> selectNotBelowZero(const Pack<T, N>& x, const Pack<double, N>& a,
                                               const Pack<double, N>& b) {
@@ -384,7 +387,8 @@ VSQ_INLINE Pack<std::int16_t, N> pairSums(const Pack<std::int16_t, N>& a, std::i
 template <int N>
 VSQ_INLINE Pack<std::int16_t, N> highProducts(const Pack<std::int16_t, N>& a,
                                               const Pack<std::int16_t, N>& b) {
-    return each<std::int16_t, N>([](auto x, auto y) VSQ_LAMBDA { return highProductsOf(x, y); }, a, b);
+    return each<std::int16_t, N>([](auto x, auto y) VSQ_LAMBDA { return highProductsOf(x, y); }, a,
+                                 b);
 }
 
 // Lane i is the sum of lanes 2i and 2i + 1, in 32 bits.
@@ -476,7 +480,8 @@ VSQ_INLINE bool anyLane(const Pack<T, N>& mask) {
         return anyLane(mask.lo | mask.hi);
 }
 
-// Whether any lane of a is below that of b, without the way of a mask through full vectors where registers hold masks.
+// Whether any lane of a is below that of b, without the way of a mask through full vectors where
+// registers hold masks.
 template <int N>
 VSQ_INLINE bool anyBelow(const Pack<std::int32_t, N>& a, const Pack<std::int32_t, N>& b) {
     if constexpr (isRegister<std::int32_t, N>)

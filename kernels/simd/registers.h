@@ -63,7 +63,7 @@ template <class V, int bytes>
 concept LongRegister = RegisterOf<V, std::int64_t, bytes>;
 // Any element of one width.
 template <class V, int element, int bytes>
-concept AnyRegister = int(sizeof(ElementOf<V>)) == element && int(sizeof(V)) == bytes;
+concept AnyRegister = int(sizeof(ElementOf<V>)) == element&& int(sizeof(V)) == bytes;
 
 // --- parts of arrays ---
 
@@ -84,7 +84,8 @@ VSQ_INLINE V loadPartOf(const T* p, int count, T fill) {
     } else {
         T copy[lanes];
         std::memcpy(copy, &others, sizeof copy);
-        int filled = 0; // by halves: a branch for each bit of the count, which loops over rows foretell
+        // by halves: a branch for each bit of the count, which loops over rows foretell
+        int filled = 0;
         for (int step = lanes; step >= 1; step /= 2)
             if ((count & step) != 0) {
                 std::memcpy(copy + filled, p + filled, std::size_t(step) * sizeof(T));

@@ -1,4 +1,5 @@
-// Lanes of one register, or of two, in any order; beside simd.h, for level sources that rearrange what they load.
+// Lanes of one register, or of two, in any order; beside simd.h, for level sources that rearrange
+// what they load.
 #pragma once
 
 #include "simd/pack.h"
@@ -6,9 +7,11 @@
 namespace vsq::VSQ_LEVEL {
 namespace {
 
-// Lane i of the result is lane laneOf(i, N) of a (below N) or b (from N on). For packs of one register.
+// Lane i of the result is lane laneOf(i, N) of a (below N) or b (from N on). For packs of one
+// register.
 template <int (*laneOf)(int i, int n), class T, int N, int... I>
-VSQ_INLINE Pack<T, N> pickLanes(const Pack<T, N>& a, const Pack<T, N>& b, std::integer_sequence<int, I...>) {
+VSQ_INLINE Pack<T, N> pickLanes(const Pack<T, N>& a, const Pack<T, N>& b,
+                                std::integer_sequence<int, I...>) {
     static_assert(isRegister<T, N>);
     return {__builtin_shufflevector(a.r, b.r, laneOf(I, N)...)};
 }
@@ -32,7 +35,8 @@ constexpr int oddLaneBack(int i, int n) {
     return 2 * (n - 1 - i) + 1;
 }
 
-// a[0], b[0], a[1], b[1], ...: the first and the second half; and from the back: a[N-1], b[N-1], a[N-2], ...
+// a[0], b[0], a[1], b[1], ...: the first and the second half; and from the back: a[N-1], b[N-1],
+// a[N-2], ...
 constexpr int zipLane(int i, int n) {
     return i / 2 + i % 2 * n;
 }
@@ -75,7 +79,8 @@ constexpr int fromThirdLane(int i, int) {
     return i + 2;
 }
 
-// Steps of a transposition, by quarters of 4 lanes: lanes 0 and 1 of both, or 2 and 3; pairs 0 of both, or 1.
+// Steps of a transposition, by quarters of 4 lanes: lanes 0 and 1 of both, or 2 and 3; pairs 0 of
+// both, or 1.
 constexpr int quarterZipLane(int i, int n) {
     return i / 4 * 4 + i % 4 / 2 + i % 2 * n;
 }

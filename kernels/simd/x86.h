@@ -199,8 +199,7 @@ VSQ_INLINE unsigned bitsOf(V mask) {
     return unsigned(_mm512_movepi32_mask((__m512i)mask));
 }
 template <class V>
-    requires(sizeof(V) == 64)
-VSQ_INLINE bool anySetOf(V mask) {
+requires(sizeof(V) == 64) VSQ_INLINE bool anySetOf(V mask) {
     return _mm512_test_epi64_mask((__m512i)mask, (__m512i)mask) != 0;
 }
 template <IntRegister<64> V>
@@ -371,8 +370,7 @@ VSQ_INLINE unsigned bitsOf(V mask) {
     return unsigned(_mm256_movemask_ps((__m256)mask));
 }
 template <class V>
-    requires(sizeof(V) == 32)
-VSQ_INLINE bool anySetOf(V mask) {
+requires(sizeof(V) == 32) VSQ_INLINE bool anySetOf(V mask) {
     return _mm256_testz_si256((__m256i)mask, (__m256i)mask) == 0;
 }
 
@@ -443,8 +441,7 @@ VSQ_INLINE unsigned bitsOf(V mask) {
     return unsigned(_mm_movemask_ps((__m128)mask));
 }
 template <class V>
-    requires(sizeof(V) == 16)
-VSQ_INLINE bool anySetOf(V mask) {
+requires(sizeof(V) == 16) VSQ_INLINE bool anySetOf(V mask) {
     return _mm_movemask_epi8(_mm_cmpeq_epi8((__m128i)mask, _mm_setzero_si128())) != 0xFFFF;
 }
 

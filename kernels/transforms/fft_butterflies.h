@@ -1,7 +1,8 @@
-// Complex numbers in vectors, the butterflies of the transforms and transposition; for level sources only.
+// Complex numbers in vectors, the butterflies of the transforms and transposition; for level
+// sources only.
 //
-// Every butterfly is the forward one, exp(-2 pi i / n); the inverse is had by exchanging real and imaginary
-// parts on both sides. V is a pack, or a plain float in the shortest transforms.
+// Every butterfly is the forward one, exp(-2 pi i / n); the inverse is had by exchanging real and
+// imaginary parts on both sides. V is a pack, or a plain float in the shortest transforms.
 #pragma once
 
 #include "simd/shuffle.h"
@@ -9,7 +10,8 @@
 namespace vsq::VSQ_LEVEL {
 namespace {
 
-// f(0), f(1), ... f(n - 1), each with its own constant, so that arrays indexed by them live in registers.
+// f(0), f(1), ... f(n - 1), each with its own constant, so that arrays indexed by them live in
+// registers.
 template <int... I, class F>
 VSQ_INLINE void unrolled(std::integer_sequence<int, I...>, const F& f) {
     (f(std::integral_constant<int, I>()), ...);
@@ -135,7 +137,8 @@ VSQ_INLINE void butterfly(Complex<V> (&x)[16]) {
     x[14] = threeEighths(x[14]);
     x[15] = x[15] * Complex<V>{minusC, s};
     // The factor -i of x[10] goes into its butterfly.
-    unroll<2>([&](auto i) VSQ_LAMBDA { butterfly4(x[4 * i], x[4 * i + 1], x[4 * i + 2], x[4 * i + 3]); });
+    unroll<2>([&](auto i)
+                  VSQ_LAMBDA { butterfly4(x[4 * i], x[4 * i + 1], x[4 * i + 2], x[4 * i + 3]); });
     const Complex<V> evenSum = minusI(x[8], x[10]), evenDiff = plusI(x[8], x[10]);
     const Complex<V> oddSum = x[9] + x[11], oddDiff = x[9] - x[11];
     x[8] = evenSum + oddSum;

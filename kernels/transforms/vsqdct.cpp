@@ -1,6 +1,6 @@
+#include "context/vsqmem.h"
 #include "levels/levels.h"
 #include "transforms/vsqffts.h"
-#include "context/vsqmem.h"
 
 #include <bit>
 #include <cmath>
@@ -17,7 +17,8 @@ constexpr double pi = 3.141592653589793238462643383279502884;
 constexpr int fftFormFrom = 128;
 constexpr int stackFloats = 1024;
 
-// --- the tables: made once for each form and length, and then kept in lists that are only ever added to ---
+// --- the tables: made once for each form and length, and then kept in lists that are only ever
+// added to ---
 
 enum class Form { forward, inverse, fft, cosines };
 
@@ -47,9 +48,9 @@ double cosineOf(unsigned long long a, unsigned long long turn) {
 float factorOf(int k, int j, int n) {
     const auto turn = 4ULL * static_cast<unsigned>(n);
     const double scale = std::sqrt((k == 0 ? 1.0 : 2.0) / n);
-    return static_cast<float>(
-        scale *
-        cosineOf(static_cast<unsigned long long>(k) * (2ULL * static_cast<unsigned>(j) + 1) % turn, turn));
+    return static_cast<float>(scale * cosineOf(static_cast<unsigned long long>(k) *
+                                                   (2ULL * static_cast<unsigned>(j) + 1) % turn,
+                                               turn));
 }
 
 std::ptrdiff_t matrixFloats(int results, int terms) {
@@ -95,7 +96,8 @@ void fillCosines(DctTable& table, float* room) {
 
 std::ptrdiff_t tableFloats(int n, Form form) {
     if (form == Form::fft) return n;
-    if (form == Form::cosines) return std::ptrdiff_t{n} * 4; // at most 2^33 floats, which malloc may refuse
+    // at most 2^33 floats, which malloc may refuse
+    if (form == Form::cosines) return std::ptrdiff_t{n} * 4;
     return matrixFloats(n - n / 2, n - n / 2) + matrixFloats(n / 2, n / 2);
 }
 
@@ -133,13 +135,15 @@ const DctTable* dctTable(int n, Form form) {
             return found;
         }
         made->next = head;
-    } while (!list.compare_exchange_weak(head, made, std::memory_order_acq_rel, std::memory_order_acquire));
+    } while (!list.compare_exchange_weak(head, made, std::memory_order_acq_rel,
+                                         std::memory_order_acquire));
     return made;
 }
 
 void releaseTables() {
     for (std::atomic<DctTable*>& list : lists)
-        for (DctTable* table = list.exchange(nullptr, std::memory_order_acq_rel); table != nullptr;) {
+        for (DctTable* table = list.exchange(nullptr, std::memory_order_acq_rel);
+             table != nullptr;) {
             DctTable* next = table->next;
             freeAligned(table);
             table = next;
@@ -215,10 +219,11 @@ bool transformWithCopy(const float* src, float* dst, int n, bool isForward) {
 }
 
 bool refuses(const void* src, const void* dst, int n, int flags, const char* funcName) {
-    return module.refuses(src == nullptr || dst == nullptr, "\nNull pointer to data buffer\n", funcName) ||
+    return module.refuses(src == nullptr || dst == nullptr, "\nNull pointer to data buffer\n",
+                          funcName) ||
            module.refuses(n < 1, "\nBad value of data buffer size\n", funcName) ||
-           module.refuses(flags != VSQ_DctForw && flags != VSQ_DctInv, "\nBad value of the transform flag\n",
-                          funcName);
+           module.refuses(flags != VSQ_DctForw && flags != VSQ_DctInv,
+                          "\nBad value of the transform flag\n", funcName);
 }
 
 void reportNoMemory(const char* funcName) {

@@ -9,8 +9,8 @@ namespace {
 constexpr int mostRows = dctDirectLimit / 2 / 16;
 using Lanes = Pack<float, 16>;
 
-// results[16 r + lane] = sum over i of matrix[(r * terms + i) * 16 + lane] * x[i]. Four running sums, i
-// modulo 4, hide the additions' latency.
+// results[16 r + lane] = sum over i of matrix[(r * terms + i) * 16 + lane] * x[i]. Four running
+// sums, i modulo 4, hide the additions' latency.
 void multiply(const float* matrix, const float* x, float* results, int rows, int terms) {
     for (int row = 0; row < rows; ++row, results += 16) {
         Lanes sums[4];
@@ -91,8 +91,8 @@ void turn(const float* spectrum, float* dst, const float* factors, int n) {
     }
 }
 
-// The inverse of the rotation is its transpose; half of it, since the spectrum stands for two mirrored
-// halves.
+// The inverse of the rotation is its transpose; half of it, since the spectrum stands for two
+// mirrored halves.
 void turnBack(const float* src, float* spectrum, const float* factors, int n) {
     const int half = n / 2;
     spectrum[0] = src[0] * factors[0];

@@ -11,7 +11,8 @@ constexpr const char* noMemory = "No working Twd memory";
 // Transforms up to this order find scratch on the stack, 16 KB at most.
 constexpr int stackOrder = 12;
 
-void transform(const float* in, float* out, int order, int flags, const FftTables& tables, float* scratch) {
+void transform(const float* in, float* out, int order, int flags, const FftTables& tables,
+               float* scratch) {
     const int shift = (flags & VSQ_RCPack) != 0 ? 1 : 0;
     if ((flags & VSQ_Forw) != 0) {
         kernels().ffts->forward(in, out, shift, tables, scratch);
@@ -34,8 +35,8 @@ bool transformInCache(const float* in, float* out, int order, int flags, const F
     return true;
 }
 
-// The tables for `order`, once more after a release of all that is cached. Order 0 needs none and reads as
-// success.
+// The tables for `order`, once more after a release of all that is cached. Order 0 needs none and
+// reads as success.
 bool workingTables(int order, const char* funcName, const FftTables** tables) {
     if (order == 0) return true;
     *tables = fftTables(order - 1);
@@ -53,13 +54,15 @@ bool prepared(int order, int flags, const char* funcName, const FftTables** tabl
         if (order > 0) releaseFftTables(order - 1);
         return false;
     }
-    if (module.refuses(order < 0, "order<0", funcName) || module.refuses(order > 31, "order>31", funcName))
+    if (module.refuses(order < 0, "order<0", funcName) ||
+        module.refuses(order > 31, "order>31", funcName))
         return false;
     return workingTables(order, funcName, tables) && (flags & VSQ_Init) == 0;
 }
 
 // Runs the transform; when scratch can't be had, releases all that is cached and tries once more.
-void run(const float* in, float* out, int order, int flags, const FftTables* tables, const char* funcName) {
+void run(const float* in, float* out, int order, int flags, const FftTables* tables,
+         const char* funcName) {
     if (realFft(in, out, order, flags, tables)) [[likely]]
         return;
     releaseTransformCaches();
@@ -73,9 +76,10 @@ bool refusesFftFlags(const Module& caller, int flags, const char* funcName) {
     return caller.refuses((flags & 1) && (flags & 2), "(flags & 1) && (flags & 2)", funcName) ||
            caller.refuses((flags & 1) == 0 && (flags & 2) == 0, "(flags & 1)==0 && (flags & 2)==0",
                           funcName) ||
-           caller.refuses((flags & 256) && (flags & 512), "(flags & 256) && (flags & 512)", funcName) ||
-           caller.refuses((flags & 256) == 0 && (flags & 512) == 0, "(flags & 256)==0 && (flags & 512)==0",
-                          funcName);
+           caller.refuses((flags & 256) && (flags & 512), "(flags & 256) && (flags & 512)",
+                          funcName) ||
+           caller.refuses((flags & 256) == 0 && (flags & 512) == 0,
+                          "(flags & 256)==0 && (flags & 512)==0", funcName);
 }
 
 bool realFft(const float* in, float* out, int order, int flags, const FftTables* tables) {
@@ -95,7 +99,8 @@ using namespace vsq;
 void vsqsRealFftl(float* samps, int order, int flags) {
     const FftTables* tables = nullptr;
     if (!prepared(order, flags, __func__, &tables)) return;
-    if (module.refuses(samps == nullptr, "samps==0") || refusesFftFlags(module, flags, __func__)) return;
+    if (module.refuses(samps == nullptr, "samps==0") || refusesFftFlags(module, flags, __func__))
+        return;
     run(samps, samps, order, flags, tables, __func__);
 }
 
@@ -103,7 +108,8 @@ void vsqsRealFftlNip(const float* inSamps, float* outSamps, int order, int flags
     const FftTables* tables = nullptr;
     if (!prepared(order, flags, __func__, &tables)) return;
     if (module.refuses(inSamps == nullptr, "inSamps==0") ||
-        module.refuses(outSamps == nullptr, "outSamps==0") || refusesFftFlags(module, flags, __func__))
+        module.refuses(outSamps == nullptr, "outSamps==0") ||
+        refusesFftFlags(module, flags, __func__))
         return;
     run(inSamps, outSamps, order, flags, tables, __func__);
 }

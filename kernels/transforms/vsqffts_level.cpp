@@ -1,23 +1,29 @@
-// The real transform: a complex one of half the length, M points, and the split into the real spectrum.
+// The real transform: a complex one of half the length, M points, and the split into the real
+// spectrum.
 //
-// From M = 64 on the complex transform is made of passes over vectors in which real and imaginary parts are
-// apart:
+// From M = 64 on the complex transform is made of passes over vectors in which real and imaginary
+// parts are apart:
 //
-// - Columns. The points are 16 rows of H = M / 16; each column is transformed, n = n1 H + p to (k1, p),
+// - Columns. The points are 16 rows of H = M / 16; each column is transformed, n = n1 H + p to (k1,
+//   p),
 // multiplied by
-//   w(M, p k1) and stored transposed, so that scratch has H rows of 16 lanes k1: 16 real and 16 imaginary
+//   w(M, p k1) and stored transposed, so that scratch has H rows of 16 lanes k1: 16 real and 16
+//   imaginary
 //   parts. No later pass moves data between lanes.
-// - Rows. A transform of length H whose points are rows: radix by radix in place, k1 + 16 (k2 + r2 (k3 +
+// - Rows. A transform of length H whose points are rows: radix by radix in place, k1 + 16 (k2 + r2
+//   (k3 +
 // ...)) being the
-//   index of a result, each pass completing what its groups need before the next group starts (depth first),
+//   index of a result, each pass completing what its groups need before the next group starts
+//   (depth first),
 //   so that long transforms stay in the cache once the groups fit it.
-// - The last row pass takes its groups in the order of the results' indices and stores them where they
+// - The last row pass takes its groups in the order of the results' indices and stores them where
+//   they
 // belong, split:
 //   with Z[k] and Z[M - k] at hand it makes X[k] and X[M - k].
 //
-// The inverse runs the same passes backwards, each one transposed: it joins X[k] and X[M - k] while it loads
-// the groups, and twiddles come before the butterflies. All butterflies are forward ones; the inverse works
-// with real and imaginary parts exchanged.
+// The inverse runs the same passes backwards, each one transposed: it joins X[k] and X[M - k] while
+// it loads the groups, and twiddles come before the butterflies. All butterflies are forward ones;
+// the inverse works with real and imaginary parts exchanged.
 //
 // Each element goes through the same arithmetic whatever the width of the registers.
 #include "transforms/vsqffts_level.h"
@@ -142,8 +148,8 @@ VSQ_INLINE float firstLane(const Lanes<N>& v) {
 
 // X[k] and X[M - k] from z = Z[k] and mirror = Z[M - k], with w = w(2 M, k) / 2.
 template <class V>
-VSQ_INLINE void splitPair(const Complex<V>& z, const Complex<V>& mirror, const Complex<V>& w, Complex<V>& x,
-                          Complex<V>& xMirror) {
+VSQ_INLINE void splitPair(const Complex<V>& z, const Complex<V>& mirror, const Complex<V>& w,
+                          Complex<V>& x, Complex<V>& xMirror) {
     const V half = Constant<V>::of(0.5f);
     const V evenRe = (z.re + mirror.re) * half, evenIm = (z.im - mirror.im) * half;
     const V diffRe = z.re - mirror.re, diffIm = z.im + mirror.im;
@@ -152,10 +158,11 @@ VSQ_INLINE void splitPair(const Complex<V>& z, const Complex<V>& mirror, const C
     xMirror = {evenRe - oddRe, oddIm - evenIm};
 }
 
-// The way back: Z[k] and Z[M - k] from x = X[k] and mirror = X[M - k], real and imaginary parts exchanged.
+// The way back: Z[k] and Z[M - k] from x = X[k] and mirror = X[M - k], real and imaginary parts
+// exchanged.
 template <class V>
-VSQ_INLINE void joinPair(const Complex<V>& x, const Complex<V>& mirror, const Complex<V>& w, Complex<V>& z,
-                         Complex<V>& zMirror) {
+VSQ_INLINE void joinPair(const Complex<V>& x, const Complex<V>& mirror, const Complex<V>& w,
+                         Complex<V>& z, Complex<V>& zMirror) {
     const V half = Constant<V>::of(0.5f);
     const V evenRe = (x.re + mirror.re) * half, evenIm = (x.im - mirror.im) * half;
     const V diffRe = x.re - mirror.re, diffIm = x.im + mirror.im;
@@ -220,7 +227,8 @@ template <int L>
 VSQ_INLINE void loadTransposed(const float* rows, Lanes<L> (&x)[16]) {
     unroll<16 / L>([&](auto part) VSQ_LAMBDA {
         Lanes<L> block[L];
-        unroll<L>([&](auto i) VSQ_LAMBDA { block[i] = load<float, L>(rows + i * rowFloats + part * L); });
+        unroll<L>([&](auto i)
+                      VSQ_LAMBDA { block[i] = load<float, L>(rows + i * rowFloats + part * L); });
         transpose<L>(block);
         unroll<L>([&](auto i) VSQ_LAMBDA { x[part * L + i] = block[i]; });
     });
@@ -228,7 +236,8 @@ VSQ_INLINE void loadTransposed(const float* rows, Lanes<L> (&x)[16]) {
 
 // The inverse's last pass.
 template <int L, bool twoLevels>
-VSQ_INLINE void columnsBack(const float* scratch, const FftTables& tables, float scale, float* out) {
+VSQ_INLINE void columnsBack(const float* scratch, const FftTables& tables, float scale,
+                            float* out) {
     const Index height = Index{1} << (tables.order - 4);
     const int width = height < 16 ? int(height) : 16;
     const Lanes<L> factor = splat<float, L>(scale);
@@ -259,8 +268,8 @@ void rowPass(float* rows, Index length, const float* twiddles) {
             Points<L> x[radix];
             unroll<radix>([&](auto j) VSQ_LAMBDA { x[j] = loadRow<L>(rows + j * step + lane); });
             if constexpr (isForward) butterfly(x);
-            unroll<radix - 1>([&](auto i)
-                                  VSQ_LAMBDA { x[i + 1] = x[i + 1] * splatPair<L>(twiddles + 2 * i); });
+            unroll<radix - 1>(
+                [&](auto i) VSQ_LAMBDA { x[i + 1] = x[i + 1] * splatPair<L>(twiddles + 2 * i); });
             if constexpr (!isForward) butterfly(x);
             unroll<radix>([&](auto j) VSQ_LAMBDA { storeRow(rows + j * step + lane, x[j]); });
         }
@@ -281,8 +290,8 @@ Index rowTwiddleFloats(Index length, int radixOrder) {
     return (length >> radixOrder) * 2 * ((Index{1} << radixOrder) - 1);
 }
 
-// All row passes but the last on `count` groups of `length` rows, which is what the passes before `pass`
-// left.
+// All row passes but the last on `count` groups of `length` rows, which is what the passes before
+// `pass` left.
 void middlePasses(float* rows, Index count, Index length, const FftTables& tables, int pass,
                   const float* twiddles) {
     if (pass + 1 >= tables.nPasses) return;
@@ -304,7 +313,8 @@ void middlePassesBack(float* rows, Index count, Index length, const FftTables& t
     const float* next = twiddles + rowTwiddleFloats(length, radixOrder);
     const Index together = length <= depthFirstRows ? count : 1;
     for (Index done = 0; done < count; done += together, rows += together * length * rowFloats) {
-        middlePassesBack(rows, together << radixOrder, length >> radixOrder, tables, pass + 1, next);
+        middlePassesBack(rows, together << radixOrder, length >> radixOrder, tables, pass + 1,
+                         next);
         for (Index i = 0; i < together; ++i)
             anyRowPass<false>(radixOrder, rows + i * length * rowFloats, length, twiddles);
     }
@@ -312,14 +322,15 @@ void middlePassesBack(float* rows, Index count, Index length, const FftTables& t
 
 // --- the last row pass and the split ---
 
-// Where the group lies whose results have the indices k1 + 16 (group + groups * k), by the digits of the
-// passes before.
+// Where the group lies whose results have the indices k1 + 16 (group + groups * k), by the digits
+// of the passes before.
 struct GroupOrder {
     int nDigits;
     int digitOrder[mostRowPasses];
     int totalOrder;
 
-    explicit VSQ_INLINE GroupOrder(const FftTables& tables) : nDigits(tables.nPasses - 1), totalOrder(0) {
+    explicit VSQ_INLINE GroupOrder(const FftTables& tables)
+        : nDigits(tables.nPasses - 1), totalOrder(0) {
         for (int i = 0; i < nDigits; ++i) {
             digitOrder[i] = tables.radixOrder[i];
             totalOrder += digitOrder[i];
@@ -374,9 +385,11 @@ struct Spectrum {
           groups(points >> (4 + t.radixOrder[t.nPasses - 1])), tables(t) {}
 };
 
-// Stores L pairs from k = 0 on and their mirror images, of which X[0] and X[M] have places of their own.
+// Stores L pairs from k = 0 on and their mirror images, of which X[0] and X[M] have places of their
+// own.
 template <int L>
-VSQ_INLINE void storeEdges(float* out, int shift, Index length, const Points<L>& x, const Points<L>& mirror) {
+VSQ_INLINE void storeEdges(float* out, int shift, Index length, const Points<L>& x,
+                           const Points<L>& mirror) {
     if constexpr (L > registerLanes) {
         constexpr int half = L / 2;
         storePairs<half>(out + L - shift, highHalf<L>(x));
@@ -390,17 +403,17 @@ VSQ_INLINE void storeEdges(float* out, int shift, Index length, const Points<L>&
         store(out, shift == 0 ? low : pick<skipSecondLane>(low, high));
         store(out + L - shift, high);
         store(out + 2 * (length - L + 1) - shift, lowBack);
-        store(out + 2 * length - L,
-              shift == 0 ? pick<lastTwoLane>(lowBack, highBack) : pick<lastOneLane>(lowBack, highBack));
+        store(out + 2 * length - L, shift == 0 ? pick<lastTwoLane>(lowBack, highBack)
+                                               : pick<lastOneLane>(lowBack, highBack));
     }
 }
 
-// The split for the lower half of the rows of `own`, whose index is `group`. The mirror image of lanes 1 to
-// 15 lies in `mirrored`, that of lane 0 in `next`, row by row backwards; for group 0 that is the group
-// itself, one row later.
+// The split for the lower half of the rows of `own`, whose index is `group`. The mirror image of
+// lanes 1 to 15 lies in `mirrored`, that of lane 0 in `next`, row by row backwards; for group 0
+// that is the group itself, one row later.
 template <int radix, bool twoLevels>
-VSQ_INLINE void splitGroup(const Spectrum& spectrum, Index group, const float* own, const float* mirrored,
-                           const float* next) {
+VSQ_INLINE void splitGroup(const Spectrum& spectrum, Index group, const float* own,
+                           const float* mirrored, const float* next) {
     constexpr int L = registerLanes;
     const int later = group == 0 ? 1 : 0;
     for (int row = 0; row < radix / 2; ++row) {
@@ -413,13 +426,15 @@ VSQ_INLINE void splitGroup(const Spectrum& spectrum, Index group, const float* o
             const Points<L> z = loadRow<L>(own + row * rowFloats + lane);
             const Points<L> mirror = mirrorOf<L>(loadRow<L>(edge), loadRow<L>(rest));
             Points<L> x, xMirror;
-            splitPair(z, mirror, splitTwiddles<L, twoLevels>(spectrum.tables, block, lane), x, xMirror);
+            splitPair(z, mirror, splitTwiddles<L, twoLevels>(spectrum.tables, block, lane), x,
+                      xMirror);
             const Index k = 16 * block + lane;
             if (k == 0) {
                 storeEdges<L>(spectrum.out, spectrum.shift, spectrum.points, x, xMirror);
             } else {
                 storePairs<L>(spectrum.out + 2 * k - spectrum.shift, x);
-                storePairsBack<L>(spectrum.out + 2 * (spectrum.points - k - L + 1) - spectrum.shift, xMirror);
+                storePairsBack<L>(spectrum.out + 2 * (spectrum.points - k - L + 1) - spectrum.shift,
+                                  xMirror);
             }
         }
     }
@@ -432,12 +447,14 @@ VSQ_INLINE void splitMiddle(const Spectrum& spectrum, const float* row) {
     pair[1] = -row[16];
 }
 
-// Groups in pairs i and groups - 1 - i, each split as soon as the three groups that it needs are there.
+// Groups in pairs i and groups - 1 - i, each split as soon as the three groups that it needs are
+// there.
 template <int radix, bool twoLevels>
 void lastForward(const float* scratch, const Spectrum& spectrum) {
     const GroupOrder order(spectrum.tables);
-    const auto source = [&](Index group)
-                            VSQ_LAMBDA { return scratch + order.place(group) * (radix * rowFloats); };
+    const auto source = [&](Index group) VSQ_LAMBDA {
+        return scratch + order.place(group) * (radix * rowFloats);
+    };
     Group<radix> front[2], back[2];
     transformGroup<radix>(source(0), front[0].rows);
     splitMiddle(spectrum, front[0].rows + radix / 2 * rowFloats);
@@ -456,7 +473,8 @@ void lastForward(const float* scratch, const Spectrum& spectrum) {
         transformGroup<radix>(source(i), frontNow.rows);
         transformGroup<radix>(source(spectrum.groups - 1 - i), backNow.rows);
         splitGroup<radix, twoLevels>(spectrum, i, frontNow.rows, backNow.rows, backBefore);
-        splitGroup<radix, twoLevels>(spectrum, spectrum.groups - i, backBefore, frontBefore, frontNow.rows);
+        splitGroup<radix, twoLevels>(spectrum, spectrum.groups - i, backBefore, frontBefore,
+                                     frontNow.rows);
     }
     const float* lastBack = back[(half - 1) & 1].rows;
     splitGroup<radix, twoLevels>(spectrum, half, lastBack, front[(half - 1) & 1].rows, lastBack);
@@ -464,10 +482,11 @@ void lastForward(const float* scratch, const Spectrum& spectrum) {
 
 // --- the join and the first row pass of the inverse: the split backwards ---
 
-// L bins from k = 0 on and their mirror images; X[0] and X[M], stored as two reals, become the pairs they are
-// elsewhere. Nothing is read outside the array.
+// L bins from k = 0 on and their mirror images; X[0] and X[M], stored as two reals, become the
+// pairs they are elsewhere. Nothing is read outside the array.
 template <int L>
-VSQ_INLINE void loadEdges(const float* in, int shift, Index length, Points<L>& x, Points<L>& mirror) {
+VSQ_INLINE void loadEdges(const float* in, int shift, Index length, Points<L>& x,
+                          Points<L>& mirror) {
     if constexpr (L > registerLanes) {
         constexpr int half = L / 2;
         const Points<half> high = loadPairs<half>(in + L - shift);
@@ -481,7 +500,8 @@ VSQ_INLINE void loadEdges(const float* in, int shift, Index length, Points<L>& x
         const Lanes<L> second = load<float, L>(in + L - shift);
         const Lanes<L> lastButOne = load<float, L>(in + 2 * (length - L + 1) - shift);
         const Lanes<L> low = shift == 0 ? first : pick<gapSecondLane>(first, first);
-        const Lanes<L> high = shift == 0 ? pick<fromThirdLane>(last, last) : pick<fromSecondLane>(last, last);
+        const Lanes<L> high =
+            shift == 0 ? pick<fromThirdLane>(last, last) : pick<fromSecondLane>(last, last);
         const Lanes<L> zero = splat<float, L>(0.0f);
         const Lanes<L> nyquist = splat<float, L>(shift == 0 ? in[1] : in[2 * length - 1]);
         x = {pick<evenLane>(low, second), pick<firstOfOtherLane>(pick<oddLane>(low, second), zero)};
@@ -490,10 +510,11 @@ VSQ_INLINE void loadEdges(const float* in, int shift, Index length, Points<L>& x
     }
 }
 
-// Fills the lower half of the rows of `own`; lanes 1 to 15 of the upper half of `opposite`, whose lane 0
-// stays; and lane 0 of the upper half of `next`. The groups are those of splitGroup.
+// Fills the lower half of the rows of `own`; lanes 1 to 15 of the upper half of `opposite`, whose
+// lane 0 stays; and lane 0 of the upper half of `next`. The groups are those of splitGroup.
 template <int radix, bool twoLevels>
-VSQ_INLINE void joinGroup(const Spectrum& spectrum, Index group, float* own, float* opposite, float* next) {
+VSQ_INLINE void joinGroup(const Spectrum& spectrum, Index group, float* own, float* opposite,
+                          float* next) {
     constexpr int L = registerLanes;
     const int later = group == 0 ? 1 : 0;
     for (int row = 0; row < radix / 2; ++row) {
@@ -507,9 +528,11 @@ VSQ_INLINE void joinGroup(const Spectrum& spectrum, Index group, float* own, flo
                 loadEdges<L>(spectrum.in, spectrum.shift, spectrum.points, x, xMirror);
             } else {
                 x = loadPairs<L>(spectrum.in + 2 * k - spectrum.shift);
-                xMirror = loadPairsBack<L>(spectrum.in + 2 * (spectrum.points - k - L + 1) - spectrum.shift);
+                xMirror = loadPairsBack<L>(spectrum.in + 2 * (spectrum.points - k - L + 1) -
+                                           spectrum.shift);
             }
-            joinPair(x, xMirror, splitTwiddles<L, twoLevels>(spectrum.tables, block, lane), z, zMirror);
+            joinPair(x, xMirror, splitTwiddles<L, twoLevels>(spectrum.tables, block, lane), z,
+                     zMirror);
             storeRow(own + row * rowFloats + lane, z);
             float* rest = upper + 16 - L - lane;
             storeRow(rest, mirrorOf<L>(loadRow<L>(rest), zMirror));
@@ -525,20 +548,23 @@ VSQ_INLINE float* pointIn(float* rows, Index k) {
     return rows + k / 16 * rowFloats + k % 16;
 }
 
-// All bins of a transform that has one group. The mirror images of L bins become L points together with the
-// first image of the bins that follow.
+// All bins of a transform that has one group. The mirror images of L bins become L points together
+// with the first image of the bins that follow.
 template <int radix, bool twoLevels>
 VSQ_INLINE void joinOnlyGroup(const Spectrum& spectrum, float* rows) {
     constexpr int L = registerLanes;
     constexpr Index points = 16 * radix;
     Points<L> z, zMirror, before;
     loadEdges<L>(spectrum.in, spectrum.shift, points, z, before);
-    joinPair(Points<L>(z), Points<L>(before), splitTwiddles<L, twoLevels>(spectrum.tables, 0, 0), z, before);
+    joinPair(Points<L>(z), Points<L>(before), splitTwiddles<L, twoLevels>(spectrum.tables, 0, 0), z,
+             before);
     storeRow(rows, z);
     for (Index k = L; k < points / 2; k += L) {
         const Points<L> x = loadPairs<L>(spectrum.in + 2 * k - spectrum.shift);
-        const Points<L> xMirror = loadPairsBack<L>(spectrum.in + 2 * (points - k - L + 1) - spectrum.shift);
-        joinPair(x, xMirror, splitTwiddles<L, twoLevels>(spectrum.tables, k / 16, int(k % 16)), z, zMirror);
+        const Points<L> xMirror =
+            loadPairsBack<L>(spectrum.in + 2 * (points - k - L + 1) - spectrum.shift);
+        joinPair(x, xMirror, splitTwiddles<L, twoLevels>(spectrum.tables, k / 16, int(k % 16)), z,
+                 zMirror);
         storeRow(pointIn(rows, k), z);
         storeRow(pointIn(rows, points - k), mirrorOf<L>(zMirror, before));
         before = zMirror;
@@ -555,12 +581,14 @@ VSQ_INLINE void joinMiddle(const Spectrum& spectrum, float* row) {
     row[16] = pair[0];
 }
 
-// Groups in pairs i and groups - 1 - i, each transformed as soon as its three sources have been joined.
+// Groups in pairs i and groups - 1 - i, each transformed as soon as its three sources have been
+// joined.
 template <int radix, bool twoLevels>
 void firstInverse(const Spectrum& spectrum, float* scratch) {
     const GroupOrder order(spectrum.tables);
-    const auto target = [&](Index group)
-                            VSQ_LAMBDA { return scratch + order.place(group) * (radix * rowFloats); };
+    const auto target = [&](Index group) VSQ_LAMBDA {
+        return scratch + order.place(group) * (radix * rowFloats);
+    };
     Group<radix> front[2], back[2];
     float* const zero = front[0].rows;
     if (spectrum.groups == 1) {
@@ -578,8 +606,10 @@ void firstInverse(const Spectrum& spectrum, float* scratch) {
         float* backBefore = back[(i - 1) & 1].rows;
         float* frontNow =
             i < half ? front[i & 1].rows : backBefore; // the middle group is its own mirror image
-        if (i < half) joinGroup<radix, twoLevels>(spectrum, i, frontNow, back[i & 1].rows, backBefore);
-        joinGroup<radix, twoLevels>(spectrum, spectrum.groups - i, backBefore, frontBefore, frontNow);
+        if (i < half)
+            joinGroup<radix, twoLevels>(spectrum, i, frontNow, back[i & 1].rows, backBefore);
+        joinGroup<radix, twoLevels>(spectrum, spectrum.groups - i, backBefore, frontBefore,
+                                    frontNow);
         transformGroup<radix>(frontBefore, target(i - 1));
         transformGroup<radix>(backBefore, target(spectrum.groups - i));
     }
@@ -671,7 +701,8 @@ void shortForward(const float* in, float* out, int shift, const FftTables& table
     Points<W> rows[4];
     shortColumns<W>(x, tables, rows);
     Points<W> low, high, lowMirror, highMirror;
-    splitPair(rows[0], mirrorOf<W>(rows[0], rows[3]), splitTwiddles<W, false>(tables, 0, 0), low, lowMirror);
+    splitPair(rows[0], mirrorOf<W>(rows[0], rows[3]), splitTwiddles<W, false>(tables, 0, 0), low,
+              lowMirror);
     splitPair(rows[1], mirrorOf<W>(rows[3], rows[2]), splitTwiddles<W, false>(tables, 0, W), high,
               highMirror);
     storePairs<W>(out + 2 * W - shift, high);
@@ -725,7 +756,9 @@ void shortInverse(const float* in, float* out, int shift, float scale, const Fft
     Points<4> x[W];
     shortColumnsBack<W>(rows, tables, x);
     const Lanes<4> factor = splat<float, 4>(2.0f * scale);
-    unroll<W>([&](auto j) VSQ_LAMBDA { storePairs<4>(out + 8 * j, {x[j].im * factor, x[j].re * factor}); });
+    unroll<W>([&](auto j) VSQ_LAMBDA {
+        storePairs<4>(out + 8 * j, {x[j].im * factor, x[j].re * factor});
+    });
 }
 
 // --- the shortest ones: everything in one array of scalars ---
@@ -745,7 +778,8 @@ void scalarForward(const float* in, float* out, int shift, const FftTables& tabl
     float* pairs = out - shift;
     for (int k = 1; k < points / 2; ++k) {
         Point x, mirror;
-        splitPair<float>(z[k], z[points - k], {tables.split[k], tables.split[points + k]}, x, mirror);
+        splitPair<float>(z[k], z[points - k], {tables.split[k], tables.split[points + k]}, x,
+                         mirror);
         pairs[2 * k] = x.re;
         pairs[2 * k + 1] = x.im;
         pairs[2 * (points - k)] = mirror.re;
@@ -768,7 +802,8 @@ void scalarInverse(const float* in, float* out, int shift, float scale, const Ff
     for (int k = 1; k < points / 2; ++k) {
         const Point x{pairs[2 * k], pairs[2 * k + 1]};
         const Point mirror{pairs[2 * (points - k)], pairs[2 * (points - k) + 1]};
-        joinPair<float>(x, mirror, {tables.split[k], tables.split[points + k]}, z[k], z[points - k]);
+        joinPair<float>(x, mirror, {tables.split[k], tables.split[points + k]}, z[k],
+                        z[points - k]);
     }
     if (points > 1) z[points / 2] = {-pairs[points + 1], pairs[points]};
     butterfly(z);
@@ -799,7 +834,8 @@ void forward(const float* in, float* out, int shift, const FftTables& tables, fl
     }
 }
 
-void inverse(const float* in, float* out, int shift, float scale, const FftTables& tables, float* scratch) {
+void inverse(const float* in, float* out, int shift, float scale, const FftTables& tables,
+             float* scratch) {
     switch (tables.order) {
     case 0:
         return scalarInverse<1>(in, out, 0, scale, tables);
@@ -814,8 +850,9 @@ void inverse(const float* in, float* out, int shift, float scale, const FftTable
     case 5:
         return shortInverse<8>(in, out, shift, scale, tables);
     default:
-        return tables.order < twoLevelFrom ? longInverse<false>(in, out, shift, scale, tables, scratch)
-                                           : longInverse<true>(in, out, shift, scale, tables, scratch);
+        return tables.order < twoLevelFrom
+                   ? longInverse<false>(in, out, shift, scale, tables, scratch)
+                   : longInverse<true>(in, out, shift, scale, tables, scratch);
     }
 }
 

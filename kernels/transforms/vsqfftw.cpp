@@ -9,7 +9,8 @@ namespace {
 
 constexpr Module module{"vsqfftw"};
 constexpr int truncateAndSaturate = 0x1080;
-constexpr std::ptrdiff_t blockLength = std::ptrdiff_t{1} << 30; // order 31 exceeds the conversions' int
+// order 31 exceeds the conversions' int
+constexpr std::ptrdiff_t blockLength = std::ptrdiff_t{1} << 30;
 
 bool refusesArguments(const short* samps, int flags, int scaleMode, const int* scaleFactor,
                       const char* funcName) {
@@ -17,13 +18,15 @@ bool refusesArguments(const short* samps, int flags, int scaleMode, const int* s
            refusesFftFlags(module, flags, funcName) ||
            module.refuses((scaleMode & 0x0002) && (scaleMode & 0x0004),
                           "(scaleMode & 0x0002) && (scaleMode & 0x0004)", funcName) ||
-           module.refuses((scaleMode & VSQ_AUTO_SCALE) && scaleFactor == nullptr, "scaleFactor==0", funcName);
+           module.refuses((scaleMode & VSQ_AUTO_SCALE) && scaleFactor == nullptr, "scaleFactor==0",
+                          funcName);
 }
 
 // --- results to 16 bits; both forms truncate toward zero and saturate ---
 
-// The smallest right shift, 0 or more, under which every value fits: |v| * 2^-shift below 32768, where -32768
-// fits too. A not-a-number does not count; with an infinity the shift is that of the largest float.
+// The smallest right shift, 0 or more, under which every value fits: |v| * 2^-shift below 32768,
+// where -32768 fits too. A not-a-number does not count; with an infinity the shift is that of the
+// largest float.
 int fittingShift(const float* values, std::ptrdiff_t n) {
     float highest = 0.0f, lowest = 0.0f;
     for (std::ptrdiff_t i = 0; i < n; ++i) {
@@ -71,7 +74,8 @@ void shortest(short* samps, int order, int flags, int scaleMode, int* scaleFacto
 }
 
 // Orders above 1, with a float copy of the samples.
-void transformInFloat(short* samps, int order, int flags, int scaleMode, int* scaleFactor, float* work) {
+void transformInFloat(short* samps, int order, int flags, int scaleMode, int* scaleFactor,
+                      float* work) {
     constexpr const char* name = "vsqwRealFftl";
     const std::ptrdiff_t n = std::ptrdiff_t{1} << order;
     toFloat(samps, work, n);
@@ -83,7 +87,8 @@ void transformInFloat(short* samps, int order, int flags, int scaleMode, int* sc
     storeScaled(work, samps, n, scaleMode, scaleFactor);
 }
 
-// Takes the cached block of samples for the length of a call, with a second try when memory ran out.
+// Takes the cached block of samples for the length of a call, with a second try when memory ran
+// out.
 class Samples {
 public:
     explicit Samples(std::ptrdiff_t n) : block(fixedFftSamples().take(n)) {

@@ -23,7 +23,8 @@ struct Slots {
         if (table != nullptr) return table;
         T* made = build(order);
         if (made == nullptr) return nullptr;
-        if (slot[order].compare_exchange_strong(table, made, std::memory_order_acq_rel)) return made;
+        if (slot[order].compare_exchange_strong(table, made, std::memory_order_acq_rel))
+            return made;
         free(made);
         return table;
     }
@@ -51,14 +52,16 @@ int* buildBitRev(int order) {
 }
 
 float* buildTwiddles(int order) {
-    // Pairs are counted, not floats: a count that the address space cannot hold comes out negative and is refused.
+    // Pairs are counted, not floats: a count that the address space cannot hold comes out negative
+    // and is refused.
     auto* table = static_cast<float*>(allocAligned(std::ptrdiff_t{1} << order, 2 * sizeof(float)));
     if (table != nullptr) vsqcCalcFftTwdTbl(table, order);
     return table;
 }
 
 bool badOrder(int order, const char* funcName) {
-    return module.refuses(order < 0, "order<0", funcName) || module.refuses(order > 31, "order>31", funcName);
+    return module.refuses(order < 0, "order<0", funcName) ||
+           module.refuses(order > 31, "order>31", funcName);
 }
 
 template <class T, class Build>
@@ -71,8 +74,8 @@ const T* cachedTable(Slots<T>& slots, int order, Build build, const char* funcNa
 
 // --- the working tables ---
 
-// How the rows are passed over: as few passes as possible, the last one of radix 8 where there are several,
-// since the split step goes with it and wants the registers.
+// How the rows are passed over: as few passes as possible, the last one of radix 8 where there are
+// several, since the split step goes with it and wants the registers.
 int chooseRadices(int rowOrder, int* radixOrder) {
     if (rowOrder < 2) return 0;
     if (rowOrder <= 4) {
@@ -134,10 +137,12 @@ void setRoot(float* re, float* im, unsigned long long k, int order, double facto
 }
 
 // radix - 1 times `width` real and `width` imaginary parts of w(2^order, (first + lane) * k).
-float* fillColumnBlock(float* p, unsigned long long first, int width, int order, unsigned radix = 16) {
+float* fillColumnBlock(float* p, unsigned long long first, int width, int order,
+                       unsigned radix = 16) {
     for (unsigned k = 1; k < radix; ++k, p += 2 * width)
         for (int lane = 0; lane < width; ++lane)
-            setRoot(p + lane, p + width + lane, (first + static_cast<unsigned>(lane)) * k, order, 1.0);
+            setRoot(p + lane, p + width + lane, (first + static_cast<unsigned>(lane)) * k, order,
+                    1.0);
     return p;
 }
 
@@ -229,11 +234,13 @@ void freeWork(float* block) {
 } // namespace
 
 UnitRoot unitRoot(unsigned long long k, int order) {
-    // Eighths of a turn: an odd one is walked backwards from its end, so every angle lies in 0 .. pi / 4.
+    // Eighths of a turn: an odd one is walked backwards from its end, so every angle lies in 0 ..
+    // pi / 4.
     const unsigned long long turn = 1ULL << order;
     const unsigned long long scaled = k * 8;
     const unsigned octant = static_cast<unsigned>(scaled >> order);
-    const unsigned long long part = octant % 2 == 0 ? scaled - octant * turn : (octant + 1) * turn - scaled;
+    const unsigned long long part =
+        octant % 2 == 0 ? scaled - octant * turn : (octant + 1) * turn - scaled;
     const double angle = static_cast<double>(part) / static_cast<double>(turn) * (pi / 4);
     // At pi / 4 itself both are the same number, which the library functions need not see.
     const double c = part == turn ? std::sqrt(0.5) : std::cos(angle);
@@ -319,8 +326,8 @@ const float* vsqcGetFftTwdTbl(int order) {
 
 void vsqCalcBitRevTbl(int* tbl, int order) {
     if (badOrder(order, __func__) || module.refuses(tbl == nullptr, "tbl==0")) return;
-    // The second half repeats the first one with the lowest bit set; each doubling of the table appends a
-    // bit.
+    // The second half repeats the first one with the lowest bit set; each doubling of the table
+    // appends a bit.
     tbl[0] = 0;
     for (int bit = 0; bit < order; ++bit) {
         const std::ptrdiff_t half = std::ptrdiff_t{1} << bit;

@@ -1,5 +1,5 @@
-// The exponential function of floats, lane by lane; for level sources. Every number of lanes gives an element the same
-// bits, and so do the straight path and the one for special arguments.
+// The exponential function of floats, lane by lane; for level sources. Every number of lanes gives
+// an element the same bits, and so do the straight path and the one for special arguments.
 #pragma once
 
 #include "simd/pack.h"
@@ -9,9 +9,9 @@ namespace {
 
 // Constants from vsqlnexp_coefficients.py.
 //
-// e^x = 2^n e^r with n the multiple of 1/8 next to x / ln 2 and r = x - n ln 2. The whole part of n is a step in the
-// exponent, 2^(its eighths) a look into a table, and e^r = 1 + r + r^2 q(r) for |r| up to ln(2) / 16, with a relative
-// error of 2^-25.2.
+// e^x = 2^n e^r with n the multiple of 1/8 next to x / ln 2 and r = x - n ln 2. The whole part of n
+// is a step in the exponent, 2^(its eighths) a look into a table, and e^r = 1 + r + r^2 q(r) for
+// |r| up to ln(2) / 16, with a relative error of 2^-25.2.
 constexpr float eighthPowers[8] = {0x1p+0f,        0x1.172b84p+0f, 0x1.306fep+0f,  0x1.4bfdaep+0f,
                                    0x1.6a09e6p+0f, 0x1.8ace54p+0f, 0x1.ae89fap+0f, 0x1.d5818ep+0f};
 constexpr float expCoefficients[] = {0x1.000878p-1f, 0x1.555658p-3f};
@@ -20,7 +20,8 @@ constexpr float expCoefficients[] = {0x1.000878p-1f, 0x1.555658p-3f};
 constexpr float ln2High = 0x1.62ep-1f;
 constexpr float ln2Low = 0x1.0bfbe8p-15f;
 
-constexpr float rounder = 0x1.8p20f; // a sum with it is rounded to eighths, which its last bits count
+// a sum with it is rounded to eighths, which its last bits count
+constexpr float rounder = 0x1.8p20f;
 
 template <int lanes>
 struct ReducedExp {
@@ -44,16 +45,19 @@ VSQ_INLINE ReducedExp<lanes> reducedExp(const Pack<float, lanes>& x) {
 
 template <int lanes>
 VSQ_INLINE Pack<float, lanes> expOfAny(const Pack<float, lanes>& x) {
-    // Beyond these limits the results stay 0 and infinity. Not-a-numbers pass them, and all that follows.
+    // Beyond these limits the results stay 0 and infinity. Not-a-numbers pass them, and all that
+    // follows.
     const auto limited = larger(splat<float, lanes>(-104), smaller(splat<float, lanes>(89), x));
     const ReducedExp<lanes> reduced = reducedExp<lanes>(limited);
     if constexpr (hasPowers) return timesPowers(reduced.mantissa, reduced.n);
-    // 2^(the whole part of n) in two factors, each a normal float; only the second product may round, to a denormal.
+    // 2^(the whole part of n) in two factors, each a normal float; only the second product may
+    // round, to a denormal.
     const auto bias = splat<std::int32_t, lanes>(127);
     const Pack<std::int32_t, lanes> whole =
         (bits<std::int32_t>(reduced.turns) - bits<std::int32_t>(splat<float, lanes>(rounder))) >> 3;
     const Pack<std::int32_t, lanes> half = whole >> 1;
-    const auto first = bits<float>((half + bias) << 23), second = bits<float>((whole - half + bias) << 23);
+    const auto first = bits<float>((half + bias) << 23),
+               second = bits<float>((whole - half + bias) << 23);
     return reduced.mantissa * first * second;
 }
 
@@ -73,8 +77,8 @@ struct Exp {
     }
 };
 
-// vec[i] = function(vec[i]), so many registers at a time as leave room for the function's coefficients; the last ones with
-// 1 in the lanes beyond them.
+// vec[i] = function(vec[i]), so many registers at a time as leave room for the function's
+// coefficients; the last ones with 1 in the lanes beyond them.
 template <int registers = 1, class Function>
 VSQ_INLINE void apply(float* vec, int n, const Function& function) {
     constexpr int narrow = registerBytes / int(sizeof(float)), wide = registers * narrow;
@@ -86,7 +90,8 @@ VSQ_INLINE void apply(float* vec, int n, const Function& function) {
         i += narrow;
     }
     if (i < n)
-        storePart(vec + i, function.template operator()<narrow>(loadPart<float, narrow>(vec + i, n - i, 1)),
+        storePart(vec + i,
+                  function.template operator()<narrow>(loadPart<float, narrow>(vec + i, n - i, 1)),
                   n - i);
 }
 

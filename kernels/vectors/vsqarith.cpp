@@ -1,5 +1,5 @@
-#include "levels/levels.h"
 #include "context/vsqcontext.h"
+#include "levels/levels.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 namespace vsq::VSQ_LEVEL {
 namespace {
 
-// One pass over a stretch of the signal serves a group of up to 20 lags. With four lanes, lag 4 q + r
-// multiplies block i - q of the signal by the four elements from 4 i + r on: so the four loads r = 0 to 3
-// serve all lags of the group, and the first factors lie on block boundaries. Both factors are widened to
-// double once a stretch.
+// One pass over a stretch of the signal serves a group of up to 20 lags. With four lanes, lag 4 q +
+// r multiplies block i - q of the signal by the four elements from 4 i + r on: so the four loads r
+// = 0 to 3 serve all lags of the group, and the first factors lie on block boundaries. Both factors
+// are widened to double once a stretch.
 constexpr int lanes = 4;
 constexpr int phases = lanes;
 constexpr int groupLags = 20;
@@ -17,10 +17,12 @@ constexpr int margin = history * lanes;
 using Doubles = Pack<double, lanes>;
 
 constexpr int step =
-    8; // elements widened at a time; the arrays have room for a last step that is only partly needed
+    // elements widened at a time; the arrays have room for a last step that is only partly needed
+    8;
 
 struct Stretch {
-    alignas(64) double first[margin + stretch + margin + lanes + step]; // zeros around the signal's stretch
+    // zeros around the signal's stretch
+    alignas(64) double first[margin + stretch + margin + lanes + step];
     alignas(64) double second[stretch + margin + lanes +
                               step]; // the signal from the group's first lag on, then zeros
 };
@@ -42,15 +44,19 @@ VSQ_INLINE int smallerOf(int a, int b) {
     return a < b ? a : b;
 }
 
-// The sums of a group's lags over one stretch. Written out for each lag, so that they stay in registers.
+// The sums of a group's lags over one stretch. Written out for each lag, so that they stay in
+// registers.
 template <int... k>
 VSQ_INLINE void addLags(const double* first, const double* second, int blocks, Doubles* sums,
                         std::integer_sequence<int, k...>) {
     Doubles part[] = {sums[k]...};
     for (int i = 0; i < blocks + history; ++i, first += lanes, second += lanes) {
-        const Doubles factors[phases] = {load<double, lanes>(second), load<double, lanes>(second + 1),
-                                         load<double, lanes>(second + 2), load<double, lanes>(second + 3)};
-        ((part[k] = part[k] + load<double, lanes>(first - k / phases * lanes) * factors[k % phases]), ...);
+        const Doubles factors[phases] = {
+            load<double, lanes>(second), load<double, lanes>(second + 1),
+            load<double, lanes>(second + 2), load<double, lanes>(second + 3)};
+        ((part[k] =
+              part[k] + load<double, lanes>(first - k / phases * lanes) * factors[k % phases]),
+         ...);
     }
     ((sums[k] = part[k]), ...);
 }
@@ -68,7 +74,8 @@ void groupOfLags(const float* src, int n, int firstLag, double* sums) {
         const int blocks = (length + lanes - 1) / lanes;
         double* const first = work.first + margin;
         widen(src + from, length, first, blocks * lanes + margin + lanes);
-        const double* second = first; // a short signal's first group has the same elements in both places
+        // a short signal's first group has the same elements in both places
+        const double* second = first;
         if (firstLag != 0 || n > stretch) {
             const int room = (blocks + history) * lanes + lanes;
             widen(src + from + firstLag, smallerOf(room, last - from), work.second, room);
@@ -91,8 +98,9 @@ constexpr Counts<count...> countsOf(std::integer_sequence<int, count...>) {
 }
 constexpr auto groups = countsOf(std::make_integer_sequence<int, groupLags>());
 
-// The zeros around a stretch meet elements that have no partner. Where such an element is infinite or no
-// number that gives a sum that is no number; then the plain sum, over the true pairs alone, says what it is.
+// The zeros around a stretch meet elements that have no partner. Where such an element is infinite
+// or no number that gives a sum that is no number; then the plain sum, over the true pairs alone,
+// says what it is.
 double plainSum(const float* src, int n, int lag) {
     double sum = 0;
     for (int i = 0; i + lag < n; ++i)

@@ -1,5 +1,5 @@
-#include "levels/levels.h"
 #include "context/vsqcontext.h"
+#include "levels/levels.h"
 
 #include <cmath>
 #include <cstddef>
@@ -13,16 +13,17 @@ constexpr vsq::Module module{"vsqcvrts"};
 
 constexpr int unknownFlags = ~(VSQ_Saturate | VSQ_RoundToZero | VSQ_RoundDown);
 
-// The fraction's fate for the modes that are not the block kernels' truncation. Not-a-number stays one.
+// The fraction's fate for the modes that are not the block kernels' truncation. Not-a-number stays
+// one.
 double rounded(double value, int flags) {
     if (flags & VSQ_RoundToZero) return std::trunc(value);
     if (flags & VSQ_RoundDown) return std::floor(value);
     return std::nearbyint(value);
 }
 
-// What does not fit becomes the nearer end of the range if values saturate, and not-a-number then the
-// smallest value; otherwise both become the most negative value, as in the recognition layer's block
-// conversions.
+// What does not fit becomes the nearer end of the range if values saturate, and not-a-number then
+// the smallest value; otherwise both become the most negative value, as in the recognition layer's
+// block conversions.
 template <class T>
 T fitted(double whole, bool saturates) {
     using Range = std::numeric_limits<T>;
@@ -34,20 +35,23 @@ T fitted(double whole, bool saturates) {
 template <class T>
 T elementAt(const void* array, int i) {
     T value;
-    std::memcpy(&value, static_cast<const char*>(array) + std::ptrdiff_t(i) * std::ptrdiff_t(sizeof value),
+    std::memcpy(&value,
+                static_cast<const char*>(array) + std::ptrdiff_t(i) * std::ptrdiff_t(sizeof value),
                 sizeof value);
     return value;
 }
 template <class T>
 void setElement(void* array, int i, T value) {
-    std::memcpy(static_cast<char*>(array) + std::ptrdiff_t(i) * std::ptrdiff_t(sizeof value), &value,
-                sizeof value);
+    std::memcpy(static_cast<char*>(array) + std::ptrdiff_t(i) * std::ptrdiff_t(sizeof value),
+                &value, sizeof value);
 }
 
 template <class T>
 void convertAll(const float* src, void* dst, int len, int flags) {
     for (int i = 0; i < len; ++i)
-        setElement(dst, i, fitted<T>(rounded(elementAt<float>(src, i), flags), (flags & VSQ_Saturate) != 0));
+        setElement(
+            dst, i,
+            fitted<T>(rounded(elementAt<float>(src, i), flags), (flags & VSQ_Saturate) != 0));
 }
 
 // The two widths that frames use run over packs when they truncate.

@@ -42,7 +42,8 @@ VSQ_INLINE void forBlocksBackward(int n, const Step& step) {
 // wider ones downward.
 template <class Src, class Dst>
 bool overlap(const Src* src, const Dst* dst, int n) {
-    const auto from = reinterpret_cast<std::uintptr_t>(src), to = reinterpret_cast<std::uintptr_t>(dst);
+    const auto from = reinterpret_cast<std::uintptr_t>(src),
+               to = reinterpret_cast<std::uintptr_t>(dst);
     const auto count = static_cast<std::uintptr_t>(n > 0 ? n : 0);
     return from < to ? to - from < count * sizeof(Src) : from - to < count * sizeof(Dst);
 }
@@ -67,13 +68,16 @@ VSQ_INLINE bool anyAbove(const Pack<int, N>& v, int limit) {
 
 // --- downward ---
 
-// Narrowing saturates, and so brings nearly all values where they belong by itself: what lies below the short range, and
-// what does not even fit 32 bits and has become the most negative int. Where arrays are long the few that end elsewhere
-// are looked for, which costs less than to replace them beforehand in every register.
+// Narrowing saturates, and so brings nearly all values where they belong by itself: what lies below
+// the short range, and what does not even fit 32 bits and has become the most negative int. Where
+// arrays are long the few that end elsewhere are looked for, which costs less than to replace them
+// beforehand in every register.
 template <int N>
-constexpr bool looksFirst = N == wide&& registerBytes > 16; // SSE2 has no maximum of 32-bit integers
+// SSE2 has no maximum of 32-bit integers
+constexpr bool looksFirst = N == wide&& registerBytes > 16;
 
-// In a truncation they are those between the two ranges, which are to become the most negative value.
+// In a truncation they are those between the two ranges, which are to become the most negative
+// value.
 template <class T, int N>
 VSQ_INLINE Pack<short, N> truncateTo(short, const Pack<T, N>& x) {
     if constexpr (looksFirst<N>) {
@@ -87,7 +91,8 @@ VSQ_INLINE Pack<int, N> truncateTo(int, const Pack<T, N>& x) {
     return truncated(x);
 }
 
-// The smaller of limit and x is x for a not-a-number, which then truncates to the most negative int.
+// The smaller of limit and x is x for a not-a-number, which then truncates to the most negative
+// int.
 template <class T, int N>
 VSQ_INLINE Pack<short, N> clampTo(short, const Pack<T, N>& x) {
     return narrowed(truncated(smaller(splat<T, N>(T(32767)), x)));
@@ -101,9 +106,9 @@ VSQ_INLINE Pack<int, N> clampTo(int, const Pack<float, N>& x) { // no float is 2
     return select(splat<float, N>(2147483648.0f) <= x, splat<int, N>(INT32_MAX), truncated(x));
 }
 
-// Whether products with the factor, a power of two, come out the same in float as in double followed by one
-// rounding: it is a normal float. Results below the normal range truncate to 0 either way, those above it are
-// out of range.
+// Whether products with the factor, a power of two, come out the same in float as in double
+// followed by one rounding: it is a normal float. Results below the normal range truncate to 0
+// either way, those above it are out of range.
 bool isNormalFloat(double factor) {
     return factor >= 0x1p-126 && factor <= 0x1p127;
 }
@@ -112,7 +117,8 @@ template <class Work, class Src, class Dst>
 VSQ_INLINE void truncateIn(const Src* src, Dst* dst, int n, Work factor) {
     forBlocks<wide>(n, [=](int i, auto lanes) VSQ_LAMBDA {
         constexpr int N = decltype(lanes)::value;
-        store(dst + i, truncateTo(Dst(), convert<Work>(load<Src, N>(src + i)) * splat<Work, N>(factor)));
+        store(dst + i,
+              truncateTo(Dst(), convert<Work>(load<Src, N>(src + i)) * splat<Work, N>(factor)));
     });
 }
 
@@ -144,7 +150,8 @@ void clampFrames(const float* src, short* dst, int n) {
         auto least = splat<int, wide / 8>(0);
         for (; limit - done >= wide; done += wide) {
             const auto whole = truncated(load<float, wide>(src + done));
-            const auto lower = [](const auto& a, const auto& b) VSQ_LAMBDA { return smaller(a, b); };
+            const auto lower = [](const auto& a, const auto& b)
+                                   VSQ_LAMBDA { return smaller(a, b); };
             least = smaller(least, foldedRegisters(whole, lower));
             store(dst + done, narrowed(whole));
         }
@@ -169,8 +176,8 @@ VSQ_INLINE void raiseIn(const short* src, float* dst, int n, float factor) {
         constexpr int all = decltype(lanes)::value, N = all < fitting ? all : fitting;
 #pragma GCC unroll 8
         for (int part = 0; part < all; part += N)
-            store(dst + i + part,
-                  convert<float>(convert<int>(load<short, N>(src + i + part))) * splat<float, N>(factor));
+            store(dst + i + part, convert<float>(convert<int>(load<short, N>(src + i + part))) *
+                                      splat<float, N>(factor));
     });
 }
 
@@ -209,8 +216,9 @@ void raise(const Src* src, Dst* dst, int n, double factor) {
 
 // --- range of an array ---
 
-// Exponent fields lie in the topmost 16 bits, so the search runs over 16-bit lanes, whose maximum is one
-// instruction at every level; the lanes below the topmost are masked to 0. `count` counts 16-bit lanes.
+// Exponent fields lie in the topmost 16 bits, so the search runs over 16-bit lanes, whose maximum
+// is one instruction at every level; the lanes below the topmost are masked to 0. `count` counts
+// 16-bit lanes.
 template <class Word, int N>
 VSQ_INLINE int largestMasked(const void* src, std::ptrdiff_t count, Word mask) {
     constexpr int perWord = int(sizeof(Word) / sizeof(int16_t));
@@ -250,9 +258,10 @@ int largestDoubleExponent(const double* src, int n) {
     return largestMasked<int64_t, 64>(src, std::ptrdiff_t(4) * n, 0x7FF0000000000000) >> 4;
 }
 
-// All magnitudes or'ed together: their highest set bit is that of the largest one. The most negative value is its own
-// negative, and as an unsigned word its magnitude. Four chains, so that they do not wait for each other; the last register
-// may begin before the others end, since nothing changes when a value comes twice.
+// All magnitudes or'ed together: their highest set bit is that of the largest one. The most
+// negative value is its own negative, and as an unsigned word its magnitude. Four chains, so that
+// they do not wait for each other; the last register may begin before the others end, since nothing
+// changes when a value comes twice.
 template <class T>
 VSQ_INLINE unsigned joinedMagnitudes(const T* src, int n) {
     using Word = typename std::make_unsigned<T>::type;

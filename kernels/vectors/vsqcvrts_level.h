@@ -6,10 +6,11 @@
 
 namespace vsq {
 
-// Downward, `truncate...` multiplies by the factor (1.0 for none) and drops the fraction; what does not fit
-// the target, not-a-number included, becomes the target's most negative value. `clamp...` drops the fraction
-// too, but values beyond the target's range become the nearer end of it, and not-a-number the smallest value.
-// Upward, each element is multiplied by the factor; the product is rounded once, to the destination's type.
+// Downward, `truncate...` multiplies by the factor (1.0 for none) and drops the fraction; what does
+// not fit the target, not-a-number included, becomes the target's most negative value. `clamp...`
+// drops the fraction too, but values beyond the target's range become the nearer end of it, and
+// not-a-number the smallest value. Upward, each element is multiplied by the factor; the product is
+// rounded once, to the destination's type.
 struct CvrtsKernels {
     void (*truncateFloatToShort)(const float* src, short* dst, int n, double factor);
     void (*truncateDoubleToShort)(const double* src, short* dst, int n, double factor);
@@ -24,10 +25,12 @@ struct CvrtsKernels {
     void (*intToFloat)(const int* src, float* dst, int n, double factor);
     void (*intToDouble)(const int* src, double* dst, int n, double factor);
 
-    int (*largestFloatExponent)(const float* src, int n);   // the largest biased exponent field; 0 for n < 1
+    // the largest biased exponent field; 0 for n < 1
+    int (*largestFloatExponent)(const float* src, int n);
     int (*largestDoubleExponent)(const double* src, int n); // the same
-    unsigned (*joinedShortMagnitudes)(const short* src, int n); // all absolute values or'ed; 0 for n < 1
-    unsigned (*joinedIntMagnitudes)(const int* src, int n);     // the same
+    // all absolute values or'ed; 0 for n < 1
+    unsigned (*joinedShortMagnitudes)(const short* src, int n);
+    unsigned (*joinedIntMagnitudes)(const int* src, int n); // the same
 };
 VSQ_DECLARE_LEVELS(CvrtsKernels, cvrtsKernels)
 

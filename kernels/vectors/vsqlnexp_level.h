@@ -1,6 +1,6 @@
-// Natural logarithm and exponential function of float arrays, in place, within 2 units in the last place and
-// with the special values of the C library's functions; the same bits at every level. Any n; nothing is
-// checked.
+// Natural logarithm and exponential function of float arrays, in place, within 2 units in the last
+// place and with the special values of the C library's functions; the same bits at every level. Any
+// n; nothing is checked.
 #pragma once
 
 #include "levels/levelrecord.h"

@@ -1,14 +1,15 @@
 // Roots, thresholds, reciprocals, magnitudes.
-#include "levels/levels.h"
 #include "context/vsqcontext.h"
 #include "context/vsqfpu.h"
+#include "levels/levels.h"
 
 namespace {
 
 constexpr vsq::Module module{"vsqmisc"};
 
 void blockRoot(const float* src, float* dst, int len, const char* funcName = __builtin_FUNCTION()) {
-    if (module.refuses(len <= 0, "len<=0", funcName) || module.refuses(src == nullptr, "src==0", funcName) ||
+    if (module.refuses(len <= 0, "len<=0", funcName) ||
+        module.refuses(src == nullptr, "src==0", funcName) ||
         module.refuses(dst == nullptr, "dst==0", funcName))
         return;
     bool hasNegative = false;
@@ -47,8 +48,8 @@ void vsqsbInvThresh1(float* vec, int len, float thresh) {
     module.refuses(hasZero, "zero element and zero thresh");
 }
 
-// Power spectrum and root run as one block; the squares' sums are never negative, so that nothing can be
-// refused.
+// Power spectrum and root run as one block; the squares' sums are never negative, so that nothing
+// can be refused.
 void vsqcbMag(const float* src, float* mag, int length) {
     if (module.refuses(length <= 0, "length<=0") || module.refuses(mag == nullptr, "mag==0") ||
         module.refuses(src == nullptr, "src==0"))
@@ -57,8 +58,8 @@ void vsqcbMag(const float* src, float* mag, int length) {
 }
 
 void vsqcbPowerSpectr(const float* src, float* spectr, int length) {
-    if (module.refuses(length <= 0, "length<=0") || module.refuses(spectr == nullptr, "spectr==0") ||
-        module.refuses(src == nullptr, "src==0"))
+    if (module.refuses(length <= 0, "length<=0") ||
+        module.refuses(spectr == nullptr, "spectr==0") || module.refuses(src == nullptr, "src==0"))
         return;
     vsq::kernels().misc->power(src, spectr, length);
 }

@@ -8,8 +8,8 @@ constexpr int lanes = 16;
 using Floats = Pack<float, lanes>;
 using Ints = Pack<std::int32_t, lanes>;
 
-// Runs `step(values, i, count)` over the array in packs; `count` lanes of the last one are real, the others
-// `fill`.
+// Runs `step(values, i, count)` over the array in packs; `count` lanes of the last one are real,
+// the others `fill`.
 template <class Step>
 VSQ_INLINE void overPacks(const float* src, int n, float fill, const Step& step) {
     int i = 0;
@@ -40,16 +40,16 @@ bool root(const float* src, float* dst, int n) {
         const Ints isNegative = x < zero;
         negative = negative | isNegative;
         // by its bits: a compiler that takes the selection for a maximum loses the sign of a zero
-        const Floats roots =
-            squareRoot(bits<float>(bits<std::int32_t>(x) & (isNegative ^ splat<std::int32_t, lanes>(-1))));
+        const Floats roots = squareRoot(
+            bits<float>(bits<std::int32_t>(x) & (isNegative ^ splat<std::int32_t, lanes>(-1))));
         put(dst + i, select(isNegative, get(dst + i, count), roots), count);
     });
     return smallestLane(negative) != 0;
 }
 
-// Patterns of non-negative floats ascend with their value, those of negative floats descend. So against a
-// non-negative threshold the signed patterns compare as the values do; against a negative one they compare
-// the other way round among the negative elements, and the others are left out.
+// Patterns of non-negative floats ascend with their value, those of negative floats descend. So
+// against a non-negative threshold the signed patterns compare as the values do; against a negative
+// one they compare the other way round among the negative elements, and the others are left out.
 void raiseTo(float* vec, int n, float thresh) {
     const Ints limit = bits<std::int32_t>(splat<float, lanes>(thresh));
     const Ints isBelowZero = limit >> 31; // all ones for a negative threshold
@@ -81,7 +81,8 @@ bool reciprocal(float* vec, int n, float thresh) {
     Ints zeros = splat<std::int32_t, lanes>(0);
     overPacks(vec, n, 1, [&](const Floats& x, int i, int count) VSQ_LAMBDA {
         const Ints isSmall = absolute(x) < limit;
-        const Floats signedLimit = bits<float>(bits<std::int32_t>(limit) | (bits<std::int32_t>(x) & sign));
+        const Floats signedLimit =
+            bits<float>(bits<std::int32_t>(limit) | (bits<std::int32_t>(x) & sign));
         const Floats limited = select(isSmall, signedLimit, x);
         const Ints isZero = limited == zero;
         zeros = zeros | isZero;
@@ -90,8 +91,9 @@ bool reciprocal(float* vec, int n, float thresh) {
     return smallestLane(zeros) != 0;
 }
 
-// Pairs are read in ascending runs into a buffer before anything is written, and so power and magnitude work
-// in place: dst[i] never lies behind the pair i, and the compiler may take the buffer apart from both arrays.
+// Pairs are read in ascending runs into a buffer before anything is written, and so power and
+// magnitude work in place: dst[i] never lies behind the pair i, and the compiler may take the
+// buffer apart from both arrays.
 constexpr int run = 128;
 
 VSQ_INLINE void powerOfRun(const float* __restrict__ src, float* __restrict__ buffer, int n) {
@@ -119,8 +121,9 @@ void power(const float* src, float* dst, int n) {
 }
 
 void magnitude(const float* src, float* dst, int n) {
-    overRuns(src, dst, n,
-             [](const float* buffer, float* part, int count) VSQ_LAMBDA { root(buffer, part, count); });
+    overRuns(src, dst, n, [](const float* buffer, float* part, int count) VSQ_LAMBDA {
+        root(buffer, part, count);
+    });
 }
 
 } // namespace

@@ -1,9 +1,10 @@
 // Norms, float and fixed.
 //
 // Fixed norms. Accumulators are 64-bit integers and hold every sum exactly: 2^31 squares of 17-bit
-// differences stay below 2^63. Roots and quotients are truncated; nothing wraps; the 32-bit result saturates.
-#include "levels/levels.h"
+// differences stay below 2^63. Roots and quotients are truncated; nothing wraps; the 32-bit result
+// saturates.
 #include "context/vsqcontext.h"
+#include "levels/levels.h"
 
 #include <cmath>
 
@@ -17,11 +18,13 @@ constexpr int intMax = 0x7FFFFFFF;
 
 bool isNorm(int flags) {
     const int norm = flags & ~VSQ_NormRelative;
-    return norm == VSQ_NormMax || norm == VSQ_NormSum || norm == VSQ_NormRoot || norm == VSQ_NormSquares;
+    return norm == VSQ_NormMax || norm == VSQ_NormSum || norm == VSQ_NormRoot ||
+           norm == VSQ_NormSquares;
 }
 
 bool isRefused(const void* a, int n, int flags, const char* funcName = __builtin_FUNCTION()) {
-    return module.refuses(n <= 0, "n<=0", funcName) || module.refuses(a == nullptr, "srcA==0", funcName) ||
+    return module.refuses(n <= 0, "n<=0", funcName) ||
+           module.refuses(a == nullptr, "srcA==0", funcName) ||
            module.refuses(!isNorm(flags), "flag is wrong", funcName);
 }
 
@@ -45,8 +48,8 @@ std::int64_t sumUnder(const short* a, const short* b, int n, int flags) {
     return (flags & VSQ_NormSum ? kernels.sumWords : kernels.squaresWords)(a, b, n);
 }
 
-// The square root, truncated; value below 2^63. The double root is off by one at most, where value has more
-// than 53 bits.
+// The square root, truncated; value below 2^63. The double root is off by one at most, where value
+// has more than 53 bits.
 std::int64_t integerRoot(std::int64_t value) {
     auto root = std::uint64_t(std::sqrt(double(value)));
     while (root * root > std::uint64_t(value))
@@ -56,12 +59,13 @@ std::int64_t integerRoot(std::int64_t value) {
     return std::int64_t(root);
 }
 
-// numerator / denominator * 2^bits, truncated, or something above 2^62 if it is above that; both operands
-// from 1 to 2^63 - 1. Long division, since the product may need more than 64 bits; it ends after 126 steps at
-// most.
+// numerator / denominator * 2^bits, truncated, or something above 2^62 if it is above that; both
+// operands from 1 to 2^63 - 1. Long division, since the product may need more than 64 bits; it ends
+// after 126 steps at most.
 std::int64_t scaledQuotient(std::int64_t numerator, std::int64_t denominator, int bits) {
     const auto divisor = std::uint64_t(denominator);
-    std::uint64_t quotient = std::uint64_t(numerator) / divisor, rest = std::uint64_t(numerator) % divisor;
+    std::uint64_t quotient = std::uint64_t(numerator) / divisor,
+                  rest = std::uint64_t(numerator) % divisor;
     for (; bits > 0 && quotient <= std::uint64_t(INT64_MAX) / 2; --bits) {
         rest *= 2;
         const bool bit = rest >= divisor;
@@ -87,7 +91,8 @@ std::int64_t scaledNorm(const short* a, const short* b, int n, int flags, int bi
     const std::int64_t base = sumUnder(a, nullptr, n, flags);
     if (sum == 0) return 0;
     if (base == 0) return intMax;
-    const int leftBits = bits < 0 ? 0 : bits; // a right shift of the truncated quotient truncates the same
+    // a right shift of the truncated quotient truncates the same
+    const int leftBits = bits < 0 ? 0 : bits;
     std::int64_t quotient = scaledQuotient(sum, base, hasRoot(flags) ? 2 * leftBits : leftBits);
     quotient = hasRoot(flags) ? integerRoot(quotient) : quotient;
     return scaled(quotient, bits - leftBits);
@@ -131,12 +136,15 @@ int vsqwNorm(const short* a, const short* b, int n, int flags) {
 }
 
 int vsqwNormExt(const short* a, const short* b, int n, int flags, int scaleMode, int* scaleFactor) {
-    const bool isFixed = (scaleMode & VSQ_FIXED_SCALE) != 0, isAuto = (scaleMode & VSQ_AUTO_SCALE) != 0;
+    const bool isFixed = (scaleMode & VSQ_FIXED_SCALE) != 0,
+               isAuto = (scaleMode & VSQ_AUTO_SCALE) != 0;
     if (isRefused(a, n, flags) ||
-        module.refuses(isFixed && isAuto, "scaleMode & VSQ_FIXED_SCALE && scaleMode & VSQ_AUTO_SCALE") ||
+        module.refuses(isFixed && isAuto,
+                       "scaleMode & VSQ_FIXED_SCALE && scaleMode & VSQ_AUTO_SCALE") ||
         module.refuses(isFixed && scaleFactor == nullptr,
                        "scaleMode & VSQ_FIXED_SCALE && (scaleFactor==NULL)") ||
-        module.refuses(isAuto && scaleFactor == nullptr, "scaleMode & VSQ_AUTO_SCALE && scaleFactor==NULL"))
+        module.refuses(isAuto && scaleFactor == nullptr,
+                       "scaleMode & VSQ_AUTO_SCALE && scaleFactor==NULL"))
         return 0;
     if (isFixed) return saturated(scaledNorm(a, b, n, flags, leftShiftOf(*scaleFactor)));
     const std::int64_t norm = scaledNorm(a, b, n, flags, 0);

@@ -64,8 +64,8 @@ double squares(const float* a, const float* b, int n) {
     }));
 }
 
-// Magnitudes of 16-bit differences need 17 bits, so 32-bit lanes hold them and sums of up to 2^15 of them;
-// longer sums are carried on in 64 bits.
+// Magnitudes of 16-bit differences need 17 bits, so 32-bit lanes hold them and sums of up to 2^15
+// of them; longer sums are carried on in 64 bits.
 constexpr int wordBlock = 1 << 15;
 
 VSQ_INLINE std::int32_t magnitudeAt(const short* a, const short* b, int i) {
@@ -103,7 +103,8 @@ VSQ_INLINE std::int64_t sumOfMagnitudes(int n, const At& at) {
 }
 
 std::int64_t sumWords(const short* a, const short* b, int n) {
-    if (b == nullptr) return sumOfMagnitudes(n, [a](int i) VSQ_LAMBDA { return magnitudeAt(a, nullptr, i); });
+    if (b == nullptr)
+        return sumOfMagnitudes(n, [a](int i) VSQ_LAMBDA { return magnitudeAt(a, nullptr, i); });
     return sumOfMagnitudes(n, [a, b](int i) VSQ_LAMBDA { return magnitudeAt(a, b, i); });
 }
 
@@ -119,7 +120,8 @@ VSQ_INLINE std::int64_t sumOfSquares(int n, const At& at) {
 }
 
 std::int64_t squaresWords(const short* a, const short* b, int n) {
-    if (b == nullptr) return sumOfSquares(n, [a](int i) VSQ_LAMBDA { return magnitudeAt(a, nullptr, i); });
+    if (b == nullptr)
+        return sumOfSquares(n, [a](int i) VSQ_LAMBDA { return magnitudeAt(a, nullptr, i); });
     return sumOfSquares(n, [a, b](int i) VSQ_LAMBDA { return magnitudeAt(a, b, i); });
 }
 

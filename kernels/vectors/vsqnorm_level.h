@@ -1,4 +1,5 @@
-// Sums under the norms. n is 1 or more; b may be null, and the values are then those of a instead of a - b.
+// Sums under the norms. n is 1 or more; b may be null, and the values are then those of a instead
+// of a - b.
 #pragma once
 
 #include "levels/levelrecord.h"
@@ -7,9 +8,11 @@
 
 namespace vsq {
 
-// Floats: differences, squares and sums in double, 16 lanes and a tree, the same order at every level.
+// Floats: differences, squares and sums in double, 16 lanes and a tree, the same order at every
+// level.
 struct NormKernels {
-    double (*largest)(const float* a, const float* b, int n); // largest magnitude; not-a-numbers count as 0
+    // largest magnitude; not-a-numbers count as 0
+    double (*largest)(const float* a, const float* b, int n);
     double (*sum)(const float* a, const float* b, int n);     // sum of magnitudes
     double (*squares)(const float* a, const float* b, int n); // sum of squares
     // 16-bit values: exact, below 2^17, 2^48 and 2^63.

@@ -1,6 +1,6 @@
 // Fills and copies. Zero and copy are the C library's, which knows the processor as well as we do.
-#include "levels/levels.h"
 #include "context/vsqcontext.h"
+#include "levels/levels.h"
 
 #include <cstring>
 
@@ -9,11 +9,14 @@ namespace {
 constexpr vsq::Module module{"vsqvec"};
 
 bool isRefused(const void* dst, int n, const char* funcName = __builtin_FUNCTION()) {
-    return module.refuses(n <= 0, "n<=0", funcName) || module.refuses(dst == nullptr, "dst==0", funcName);
+    return module.refuses(n <= 0, "n<=0", funcName) ||
+           module.refuses(dst == nullptr, "dst==0", funcName);
 }
 
-bool isRefused(const void* src, const void* dst, int n, const char* funcName = __builtin_FUNCTION()) {
-    return module.refuses(n <= 0, "n<=0", funcName) || module.refuses(src == nullptr, "src==0", funcName) ||
+bool isRefused(const void* src, const void* dst, int n,
+               const char* funcName = __builtin_FUNCTION()) {
+    return module.refuses(n <= 0, "n<=0", funcName) ||
+           module.refuses(src == nullptr, "src==0", funcName) ||
            module.refuses(dst == nullptr, "dst==0", funcName);
 }
 

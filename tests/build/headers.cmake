@@ -1,5 +1,5 @@
-# The public headers compile alone and first in a file, as C11 and as C++, and the version in ktlp6.h
-# is the project's.
+# The public headers compile alone and first in a file, as C11 and as C++, and the version in
+# ktlp6.h is the project's.
 file(MAKE_DIRECTORY ${WORK})
 foreach(header ktlp6.h vsq.h)
   foreach(extension c cpp)

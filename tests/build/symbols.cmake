@@ -1,7 +1,7 @@
 # What the shared module and the archives define for others stands in exports.txt and in vsq.h.
-# Level objects define no weak symbol: one that two levels share would be linked once, from whichever
-# level comes first, and run on processors that lack it. Nothing is computed when the library is
-# loaded but what is allowed here.
+# Level objects define no weak symbol: one that two levels share would be linked once, from
+# whichever level comes first, and run on processors that lack it. Nothing is computed when the
+# library is loaded but what is allowed here.
 cmake_minimum_required(VERSION 3.22)
 file(STRINGS ${SOURCE}/exports.txt exported REGEX "^[A-Za-z_]")
 # The names that stand in front of a parenthesis and not in a comment.
@@ -49,8 +49,8 @@ foreach(object IN LISTS objects)
   endif()
 endforeach()
 
-# The choice of the level, and the hooks of module and threads: both work whatever order constructors
-# run in, since the baseline is in force and a record is made at first use until then.
+# The choice of the level, and the hooks of module and threads: both work whatever order
+# constructors run in, since the baseline is in force and a record is made at first use until then.
 set(initialisers_allowed dispatch.cpp context.cpp)
 file(GLOB_RECURSE objects ${BUILD}/_LIBSRC/*.o ${BUILD}/kernels/*.o ${BUILD}/platform/*.o)
 foreach(object IN LISTS objects)

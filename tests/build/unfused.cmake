@@ -1,5 +1,6 @@
-# No fused multiply-add stands anywhere in the shared module: it would skip a rounding, and levels, compilers and targets
-# would differ in their last bits. Mnemonics of x86 (vfmadd132ps, vfnmsub231sd, ...) and of aarch64 (fmla, fnmadd, ...).
+# No fused multiply-add stands anywhere in the shared module: it would skip a rounding, and levels,
+# compilers and targets would differ in their last bits. Mnemonics of x86 (vfmadd132ps,
+# vfnmsub231sd, ...) and of aarch64 (fmla, fnmadd, ...).
 #   cmake -D OBJDUMP=<objdump> -D MODULE=<shared module> -P unfused.cmake
 cmake_minimum_required(VERSION 3.22)
 execute_process(COMMAND ${OBJDUMP} -d --no-show-raw-insn ${MODULE}

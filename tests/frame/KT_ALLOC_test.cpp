@@ -185,8 +185,8 @@ TEST(AlignedBlock, ExhaustionGivesNullAndNoReport) {
     support::CapturedReports reports;
     float* block = nullptr;
     for (auto* allocate : {ownAllocFloats, ownAllocComplex}) {
-        const int failures =
-            support::alloc::failEach([&] { block = allocate(8); }, [&] { EXPECT_EQ(block, nullptr); });
+        const int failures = support::alloc::failEach([&] { block = allocate(8); },
+                                                      [&] { EXPECT_EQ(block, nullptr); });
         EXPECT_EQ(failures, 1);
         ownFreeAligned(block);
     }
@@ -198,7 +198,8 @@ TEST(AlignedBlock, ExhaustionGivesNullAndNoReport) {
 }
 
 TEST(Streams, WriteAndReadBackThroughTheLibrary) {
-    const std::string name = (std::filesystem::temp_directory_path() / "ktlp6_alloc_test.bin").string();
+    const std::string name =
+        (std::filesystem::temp_directory_path() / "ktlp6_alloc_test.bin").string();
     FILE* stream = KTOpenFile(name.c_str(), "wb");
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(std::fwrite("a\nb", 1, 3, stream), 3u);

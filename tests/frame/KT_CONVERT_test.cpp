@@ -1,4 +1,5 @@
-// Conversions, powers of two and orders, against references written with long double and plain loops.
+// Conversions, powers of two and orders, against references written with long double and plain
+// loops.
 #include "frame/KT_CONVERT.h"
 #include "support/every_level.h"
 #include "support/guarded.h"
@@ -71,8 +72,8 @@ double power(std::int64_t exponent) {
 template <class Dst>
 Dst truncatedValue(double value) {
     const double whole = std::trunc(value);
-    const bool fits =
-        whole >= double(std::numeric_limits<Dst>::min()) && whole <= double(std::numeric_limits<Dst>::max());
+    const bool fits = whole >= double(std::numeric_limits<Dst>::min()) &&
+                      whole <= double(std::numeric_limits<Dst>::max());
     return fits ? Dst(whole) : std::numeric_limits<Dst>::min(); // a not-a-number does not fit
 }
 
@@ -88,7 +89,8 @@ int orderOf(const std::vector<float>& v) {
     int order = -126;
     for (float x : v) {
         if (!std::isfinite(x)) return 129;
-        if (std::fabs(x) >= std::numeric_limits<float>::min()) order = std::max(order, std::ilogb(x) + 1);
+        if (std::fabs(x) >= std::numeric_limits<float>::min())
+            order = std::max(order, std::ilogb(x) + 1);
     }
     return order;
 }
@@ -96,7 +98,8 @@ int orderOf(const std::vector<double>& v) {
     int order = -1022;
     for (double x : v) {
         if (!std::isfinite(x)) return 1025;
-        if (std::fabs(x) >= std::numeric_limits<double>::min()) order = std::max(order, std::ilogb(x) + 1);
+        if (std::fabs(x) >= std::numeric_limits<double>::min())
+            order = std::max(order, std::ilogb(x) + 1);
     }
     return order;
 }
@@ -133,7 +136,8 @@ Limits blockLimits() {
 template <class Src, class Dst>
 void checkDown(const std::vector<Src>& src, int mode, int scale) {
     int wantedScale = scale;
-    const std::vector<Dst> wanted = referenceDown<Src, Dst>(src, mode, wantedScale, blockLimits<Src, Dst>());
+    const std::vector<Dst> wanted =
+        referenceDown<Src, Dst>(src, mode, wantedScale, blockLimits<Src, Dst>());
     support::Guarded<Dst> got(src.size(), Dst(77));
     int gotScale = scale;
     down(src.data(), got.data(), int(src.size()), mode, &gotScale);
@@ -147,15 +151,17 @@ template <class Src>
 std::vector<Src> trickyValues() {
     std::vector<Src> values;
     for (double base :
-         {0.0,          0.25,         0.5,          1.0,          1.5,          2.0,          100.75,
-          32766.5,      32767.0,      32767.5,      32767.9,      32768.0,      32768.5,      32769.0,
-          40000.0,      65535.0,      65536.0,      131071.0,     2147483392.0, 2147483520.0, 2147483647.0,
-          2147483647.5, 2147483648.0, 2147483649.0, 4294967295.0, 4294967296.0, 1e10,         1e20,
-          1e38,         1e-10,        1e-30,        1e-38,        1e-44})
+         {0.0,          0.25,         0.5,          1.0,          1.5,          2.0,
+          100.75,       32766.5,      32767.0,      32767.5,      32767.9,      32768.0,
+          32768.5,      32769.0,      40000.0,      65535.0,      65536.0,      131071.0,
+          2147483392.0, 2147483520.0, 2147483647.0, 2147483647.5, 2147483648.0, 2147483649.0,
+          4294967295.0, 4294967296.0, 1e10,         1e20,         1e38,         1e-10,
+          1e-30,        1e-38,        1e-44})
         for (double sign : {1.0, -1.0})
             values.push_back(Src(sign * base));
     using Range = std::numeric_limits<Src>;
-    for (Src v : {Range::infinity(), Range::quiet_NaN(), Range::max(), Range::min(), Range::denorm_min()}) {
+    for (Src v :
+         {Range::infinity(), Range::quiet_NaN(), Range::max(), Range::min(), Range::denorm_min()}) {
         values.push_back(v);
         values.push_back(-v);
     }
@@ -179,11 +185,12 @@ void checkDownEverywhere() {
         for (std::size_t n = 0; n < 80; ++n)
             for (int mode : modes)
                 if (n > 0 || mode != KT_AutoScale)
-                    checkDown<Src, Dst>(randomValues<Src>(random, n, 20.0), mode, int(random() % 41) - 20);
+                    checkDown<Src, Dst>(randomValues<Src>(random, n, 20.0), mode,
+                                        int(random() % 41) - 20);
         for (int mode : modes)
-            for (int scale :
-                 {0,    1,   -1,   14,   -14,   100,  -100,  126,  127,   128,     -127,     -128,   160,
-                  -160, 300, -300, 1023, -1023, 1024, -1024, 1100, -1100, INT_MAX, -INT_MAX, INT_MIN}) {
+            for (int scale : {0,    1,     -1,   14,    -14,     100,      -100,   126,  127,
+                              128,  -127,  -128, 160,   -160,    300,      -300,   1023, -1023,
+                              1024, -1024, 1100, -1100, INT_MAX, -INT_MAX, INT_MIN}) {
                 checkDown<Src, Dst>(trickyValues<Src>(), mode, scale);
                 checkDown<Src, Dst>(randomValues<Src>(random, 100, 120.0), mode, scale);
             }
@@ -214,7 +221,8 @@ TEST(ConvertDown, EveryFloatExponentUnderEveryMode) {
     });
 }
 
-// All short values and the halves beside them pass through a saturating conversion as truncation says.
+// All short values and the halves beside them pass through a saturating conversion as truncation
+// says.
 TEST(ConvertDown, EveryShortAndTheFractionsBesideIt) {
     support::onEveryLevel([] {
         std::vector<float> src;
@@ -226,13 +234,14 @@ TEST(ConvertDown, EveryShortAndTheFractionsBesideIt) {
     });
 }
 
-// Long arrays are looked through for such values, short ones are not; neither their place nor the length may show.
+// Long arrays are looked through for such values, short ones are not; neither their place nor the
+// length may show.
 TEST(ConvertDown, LongArraysWithOneValueBeyondTheRange) {
     support::onEveryLevel([] {
         std::mt19937 random(31);
         for (std::size_t n : {64u, 127u, 128u, 129u, 1000u, 2048u, 2049u, 5000u})
-            for (float odd : {32768.5f, 40000.0f, -40000.0f, 2147483648.0f, 1e10f, -1e10f, -2147483648.0f,
-                              floatInf, floatNan})
+            for (float odd : {32768.5f, 40000.0f, -40000.0f, 2147483648.0f, 1e10f, -1e10f,
+                              -2147483648.0f, floatInf, floatNan})
                 for (std::size_t at : {std::size_t{0}, n / 2, n - n / 8 - 1, n - 1}) {
                     std::vector<float> src = randomValues<float>(random, n, 10.0);
                     src[at] = odd;
@@ -387,7 +396,8 @@ TEST(ConvertDown, NoElementsWriteNothing) {
 template <class Dst>
 Dst wrappedValue(double value) {
     const auto magnitude = static_cast<long long>(std::trunc(std::fabs(value)));
-    const long long kept = sizeof(Dst) == 2 ? static_cast<std::int16_t>(magnitude & 0xFFFF) : magnitude;
+    const long long kept =
+        sizeof(Dst) == 2 ? static_cast<std::int16_t>(magnitude & 0xFFFF) : magnitude;
     return static_cast<Dst>(value < 0 ? -kept : kept);
 }
 
@@ -412,7 +422,8 @@ void checkValues(Limits limits) {
                     (mode == KT_AutoScale && wantedScale == 0 && truncating[0] == 0))
                     ASSERT_EQ(got, truncating[0]) << v << " mode " << mode;
                 else if (std::fabs(product) < 0x1p31)
-                    ASSERT_EQ(got, wrappedValue<Dst>(product)) << v << " mode " << mode << " scale " << given;
+                    ASSERT_EQ(got, wrappedValue<Dst>(product))
+                        << v << " mode " << mode << " scale " << given;
                 else
                     ASSERT_EQ(got, std::numeric_limits<Dst>::min()) << v;
             }
@@ -483,8 +494,9 @@ TEST(ConvertUp, EveryShortAtManyScales) {
     for (int v = -32768; v <= 32767; ++v)
         all.push_back(short(v));
     support::onEveryLevel([&] {
-        for (int scale : {0,    1,    -1,   15,   -15,  100,   -100,  126,  127,  149,     160,    -112,
-                          -113, -127, -128, -160, 1023, -1023, -1024, 1074, 1100, INT_MAX, INT_MIN}) {
+        for (int scale :
+             {0,    1,    -1,   15,   -15,  100,   -100,  126,  127,  149,     160,    -112,
+              -113, -127, -128, -160, 1023, -1023, -1024, 1074, 1100, INT_MAX, INT_MIN}) {
             checkUp<short, float>(all, scale);
             checkUp<short, double>(all, scale);
         }
@@ -544,7 +556,8 @@ public:
     }
     // Whether nothing was written behind the larger of the two arrays.
     bool intact() const {
-        return std::all_of(bytes.end() - margin, bytes.end(), [](unsigned char b) { return b == 0xA5; });
+        return std::all_of(bytes.end() - margin, bytes.end(),
+                           [](unsigned char b) { return b == 0xA5; });
     }
 
 private:
@@ -577,7 +590,8 @@ void checkUpInPlace(const std::vector<Src>& src, int scale) {
     ASSERT_TRUE(shared.intact());
 }
 
-constexpr int inPlaceLengths[] = {0, 1, 2, 3, 5, 15, 16, 17, 31, 63, 64, 65, 127, 130, 257, 1023, 4096, 4099};
+constexpr int inPlaceLengths[] = {0,  1,  2,  3,   5,   15,  16,   17,   31,
+                                  63, 64, 65, 127, 130, 257, 1023, 4096, 4099};
 
 // Ordinary values with a few that 16 and 32 bits do not hold, early and late.
 template <class Src>
@@ -587,7 +601,8 @@ std::vector<Src> wideValues(int n, bool finite) {
     std::vector<Src> values(std::size_t(n), Src(0));
     for (Src& v : values)
         v = Src(uniform(random));
-    const double odd[] = {0x1p31, -0x1p33, 40000.0, finite ? 1e20 : HUGE_VAL, -40000.0, finite ? 2.0 : NAN};
+    const double odd[] = {0x1p31,   -0x1p33,           40000.0, finite ? 1e20 : HUGE_VAL,
+                          -40000.0, finite ? 2.0 : NAN};
     for (int i = 0; i < 6 && n > 2; ++i)
         values[random() % values.size()] = Src(odd[i]);
     return values;
@@ -677,8 +692,8 @@ TEST(MaxOrder, FindsTheLargestEverywhere) {
                 std::vector<double> d(std::size_t(n), 0.3);
                 std::vector<short> w(std::size_t(n), 3);
                 std::vector<int> i(std::size_t(n), -3);
-                f[std::size_t(at)] = -1000.0f, d[std::size_t(at)] = -1e200, w[std::size_t(at)] = -1000,
-                i[std::size_t(at)] = 70000;
+                f[std::size_t(at)] = -1000.0f, d[std::size_t(at)] = -1e200,
+                w[std::size_t(at)] = -1000, i[std::size_t(at)] = 70000;
                 ASSERT_EQ(KTsMaxOrder(f.data(), n), 10);
                 ASSERT_EQ(KTdMaxOrder(d.data(), n), std::ilogb(1e200) + 1);
                 ASSERT_EQ(KTwMaxOrder(w.data(), n), 10);

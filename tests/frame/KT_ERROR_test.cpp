@@ -206,7 +206,9 @@ TEST(StdError, AFirstReportReadsInThreeLinesAndTheMessage) {
 
 TEST(StdError, ABacktraceReadsCalledFromAndKeepsTheStatus) {
     const Settings settings(KT_ErrorModeParent, -4);
-    EXPECT_EQ(written([] { EXPECT_EQ(KTStdError(-1, "KTwMFCCInit", "", "..\\_LIBSRC\\KT_CEPS", 7), -1); }),
+    EXPECT_EQ(written([] {
+                  EXPECT_EQ(KTStdError(-1, "KTwMFCCInit", "", "..\\_LIBSRC\\KT_CEPS", 7), -1);
+              }),
               "\tcalled from\n\t[..\\_LIBSRC\\KT_CEPS:7]:KTwMFCCInit():\n\t\n");
     EXPECT_EQ(KTGetStatus(), -4);
 }
@@ -273,8 +275,9 @@ TEST(StdError, InLeafModeEndsTheProcessThroughExitAfterTheReport) {
 }
 
 TEST(StdError, InLeafModeATraceMarkerEndsTheProcessToo) {
-    EXPECT_EXIT(KTStdError(-1, "f", "", "src", 1), ExitedWithCode(1),
-                support::StderrIs("\tcalled from\n\t[src:1]:f():\n\t\nKTL: terminating the application\n"));
+    EXPECT_EXIT(
+        KTStdError(-1, "f", "", "src", 1), ExitedWithCode(1),
+        support::StderrIs("\tcalled from\n\t[src:1]:f():\n\t\nKTL: terminating the application\n"));
 }
 
 TEST(StdError, InSilentModeStoresAllButBacktracesAndWritesNothing) {

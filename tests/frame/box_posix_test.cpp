@@ -1,4 +1,5 @@
-// The default handler where there is no window system: on a terminal, and where nobody can be asked.
+// The default handler where there is no window system: on a terminal, and where nobody can be
+// asked.
 #include "support/stderr_text.h"
 
 #include "frame/KT_ERROR.h"
@@ -37,7 +38,8 @@ public:
         EXPECT_NE(child, -1) << std::strerror(errno);
         if (child != 0) return;
         char go;
-        if (read(STDIN_FILENO, &go, 1) != 1) _exit(99); // the typed text comes after the child stands
+        // the typed text comes after the child stands
+        if (read(STDIN_FILENO, &go, 1) != 1) _exit(99);
         std::atexit([] { std::fputs("exit handlers ran", stderr); });
         _exit(report());
     }
@@ -108,7 +110,8 @@ Outcome answer(const std::string& typed, int mode) {
     });
 }
 
-// Runs the report without a terminal: standard input is empty, standard error is the death test's pipe.
+// Runs the report without a terminal: standard input is empty, standard error is the death test's
+// pipe.
 [[noreturn]] void unattended(int mode, int status, const char* function, const char* message,
                              const char* source, int line) {
     const int nothing = open("/dev/null", O_RDONLY);
@@ -122,7 +125,8 @@ constexpr const char* leafTail = "\n\nErrMode=KT_ErrorModeLeaf\n\nTerminate the 
 constexpr const char* parentTail = "\n\nErrMode=KT_ErrorModeParent\n\nContinue?\n";
 constexpr const char* ending = "KTL:\nterminating the application\n";
 
-support::StderrIs boxReads(const std::string& caption, const std::string& text, const std::string& tail) {
+support::StderrIs boxReads(const std::string& caption, const std::string& text,
+                           const std::string& tail) {
     return support::StderrIs(caption + "\n" + text + tail);
 }
 
@@ -237,9 +241,10 @@ TEST(Unattended, LeafModeShowsTheReportAndEndsTheProcess) {
                        "..\\_LIBSRC\\KT_ALLOC", 60);
         },
         ExitedWithCode(1),
-        boxReads("KTL Error: Out of memory",
-                 "in function\n[..\\_LIBSRC\\KT_ALLOC:60]:KTsAlloc2():\nThe table can not be allocated",
-                 std::string(leafTail) + ending));
+        boxReads(
+            "KTL Error: Out of memory",
+            "in function\n[..\\_LIBSRC\\KT_ALLOC:60]:KTsAlloc2():\nThe table can not be allocated",
+            std::string(leafTail) + ending));
 }
 
 TEST(Unattended, ParentModeShowsTheReportAndContinues) {
@@ -264,11 +269,13 @@ TEST(Unattended, AnAutotraceShowsTheMessageAsArguments) {
             unattended(KT_ErrorModeParent, -8, "f", "1, 2", "src", 3);
         },
         ExitedWithCode(returned),
-        boxReads("KTL Error: Iteration convergence failed", "called from\n[src:3]:f(1, 2)", parentTail));
+        boxReads("KTL Error: Iteration convergence failed", "called from\n[src:3]:f(1, 2)",
+                 parentTail));
 }
 
 TEST(Unattended, NullTextsAndANegativeLineHaveSubstitutes) {
-    EXPECT_EXIT(unattended(KT_ErrorModeParent, -5, nullptr, nullptr, nullptr, -9), ExitedWithCode(returned),
+    EXPECT_EXIT(unattended(KT_ErrorModeParent, -5, nullptr, nullptr, nullptr, -9),
+                ExitedWithCode(returned),
                 boxReads("KTL Error: No Error", "in function\n[:0]:<unknown>():\n", parentTail));
 }
 
@@ -285,7 +292,8 @@ TEST(Unattended, AnUnknownStoredStatusIsNamedInTheCaption) {
 TEST(Unattended, ALongMessageIsCutOffAt999Characters) {
     const std::string message(5000, 'x');
     const std::string whole = "in function\n[src:3]:f():\n" + message;
-    EXPECT_EXIT(unattended(KT_ErrorModeParent, -5, "f", message.c_str(), "src", 3), ExitedWithCode(returned),
+    EXPECT_EXIT(unattended(KT_ErrorModeParent, -5, "f", message.c_str(), "src", 3),
+                ExitedWithCode(returned),
                 boxReads("KTL Error: No Error", whole.substr(0, 999), "\n"));
 }
 

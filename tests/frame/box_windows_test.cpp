@@ -1,4 +1,5 @@
-// The default handler's message boxes, read and answered by a second thread, and the fatal exit behind them.
+// The default handler's message boxes, read and answered by a second thread, and the fatal exit
+// behind them.
 #include "frame/KT_ERROR.h"
 
 #include <gtest/gtest.h>
@@ -37,7 +38,8 @@ public:
 
 private:
     static HWND findBox() {
-        for (HWND box = nullptr; (box = FindWindowExA(nullptr, box, "#32770", nullptr)) != nullptr;) {
+        for (HWND box = nullptr;
+             (box = FindWindowExA(nullptr, box, "#32770", nullptr)) != nullptr;) {
             DWORD process;
             GetWindowThreadProcessId(box, &process);
             if (process == GetCurrentProcessId() && GetDlgItem(box, 0xFFFF) != nullptr) return box;
@@ -75,7 +77,8 @@ Shown answered(int mode, int button, int status, const char* function, const cha
     return shown;
 }
 
-// A user who answers the first box with `button` and dismisses the fatal exit's one, telling what that says.
+// A user who answers the first box with `button` and dismisses the fatal exit's one, telling what
+// that says.
 class EndingUser {
 public:
     explicit EndingUser(int button) {
@@ -88,7 +91,8 @@ public:
 private:
     static void answerNext(int button) {
         for (;; Sleep(1))
-            for (HWND box = nullptr; (box = FindWindowExA(nullptr, box, "#32770", nullptr)) != nullptr;) {
+            for (HWND box = nullptr;
+                 (box = FindWindowExA(nullptr, box, "#32770", nullptr)) != nullptr;) {
                 DWORD process;
                 GetWindowThreadProcessId(box, &process);
                 HWND text = GetDlgItem(box, 0xFFFF);
@@ -117,7 +121,8 @@ void sayThatExitHandlersRan() {
 
 bool processEnded(int exitCode) {
     return exitCode !=
-           42; // that code says that the report returned; what the system's fatal exit uses is its own
+           // that code says that the report returned; what the system's fatal exit uses is its own
+           42;
 }
 
 constexpr const char* leafTail = "\n\nErrMode=KT_ErrorModeLeaf\n\nTerminate the application?";

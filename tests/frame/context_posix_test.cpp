@@ -42,8 +42,8 @@ TEST(Context, TheEndOfAThreadReleasesTheRecordItself) {
     EXPECT_EQ(support::alloc::liveBlocksOfProcess(), before);
 }
 
-// The end of a thread does not know the owners of what its record points to: its models stay, and here another
-// thread takes them over and releases them.
+// The end of a thread does not know the owners of what its record points to: its models stay, and
+// here another thread takes them over and releases them.
 TEST(Context, LiveModelsOfAThreadStayWhenItEnds) {
     KTGetStatus();
     const long before = support::alloc::liveBlocksOfProcess();

@@ -28,8 +28,8 @@ void expectDefaults(const KTContext& context) {
     EXPECT_EQ(context.Ceps.melDiv, 0.0f);
 }
 
-// The offsets that every field has where pointers are 32 bits wide, in words: the position in the record less
-// one.
+// The offsets that every field has where pointers are 32 bits wide, in words: the position in the
+// record less one.
 template <bool narrow = sizeof(void*) == 4>
 constexpr bool fieldsStandInOrder() {
     if constexpr (narrow) {
@@ -38,11 +38,14 @@ constexpr bool fieldsStandInOrder() {
                offsetof(KTContext, LP.sBufferOrder) == 4 * 14 &&
                offsetof(KTContext, LP.arrCovariance) == 4 * 20 &&
                offsetof(KTContext, Ceps.filterOutput) == 4 * 21 &&
-               offsetof(KTContext, Ceps.melMul) == 4 * 32 && offsetof(KTContext, Ceps.nCeps) == 4 * 36 &&
-               offsetof(KTContext, hmmMode) == 4 * 37 && offsetof(KTContext, hmmServerCursor) == 4 * 42 &&
-               offsetof(KTContext, hmmScalesLen) == 4 * 46 && offsetof(KTContext, nFixedPatterns) == 4 * 47 &&
-               offsetof(KTContext, gaussBufferLen) == 4 * 51 && offsetof(KTContext, trainBuffer) == 4 * 54 &&
-               sizeof(KTContext) == 220;
+               offsetof(KTContext, Ceps.melMul) == 4 * 32 &&
+               offsetof(KTContext, Ceps.nCeps) == 4 * 36 &&
+               offsetof(KTContext, hmmMode) == 4 * 37 &&
+               offsetof(KTContext, hmmServerCursor) == 4 * 42 &&
+               offsetof(KTContext, hmmScalesLen) == 4 * 46 &&
+               offsetof(KTContext, nFixedPatterns) == 4 * 47 &&
+               offsetof(KTContext, gaussBufferLen) == 4 * 51 &&
+               offsetof(KTContext, trainBuffer) == 4 * 54 && sizeof(KTContext) == 220;
     }
     return true;
 }

@@ -3,9 +3,9 @@
 #include "support/releasing_handler.h"
 
 #include "frame/KT_ALLOC.h"
-#include "templates/KT_DTW.h"
 #include "perceptrons/perceptrons.h"
 #include "support/streams.h"
+#include "templates/KT_DTW.h"
 
 #include <cmath>
 
@@ -71,7 +71,8 @@ TEST(HandlerRelease, FilterBankWithoutMemory) {
 // The bank and the thread's buffers are gone after the report, whatever the status says.
 TEST(HandlerRelease, CepstraWithoutMemory) {
     for (const bool isFixed : {false, true})
-        for (const int flags : {KT_CepsFilterFirst, KT_CepsTimeInput, KT_CepsTimeInput | KT_CepsFilterFirst})
+        for (const int flags :
+             {KT_CepsFilterFirst, KT_CepsTimeInput, KT_CepsTimeInput | KT_CepsFilterFirst})
             onEveryFailure([&](Scene& scene) {
                 KTMFCCFilters* bank = KTsMFCCInit(6, 8, 100, 3900, 8000, 0, 0);
                 scene.mine([=] { KTsFreeMFCCFilters(bank); });
@@ -82,7 +83,8 @@ TEST(HandlerRelease, CepstraWithoutMemory) {
                 int scale = 0;
                 const auto compute = [&](int nCeps) {
                     if (isFixed)
-                        KTwCepstralMFCC(bank, words, fixedCepstra, nCeps, 1, flags, 0, KT_AutoScale, &scale);
+                        KTwCepstralMFCC(bank, words, fixedCepstra, nCeps, 1, flags, 0, KT_AutoScale,
+                                        &scale);
                     else
                         KTsCepstralMFCC(bank, samples, cepstra, nCeps, 1, flags);
                 };
@@ -111,8 +113,8 @@ TEST(HandlerRelease, CepstraUnderANegativeStatus) {
             KTSetStatus(KT_StsUnknownErr);
             runVoid(scene, [&] {
                 if (isFixed)
-                    KTwCepstralMFCC(bank, words, fixedCepstra, 6, 1, KT_CepsFilterFirst, 0, KT_AutoScale,
-                                    &scale);
+                    KTwCepstralMFCC(bank, words, fixedCepstra, 6, 1, KT_CepsFilterFirst, 0,
+                                    KT_AutoScale, &scale);
                 else
                     KTsCepstralMFCC(bank, bins, cepstra, 6, 1, KT_CepsFilterFirst);
             });
@@ -130,9 +132,9 @@ TEST(HandlerRelease, LinearPredictionWithoutMemory) {
                     samples[i] = words[i] = short(i * i % 17);
                 int scale = 0;
                 const int result = scene.run([&] {
-                    return isFixed
-                               ? KTwLPredict(words, 20, fixedCoefficients, 4, method, KT_AutoScale, &scale)
-                               : KTsLPredict(samples, 20, coefficients, 4, method);
+                    return isFixed ? KTwLPredict(words, 20, fixedCoefficients, 4, method,
+                                                 KT_AutoScale, &scale)
+                                   : KTsLPredict(samples, 20, coefficients, 4, method);
                 });
                 EXPECT_EQ(result, scene.acted() ? 0 : 1);
             });
@@ -151,7 +153,8 @@ TEST(HandlerRelease, SpectraWithoutMemory) {
                 const int nCoef = order == 3 ? 3 : 14; // 7 and 13 at most go by the table
                 const auto compute = [&] {
                     if (isFixed)
-                        KTwLPSpectrum(words, nCoef, fixedSpectrum, order, 1.0f, -14, KT_AutoScale, &scale);
+                        KTwLPSpectrum(words, nCoef, fixedSpectrum, order, 1.0f, -14, KT_AutoScale,
+                                      &scale);
                     else
                         KTsLPSpectrum(coefficients, nCoef, spectrum, order, 1.0f);
                 };
@@ -237,7 +240,8 @@ TEST(HandlerRelease, PatternsThatAreRefused) {
     });
     onReport([](Scene& scene) { EXPECT_EQ(scene.run([] { return KTsPatternFree(1); }), -1); });
     onReport([](Scene& scene) {
-        EXPECT_EQ(scene.run([] { return KTwPatternGet(4, nullptr, nullptr, nullptr, nullptr); }), 0);
+        EXPECT_EQ(scene.run([] { return KTwPatternGet(4, nullptr, nullptr, nullptr, nullptr); }),
+                  0);
     });
     onReport([](Scene& scene) {
         const Stream stream(std::tmpfile());
@@ -286,15 +290,16 @@ TEST(HandlerRelease, WarpingWithoutMemory) {
     for (const bool isFixed : {false, true})
         onEveryFailure([&](Scene& scene) {
             Vectors vectors(scene);
-            const int handles[] = {isFixed ? KTwPatternIni(vectors.words, Vectors::count, Vectors::dim, 0)
-                                           : KTsPatternIni(vectors.rows, Vectors::count, Vectors::dim)};
+            const int handles[] = {
+                isFixed ? KTwPatternIni(vectors.words, Vectors::count, Vectors::dim, 0)
+                        : KTsPatternIni(vectors.rows, Vectors::count, Vectors::dim)};
             double distance = 0;
             int fixedDistance = 0, scale = 0;
             const int nearest = scene.run([&] {
-                return isFixed ? KTwEvalDTW(handles, 1, vectors.words, Vectors::count, Vectors::dim, 0, 0, 0,
-                                            0, 2, &fixedDistance, KT_NoScale, &scale)
-                               : KTsEvalDTW(handles, 1, vectors.rows, Vectors::count, Vectors::dim, 0, 0.0, 2,
-                                            &distance);
+                return isFixed ? KTwEvalDTW(handles, 1, vectors.words, Vectors::count, Vectors::dim,
+                                            0, 0, 0, 0, 2, &fixedDistance, KT_NoScale, &scale)
+                               : KTsEvalDTW(handles, 1, vectors.rows, Vectors::count, Vectors::dim,
+                                            0, 0.0, 2, &distance);
             });
             EXPECT_EQ(nearest, scene.allocationFailed ? -1 : 0);
         });
@@ -327,9 +332,10 @@ TEST(HandlerRelease, CodebookWithoutMemory) {
             Vectors vectors(scene);
             int labels[Vectors::count];
             KTCodebook* codebook = scene.run([&] {
-                return isFixed
-                           ? KTwMakeCodebook(vectors.words, labels, Vectors::count, Vectors::dim, 4, flags)
-                           : KTsMakeCodebook(vectors.rows, labels, Vectors::count, Vectors::dim, 4, flags);
+                return isFixed ? KTwMakeCodebook(vectors.words, labels, Vectors::count,
+                                                 Vectors::dim, 4, flags)
+                               : KTsMakeCodebook(vectors.rows, labels, Vectors::count, Vectors::dim,
+                                                 4, flags);
             });
             EXPECT_EQ(codebook == nullptr, scene.allocationFailed);
             KT_FreeCodebook(codebook);
@@ -409,7 +415,8 @@ TEST(HandlerRelease, BackPropagationWithoutMemory) {
         const float *inputs[] = {input}, *targets[] = {target};
         int epochs = 77;
         runVoid(scene, [&] {
-            KTsTrainMLPBackPropagation(server, inputs, 1, 3, targets, 2, 0.1f, 3, 1e-9f, 0.5f, &epochs);
+            KTsTrainMLPBackPropagation(server, inputs, 1, 3, targets, 2, 0.1f, 3, 1e-9f, 0.5f,
+                                       &epochs);
         });
         EXPECT_EQ(epochs, scene.acted() ? 77 : 3);
     });
@@ -431,7 +438,8 @@ TEST(HandlerRelease, SparseNetworksThatAreRefused) {
         const float *inputs[] = {input}, *targets[] = {target};
         int epochs = 77;
         runVoid(scene, [&] {
-            KTsTrainMLPBackPropagation(server, inputs, 1, 3, targets, 2, 0.1f, 3, 1e-9f, 0.5f, &epochs);
+            KTsTrainMLPBackPropagation(server, inputs, 1, 3, targets, 2, 0.1f, 3, 1e-9f, 0.5f,
+                                       &epochs);
         });
         EXPECT_EQ(epochs, 77);
     });

@@ -222,6 +222,7 @@ TEST(SharedModule, LoadsAnyNumberOfTimes) {
 TEST(SharedModule, HidesWhatIsNotExported) {
     Module module;
     EXPECT_NE(module.get<void*>("KTGetStatus"), nullptr);
-    for (const char* name : {"KTsAlloc2", "_Z9KTsAlloc2ii", "ownAllocFloats", "vsqError", "ktlFirstContext"})
+    for (const char* name :
+         {"KTsAlloc2", "_Z9KTsAlloc2ii", "ownAllocFloats", "vsqError", "ktlFirstContext"})
         EXPECT_EQ(module.get<void*>(name), nullptr) << name;
 }

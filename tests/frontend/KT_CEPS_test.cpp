@@ -1,5 +1,5 @@
-// The cepstrum in both flavours against a plain computation in double, its rules about the caller's data,
-// failures, liftering, and the whole front end on recorded speech.
+// The cepstrum in both flavours against a plain computation in double, its rules about the caller's
+// data, failures, liftering, and the whole front end on recorded speech.
 #include "frame/context.h"
 #include "frontend/mel.h"
 #include "ktlp6.h"
@@ -35,17 +35,19 @@ using Bank = std::unique_ptr<KTMFCCFilters, Release>;
 
 Bank design(const oracle::MelRequest& r) {
     KTSetMelScale(r.melMul, r.melDiv);
-    return Bank(
-        KTsMFCCInit(r.fftOrder, r.nFilters, r.lowFreq, r.highFreq, r.sampleFreq, r.nLinear, r.linearTop));
+    return Bank(KTsMFCCInit(r.fftOrder, r.nFilters, r.lowFreq, r.highFreq, r.sampleFreq, r.nLinear,
+                            r.linearTop));
 }
 
-// Both roads of the DCT, with and without filters in the upper half of the spectrum, with filters that end at
-// its very end, with a common length, and very short frames.
+// Both roads of the DCT, with and without filters in the upper half of the spectrum, with filters
+// that end at its very end, with a common length, and very short frames.
 const oracle::MelRequest requests[] = {
-    {9, 26, 0, 8000, 16000, 0, 0},   {9, 32, 0, 8000, 16000, 0, 0},    {8, 24, 64, 3400, 8000, 10, 1000},
-    {8, 16, 64, 3400, 8000, 4, 800}, {8, 20, 0, 8000, 8000, 0, 0},     {8, 32, 200, 8000, 8000, 10, 1500},
-    {6, 2, 0, 4000, 8000, 0, 0},     {6, 3, 500, 2000, 8000, 0, 0},    {2, 4, 0, 8000, 16000, 0, 0},
-    {1, 2, 0, 8000, 16000, 0, 0},    {10, 64, 133, 6855, 16000, 0, 0}, {7, 13, 5000, 7900, 8000, 0, 0},
+    {9, 26, 0, 8000, 16000, 0, 0},     {9, 32, 0, 8000, 16000, 0, 0},
+    {8, 24, 64, 3400, 8000, 10, 1000}, {8, 16, 64, 3400, 8000, 4, 800},
+    {8, 20, 0, 8000, 8000, 0, 0},      {8, 32, 200, 8000, 8000, 10, 1500},
+    {6, 2, 0, 4000, 8000, 0, 0},       {6, 3, 500, 2000, 8000, 0, 0},
+    {2, 4, 0, 8000, 16000, 0, 0},      {1, 2, 0, 8000, 16000, 0, 0},
+    {10, 64, 133, 6855, 16000, 0, 0},  {7, 13, 5000, 7900, 8000, 0, 0},
     {0, 3, 0, 8000, 16000, 0, 0},
 };
 
@@ -55,8 +57,8 @@ std::vector<float> randomSamples(std::size_t n, unsigned seed) {
     std::normal_distribution<float> noise(0.0f, 300.0f);
     std::vector<float> samples(n);
     for (std::size_t i = 0; i < n; ++i)
-        samples[i] = std::round(noise(random) +
-                                2000.0f * float(std::sin(0.3 * double(i)) + std::sin(1.1 * double(i))));
+        samples[i] = std::round(
+            noise(random) + 2000.0f * float(std::sin(0.3 * double(i)) + std::sin(1.1 * double(i))));
     return samples;
 }
 
@@ -118,7 +120,8 @@ struct Frame {
         EXPECT_TRUE(ceps.intact());
     }
     bool untouched() const {
-        return std::all_of(ceps.data(), ceps.data() + ceps.size(), [](float x) { return x == unwritten; });
+        return std::all_of(ceps.data(), ceps.data() + ceps.size(),
+                           [](float x) { return x == unwritten; });
     }
 };
 
@@ -133,7 +136,8 @@ std::vector<short> words(const std::vector<float>& values) {
 struct ReleaseAtEnd : testing::Environment {
     void TearDown() override { KTFreeCepsTbls(); }
 };
-[[maybe_unused]] const auto* const releaseAtEnd = testing::AddGlobalTestEnvironment(new ReleaseAtEnd);
+[[maybe_unused]] const auto* const releaseAtEnd =
+    testing::AddGlobalTestEnvironment(new ReleaseAtEnd);
 
 } // namespace
 
@@ -142,7 +146,8 @@ TEST(Cepstrum, EveryFlagCombinationIsThePlainComputationOnEveryLevel) {
         const Bank bank = design(request);
         const oracle::MelBank plain = oracle::designMelBank(request);
         for (int flags : allFlags()) {
-            SCOPED_TRACE(testing::Message() << "bank " << &request - requests << " flags " << flags);
+            SCOPED_TRACE(testing::Message()
+                         << "bank " << &request - requests << " flags " << flags);
             const std::vector<float> in = inputFor(*bank, flags, 17u);
             const float thresh = 400.0f;
             const int nCeps = std::min(13, request.nFilters);
@@ -153,7 +158,8 @@ TEST(Cepstrum, EveryFlagCombinationIsThePlainComputationOnEveryLevel) {
                 frame.run(bank.get(), thresh, flags);
                 expectNear(frame.ceps, expected);
                 if (first.empty()) first = frame.ceps.values();
-                EXPECT_EQ(std::memcmp(first.data(), frame.ceps.data(), first.size() * sizeof(float)), 0);
+                EXPECT_EQ(
+                    std::memcmp(first.data(), frame.ceps.data(), first.size() * sizeof(float)), 0);
             });
         }
     }
@@ -273,7 +279,8 @@ TEST(Cepstrum, ZeroBinIsNotGuarded) {
         in[std::size_t(bank->disFft[20]) + 1] = 0.0f;
         Frame frame(in, 12);
         frame.run(bank.get(), 0.0f, flags);
-        EXPECT_EQ(frame.in[std::size_t(bank->disFft[20]) + 1], -std::numeric_limits<float>::infinity());
+        EXPECT_EQ(frame.in[std::size_t(bank->disFft[20]) + 1],
+                  -std::numeric_limits<float>::infinity());
         for (float c : frame.ceps.values())
             EXPECT_FALSE(std::isfinite(c));
     }
@@ -288,7 +295,8 @@ TEST(Cepstrum, FloorMakesSilenceACepstrumOfOneLevel) {
         const Bank bank = design(request);
         for (int first : {0, KT_CepsFilterFirst}) {
             Frame silence(std::vector<float>(512, 0.0f), 5);
-            silence.run(bank.get(), 100.0f, KT_CepsTimeInput | KT_CepsThreshold | KT_CepsZeroth | first);
+            silence.run(bank.get(), 100.0f,
+                        KT_CepsTimeInput | KT_CepsThreshold | KT_CepsZeroth | first);
             // log10 of 100, of a magnitude or of a power, in every filter
             const double level = (first != 0 ? 2.0 : 1.0) * std::sqrt(double(request.nFilters));
             EXPECT_NEAR(silence.ceps[0], level, 60 * 0x1p-24 * level);
@@ -299,7 +307,8 @@ TEST(Cepstrum, FloorMakesSilenceACepstrumOfOneLevel) {
 }
 
 TEST(Cepstrum, AllocatesNothingAfterTheFirstFrameOfASize) {
-    const Bank large = design(requests[10]), small = design(requests[3]), other = design(requests[0]);
+    const Bank large = design(requests[10]), small = design(requests[3]),
+               other = design(requests[0]);
     const auto frames = [&] {
         for (const Bank* bank : {&large, &small, &other})
             for (int flags : allFlags()) {
@@ -307,7 +316,8 @@ TEST(Cepstrum, AllocatesNothingAfterTheFirstFrameOfASize) {
                 std::vector<short> in = words(frame.in.values()), out(16);
                 support::alloc::arm(0);
                 frame.run(bank->get(), 1.0f, flags);
-                KTwCepstralMFCC(bank->get(), in.data(), out.data(), 16, 1, flags, 0, KT_Saturate, nullptr);
+                KTwCepstralMFCC(bank->get(), in.data(), out.data(), 16, 1, flags, 0, KT_Saturate,
+                                nullptr);
                 EXPECT_EQ(support::alloc::allocations(), 0) << flags;
                 support::alloc::disarm();
             }
@@ -315,7 +325,8 @@ TEST(Cepstrum, AllocatesNothingAfterTheFirstFrameOfASize) {
     for (const Bank* bank : {&large, &small, &other}) {
         Frame frame(inputFor(**bank, KT_CepsTimeInput, 1u), 16);
         std::vector<short> in = words(frame.in.values()), out(16);
-        KTwCepstralMFCC(bank->get(), in.data(), out.data(), 16, 1, KT_CepsTimeInput, 0, KT_Saturate, nullptr);
+        KTwCepstralMFCC(bank->get(), in.data(), out.data(), 16, 1, KT_CepsTimeInput, 0, KT_Saturate,
+                        nullptr);
     }
     frames();
     KTFreeCepsTbls();
@@ -333,7 +344,8 @@ TEST(Cepstrum, GrowsAndShrinksWithoutLosingARow) {
                 frame.run(bank.get(), 1.0f, flags);
                 support::Guarded<short> in(words(samples)), out(std::size_t(nCeps), 0);
                 int scale = -8;
-                KTwCepstralMFCC(bank.get(), in.data(), out.data(), nCeps, 1, flags, 0, KT_FixedScale, &scale);
+                KTwCepstralMFCC(bank.get(), in.data(), out.data(), nCeps, 1, flags, 0,
+                                KT_FixedScale, &scale);
                 EXPECT_TRUE(in.intact());
                 EXPECT_TRUE(out.intact());
                 for (int i = 0; i < nCeps; ++i)
@@ -346,7 +358,8 @@ TEST(Cepstrum, FixedPointIsTheFloatRoadBetweenConversions) {
     for (const oracle::MelRequest& request : requests) {
         const Bank bank = design(request);
         for (int flags : allFlags()) {
-            SCOPED_TRACE(testing::Message() << "bank " << &request - requests << " flags " << flags);
+            SCOPED_TRACE(testing::Message()
+                         << "bank " << &request - requests << " flags " << flags);
             const int inScale = 3, nCeps = std::min(13, request.nFilters), thresh = 777;
             const std::vector<short> in = words(inputFor(*bank, flags, 21u));
             std::vector<float> up(in.size());
@@ -360,11 +373,12 @@ TEST(Cepstrum, FixedPointIsTheFloatRoadBetweenConversions) {
                     KTswbConvertDown(frame.ceps.data(), expected.data(), nCeps, mode,
                                      given ? &wantedScale : nullptr);
                     support::Guarded<short> samples(in), out(std::size_t(nCeps), 1);
-                    KTwCepstralMFCC(bank.get(), samples.data(), out.data(), nCeps, thresh, flags, inScale,
-                                    mode, given ? &gotScale : nullptr);
+                    KTwCepstralMFCC(bank.get(), samples.data(), out.data(), nCeps, thresh, flags,
+                                    inScale, mode, given ? &gotScale : nullptr);
                     EXPECT_EQ(out.values(), expected) << mode;
                     EXPECT_EQ(gotScale, wantedScale);
-                    EXPECT_EQ(samples.values(), in); // spectra too: the logarithm is taken of the copy
+                    // spectra too: the logarithm is taken of the copy
+                    EXPECT_EQ(samples.values(), in);
                     EXPECT_TRUE(samples.intact());
                     EXPECT_TRUE(out.intact());
                 }
@@ -383,7 +397,8 @@ TEST(Cepstrum, EachAllocationReportsItsBuffer) {
     for (int failAt = 1; failAt <= 4; ++failAt) {
         SCOPED_TRACE(failAt);
         reports.clear();
-        Frame larger(samples, 100 * failAt); // exceeds the capacity, so that all buffers are renewed
+        // exceeds the capacity, so that all buffers are renewed
+        Frame larger(samples, 100 * failAt);
         support::alloc::arm(failAt);
         larger.run(bank.get(), 1.0f, KT_CepsTimeInput);
         EXPECT_TRUE(support::alloc::failed());
@@ -394,8 +409,10 @@ TEST(Cepstrum, EachAllocationReportsItsBuffer) {
         EXPECT_EQ(reports[0].function, "KTsCepstralMFCC");
         EXPECT_EQ(reports[0].source, source);
         EXPECT_EQ(reports[0].message,
-                  std::string("insufficiency of memory for pointer  pKTcontext->Ceps.") + names[failAt - 1]);
-        float* const buffers[] = {ceps.filterOutput, ceps.filterDctInput, ceps.filterDctOutput, ceps.fftOut};
+                  std::string("insufficiency of memory for pointer  pKTcontext->Ceps.") +
+                      names[failAt - 1]);
+        float* const buffers[] = {ceps.filterOutput, ceps.filterDctInput, ceps.filterDctOutput,
+                                  ceps.fftOut};
         EXPECT_EQ(buffers[failAt - 1], nullptr);
 
         reports.clear(); // and the next frame is none the worse
@@ -412,8 +429,8 @@ TEST(Cepstrum, EachAllocationOfTheFixedFlavourReportsItsBuffer) {
     const char* const names[] = {"tempVect",       "tempCeps",        "filterOutput",
                                  "filterDctInput", "filterDctOutput", "fftOut"};
     std::vector<short> warm(13);
-    KTwCepstralMFCC(bank.get(), samples.data(), warm.data(), 13, 1, KT_CepsTimeInput, 0, KT_FixedScale,
-                    nullptr);
+    KTwCepstralMFCC(bank.get(), samples.data(), warm.data(), 13, 1, KT_CepsTimeInput, 0,
+                    KT_FixedScale, nullptr);
     support::CapturedReports reports;
     for (int failAt = 1; failAt <= 6; ++failAt) {
         SCOPED_TRACE(failAt);
@@ -421,8 +438,8 @@ TEST(Cepstrum, EachAllocationOfTheFixedFlavourReportsItsBuffer) {
         const int nCeps = 1000 * failAt;
         support::Guarded<short> out(std::size_t(nCeps), 99);
         support::alloc::arm(failAt);
-        KTwCepstralMFCC(bank.get(), samples.data(), out.data(), nCeps, 1, KT_CepsTimeInput, 0, KT_FixedScale,
-                        nullptr);
+        KTwCepstralMFCC(bank.get(), samples.data(), out.data(), nCeps, 1, KT_CepsTimeInput, 0,
+                        KT_FixedScale, nullptr);
         EXPECT_TRUE(support::alloc::failed());
         support::alloc::disarm();
         EXPECT_EQ(out.values(), std::vector<short>(std::size_t(nCeps), 99));
@@ -439,8 +456,8 @@ TEST(Cepstrum, EachAllocationOfTheFixedFlavourReportsItsBuffer) {
         EXPECT_EQ(KTGetStatus(), KT_StsNoMem);
 
         reports.clear();
-        KTwCepstralMFCC(bank.get(), samples.data(), out.data(), nCeps, 1, KT_CepsTimeInput, 0, KT_FixedScale,
-                        nullptr);
+        KTwCepstralMFCC(bank.get(), samples.data(), out.data(), nCeps, 1, KT_CepsTimeInput, 0,
+                        KT_FixedScale, nullptr);
         EXPECT_EQ(reports.count(), 0u);
         EXPECT_TRUE(std::equal(warm.begin(), warm.end(), out.data()));
     }
@@ -499,12 +516,11 @@ TEST(Cepstrum, NegativeStatusFromBeforeLeavesTheFixedOutputUnwritten) {
 }
 
 TEST(Cepstrum, BanksFromOddFrequenciesStayInsideTheArrays) {
-    const oracle::MelRequest odd[] = {{6, 10, 7900, 100, 16000, 0, 0}, // the last filter is the lowest
-                                      {6, 10, 15000, 100, 16000, 4, 15500},
-                                      {6, 8, 0, 4000, -8000, 3, 1000},
-                                      {6, 8, -9000, -1000, 8000, 0, 0},
-                                      {6, 8, 0, 4000, 0, 0, 0},
-                                      {6, 8, 0, 8000, 16000, 4, 4000, 0.0f, 500.0f}};
+    // the last filter is the lowest
+    const oracle::MelRequest odd[] = {
+        {6, 10, 7900, 100, 16000, 0, 0}, {6, 10, 15000, 100, 16000, 4, 15500},
+        {6, 8, 0, 4000, -8000, 3, 1000}, {6, 8, -9000, -1000, 8000, 0, 0},
+        {6, 8, 0, 4000, 0, 0, 0},        {6, 8, 0, 8000, 16000, 4, 4000, 0.0f, 500.0f}};
     for (const oracle::MelRequest& request : odd) {
         const Bank bank = design(request);
         for (int flags : allFlags()) {
@@ -558,7 +574,8 @@ TEST(CepstrumDeathTest, KernelsRefusalsEndTheProcess) {
     const int time = KT_CepsTimeInput | KT_CepsFilterFirst;
     std::vector<float> in(512, 1.0f), out(13);
     const auto ends = testing::ExitedWithCode(1);
-    EXPECT_EXIT(KTsCepstralMFCC(none.get(), in.data(), out.data(), 13, 1.0f, time), ends, ""); // no filter
+    // no filter
+    EXPECT_EXIT(KTsCepstralMFCC(none.get(), in.data(), out.data(), 13, 1.0f, time), ends, "");
     EXPECT_EXIT(KTsCepstralMFCC(bank.get(), in.data(), out.data(), 0, 1.0f, time), ends,
                 ""); // no coefficient
     EXPECT_EXIT(KTsCepstralMFCC(bank.get(), in.data(), out.data(), -5, 1.0f, time), ends, "");
@@ -597,17 +614,18 @@ TEST(FreeCepsTbls, ReleasesAllThatTheThreadHolds) {
     const long before = support::alloc::liveBlocks();
     std::vector<short> in = words(randomSamples(512, 1)), out(13);
     for (const Bank* each : {&bank, &power})
-        KTwCepstralMFCC(each->get(), in.data(), out.data(), 13, 1, KT_CepsTimeInput, 0, KT_Saturate, nullptr);
+        KTwCepstralMFCC(each->get(), in.data(), out.data(), 13, 1, KT_CepsTimeInput, 0, KT_Saturate,
+                        nullptr);
     EXPECT_GT(support::alloc::liveBlocks(), before);
     EXPECT_NE(ceps.fftOut, nullptr);
     KTSetMelScale(1000.0f, 500.0f);
     KTFreeCepsTbls();
     EXPECT_EQ(support::alloc::liveBlocks(), before);
     for (const void* block :
-         {static_cast<void*>(ceps.filterOutput), static_cast<void*>(ceps.fftOut), ceps.spare0, ceps.spare1,
-          static_cast<void*>(ceps.tempVect), static_cast<void*>(ceps.tempCeps),
-          static_cast<void*>(ceps.filterDctInput), static_cast<void*>(ceps.filterDctOutput), ceps.spare2,
-          ceps.spare3, ceps.spare4})
+         {static_cast<void*>(ceps.filterOutput), static_cast<void*>(ceps.fftOut), ceps.spare0,
+          ceps.spare1, static_cast<void*>(ceps.tempVect), static_cast<void*>(ceps.tempCeps),
+          static_cast<void*>(ceps.filterDctInput), static_cast<void*>(ceps.filterDctOutput),
+          ceps.spare2, ceps.spare3, ceps.spare4})
         EXPECT_EQ(block, nullptr);
     EXPECT_EQ(ceps.fftLen, 0);
     EXPECT_EQ(ceps.nFilters, 0);
@@ -616,7 +634,8 @@ TEST(FreeCepsTbls, ReleasesAllThatTheThreadHolds) {
     EXPECT_EQ(ceps.melDiv, 500.0f);
 
     std::vector<short> again(13);
-    KTwCepstralMFCC(power.get(), in.data(), again.data(), 13, 1, KT_CepsTimeInput, 0, KT_Saturate, nullptr);
+    KTwCepstralMFCC(power.get(), in.data(), again.data(), 13, 1, KT_CepsTimeInput, 0, KT_Saturate,
+                    nullptr);
     EXPECT_EQ(again, out);
     KTFreeCepsTbls();
 }
@@ -642,7 +661,8 @@ TEST(Cepstrum, ThreadsDoNotShareBuffers) {
                 frame.run(bank.get(), 1.0f, KT_CepsTimeInput | KT_CepsFilterFirst);
                 result = frame.ceps.values();
             }
-            for (float** buffer : {&KTGetContext()->Ceps.filterOutput, &KTGetContext()->Ceps.fftOut})
+            for (float** buffer :
+                 {&KTGetContext()->Ceps.filterOutput, &KTGetContext()->Ceps.fftOut})
                 EXPECT_NE(*buffer, nullptr);
             for (--running; running != 0;)
                 std::this_thread::yield();
@@ -783,16 +803,18 @@ TEST(FrontEnd, FloatOnRecordedSpeechIsThePlainComputation) {
                 std::vector<float> samples(words16.begin(), words16.end());
                 std::vector<float> emphasised(256);
                 emphasised[0] = samples[0];
-                for (std::size_t i = 1; i < 256; ++i) // what the pre-emphasis gives, rounded as it rounds
+                // what the pre-emphasis gives, rounded as it rounds
+                for (std::size_t i = 1; i < 256; ++i)
                     emphasised[i] = samples[i] - 0.97f * samples[i - 1];
                 KTsPreemphasize(samples.data(), 0.97f, 256);
                 Frame frame(samples, 13);
                 frame.run(bank.get(), floor, flags);
-                const auto expected = oracle::cepstrum(plain, emphasised, asRequest(flags, 13, floor));
+                const auto expected =
+                    oracle::cepstrum(plain, emphasised, asRequest(flags, 13, floor));
                 expectNear(frame.ceps, expected);
                 ++frames;
-                tight +=
-                    std::all_of(expected.begin(), expected.end(), [](auto& c) { return c.error < 2e-2; });
+                tight += std::all_of(expected.begin(), expected.end(),
+                                     [](auto& c) { return c.error < 2e-2; });
             });
             EXPECT_GT(frames, 100);
             EXPECT_GT(tight, frames * 9 / 10); // the bounds are no licence
@@ -823,7 +845,8 @@ TEST(FrontEnd, FixedPointOnRecordedSpeechIsThePlainComputationTruncated) {
         }
         support::Guarded<short> out(13, 0);
         scale = -10;
-        KTwCepstralMFCC(bank.get(), samples.data(), out.data(), 13, 1, flags, 0, KT_FixedScale, &scale);
+        KTwCepstralMFCC(bank.get(), samples.data(), out.data(), 13, 1, flags, 0, KT_FixedScale,
+                        &scale);
         EXPECT_TRUE(out.intact());
         EXPECT_EQ(scale, -10);
         const auto expected = oracle::cepstrum(plain, emphasised, asRequest(flags, 13, 1.0f));

@@ -1,5 +1,5 @@
-// Linear prediction against the normal equations solved in long double, and against the two methods'
-// definitions.
+// Linear prediction against the normal equations solved in long double, and against the two
+// methods' definitions.
 #include "frame/context.h"
 #include "frontend/KT_LPRED.h"
 #include "support/alloc_faults.h"
@@ -25,7 +25,8 @@ std::vector<float> signal(int n, int seed) {
     std::normal_distribution<float> noise(0.0f, 300.0f);
     std::vector<float> x(std::size_t(n), 0.0f);
     for (int i = 0; i < n; ++i) {
-        const float x1 = i > 0 ? x[std::size_t(i) - 1] : 0.0f, x2 = i > 1 ? x[std::size_t(i) - 2] : 0.0f;
+        const float x1 = i > 0 ? x[std::size_t(i) - 1] : 0.0f,
+                    x2 = i > 1 ? x[std::size_t(i) - 2] : 0.0f;
         x[std::size_t(i)] = std::trunc(0.9f * x1 - 0.5f * x2 + noise(random));
     }
     return x;
@@ -84,7 +85,8 @@ std::vector<long double> referenceAutocorr(const std::vector<float>& x, int orde
     return solve(r, b);
 }
 
-// The lower triangle as the method defines it, mirrored: row r has nSamples - r terms in every column.
+// The lower triangle as the method defines it, mirrored: row r has nSamples - r terms in every
+// column.
 std::vector<long double> referenceCovariance(const std::vector<float>& x, int order) {
     const int n = int(x.size());
     Matrix c = squareMatrix(order);
@@ -94,16 +96,16 @@ std::vector<long double> referenceCovariance(const std::vector<float>& x, int or
             long double sum = 0;
             for (int m = 0; m < n - row; ++m)
                 sum += static_cast<long double>(x[std::size_t(m + row - col)]) * x[std::size_t(m)];
-            c[std::size_t(row) - 1][std::size_t(col) - 1] = c[std::size_t(col) - 1][std::size_t(row) - 1] =
-                sum;
+            c[std::size_t(row) - 1][std::size_t(col) - 1] =
+                c[std::size_t(col) - 1][std::size_t(row) - 1] = sum;
         }
         b.push_back(lag(x, row));
     }
     return solve(c, b);
 }
 
-// Roundings of the lags and of each stored value are 2^-24 relative; solving enlarges them by the condition
-// number, below 40 for these signals (the spectrum's range), over `order` steps.
+// Roundings of the lags and of each stored value are 2^-24 relative; solving enlarges them by the
+// condition number, below 40 for these signals (the spectrum's range), over `order` steps.
 double tolerance(int order) {
     return 40.0 * (order + 2) * 0x1p-24;
 }
@@ -148,7 +150,8 @@ TEST_F(LinearPrediction, CovarianceSolvesItsEquations) {
 std::vector<float> durbinStored(const std::vector<float>& r, int order) {
     std::vector<float> a(std::size_t(order) + 1), e(std::size_t(order) + 1);
     const auto stored = [](double value) {
-        const volatile float rounded = static_cast<float>(value); // a compiler may not see through it
+        // a compiler may not see through it
+        const volatile float rounded = static_cast<float>(value);
         return static_cast<float>(rounded);
     };
     e[0] = r[0];
@@ -211,8 +214,10 @@ TEST_F(LinearPrediction, EqualLagsOfHalfASineAreDivided) {
                 for (int order : {1, 2, 3, 12, 16, 18}) {
                     std::vector<float> coef(std::size_t(order), 7.0f);
                     const std::vector<float> wanted = durbinStored(r, order);
-                    const int result = KTsLPredict(x.data(), n, coef.data(), order, autocorrelation);
-                    ASSERT_EQ(result, wanted.empty() ? 0 : 1) << n << ' ' << amplitude << ' ' << order;
+                    const int result =
+                        KTsLPredict(x.data(), n, coef.data(), order, autocorrelation);
+                    ASSERT_EQ(result, wanted.empty() ? 0 : 1)
+                        << n << ' ' << amplitude << ' ' << order;
                     if (!wanted.empty()) expectSameNumbers(coef, wanted);
                 }
             });
@@ -232,7 +237,8 @@ TEST_F(LinearPrediction, FixedPointDividesEqualLagsToo) {
             if (r[0] != r[1]) continue;
             const std::vector<float> wanted = durbinStored(r, 3);
             std::vector<short> coef(3, 7), converted(3);
-            const int result = KTwLPredict(toShorts(x).data(), n, coef.data(), 3, 1, KT_NoScale, nullptr);
+            const int result =
+                KTwLPredict(toShorts(x).data(), n, coef.data(), 3, 1, KT_NoScale, nullptr);
             ASSERT_EQ(result, wanted.empty() ? 0 : 1) << n << ' ' << amplitude;
             if (wanted.empty()) continue;
             KTswbConvertDown(wanted.data(), converted.data(), 3, KT_NoScale, nullptr);
@@ -290,7 +296,8 @@ TEST_F(LinearPrediction, ASilentBlockSucceedsWithoutNumbers) {
     EXPECT_EQ(KTsLPredict(x.data(), 100, coef.data(), 8, covariance), 1);
 }
 
-// The stored errors of a slow sine shrink to the size of their roundings, until a coefficient passes 1.
+// The stored errors of a slow sine shrink to the size of their roundings, until a coefficient
+// passes 1.
 TEST_F(LinearPrediction, APureSineLosesStabilitySilently) {
     support::CapturedReports reports;
     int unstable = 0;
@@ -380,7 +387,8 @@ TEST_F(LinearPrediction, FixedPointIsTheFloatMethodBetweenConversions) {
                     ASSERT_EQ(KTsLPredict(x.data(), 200, coef.data(), order, flags), 1);
                     KTswbConvertDown(coef.data(), wanted.data(), order, mode, &wantedScale);
                     support::Guarded<short> got(std::size_t(order), short(5));
-                    ASSERT_EQ(KTwLPredict(w.data(), 200, got.data(), order, flags, mode, &scale), 1);
+                    ASSERT_EQ(KTwLPredict(w.data(), 200, got.data(), order, flags, mode, &scale),
+                              1);
                     ASSERT_EQ(got.values(), wanted);
                     ASSERT_EQ(scale, wantedScale);
                     ASSERT_TRUE(got.intact());
@@ -442,9 +450,10 @@ TEST_F(LinearPrediction, ExhaustionReportsThePointerAndLeavesTheCoefficients) {
                                  "insufficiency of memory for pointer  pKTContext->LP.arrAutocorr",
                                  "KT_LPRED");
                 else
-                    expectReport(reports[1], "ownsLPCovariance",
-                                 "insufficiency of memory for pointer  pKTContext->LP.arrCovariance",
-                                 "KT_LPRED");
+                    expectReport(
+                        reports[1], "ownsLPCovariance",
+                        "insufficiency of memory for pointer  pKTContext->LP.arrCovariance",
+                        "KT_LPRED");
                 EXPECT_EQ(KTGetStatus(), KT_StsNoMem);
                 EXPECT_EQ(coef, std::vector<float>(6, 3.0f));
                 EXPECT_EQ(KTGetContext()->LP.nAutocorr, 0);
@@ -487,7 +496,8 @@ TEST_F(LinearPrediction, FixedPointExhaustionLeavesTheCoefficients) {
                 EXPECT_EQ(coef, std::vector<short>(6, 3));
                 EXPECT_EQ(scale, 4);
             } else {
-                ASSERT_EQ(reports.count(), 2u); // the worker failed; coefficients are converted all the same
+                // the worker failed; coefficients are converted all the same
+                ASSERT_EQ(reports.count(), 2u);
                 EXPECT_EQ(reports[1].function, "ownsLPAutocorr");
                 EXPECT_EQ(coef, std::vector<short>(6, 0));
             }
@@ -519,7 +529,8 @@ TEST_F(LinearPrediction, FreeingReleasesEverythingButTheLastSpare) {
     KTsLPredict(x.data(), 100, coef.data(), 12, 2);
     for (int order : {4, 12}) { // direct method and transform
         KTsLPSpectrum(coef.data(), order, spectrum.data(), 5, 1.0f);
-        KTwLPSpectrum(fixedCoef.data(), order + 2, fixedSpectrum.data(), 5, 1.0f, -10, KT_AutoScale, nullptr);
+        KTwLPSpectrum(fixedCoef.data(), order + 2, fixedSpectrum.data(), 5, 1.0f, -10, KT_AutoScale,
+                      nullptr);
     }
     lp.spare0 = std::malloc(8);
     int kept = 0;
@@ -533,8 +544,8 @@ TEST_F(LinearPrediction, FreeingReleasesEverythingButTheLastSpare) {
         EXPECT_EQ(block, nullptr);
     EXPECT_EQ(lp.arrAutocorr, nullptr);
     EXPECT_EQ(lp.arrCovariance, nullptr);
-    for (int word : {lp.wTwiddleOrder, lp.wTwiddleLen, lp.sTwiddleOrder, lp.sTwiddleLen, lp.wBufferOrder,
-                     lp.sBufferOrder, lp.nAutocorr, lp.nCovariance})
+    for (int word : {lp.wTwiddleOrder, lp.wTwiddleLen, lp.sTwiddleOrder, lp.sTwiddleLen,
+                     lp.wBufferOrder, lp.sBufferOrder, lp.nAutocorr, lp.nCovariance})
         EXPECT_EQ(word, 0);
     KTFreeLPTbls(); // again: nothing left
 }

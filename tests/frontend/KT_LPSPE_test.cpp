@@ -1,4 +1,5 @@
-// The LP spectrum against its definition in long double, and in fixed point against the integer definition.
+// The LP spectrum against its definition in long double, and in fixed point against the integer
+// definition.
 #include "frame/context.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
@@ -61,8 +62,9 @@ protected:
     }
 };
 
-// Direct: twiddles rounded to 2^-25 against |A| above 0.1, and four roundings of 2^-24. Transform: 1.5e-7 *
-// sqrt(order) relative to the root mean square of at most 2 * sqrt(1 + 0.81) values, against the same |A|.
+// Direct: twiddles rounded to 2^-25 against |A| above 0.1, and four roundings of 2^-24. Transform:
+// 1.5e-7 * sqrt(order) relative to the root mean square of at most 2 * sqrt(1 + 0.81) values,
+// against the same |A|.
 double tolerance(int order, bool isDirect) {
     return isDirect ? 4 * 0x1p-24 + 0.9 * 0x1p-24 / 0.1
                     : (1.5e-7 * std::sqrt(order + 1.0) * 3.0 / 0.1) + 4 * 0x1p-24;
@@ -128,7 +130,8 @@ TEST_F(LPSpectrum, TheThresholdChoosesTheMethod) {
             KTFreeLPTbls();
             const int nCoef = fixedLimit(order) + beyond;
             const std::vector<short> a(std::size_t(nCoef), 1);
-            KTwLPSpectrum(a.data(), nCoef, spectrum.data(), order, 1.0f, -10, KT_AutoScale, nullptr);
+            KTwLPSpectrum(a.data(), nCoef, spectrum.data(), order, 1.0f, -10, KT_AutoScale,
+                          nullptr);
             if (nCoef > 0) {
                 EXPECT_EQ(lp.wLPTwiddle != nullptr, beyond == 0) << order;
             }
@@ -170,7 +173,8 @@ TEST_F(LPSpectrum, FewerThanNoCoefficientsCountAsNone) {
         EXPECT_EQ(v, 2.0f);
 }
 
-// More coefficients than the transform has places: frequencies repeat, so the definition still holds.
+// More coefficients than the transform has places: frequencies repeat, so the definition still
+// holds.
 TEST_F(LPSpectrum, ManyCoefficientsOnFewBinsStayInsideTheBuffer) {
     for (int order : {0, 1, 2, 3})
         for (int nCoef = 1; nCoef < 40; ++nCoef)
@@ -201,7 +205,8 @@ TEST_F(LPSpectrum, OrdersWithoutATableAreRefused) {
     EXPECT_EQ(scale, 3);
 }
 
-// What the process says as it ends: nothing, but for a leak checker's word on the scratch that is left.
+// What the process says as it ends: nothing, but for a leak checker's word on the scratch that is
+// left.
 #ifdef __SANITIZE_ADDRESS__
 constexpr char lastWords[] = "";
 #else
@@ -214,8 +219,8 @@ TEST_F(LPSpectrum, AZeroOfTheFilterEndsTheProcess) {
     EXPECT_EXIT(KTsLPSpectrum(a, 1, spectrum, 3, 1.0f), testing::ExitedWithCode(1), lastWords);
     const short w[1] = {1 << 10};
     short fixed[8];
-    EXPECT_EXIT(KTwLPSpectrum(w, 1, fixed, 3, 1.0f, -10, KT_AutoScale, nullptr), testing::ExitedWithCode(1),
-                lastWords);
+    EXPECT_EXIT(KTwLPSpectrum(w, 1, fixed, 3, 1.0f, -10, KT_AutoScale, nullptr),
+                testing::ExitedWithCode(1), lastWords);
 }
 
 // Both methods keep the coefficients while they are needed, so that the spectrum may take their
@@ -225,7 +230,8 @@ TEST_F(LPSpectrum, MayTakeThePlaceOfItsCoefficients) {
         for (int order : {3, 5, 8, 11})
             for (int nCoef : {1, 7, 8, 22, 30}) {
                 const std::vector<float> a = coefficients(nCoef, 9);
-                std::vector<float> wanted(std::size_t(1) << order), shared(std::max(wanted.size(), a.size()));
+                std::vector<float> wanted(std::size_t(1) << order),
+                    shared(std::max(wanted.size(), a.size()));
                 KTsLPSpectrum(a.data(), nCoef, wanted.data(), order, 2.0f);
                 std::copy(a.begin(), a.end(), shared.begin());
                 KTsLPSpectrum(shared.data(), nCoef, shared.data(), order, 2.0f);
@@ -238,11 +244,13 @@ TEST_F(LPSpectrum, MayTakeThePlaceOfItsCoefficients) {
 // The transform's input is copied by a kernel, which refuses to copy from nowhere.
 TEST_F(LPSpectrum, TheTransformRefusesCoefficientsThatAreNotThere) {
     float spectrum[8];
-    EXPECT_EXIT(KTsLPSpectrum(nullptr, 8, spectrum, 3, 1.0f), testing::ExitedWithCode(1), lastWords);
+    EXPECT_EXIT(KTsLPSpectrum(nullptr, 8, spectrum, 3, 1.0f), testing::ExitedWithCode(1),
+                lastWords);
     short fixed[8];
     EXPECT_EXIT(KTwLPSpectrum(nullptr, 8, fixed, 3, 1.0f, -10, KT_AutoScale, nullptr),
                 testing::ExitedWithCode(1), lastWords);
-    EXPECT_EXIT(KTsLPSpectrum(nullptr, 1, spectrum, 0, 1.0f), testing::ExitedWithCode(1), lastWords);
+    EXPECT_EXIT(KTsLPSpectrum(nullptr, 1, spectrum, 0, 1.0f), testing::ExitedWithCode(1),
+                lastWords);
 }
 
 TEST_F(LPSpectrum, TheDirectSumReportsCoefficientsThatAreNotThere) {
@@ -272,7 +280,8 @@ std::vector<float> directMagnitudes(const std::vector<short>& a, int bins, int i
         std::uint32_t re = shift >= 0 && shift < 32 ? 1u << shift : 0u, im = 0;
         for (std::size_t i = 1; i <= a.size(); ++i) {
             const std::size_t turn = i * std::size_t(k) % (2 * std::size_t(bins));
-            const bool isQuarter = 2 * turn % std::size_t(bins) == 0; // multiples of a quarter turn are exact
+            // multiples of a quarter turn are exact
+            const bool isQuarter = 2 * turn % std::size_t(bins) == 0;
             const long double angle = pi * static_cast<long double>(turn) / bins;
             long double cosine = std::cos(angle), sine = std::sin(angle);
             if (isQuarter) cosine = std::round(cosine), sine = std::round(sine);
@@ -281,12 +290,14 @@ std::vector<float> directMagnitudes(const std::vector<short>& a, int bins, int i
         }
         const double real = static_cast<float>(static_cast<std::int32_t>(re));
         const double imaginary = static_cast<float>(static_cast<std::int32_t>(im));
-        result.push_back(std::sqrt(static_cast<float>((real * real + imaginary * imaginary) * 0x1p-28)));
+        result.push_back(
+            std::sqrt(static_cast<float>((real * real + imaginary * imaginary) * 0x1p-28)));
     }
     return result;
 }
 
-// The transform's bins are the definition's, truncated to integers and saturated; bin 0 by magnitude.
+// The transform's bins are the definition's, truncated to integers and saturated; bin 0 by
+// magnitude.
 std::vector<float> transformMagnitudes(const std::vector<short>& a, int bins, int inScale) {
     std::vector<float> v(2 * std::size_t(bins), 0.0f);
     v[0] = inScale < 1 ? static_cast<float>(static_cast<short>(-(1 << -inScale))) : 0.0f;
@@ -316,8 +327,8 @@ void checkFixed(int order, int nCoef, int inScale, int mode) {
     const int one = inScale < 1 ? 1 << std::min(-inScale, 14) : 1;
     for (short& v : a)
         v = static_cast<short>(int(random() % unsigned(2 * one)) - one);
-    std::vector<float> wanted =
-        nCoef <= fixedLimit(order) ? directMagnitudes(a, n, inScale) : transformMagnitudes(a, n, inScale);
+    std::vector<float> wanted = nCoef <= fixedLimit(order) ? directMagnitudes(a, n, inScale)
+                                                           : transformMagnitudes(a, n, inScale);
     if (std::count(wanted.begin(), wanted.end(), 0.0f) > 0) return; // refused, tested elsewhere
     const float gain = 1000.0f * static_cast<float>(std::ldexp(1.0, -inScale));
     for (float& v : wanted)
@@ -369,7 +380,8 @@ TEST_F(LPSpectrum, FixedPointFollowsTheFloatSpectrum) {
     KTswbConvertDown(a.data(), w.data(), 10, KT_FixedScale, &inScale);
     KTsLPSpectrum(a.data(), 10, spectrum.data(), 7, 1.0f);
     KTwLPSpectrum(w.data(), 10, fixed.data(), 7, 1.0f, inScale, KT_AutoScale, &outScale);
-    for (std::size_t k = 0; k < 128; ++k) // ten coefficients and twiddles truncated by up to 2^-14 each
+    // ten coefficients and twiddles truncated by up to 2^-14 each
+    for (std::size_t k = 0; k < 128; ++k)
         EXPECT_NEAR(std::ldexp(fixed[k], outScale), spectrum[k],
                     spectrum[k] * 20 * 0x1p-14 / 0.1 + std::ldexp(1.0, outScale));
 }
@@ -452,7 +464,9 @@ struct Exhaustion {
 TEST_F(LPSpectrum, ExhaustionReportsThePointerAndLeavesTheSpectrum) {
     const std::string text = "insufficiency of memory for pointer  pKTContext->LP.";
     const Exhaustion cases[] = {
-        {false, 5, {{{"KTsCalcLPTwiddle", "NULL Pointer"}, {"KTsLPSpectrum", text + "sLPTwiddle"}}}},
+        {false,
+         5,
+         {{{"KTsCalcLPTwiddle", "NULL Pointer"}, {"KTsLPSpectrum", text + "sLPTwiddle"}}}},
         {false, 20, {{{"KTsLPSpectrum", text + "sLPBuffer"}}}},
         {true,
          5,
@@ -484,7 +498,8 @@ TEST_F(LPSpectrum, ExhaustionReportsThePointerAndLeavesTheSpectrum) {
         const int failures = support::alloc::failEach(
             [&] {
                 if (c.isFixed)
-                    KTwLPSpectrum(w.data(), c.nCoef, fixed.data(), 5, 1.0f, -10, KT_AutoScale, &scale);
+                    KTwLPSpectrum(w.data(), c.nCoef, fixed.data(), 5, 1.0f, -10, KT_AutoScale,
+                                  &scale);
                 else
                     KTsLPSpectrum(a.data(), c.nCoef, spectrum.data(), 5, 1.0f);
             },

@@ -39,23 +39,28 @@ short wrapped(long long value) {
 }
 
 // The integer path as defined, scale in and out.
-std::vector<short> filteredIntegers(const std::vector<short>& x, float alpha, int mode, int& scale) {
+std::vector<short> filteredIntegers(const std::vector<short>& x, float alpha, int mode,
+                                    int& scale) {
     const long long alphaQ = static_cast<long long>(std::trunc(double(alpha) * 16384.0));
     std::vector<short> y = x;
     for (std::size_t i = 1; i < x.size(); ++i) {
         const long long acc = x[i] * 16384LL - alphaQ * x[i - 1];
         if (mode == KT_Saturate)
-            y[i] = acc > 536870901 ? 32767 : acc < -536870902 ? -32768 : wrapped(floorShift(acc, 14));
+            y[i] = acc > 536870901    ? 32767
+                   : acc < -536870902 ? -32768
+                                      : wrapped(floorShift(acc, 14));
         else
             y[i] = wrapped(floorShift(acc, mode == KT_FixedScale ? scale + 14 : 14));
     }
-    if (mode != KT_Saturate && mode != KT_NoScale && !x.empty()) y[0] = wrapped(floorShift(x[0], scale));
+    if (mode != KT_Saturate && mode != KT_NoScale && !x.empty())
+        y[0] = wrapped(floorShift(x[0], scale));
     if (mode == KT_Saturate || mode == KT_NoScale) scale = 0;
     return y;
 }
 
 // The float path: up, filter, down.
-std::vector<short> filteredThroughFloats(const std::vector<short>& x, float alpha, int mode, int& scale) {
+std::vector<short> filteredThroughFloats(const std::vector<short>& x, float alpha, int mode,
+                                         int& scale) {
     const std::vector<float> y = filtered(std::vector<float>(x.begin(), x.end()), alpha);
     std::vector<short> result(x.size());
     KTswbConvertDown(y.data(), result.data(), int(x.size()), mode, &scale);
@@ -90,8 +95,8 @@ void checkFixed(const std::vector<short>& x, float alpha, int mode, int scale, P
                                           : filteredThroughFloats(x, alpha, mode, wantedScale);
     support::Guarded<short> got(x);
     KTwPreemphasize(got.data(), alpha, int(x.size()), mode, &gotScale);
-    ASSERT_EQ(got.values(), wanted) << "alpha " << alpha << " mode " << mode << " scale " << scale << " n "
-                                    << x.size();
+    ASSERT_EQ(got.values(), wanted)
+        << "alpha " << alpha << " mode " << mode << " scale " << scale << " n " << x.size();
     ASSERT_EQ(gotScale, wantedScale);
     ASSERT_TRUE(got.intact());
 }
@@ -154,7 +159,8 @@ TEST_F(Preemphasis, IntegerPathEqualsTheDefinitionAtEveryLengthAndMode) {
         for (int n = 1; n < 150; ++n)
             for (float alpha : {0.0f, 0.3f, 0.97f, 1.0f})
                 for (int mode : {KT_NoScale, KT_FixedScale, KT_Saturate, 4, 5, 1000, -1})
-                    checkFixed(randomShorts(std::size_t(n), n), alpha, mode, n % 29 - 14, Path::integers);
+                    checkFixed(randomShorts(std::size_t(n), n), alpha, mode, n % 29 - 14,
+                               Path::integers);
     });
 }
 
@@ -228,18 +234,18 @@ TEST_F(Preemphasis, SaturationAtBothEnds) {
     EXPECT_EQ(scale, 0);
 }
 
-// The bounds 536870901 and -536870902 lie inside the last shift step: sums around them give the same either
-// way.
+// The bounds 536870901 and -536870902 lie inside the last shift step: sums around them give the
+// same either way.
 TEST_F(Preemphasis, SumsBesideTheSaturationBounds) {
     support::onEveryLevel([] {
-        for (int target :
-             {536870901, 536870902, 536870911, 536870912, -536870902, -536870903, -536870912, -536870913})
+        for (int target : {536870901, 536870902, 536870911, 536870912, -536870902, -536870903,
+                           -536870912, -536870913})
             for (int previous = -32768; previous <= 32767; previous += 331)
                 for (int q : {1, 7, 8000, 16383, 16384}) {
                     const int current = int(floorShift(target + (long long)q * previous, 14));
                     if (current < -32768 || current > 32767) continue;
-                    checkFixed({short(previous), short(current)}, float(q) / 16384.0f, KT_Saturate, 0,
-                               Path::integers);
+                    checkFixed({short(previous), short(current)}, float(q) / 16384.0f, KT_Saturate,
+                               0, Path::integers);
                 }
     });
 }

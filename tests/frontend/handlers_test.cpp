@@ -66,7 +66,8 @@ struct Data {
 std::vector<Operation> operationsOn(Data& d) {
     const float few[] = {0.5f, -0.2f, 0.1f, 0.05f, 0.02f};
     const std::vector<float> a(few, few + 5);
-    const std::vector<short> w = {500, -200, 100, 50, 20, 10, 5, 4, 3, 2, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+    const std::vector<short> w = {500, -200, 100, 50, 20, 10, 5, 4, 3, 2,
+                                  1,   1,    1,   1,  1,  1,  1, 1, 1, 1};
     return {
         {"KTwPreemphasize",
          [&d] {
@@ -75,19 +76,27 @@ std::vector<Operation> operationsOn(Data& d) {
              if (own != d.words) d.shorts = own;
          }},
         {"KTsCepstralMFCC",
-         [&d] { KTsCepstralMFCC(d.bank, d.samples.data(), d.floats.data(), 13, 1, KT_CepsTimeInput); }},
+         [&d] {
+             KTsCepstralMFCC(d.bank, d.samples.data(), d.floats.data(), 13, 1, KT_CepsTimeInput);
+         }},
         {"KTwCepstralMFCC",
          [&d] {
              KTwCepstralMFCC(d.bank, d.words.data(), d.shorts.data(), 13, 1, KT_CepsTimeInput, 0,
                              KT_AutoScale, nullptr);
          }},
-        {"KTsLPredict", [&d] { KTsLPredict(d.samples.data(), 256, d.floats.data(), 10, KT_LPAutocorr); }},
-        {"KTsLPredict", [&d] { KTsLPredict(d.samples.data(), 256, d.floats.data(), 10, KT_LPCovariance); }},
+        {"KTsLPredict",
+         [&d] { KTsLPredict(d.samples.data(), 256, d.floats.data(), 10, KT_LPAutocorr); }},
+        {"KTsLPredict",
+         [&d] { KTsLPredict(d.samples.data(), 256, d.floats.data(), 10, KT_LPCovariance); }},
         {"KTsLPSpectrum", [&d, a] { KTsLPSpectrum(a.data(), 5, d.floats.data(), 5, 1.0f); }},
         {"KTwLPSpectrum",
-         [&d, w] { KTwLPSpectrum(w.data(), 5, d.shorts.data(), 5, 1.0f, -10, KT_AutoScale, nullptr); }},
+         [&d, w] {
+             KTwLPSpectrum(w.data(), 5, d.shorts.data(), 5, 1.0f, -10, KT_AutoScale, nullptr);
+         }},
         {"KTwLPSpectrum",
-         [&d, w] { KTwLPSpectrum(w.data(), 20, d.shorts.data(), 5, 1.0f, -10, KT_AutoScale, nullptr); }},
+         [&d, w] {
+             KTwLPSpectrum(w.data(), 20, d.shorts.data(), 5, 1.0f, -10, KT_AutoScale, nullptr);
+         }},
     };
 }
 
@@ -173,8 +182,8 @@ TEST_F(Handlers, MayReleaseAtTheBacktraceOfAFixedCepstrum) {
     for (int flags : {0, KT_CepsTimeInput}) {
         reaction = releaseAll;
         KTSetStatus(KT_StsBadArg);
-        KTwCepstralMFCC(data.bank, data.words.data(), data.shorts.data(), 13, 1, flags | KT_CepsThreshold, 0,
-                        KT_AutoScale, nullptr);
+        KTwCepstralMFCC(data.bank, data.words.data(), data.shorts.data(), 13, 1,
+                        flags | KT_CepsThreshold, 0, KT_AutoScale, nullptr);
         EXPECT_TRUE(data.unwritten());
     }
 }

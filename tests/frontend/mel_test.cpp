@@ -30,8 +30,8 @@ void onFreshThread(Body body) {
 
 Bank design(const oracle::MelRequest& r) {
     KTSetMelScale(r.melMul, r.melDiv);
-    return Bank(
-        KTsMFCCInit(r.fftOrder, r.nFilters, r.lowFreq, r.highFreq, r.sampleFreq, r.nLinear, r.linearTop));
+    return Bank(KTsMFCCInit(r.fftOrder, r.nFilters, r.lowFreq, r.highFreq, r.sampleFreq, r.nLinear,
+                            r.linearTop));
 }
 
 // Weights of each filter, read the way filtering reads them.
@@ -127,7 +127,8 @@ TEST(MelDesign, IsThatOfThePlainLoopsForRandomRequests) {
 TEST(MelDesign, ThreadThatNeverSetAScaleUses2595And700) {
     onFreshThread([] {
         const Bank bank(KTsMFCCInit(9, 26, 0, 8000, 16000, 0, 0));
-        expectAsDesigned(*bank, oracle::designMelBank({9, 26, 0, 8000, 16000, 0, 0, 2595.0f, 700.0f}));
+        expectAsDesigned(*bank,
+                         oracle::designMelBank({9, 26, 0, 8000, 16000, 0, 0, 2595.0f, 700.0f}));
         EXPECT_EQ(KTGetContext()->Ceps.melMul, 2595.0f);
         EXPECT_EQ(KTGetContext()->Ceps.melDiv, 700.0f);
     });
@@ -179,7 +180,8 @@ TEST(MelDesign, EachFiltersWeightsAddUpToOne) {
             double sum = 0.0;
             for (float weight : row)
                 sum += double(weight);
-            // each weight is rounded twice, by half a unit in the last place of numbers that add up to 1
+            // each weight is rounded twice, by half a unit in the last place of numbers that add up
+            // to 1
             EXPECT_NEAR(sum, 1.0, 2 * 0x1p-24);
         }
     }
@@ -277,7 +279,8 @@ TEST(MelDesign, LastBinStandsForTheSamplingFrequency) {
 }
 
 TEST(MelDesign, DctOrderIsThatOfPowersOfTwoOnly) {
-    const std::pair<int, int> expected[] = {{1, 0}, {2, 1}, {24, 0}, {31, 0}, {32, 5}, {33, 0}, {64, 6}};
+    const std::pair<int, int> expected[] = {{1, 0},  {2, 1},  {24, 0}, {31, 0},
+                                            {32, 5}, {33, 0}, {64, 6}};
     for (const auto& [nFilters, order] : expected)
         EXPECT_EQ(design({9, nFilters, 0, 8000, 16000, 0, 0})->dctOrder, order) << nFilters;
 }
@@ -309,7 +312,8 @@ TEST(MelDesign, NoFiltersGiveABankThatDoesNothing) {
 }
 
 TEST(MelDesign, OrdersThatAreNoneGiveFiltersOverTheFirstBin) {
-    for (int order : {-1, 32, 1000, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
+    for (int order :
+         {-1, 32, 1000, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
         const Bank bank = design({order, 5, 0, 8000, 16000, 2, 1000});
         ASSERT_NE(bank, nullptr);
         EXPECT_EQ(bank->fftOrder, order);
@@ -450,8 +454,8 @@ TEST(MelFiltering, StaysWithinOneUlpOfTheOrderedSum) {
         for (std::size_t i = 0; i < out.size(); ++i) {
             long double sum = 0.0L;
             for (std::size_t j = 0; j < plain.weights[i].size(); ++j)
-                sum +=
-                    static_cast<long double>(spectrum[std::size_t(plain.bin[i]) + j]) * plain.weights[i][j];
+                sum += static_cast<long double>(spectrum[std::size_t(plain.bin[i]) + j]) *
+                       plain.weights[i][j];
             const float rounded = static_cast<float>(sum);
             EXPECT_GE(out[i], std::nextafter(rounded, 0.0f));
             EXPECT_LE(out[i], std::nextafter(rounded, 1e30f));

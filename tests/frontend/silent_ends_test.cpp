@@ -72,7 +72,8 @@ TEST_F(SilentEnds, OfLinearPrediction) {
 
 struct Bank {
     KTMFCCFilters* filters;
-    Bank(int fftOrder, int nFilters) : filters(KTsMFCCInit(fftOrder, nFilters, 100, 3900, 8000, 0, 0)) {}
+    Bank(int fftOrder, int nFilters)
+        : filters(KTsMFCCInit(fftOrder, nFilters, 100, 3900, 8000, 0, 0)) {}
     ~Bank() { KTsFreeMFCCFilters(filters); }
     Bank(const Bank&) = delete;
     Bank& operator=(const Bank&) = delete;
@@ -82,8 +83,8 @@ void cepstrum(const Bank& bank, int nCeps, int flags, bool fixed) {
     std::vector<float> frame(512, 0.25f), ceps(40);
     std::vector<short> words(512, 100), fixedCeps(40);
     if (fixed)
-        KTwCepstralMFCC(bank.filters, words.data(), fixedCeps.data(), nCeps, 1, flags, 0, KT_AutoScale,
-                        nullptr);
+        KTwCepstralMFCC(bank.filters, words.data(), fixedCeps.data(), nCeps, 1, flags, 0,
+                        KT_AutoScale, nullptr);
     else
         KTsCepstralMFCC(bank.filters, frame.data(), ceps.data(), nCeps, 1e-3f, flags);
 }
@@ -148,12 +149,13 @@ void spectrum(const std::vector<float>& a, int fftOrder) {
 void fixedSpectrum(const std::vector<float>& a, int fftOrder, int inScale) {
     std::vector<short> words(a.size()), values(std::size_t(1) << fftOrder);
     KTswbConvertDown(a.data(), words.data(), int(a.size()), KT_FixedScale, &inScale);
-    KTwLPSpectrum(words.data(), int(words.size()), values.data(), fftOrder, 1.0f, inScale, KT_AutoScale,
-                  nullptr);
+    KTwLPSpectrum(words.data(), int(words.size()), values.data(), fftOrder, 1.0f, inScale,
+                  KT_AutoScale, nullptr);
 }
 
 TEST_F(SilentEnds, OfSpectraWithAZeroOnAFrequency) {
-    const std::vector<float> difference = {1.0f}, longDifference = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1.0f};
+    const std::vector<float> difference = {1.0f},
+                             longDifference = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1.0f};
     const std::vector<float> damped = {0.99f};
     for (int order : {1, 3, 4}) { // by direct sum, and by the transform
         expectEnd([&] { spectrum(difference, order); });
@@ -198,7 +200,8 @@ TEST_F(SilentEnds, AreAvertedByMovingZerosOffTheCircle) {
 TEST_F(SilentEnds, OfQuantisersWithARowThatIsNotThere) {
     float rows[4][2] = {{0, 0}, {1, 1}, {5, 5}, {6, 6}};
     float* vectors[] = {rows[0], rows[1], rows[2], rows[3]};
-    KTCodebook* codebook = KTsMakeCodebook(vectors, nullptr, 4, 2, 2, KT_CB_EUCLID | KT_CB_SPLIT_LARGEST);
+    KTCodebook* codebook =
+        KTsMakeCodebook(vectors, nullptr, 4, 2, 2, KT_CB_EUCLID | KT_CB_SPLIT_LARGEST);
     ASSERT_NE(codebook, nullptr);
     float* none[] = {nullptr};
     int cell = 0;

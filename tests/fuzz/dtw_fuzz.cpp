@@ -1,4 +1,5 @@
-// The readers of pattern files, float and fixed; what they accept is looked up, written and released.
+// The readers of pattern files, float and fixed; what they accept is looked up, written and
+// released.
 #include "fuzz.h"
 
 namespace {

@@ -5,7 +5,8 @@
 
 namespace {
 
-constexpr int mostStates = 64; // larger ones are only carried: the rest would take too long for a run
+// larger ones are only carried: the rest would take too long for a run
+constexpr int mostStates = 64;
 constexpr int mostDimensions = 256;
 
 void evaluate(int id, int nQuant) {

@@ -15,7 +15,9 @@ namespace fs = std::filesystem;
 // Files 0, 1, 2, ... of one corpus.
 class Corpus {
 public:
-    Corpus(const fs::path& root, const char* kind) : folder(root / kind) { fs::create_directories(folder); }
+    Corpus(const fs::path& root, const char* kind) : folder(root / kind) {
+        fs::create_directories(folder);
+    }
 
     template <class Write>
     void add(Write write) {
@@ -76,10 +78,10 @@ void addNetworks(Corpus& corpus) {
     for (int nLayers = 2; nLayers <= 3; ++nLayers) {
         float*** weights = KTsSetWeightsStr(counts, nLayers, 0.5f);
         short*** fixedWeights = KTwSetWeightsStr(counts, nLayers, 77);
-        sMLPServer* server = KTsInitMLPServer(weights, nullptr, nullptr, counts, nullptr, nullptr, nLayers,
-                                              KT_MLP_SIGMOID, nullptr);
-        wMLPServer* fixed = KTwInitMLPServer(fixedWeights, nullptr, nullptr, counts, nullptr, nullptr,
-                                             nLayers, KT_MLP_SIGMOID, -8, nullptr);
+        sMLPServer* server = KTsInitMLPServer(weights, nullptr, nullptr, counts, nullptr, nullptr,
+                                              nLayers, KT_MLP_SIGMOID, nullptr);
+        wMLPServer* fixed = KTwInitMLPServer(fixedWeights, nullptr, nullptr, counts, nullptr,
+                                             nullptr, nLayers, KT_MLP_SIGMOID, -8, nullptr);
         corpus.add([=](FILE* stream) { KTsWriteMLPServer(stream, server); });
         corpus.add([=](FILE* stream) { KTwWriteMLPServer(stream, fixed); });
         KTsFreeMLPServer(server);

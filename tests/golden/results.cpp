@@ -91,8 +91,9 @@ struct Mixtures {
         for (auto& table : rows)
             tables.push_back(table.data());
         auto meanRows = pointersOf(means), diagonalRows = pointersOf(diagonals);
-        return KTsInitGaussMixServer(weights.data(), meanRows.data(), full ? tables.data() : nullptr,
-                                     full ? nullptr : diagonalRows.data(), nDim, nMix, KT_GAUSS_NORMALIZE);
+        return KTsInitGaussMixServer(
+            weights.data(), meanRows.data(), full ? tables.data() : nullptr,
+            full ? nullptr : diagonalRows.data(), nDim, nMix, KT_GAUSS_NORMALIZE);
     }
 
     std::vector<GaussMixServer*> servers;
@@ -146,7 +147,8 @@ void addFrontEnd(Results& results) {
         std::vector<short> fixedCepstra(13);
         int scale = 0;
         KTsPreemphasize(frame.data(), flags & KT_CepsTimeInput ? 0.97f : 0.0f, 512);
-        KTsCepstralMFCC(floatBank, frame.data(), cepstra.data(), 13, 1e-4f, flags | KT_CepsThreshold);
+        KTsCepstralMFCC(floatBank, frame.data(), cepstra.data(), 13, 1e-4f,
+                        flags | KT_CepsThreshold);
         KTwCepstralMFCC(fixedBank, fixedFrame.data(), fixedCepstra.data(), 13, 4,
                         flags | KT_CepsThreshold, 0, KT_AutoScale, &scale);
         KTsLiftering(cepstra.data(), 13, 22);
@@ -161,13 +163,13 @@ void addFrontEnd(Results& results) {
             std::vector<short> fixedCoefficients(std::size_t(order) + 1), fixedSpectrum(257);
             int scale = -12, outScale = 0;
             const int done = KTsLPredict(samples.data(), 400, coefficients.data(), order, method);
-            const int fixedDone = KTwLPredict(words.data(), 400, fixedCoefficients.data(), order, method,
-                                              KT_AutoScale, &scale);
+            const int fixedDone = KTwLPredict(words.data(), 400, fixedCoefficients.data(), order,
+                                              method, KT_AutoScale, &scale);
             KTsLPSpectrum(coefficients.data(), order, spectrum.data(), 8, 1.5f);
             KTwLPSpectrum(fixedCoefficients.data(), order, fixedSpectrum.data(), 8, 1.5f, scale,
                           KT_AutoScale, &outScale);
-            results.add(named("prediction", method, order), coefficients, fixedCoefficients, scale, done,
-                        fixedDone);
+            results.add(named("prediction", method, order), coefficients, fixedCoefficients, scale,
+                        done, fixedDone);
             results.add(named("spectrum", method, order), spectrum, fixedSpectrum, outScale);
         }
     KTFreeCepsTbls();
@@ -180,7 +182,8 @@ void addDistances(Results& results) {
     for (int n : {1, 7, 13, 39}) {
         const auto a = vectorOf<float>(numbers, n, -4, 4), b = vectorOf<float>(numbers, n, -4, 4);
         const auto c = vectorOf<float>(numbers, n, 0, 2);
-        const auto p = vectorOf<short>(numbers, n, -99, 99), q = vectorOf<short>(numbers, n, -99, 99);
+        const auto p = vectorOf<short>(numbers, n, -99, 99),
+                   q = vectorOf<short>(numbers, n, -99, 99);
         const auto r = vectorOf<short>(numbers, n, 1, 50);
         int scale = 2;
         results.add(named("mahalanobis", n), KTsMahalanobisD(a.data(), b.data(), c.data(), n, 1),
@@ -201,9 +204,10 @@ void addDistances(Results& results) {
         std::vector<double> costs(6);
         std::vector<int> fixedCosts(6);
         int scale = 0;
-        const int best = KTsEvalDTW(handles.data(), 6, rows.data(), 30, 13, flags, 0, 4, costs.data());
-        const int fixedBest = KTwEvalDTW(fixedHandles.data(), 6, fixedRows.data(), 30, 13, -6, flags, 0, 0,
-                                         4, fixedCosts.data(), KT_AutoScale, &scale);
+        const int best =
+            KTsEvalDTW(handles.data(), 6, rows.data(), 30, 13, flags, 0, 4, costs.data());
+        const int fixedBest = KTwEvalDTW(fixedHandles.data(), 6, fixedRows.data(), 30, 13, -6,
+                                         flags, 0, 0, 4, fixedCosts.data(), KT_AutoScale, &scale);
         results.add(named("dtw", flags), costs, fixedCosts, scale, best, fixedBest);
     }
     results.add("dtw.files", bytesOf([&](FILE* stream) { KTsWriteDTWPattern(stream, handles[2]); }),
@@ -220,14 +224,15 @@ void addQuantisers(Results& results) {
     auto fixedRows = pointersOf(words);
     for (int flags : {KT_CB_SPLIT_LARGEST, KT_CB_SPLIT_WIDEST}) {
         std::vector<int> labels(500), fixedLabels(500), index(500), fixedIndex(500);
-        KTCodebook* book = KTsMakeCodebook(rows.data(), labels.data(), 500, 5, 16, KT_CB_EUCLID | flags);
+        KTCodebook* book =
+            KTsMakeCodebook(rows.data(), labels.data(), 500, 5, 16, KT_CB_EUCLID | flags);
         KTCodebook* fixedBook =
             KTwMakeCodebook(fixedRows.data(), fixedLabels.data(), 500, 5, 16, KT_CB_EUCLID | flags);
         double distortion = 0;
         int fixedDistortion = 0, scale = 0;
         KTsVQCodebook(book, rows.data(), index.data(), 500, 5, &distortion);
-        KTwVQCodebook(fixedBook, fixedRows.data(), fixedIndex.data(), 500, 5, &fixedDistortion, KT_NoScale,
-                      &scale);
+        KTwVQCodebook(fixedBook, fixedRows.data(), fixedIndex.data(), 500, 5, &fixedDistortion,
+                      KT_NoScale, &scale);
         results.add(named("codebook", flags), labels, index, distortion, fixedLabels, fixedIndex,
                     fixedDistortion);
         KT_FreeCodebook(book);
@@ -237,8 +242,8 @@ void addQuantisers(Results& results) {
     std::vector<int> fixedDistances(500), nearest(500), fixedNearest(500);
     int scale = 3;
     KTsVQKohonen(rows[7], rows.data(), distances.data(), 5, 500, nearest.data(), 8, 1);
-    KTwVQKohonen(fixedRows[7], fixedRows.data(), fixedDistances.data(), 5, 500, fixedNearest.data(), 8, 0,
-                 KT_FixedScale, &scale);
+    KTwVQKohonen(fixedRows[7], fixedRows.data(), fixedDistances.data(), 5, 500, fixedNearest.data(),
+                 8, 0, KT_FixedScale, &scale);
     results.add("kohonen", distances, nearest, fixedDistances, fixedNearest);
 }
 
@@ -260,7 +265,8 @@ void addMixtures(Results& results) {
                 fixedValues.push_back(KTwEvalGaussMix(fixed, w.data(), 13, KT_Saturate, &scale));
             }
             results.add(named("mixture", full, nMix), values, fixedValues);
-            results.add(named("mixture.file", full, nMix), bytesOf(server), bytesOf(fixed), bytesOf(back));
+            results.add(named("mixture.file", full, nMix), bytesOf(server), bytesOf(fixed),
+                        bytesOf(back));
             KTsFreeGaussMixServer(server);
             KTsFreeGaussMixServer(back);
             KTwFreeGaussMixServer(fixed);
@@ -292,14 +298,16 @@ void addModels(Results& results) {
     auto words = rowsOf<short>(numbers, frames, nDim, -500, 500);
     const auto rows = pointersOf(vectors);
     const auto fixedRows = pointersOf(words);
-    const Mixtures densities(numbers, symbols, nDim, 1, false), mixtures(numbers, n, nDim, 3, false);
+    const Mixtures densities(numbers, symbols, nDim, 1, false),
+        mixtures(numbers, n, nDim, 3, false);
     auto densityServers = densities.servers, mixtureServers = mixtures.servers;
     std::vector<GaussMixServer*> fixedServers;
     for (GaussMixServer* server : densityServers)
         fixedServers.push_back(KTswConvertGaussMixServer(server, -15, -9, -9));
     KTSetHMMMode(KT_HMM_KEEP);
     for (int reach : {-1, n, 2}) {
-        KTsInitSemicontCodebook(densityServers.data(), symbols, nDim, 0); // KTHMMFreeAll releases it
+        // KTHMMFreeAll releases it
+        KTsInitSemicontCodebook(densityServers.data(), symbols, nDim, 0);
         KTwInitSemicontCodebook(fixedServers.data(), symbols, nDim, 0);
         auto trans = transitions(numbers, n, reach);
         Rows<float> out;
@@ -307,18 +315,18 @@ void addModels(Results& results) {
             out.push_back(probabilities(numbers, symbols, 0, symbols - 1));
         const auto initial = probabilities(numbers, n, 0, n - 1);
         const auto transRows = pointersOf(trans), outRows = pointersOf(out);
-        const int discrete = KTsInitHMMServer(transRows.data(), outRows.data(), initial.data(), n, symbols,
-                                              KT_HMM_EXPONENTIAL);
-        const int continuous = KTsInitContHMMServer(transRows.data(), initial.data(), mixtureServers.data(),
-                                                    n, nDim, KT_HMM_EXPONENTIAL);
-        const int semicontinuous =
-            KTsInitSemicontHMMServer(transRows.data(), outRows.data(), initial.data(), n, symbols, nDim,
-                                     KT_HMM_EXPONENTIAL);
+        const int discrete = KTsInitHMMServer(transRows.data(), outRows.data(), initial.data(), n,
+                                              symbols, KT_HMM_EXPONENTIAL);
+        const int continuous = KTsInitContHMMServer(
+            transRows.data(), initial.data(), mixtureServers.data(), n, nDim, KT_HMM_EXPONENTIAL);
+        const int semicontinuous = KTsInitSemicontHMMServer(
+            transRows.data(), outRows.data(), initial.data(), n, symbols, nDim, KT_HMM_EXPONENTIAL);
         results.add(named("forward", reach),
                     KTsEvalHMMForward(discrete, observations.data(), frames, nullptr),
                     KTsEvalContHMMForward(continuous, rows.data(), frames, nullptr),
                     KTsEvalSemicontHMMForward(semicontinuous, rows.data(), frames, nullptr));
-        const int discreteCosts = KTsLogHMMServer(discrete), continuousCosts = KTsLogHMMServer(continuous),
+        const int discreteCosts = KTsLogHMMServer(discrete),
+                  continuousCosts = KTsLogHMMServer(continuous),
                   semicontinuousCosts = KTsLogHMMServer(semicontinuous);
         results.add(named("viterbi", reach),
                     KTsEvalHMMViterbi(discreteCosts, observations.data(), frames, nullptr),
@@ -328,18 +336,19 @@ void addModels(Results& results) {
                   continuousFixed = KTswConvertHMMServer(continuousCosts, -8, -15, -9, -9),
                   semicontinuousFixed = KTswConvertHMMServer(semicontinuousCosts, -8, -15, -9, -9);
         int a = 0, b = 0, c = 0;
-        results.add(named("viterbi.fixed", reach),
-                    KTwEvalHMMViterbi(discreteFixed, observations.data(), frames, nullptr, KT_NoScale, &a),
-                    KTwEvalContHMMViterbi(continuousFixed, fixedRows.data(), frames, nullptr, KT_NoScale,
-                                          &b),
-                    KTwEvalSemicontHMMViterbi(semicontinuousFixed, fixedRows.data(), frames, nullptr,
-                                              KT_NoScale, &c),
-                    a, b, c);
+        results.add(
+            named("viterbi.fixed", reach),
+            KTwEvalHMMViterbi(discreteFixed, observations.data(), frames, nullptr, KT_NoScale, &a),
+            KTwEvalContHMMViterbi(continuousFixed, fixedRows.data(), frames, nullptr, KT_NoScale,
+                                  &b),
+            KTwEvalSemicontHMMViterbi(semicontinuousFixed, fixedRows.data(), frames, nullptr,
+                                      KT_NoScale, &c),
+            a, b, c);
         results.add(named("model.file", reach), bytesOf(discrete), bytesOf(discreteCosts),
                     bytesOf(discreteFixed), bytesOf(semicontinuous), bytesOf(semicontinuousCosts),
                     bytesOf(semicontinuousFixed));
-        results.add(named("model.file.continuous", reach), bytesOf(continuous), bytesOf(continuousCosts),
-                    bytesOf(continuousFixed));
+        results.add(named("model.file.continuous", reach), bytesOf(continuous),
+                    bytesOf(continuousCosts), bytesOf(continuousFixed));
         const int readBack =
             throughFile([&](FILE* stream) { KTWriteHMMServer(stream, discrete, "golden"); },
                         [](FILE* stream) {
@@ -359,7 +368,8 @@ void addModels(Results& results) {
 void addTraining(Results& results) {
     Numbers numbers(7);
     const int n = 5, symbols = 8, nDim = 4, sequences = 4, frames = 30;
-    const Mixtures densities(numbers, symbols, nDim, 1, false), mixtures(numbers, n, nDim, 2, false);
+    const Mixtures densities(numbers, symbols, nDim, 1, false),
+        mixtures(numbers, n, nDim, 2, false);
     auto densityServers = densities.servers, mixtureServers = mixtures.servers;
     std::vector<std::vector<int>> observations;
     std::vector<Rows<float>> vectors;
@@ -400,8 +410,8 @@ void addTraining(Results& results) {
                                  KT_HMM_EXPONENTIAL),
             vectorTables.data(), counts.data(), sequences, 4, &tolerance[1]);
         const int semicontinuous = KTsTrainSemicontHMMBaumWelch(
-            KTsInitSemicontHMMServer(transRows.data(), outRows.data(), initial.data(), n, symbols, nDim,
-                                     KT_HMM_EXPONENTIAL),
+            KTsInitSemicontHMMServer(transRows.data(), outRows.data(), initial.data(), n, symbols,
+                                     nDim, KT_HMM_EXPONENTIAL),
             vectorTables.data(), counts.data(), sequences, 4, &tolerance[2]);
         results.add(named("training", reach), bytesOf(discrete), bytesOf(continuous),
                     bytesOf(semicontinuous), tolerance[0], tolerance[1], tolerance[2]);
@@ -423,11 +433,12 @@ void addPerceptrons(Results& results) {
                 }
         const auto thresholds = vectorOf<float>(numbers, 22, -1, 1);
         const auto fixedThresholds = vectorOf<short>(numbers, 22, -900, 900);
-        sMLPServer* network = KTsInitMLPServer(weights, nullptr, nullptr, counts, nullptr, nullptr, 3,
-                                               flags, thresholds.data());
+        sMLPServer* network = KTsInitMLPServer(weights, nullptr, nullptr, counts, nullptr, nullptr,
+                                               3, flags, thresholds.data());
         wMLPServer* fixedNetwork = KTwInitMLPServer(fixedWeights, nullptr, nullptr, counts, nullptr,
                                                     nullptr, 3, flags, -14, fixedThresholds.data());
-        auto inputs = rowsOf<float>(numbers, 12, 13, -2, 2), targets = rowsOf<float>(numbers, 12, 5, 0, 1);
+        auto inputs = rowsOf<float>(numbers, 12, 13, -2, 2),
+             targets = rowsOf<float>(numbers, 12, 5, 0, 1);
         std::vector<const float*> inputRows, targetRows;
         for (int k = 0; k < 12; ++k) {
             inputRows.push_back(inputs[std::size_t(k)].data());
@@ -436,13 +447,14 @@ void addPerceptrons(Results& results) {
         std::vector<float> before(5), after(5);
         KTsEvalMLPFeedForward(network, inputRows[0], 13, before.data(), 5);
         int epochs = 0;
-        KTsTrainMLPBackPropagation(network, inputRows.data(), 12, 13, targetRows.data(), 5, 0.25f, 6,
-                                   1e-9f, 0.5f, &epochs);
+        KTsTrainMLPBackPropagation(network, inputRows.data(), 12, 13, targetRows.data(), 5, 0.25f,
+                                   6, 1e-9f, 0.5f, &epochs);
         KTsEvalMLPFeedForward(network, inputRows[0], 13, after.data(), 5);
         const auto words = vectorOf<short>(numbers, 13, -9000, 9000);
         std::vector<short> outputs(5);
         int scale = -12;
-        KTwEvalMLPFeedForward(fixedNetwork, words.data(), 13, outputs.data(), 5, KT_FixedScale, &scale, -14);
+        KTwEvalMLPFeedForward(fixedNetwork, words.data(), 13, outputs.data(), 5, KT_FixedScale,
+                              &scale, -14);
         results.add(named("perceptron", flags), before, after, epochs, outputs, scale);
         results.add(named("perceptron.file", flags),
                     bytesOf([&](FILE* stream) { KTsWriteMLPServer(stream, network); }),

@@ -12,7 +12,8 @@ TEST(Levels, AllThatAreCompiledAreTestedHere) {
     for (vsq::Level level : {vsq::Level::avx2, vsq::Level::avx512})
         if (!vsq::selectLevel(level)) missing += std::string(" ") + vsq::levelName(level);
     vsq::selectLevel(vsq::bestLevel());
-    if (!missing.empty()) GTEST_SKIP() << "the processor lacks" << missing << ", which no test runs on";
+    if (!missing.empty())
+        GTEST_SKIP() << "the processor lacks" << missing << ", which no test runs on";
 #else
     EXPECT_EQ(vsq::bestLevel(), vsq::Level::baseline);
 #endif

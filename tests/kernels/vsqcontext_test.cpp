@@ -26,12 +26,14 @@ TEST_F(KernelStatus, IsStoredAndReadWithoutBeingCleared) {
 TEST_F(KernelStatus, AReportEndsTheProcessWithCodeOneAndNoText) {
     EXPECT_EXIT(vsqError(-5, "f", "text", "vsqtest", 3), testing::ExitedWithCode(1), "^$");
     EXPECT_EXIT(vsqError(-1, "f", "", "vsqtest", 3), testing::ExitedWithCode(1), "^$");
-    EXPECT_EXIT(vsqNulDevReport(-5, nullptr, nullptr, nullptr, 0), testing::ExitedWithCode(1), "^$");
+    EXPECT_EXIT(vsqNulDevReport(-5, nullptr, nullptr, nullptr, 0), testing::ExitedWithCode(1),
+                "^$");
 }
 
 TEST_F(KernelStatus, ReportingZeroClearsTheStatusAndCallsNoHandler) {
     vsqSetStatus(-4);
-    EXPECT_EQ(vsqError(0, "f", "text", "vsqtest", 3), 0); // a handler call would have ended the test
+    // a handler call would have ended the test
+    EXPECT_EQ(vsqError(0, "f", "text", "vsqtest", 3), 0);
     EXPECT_EQ(vsqGetStatus(), 0);
 }
 

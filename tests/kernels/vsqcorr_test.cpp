@@ -50,8 +50,8 @@ void expectAutoCorr(const std::vector<float>& source, int nLags, int type) {
     for (int k = 0; k < nLags; ++k) {
         const Sum sum = lagSum(source, k);
         const long double divisor = divisorOf(type, n, k);
-        const long double bound =
-            std::fabs(sum.value / divisor) * 0x1.01p-24L + sum.magnitude / divisor * (n + 2) * 0x1p-53L;
+        const long double bound = std::fabs(sum.value / divisor) * 0x1.01p-24L +
+                                  sum.magnitude / divisor * (n + 2) * 0x1p-53L;
         EXPECT_NEAR(result[std::size_t(k)], double(sum.value / divisor), double(bound))
             << "n " << n << " lag " << k << " type " << type;
     }
@@ -86,7 +86,8 @@ TEST(AutoCorr, TypesDivideByNothingByNAndByTheNumberOfProducts) {
     vsqsAutoCorr(source.data(), 4, result, 3, 1);
     EXPECT_EQ(std::vector<float>(result, result + 3), (std::vector<float>{7.5f, 5, 2.75f}));
     vsqsAutoCorr(source.data(), 4, result, 3, 2);
-    EXPECT_EQ(std::vector<float>(result, result + 3), (std::vector<float>{7.5f, float(20 / 3.0), 5.5f}));
+    EXPECT_EQ(std::vector<float>(result, result + 3),
+              (std::vector<float>{7.5f, float(20 / 3.0), 5.5f}));
 }
 
 TEST(AutoCorr, AllLevelsGiveTheSameBits) {
@@ -130,8 +131,10 @@ TEST(AutoCorr, RefusesBadArgumentsInOrder) {
     const float a[2] = {1, 2};
     float r[4] = {};
     const char *name = "vsqsAutoCorr", *module = "vsqcorr";
-    expectRefused([&] { vsqsAutoCorr(nullptr, 0, nullptr, 0, 3); }, "Null SRC buffer pointer", name, module);
-    expectRefused([&] { vsqsAutoCorr(a, 0, nullptr, 0, 3); }, "Null DST buffer pointer", name, module);
+    expectRefused([&] { vsqsAutoCorr(nullptr, 0, nullptr, 0, 3); }, "Null SRC buffer pointer", name,
+                  module);
+    expectRefused([&] { vsqsAutoCorr(a, 0, nullptr, 0, 3); }, "Null DST buffer pointer", name,
+                  module);
     expectRefused([&] { vsqsAutoCorr(a, 0, r, 0, 3); }, "Invalid SRC buffer length", name, module);
     expectRefused([&] { vsqsAutoCorr(a, -7, r, 0, 3); }, "Invalid SRC buffer length", name, module);
     expectRefused([&] { vsqsAutoCorr(a, 2, r, 0, 3); }, "Invalid LAG value", name, module);

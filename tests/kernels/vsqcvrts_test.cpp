@@ -30,7 +30,9 @@ T reference(float value, int flags) {
     if (std::isnan(value)) return Range::min();
     double whole = value;
     if (std::isfinite(value))
-        whole = flags & toZero ? std::trunc(whole) : flags & down ? std::floor(whole) : nearestEven(whole);
+        whole = flags & toZero ? std::trunc(whole)
+                : flags & down ? std::floor(whole)
+                               : nearestEven(whole);
     if (whole < Range::min()) return Range::min();
     if (whole > Range::max()) return flags & saturate ? Range::max() : Range::min();
     return static_cast<T>(whole);
@@ -40,9 +42,10 @@ std::vector<float> samples(int n, int seed) {
     std::mt19937 random(static_cast<unsigned>(seed));
     std::uniform_real_distribution<float> mantissa(-1.0f, 1.0f);
     std::vector<float> values;
-    for (float v : {0.5f,           -0.5f,    1.5f,     2.5f,      -2.5f,     127.5f,        -128.5f,
-                    -129.0f,        32767.5f, 32768.0f, -32768.5f, -32769.0f, 2147483520.0f, 2147483648.0f,
-                    -2147483648.0f, -3e9f,    1e30f,    -1e30f,    inf,       -inf,          notNumber})
+    for (float v :
+         {0.5f,           -0.5f,    1.5f,     2.5f,      -2.5f,     127.5f,        -128.5f,
+          -129.0f,        32767.5f, 32768.0f, -32768.5f, -32769.0f, 2147483520.0f, 2147483648.0f,
+          -2147483648.0f, -3e9f,    1e30f,    -1e30f,    inf,       -inf,          notNumber})
         values.push_back(v);
     for (int exponent = -3; int(values.size()) < n; exponent = (exponent + 4) % 35)
         values.push_back(std::ldexp(mantissa(random), exponent));

@@ -31,9 +31,9 @@ Floats transformed(const Floats& x, int flags) {
     return y;
 }
 
-// The transform is orthonormal, so the result has the input's norm. A direct sum of n/2 terms in four lanes
-// rounds each result at most n/8 + 4 times at half a unit; the errors are random, so their root mean square
-// grows with the root.
+// The transform is orthonormal, so the result has the input's norm. A direct sum of n/2 terms in
+// four lanes rounds each result at most n/8 + 4 times at half a unit; the errors are random, so
+// their root mean square grows with the root.
 double allowedError(std::size_t n) {
     return 6e-8 * (3 + std::sqrt(static_cast<double>(n) / 8.0));
 }
@@ -274,7 +274,8 @@ TEST(FixedDct, IsTheFloatTransformTruncatedAndSaturated) {
             for (int flags : {1, 2})
                 for (float size : {100.0f, 32767.0f}) {
                     const Floats values = noise(n, size);
-                    const support::Guarded<short> x(std::vector<short>(values.begin(), values.end()));
+                    const support::Guarded<short> x(
+                        std::vector<short>(values.begin(), values.end()));
                     support::Guarded<short> y(x.size()), same(x.values());
                     vsqwDct(x.data(), y.data(), n, flags);
                     vsqwDct(same.data(), same.data(), n, flags);

@@ -24,7 +24,8 @@ std::vector<float> randomFloats(int n, unsigned seed) {
 TEST(DotProd, SumsProductsInDoubleOnEveryLevel) {
     support::onEveryLevel([] {
         for (int n = 1; n < 200; ++n) {
-            const std::vector<float> a = randomFloats(n, unsigned(n)), b = randomFloats(n, unsigned(n + 700));
+            const std::vector<float> a = randomFloats(n, unsigned(n)),
+                                     b = randomFloats(n, unsigned(n + 700));
             long double expected = 0, magnitude = 0;
             for (std::size_t i = 0; i < a.size(); ++i) {
                 expected += static_cast<long double>(a[i]) * b[i];
@@ -41,7 +42,8 @@ TEST(DotProd, AllLevelsGiveTheSameBits) {
         const std::vector<float> a = randomFloats(n, 1), b = randomFloats(n, 2);
         vsq::selectLevel(vsq::Level::baseline);
         const double expected = vsqsDotProd(a.data(), b.data(), n);
-        support::onEveryLevel([&] { EXPECT_EQ(vsqsDotProd(a.data(), b.data(), n), expected) << n; });
+        support::onEveryLevel(
+            [&] { EXPECT_EQ(vsqsDotProd(a.data(), b.data(), n), expected) << n; });
     }
 }
 
@@ -84,7 +86,8 @@ std::vector<short> randomWords(int n, unsigned seed) {
 TEST(FixedDotProd, IsTheSumModuloTwoToThe32OnEveryLevel) {
     support::onEveryLevel([] {
         for (int n = 1; n < 200; ++n) {
-            const std::vector<short> a = randomWords(n, unsigned(n)), b = randomWords(n, unsigned(n + 700));
+            const std::vector<short> a = randomWords(n, unsigned(n)),
+                                     b = randomWords(n, unsigned(n + 700));
             long long exact = 0;
             for (std::size_t i = 0; i < a.size(); ++i)
                 exact += a[i] * b[i];
@@ -102,7 +105,8 @@ TEST(FixedDotProd, WrapsSilently) {
     support::onEveryLevel([] {
         const std::vector<short> low(64, -32768);
         for (int n = 1; n <= 64; ++n)
-            EXPECT_EQ(vsqwDotProdExt(low.data(), low.data(), n, 0, nullptr), int(unsigned(n) << 30)) << n;
+            EXPECT_EQ(vsqwDotProdExt(low.data(), low.data(), n, 0, nullptr), int(unsigned(n) << 30))
+                << n;
     });
 }
 
@@ -147,7 +151,8 @@ TEST(FixedDotProd, OtherModesIgnoreTheFactor) {
 TEST(FixedDotProd, RefusesBadArgumentsInOrder) {
     const short a[1] = {1};
     const char* name = "vsqwDotProdExt";
-    expectRefused([] { vsqwDotProdExt(nullptr, nullptr, -1, 4, nullptr); }, "a==0", name, "vsqdotpw");
+    expectRefused([] { vsqwDotProdExt(nullptr, nullptr, -1, 4, nullptr); }, "a==0", name,
+                  "vsqdotpw");
     expectRefused([&] { vsqwDotProdExt(a, nullptr, -1, 4, nullptr); }, "b==0", name, "vsqdotpw");
     expectRefused([&] { vsqwDotProdExt(a, a, -1, 4, nullptr); }, "n<0", name, "vsqdotpw");
     expectRefused([&] { vsqwDotProdExt(a, a, 1, 4, nullptr); },

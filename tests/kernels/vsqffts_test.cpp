@@ -92,7 +92,8 @@ TEST(RealFft, OrderOneGivesSumAndDifference) {
         for (int packing : {VSQ_RCPerm, VSQ_RCPack}) {
             EXPECT_EQ(transformed({3.0f, 5.0f}, 1, VSQ_Forw | packing), (Floats{8.0f, -2.0f}));
             EXPECT_EQ(transformed({8.0f, -2.0f}, 1, VSQ_Inv | packing), (Floats{3.0f, 5.0f}));
-            EXPECT_EQ(transformed({8.0f, -2.0f}, 1, VSQ_Inv | VSQ_NoScale | packing), (Floats{6.0f, 10.0f}));
+            EXPECT_EQ(transformed({8.0f, -2.0f}, 1, VSQ_Inv | VSQ_NoScale | packing),
+                      (Floats{6.0f, 10.0f}));
         }
     });
 }
@@ -121,7 +122,8 @@ TEST(RealFft, MatchesTheReferenceForEveryOrder) {
         const Floats x = noise(order, 7u + static_cast<unsigned>(order));
         const auto expected = expectedPerm(x);
         support::onEveryLevel([&] {
-            EXPECT_LE(relativeError(transformed(x, order, forwPerm), expected), allowedError(order)) << order;
+            EXPECT_LE(relativeError(transformed(x, order, forwPerm), expected), allowedError(order))
+                << order;
         });
     }
 }
@@ -130,9 +132,10 @@ TEST(RealFft, MatchesTheReferenceBinByBin) {
     for (int order = 2; order <= 15; ++order) {
         const Floats x = noise(order, 70u + static_cast<unsigned>(order));
         const auto expected = expectedPerm(x);
-        // Every bin gathers N errors of random sign: a bound in units of the root mean square bin, sqrt(N /
-        // 3).
-        const double bound = 8 * allowedError(order) * std::sqrt(static_cast<double>(x.size()) / 3.0);
+        // Every bin gathers N errors of random sign: a bound in units of the root mean square bin,
+        // sqrt(N / 3).
+        const double bound =
+            8 * allowedError(order) * std::sqrt(static_cast<double>(x.size()) / 3.0);
         const Floats y = transformed(x, order, forwPerm);
         for (std::size_t i = 0; i < y.size(); ++i)
             ASSERT_NEAR(y[i], static_cast<double>(expected[i]), bound) << order << " at " << i;
@@ -149,7 +152,8 @@ TEST(RealFft, TheInverseMatchesTheReferenceForEveryOrder) {
         // The spectrum's own rounding is below 2^-24 of each bin.
         const std::vector<oracle::Extended> expected(x.begin(), x.end());
         support::onEveryLevel([&] {
-            EXPECT_LE(relativeError(transformed(spectrum, order, invPerm), expected), allowedError(order))
+            EXPECT_LE(relativeError(transformed(spectrum, order, invPerm), expected),
+                      allowedError(order))
                 << order;
         });
     }
@@ -161,8 +165,9 @@ TEST(RealFft, AllLevelsGiveTheSameBits) {
         for (int flags : {forwPerm, forwPack, invPerm, invPack, invPerm | VSQ_NoScale}) {
             vsq::selectLevel(vsq::Level::baseline);
             const Floats expected = transformed(x, order, flags);
-            support::onEveryLevel(
-                [&] { EXPECT_EQ(transformed(x, order, flags), expected) << order << " flags " << flags; });
+            support::onEveryLevel([&] {
+                EXPECT_EQ(transformed(x, order, flags), expected) << order << " flags " << flags;
+            });
         }
     }
 }
@@ -173,7 +178,8 @@ TEST(RealFft, ThePackingsDifferOnlyInTheirOrder) {
             const Floats x = noise(order, 5);
             const Floats perm = transformed(x, order, forwPerm);
             EXPECT_EQ(transformed(x, order, forwPack), permToPack(perm)) << order;
-            EXPECT_EQ(transformed(permToPack(perm), order, invPack), transformed(perm, order, invPerm))
+            EXPECT_EQ(transformed(permToPack(perm), order, invPack),
+                      transformed(perm, order, invPerm))
                 << order;
         }
     });
@@ -189,7 +195,8 @@ TEST(RealFft, InPlaceGivesTheSameBitsAndTheInputOfTheOtherStays) {
                 vsqsRealFftl(samps.data(), order, flags);
                 EXPECT_EQ(samps.values(), out.values()) << order << " flags " << flags;
                 EXPECT_EQ(in.values(), noise(order, 6));
-                EXPECT_TRUE(in.intact() && out.intact() && samps.intact()) << order << " flags " << flags;
+                EXPECT_TRUE(in.intact() && out.intact() && samps.intact())
+                    << order << " flags " << flags;
             }
     });
 }
@@ -261,7 +268,8 @@ TEST(RealFft, MatchesStoredVectors) {
             bins >> value;
         ASSERT_TRUE(samples && bins);
         support::onEveryLevel([&] {
-            EXPECT_LE(relativeError(transformed(x, order, forwPerm), expected), allowedError(order)) << order;
+            EXPECT_LE(relativeError(transformed(x, order, forwPerm), expected), allowedError(order))
+                << order;
         });
         ++vectors;
     }
@@ -275,7 +283,8 @@ TEST(RealFft, LongOrdersPastTheTwoLevelTables) {
         Floats x(length);
         x[at] = 1.0f;
         vsqsRealFftl(x.data(), order, forwPerm);
-        for (std::size_t k : {std::size_t{1}, std::size_t{2}, std::size_t{77}, length / 4, length / 2 - 1}) {
+        for (std::size_t k :
+             {std::size_t{1}, std::size_t{2}, std::size_t{77}, length / 4, length / 2 - 1}) {
             const oracle::Extended angle =
                 -2.0L * std::acos(-1.0L) * static_cast<oracle::Extended>(k * at % length) / length;
             EXPECT_NEAR(x[2 * k], static_cast<double>(std::cos(angle)), 1e-6) << order;
@@ -310,7 +319,8 @@ TEST(RealFft, InitMakesTheTablesAndFreeReleasesThem) {
     EXPECT_EQ(support::alloc::liveBlocks(), before + 1);
     vsqsRealFftl(nullptr, 9, VSQ_Free);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
-    EXPECT_LE(relativeError(transformed(x, 9, forwPerm), expectedPerm(x)), allowedError(9)); // made again
+    // made again
+    EXPECT_LE(relativeError(transformed(x, 9, forwPerm), expectedPerm(x)), allowedError(9));
     vsqsRealFftlNip(nullptr, nullptr, 9, VSQ_Free | VSQ_Forw);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
 }

@@ -34,7 +34,9 @@ std::vector<float> inFloat(const Shorts& x, int order, int flags) {
 
 short stored(float value, int scale) {
     const double scaled = std::ldexp(static_cast<double>(value), -scale);
-    return static_cast<short>(scaled > 32767.0 ? 32767.0 : scaled < -32768.0 ? -32768.0 : std::trunc(scaled));
+    return static_cast<short>(scaled > 32767.0    ? 32767.0
+                              : scaled < -32768.0 ? -32768.0
+                                                  : std::trunc(scaled));
 }
 
 Shorts storedAll(const std::vector<float>& values, int scale) {
@@ -47,8 +49,8 @@ Shorts storedAll(const std::vector<float>& values, int scale) {
 TEST(FixedFft, IsTheFloatTransformTruncatedAndSaturated) {
     support::onEveryLevel([] {
         for (int order = 2; order <= 14; ++order)
-            for (int flags :
-                 {forwPerm, VSQ_Forw | VSQ_RCPack, invPerm, VSQ_Inv | VSQ_RCPack, invPerm | VSQ_NoScale})
+            for (int flags : {forwPerm, VSQ_Forw | VSQ_RCPack, invPerm, VSQ_Inv | VSQ_RCPack,
+                              invPerm | VSQ_NoScale})
                 for (int mode : {0, 1}) {
                     const support::Guarded<short> x(noise(order, 5000));
                     support::Guarded<short> y(x.values());

@@ -11,7 +11,8 @@ namespace {
 // Rows of n elements rounded up to a multiple of 4, with rubbish behind the n.
 template <class T>
 struct PaddedRows {
-    PaddedRows(std::mt19937& random, int rows, int n, int range) : stride((std::size_t(n) + 3) / 4 * 4) {
+    PaddedRows(std::mt19937& random, int rows, int n, int range)
+        : stride((std::size_t(n) + 3) / 4 * 4) {
         for (int k = 0; k < rows; ++k) {
             storage.emplace_back(stride, T(range));
             for (int i = 0; i < n; ++i)
@@ -26,13 +27,15 @@ struct PaddedRows {
     std::vector<const T*> pointers;
 };
 
-// What the kernels of the distances, the exponential and the dot product make of the forms; the densities go to `out`.
+// What the kernels of the distances, the exponential and the dot product make of the forms; the
+// densities go to `out`.
 double likelihoodOf(const std::vector<double>& forms, const std::vector<float>& weights,
                     const std::vector<float>& normWeights, std::vector<float>& out) {
     out.clear();
     for (std::size_t k = 0; k < forms.size(); ++k)
-        out.push_back(weights[k] == 0.0f && !std::signbit(weights[k]) ? 0.0f
-                                                                      : float(-std::fabs(forms[k]) * 0.5));
+        out.push_back(weights[k] == 0.0f && !std::signbit(weights[k])
+                          ? 0.0f
+                          : float(-std::fabs(forms[k]) * 0.5));
     vsq::kernels().lnexp->exp(out.data(), int(out.size()));
     return vsq::kernels().dotp->dot(out.data(), normWeights.data(), int(out.size()));
 }
@@ -41,7 +44,9 @@ double likelihoodOf(const std::vector<double>& forms, const std::vector<float>& 
 std::vector<float> someWeights(std::mt19937& random, int count) {
     std::vector<float> weights(std::size_t(count + 3) / 4 * 4, NAN);
     for (int k = 0; k < count; ++k)
-        weights[std::size_t(k)] = k % 5 == 2 ? 0.0f : k % 5 == 4 ? -0.0f : float(random() % 100) / 64;
+        weights[std::size_t(k)] = k % 5 == 2   ? 0.0f
+                                  : k % 5 == 4 ? -0.0f
+                                               : float(random() % 100) / 64;
     return weights;
 }
 
@@ -58,16 +63,17 @@ TEST(GaussKernels, DiagonalLikelihoodsHaveTheBitsOfTheirSteps) {
                 support::Guarded<float> x{std::size_t(n)}, work(std::size_t(rows + 3) / 4 * 4);
                 for (int i = 0; i < n; ++i)
                     x[std::size_t(i)] = float(random() % 100) / 32;
-                const auto weights = someWeights(random, rows), normWeights = someWeights(random, rows);
+                const auto weights = someWeights(random, rows),
+                           normWeights = someWeights(random, rows);
                 std::vector<double> forms;
                 for (const float* row : m.pointers)
                     forms.push_back(
                         vsq::kernels().mahal->diagonal(x.data(), row, c.pointers[forms.size()], n));
                 std::vector<float> densities;
                 const double expected = likelihoodOf(forms, weights, normWeights, densities);
-                ASSERT_EQ(vsq::kernels().gauss->evaluateDiagonal(x.data(), m.pointers.data(),
-                                                                 c.pointers.data(), weights.data(),
-                                                                 normWeights.data(), n, rows, work.data()),
+                ASSERT_EQ(vsq::kernels().gauss->evaluateDiagonal(
+                              x.data(), m.pointers.data(), c.pointers.data(), weights.data(),
+                              normWeights.data(), n, rows, work.data()),
                           expected)
                     << n << " " << rows;
                 for (std::size_t k = 0; k < std::size_t(rows); ++k)
@@ -101,15 +107,17 @@ TEST(GaussKernels, FullLikelihoodsHaveTheBitsOfTheirSteps) {
                 support::Guarded<float> x{std::size_t(n)}, work(std::size_t(rows + 3) / 4 * 4);
                 for (int i = 0; i < n; ++i)
                     x[std::size_t(i)] = float(random() % 100) / 32;
-                const auto weights = someWeights(random, rows), normWeights = someWeights(random, rows);
+                const auto weights = someWeights(random, rows),
+                           normWeights = someWeights(random, rows);
                 std::vector<double> forms;
                 for (const float* row : m.pointers)
-                    forms.push_back(vsq::kernels().mahal->full(x.data(), row, tables[forms.size()], n));
+                    forms.push_back(
+                        vsq::kernels().mahal->full(x.data(), row, tables[forms.size()], n));
                 std::vector<float> densities;
                 const double expected = likelihoodOf(forms, weights, normWeights, densities);
-                ASSERT_EQ(vsq::kernels().gauss->evaluateFull(x.data(), m.pointers.data(), tables.data(),
-                                                             weights.data(), normWeights.data(), n, rows,
-                                                             work.data()),
+                ASSERT_EQ(vsq::kernels().gauss->evaluateFull(
+                              x.data(), m.pointers.data(), tables.data(), weights.data(),
+                              normWeights.data(), n, rows, work.data()),
                           expected)
                     << n << " " << rows;
                 for (std::size_t k = 0; k < std::size_t(rows); ++k)
@@ -127,8 +135,8 @@ TEST(GaussKernels, WordFormsWrapAndNothingElseIsWritten) {
                 const PaddedRows<short> m(random, rows, n, 32767), c(random, rows, n, 32767);
                 support::Guarded<short> x(std::size_t(n), -32768);
                 support::Guarded<int> out{std::size_t(rows)};
-                vsq::kernels().gauss->formsW(x.data(), m.pointers.data(), c.pointers.data(), n, rows,
-                                             out.data());
+                vsq::kernels().gauss->formsW(x.data(), m.pointers.data(), c.pointers.data(), n,
+                                             rows, out.data());
                 EXPECT_TRUE(out.intact());
                 for (std::size_t k = 0; k < std::size_t(rows); ++k) {
                     std::uint32_t sum = 0;

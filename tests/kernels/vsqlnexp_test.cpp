@@ -35,7 +35,8 @@ double unitsOff(float value, double reference) {
     return std::fabs(value - reference) / std::ldexp(1.0, std::max(exponent - 24, -149));
 }
 
-// Where the C library's float function gives a special value (zero, infinity, no number) ours gives the same.
+// Where the C library's float function gives a special value (zero, infinity, no number) ours gives
+// the same.
 bool sameSpecial(float value, float library) {
     return std::isnan(library) ? std::isnan(value) : value == library;
 }
@@ -46,8 +47,10 @@ void expectClose(Function function, Reference reference, Library library,
     function(results.data(), int(results.size()));
     for (std::size_t i = 0; i < results.size(); ++i) {
         const float expected = library(arguments[i]);
-        if (!std::isfinite(expected) || !std::isfinite(results[i]) || expected == 0 || results[i] == 0)
-            ASSERT_TRUE(sameSpecial(results[i], expected)) << arguments[i] << " gives " << results[i];
+        if (!std::isfinite(expected) || !std::isfinite(results[i]) || expected == 0 ||
+            results[i] == 0)
+            ASSERT_TRUE(sameSpecial(results[i], expected))
+                << arguments[i] << " gives " << results[i];
         else
             ASSERT_LE(unitsOff(results[i], reference(double(arguments[i]))), 2.0) << arguments[i];
     }
@@ -82,7 +85,8 @@ protected:
                 function(actual.data(), int(actual.size()));
                 for (std::size_t i = 0; i < block.size(); ++i) {
                     const bool isSame = std::memcmp(&actual[i], &expected[i], sizeof(float)) == 0;
-                    ASSERT_TRUE(isSame || (std::isnan(actual[i]) && std::isnan(expected[i]))) << block[i];
+                    ASSERT_TRUE(isSame || (std::isnan(actual[i]) && std::isnan(expected[i])))
+                        << block[i];
                 }
             });
         });
@@ -107,12 +111,15 @@ protected:
 };
 
 TEST_F(LnExp, LnIsWithinTwoUnitsOverTheWholeRange) {
-    overPatterns(4999, [](const std::vector<float>& block) { expectClose(vsqsbLn1, std::log, logf, block); });
+    overPatterns(4999, [](const std::vector<float>& block) {
+        expectClose(vsqsbLn1, std::log, logf, block);
+    });
 }
 
 TEST_F(LnExp, ExpIsWithinTwoUnitsOverTheWholeRange) {
-    overPatterns(4999,
-                 [](const std::vector<float>& block) { expectClose(vsqsbExp1, std::exp, expf, block); });
+    overPatterns(4999, [](const std::vector<float>& block) {
+        expectClose(vsqsbExp1, std::exp, expf, block);
+    });
 }
 
 TEST_F(LnExp, LnIsCloseNearOneWhereItCancels) {
@@ -185,7 +192,8 @@ TEST_F(LnExp, ResultsDoNotDependOnPlaceOrLength) {
     expectSameInEveryPlace(vsqsbExp1);
 }
 
-// A special argument takes its neighbours off the straight path, which must not show in their results.
+// A special argument takes its neighbours off the straight path, which must not show in their
+// results.
 TEST_F(LnExp, SpecialArgumentsLeaveTheirNeighboursAlone) {
     const float specials[] = {0.0f, -1.0f, infinity, nan, 1e-40f, 100.0f, -100.0f};
     for (Function function : {vsqsbLn1, vsqsbExp1}) {

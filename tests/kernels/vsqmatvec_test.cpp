@@ -32,8 +32,8 @@ struct Rows {
     }
 };
 
-// The sum as the kernel's header tells it: 16 lanes of floats, then the upper half on the lower one until one
-// is left.
+// The sum as the kernel's header tells it: 16 lanes of floats, then the upper half on the lower one
+// until one is left.
 float sumInLanes(const float* row, const float* x, int cols) {
     float lanes[16] = {};
     for (int c = 0; c < cols; ++c) {
@@ -64,8 +64,8 @@ TEST(FloatRows, AreSummedInSixteenLanesOnEveryLevel) {
             for (const int rows : {0, 1, 2, 3, 4, 5, 7, 8, 9, 16, 21}) {
                 const Rows<float> table(rows, cols, draw), x(1, cols, draw);
                 Guarded<float> sums(std::size_t(rows), -1.0f);
-                vsq::kernels().matvec->rowsS(sums.data(), table.pointers.data(), 0, x.pointers[0], rows,
-                                             cols);
+                vsq::kernels().matvec->rowsS(sums.data(), table.pointers.data(), 0, x.pointers[0],
+                                             rows, cols);
                 EXPECT_TRUE(sums.intact());
                 for (int r = 0; r < rows; ++r)
                     ASSERT_EQ(sums[std::size_t(r)],
@@ -75,7 +75,8 @@ TEST(FloatRows, AreSummedInSixteenLanesOnEveryLevel) {
     });
 }
 
-// A product passes through its own rounding, at most cols / 16 additions in its lane and 4 of the tree.
+// A product passes through its own rounding, at most cols / 16 additions in its lane and 4 of the
+// tree.
 TEST(FloatRows, StayWithinTheBoundOfTheirRoundings) {
     support::onEveryLevel([] {
         std::mt19937 random(2);
@@ -89,7 +90,8 @@ TEST(FloatRows, StayWithinTheBoundOfTheirRoundings) {
                 long double sum = 0, size = 0;
                 for (int c = 0; c < cols; ++c) {
                     const long double product =
-                        static_cast<long double>(table.pointers[std::size_t(r)][c]) * x.pointers[0][c];
+                        static_cast<long double>(table.pointers[std::size_t(r)][c]) *
+                        x.pointers[0][c];
                     sum += product;
                     size += std::fabs(product);
                 }
@@ -159,8 +161,8 @@ TEST(WordRows, AreExactForEveryShiftOnEveryLevel) {
                 for (std::size_t c = 0; c < std::size_t(cols); c += 3) // the largest product
                     x.storage[0][c] = table.storage[0][c] = table.storage[4][c] = -32768;
                 Guarded<int> sums(6, -1);
-                vsq::kernels().matvec->rowsW(sums.data(), table.pointers.data(), x.pointers[0], 6, cols,
-                                             shift);
+                vsq::kernels().matvec->rowsW(sums.data(), table.pointers.data(), x.pointers[0], 6,
+                                             cols, shift);
                 EXPECT_TRUE(sums.intact());
                 for (std::size_t r = 0; r < 6; ++r)
                     ASSERT_EQ(sums[r], sumOfShifted(table.pointers[r], x.pointers[0], cols, shift))
@@ -178,8 +180,8 @@ TEST(WordRows, OfEveryNumberAreSummed) {
             for (const int cols : {5, 32, 39}) {
                 const Rows<short> table(rows, cols, draw), x(1, cols, draw);
                 Guarded<int> sums(std::size_t(rows), -1);
-                vsq::kernels().matvec->rowsW(sums.data(), table.pointers.data(), x.pointers[0], rows, cols,
-                                             15);
+                vsq::kernels().matvec->rowsW(sums.data(), table.pointers.data(), x.pointers[0],
+                                             rows, cols, 15);
                 EXPECT_TRUE(sums.intact());
                 for (std::size_t r = 0; r < std::size_t(rows); ++r)
                     ASSERT_EQ(sums[r], sumOfShifted(table.pointers[r], x.pointers[0], cols, 15));
@@ -187,7 +189,8 @@ TEST(WordRows, OfEveryNumberAreSummed) {
     });
 }
 
-// Long rows whose partial sums have their largest and smallest values everywhere: no lane may overflow.
+// Long rows whose partial sums have their largest and smallest values everywhere: no lane may
+// overflow.
 TEST(WordRows, OfExtremesAreExact) {
     support::onEveryLevel([] {
         constexpr int cols = 70001;
@@ -197,7 +200,8 @@ TEST(WordRows, OfExtremesAreExact) {
                     x(1, cols, [v] { return short(v); });
                 for (const int shift : {0, 1, 8, 14, 15, 16, 31}) {
                     int sums[5];
-                    vsq::kernels().matvec->rowsW(sums, table.pointers.data(), x.pointers[0], 5, cols, shift);
+                    vsq::kernels().matvec->rowsW(sums, table.pointers.data(), x.pointers[0], 5,
+                                                 cols, shift);
                     for (const int sum : sums)
                         ASSERT_EQ(sum, int(std::uint32_t((w * v) >> shift) * std::uint32_t(cols)))
                             << w << ' ' << v << ' ' << shift;

@@ -64,8 +64,8 @@ TEST(Root, IsTheCorrectlyRoundedRootOnEveryLevel) {
 
 TEST(Root, TakesZerosInfinityDenormalsAndNoNumbers) {
     support::onEveryLevel([] {
-        const std::vector<float> source{0.0f, -0.0f,    infinity, std::numeric_limits<float>::denorm_min(),
-                                        nan,  0x1p-140f};
+        const std::vector<float> source{
+            0.0f, -0.0f, infinity, std::numeric_limits<float>::denorm_min(), nan, 0x1p-140f};
         std::vector<float> root(source.size());
         vsqsbSqrt2(source.data(), root.data(), int(source.size()));
         EXPECT_EQ(pattern(root[0]), pattern(0.0f));
@@ -94,10 +94,10 @@ TEST(Root, ANegativeElementIsRefusedAfterTheWholeArrayAndLeavesItsDestinationAlo
     });
     const float source[3] = {1, -1, 1};
     float root[3] = {};
-    expectRefused([&] { vsqsbSqrt2(source, root, 3); }, "Element of input vector is negative", "vsqsbSqrt2",
-                  "vsqmisc");
-    expectRefused([&] { vsqsbSqrt1(source, root, 3); }, "Element of input vector is negative", "vsqsbSqrt1",
-                  "vsqmisc");
+    expectRefused([&] { vsqsbSqrt2(source, root, 3); }, "Element of input vector is negative",
+                  "vsqsbSqrt2", "vsqmisc");
+    expectRefused([&] { vsqsbSqrt1(source, root, 3); }, "Element of input vector is negative",
+                  "vsqsbSqrt1", "vsqmisc");
 }
 
 TEST(Root, RefusesBadArgumentsInOrder) {
@@ -110,7 +110,8 @@ TEST(Root, RefusesBadArgumentsInOrder) {
 
 // --- thresholds ---
 
-// The rule in terms of values, for numbers: zeros of both signs and not-a-numbers have tests of their own.
+// The rule in terms of values, for numbers: zeros of both signs and not-a-numbers have tests of
+// their own.
 float thresholded(float value, float thresh, int relOp) {
     const bool mayReplace = thresh >= 0 || value < 0;
     return mayReplace && (relOp == 0 ? value < thresh : value > thresh) ? thresh : value;
@@ -172,7 +173,8 @@ TEST(InvThresh, InvertsWithTheMagnitudeHeldAboveTheThreshold) {
                 std::vector<float> expected = randomFloats(n, -5, 5, unsigned(n));
                 Guarded<float> a(expected);
                 for (float& value : expected)
-                    value = 1.0f / (std::fabs(value) < thresh ? std::copysign(thresh, value) : value);
+                    value =
+                        1.0f / (std::fabs(value) < thresh ? std::copysign(thresh, value) : value);
                 vsqsbInvThresh1(a.data(), n, thresh);
                 expectSame(a.values(), expected);
                 EXPECT_TRUE(a.intact());
@@ -201,20 +203,21 @@ TEST(InvThresh, AZeroElementUnderAZeroThresholdIsRefused) {
         }
     });
     float zero = 0;
-    expectRefused([&] { vsqsbInvThresh1(&zero, 1, 0); }, "zero element and zero thresh", "vsqsbInvThresh1",
-                  "vsqmisc");
+    expectRefused([&] { vsqsbInvThresh1(&zero, 1, 0); }, "zero element and zero thresh",
+                  "vsqsbInvThresh1", "vsqmisc");
 }
 
 TEST(InvThresh, RefusesBadArgumentsInOrder) {
     float a = 1;
     expectRefused([&] { vsqsbInvThresh1(nullptr, 0, -1); }, "len<=0", "vsqsbInvThresh1", "vsqmisc");
     expectRefused([&] { vsqsbInvThresh1(nullptr, 1, -1); }, "vec==0", "vsqsbInvThresh1", "vsqmisc");
-    expectRefused([&] { vsqsbInvThresh1(&a, 1, -1e-40f); }, "thresh<0.0f", "vsqsbInvThresh1", "vsqmisc");
+    expectRefused([&] { vsqsbInvThresh1(&a, 1, -1e-40f); }, "thresh<0.0f", "vsqsbInvThresh1",
+                  "vsqmisc");
 }
 
 #if defined(__SSE2__)
-// An application may run with exceptions unmasked; the kernels must not trap, and must leave the masks as
-// they were.
+// An application may run with exceptions unmasked; the kernels must not trap, and must leave the
+// masks as they were.
 TEST(FloatingPointMasks, AreChangedForTheCallAndRestored) {
     const unsigned before = __builtin_ia32_stmxcsr();
     const unsigned unmasked = before & ~0x1F80u & ~0x3Fu;
@@ -287,9 +290,12 @@ TEST(Complex, RefusesBadArgumentsInOrder) {
     expectRefused([&] { vsqcbMag(nullptr, nullptr, 0); }, "length<=0", "vsqcbMag", "vsqmisc");
     expectRefused([&] { vsqcbMag(nullptr, nullptr, 1); }, "mag==0", "vsqcbMag", "vsqmisc");
     expectRefused([&] { vsqcbMag(nullptr, a, 1); }, "src==0", "vsqcbMag", "vsqmisc");
-    expectRefused([&] { vsqcbPowerSpectr(nullptr, nullptr, 0); }, "length<=0", "vsqcbPowerSpectr", "vsqmisc");
-    expectRefused([&] { vsqcbPowerSpectr(nullptr, nullptr, 1); }, "spectr==0", "vsqcbPowerSpectr", "vsqmisc");
-    expectRefused([&] { vsqcbPowerSpectr(nullptr, a, 1); }, "src==0", "vsqcbPowerSpectr", "vsqmisc");
+    expectRefused([&] { vsqcbPowerSpectr(nullptr, nullptr, 0); }, "length<=0", "vsqcbPowerSpectr",
+                  "vsqmisc");
+    expectRefused([&] { vsqcbPowerSpectr(nullptr, nullptr, 1); }, "spectr==0", "vsqcbPowerSpectr",
+                  "vsqmisc");
+    expectRefused([&] { vsqcbPowerSpectr(nullptr, a, 1); }, "src==0", "vsqcbPowerSpectr",
+                  "vsqmisc");
 }
 
 } // namespace

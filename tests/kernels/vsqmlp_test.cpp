@@ -1,7 +1,8 @@
-// The inner loops of perceptrons, against one scalar loop after the other, and the table of the sigmoid.
+// The inner loops of perceptrons, against one scalar loop after the other, and the table of the
+// sigmoid.
+#include "recognition/vsqmlp_table.h"
 #include "support/every_level.h"
 #include "support/guarded.h"
-#include "recognition/vsqmlp_table.h"
 
 #include <gtest/gtest.h>
 
@@ -42,7 +43,8 @@ long double unroundedSigmoid(float x) {
     if (x < -104.0f) return 0.0L;
     if (x == 17.0f || x <= -78.0f) return trueSigmoid(x);
     const int k = int(std::fabs(x));
-    const long double value = polynomialOf(vsq::kSigmoidRows[k], static_cast<long double>(k) - std::fabs(x));
+    const long double value =
+        polynomialOf(vsq::kSigmoidRows[k], static_cast<long double>(k) - std::fabs(x));
     return x >= 0.0f ? 1.0L - value : value;
 }
 
@@ -131,7 +133,8 @@ TEST(SigmoidKernel, RoundsThePolynomialOnce) {
         vsq::kernels().mlp->sigmoid(x.data(), y.data(), int(x.size()));
         for (std::size_t i = 0; i < x.size(); ++i) {
             const long double value = unroundedSigmoid(x[i]);
-            ASSERT_LE(std::fabs(y[i] - value), halfUnit(value) * 1.000001L + value * 0x1p-50L) << x[i];
+            ASSERT_LE(std::fabs(y[i] - value), halfUnit(value) * 1.000001L + value * 0x1p-50L)
+                << x[i];
         }
     });
 }
@@ -147,7 +150,8 @@ TEST(SigmoidKernel, GivesTheSameBitsOnEveryLevel) {
     });
 }
 
-// Blocks of every length, with and without far elements among near ones, give each element what it has alone.
+// Blocks of every length, with and without far elements among near ones, give each element what it
+// has alone.
 TEST(SigmoidKernel, TreatsEachElementByItselfAndWritesNothingElse) {
     const std::vector<float> pool = sigmoidArguments();
     support::onEveryLevel([&] {
@@ -207,7 +211,8 @@ TEST(WordSigmoidKernel, IsTheFormulaForAllScales) {
                     in[i] = i < 100 ? int(random()) : int(random()) >> (random() % 31);
                 in[0] = INT32_MIN, in[1] = INT32_MAX, in[2] = 0, in[3] = -1, in[4] = 1;
                 Guarded<short> out(in.size());
-                vsq::kernels().mlp->sigmoidW(in.data(), out.data(), int(in.size()), inBits, outBits);
+                vsq::kernels().mlp->sigmoidW(in.data(), out.data(), int(in.size()), inBits,
+                                             outBits);
                 EXPECT_TRUE(out.intact());
                 for (std::size_t i = 0; i < in.size(); ++i)
                     ASSERT_EQ(out[i], formula(in[i], inBits, outBits))
@@ -216,7 +221,8 @@ TEST(WordSigmoidKernel, IsTheFormulaForAllScales) {
     });
 }
 
-// Every 16-bit result's neighbourhood: sums in small steps over the whole range in which results differ.
+// Every 16-bit result's neighbourhood: sums in small steps over the whole range in which results
+// differ.
 TEST(WordSigmoidKernel, IsTheFormulaInSmallSteps) {
     support::onEveryLevel([] {
         std::vector<int> in;
@@ -310,13 +316,14 @@ TEST(DescendKernel, ChangesWeightsInDoubleAndRoundsEachOnce) {
                     newWeights.emplace_back(), newPrevious.emplace_back();
                     const double g = double(deltas[k]) * rate;
                     for (std::size_t i = 0; i < x.size(); ++i) {
-                        const double delta = double(x[i]) * g + double(previous.rows[k][i]) * momentum;
+                        const double delta =
+                            double(x[i]) * g + double(previous.rows[k][i]) * momentum;
                         newWeights[k].push_back(float(double(weights.rows[k][i]) + delta));
                         newPrevious[k].push_back(float(delta));
                     }
                 }
-                vsq::kernels().mlp->descend(weights.pointers.data(), previous.pointers.data(), x.data(),
-                                            deltas.data(), rate, momentum, count, n);
+                vsq::kernels().mlp->descend(weights.pointers.data(), previous.pointers.data(),
+                                            x.data(), deltas.data(), rate, momentum, count, n);
                 EXPECT_TRUE(weights.intact() && previous.intact());
                 for (std::size_t k = 0; k < deltas.size(); ++k) {
                     ASSERT_EQ(weights.rows[k].values(), newWeights[k]) << n << ' ' << k;
@@ -337,7 +344,8 @@ TEST(WeighDeltasKernel, AddsRowsInAscendingOrderInDouble) {
                 for (std::size_t k = 0; k < deltas.size(); ++k)
                     deltas[k] = normal(random);
                 Guarded<double> sums(std::size_t(n), -1.0);
-                vsq::kernels().mlp->weighDeltas(sums.data(), rows.pointers.data(), deltas.data(), count, n);
+                vsq::kernels().mlp->weighDeltas(sums.data(), rows.pointers.data(), deltas.data(),
+                                                count, n);
                 EXPECT_TRUE(sums.intact());
                 for (std::size_t i = 0; i < sums.size(); ++i) {
                     double sum = 0;

@@ -1,5 +1,5 @@
-// Norms. The float reference sums plainly in long double; n terms summed in double may stray by n units of
-// 2^-53.
+// Norms. The float reference sums plainly in long double; n terms summed in double may stray by n
+// units of 2^-53.
 #include "support/every_level.h"
 #include "support/kernel_reports.h"
 
@@ -65,12 +65,14 @@ TEST(Norm, OfOneVectorAndOfADifferenceOnEveryLevel) {
 TEST(Norm, RelativeFormsDivideByTheNormOfTheFirst) {
     support::onEveryLevel([] {
         for (int n : {1, 2, 15, 16, 17, 100}) {
-            const std::vector<float> a = randomValues<float>(n, 5, 1000), b = randomValues<float>(n, 6, 1000);
+            const std::vector<float> a = randomValues<float>(n, 5, 1000),
+                                     b = randomValues<float>(n, 6, 1000);
             for (int norm : norms) {
                 long double expected =
                     sumUnder(a.data(), b.data(), n, norm) / sumUnder(a.data(), nullptr, n, norm);
                 expected = norm == VSQ_NormRoot ? std::sqrt(expected) : expected;
-                expectNear(vsqsNorm(a.data(), b.data(), n, norm | VSQ_NormRelative), expected, 2 * n);
+                expectNear(vsqsNorm(a.data(), b.data(), n, norm | VSQ_NormRelative), expected,
+                           2 * n);
             }
         }
     });
@@ -78,7 +80,8 @@ TEST(Norm, RelativeFormsDivideByTheNormOfTheFirst) {
 
 TEST(Norm, AllLevelsGiveTheSameBits) {
     for (int n : {1, 15, 39, 400, 4097}) {
-        const std::vector<float> a = randomValues<float>(n, 7, 1 << 23), b = randomValues<float>(n, 8, 77777);
+        const std::vector<float> a = randomValues<float>(n, 7, 1 << 23),
+                                 b = randomValues<float>(n, 8, 77777);
         for (int norm : norms) {
             vsq::selectLevel(vsq::Level::baseline);
             const double one = vsqsNorm(a.data(), nullptr, n, norm),
@@ -118,7 +121,8 @@ TEST(Norm, BelowTheSmallestNormalFloatCountsAsNothing) {
     EXPECT_EQ(vsqsNorm(tiny, zero, 1, 9), 0.0);         // the difference is denormal
     EXPECT_EQ(vsqsNorm(tiny, one, 1, 9), largestFloat); // so is the divisor
     EXPECT_EQ(vsqsNorm(small, zero, 1, 9), 1.0);        // the smallest normal is not below itself
-    const float squareTiny[1] = {1e-20f}; // its square lies below, and it is the squares that are tested
+    // its square lies below, and it is the squares that are tested
+    const float squareTiny[1] = {1e-20f};
     EXPECT_EQ(vsqsNorm(squareTiny, zero, 1, VSQ_NormRoot | VSQ_NormRelative), 0.0);
 }
 
@@ -146,7 +150,8 @@ TEST(Norm, RefusesBadArgumentsInOrder) {
     expectRefused([] { vsqsNorm(nullptr, nullptr, 0, 3); }, "n<=0", "vsqsNorm", "vsqnorm");
     expectRefused([] { vsqsNorm(nullptr, nullptr, 1, 3); }, "srcA==0", "vsqsNorm", "vsqnorm");
     for (int flags : {0, 3, 5, 6, 7, 8, 11, 0x14, 0x18 | 1, 0x20, 0x21, 0x40, -1})
-        expectRefused([&] { vsqsNorm(a, nullptr, 1, flags); }, "flag is wrong", "vsqsNorm", "vsqnorm");
+        expectRefused([&] { vsqsNorm(a, nullptr, 1, flags); }, "flag is wrong", "vsqsNorm",
+                      "vsqnorm");
 }
 
 // --- fixed norms ---
@@ -183,13 +188,15 @@ TEST(FixedNorm, IsExactOnEveryLevel) {
                 const auto a = randomValues<short>(n, unsigned(n), limit),
                            b = randomValues<short>(n, unsigned(n + 500), limit);
                 for (int norm : norms) {
-                    for (const short* second :
-                         {static_cast<const short*>(nullptr), static_cast<const short*>(b.data())}) {
+                    for (const short* second : {static_cast<const short*>(nullptr),
+                                                static_cast<const short*>(b.data())}) {
                         Wide expected = sumUnder(a.data(), second, n, norm);
                         expected = norm == VSQ_NormRoot ? rootOf(expected) : expected;
                         EXPECT_EQ(vsqwNorm(a.data(), second, n, norm), held(expected));
-                        EXPECT_EQ(vsqwNormExt(a.data(), second, n, norm, 0, nullptr), held(expected));
-                        EXPECT_EQ(vsqwNormExt(a.data(), second, n, norm, 1, nullptr), held(expected));
+                        EXPECT_EQ(vsqwNormExt(a.data(), second, n, norm, 0, nullptr),
+                                  held(expected));
+                        EXPECT_EQ(vsqwNormExt(a.data(), second, n, norm, 1, nullptr),
+                                  held(expected));
                     }
                 }
             }
@@ -206,7 +213,8 @@ TEST(FixedNorm, HoldsTheWidestDifferencesAndLongSums) {
         EXPECT_EQ(vsqwNorm(low.data(), high.data(), n, VSQ_NormSum), 0x7FFFFFFF); // 6.5e9 saturates
         EXPECT_EQ(vsqwNorm(low.data(), high.data(), 32000, VSQ_NormSum), 32000 * 65535);
         EXPECT_EQ(vsqwNorm(low.data(), high.data(), n, VSQ_NormSquares), 0x7FFFFFFF);
-        EXPECT_EQ(vsqwNorm(low.data(), high.data(), n, VSQ_NormRoot), int(rootOf(Wide(n) * 65535 * 65535)));
+        EXPECT_EQ(vsqwNorm(low.data(), high.data(), n, VSQ_NormRoot),
+                  int(rootOf(Wide(n) * 65535 * 65535)));
         int factor = 99;
         EXPECT_EQ(vsqwNormExt(low.data(), high.data(), n, VSQ_NormSum, VSQ_AUTO_SCALE, &factor),
                   int(Wide(n) * 65535 >> 2));
@@ -277,13 +285,15 @@ TEST(FixedNorm, RefusesBadArgumentsInOrder) {
     expectRefused([] { vsqwNorm(nullptr, nullptr, 0, 3); }, "n<=0", "vsqwNorm", "vsqnorm");
     expectRefused([] { vsqwNorm(nullptr, nullptr, 1, 3); }, "srcA==0", "vsqwNorm", "vsqnorm");
     expectRefused([&] { vsqwNorm(a, nullptr, 1, 3); }, "flag is wrong", "vsqwNorm", "vsqnorm");
-    expectRefused([] { vsqwNormExt(nullptr, nullptr, 0, 3, 6, nullptr); }, "n<=0", "vsqwNormExt", "vsqnorm");
+    expectRefused([] { vsqwNormExt(nullptr, nullptr, 0, 3, 6, nullptr); }, "n<=0", "vsqwNormExt",
+                  "vsqnorm");
     expectRefused([] { vsqwNormExt(nullptr, nullptr, 1, 3, 6, nullptr); }, "srcA==0", "vsqwNormExt",
                   "vsqnorm");
-    expectRefused([&] { vsqwNormExt(a, nullptr, 1, 3, 6, nullptr); }, "flag is wrong", "vsqwNormExt",
-                  "vsqnorm");
+    expectRefused([&] { vsqwNormExt(a, nullptr, 1, 3, 6, nullptr); }, "flag is wrong",
+                  "vsqwNormExt", "vsqnorm");
     expectRefused([&] { vsqwNormExt(a, nullptr, 1, 1, 6, nullptr); },
-                  "scaleMode & VSQ_FIXED_SCALE && scaleMode & VSQ_AUTO_SCALE", "vsqwNormExt", "vsqnorm");
+                  "scaleMode & VSQ_FIXED_SCALE && scaleMode & VSQ_AUTO_SCALE", "vsqwNormExt",
+                  "vsqnorm");
     expectRefused([&] { vsqwNormExt(a, nullptr, 1, 1, 2, nullptr); },
                   "scaleMode & VSQ_FIXED_SCALE && (scaleFactor==NULL)", "vsqwNormExt", "vsqnorm");
     expectRefused([&] { vsqwNormExt(a, nullptr, 1, 1, 4, nullptr); },

@@ -56,9 +56,11 @@ TEST_F(TransformTables, TwiddlesAreTheRootsRoundedToFloat) {
         ASSERT_NE(table, nullptr);
         const std::size_t half = std::size_t{1} << (order - 1);
         for (std::size_t k = 0; k < half; ++k) {
-            const long double angle = pi * static_cast<long double>(k) / static_cast<long double>(half);
+            const long double angle =
+                pi * static_cast<long double>(k) / static_cast<long double>(half);
             // Half a unit in the last place of a number below 1, and the double's own error.
-            ASSERT_NEAR(table[2 * k], static_cast<double>(std::cos(angle)), 2.99e-8) << order << " " << k;
+            ASSERT_NEAR(table[2 * k], static_cast<double>(std::cos(angle)), 2.99e-8)
+                << order << " " << k;
             ASSERT_NEAR(table[2 * k + 1], static_cast<double>(-std::sin(angle)), 2.99e-8)
                 << order << " " << k;
         }
@@ -227,7 +229,8 @@ TEST(WorkingTables, RootsThatMirrorEachOtherAreExactMirrorImages) {
         for (unsigned long long k = 1; k < n; ++k) {
             EXPECT_EQ(vsq::unitRoot(k, order).re, vsq::unitRoot(n - k, order).re);
             EXPECT_EQ(vsq::unitRoot(k, order).im, -vsq::unitRoot(n - k, order).im);
-            const long double angle = 2.0L * pi * static_cast<long double>(k) / static_cast<long double>(n);
+            const long double angle =
+                2.0L * pi * static_cast<long double>(k) / static_cast<long double>(n);
             EXPECT_NEAR(vsq::unitRoot(k, order).re, static_cast<double>(std::cos(angle)), 3e-16);
             EXPECT_NEAR(vsq::unitRoot(k, order).im, static_cast<double>(-std::sin(angle)), 3e-16);
         }

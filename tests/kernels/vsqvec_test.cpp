@@ -86,11 +86,13 @@ TYPED_TEST(VectorFills, RefuseTheLengthFirstThenSourceThenDestination) {
     for (int n : {0, -1, std::numeric_limits<int>::min()}) {
         expectRefused([&] { V::zero(nullptr, n); }, "n<=0", name<TypeParam>("Zero"), "vsqvec");
         expectRefused([&] { V::set(1, nullptr, n); }, "n<=0", name<TypeParam>("Set"), "vsqvec");
-        expectRefused([&] { V::copy(nullptr, nullptr, n); }, "n<=0", name<TypeParam>("Copy"), "vsqvec");
+        expectRefused([&] { V::copy(nullptr, nullptr, n); }, "n<=0", name<TypeParam>("Copy"),
+                      "vsqvec");
     }
     expectRefused([&] { V::zero(nullptr, 1); }, "dst==0", name<TypeParam>("Zero"), "vsqvec");
     expectRefused([&] { V::set(1, nullptr, 1); }, "dst==0", name<TypeParam>("Set"), "vsqvec");
-    expectRefused([&] { V::copy(nullptr, nullptr, 1); }, "src==0", name<TypeParam>("Copy"), "vsqvec");
+    expectRefused([&] { V::copy(nullptr, nullptr, 1); }, "src==0", name<TypeParam>("Copy"),
+                  "vsqvec");
     expectRefused([&] { V::copy(a, nullptr, 1); }, "dst==0", name<TypeParam>("Copy"), "vsqvec");
     EXPECT_EQ(a[0], TypeParam(1));
 }

@@ -14,7 +14,8 @@ using namespace mixtures;
 
 namespace {
 
-constexpr char bothOrNeither[] = "One of InverseCov or InverseCovD must be NULL and the other non NULL";
+constexpr char bothOrNeither[] =
+    "One of InverseCov or InverseCovD must be NULL and the other non NULL";
 constexpr char noBlock[] = "insufficiency of memory for pointer  ptr";
 constexpr char noTable[] = "insufficiency of memory for pointer  ptr2";
 
@@ -26,7 +27,8 @@ int imageBytes(int nDim, int nMix, bool full, int e) {
     return 0x3f + means + covariance + mixPad * (e == 4 ? 12 : 6);
 }
 
-void expectReport(const support::CapturedReports& reports, int status, const char* text, const char* name) {
+void expectReport(const support::CapturedReports& reports, int status, const char* text,
+                  const char* name) {
     ASSERT_EQ(reports.count(), 1u);
     EXPECT_EQ(reports[0].status, status);
     EXPECT_EQ(reports[0].message, text);
@@ -77,7 +79,8 @@ TEST(GaussServer, FloatBlockFollowsTheLayout) {
                     for (int i = 0; i < nDim; ++i)
                         EXPECT_EQ(tables[k][i], tables[0][0] + (k * nDim + i) * dimPad);
                 }
-                EXPECT_EQ(static_cast<void*>(tables[0][0]), static_cast<void*>(tables[0] + nMix * dimPad));
+                EXPECT_EQ(static_cast<void*>(tables[0][0]),
+                          static_cast<void*>(tables[0] + nMix * dimPad));
                 EXPECT_EQ(s->ppInverseCovD, nullptr);
             } else {
                 EXPECT_EQ(behind, s->ppInverseCovD);
@@ -110,8 +113,8 @@ TEST(GaussServer, FixedBlockFollowsTheLayout) {
                 EXPECT_EQ(address(rows[k]) % 8, 0u);
                 EXPECT_EQ(rows[k], rows[0] + k * dimPad);
             }
-            EXPECT_EQ(s->flags,
-                      GAUSS_SERVER_FVR_W | KT_GAUSS_NORMALIZE | (full ? KT_GAUSS_FULL : KT_GAUSS_DIAGONAL));
+            EXPECT_EQ(s->flags, GAUSS_SERVER_FVR_W | KT_GAUSS_NORMALIZE |
+                                    (full ? KT_GAUSS_FULL : KT_GAUSS_DIAGONAL));
             EXPECT_EQ(s->nBytes, imageBytes(nDim, nMix, full, 2));
             EXPECT_EQ(s->scale, -7);
         }
@@ -131,7 +134,8 @@ TEST(GaussServer, InputsAreCopiedAndPaddingIsZero) {
                       k < 3 ? original.weights[std::size_t(k)] : 0.0f);
         for (std::size_t k = 0; k < 3; ++k)
             for (std::size_t i = 0; i < 16; ++i) {
-                EXPECT_EQ(ktl::gauss::means<float>(server.get())[k][i], i < 13 ? original.means[k][i] : 0.0f);
+                EXPECT_EQ(ktl::gauss::means<float>(server.get())[k][i],
+                          i < 13 ? original.means[k][i] : 0.0f);
                 for (std::size_t j = 0; full && i < 13 && j < 16; ++j)
                     EXPECT_EQ(ktl::gauss::matrices<float>(server.get())[k][i][j],
                               j < 13 ? original.matrices[k][i][j] : 0.0f);
@@ -158,8 +162,9 @@ TEST(GaussServer, NormalizeFoldsTheDeterminantIntoTheWeights) {
                     for (const float v : mixture.diagonals[k])
                         det *= double(v);
                 const double expected = double(mixture.weights[k]) * std::sqrt(std::fabs(det));
-                // Diagonals round once. Elimination in float: n^2 roundings of 2^-24 on elements whose growth
-                // the positive definite matrices bound, against pivots of at least 0.5.
+                // Diagonals round once. Elimination in float: n^2 roundings of 2^-24 on elements
+                // whose growth the positive definite matrices bound, against pivots of at least
+                // 0.5.
                 const double tolerance = full ? expected * n * n * 0x1p-20 : expected * 0x1p-23;
                 EXPECT_NEAR(double(server->pNormWeights[k]), expected, tolerance) << n;
                 EXPECT_EQ(ktl::gauss::weights<float>(server.get())[k], mixture.weights[k]);
@@ -189,10 +194,12 @@ TEST(GaussServer, FullDeterminantOfManyFactorsNeitherOverflowsNorUnderflowsOnThe
         m.weights = {1};
         m.means = {std::vector<float>(40, 0)};
         m.matrices = {Rows<float>(40, std::vector<float>(40, 0))};
-        for (std::size_t i = 0; i < 40; ++i) // 10^380 or 10^-380 first, then back to 1; no pivot below 10^-20
+        // 10^380 or 10^-380 first, then back to 1; no pivot below 10^-20
+        for (std::size_t i = 0; i < 40; ++i)
             m.matrices[0][i][i] = (i < 20) == largeFirst ? 1e19f : 1e-19f;
         const Server server = m.server(KT_GAUSS_NORMALIZE);
-        EXPECT_NEAR(server->pNormWeights[0], 1.0f, 1e-5f); // their floats are within 2^-24, 20 times each
+        // their floats are within 2^-24, 20 times each
+        EXPECT_NEAR(server->pNormWeights[0], 1.0f, 1e-5f);
     }
 }
 
@@ -240,7 +247,8 @@ TEST(GaussServer, PivotBelowTheLimitMeansADeterminantOfZero) {
     m.means = {{0, 0}, {0, 0}};
     m.matrices = {{{1e20f, 0}, {0, 1e-20f}}, {{1e20f, 0}, {0, 0.99e-20f}}};
     const Server server = m.server(KT_GAUSS_NORMALIZE);
-    EXPECT_NEAR(server->pNormWeights[0], 1.0f, 1e-6f); // the float 1e-20 is the limit itself and passes
+    // the float 1e-20 is the limit itself and passes
+    EXPECT_NEAR(server->pNormWeights[0], 1.0f, 1e-6f);
     EXPECT_EQ(server->pNormWeights[1], 0.0f);
 }
 
@@ -289,9 +297,9 @@ TEST(GaussServer, FixedBothOrNeitherCovarianceIsRefused) {
     short** tables[] = {rows};
     for (const bool both : {false, true}) {
         support::CapturedReports reports;
-        EXPECT_EQ(
-            KTwInitGaussMixServer(&weight, rows, both ? tables : nullptr, both ? rows : nullptr, 1, 1, 0, 0),
-            nullptr);
+        EXPECT_EQ(KTwInitGaussMixServer(&weight, rows, both ? tables : nullptr,
+                                        both ? rows : nullptr, 1, 1, 0, 0),
+                  nullptr);
         expectReport(reports, -5, bothOrNeither, "KTwInitGaussMixServer");
     }
 }
@@ -313,8 +321,8 @@ TEST(GaussServer, ExhaustionIsReportedAndNothingStaysAllocated) {
         for (auto& table : matrixRows)
             tables.push_back(table.data());
         support::alloc::arm(text == noBlock ? 1 : 2);
-        const auto* server = KTsInitGaussMixServer(rows.weights.data(), means.data(), tables.data(), nullptr,
-                                                   13, 3, KT_GAUSS_NORMALIZE);
+        const auto* server = KTsInitGaussMixServer(rows.weights.data(), means.data(), tables.data(),
+                                                   nullptr, 13, 3, KT_GAUSS_NORMALIZE);
         support::alloc::disarm();
         EXPECT_EQ(server, nullptr);
         expectReport(reports, -4, text, "KTsInitGaussMixServer");
@@ -328,8 +336,8 @@ TEST(GaussServer, ExhaustionIsReportedAndNothingStaysAllocated) {
     support::CapturedReports reports;
     auto means = pointers(words.means), diagonals = pointers(words.diagonals);
     support::alloc::arm(1);
-    const auto* server =
-        KTwInitGaussMixServer(words.weights.data(), means.data(), nullptr, diagonals.data(), 13, 3, 0, 0);
+    const auto* server = KTwInitGaussMixServer(words.weights.data(), means.data(), nullptr,
+                                               diagonals.data(), 13, 3, 0, 0);
     support::alloc::disarm();
     EXPECT_EQ(server, nullptr);
     expectReport(reports, -4, noBlock, "KTwInitGaussMixServer");

@@ -31,8 +31,8 @@ std::vector<short> randomShorts(int n, int low, int high) {
     return result;
 }
 
-// Rows of a lower triangle and nothing behind their diagonals, each in a block of its own that a sanitizer
-// guards.
+// Rows of a lower triangle and nothing behind their diagonals, each in a block of its own that a
+// sanitizer guards.
 template <class T>
 struct Triangle {
     std::vector<std::vector<T>> rows;
@@ -80,11 +80,14 @@ double floatUlp(long double value) {
 TEST(Mahalanobis, DiagonalIsWithinAFloatUlpOfTheExactValue) {
     support::onEveryLevel([] {
         for (int n = 1; n <= 200; ++n) {
-            const auto x = randomFloats(n, -9, 9), y = randomFloats(n, -9, 9), c = randomFloats(n, 0.01f, 5);
+            const auto x = randomFloats(n, -9, 9), y = randomFloats(n, -9, 9),
+                       c = randomFloats(n, 0.01f, 5);
             const long double exact = exactDiagonal(x.data(), y.data(), c.data(), n);
-            EXPECT_NEAR(KTsMahalanobisD(x.data(), y.data(), c.data(), n, 0), double(exact), floatUlp(exact));
+            EXPECT_NEAR(KTsMahalanobisD(x.data(), y.data(), c.data(), n, 0), double(exact),
+                        floatUlp(exact));
             const long double root = std::sqrt(exact);
-            EXPECT_NEAR(KTsMahalanobisD(x.data(), y.data(), c.data(), n, 1), double(root), floatUlp(root));
+            EXPECT_NEAR(KTsMahalanobisD(x.data(), y.data(), c.data(), n, 1), double(root),
+                        floatUlp(root));
         }
     });
 }
@@ -111,8 +114,8 @@ TEST(Mahalanobis, FullIsWithinAFloatUlpOfTheExactValue) {
     });
 }
 
-// Every element of the triangle carries its own power of two in turn, so that one left out or counted twice
-// shows.
+// Every element of the triangle carries its own power of two in turn, so that one left out or
+// counted twice shows.
 TEST(Mahalanobis, EveryElementOfTheTriangleCountsOnce) {
     support::onEveryLevel([] {
         for (int n : {7, 8, 9, 11, 12, 13, 39}) {
@@ -120,10 +123,11 @@ TEST(Mahalanobis, EveryElementOfTheTriangleCountsOnce) {
                 y(static_cast<std::size_t>(n), 0.0f);
             for (int i = 0; i < n; ++i)
                 for (int j = 0; j <= i; ++j) {
-                    Triangle<float> c(n,
-                                      [](int count) { return std::vector<float>(std::size_t(count), 0.0f); });
+                    Triangle<float> c(
+                        n, [](int count) { return std::vector<float>(std::size_t(count), 0.0f); });
                     c.rows[std::size_t(i)][std::size_t(j)] = 1.0f;
-                    EXPECT_EQ(KTsMahalanobis(x.data(), y.data(), c.pointers.data(), n, 0), i == j ? 1.0 : 2.0)
+                    EXPECT_EQ(KTsMahalanobis(x.data(), y.data(), c.pointers.data(), n, 0),
+                              i == j ? 1.0 : 2.0)
                         << n << ": " << i << ", " << j;
                 }
         }
@@ -132,7 +136,8 @@ TEST(Mahalanobis, EveryElementOfTheTriangleCountsOnce) {
 
 TEST(Mahalanobis, AllLevelsGiveTheSameBits) {
     for (int n : {1, 5, 13, 16, 17, 31, 32, 39, 64, 255, 256, 257, 272, 600}) {
-        const auto x = randomFloats(n, -9, 9), y = randomFloats(n, -9, 9), d = randomFloats(n, 0.01f, 5);
+        const auto x = randomFloats(n, -9, 9), y = randomFloats(n, -9, 9),
+                   d = randomFloats(n, 0.01f, 5);
         Triangle<float> c(n, [](int count) { return randomFloats(count, -1, 1); });
         vsq::selectLevel(vsq::Level::baseline);
         const double full = KTsMahalanobis(x.data(), y.data(), c.pointers.data(), n, 0);
@@ -169,9 +174,12 @@ TEST(Mahalanobis, EqualVectorsGiveExactlyZero) {
             for (int root = 0; root < 2; ++root) {
                 EXPECT_EQ(KTsMahalanobis(x.data(), x.data(), c.pointers.data(), n, root), 0.0);
                 EXPECT_EQ(KTsMahalanobisD(x.data(), x.data(), d.data(), n, root), 0.0);
+                EXPECT_EQ(KTwMahalanobis(w.data(), w.data(), wc.pointers.data(), n, root,
+                                         KT_NoScale, nullptr),
+                          0);
                 EXPECT_EQ(
-                    KTwMahalanobis(w.data(), w.data(), wc.pointers.data(), n, root, KT_NoScale, nullptr), 0);
-                EXPECT_EQ(KTwMahalanobisD(w.data(), w.data(), wd.data(), n, root, KT_NoScale, nullptr), 0);
+                    KTwMahalanobisD(w.data(), w.data(), wd.data(), n, root, KT_NoScale, nullptr),
+                    0);
             }
         }
     });
@@ -206,13 +214,16 @@ TEST(Mahalanobis, InfiniteDifferencesGiveInfiniteForms) {
         const float infinity = std::numeric_limits<float>::infinity();
         for (int n : {1, 2, 3, 5, 8, 13, 17, 39})
             for (int place = 0; place < n; ++place) {
-                std::vector<float> x(static_cast<std::size_t>(n), 1.0f), y(static_cast<std::size_t>(n), 0.0f);
+                std::vector<float> x(static_cast<std::size_t>(n), 1.0f),
+                    y(static_cast<std::size_t>(n), 0.0f);
                 const std::vector<float> d(static_cast<std::size_t>(n), 2.0f);
                 x[static_cast<std::size_t>(place)] = infinity;
-                Triangle<float> c(n, [](int count) { return std::vector<float>(std::size_t(count), 0.5f); });
+                Triangle<float> c(
+                    n, [](int count) { return std::vector<float>(std::size_t(count), 0.5f); });
                 EXPECT_EQ(KTsMahalanobis(x.data(), y.data(), c.pointers.data(), n, 0), infinity)
                     << n << " " << place;
-                EXPECT_EQ(KTsMahalanobisD(x.data(), y.data(), d.data(), n, 1), infinity) << n << " " << place;
+                EXPECT_EQ(KTsMahalanobisD(x.data(), y.data(), d.data(), n, 1), infinity)
+                    << n << " " << place;
             }
     });
 }
@@ -231,37 +242,42 @@ TEST(Mahalanobis, FixedPointIsExact) {
             const auto x = randomShorts(n, -32768, 32767), y = randomShorts(n, -32768, 32767);
             const auto d = randomShorts(n, -32768, 32767);
             Triangle<short> c(n, [](int count) { return randomShorts(count, -32768, 32767); });
-            // Sums of these stay below 2^53 wherever they are cut, or the comparison would prove nothing.
+            // Sums of these stay below 2^53 wherever they are cut, or the comparison would prove
+            // nothing.
             const long double full = exactFull(x.data(), y.data(), c.pointers.data(), n);
             const long double diagonal = exactDiagonal(x.data(), y.data(), d.data(), n);
             ASSERT_LT(std::fabs(full), 9007199254740992.0L);
             int scale = 0, exactScale = 0;
             const int expectedFull = KTdiConvertDown(double(full), KT_AutoScale, &exactScale);
-            EXPECT_EQ(KTwMahalanobis(x.data(), y.data(), c.pointers.data(), n, 0, KT_AutoScale, &scale),
-                      expectedFull);
+            EXPECT_EQ(
+                KTwMahalanobis(x.data(), y.data(), c.pointers.data(), n, 0, KT_AutoScale, &scale),
+                expectedFull);
             EXPECT_EQ(scale, exactScale);
             const int expected = KTdiConvertDown(double(diagonal), KT_AutoScale, &exactScale);
-            EXPECT_EQ(KTwMahalanobisD(x.data(), y.data(), d.data(), n, 0, KT_AutoScale, &scale), expected);
+            EXPECT_EQ(KTwMahalanobisD(x.data(), y.data(), d.data(), n, 0, KT_AutoScale, &scale),
+                      expected);
             EXPECT_EQ(scale, exactScale);
         }
     });
 }
 
-// The largest product of an element with a difference is 2^31 in magnitude, and must not wrap on its way.
+// The largest product of an element with a difference is 2^31 in magnitude, and must not wrap on
+// its way.
 TEST(Mahalanobis, FixedPointExtremes) {
     support::onEveryLevel([] {
         const std::vector<short> top(40, 32767), bottom(40, -32768);
-        Triangle<short> c(40,
-                          [](int count) { return std::vector<short>(std::size_t(count), short(-32768)); });
+        Triangle<short> c(
+            40, [](int count) { return std::vector<short>(std::size_t(count), short(-32768)); });
         for (int n : {1, 2, 16, 17, 40}) {
             const double form = -32768.0 * 65535.0 * 65535.0 * n * n;
             int scale = 0;
-            const int result =
-                KTwMahalanobis(top.data(), bottom.data(), c.pointers.data(), n, 0, KT_AutoScale, &scale);
+            const int result = KTwMahalanobis(top.data(), bottom.data(), c.pointers.data(), n, 0,
+                                              KT_AutoScale, &scale);
             int expectedScale = 0;
             EXPECT_EQ(result, KTdiConvertDown(form, KT_AutoScale, &expectedScale)) << n;
             EXPECT_EQ(scale, expectedScale);
-            EXPECT_EQ(KTwMahalanobisD(top.data(), bottom.data(), bottom.data(), n, 0, KT_Saturate, &scale),
+            EXPECT_EQ(KTwMahalanobisD(top.data(), bottom.data(), bottom.data(), n, 0, KT_Saturate,
+                                      &scale),
                       -2147483647 - 1);
             EXPECT_EQ(scale, 0);
         }
@@ -279,7 +295,8 @@ TEST(Mahalanobis, FixedPointScaleModes) {
     EXPECT_EQ(scale, 0);
     EXPECT_EQ(KTwMahalanobisD(x, y, c, 2, 1, KT_NoScale, &scale), 4077);
     scale = -8;
-    EXPECT_EQ(KTwMahalanobisD(x, y, c, 2, 1, KT_FixedScale, &scale), int(std::sqrt(double(form)) * 256));
+    EXPECT_EQ(KTwMahalanobisD(x, y, c, 2, 1, KT_FixedScale, &scale),
+              int(std::sqrt(double(form)) * 256));
     const short row0[] = {100}, row1[] = {-30, 7}, *rows[] = {row0, row1};
     const int full = form + 2 * 30 * 400 * 300;
     EXPECT_EQ(KTwMahalanobis(x, y, rows, 2, 0, KT_NoScale, &scale), full);
@@ -323,7 +340,8 @@ TEST(Mahalanobis, SeveralRowsAtOnceGiveTheSameBitsAsOneByOne) {
                     ppWeights.push_back(weights[std::size_t(k)].data());
                 }
                 support::Guarded<double> panel{vsq::panelSize(rows, n)};
-                vsq::kernels().mahal->fillPanel(ppMeans.data(), ppWeights.data(), rows, n, panel.data());
+                vsq::kernels().mahal->fillPanel(ppMeans.data(), ppWeights.data(), rows, n,
+                                                panel.data());
                 EXPECT_TRUE(panel.intact());
                 for (int used : {n, n / 2, 0}) { // as much of the rows
                     support::Guarded<float> exponents{std::size_t(rows)};
@@ -331,9 +349,9 @@ TEST(Mahalanobis, SeveralRowsAtOnceGiveTheSameBitsAsOneByOne) {
                                                          exponents.data());
                     EXPECT_TRUE(exponents.intact());
                     for (std::size_t k = 0; k < exponents.size(); ++k)
-                        EXPECT_EQ(exponents[k],
-                                  static_cast<float>(
-                                      -0.5 * KTsMahalanobisD(x.data(), ppMeans[k], ppWeights[k], used, 0)));
+                        EXPECT_EQ(exponents[k], static_cast<float>(
+                                                    -0.5 * KTsMahalanobisD(x.data(), ppMeans[k],
+                                                                           ppWeights[k], used, 0)));
                 }
             }
     });

@@ -1,5 +1,5 @@
-// Handlers that clean up while an operation fails: they may release the source of the operation and the
-// thread's tables, and nothing of them is touched afterwards.
+// Handlers that clean up while an operation fails: they may release the source of the operation and
+// the thread's tables, and nothing of them is touched afterwards.
 #include "mixtures/mixtures.h"
 #include "support/alloc_faults.h"
 

@@ -31,7 +31,8 @@ Mixture<float> single(float weight, float mean, float inverse) {
     return m;
 }
 
-void expectReport(const support::CapturedReports& reports, int status, const char* text, const char* name) {
+void expectReport(const support::CapturedReports& reports, int status, const char* text,
+                  const char* name) {
     ASSERT_EQ(reports.count(), 1u);
     EXPECT_EQ(reports[0].status, status);
     EXPECT_EQ(reports[0].message, text);
@@ -54,7 +55,8 @@ TEST(ConvertDown, EveryElementTakesItsKindsScale) {
         const Server source = mixture.server();
         const Server fixed = down(source, -15, -10, -9);
         for (std::size_t k = 0; k < 3; ++k) {
-            EXPECT_EQ(ktl::gauss::weights<short>(fixed.get())[k], saturated(mixture.weights[k], -15));
+            EXPECT_EQ(ktl::gauss::weights<short>(fixed.get())[k],
+                      saturated(mixture.weights[k], -15));
             for (std::size_t i = 0; i < 8; ++i) {
                 EXPECT_EQ(ktl::gauss::means<short>(fixed.get())[k][i],
                           i < 7 ? saturated(mixture.means[k][i], -10) : 0);
@@ -78,9 +80,10 @@ TEST(ConvertDown, ElementsThatDoNotFitArePinned) {
     const struct {
         float value;
         int stored;
-    } cases[] = {{32767.0f, 32767}, {32766.999f, 32767 - 1}, {40000, 32767},      {1e30f, 32767},
-                 {INFINITY, 32767}, {-32767.0f, -32767},     {-32767.5f, -32767}, {-32768.0f, -32767},
-                 {-1e30f, -32767},  {-INFINITY, -32767},     {-32766.5f, -32766}, {0.99f, 0},
+    } cases[] = {{32767.0f, 32767},   {32766.999f, 32767 - 1}, {40000, 32767},
+                 {1e30f, 32767},      {INFINITY, 32767},       {-32767.0f, -32767},
+                 {-32767.5f, -32767}, {-32768.0f, -32767},     {-1e30f, -32767},
+                 {-INFINITY, -32767}, {-32766.5f, -32766},     {0.99f, 0},
                  {-0.99f, 0}};
     for (const auto& c : cases) {
         const Server fixed = down(single(1, c.value, 1).server(), -14, 0, 0);
@@ -90,7 +93,8 @@ TEST(ConvertDown, ElementsThatDoNotFitArePinned) {
     EXPECT_EQ(reports.count(), 0u);
 }
 
-// 2^1024 and more is beyond a double, and no zero may meet an infinity: neither an element nor padding.
+// 2^1024 and more is beyond a double, and no zero may meet an infinity: neither an element nor
+// padding.
 TEST(ConvertDown, ZerosStayZeroAtEveryScale) {
     Mixture<float> diagonal;
     diagonal.nDim = 3;
@@ -102,13 +106,16 @@ TEST(ConvertDown, ZerosStayZeroAtEveryScale) {
     full.matrices = {{{1, 0, 2}, {0, 0, 0}, {2, 0, 1}}, {{0, 0, -3}, {0, 1, 0}, {-3, 0, 0}}};
     const auto pinned = [](float v) { return v > 0 ? 0x7FFF : v < 0 ? -0x7FFF : 0; };
     for (auto* m : {&diagonal, &full})
-        for (const int scale : {-1023, -1024, -1025, -1087, -1088, -5000, -16384, INT_MIN + 1, INT_MIN}) {
+        for (const int scale :
+             {-1023, -1024, -1025, -1087, -1088, -5000, -16384, INT_MIN + 1, INT_MIN}) {
             const Server fixed = down(m->server(), scale, scale, scale);
             for (std::size_t k = 0; k < 4; ++k)
-                EXPECT_EQ(ktl::gauss::weights<short>(fixed.get())[k], k < 2 ? pinned(m->weights[k]) : 0);
+                EXPECT_EQ(ktl::gauss::weights<short>(fixed.get())[k],
+                          k < 2 ? pinned(m->weights[k]) : 0);
             for (std::size_t k = 0; k < 2; ++k)
                 for (std::size_t i = 0; i < 4; ++i) {
-                    EXPECT_EQ(ktl::gauss::means<short>(fixed.get())[k][i], i < 3 ? pinned(m->means[k][i]) : 0)
+                    EXPECT_EQ(ktl::gauss::means<short>(fixed.get())[k][i],
+                              i < 3 ? pinned(m->means[k][i]) : 0)
                         << scale;
                     if (!m->full()) {
                         EXPECT_EQ(ktl::gauss::diagonals<short>(fixed.get())[k][i],
@@ -124,7 +131,8 @@ TEST(ConvertDown, ZerosStayZeroAtEveryScale) {
 // Nor does an infinite element meet a factor that has vanished.
 TEST(ConvertDown, InfinitiesArePinnedAtEveryScale) {
     for (const int scale : {-1024, 0, 1023, 1074, 1075, 2000, INT_MAX}) {
-        const Server fixed = down(single(INFINITY, -INFINITY, INFINITY).server(), scale, scale, scale);
+        const Server fixed =
+            down(single(INFINITY, -INFINITY, INFINITY).server(), scale, scale, scale);
         EXPECT_EQ(ktl::gauss::weights<short>(fixed.get())[0], 0x7FFF) << scale;
         EXPECT_EQ(ktl::gauss::means<short>(fixed.get())[0][0], -0x7FFF) << scale;
         EXPECT_EQ(ktl::gauss::diagonals<short>(fixed.get())[0][0], 0x7FFF) << scale;
@@ -185,7 +193,8 @@ TEST(ConvertUp, RestoresThePlainWeights) {
             const double norm = m.weights[k] * 0x1p-14;
             EXPECT_EQ(s->pNormWeights[k], float(norm));
             const double plain = det == 0 ? norm : norm / std::sqrt(det);
-            EXPECT_NEAR(ktl::gauss::weights<float>(s.get())[k], plain, plain * (full ? 1e-3 : 0x1p-22));
+            EXPECT_NEAR(ktl::gauss::weights<float>(s.get())[k], plain,
+                        plain * (full ? 1e-3 : 0x1p-22));
         }
     }
 }
@@ -233,7 +242,8 @@ TEST(ConvertUp, ClearsTheBlockBit) {
     EXPECT_EQ(s->flags & KT_GAUSS_BLOCK, 0);
     // The bit has no say in the determinant.
     for (int k = 0; k < 2; ++k)
-        EXPECT_EQ(ktl::gauss::weights<float>(s.get())[k], ktl::gauss::weights<float>(plain.get())[k]);
+        EXPECT_EQ(ktl::gauss::weights<float>(s.get())[k],
+                  ktl::gauss::weights<float>(plain.get())[k]);
 }
 
 TEST(Convert, ThereAndBackKeepsTheObservations) {
@@ -313,7 +323,8 @@ TEST(Convert, ExhaustionIsReportedUnderTheInitialisersName) {
     const int failures = support::alloc::failEach(
         [&] { down(floats, 0, 0, 0); },
         [&] {
-            expectReport(reports, -4, "insufficiency of memory for pointer  ptr", "KTsInitGaussMixServer");
+            expectReport(reports, -4, "insufficiency of memory for pointer  ptr",
+                         "KTsInitGaussMixServer");
         });
     EXPECT_EQ(failures, 1);
     for (int failAt = 1; failAt <= 3; ++failAt) {

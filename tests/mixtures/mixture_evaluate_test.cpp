@@ -12,17 +12,19 @@ using namespace mixtures;
 
 namespace {
 
-// The likelihood by the plain sum, and the error that one rounding of the exponent to float, an exponential
-// and products within two units in the last place, and double sums allow.
+// The likelihood by the plain sum, and the error that one rounding of the exponent to float, an
+// exponential and products within two units in the last place, and double sums allow.
 struct Expected {
     double value = 0, error = 0;
 };
-Expected likelihood(const Mixture<float>& m, const float* normWeights, const std::vector<float>& x) {
+Expected likelihood(const Mixture<float>& m, const float* normWeights,
+                    const std::vector<float>& x) {
     Expected result;
     for (std::size_t k = 0; k < m.weights.size(); ++k) {
         if (m.weights[k] == 0 && !std::signbit(m.weights[k])) continue;
-        const double q = m.full() ? oracle::fullForm(wide(x), wide(m.means[k]), wide(m.matrices[k]))
-                                  : oracle::diagonalForm(wide(x), wide(m.means[k]), wide(m.diagonals[k]));
+        const double q =
+            m.full() ? oracle::fullForm(wide(x), wide(m.means[k]), wide(m.matrices[k]))
+                     : oracle::diagonalForm(wide(x), wide(m.means[k]), wide(m.diagonals[k]));
         const double exponent = -std::fabs(q) / 2;
         const double term = std::exp(exponent) * double(normWeights[k]);
         result.value += term;
@@ -43,7 +45,8 @@ TEST(SEval, AgreesWithThePlainSumOnEveryLevel) {
                     const Server server = mixture.server();
                     const auto x = randomVector(random, nDim, 1);
                     const auto expected = likelihood(mixture, server->pNormWeights, x);
-                    ASSERT_NEAR(KTsEvalGaussMix(server.get(), x.data(), nDim), expected.value, expected.error)
+                    ASSERT_NEAR(KTsEvalGaussMix(server.get(), x.data(), nDim), expected.value,
+                                expected.error)
                         << nDim << " " << nMix << " " << full;
                 }
     });
@@ -78,7 +81,8 @@ TEST(SEval, UsesTheFormsOfTheDistances) {
                     for (const auto& row : mixture.matrices[k])
                         rows.push_back(row.data());
                 const double q =
-                    full ? vsq::kernels().mahal->full(x.data(), mixture.means[k].data(), rows.data(), nDim)
+                    full ? vsq::kernels().mahal->full(x.data(), mixture.means[k].data(),
+                                                      rows.data(), nDim)
                          : vsq::kernels().mahal->diagonal(x.data(), mixture.means[k].data(),
                                                           mixture.diagonals[k].data(), nDim);
                 exponents.push_back(float(-std::fabs(q) * 0.5));
@@ -177,9 +181,11 @@ TEST(SEval, FewerDimensionsThanTheServersAreTheFirstOnes) {
                     for (auto& row : matrix)
                         row.resize(std::size_t(n));
                 }
-                const auto expected =
-                    likelihood(part, server->pNormWeights, std::vector<float>(x.begin(), x.begin() + n));
-                EXPECT_NEAR(KTsEvalGaussMix(server.get(), x.data(), n), expected.value, expected.error) << n;
+                const auto expected = likelihood(part, server->pNormWeights,
+                                                 std::vector<float>(x.begin(), x.begin() + n));
+                EXPECT_NEAR(KTsEvalGaussMix(server.get(), x.data(), n), expected.value,
+                            expected.error)
+                    << n;
             }
             EXPECT_EQ(KTsEvalGaussMix(server.get(), x.data(), 1000),
                       KTsEvalGaussMix(server.get(), x.data(), 14));
@@ -220,24 +226,32 @@ TEST(WEval, FollowsItsRulesToTheBitOnEveryLevel) {
                         if (nMix > 2) mixture.weights[1] = 0;
                         const Server server = mixture.server(0, scale);
                         const auto x = randomWords(random, nDim);
-                        const int frac = 1 - scale < 1 ? 0 : 1 - scale, shift = 1 - scale < 1 ? scale - 1 : 0;
+                        const int frac = 1 - scale < 1 ? 0 : 1 - scale,
+                                  shift = 1 - scale < 1 ? scale - 1 : 0;
                         std::vector<std::int32_t> values;
                         for (std::size_t k = 0; k < std::size_t(nMix); ++k) {
                             // Full forms of these sizes are exact in double and fit 32 bits.
                             const std::int32_t q =
-                                full ? std::int32_t(oracle::fullForm(wide(x), wide(mixture.means[k]),
-                                                                     wide(mixture.matrices[k])))
-                                     : oracle::wrappingForm(x, mixture.means[k], mixture.diagonals[k]);
-                            const auto shifted = std::uint32_t(q < 0 ? -std::int64_t(q) : q) << shift;
-                            values.push_back(mixture.weights[k] == 0
-                                                 ? 0
-                                                 : oracle::expFix(std::int32_t(0u - shifted), frac, 30));
+                                full
+                                    ? std::int32_t(oracle::fullForm(wide(x), wide(mixture.means[k]),
+                                                                    wide(mixture.matrices[k])))
+                                    : oracle::wrappingForm(x, mixture.means[k],
+                                                           mixture.diagonals[k]);
+                            const auto shifted = std::uint32_t(q < 0 ? -std::int64_t(q) : q)
+                                                 << shift;
+                            values.push_back(
+                                mixture.weights[k] == 0
+                                    ? 0
+                                    : oracle::expFix(std::int32_t(0u - shifted), frac, 30));
                         }
                         for (const int mode : {0, 1, 2, 3}) {
                             int pScale = -10, expectedScale = -10;
-                            const int expected = oracle::dotMix(values, mixture.weights, mode, expectedScale);
-                            ASSERT_EQ(KTwEvalGaussMix(server.get(), x.data(), nDim, mode, &pScale), expected)
-                                << nDim << " " << nMix << " " << scale << " " << mode << " " << full;
+                            const int expected =
+                                oracle::dotMix(values, mixture.weights, mode, expectedScale);
+                            ASSERT_EQ(KTwEvalGaussMix(server.get(), x.data(), nDim, mode, &pScale),
+                                      expected)
+                                << nDim << " " << nMix << " " << scale << " " << mode << " "
+                                << full;
                             ASSERT_EQ(pScale, expectedScale);
                         }
                     }
@@ -252,13 +266,16 @@ TEST(WEval, DiagonalFormsWrap) {
             m.nDim = nDim;
             m.nMix = 2;
             m.weights = {1, 1};
-            m.means = {randomWords(random, nDim, 32767), std::vector<short>(std::size_t(nDim), -32768)};
-            m.diagonals = {randomWords(random, nDim, 32767), std::vector<short>(std::size_t(nDim), -32768)};
+            m.means = {randomWords(random, nDim, 32767),
+                       std::vector<short>(std::size_t(nDim), -32768)};
+            m.diagonals = {randomWords(random, nDim, 32767),
+                           std::vector<short>(std::size_t(nDim), -32768)};
             const std::vector<short> x(std::size_t(nDim), 32767);
             const Server server = m.server(0, -30);
             for (int k = 0; k < 2; ++k)
-                ASSERT_EQ(ktl::gauss::fixedForm(server.get(), k, x.data(), nDim),
-                          oracle::wrappingForm(x, m.means[std::size_t(k)], m.diagonals[std::size_t(k)]));
+                ASSERT_EQ(
+                    ktl::gauss::fixedForm(server.get(), k, x.data(), nDim),
+                    oracle::wrappingForm(x, m.means[std::size_t(k)], m.diagonals[std::size_t(k)]));
             int scale = 0;
             KTwEvalGaussMix(server.get(), x.data(), nDim, 0, &scale);
         }
@@ -290,7 +307,8 @@ TEST(WEval, FewerDimensionsThanTheServersAreTheFirstOnes) {
             std::vector<std::int32_t> values;
             for (std::size_t k = 0; k < 2; ++k)
                 values.push_back(oracle::expFix(
-                    -oracle::wrappingForm(cut(x), cut(mixture.means[k]), cut(mixture.diagonals[k])), 11, 30));
+                    -oracle::wrappingForm(cut(x), cut(mixture.means[k]), cut(mixture.diagonals[k])),
+                    11, 30));
             int scale = 0;
             EXPECT_EQ(KTwEvalGaussMix(server.get(), x.data(), n, 2, nullptr),
                       oracle::dotMix(values, mixture.weights, 2, scale));

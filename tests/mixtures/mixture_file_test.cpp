@@ -32,11 +32,11 @@ Server read(const Bytes& bytes) {
     return Server(KTReadGaussMixServer(streamOf(bytes).get()));
 }
 
-// The image of a mixture, written by the format's description; `stale` stands for every pointer, `tail` bytes
-// of no meaning follow, and padding holds `pad`.
+// The image of a mixture, written by the format's description; `stale` stands for every pointer,
+// `tail` bytes of no meaning follow, and padding holds `pad`.
 template <class T>
-Bytes image(const Mixture<T>& m, int flags, int scale, int observations, std::uint32_t stale, int tail,
-            T pad = T(0)) {
+Bytes image(const Mixture<T>& m, int flags, int scale, int observations, std::uint32_t stale,
+            int tail, T pad = T(0)) {
     const int dimPad = (m.nDim + 3) / 4 * 4, mixPad = (m.nMix + 3) / 4 * 4;
     Bytes payload;
     const auto vector = [&](const std::vector<T>& v, int length) {
@@ -64,9 +64,9 @@ Bytes image(const Mixture<T>& m, int flags, int scale, int observations, std::ui
     payload.resize(payload.size() + std::size_t(tail), 0xEE);
     Bytes file{'G', 'A', 'U', 'S'};
     for (const std::uint32_t w :
-         {stale, stale, m.full() ? stale : 0u, m.full() ? 0u : stale, sizeof(T) == 4 ? stale : 0u, stale,
-          std::uint32_t(m.nDim), std::uint32_t(m.nMix), std::uint32_t(flags), std::uint32_t(scale),
-          std::uint32_t(observations), std::uint32_t(payload.size())})
+         {stale, stale, m.full() ? stale : 0u, m.full() ? 0u : stale, sizeof(T) == 4 ? stale : 0u,
+          stale, std::uint32_t(m.nDim), std::uint32_t(m.nMix), std::uint32_t(flags),
+          std::uint32_t(scale), std::uint32_t(observations), std::uint32_t(payload.size())})
         put(file, w);
     file.insert(file.end(), payload.begin(), payload.end());
     return file;
@@ -163,8 +163,9 @@ TEST(GaussFile, HasTheDescribedLayout) {
         EXPECT_EQ(wordAt(got, 52 + 16), 0x40E00000u); // the work vector as it is
         EXPECT_EQ(Bytes(got.begin() + long(floats), got.begin() + long(floats) + 16),
                   Bytes(expected.begin() + long(floats), expected.begin() + long(floats) + 16));
-        EXPECT_EQ(Bytes(got.begin() + long(means), got.begin() + long(means + 4 * 3 * dimPad)),
-                  Bytes(expected.begin() + long(means), expected.begin() + long(means + 4 * 3 * dimPad)));
+        EXPECT_EQ(
+            Bytes(got.begin() + long(means), got.begin() + long(means + 4 * 3 * dimPad)),
+            Bytes(expected.begin() + long(means), expected.begin() + long(means + 4 * 3 * dimPad)));
         const std::size_t rows = means + 4 * 3 * dimPad + 4 * mixPad + (full ? 4 * 3 * dimPad : 0);
         EXPECT_EQ(Bytes(got.begin() + long(rows), got.begin() + long(expected.size())),
                   Bytes(expected.begin() + long(rows), expected.end()));
@@ -179,7 +180,8 @@ TEST(GaussFile, ReadsImagesOfAnyAlignmentWithStalePointers) {
             const auto floats = randomMixture(random, 5, 3, full);
             const auto words = randomFixedMixture(random, 5, 3, full);
             expectHolds(read(image(floats, flavourFlags(floats), 0, 9, 0xDEADBEEF, tail)), floats);
-            const Server fixed = read(image(words, flavourFlags(words) | KT_GAUSS_BLOCK, -3, 9, 1, tail));
+            const Server fixed =
+                read(image(words, flavourFlags(words) | KT_GAUSS_BLOCK, -3, 9, 1, tail));
             expectHolds(fixed, words);
             EXPECT_EQ(fixed->nObservations, 9);
             EXPECT_EQ(fixed->scale, -3);
@@ -217,7 +219,8 @@ TEST(GaussFile, StandsRightBehindThePayloadAfterARead) {
     file.insert(file.end(), second.begin(), second.end());
     file.push_back('!');
     const Stream stream = streamOf(file);
-    const Server first(KTReadGaussMixServer(stream.get())), next(KTReadGaussMixServer(stream.get()));
+    const Server first(KTReadGaussMixServer(stream.get())),
+        next(KTReadGaussMixServer(stream.get()));
     expectHolds(first, a);
     expectHolds(next, b);
     EXPECT_EQ(std::fgetc(stream.get()), '!');
@@ -246,7 +249,8 @@ TEST(GaussFile, EveryTruncationGivesNullInSilence) {
     std::mt19937 random(79);
     const auto m = randomMixture(random, 3, 2, true);
     const auto w = randomFixedMixture(random, 3, 2, false);
-    for (const Bytes& file : {image(m, flavourFlags(m), 0, 1, 5, 4), image(w, flavourFlags(w), 0, 1, 5, 0)})
+    for (const Bytes& file :
+         {image(m, flavourFlags(m), 0, 1, 5, 4), image(w, flavourFlags(w), 0, 1, 5, 0)})
         for (std::size_t length = 0; length < file.size(); ++length) {
             EXPECT_EQ(read(Bytes(file.begin(), file.begin() + long(length))), nullptr) << length;
         }
@@ -258,7 +262,8 @@ TEST(GaussFile, BothOrNeitherCovarianceIsReported) {
     std::mt19937 random(80);
     const auto m = randomMixture(random, 3, 2, false);
     const auto w = randomFixedMixture(random, 3, 2, false);
-    for (Bytes file : {image(m, flavourFlags(m), 0, 1, 5, 0), image(w, flavourFlags(w), 0, 1, 5, 0)})
+    for (Bytes file :
+         {image(m, flavourFlags(m), 0, 1, 5, 0), image(w, flavourFlags(w), 0, 1, 5, 0)})
         for (const std::uint32_t value : {0u, 1u}) {
             support::CapturedReports reports;
             setWordAt(file, 12, value);
@@ -287,7 +292,8 @@ TEST(GaussFile, SizesThatMakeNoSenseAreRefusedInSilence) {
         EXPECT_EQ(read(file), nullptr) << bytes;
     }
     for (const std::size_t at : {28u, 32u})
-        for (const std::uint32_t n : {0u, 0xFFFFFFFFu, 0x80000000u, 0x7FFFFFFFu, 0x7FFFFFFDu, 0x10000u}) {
+        for (const std::uint32_t n :
+             {0u, 0xFFFFFFFFu, 0x80000000u, 0x7FFFFFFFu, 0x7FFFFFFDu, 0x10000u}) {
             Bytes file = good;
             setWordAt(file, at, n);
             EXPECT_EQ(read(file), nullptr) << at << " " << n;
@@ -296,8 +302,8 @@ TEST(GaussFile, SizesThatMakeNoSenseAreRefusedInSilence) {
     EXPECT_EQ(reports.count(), 0u);
 }
 
-// A record may announce gigabytes, consistently; the stream that has not got them costs no more than it
-// holds.
+// A record may announce gigabytes, consistently; the stream that has not got them costs no more
+// than it holds.
 TEST(GaussFile, AHugePromiseTakesNoMoreMemoryThanTheStreamHolds) {
     support::CapturedReports reports;
     Mixture<float> small;
@@ -350,14 +356,15 @@ TEST(GaussFile, ExhaustionIsReportedUnderTheFlavoursName) {
             ASSERT_EQ(reports.count(), 1u);
             EXPECT_EQ(reports[0].status, -4);
             EXPECT_EQ(reports[0].message, "insufficiency of memory for pointer  ptr");
-            EXPECT_EQ(reports[0].function, fixed ? "KTwReadGaussMixServer" : "KTReadGaussMixServer");
+            EXPECT_EQ(reports[0].function,
+                      fixed ? "KTwReadGaussMixServer" : "KTReadGaussMixServer");
         }
         EXPECT_GE(failures, 2);
     }
 }
 
-// Every bit of the word but KT_GAUSS_BLOCK comes back as it stands, from a first read and from a second one
-// of what was written then.
+// Every bit of the word but KT_GAUSS_BLOCK comes back as it stands, from a first read and from a
+// second one of what was written then.
 TEST(GaussFile, FlagsOfTheFileAreKept) {
     std::mt19937 random(84);
     const int strange = int(0x8FFFE000u) | 0x0C4F | KT_GAUSS_RAW | KT_GAUSS_NORMALIZE;
@@ -384,13 +391,14 @@ TEST(GaussFile, FlagsOfTheFileAreKept) {
     }
 }
 
-// A fixed server without its bit would pass for a float one, which has normalised weights; training goes by the
-// bit of full covariances, and would look for those of the other shape.
+// A fixed server without its bit would pass for a float one, which has normalised weights; training
+// goes by the bit of full covariances, and would look for those of the other shape.
 TEST(GaussFile, FlagsThatPromiseWhatIsNotThereAreRefusedInSilence) {
     support::CapturedReports reports;
     std::mt19937 random(90);
     for (const bool full : {false, true}) {
-        const int shape = full ? KT_GAUSS_FULL : 0, otherShape = full ? KT_GAUSS_DIAGONAL : KT_GAUSS_FULL;
+        const int shape = full ? KT_GAUSS_FULL : 0,
+                  otherShape = full ? KT_GAUSS_DIAGONAL : KT_GAUSS_FULL;
         const auto m = randomMixture(random, 5, 2, full);
         const auto w = randomFixedMixture(random, 5, 2, full);
         EXPECT_EQ(read(image(m, GAUSS_SERVER_FVR_S | otherShape, 0, 1, 5, 0)), nullptr);

@@ -36,7 +36,8 @@ TEST(ExpFix, FollowsItsRuleOverTheWholeRange) {
             ASSERT_EQ(KTexpFix(x, 10, o), oracle::expFix(x, 10, o)) << x << " " << o;
 }
 
-// Every entry of the tables shows in a result: all fractions at one exponent, all exponents at two fractions.
+// Every entry of the tables shows in a result: all fractions at one exponent, all exponents at two
+// fractions.
 TEST(ExpFix, UsesExactTables) {
     for (int r = 0; r < 1024; ++r)
         for (const int n : {-1, 0, 21})
@@ -74,7 +75,8 @@ TEST(ExpFix, TakesAnyNumberOfFractionalBits) {
             const auto x = std::int32_t(random()) >> (random() % 32);
             ASSERT_EQ(KTexpFix(x, f, 30), oracle::expFix(x, f, 30)) << x << " " << f;
         }
-    EXPECT_EQ(KTexpFix(-1, 1000, 30), KTexpFix(-1, 10, 30)); // the smallest step that the table knows
+    // the smallest step that the table knows
+    EXPECT_EQ(KTexpFix(-1, 1000, 30), KTexpFix(-1, 10, 30));
     EXPECT_EQ(KTexpFix(INT_MAX, INT_MAX, 30), 1 << 30);
 }
 
@@ -188,7 +190,8 @@ TEST(DotMix, TakesANullScaleAsZero) {
     const short weights[] = {16384, 16384};
     for (const int mode : {0, 1, 2, 3}) {
         int scale = 0;
-        EXPECT_EQ(KTwDotMix(values, weights, 2, mode, nullptr), KTwDotMix(values, weights, 2, mode, &scale));
+        EXPECT_EQ(KTwDotMix(values, weights, 2, mode, nullptr),
+                  KTwDotMix(values, weights, 2, mode, &scale));
     }
 }
 

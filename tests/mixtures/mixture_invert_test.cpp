@@ -52,8 +52,8 @@ double largest(const oracle::Matrix& m) {
     return value;
 }
 
-// Elimination in float on a well-conditioned matrix: about n roundings of 2^-24 for each element, amplified
-// by the condition number, of which n * max|A| * n * max|A^-1| is a bound.
+// Elimination in float on a well-conditioned matrix: about n roundings of 2^-24 for each element,
+// amplified by the condition number, of which n * max|A| * n * max|A^-1| is a bound.
 double tolerance(const oracle::Matrix& a, const oracle::Matrix& inverse) {
     const double n = double(a.size());
     return 4 * n * n * n * largest(a) * largest(inverse) * largest(inverse) * 0x1p-24;
@@ -129,7 +129,8 @@ TEST(Invert, TheLimitsThemselvesPass) {
 }
 
 TEST(Invert, TinyDeterminantIsSingular) {
-    auto tiny = oneDiagonal({1e-26f, 1e-26f, 1e-26f}), enough = oneDiagonal({1e-25f, 1e-25f, 1e-25f});
+    auto tiny = oneDiagonal({1e-26f, 1e-26f, 1e-26f}),
+         enough = oneDiagonal({1e-25f, 1e-25f, 1e-25f});
     EXPECT_EQ(invert(tiny.server()), nullptr);   // 1e-78
     EXPECT_NE(invert(enough.server()), nullptr); // 1e-75
     auto tinyFull = oneFull({{1e-26f, 0, 0}, {0, 1e-26f, 0}, {0, 0, 1e-26f}});
@@ -221,7 +222,8 @@ TEST(Invert, TwiceRestoresTheCovariances) {
                                 mixture.diagonals[k][std::size_t(i)] * 0x1p-22);
                 continue;
             }
-            const auto a = wide(mixture.matrices[k]), inverse = oracle::inverse(a), got = matrixOf(back, k);
+            const auto a = wide(mixture.matrices[k]), inverse = oracle::inverse(a),
+                       got = matrixOf(back, k);
             const double limit =
                 2 * tolerance(inverse, a) + tolerance(a, inverse) * largest(a) * largest(a) * 81;
             for (std::size_t i = 0; i < 9; ++i)

@@ -1,5 +1,6 @@
-// The whole road of a mixture: from data through inversion, fixed point and a file, and back. What the scales
-// cost is worked out for every frame from the scales alone, and no score may be further off.
+// The whole road of a mixture: from data through inversion, fixed point and a file, and back. What
+// the scales cost is worked out for every frame from the scales alone, and no score may be further
+// off.
 #include "mixtures/mixtures.h"
 
 #include <gtest/gtest.h>
@@ -12,8 +13,8 @@ namespace {
 
 constexpr int nDim = 13, nMix = 8;
 
-// Cepstra-like frames: each dimension follows itself in time around one of eight centres, the variance
-// falling with the coefficient's index.
+// Cepstra-like frames: each dimension follows itself in time around one of eight centres, the
+// variance falling with the coefficient's index.
 class Speech {
 public:
     explicit Speech(unsigned seed) : random(seed) {
@@ -72,18 +73,19 @@ struct Scales {
     int weight, mean, invCov;
 };
 
-// The finest scales at which every element fits 15 bits; means and covariances leave room for the integer
-// form.
+// The finest scales at which every element fits 15 bits; means and covariances leave room for the
+// integer form.
 Scales scalesFor(const GaussMixServer* s) {
     return {KTsMaxOrder(s->pNormWeights, nMix) - 15, -5, -8};
 }
 
-// A likelihood, and how far an evaluation may be off when elements are off by their scales' unit and the
-// vector by `dx`.
+// A likelihood, and how far an evaluation may be off when elements are off by their scales' unit
+// and the vector by `dx`.
 struct Bounds {
     double value = 0, error = 0;
 };
-Bounds boundsOf(const GaussMixServer* s, const std::vector<float>& x, const Scales& scales, double dx) {
+Bounds boundsOf(const GaussMixServer* s, const std::vector<float>& x, const Scales& scales,
+                double dx) {
     const double dm = std::ldexp(1.0, scales.mean) + dx, dc = std::ldexp(1.0, scales.invCov);
     Bounds bounds;
     for (int k = 0; k < nMix; ++k) {
@@ -91,8 +93,9 @@ Bounds boundsOf(const GaussMixServer* s, const std::vector<float>& x, const Scal
         for (int i = 0; i < nDim; ++i)
             for (int j = 0; j < nDim; ++j) {
                 if (!ktl::gauss::isFull(s) && i != j) continue;
-                const double c = ktl::gauss::isFull(s) ? double(ktl::gauss::matrices<float>(s)[k][i][j])
-                                                       : double(ktl::gauss::diagonals<float>(s)[k][i]);
+                const double c = ktl::gauss::isFull(s)
+                                     ? double(ktl::gauss::matrices<float>(s)[k][i][j])
+                                     : double(ktl::gauss::diagonals<float>(s)[k][i]);
                 const float* mean = ktl::gauss::means<float>(s)[k];
                 const double di = double(x[std::size_t(i)]) - double(mean[i]),
                              dj = double(x[std::size_t(j)]) - double(mean[j]);
@@ -127,8 +130,8 @@ TEST(Road, ScoresStayWithinWhatTheScalesImply) {
         Speech speech(full ? 102 : 101);
         const Server original = mixtureFromData(speech, full);
         const Scales scales = scalesFor(original.get());
-        const Server fixed = throughAFile(
-            Server(KTswConvertGaussMixServer(original.get(), scales.weight, scales.mean, scales.invCov)));
+        const Server fixed = throughAFile(Server(
+            KTswConvertGaussMixServer(original.get(), scales.weight, scales.mean, scales.invCov)));
         ASSERT_NE(fixed, nullptr);
         const Server back(
             KTwsConvertGaussMixServer(fixed.get(), -scales.weight, -scales.mean, -scales.invCov));
@@ -144,8 +147,8 @@ TEST(Road, ScoresStayWithinWhatTheScalesImply) {
                 << t;
             telling += bounds.error < bounds.value;
         }
-        // The bound says something about most diagonal frames; with 169 elements a form the worst case is far
-        // off.
+        // The bound says something about most diagonal frames; with 169 elements a form the worst
+        // case is far off.
         EXPECT_GT(telling, full ? 0 : 5000);
     }
 }
@@ -165,7 +168,8 @@ TEST(Road, FixedScoresStayWithinWhatTheScalesImply) {
             std::vector<short> words(x.size());
             int scale = scales.mean;
             KTswbConvertDown(x.data(), words.data(), nDim, KT_FixedScale, &scale);
-            const int result = KTwEvalGaussMix(fixed.get(), words.data(), nDim, KT_AutoScale, &scale);
+            const int result =
+                KTwEvalGaussMix(fixed.get(), words.data(), nDim, KT_AutoScale, &scale);
             const double score = std::ldexp(double(result), scale + scales.weight);
             const Bounds bounds = boundsOf(original.get(), x, scales, std::ldexp(1.0, scales.mean));
             // The exponential: 10 bits of the fraction and of its table, and 30 bits of the result.

@@ -36,7 +36,8 @@ Rows<float> floatData(std::mt19937& random, int count, int nDim) {
     for (int t = 0; t < count; ++t) {
         data.emplace_back();
         for (int i = 0; i < nDim; ++i)
-            data.back().push_back(normal(random) + (i > 0 ? 0.5f * data.back()[std::size_t(i - 1)] : 0.25f));
+            data.back().push_back(normal(random) +
+                                  (i > 0 ? 0.5f * data.back()[std::size_t(i - 1)] : 0.25f));
     }
     return data;
 }
@@ -58,7 +59,8 @@ float meanAt(const Server& s, int i) {
     return ktl::gauss::means<float>(s.get())[0][i];
 }
 
-// The float arithmetic of the one pass, one sum after the other; what the library's bits are compared with.
+// The float arithmetic of the one pass, one sum after the other; what the library's bits are
+// compared with.
 struct OnePass {
     std::vector<float> mean;
     Rows<float> covariance;
@@ -119,7 +121,8 @@ TEST(Build, FillsTheFields) {
     for (const int flags : {0, KT_GAUSS_FULL, KT_GAUSS_NORMALIZE | KT_GAUSS_DIAGONAL, 0x7FFFFFFF}) {
         const bool full = (flags & KT_GAUSS_FULL) != 0;
         const Server s = build<float>({{0, 1, 5}, {2, 7, 1}, {3, 3, 3}}, 3, flags);
-        EXPECT_EQ(s->flags, GAUSS_SERVER_FVR_S | KT_GAUSS_RAW | (full ? KT_GAUSS_FULL : KT_GAUSS_DIAGONAL));
+        EXPECT_EQ(s->flags,
+                  GAUSS_SERVER_FVR_S | KT_GAUSS_RAW | (full ? KT_GAUSS_FULL : KT_GAUSS_DIAGONAL));
         EXPECT_EQ(s->nMix, 1);
         EXPECT_EQ(s->nDim, 3);
         EXPECT_EQ(s->scale, 0);
@@ -144,7 +147,8 @@ TEST(Build, IsTheOnePassInFloatToTheBitOnEveryLevel) {
 TEST(Build, AgreesWithTwoPasses) {
     std::mt19937 random(52);
     const auto data = floatData(random, 500, 13);
-    const auto expected = oracle::covariance(wide(data)), m = oracle::Matrix{oracle::mean(wide(data))};
+    const auto expected = oracle::covariance(wide(data)),
+               m = oracle::Matrix{oracle::mean(wide(data))};
     const Server full = build(data, 13, KT_GAUSS_FULL);
     // 500 sequential float sums of terms below 30.
     const double tolerance = 500 * 30 * 0x1p-24;
@@ -233,7 +237,8 @@ TEST(Train, MergesABatch) {
         const Server s = train<float>(old, {{1}, {3}}, 1), w = train<short>(old, {{1}, {3}}, 1);
         for (const Server* merged : {&s, &w}) {
             EXPECT_EQ(meanAt(*merged, 0), 1.5f);
-            EXPECT_NEAR(flags != 0 ? matrixAt(*merged, 0, 0) : diagonalAt(*merged, 0), 5.0 / 3, 8 * 0x1p-23);
+            EXPECT_NEAR(flags != 0 ? matrixAt(*merged, 0, 0) : diagonalAt(*merged, 0), 5.0 / 3,
+                        8 * 0x1p-23);
             EXPECT_EQ((*merged)->nObservations, 4);
             EXPECT_EQ((*merged)->flags, old->flags);
         }
@@ -268,7 +273,8 @@ TEST(Train, KeepsTheOrderOfItsTerms) {
     std::mt19937 random(55);
     const auto first = floatData(random, 20, 5), second = floatData(random, 30, 5);
     for (const int flags : {0, KT_GAUSS_FULL}) {
-        const Server a = build(first, 5, flags), b = build(second, 5, flags), c = train(a, second, 5);
+        const Server a = build(first, 5, flags), b = build(second, 5, flags),
+                     c = train(a, second, 5);
         const float r = 1.0f / 50, s = 1.0f / 49;
         const float fB = s * 30 - s, fA = s * 20 - s, gB = s * 30, gA = s * 20, gM = gB + gA;
         std::vector<float> m;
@@ -285,7 +291,8 @@ TEST(Train, KeepsTheOrderOfItsTerms) {
             }
             for (int j = 0; j <= i; ++j) {
                 const float expected = matrixAt(a, i, j) * fA + matrixAt(b, i, j) * fB +
-                                       gA * meanAt(a, i) * meanAt(a, j) + gB * meanAt(b, i) * meanAt(b, j) -
+                                       gA * meanAt(a, i) * meanAt(a, j) +
+                                       gB * meanAt(b, i) * meanAt(b, j) -
                                        gM * m[std::size_t(i)] * m[std::size_t(j)];
                 EXPECT_EQ(matrixAt(c, i, j), expected);
                 EXPECT_EQ(matrixAt(c, j, i), expected);
@@ -327,7 +334,8 @@ TEST(Train, ExhaustionIsReportedAndNothingStaysAllocated) {
             ASSERT_EQ(reports.count(), 1u);
             EXPECT_EQ(reports[0].status, -4);
             EXPECT_EQ(reports[0].message, "insufficiency of memory for pointer  ptr");
-            EXPECT_EQ(reports[0].function, letter + (failAt == 1 ? "Build" : "Train") + "GaussMixServer");
+            EXPECT_EQ(reports[0].function,
+                      letter + (failAt == 1 ? "Build" : "Train") + "GaussMixServer");
             EXPECT_EQ(KTGetContext()->trainBuffer, nullptr);
             EXPECT_EQ(KTGetContext()->trainBufferLen, 0);
             EXPECT_LE(support::alloc::liveBlocks(), before + 4); // the report's own strings

@@ -50,11 +50,11 @@ struct Mixture {
         T*** pppInverse = full() ? matrixTables.data() : nullptr;
         T** ppInverse = full() ? nullptr : diagonalRows.data();
         if constexpr (std::is_same_v<T, float>)
-            return Server(KTsInitGaussMixServer(weights.data(), meanRows.data(), pppInverse, ppInverse, nDim,
-                                                nMix, flags));
+            return Server(KTsInitGaussMixServer(weights.data(), meanRows.data(), pppInverse,
+                                                ppInverse, nDim, nMix, flags));
         else
-            return Server(KTwInitGaussMixServer(weights.data(), meanRows.data(), pppInverse, ppInverse, nDim,
-                                                nMix, flags, scale));
+            return Server(KTwInitGaussMixServer(weights.data(), meanRows.data(), pppInverse,
+                                                ppInverse, nDim, nMix, flags, scale));
     }
 };
 
@@ -73,7 +73,8 @@ oracle::Matrix wide(const Rows<T>& rows) {
     return result;
 }
 
-// A symmetric positive definite matrix: a random one times its transpose, and something on the diagonal.
+// A symmetric positive definite matrix: a random one times its transpose, and something on the
+// diagonal.
 inline Rows<float> covarianceLike(std::mt19937& random, int n) {
     std::uniform_real_distribution<float> uniform(-1, 1);
     const auto size = static_cast<std::size_t>(n);

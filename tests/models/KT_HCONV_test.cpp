@@ -42,7 +42,8 @@ protected:
 // What a server really stores, in order.
 template <class W>
 std::vector<W> valuesAt(const void* block, std::size_t n, std::uintptr_t alignment) {
-    const auto address = (reinterpret_cast<std::uintptr_t>(block) + alignment - 1) & ~(alignment - 1);
+    const auto address =
+        (reinterpret_cast<std::uintptr_t>(block) + alignment - 1) & ~(alignment - 1);
     std::vector<W> values(n);
     std::memcpy(values.data(), reinterpret_cast<const void*>(address), n * sizeof(W));
     return values;
@@ -148,7 +149,8 @@ TEST_F(HmmTransforms, KeepLeavesEverySourceAlive) {
     EXPECT_EQ(KTFindHMMServer(again), nullptr);
 }
 
-// The rule of every server that is closed: a status that is already negative releases it, the id comes back.
+// The rule of every server that is closed: a status that is already negative releases it, the id
+// comes back.
 TEST_F(HmmTransforms, AStatusThatWasNegativeBefore) {
     KTSetHMMMode(KT_HMM_KEEP);
     auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 2, 0);
@@ -199,8 +201,9 @@ void expectDomainChange(Model<float>& model) {
     } else {
         const Floats frame(std::size_t(model.nQuant), 0.5f);
         for (std::size_t i = 0; i < std::size_t(model.n); ++i)
-            EXPECT_EQ(KTsEvalGaussMix(KTFindHMMServer(made)->mixtures[i], frame.data(), model.nQuant),
-                      KTsEvalGaussMix(model.mixtures[i].get(), frame.data(), model.nQuant));
+            EXPECT_EQ(
+                KTsEvalGaussMix(KTFindHMMServer(made)->mixtures[i], frame.data(), model.nQuant),
+                KTsEvalGaussMix(model.mixtures[i].get(), frame.data(), model.nQuant));
     }
     EXPECT_EQ(unsigned(parametersOf(made).status), model.status() ^ 3u);
     KTFreeHMMServer(made);
@@ -230,9 +233,10 @@ TEST_F(HmmTransforms, ZerosAndLimitCostsOfARoundTrip) {
     EXPECT_EQ(initials[1], std::numeric_limits<float>::infinity()); // the logarithm of 0, scaled
     auto second = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
     second.initial = {30.0f, 1.0f};
-    const Floats back = query<float>(KTsExpHMMServer(second.create()), 2, 1, Flavour::discrete).initial;
-    // the factor is off ln(10) by at most 2^-24 relative, its product rounds once, and the exponential adds 2
-    // ulp
+    const Floats back =
+        query<float>(KTsExpHMMServer(second.create()), 2, 1, Flavour::discrete).initial;
+    // the factor is off ln(10) by at most 2^-24 relative, its product rounds once, and the
+    // exponential adds 2 ulp
     EXPECT_NEAR(back[0], 1e-30, 1e-30 * (30 * 2.302585 * 0x1p-23 + 0x1p-21));
     EXPECT_NEAR(back[1], 0.1, 0.1 * (2.302585 * 0x1p-23 + 0x1p-21));
 }
@@ -298,7 +302,8 @@ Ints fixedInitials(const Model<float>& model, int scale) {
 }
 
 Ints fixedTransitions(const Model<float>& model, int scale) {
-    Ints wanted = fixedByTarget(model, logZero, logZero, [=](float x) { return fixedOracle(x, scale); });
+    Ints wanted =
+        fixedByTarget(model, logZero, logZero, [=](float x) { return fixedOracle(x, scale); });
     if (model.shape == Shape::banded && model.n % 2 == 1) {
         wanted[wanted.size() - 1] = 0; // the filler stands at position 2 of the third row instead
         wanted[2 * std::size_t(model.n + 1) + 2] = logZero;
@@ -404,8 +409,8 @@ TEST_F(HmmTransforms, ABandOfThreeStatesLosesItsLeapAndOneOfFourKeepsIt) {
 
 std::vector<short> convertedWeights(std::mt19937& random, const Floats& weights, int scale) {
     Codebook<float> codebook(random, int(weights.size()), 2);
-    auto model =
-        randomModel<float>(random, Flavour::semicontinuous, Shape::full, 1, 1, int(weights.size()), 2);
+    auto model = randomModel<float>(random, Flavour::semicontinuous, Shape::full, 1, 1,
+                                    int(weights.size()), 2);
     model.out = {weights};
     const int made = KTswConvertHMMServer(model.create(), scale, 0, 0, 0);
     return outputsOf<short>(made, (weights.size() + 3) / 4 * 4);
@@ -431,8 +436,8 @@ TEST_F(HmmTransforms, WeightsComeBackUp) {
     model.out = {{0, 1, -1, 0x7FFE, 0x7FFF}, {-0x7FFE, -0x7FFF, -0x8000, 4096, 2}};
     const int made = KTwsConvertHMMServer(model.create(), 14, 0, 0, 0);
     const float p = 0x1p-14f;
-    EXPECT_EQ(outputsOf<float>(made, 16), (Floats{0, p, -p, 32766 * p, largest, 0, 0, 0, -32766 * p, -largest,
-                                                  -largest, 4096 * p, 2 * p, 0, 0, 0}));
+    EXPECT_EQ(outputsOf<float>(made, 16), (Floats{0, p, -p, 32766 * p, largest, 0, 0, 0, -32766 * p,
+                                                  -largest, -largest, 4096 * p, 2 * p, 0, 0, 0}));
 }
 
 // --- fixed to float ---
@@ -489,7 +494,8 @@ TEST_F(HmmTransforms, FixedValuesFrom7FFFOnAreTheLargestFloat) {
     KTSetHMMMode(KT_HMM_KEEP);
     const int id = model.create();
     int* stored = hmm::ints(KTFindHMMServer(id)->initials);
-    for (const int v : {0, 1, 0x7FFE, 0x7FFF, 0x8000, logZero, INT32_MAX, -0x7FFE, -0x7FFF, INT32_MIN}) {
+    for (const int v :
+         {0, 1, 0x7FFE, 0x7FFF, 0x8000, logZero, INT32_MAX, -0x7FFE, -0x7FFF, INT32_MIN}) {
         stored[0] = v;
         const int made = KTwsConvertHMMServer(id, 8, 0, 0, 0);
         EXPECT_EQ(initialsOf<float>(made, 1)[0], floatOracle(v, 8)) << v;
@@ -506,14 +512,16 @@ TEST_F(HmmTransforms, FixedValuesFrom7FFFOnAreTheLargestFloat) {
 TEST_F(HmmTransforms, DownAndUpTruncatesCostsToMultiplesOfTheScale) {
     for (const int n : {1, 2, 4, 6, 8}) { // odd bands lose a transition
         auto model = randomModel<float>(random, Flavour::discrete, Shape::banded, n, 1, 3, 0);
-        const int back = KTwsConvertHMMServer(KTswConvertHMMServer(model.create(), -8, 0, 0, 0), 8, 0, 0, 0);
+        const int back =
+            KTwsConvertHMMServer(KTswConvertHMMServer(model.create(), -8, 0, 0, 0), 8, 0, 0, 0);
         const auto answer = query<float>(back, n, 3, Flavour::discrete);
         const auto truncated = [](float x) { return std::trunc(x * 256.0f) / 256.0f; };
         for (std::size_t i = 0; i < std::size_t(n); ++i) {
             EXPECT_EQ(answer.initial[i], truncated(model.initial[i]));
             for (std::size_t j = 0; j < std::size_t(n); ++j)
-                EXPECT_EQ(answer.trans[i][j],
-                          stored(model.shape, int(i), int(j)) ? truncated(model.trans[i][j]) : largest);
+                EXPECT_EQ(answer.trans[i][j], stored(model.shape, int(i), int(j))
+                                                  ? truncated(model.trans[i][j])
+                                                  : largest);
             for (std::size_t k = 0; k < 3; ++k)
                 EXPECT_EQ(answer.out[i][k], truncated(model.out[i][k]));
         }
@@ -526,12 +534,16 @@ TEST_F(HmmTransforms, MixturesAreConvertedWithTheirOwnScales) {
     const int id = model.create(), fixed = KTswConvertHMMServer(id, -8, -14, -10, -9);
     const int back = KTwsConvertHMMServer(fixed, 8, 14, 10, 9);
     for (std::size_t i = 0; i < 3; ++i) {
-        const Server wanted(KTswConvertGaussMixServer(KTFindHMMServer(id)->mixtures[i], -14, -10, -9));
+        const Server wanted(
+            KTswConvertGaussMixServer(KTFindHMMServer(id)->mixtures[i], -14, -10, -9));
         const GaussMixServer* held = KTFindHMMServer(fixed)->mixtures[i];
         EXPECT_EQ(held->scale, wanted->scale);
-        EXPECT_EQ(std::memcmp(held->pWeights, wanted->pWeights, sizeof(short) * std::size_t(held->nMix)), 0);
         EXPECT_EQ(
-            std::memcmp(ktl::gauss::means<short>(held)[0], ktl::gauss::means<short>(wanted.get())[0], 8), 0);
+            std::memcmp(held->pWeights, wanted->pWeights, sizeof(short) * std::size_t(held->nMix)),
+            0);
+        EXPECT_EQ(std::memcmp(ktl::gauss::means<short>(held)[0],
+                              ktl::gauss::means<short>(wanted.get())[0], 8),
+                  0);
         const Server up(KTwsConvertGaussMixServer(KTFindHMMServer(fixed)->mixtures[i], 14, 10, 9));
         EXPECT_EQ(ktl::gauss::means<float>(KTFindHMMServer(back)->mixtures[i])[0][0],
                   ktl::gauss::means<float>(up.get())[0][0]);
@@ -596,7 +608,8 @@ TEST_F(HmmTransforms, EveryAllocationMayFail) {
 TEST_F(HmmTransforms, TheCopyThatAFailedRewriteLeavesHasTransformedInitials) {
     KTSetHMMMode(KT_HMM_KEEP);
     for (const bool toCosts : {false, true}) {
-        auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, toCosts ? 2 : 1, 2, 0);
+        auto model =
+            randomModel<float>(random, Flavour::discrete, Shape::full, 3, toCosts ? 2 : 1, 2, 0);
         const int id = model.create();
         const auto transform = toCosts ? KTsLogHMMServer : KTsExpHMMServer;
         const int whole = transform(id), left = whole + 1;
@@ -679,9 +692,11 @@ TEST_F(HmmTransforms, OrdersOfEveryFloatModel) {
                     if (model.shape == Shape::banded) transitions.pop_back();
                     all.insert(all.end(), transitions.begin(), transitions.end());
                     for (const auto& row : model.out)
-                        if (flavour == Flavour::discrete) all.insert(all.end(), row.begin(), row.end());
+                        if (flavour == Flavour::discrete)
+                            all.insert(all.end(), row.begin(), row.end());
                     const int wanted = floatOrder(domain == 1 ? without(all, 40.0f) : all);
-                    EXPECT_EQ(orderOf(model.create()), wanted) << int(flavour) << int(shape) << domain << n;
+                    EXPECT_EQ(orderOf(model.create()), wanted)
+                        << int(flavour) << int(shape) << domain << n;
                 }
 }
 
@@ -699,7 +714,8 @@ TEST_F(HmmTransforms, OrdersOfEveryFixedModel) {
                         for (const short v : row)
                             if (flavour == Flavour::discrete) all.push_back(widened(v, domain));
                     const int wanted = intOrder(domain == 1 ? without(all, 0x10000) : all);
-                    EXPECT_EQ(orderOf(model.create()), wanted) << int(flavour) << int(shape) << domain << n;
+                    EXPECT_EQ(orderOf(model.create()), wanted)
+                        << int(flavour) << int(shape) << domain << n;
                 }
 }
 
@@ -735,7 +751,8 @@ TEST_F(HmmTransforms, TiledCostsAreMeasuredPlain) {
         KTGetContext()->hmmMode |= HMM_MODE_TILED;
         EXPECT_EQ(orderOf(model.create()), order);
         EXPECT_EQ(KTGetContext()->hmmScalesLen,
-                  int(std::max<std::size_t>(storedTransitions(model).size() - (shape == Shape::banded), 8)));
+                  int(std::max<std::size_t>(
+                      storedTransitions(model).size() - (shape == Shape::banded), 8)));
         KTHMMFreeAll();
     }
 }
@@ -824,10 +841,11 @@ void addMixture(const GaussMixServer* s, int nMix, int nQuant, PartOrders& order
     for (int k = 0; k < nMix; ++k) {
         orders.means = std::max(orders.means, plainOrder(static_cast<T**>(s->ppMeans)[k], nQuant));
         if (s->ppInverseCovD != nullptr)
-            orders.vars = std::max(orders.vars, plainOrder(static_cast<T**>(s->ppInverseCovD)[k], nQuant));
-        for (int i = 0; s->pppInverseCov != nullptr && i < nQuant; ++i)
             orders.vars =
-                std::max(orders.vars, plainOrder(static_cast<T***>(s->pppInverseCov)[k][i], nQuant));
+                std::max(orders.vars, plainOrder(static_cast<T**>(s->ppInverseCovD)[k], nQuant));
+        for (int i = 0; s->pppInverseCov != nullptr && i < nQuant; ++i)
+            orders.vars = std::max(orders.vars,
+                                   plainOrder(static_cast<T***>(s->pppInverseCov)[k][i], nQuant));
     }
 }
 

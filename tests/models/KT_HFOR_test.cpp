@@ -1,5 +1,5 @@
-#include "models/evaluation.h"
 #include "models/codebooks.h"
+#include "models/evaluation.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/reports.h"
@@ -38,8 +38,10 @@ double costOf(const Model<float>& model, const Rows<double>& outputs) {
                                : forwardCost(model.trans, model.initial, outputs, model.shape);
 }
 
-// Below, at and above the number of frames whose outputs are computed at once, and a few that all paths are known of.
-constexpr int sequenceLengths[] = {5, hmm::framesPerRun, hmm::framesPerRun + 1, 2 * hmm::framesPerRun + 2};
+// Below, at and above the number of frames whose outputs are computed at once, and a few that all
+// paths are known of.
+constexpr int sequenceLengths[] = {5, hmm::framesPerRun, hmm::framesPerRun + 1,
+                                   2 * hmm::framesPerRun + 2};
 
 } // namespace
 
@@ -50,8 +52,8 @@ TEST_F(Forward, DiscreteSumsAllPaths) {
             for (int frames = 1; frames <= 5; ++frames) {
                 const auto model = randomModel(random, n, 3, shape);
                 const auto symbols = randomSymbols(random, frames, 3);
-                const double expected =
-                    costOfAllPaths(model.trans, model.initial, wide(outputsOf(model.out, symbols)), shape);
+                const double expected = costOfAllPaths(model.trans, model.initial,
+                                                       wide(outputsOf(model.out, symbols)), shape);
                 const int id = model.discrete(KT_HMM_EXPONENTIAL);
                 support::onEveryLevel([&] {
                     int best = -7;
@@ -69,8 +71,8 @@ TEST_F(Forward, DiscreteIsThePlainRecursion) {
             for (const int frames : {1, 2, 63, 64, 65, 130, 500}) {
                 const auto model = randomModel(random, n, 4, shape);
                 const auto symbols = randomSymbols(random, frames, 4);
-                const double expected =
-                    forwardCost(model.trans, model.initial, wide(outputsOf(model.out, symbols)), shape);
+                const double expected = forwardCost(model.trans, model.initial,
+                                                    wide(outputsOf(model.out, symbols)), shape);
                 const int id = model.discrete(KT_HMM_EXPONENTIAL);
                 std::vector<float> costs;
                 support::onEveryLevel([&] {
@@ -92,9 +94,10 @@ TEST_F(Forward, ContinuousSumsAllPaths) {
                 const auto model = randomModel(random, 4, 1, shape);
                 auto servers = floatServers(random, 4, dim, 3, full);
                 const auto frames = framesOf<float>(random, length, dim);
-                const auto outputs = valuesOf(frames, servers, [](GaussMixServer* server, const float* x) {
-                    return KTsEvalGaussMix(server, x, dim);
-                });
+                const auto outputs =
+                    valuesOf(frames, servers, [](GaussMixServer* server, const float* x) {
+                        return KTsEvalGaussMix(server, x, dim);
+                    });
                 const int id = model.continuous(servers.table.data(), dim, KT_HMM_EXPONENTIAL);
                 support::onEveryLevel([&] {
                     int best = 0;
@@ -117,11 +120,11 @@ TEST_F(Forward, SemicontinuousSumsAllPaths) {
             for (const int length : sequenceLengths) {
                 const auto model = randomModel(random, 4, m, shape);
                 const auto frames = framesOf<float>(random, length, dim);
-                const auto outputs =
-                    weightedOf(densitiesOf(frames, m, dim), model.out, [](double sum) { return sum; });
+                const auto outputs = weightedOf(densitiesOf(frames, m, dim), model.out,
+                                                [](double sum) { return sum; });
                 const int id = model.semicont(dim, KT_HMM_EXPONENTIAL);
-                // Sums of 6 positive products in floats are off by 6 * 2^-24 of them at most: 1.6e-7 of a frame's
-                // cost, which is above 0.2 here.
+                // Sums of 6 positive products in floats are off by 6 * 2^-24 of them at most:
+                // 1.6e-7 of a frame's cost, which is above 0.2 here.
                 int best = 0;
                 expectCost(KTsEvalSemicontHMMForward(id, pointers(frames).data(), length, &best),
                            costOf(model, outputs));
@@ -141,8 +144,9 @@ TEST_F(Forward, AMillionFramesNeedTheExponent) {
     for (const Shape shape : {Shape::banded, Shape::full}) {
         const auto model = randomModel(random, 5, 4, shape);
         const auto symbols = randomSymbols(random, 1000000, 4);
-        expectCost(evaluate(model.discrete(KT_HMM_EXPONENTIAL), symbols),
-                   forwardCost(model.trans, model.initial, wide(outputsOf(model.out, symbols)), shape));
+        expectCost(
+            evaluate(model.discrete(KT_HMM_EXPONENTIAL), symbols),
+            forwardCost(model.trans, model.initial, wide(outputsOf(model.out, symbols)), shape));
     }
 }
 
@@ -152,7 +156,8 @@ TEST_F(Forward, GrowingSums) {
     expectCost(evaluate(id, std::vector<int>(10000, 0)), -10 * 10000 * log10Of2);
 }
 
-// The sum passes from the middle of the range to below 2^-256 in one step, and comes back over two frames.
+// The sum passes from the middle of the range to below 2^-256 in one step, and comes back over two
+// frames.
 TEST_F(Forward, OneStepRescalesBy256BitsAtMost) {
     const int id = oneStateServer(1.0f, 1.0f, {0x1p-100f, 1.0f});
     for (int frames = 1; frames < 40; ++frames) {
@@ -168,8 +173,8 @@ TEST_F(Forward, OneStepRescalesBy256BitsAtMost) {
     expectCost(evaluate(steep, {0, 0, 0, 0, 0, 0}), (126 + 5 * 149) * log10Of2);
 }
 
-// Sums of exactly 2^-128 and just below it, 2^128 and above it: the exponent moves or stays, the cost is the
-// same.
+// Sums of exactly 2^-128 and just below it, 2^128 and above it: the exponent moves or stays, the
+// cost is the same.
 TEST_F(Forward, EdgesOfTheRange) {
     for (const float step : {0x1p-127f, 0x1p-128f, 0x1p-129f, 0x1p-64f, 0x1p127f}) {
         const int id = oneStateServer(1.0f, step, {1.0f, 2.0f, 4.0f});
@@ -184,7 +189,8 @@ TEST_F(Forward, EdgesOfTheRange) {
 namespace {
 
 // The kernel alone: one state, `outputs` frame by frame after a start of `start` * 2^(-exponent).
-vsq::HmmForward advance(double start, const std::vector<float>& outputs, bool rescaleLast, int exponent = 0) {
+vsq::HmmForward advance(double start, const std::vector<float>& outputs, bool rescaleLast,
+                        int exponent = 0) {
     static double trans[vsq::hmmLanes], vectors[2][vsq::hmmLanes];
     std::fill_n(trans, vsq::hmmLanes, 0.0);
     std::fill_n(&vectors[0][0], 2 * vsq::hmmLanes, 0.0);
@@ -197,7 +203,8 @@ vsq::HmmForward advance(double start, const std::vector<float>& outputs, bool re
     }
     const vsq::HmmModel<double> model{vsq::HmmTopology::full, 1, vsq::hmmLanes, trans};
     vsq::HmmForward state{vectors[0], vectors[1], start, exponent, false};
-    vsq::kernels().hmm->forwardFloat(model, pointers(rows).data(), int(rows.size()), rescaleLast, &state);
+    vsq::kernels().hmm->forwardFloat(model, pointers(rows).data(), int(rows.size()), rescaleLast,
+                                     &state);
     return state;
 }
 
@@ -222,15 +229,15 @@ TEST_F(Forward, RangeControlByTheExponentField) {
         expect(0x1.8p1022, false, -1022, 0x1.8p0);
         expect(0x1.8p-5, true, 5, 0x1.8p0); // after the last frame, in range or not
         expect(1.5, true, 0, 1.5);
-        for (const double start : {0.0, -0.0, -1.0, -0x1p-300, 0x1p-1023, 0x1p1023, HUGE_VAL, -HUGE_VAL,
-                                   std::numeric_limits<double>::quiet_NaN()})
+        for (const double start : {0.0, -0.0, -1.0, -0x1p-300, 0x1p-1023, 0x1p1023, HUGE_VAL,
+                                   -HUGE_VAL, std::numeric_limits<double>::quiet_NaN()})
             for (const bool last : {false, true})
                 EXPECT_TRUE(advance(start, {1.0f}, last).failed) << start;
     });
 }
 
-// Millions of the steepest frames would count beyond the ints: that is a failure, not a wrapped exponent that looks
-// like a likelihood.
+// Millions of the steepest frames would count beyond the ints: that is a failure, not a wrapped
+// exponent that looks like a likelihood.
 TEST_F(Forward, ExponentsBeyondTheIntsFail) {
     support::onEveryLevel([] {
         const auto reached = advance(1.0, {0x1p-100f}, true, INT_MAX - 100);
@@ -285,7 +292,8 @@ TEST_F(Forward, OneFrameOfProbabilityZero) {
     EXPECT_EQ(best, 0);
 }
 
-// With a single frame the sums of a class's members add up, and the last one with any likelihood wins.
+// With a single frame the sums of a class's members add up, and the last one with any likelihood
+// wins.
 TEST_F(Forward, OneFrameOfAClassIsCumulative) {
     const int group = KTCreateHMMClass();
     const int good = oneStateServer(1.0f, 1.0f, {0.5f, 0.0f, 0.0f});
@@ -300,15 +308,17 @@ TEST_F(Forward, OneFrameOfAClassIsCumulative) {
     EXPECT_EQ(best, poor);
     EXPECT_EQ(evaluate(-group, {2}, &best), failure);
     EXPECT_EQ(best, 0);
-    EXPECT_EQ(evaluate(-group, {0, 0}, &best), failure); // two frames: the impossible one ends the call,
-    EXPECT_EQ(best, good);                               // after what the earlier members gave
+    // two frames: the impossible one ends the call,
+    EXPECT_EQ(evaluate(-group, {0, 0}, &best), failure);
+    EXPECT_EQ(best, good); // after what the earlier members gave
 }
 
 // --- classes ---
 
 TEST_F(Forward, TheFirstOfEqualsIsNamed) {
     const int group = KTCreateHMMClass();
-    const int first = oneStateServer(1.0f, 1.0f, {0.5f}), second = oneStateServer(1.0f, 1.0f, {0.5f});
+    const int first = oneStateServer(1.0f, 1.0f, {0.5f}),
+              second = oneStateServer(1.0f, 1.0f, {0.5f});
     KTAddHMMToClass(group, second);
     KTAddHMMToClass(group, first);
     int best = 0;
@@ -490,7 +500,8 @@ TEST_F(Forward, AllocationFailures) {
     EXPECT_LT(result, failure);
     EXPECT_EQ(
         support::alloc::failEach(
-            [&] { result = KTsEvalSemicontHMMForward(-semicontGroup, rows.data(), 10, nullptr); }, check),
+            [&] { result = KTsEvalSemicontHMMForward(-semicontGroup, rows.data(), 10, nullptr); },
+            check),
         3);
     EXPECT_LT(result, failure);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
@@ -559,10 +570,10 @@ TEST_F(Forward, NothingBehindStoredRowsCounts) {
                 vsq::HmmForward expected{a.data(), a.data() + stride, 1.0, 0, false};
                 vsq::HmmForward found{b.data(), b.data() + stride, 1.0, 0, false};
                 const auto& kernels = *vsq::kernels().hmm;
-                kernels.forwardFloat({topology, n, stride, padded.data()}, rows.data(), frames, true,
-                                     &expected);
-                kernels.storedForwardFloat({topology, n, stride, stored.data()}, rows.data(), frames, true,
-                                           &found);
+                kernels.forwardFloat({topology, n, stride, padded.data()}, rows.data(), frames,
+                                     true, &expected);
+                kernels.storedForwardFloat({topology, n, stride, stored.data()}, rows.data(),
+                                           frames, true, &found);
                 EXPECT_EQ(found.sum, expected.sum) << n;
                 EXPECT_EQ(found.exponent, expected.exponent) << n;
                 EXPECT_EQ(std::vector<double>(found.current, found.current + stride),
@@ -591,7 +602,8 @@ TEST_F(Forward, ScratchGrowsWithTheStatesAlone) {
             EXPECT_LE(support::alloc::bytes(), 2 * vector + ofModel + slack) << length;
             support::alloc::arm(0);
             KTsEvalContHMMForward(continuous, rows.data(), length, nullptr);
-            EXPECT_LE(support::alloc::bytes(), (2 + std::min(length, 14)) * vector + ofModel + slack)
+            EXPECT_LE(support::alloc::bytes(),
+                      (2 + std::min(length, 14)) * vector + ofModel + slack)
                 << length;
             support::alloc::disarm();
         }
@@ -643,11 +655,12 @@ TEST_F(Forward, EveryChangeOfAParameterCounts) {
     for (const Shape shape : allShapes) {
         const int changed = randomModel(random, 20, 4, shape).discrete(KT_HMM_EXPONENTIAL);
         const auto expectAs = [&](const Model<float>& model) {
-            expectCost(
-                evaluate(changed, symbols),
-                forwardCost(model.trans, model.initial, wide(outputsOf(model.out, symbols)), model.shape));
+            expectCost(evaluate(changed, symbols),
+                       forwardCost(model.trans, model.initial, wide(outputsOf(model.out, symbols)),
+                                   model.shape));
         };
-        for (const Shape next : allShapes) { // the same shape and others, in the same arrays and in new ones
+        // the same shape and others, in the same arrays and in new ones
+        for (const Shape next : allShapes) {
             const auto model = randomModel(random, 20, 4, next);
             const auto trans = pointers(model.trans), out = pointers(model.out);
             evaluate(changed, symbols);

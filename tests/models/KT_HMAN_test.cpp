@@ -1,6 +1,6 @@
+#include "models/codebooks.h"
 #include "models/layout.h"
 #include "quantisers/density_codebook.h"
-#include "models/codebooks.h"
 #include "support/alloc_faults.h"
 #include "support/reports.h"
 
@@ -65,7 +65,8 @@ struct Kit {
              [this](int f) { return model.continuous(mixtures.table.data(), dim, f); }},
             {"KTwInitSemicontHMMServer", true, 0x200010,
              [this](int f) { return fixed.semicont(dim, f, -8); }},
-            {"KTsInitSemicontHMMServer", false, 0x200020, [this](int f) { return model.semicont(dim, f); }},
+            {"KTsInitSemicontHMMServer", false, 0x200020,
+             [this](int f) { return model.semicont(dim, f); }},
         };
     }
 };
@@ -89,8 +90,8 @@ TEST_F(Creation, RecordsOfAllSix) {
         EXPECT_EQ(s.tag, 0);
         EXPECT_EQ(s.status & domain, KT_HMM_LOGARITHMIC);
         EXPECT_EQ(s.status & ~(domain | hmmTopologyBits), init.kind);
-        // classified as probabilities and costs are: the float model holds probabilities, all of them below
-        // 30
+        // classified as probabilities and costs are: the float model holds probabilities, all of
+        // them below 30
         EXPECT_EQ(s.status & hmmTopologyBits, init.isFixed ? HMM_SERVER_TRIANGULAR : 0);
         EXPECT_EQ(s.nStates, 4);
         EXPECT_EQ(s.nSymbols, continuous ? 0 : 6);
@@ -186,7 +187,9 @@ TEST_F(Creation, MissingArrays) {
     refused([&] { return KTsInitHMMServer(nullptr, out.data(), initial, 4, 6, 0); });
     refused([&] { return KTsInitHMMServer(trans.data(), nullptr, initial, 4, 6, 0); });
     refused([&] { return KTsInitHMMServer(trans.data(), out.data(), nullptr, 4, 6, 0); });
-    refused([&] { return KTsInitContHMMServer(trans.data(), nullptr, kit.mixtures.table.data(), 4, 3, 0); });
+    refused([&] {
+        return KTsInitContHMMServer(trans.data(), nullptr, kit.mixtures.table.data(), 4, 3, 0);
+    });
     kit.mixtures.table[2] = nullptr;
     EXPECT_EQ(kit.model.continuous(kit.mixtures.table.data(), 3, 0), -1);
     EXPECT_EQ(kit.model.continuous(nullptr, 3, 0), -1);
@@ -219,18 +222,22 @@ TEST_F(Creation, NoStatesAreRefused) {
             reports.clear();
         };
         support::CapturedReports reports;
-        refused("KTsInitHMMServer", KTsInitHMMServer(trans.data(), out.data(), initial, n, 6, 0), reports);
+        refused("KTsInitHMMServer", KTsInitHMMServer(trans.data(), out.data(), initial, n, 6, 0),
+                reports);
         refused("KTwInitHMMServer",
-                KTwInitHMMServer(fixedTrans.data(), fixedOut.data(), fixedInitial, n, 6, 0), reports);
+                KTwInitHMMServer(fixedTrans.data(), fixedOut.data(), fixedInitial, n, 6, 0),
+                reports);
         refused("KTsInitContHMMServer",
-                KTsInitContHMMServer(trans.data(), initial, kit.mixtures.table.data(), n, 3, 0), reports);
+                KTsInitContHMMServer(trans.data(), initial, kit.mixtures.table.data(), n, 3, 0),
+                reports);
         refused("KTwInitContHMMServer",
-                KTwInitContHMMServer(fixedTrans.data(), fixedInitial, kit.fixedMixtures.table.data(), n, 3, 0,
-                                     -8),
+                KTwInitContHMMServer(fixedTrans.data(), fixedInitial,
+                                     kit.fixedMixtures.table.data(), n, 3, 0, -8),
                 reports);
         refused("KTsInitSemicontHMMServer", semicont(n), reports);
         refused("KTwInitSemicontHMMServer",
-                KTwInitSemicontHMMServer(fixedTrans.data(), fixedOut.data(), fixedInitial, n, 6, 3, 0, -8),
+                KTwInitSemicontHMMServer(fixedTrans.data(), fixedOut.data(), fixedInitial, n, 6, 3,
+                                         0, -8),
                 reports);
     }
     EXPECT_EQ(support::alloc::liveBlocks(), before);
@@ -242,17 +249,20 @@ TEST_F(Creation, DiscreteModelsOfNoSymbolsAreRefused) {
     const auto fixedTrans = pointers(kit.fixed.trans), fixedOut = pointers(kit.fixed.out);
     for (const int m : {0, -1, INT_MIN}) {
         support::CapturedReports reports;
-        EXPECT_EQ(KTsInitHMMServer(trans.data(), out.data(), kit.model.initial.data(), 4, m, 0), -1);
+        EXPECT_EQ(KTsInitHMMServer(trans.data(), out.data(), kit.model.initial.data(), 4, m, 0),
+                  -1);
         expectReport(reports, "nSymbols<1", "KTsInitHMMServer");
         reports.clear();
-        EXPECT_EQ(KTwInitHMMServer(fixedTrans.data(), fixedOut.data(), kit.fixed.initial.data(), 4, m, 0),
-                  -1);
+        EXPECT_EQ(
+            KTwInitHMMServer(fixedTrans.data(), fixedOut.data(), kit.fixed.initial.data(), 4, m, 0),
+            -1);
         expectReport(reports, "nSymbols<1", "KTwInitHMMServer");
         EXPECT_EQ(KTGetContext()->nHMMServers, 0);
     }
 }
 
-// What would not fit any memory is as if memory had run out: a server without arrays. The rows are not read.
+// What would not fit any memory is as if memory had run out: a server without arrays. The rows are
+// not read.
 TEST_F(Creation, SizesBeyondAllMemory) {
     const float value = 0;
     const float* row = &value;
@@ -266,7 +276,8 @@ TEST_F(Creation, SizesBeyondAllMemory) {
         for (const int id : {wide, fixedWide, many}) {
             ASSERT_GT(id, 0);
             EXPECT_EQ(server(id).nStates, 0);
-            EXPECT_EQ(KTsEvalHMMViterbi(id, &symbol, 1, nullptr), std::numeric_limits<float>::max());
+            EXPECT_EQ(KTsEvalHMMViterbi(id, &symbol, 1, nullptr),
+                      std::numeric_limits<float>::max());
             EXPECT_EQ(KTwEvalHMMViterbi(id, &symbol, 1, nullptr, 0, nullptr), INT_MAX);
         }
     }
@@ -297,7 +308,8 @@ TEST_F(Creation, PrivateMixtures) {
     std::vector<int> fixedExpected;
     for (std::size_t i = 0; i < 4; ++i) {
         expected.push_back(KTsEvalGaussMix(kit.mixtures.table[i], frame.data(), 3));
-        fixedExpected.push_back(KTwEvalGaussMix(kit.fixedMixtures.table[i], words.data(), 3, 0, nullptr));
+        fixedExpected.push_back(
+            KTwEvalGaussMix(kit.fixedMixtures.table[i], words.data(), 3, 0, nullptr));
         EXPECT_NE(server(id).mixtures[i], kit.mixtures.table[i]);
         EXPECT_EQ(server(fixedId).mixtures[i]->scale, kit.fixedMixtures.table[i]->scale);
     }
@@ -310,8 +322,8 @@ TEST_F(Creation, PrivateMixtures) {
     }
 }
 
-// A failed allocation of the record or of a mixture gives -1; one of a stored array gives a server that lacks
-// it and cannot be evaluated. Nothing leaks and no record half built stays behind.
+// A failed allocation of the record or of a mixture gives -1; one of a stored array gives a server
+// that lacks it and cannot be evaluated. Nothing leaks and no record half built stays behind.
 TEST_F(Creation, AllocationFailures) {
     Kit kit;
     kit.setCodebooks();
@@ -321,21 +333,22 @@ TEST_F(Creation, AllocationFailures) {
     for (const auto& init : kit.inits()) {
         SCOPED_TRACE(init.name);
         int id = 0, silent = 0;
-        const int failures = support::alloc::failEach([&] { id = init.call(KT_HMM_LOGARITHMIC); },
-                                                      [&] {
-                                                          silent += id > 0;
-                                                          if (id > 0) {
-                                                              EXPECT_EQ(KTGetStatus(), 0);
-                                                              EXPECT_EQ(server(id).nStates, 0);
-                                                              EXPECT_EQ(server(id).status, 0u);
-                                                              EXPECT_GT(KTCopyHMMServer(id), id);
-                                                              KTFreeHMMServer(id + 1);
-                                                              KTFreeHMMServer(id);
-                                                          }
-                                                          EXPECT_EQ(KTGetContext()->nHMMServers, 0);
-                                                          EXPECT_EQ(support::alloc::liveBlocks(), before);
-                                                          KTSetStatus(0);
-                                                      });
+        const int failures =
+            support::alloc::failEach([&] { id = init.call(KT_HMM_LOGARITHMIC); },
+                                     [&] {
+                                         silent += id > 0;
+                                         if (id > 0) {
+                                             EXPECT_EQ(KTGetStatus(), 0);
+                                             EXPECT_EQ(server(id).nStates, 0);
+                                             EXPECT_EQ(server(id).status, 0u);
+                                             EXPECT_GT(KTCopyHMMServer(id), id);
+                                             KTFreeHMMServer(id + 1);
+                                             KTFreeHMMServer(id);
+                                         }
+                                         EXPECT_EQ(KTGetContext()->nHMMServers, 0);
+                                         EXPECT_EQ(support::alloc::liveBlocks(), before);
+                                         KTSetStatus(0);
+                                     });
         const bool continuous = (init.kind & HMM_SERVER_CONT) != 0;
         EXPECT_EQ(silent, continuous ? 2 : 3); // the stored arrays
         EXPECT_EQ(failures, continuous ? 8 : 4);
@@ -366,7 +379,8 @@ TEST_F(Copies, EqualTheirSourceAndOwnTheirArrays) {
     Kit kit;
     kit.setCodebooks();
     for (const auto& init : kit.inits())
-        for (const int flags : {int(KT_HMM_LOGARITHMIC), init.isFixed ? 0 : int(KT_HMM_EXPONENTIAL)}) {
+        for (const int flags :
+             {int(KT_HMM_LOGARITHMIC), init.isFixed ? 0 : int(KT_HMM_EXPONENTIAL)}) {
             SCOPED_TRACE(init.name);
             const int id = init.call(flags);
             KTFindHMMServer(id)->tag = 99;
@@ -391,21 +405,23 @@ TEST_F(Copies, EqualTheirSourceAndOwnTheirArrays) {
             EXPECT_NE(copy.initials, source.initials);
             const std::size_t alignment = hmm::alignmentOf(source.status);
             const auto same = [&](void* a, void* b, std::size_t bytes) {
-                return std::memcmp(hmm::aligned<char>(a, alignment), hmm::aligned<char>(b, alignment),
-                                   bytes) == 0;
+                return std::memcmp(hmm::aligned<char>(a, alignment),
+                                   hmm::aligned<char>(b, alignment), bytes) == 0;
             };
-            EXPECT_TRUE(
-                same(copy.transitions, source.transitions, hmm::TransitionMap::of(source).size() * 4));
+            EXPECT_TRUE(same(copy.transitions, source.transitions,
+                             hmm::TransitionMap::of(source).size() * 4));
             EXPECT_TRUE(same(copy.initials, source.initials, 4 * sizeof(int)));
             if (source.outputs != nullptr) {
-                const auto shape = hmm::OutputShape::of(source.status, source.nStates, source.nSymbols);
+                const auto shape =
+                    hmm::OutputShape::of(source.status, source.nStates, source.nSymbols);
                 auto* const* rows = static_cast<char**>(copy.outputs);
                 auto* const* sourceRows = static_cast<char**>(source.outputs);
                 for (int r = 0; r < shape.slots; ++r) {
                     EXPECT_EQ(rows[r] == nullptr, r >= shape.rows);
                     if (r < shape.rows) {
                         EXPECT_NE(rows[r], sourceRows[r]);
-                        EXPECT_EQ(std::memcmp(rows[r], sourceRows[r], at(shape.stride) * shape.elementSize),
+                        EXPECT_EQ(std::memcmp(rows[r], sourceRows[r],
+                                              at(shape.stride) * shape.elementSize),
                                   0);
                     }
                 }
@@ -424,8 +440,8 @@ TEST_F(Copies, NormalisedMixtures) {
     Servers servers;
     for (int i = 0; i < 2; ++i)
         servers.add(mixtures::randomMixture(random, 3, 2, true).server(KT_GAUSS_NORMALIZE));
-    const int id =
-        randomModel(random, 2, 1, Shape::full).continuous(servers.table.data(), 3, KT_HMM_EXPONENTIAL);
+    const int id = randomModel(random, 2, 1, Shape::full)
+                       .continuous(servers.table.data(), 3, KT_HMM_EXPONENTIAL);
     auto* first = server(id).mixtures[0];
     first->pNormWeights[0] *= 1.5f; // what no normalisation of the weights would give
     const int copy = KTCopyHMMServer(id);
@@ -482,13 +498,14 @@ TEST_F(Copies, AllocationFailures) {
         KTFindHMMServer(id)->stateWords = static_cast<int*>(std::calloc(4, sizeof(int)));
         const long before = support::alloc::liveBlocks();
         int copy = 0;
-        const int failures = support::alloc::failEach([&] { copy = KTCopyHMMServer(id); },
-                                                      [&] {
-                                                          EXPECT_EQ(copy, -1);
-                                                          EXPECT_EQ(KTFindHMMServer(id + 1), nullptr);
-                                                          EXPECT_EQ(support::alloc::liveBlocks(), before);
-                                                          KTSetStatus(0);
-                                                      });
+        const int failures =
+            support::alloc::failEach([&] { copy = KTCopyHMMServer(id); },
+                                     [&] {
+                                         EXPECT_EQ(copy, -1);
+                                         EXPECT_EQ(KTFindHMMServer(id + 1), nullptr);
+                                         EXPECT_EQ(support::alloc::liveBlocks(), before);
+                                         KTSetStatus(0);
+                                     });
         EXPECT_EQ(failures, (init.kind & HMM_SERVER_CONT) != 0 ? 9 : 5);
         EXPECT_EQ(copy, id + 1);
         KTFreeHMMServer(copy);

@@ -63,7 +63,8 @@ struct Case {
         return makeSemicontinuous({model.chain, model.b}, 1);
     }
     int train(Flavour flavour, int id, int iterations, float* change) const {
-        if (flavour == Flavour::discrete) return SymbolData(sequences).train(id, iterations, change);
+        if (flavour == Flavour::discrete)
+            return SymbolData(sequences).train(id, iterations, change);
         if (flavour == Flavour::continuous) return frames().trainContinuous(id, iterations, change);
         return frames().trainSemicontinuous(id, iterations, change);
     }
@@ -159,7 +160,8 @@ void shape(Topology topology, oracle::Hmm& chain) {
 }
 
 // Stays in each of its states for ever; states behind the second have no outputs.
-Case twoLoops(Topology topology, const Row& first, const Row& second, const std::vector<int>& sequence) {
+Case twoLoops(Topology topology, const Row& first, const Row& second,
+              const std::vector<int>& sequence) {
     const std::size_t n = topology == Topology::triangular ? 4 : 3;
     Case data{{{Row(n, 0.0), Rows(n, Row(n, 0.0))}, Rows(n, Row(first.size(), 0.0))}, {sequence}};
     data.model.chain.pi[0] = data.model.chain.pi[1] = 0.5;
@@ -188,9 +190,10 @@ TEST_F(FiniteTraining, StateThatComesBackFromDenormalsHasItsWholeOccupancy) {
     std::vector<int> symbols(8, 0);
     symbols.insert(symbols.end(), 20, 1);
     for (Topology topology : topologies)
-        trainedOnce(twoLoops(topology, {1.0, rare}, {rare, 1.0}, symbols), [&](Flavour flavour, int id) {
-            expectSecondLoop(flavour, id, {8.0 / 28, 20.0 / 28});
-        });
+        trainedOnce(twoLoops(topology, {1.0, rare}, {rare, 1.0}, symbols),
+                    [&](Flavour flavour, int id) {
+                        expectSecondLoop(flavour, id, {8.0 / 28, 20.0 / 28});
+                    });
 }
 
 // The last frame falls from 1e38 to 1e-305, and the state that was at 1e38 cannot give it at all:
@@ -199,10 +202,11 @@ TEST_F(FiniteTraining, LastFrameFarBelowTheOneBefore) {
     const auto rare = double(1e-40f), least = double(FLT_TRUE_MIN);
     const std::vector<int> symbols = {0, 0, 0, 0, 0, 0, 1, 2};
     for (Topology topology : topologies)
-        trainedOnce(twoLoops(topology, {1.0, double(1e38f), 0.0}, {rare, double(1e-20f), least}, symbols),
-                    [&](Flavour flavour, int id) {
-                        expectSecondLoop(flavour, id, {6.0 / 8, 1.0 / 8, 1.0 / 8});
-                    });
+        trainedOnce(
+            twoLoops(topology, {1.0, double(1e38f), 0.0}, {rare, double(1e-20f), least}, symbols),
+            [&](Flavour flavour, int id) {
+                expectSecondLoop(flavour, id, {6.0 / 8, 1.0 / 8, 1.0 / 8});
+            });
 }
 
 // Nothing leads to the second state, and what it alone leads to would suit the sequence by 1e245
@@ -211,7 +215,8 @@ TEST_F(FiniteTraining, LastFrameFarBelowTheOneBefore) {
 TEST_F(FiniteTraining, StateThatNothingLeadsToTakesNoTransition) {
     for (Topology topology : topologies) {
         const std::size_t n = topology == Topology::triangular ? 4 : 3;
-        Case data{{{Row(n, 0.0), Rows(n, Row(n, 0.0))}, Rows(n, Row(3, 0.0))}, {{0, 1, 2, 2, 2, 2, 2, 2, 2}}};
+        Case data{{{Row(n, 0.0), Rows(n, Row(n, 0.0))}, Rows(n, Row(3, 0.0))},
+                  {{0, 1, 2, 2, 2, 2, 2, 2, 2}}};
         data.model.chain.pi[0] = 1.0;
         data.model.chain.a[0][0] = data.model.chain.a[1][2] = data.model.chain.a[2][2] = 0.5;
         data.model.b[0] = {1.0, double(FLT_TRUE_MIN), double(1e-35f)};
@@ -260,7 +265,8 @@ TEST_F(FiniteTraining, MeansOfTheLargestFloats) {
     const int old = makeContinuous({{{1.0}, {{1.0}}}, {state}});
     std::vector<Rows> sequences(3);
     for (std::size_t t = 0; t < 90; ++t)
-        sequences[t / 30].push_back({most, t % 2 == 0 ? most : -most, t < 45 ? -most : most, double(t)});
+        sequences[t / 30].push_back(
+            {most, t % 2 == 0 ? most : -most, t < 45 ? -most : most, double(t)});
     support::onEveryLevel([&] {
         const int id = FrameData(sequences).trainContinuous(old, 1);
         expectFinite(id);
@@ -313,7 +319,8 @@ TEST_F(FiniteTraining, NoFiniteDataGiveAnythingElse) {
     std::mt19937 random(1);
     for (int round = 0; round < 200; ++round) {
         SCOPED_TRACE(round);
-        const Case data = extremeCase(random, topologies[round % 3], round % 2 == 0 ? 1.0 : double(FLT_MAX));
+        const Case data =
+            extremeCase(random, topologies[round % 3], round % 2 == 0 ? 1.0 : double(FLT_MAX));
         for (Flavour flavour : flavours) {
             SCOPED_TRACE(testing::Message() << "flavour " << int(flavour));
             float change = 0.0f;
@@ -375,7 +382,8 @@ struct Reference {
         for (std::size_t t = 0; t < frames.size(); ++t)
             for (std::size_t i = 0; i < counts.size(); ++i)
                 for (std::size_t m = 0; m < counts[i].size(); ++m)
-                    addShare(i, m, oracle::share(e.gamma[t][i], components[t][i][m], logB[t][i]), frames[t]);
+                    addShare(i, m, oracle::share(e.gamma[t][i], components[t][i][m], logB[t][i]),
+                             frames[t]);
     }
     void addShare(std::size_t i, std::size_t m, double share, const Row& frame) {
         counts[i][m] += share;
@@ -389,9 +397,12 @@ struct Reference {
             for (std::size_t m = 0; m < counts[i].size(); ++m) {
                 // what is far below a frame is lost in the floats
                 if (counts[i][m] < 1e-6) continue;
-                EXPECT_NEAR(counts[i][m] / sums.total[i], trained.states[i].weights[m], tolerance) << i;
+                EXPECT_NEAR(counts[i][m] / sums.total[i], trained.states[i].weights[m], tolerance)
+                    << i;
                 for (std::size_t d = 0; d < means[i][m].size(); ++d)
-                    EXPECT_NEAR(means[i][m][d] / counts[i][m], trained.states[i].means[m][d], tolerance) << i;
+                    EXPECT_NEAR(means[i][m][d] / counts[i][m], trained.states[i].means[m][d],
+                                tolerance)
+                        << i;
             }
     }
     oracle::Sums sums;

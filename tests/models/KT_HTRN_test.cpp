@@ -14,8 +14,8 @@ namespace {
 using namespace training;
 using Training = training::HmmTest;
 
-// The trained values are floats and are rounded once in an iteration; three iterations may carry the
-// differences on.
+// The trained values are floats and are rounded once in an iteration; three iterations may carry
+// the differences on.
 constexpr double tolerance = 1e-5;
 
 const std::size_t sizes[] = {1, 2, 3, 4, 6, 9, 10, 17};
@@ -32,9 +32,11 @@ SymbolData drawData(std::mt19937& random, const oracle::DiscreteHmm& model, int 
     return SymbolData(sequences);
 }
 
-oracle::Components randomMixture(std::mt19937& random, std::size_t nMix, std::size_t nDim, bool isDiagonal) {
+oracle::Components randomMixture(std::mt19937& random, std::size_t nMix, std::size_t nDim,
+                                 bool isDiagonal) {
     std::uniform_real_distribution<float> spread(0.5f, 2.0f), small(-0.2f, 0.2f);
-    oracle::Components c{randomRow(random, nMix), randomFrames(random, int(nMix), nDim), {}, isDiagonal};
+    oracle::Components c{
+        randomRow(random, nMix), randomFrames(random, int(nMix), nDim), {}, isDiagonal};
     for (std::size_t m = 0; m < nMix; ++m) {
         Rows inverse(nDim, Row(nDim, 0.0));
         for (std::size_t i = 0; i < nDim; ++i) {
@@ -51,7 +53,8 @@ oracle::ContinuousHmm randomContinuous(std::mt19937& random, std::size_t n, std:
                                        Topology topology, std::size_t mostComponents = 3) {
     oracle::ContinuousHmm model{randomChain(random, n, topology), {}};
     for (std::size_t i = 0; i < n; ++i)
-        model.states.push_back(randomMixture(random, 1 + random() % mostComponents, nDim, random() % 2 == 0));
+        model.states.push_back(
+            randomMixture(random, 1 + random() % mostComponents, nDim, random() % 2 == 0));
     return model;
 }
 
@@ -112,7 +115,8 @@ TEST_F(Training, DiscreteIsTheTextbooks) {
         for (Topology topology : topologies)
             for (std::size_t n : sizes)
                 for (int iterations : {1, 3}) {
-                    SCOPED_TRACE(testing::Message() << "topology " << int(topology) << " states " << n);
+                    SCOPED_TRACE(testing::Message()
+                                 << "topology " << int(topology) << " states " << n);
                     auto model = randomDiscrete(random, n, 1 + random() % 12, topology);
                     const SymbolData data = drawData(random, model, 8);
                     const int old = makeDiscrete(model);
@@ -148,10 +152,11 @@ TEST_F(Training, ContinuousIsTheTextbooks) {
                     expectNear(model.chain, chainOf(id), tolerance);
                     const auto trained = continuousOf(id);
                     for (std::size_t i = 0; i < n; ++i) {
-                        expectNear(Rows{model.states[i].weights}, Rows{trained.states[i].weights}, tolerance,
-                                   "weight");
+                        expectNear(Rows{model.states[i].weights}, Rows{trained.states[i].weights},
+                                   tolerance, "weight");
                         // summed in float, and divided by what may be a small part of a frame
-                        expectNear(model.states[i].means, trained.states[i].means, 4 * tolerance, "mean");
+                        expectNear(model.states[i].means, trained.states[i].means, 4 * tolerance,
+                                   "mean");
                     }
                     KTHMMFreeAll();
                 }
@@ -164,7 +169,8 @@ TEST_F(Training, SemicontinuousIsTheTextbooks) {
         for (Topology topology : topologies)
             for (std::size_t n : sizes)
                 for (int iterations : {1, 3}) {
-                    SCOPED_TRACE(testing::Message() << "topology " << int(topology) << " states " << n);
+                    SCOPED_TRACE(testing::Message()
+                                 << "topology " << int(topology) << " states " << n);
                     const std::size_t nSymbols = 1 + random() % 12, nDim = 1 + random() % 5;
                     const Codebook codebook(random, nSymbols, nDim);
                     oracle::SemicontinuousHmm model{randomChain(random, n, topology),
@@ -267,7 +273,8 @@ TEST_F(Training, SemicontinuousLikelihoodNeverFalls) {
             [&](int id) {
                 double sum = 0;
                 for (std::size_t q = 0; q < data.tables.size(); ++q)
-                    sum += double(KTsEvalSemicontHMMForward(id, data.tables[q], data.lengths[q], nullptr));
+                    sum += double(
+                        KTsEvalSemicontHMMForward(id, data.tables[q], data.lengths[q], nullptr));
                 return sum;
             });
         KTHMMFreeAll();
@@ -360,7 +367,8 @@ TEST_F(Training, NoSequencesGiveACopy) {
     ASSERT_GT(discrete, 0);
     EXPECT_EQ(change, 0.0f);
     EXPECT_EQ(allOf(discrete), allOf(ids[0]));
-    const int semicontinuous = KTsTrainSemicontHMMBaumWelch(ids[1], nullptr, nullptr, 0, 0, nullptr);
+    const int semicontinuous =
+        KTsTrainSemicontHMMBaumWelch(ids[1], nullptr, nullptr, 0, 0, nullptr);
     ASSERT_GT(semicontinuous, 0);
     EXPECT_EQ(allOf(semicontinuous), allOf(ids[1]));
 }
@@ -453,10 +461,12 @@ TEST_F(Training, BandKeepsItsLastTransitionTwice) {
     check(id);
     EXPECT_NEAR(chainOf(id).a[3][3], 1.0, 1e-6);
     const FrameData frames = frameData(random, 4, 2);
-    check(frames.trainContinuous(makeContinuous(randomContinuous(random, 5, 2, Topology::banded)), 2));
+    check(frames.trainContinuous(makeContinuous(randomContinuous(random, 5, 2, Topology::banded)),
+                                 2));
     const Codebook codebook(random, 3, 2);
     check(frames.trainSemicontinuous(
-        makeSemicontinuous({randomChain(random, 3, Topology::banded), randomRows(random, 3, 3)}, 2), 2));
+        makeSemicontinuous({randomChain(random, 3, Topology::banded), randomRows(random, 3, 3)}, 2),
+        2));
 }
 
 // A file may bring a band whose second copy differs; the copy takes no part in the change.
@@ -597,7 +607,8 @@ TEST_F(Training, BandWithTwoLastTransitionsKeepsOne) {
 TEST_F(Training, SingleComponentsKeepTheirWeight) {
     std::mt19937 random(20);
     const auto model = randomContinuous(random, 4, 3, Topology::full, 1);
-    const auto trained = continuousOf(frameData(random, 5, 3).trainContinuous(makeContinuous(model), 3));
+    const auto trained =
+        continuousOf(frameData(random, 5, 3).trainContinuous(makeContinuous(model), 3));
     for (std::size_t i = 0; i < 4; ++i)
         EXPECT_NEAR(trained.states[i].weights[0], 1.0, 1e-6);
 }
@@ -607,7 +618,8 @@ TEST_F(Training, UnreachedStateKeepsItsWeightsAndGetsMeansOfZero) {
     auto model = randomContinuous(random, 3, 4, Topology::full);
     model.chain.pi = {1.0, 0.0, 0.0};
     model.chain.a = {{0.5, 0.5, 0.0}, {0.5, 0.5, 0.0}, {0.25, 0.25, 0.5}};
-    const auto trained = continuousOf(frameData(random, 5, 4).trainContinuous(makeContinuous(model), 1));
+    const auto trained =
+        continuousOf(frameData(random, 5, 4).trainContinuous(makeContinuous(model), 1));
     EXPECT_EQ(trained.states[2].weights, model.states[2].weights);
     for (const Row& mean : trained.states[2].means)
         EXPECT_EQ(mean, Row(4, 0.0));
@@ -621,7 +633,8 @@ TEST_F(Training, ZeroWeightsStayZero) {
         state = randomMixture(random, 3, 3, true);
         state.weights = {0.5, 0.0, 0.5};
     }
-    const auto trained = continuousOf(frameData(random, 5, 3).trainContinuous(makeContinuous(model), 2));
+    const auto trained =
+        continuousOf(frameData(random, 5, 3).trainContinuous(makeContinuous(model), 2));
     for (const auto& state : trained.states) {
         EXPECT_EQ(state.weights[1], 0.0);
         EXPECT_EQ(state.means[1], Row(3, 0.0));
@@ -635,23 +648,27 @@ TEST_F(Training, InverseCovariancesStayBitForBit) {
     const int id = frameData(random, 5, 5).trainContinuous(old, 4);
     ASSERT_GT(id, 0);
     for (int i = 0; i < 4; ++i) {
-        const GaussMixServer *a = KTFindHMMServer(old)->mixtures[i], *b = KTFindHMMServer(id)->mixtures[i];
+        const GaussMixServer *a = KTFindHMMServer(old)->mixtures[i],
+                             *b = KTFindHMMServer(id)->mixtures[i];
         ASSERT_EQ(ktl::gauss::isFull(a), ktl::gauss::isFull(b));
         EXPECT_NE(a, b);
         for (int m = 0; m < a->nMix; ++m)
             for (int d = 0; d < 5; ++d) {
                 if (ktl::gauss::isFull(a)) {
-                    EXPECT_EQ(0, std::memcmp(ktl::gauss::matrices<float>(a)[m][d],
-                                             ktl::gauss::matrices<float>(b)[m][d], 5 * sizeof(float)));
+                    EXPECT_EQ(0,
+                              std::memcmp(ktl::gauss::matrices<float>(a)[m][d],
+                                          ktl::gauss::matrices<float>(b)[m][d], 5 * sizeof(float)));
                 } else {
-                    EXPECT_EQ(ktl::gauss::diagonals<float>(a)[m][d], ktl::gauss::diagonals<float>(b)[m][d]);
+                    EXPECT_EQ(ktl::gauss::diagonals<float>(a)[m][d],
+                              ktl::gauss::diagonals<float>(b)[m][d]);
                 }
             }
     }
 }
 
 TEST_F(Training, WeightsDoNotEnterTheChange) {
-    // one state, two components with the same mean: their weights would change and nothing else does
+    // one state, two components with the same mean: their weights would change and nothing else
+    // does
     oracle::Components c{{0.5, 0.5}, {{0.0}, {0.0}}, {{{1.0}}, {{4.0}}}};
     const oracle::ContinuousHmm model{{{1.0}, {{1.0}}}, {c}};
     const FrameData data(std::vector<Rows>{{{1.0}, {-1.0}}});
@@ -666,8 +683,9 @@ TEST_F(Training, WeightsDoNotEnterTheChange) {
 
 TEST_F(Training, NormalisedWeightsFollowTheWeights) {
     std::mt19937 random(24);
-    const int id = frameData(random, 4, 3)
-                       .trainContinuous(makeContinuous(randomContinuous(random, 3, 3, Topology::full)), 2);
+    const int id =
+        frameData(random, 4, 3)
+            .trainContinuous(makeContinuous(randomContinuous(random, 3, 3, Topology::full)), 2);
     for (int i = 0; i < 3; ++i) {
         const GaussMixServer* mixture = KTFindHMMServer(id)->mixtures[i];
         for (int m = 0; m < mixture->nMix; ++m)
@@ -687,7 +705,8 @@ int modelOf(GaussMixServer* mixture) {
 // The ways that ktlp6.h gives: a new server normalises mixtures that are marked, and the second
 // inversion marks them.
 int builtAnew(int id, bool markFirst) {
-    GaussMixServer* mixture = KTFindHMMServer(id)->mixtures[0]; // any pointer but null asks for the mixture
+    // any pointer but null asks for the mixture
+    GaussMixServer* mixture = KTFindHMMServer(id)->mixtures[0];
     EXPECT_EQ(KTGetHMMProb(id, nullptr, nullptr, nullptr, nullptr, &mixture), 0);
     if (markFirst) {
         GaussMixServer* covariance = KTsInvertGaussianCovMatrix(mixture, 0);
@@ -751,12 +770,14 @@ TEST_F(Training, FlatView) {
     const float* weights = ownsSemicontWeights(&view->codebook);
     for (int i = 0, k = 0; i < 3; ++i)
         for (int m = 0; m < mixtures[std::size_t(i)]->nMix; ++m, ++k) {
-            const GaussMixServer *mixture = mixtures[std::size_t(i)], *density = view->codebook.ccgPdfs[k];
+            const GaussMixServer *mixture = mixtures[std::size_t(i)],
+                                 *density = view->codebook.ccgPdfs[k];
             EXPECT_EQ(weights[k], mixture->pNormWeights[m]);
             EXPECT_EQ(weights[8 + k], 1.0f); // the second run
             EXPECT_EQ(density->nMix, 1);
             EXPECT_EQ(ktl::gauss::isFull(density), ktl::gauss::isFull(mixture));
-            EXPECT_EQ(ktl::gauss::means<float>(density)[0][2], ktl::gauss::means<float>(mixture)[m][2]);
+            EXPECT_EQ(ktl::gauss::means<float>(density)[0][2],
+                      ktl::gauss::means<float>(mixture)[m][2]);
         }
     ownsFreeFlatMixtures(view);
     view = ownsFlattenMixtures(mixtures.data() + 1, 1, 3);
@@ -777,7 +798,8 @@ TEST_F(Training, DensitiesThatNeverRespondGetZero) {
     KTsFreeSemicontCodebook();
     codebook.densities[1].means = {{1e4, 1e4}};
     codebook.install();
-    const int old = makeSemicontinuous({randomChain(random, 3, Topology::full), randomRows(random, 3, 3)}, 2);
+    const int old =
+        makeSemicontinuous({randomChain(random, 3, Topology::full), randomRows(random, 3, 3)}, 2);
     const auto trained = semicontinuousOf(frameData(random, 5, 2).trainSemicontinuous(old, 1));
     for (const Row& weights : trained.weights)
         EXPECT_EQ(weights[1], 0.0);
@@ -793,24 +815,27 @@ TEST_F(Training, CodebookIsOnlyRead) {
         const char* bytes = reinterpret_cast<const char*>(live->ccgPdfs[k]);
         blocks.emplace_back(bytes, bytes + sizeof(GaussMixServer) + 3 * sizeof(float));
     }
-    const int old = makeSemicontinuous({randomChain(random, 3, Topology::full), randomRows(random, 3, 4)}, 3);
+    const int old =
+        makeSemicontinuous({randomChain(random, 3, Topology::full), randomRows(random, 3, 4)}, 3);
     ASSERT_GT(frameData(random, 5, 3).trainSemicontinuous(old, 5), 0);
     EXPECT_EQ(std::memcmp(&before, live, sizeof before), 0);
     for (std::size_t k = 0; k < 4; ++k)
         EXPECT_EQ(std::memcmp(blocks[k].data(), live->ccgPdfs[k], blocks[k].size()), 0);
 }
 
-// With the error mode KT_ErrorModeParent the training goes on with what server and codebook both have.
+// With the error mode KT_ErrorModeParent the training goes on with what server and codebook both
+// have.
 TEST_F(Training, AHandlerMayReleaseTheModel) {
     std::mt19937 random(28);
     const Codebook codebook(random, 4, 2);
     static int id;
     id = makeSemicontinuous({randomChain(random, 3, Topology::full), randomRows(random, 3, 4)}, 2);
     KTsFreeSemicontCodebook();
-    const KTErrorHandler before = KTRedirectError([](int, const char*, const char*, const char*, int) {
-        KTFreeHMMServer(id);
-        return 0;
-    });
+    const KTErrorHandler before =
+        KTRedirectError([](int, const char*, const char*, const char*, int) {
+            KTFreeHMMServer(id);
+            return 0;
+        });
     EXPECT_EQ(frameData(random, 2, 2).trainSemicontinuous(id, 1), -1);
     KTRedirectError(before);
     EXPECT_EQ(serverCount(), 0);
@@ -819,7 +844,8 @@ TEST_F(Training, AHandlerMayReleaseTheModel) {
 TEST_F(Training, CodebookThatDisagreesIsReportedAndReadAsFarAsItGoes) {
     std::mt19937 random(28);
     const Codebook full(random, 4, 2);
-    oracle::SemicontinuousHmm model{randomChain(random, 3, Topology::full), randomRows(random, 3, 4)};
+    oracle::SemicontinuousHmm model{randomChain(random, 3, Topology::full),
+                                    randomRows(random, 3, 4)};
     const int old = makeSemicontinuous(model, 2);
     const FrameData data = frameData(random, 5, 2);
     support::CapturedReports reports;
@@ -889,19 +915,21 @@ TEST_F(Training, CodebookThatDisagreesIsReportedAndReadAsFarAsItGoes) {
 template <class Train>
 void expectSafeWithoutMemory(int id, const Train& train, bool silent) {
     const std::vector<float> before = allOf(id);
-    KTFreeHMMServer(train(id)); // the thread's tables and the registry's growth are not the training's
+    // the thread's tables and the registry's growth are not the training's
+    KTFreeHMMServer(train(id));
     support::CapturedReports reports;
     const int servers = serverCount();
     const long blocks = support::alloc::liveBlocks();
     int result = 0;
-    const int failures = support::alloc::failEach([&] { result = train(id); },
-                                                  [&] {
-                                                      EXPECT_EQ(result, -1);
-                                                      EXPECT_EQ(serverCount(), servers);
-                                                      EXPECT_EQ(support::alloc::liveBlocks(), blocks);
-                                                      EXPECT_EQ(allOf(id), before);
-                                                      EXPECT_TRUE(reports.count() == 0 || !silent);
-                                                  });
+    const int failures =
+        support::alloc::failEach([&] { result = train(id); },
+                                 [&] {
+                                     EXPECT_EQ(result, -1);
+                                     EXPECT_EQ(serverCount(), servers);
+                                     EXPECT_EQ(support::alloc::liveBlocks(), blocks);
+                                     EXPECT_EQ(allOf(id), before);
+                                     EXPECT_TRUE(reports.count() == 0 || !silent);
+                                 });
     EXPECT_GT(failures, 10);
     EXPECT_GT(result, 0);
     KTFreeHMMServer(result);
@@ -932,7 +960,8 @@ TEST_F(Training, SemicontinuousWithoutMemory) {
     const FrameData data = frameData(random, 3, 3);
     float goal = 1e-37f;
     expectSafeWithoutMemory(
-        makeSemicontinuous({randomChain(random, 3, Topology::triangular), randomRows(random, 3, 4)}, 3),
+        makeSemicontinuous({randomChain(random, 3, Topology::triangular), randomRows(random, 3, 4)},
+                           3),
         [&](int id) { return goal = 1e-37f, data.trainSemicontinuous(id, 3, &goal); }, true);
 }
 
@@ -951,9 +980,11 @@ TEST_F(Training, FramesCostNoAllocation) {
     };
     const SymbolData few = drawData(random, model, 1), many = drawData(random, model, 30);
     const FrameData fewFrames = frameData(random, 1, 2), manyFrames = frameData(random, 30, 2);
-    const int ids[] = {makeDiscrete(model), makeContinuous(randomContinuous(random, 4, 2, Topology::full)),
+    const int ids[] = {makeDiscrete(model),
+                       makeContinuous(randomContinuous(random, 4, 2, Topology::full)),
                        makeSemicontinuous({model.chain, model.b}, 2)};
-    EXPECT_EQ(count([&] { return few.train(ids[0], 1); }), count([&] { return many.train(ids[0], 1); }));
+    EXPECT_EQ(count([&] { return few.train(ids[0], 1); }),
+              count([&] { return many.train(ids[0], 1); }));
     EXPECT_EQ(count([&] { return fewFrames.trainContinuous(ids[1], 1); }),
               count([&] { return manyFrames.trainContinuous(ids[1], 1); }));
     EXPECT_EQ(count([&] { return fewFrames.trainSemicontinuous(ids[2], 1); }),

@@ -1,6 +1,6 @@
+#include "models/codebooks.h"
 #include "models/evaluation.h"
 #include "models/log10_fixed.h"
-#include "models/codebooks.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/reports.h"
@@ -37,13 +37,16 @@ float costOf(float likelihood) {
 
 // The minimum over all paths of a short sequence, the recursion for a long one.
 template <class T>
-T bestCost(const Rows<T>& trans, const std::vector<T>& initial, const Rows<T>& outputs, Shape shape) {
+T bestCost(const Rows<T>& trans, const std::vector<T>& initial, const Rows<T>& outputs,
+           Shape shape) {
     return outputs.size() <= 5 ? bestOfAllPaths(trans, initial, outputs, shape)
                                : bestPath(trans, initial, outputs, shape);
 }
 
-// Below, at and above the number of frames whose outputs are computed at once, and a few that all paths are known of.
-constexpr int sequenceLengths[] = {5, hmm::framesPerRun, hmm::framesPerRun + 1, 2 * hmm::framesPerRun + 2};
+// Below, at and above the number of frames whose outputs are computed at once, and a few that all
+// paths are known of.
+constexpr int sequenceLengths[] = {5, hmm::framesPerRun, hmm::framesPerRun + 1,
+                                   2 * hmm::framesPerRun + 2};
 
 } // namespace
 
@@ -57,9 +60,9 @@ TEST_F(Viterbi, DiscreteFloatIsTheBestOfAllPaths) {
                 const int id = model.discrete(KT_HMM_LOGARITHMIC);
                 support::onEveryLevel([&] {
                     int best = -7;
-                    EXPECT_EQ(
-                        evaluate(id, symbols, &best),
-                        bestOfAllPaths(model.trans, model.initial, outputsOf(model.out, symbols), shape));
+                    EXPECT_EQ(evaluate(id, symbols, &best),
+                              bestOfAllPaths(model.trans, model.initial,
+                                             outputsOf(model.out, symbols), shape));
                     EXPECT_EQ(best, id);
                 });
                 KTFreeHMMServer(id);
@@ -88,7 +91,8 @@ TEST_F(Viterbi, DiscreteFixedIsTheBestOfAllPaths) {
             }
 }
 
-// Sizes on both sides of the vectors' widths and of their blocks; lengths on both sides of a run of frames.
+// Sizes on both sides of the vectors' widths and of their blocks; lengths on both sides of a run of
+// frames.
 TEST_F(Viterbi, DiscreteIsThePlainRecursionBitForBit) {
     std::mt19937 random(3);
     for (const Shape shape : allShapes)
@@ -122,9 +126,10 @@ TEST_F(Viterbi, ContinuousFloat) {
                 const auto model = costsOf(randomModel(random, 4, 1, shape));
                 auto servers = floatServers(random, 4, dim, 3, full);
                 const auto frames = framesOf<float>(random, length, dim);
-                const auto outputs = valuesOf(frames, servers, [](GaussMixServer* server, const float* x) {
-                    return costOf(static_cast<float>(KTsEvalGaussMix(server, x, dim)));
-                });
+                const auto outputs =
+                    valuesOf(frames, servers, [](GaussMixServer* server, const float* x) {
+                        return costOf(static_cast<float>(KTsEvalGaussMix(server, x, dim)));
+                    });
                 const int id = model.continuous(servers.table.data(), dim, 0);
                 int best = 0;
                 EXPECT_EQ(KTsEvalContHMMViterbi(id, pointers(frames).data(), length, &best),
@@ -144,19 +149,22 @@ TEST_F(Viterbi, ContinuousFixed) {
                 auto servers = fixedServers(random, 4, dim, 2, full);
                 const auto frames = framesOf<short>(random, length, dim);
                 int positive = 0; // otherwise there is nothing to tell apart
-                const auto outputs = valuesOf(frames, servers, [&](GaussMixServer* server, const short* x) {
-                    int sf = -16;
-                    int cost = KTwEvalGaussMix(server, x, dim, 1, &sf);
-                    positive += cost > 0;
-                    ownwLog10Scaled(&cost, 1, -28, -scale);
-                    return cost;
-                });
+                const auto outputs =
+                    valuesOf(frames, servers, [&](GaussMixServer* server, const short* x) {
+                        int sf = -16;
+                        int cost = KTwEvalGaussMix(server, x, dim, 1, &sf);
+                        positive += cost > 0;
+                        ownwLog10Scaled(&cost, 1, -28, -scale);
+                        return cost;
+                    });
                 EXPECT_GT(positive, 2 * length);
-                const int id = model.continuous(servers.table.data(), dim, KT_HMM_LOGARITHMIC, scale);
+                const int id =
+                    model.continuous(servers.table.data(), dim, KT_HMM_LOGARITHMIC, scale);
                 int best = 0;
                 EXPECT_EQ(
                     KTwEvalContHMMViterbi(id, pointers(frames).data(), length, &best, 0, nullptr),
-                    bestCost(widened(model.trans), widened(Rows<short>{model.initial})[0], outputs, shape));
+                    bestCost(widened(model.trans), widened(Rows<short>{model.initial})[0], outputs,
+                             shape));
                 EXPECT_EQ(best, id);
                 KTFreeHMMServer(id);
             }
@@ -176,14 +184,17 @@ TEST_F(Viterbi, SemicontinuousFloat) {
                 model.out = probabilities.out; // weights stay linear
                 const auto frames = framesOf<float>(random, length, dim);
                 const auto outputs =
-                    weightedOf(densitiesOf(frames, m, dim), model.out,
-                               [](double likelihood) { return costOf(static_cast<float>(likelihood)); });
+                    weightedOf(densitiesOf(frames, m, dim), model.out, [](double likelihood) {
+                        return costOf(static_cast<float>(likelihood));
+                    });
                 const int id = model.semicont(dim, 0);
                 int best = 0;
-                const float cost = KTsEvalSemicontHMMViterbi(id, pointers(frames).data(), length, &best);
+                const float cost =
+                    KTsEvalSemicontHMMViterbi(id, pointers(frames).data(), length, &best);
                 const float expected = bestCost(model.trans, model.initial, outputs, shape);
-                // the order of the six products may move the last bit of a float likelihood: 2^-24 * log10(e) for each
-                // frame, and as many roundings of a cost as there are frames, each of half a unit of the largest
+                // the order of the six products may move the last bit of a float likelihood: 2^-24
+                // * log10(e) for each frame, and as many roundings of a cost as there are frames,
+                // each of half a unit of the largest
                 const double unit = std::ldexp(1.0, std::ilogb(expected) - 23);
                 EXPECT_NEAR(cost, expected, length * (0x1p-24 + unit));
                 EXPECT_EQ(best, id);
@@ -204,17 +215,19 @@ TEST_F(Viterbi, SemicontinuousFixed) {
                 model.out = fixedWeights(random, 4, m);
                 const auto frames = framesOf<short>(random, length, dim);
                 int positive = 0;
-                const auto outputs = weightedOf(densitiesOf(frames, m, dim), model.out, [&](int cost) {
-                    positive += cost > 0;
-                    ownwLog10Scaled(&cost, 1, -24, -scale);
-                    return cost;
-                });
+                const auto outputs =
+                    weightedOf(densitiesOf(frames, m, dim), model.out, [&](int cost) {
+                        positive += cost > 0;
+                        ownwLog10Scaled(&cost, 1, -24, -scale);
+                        return cost;
+                    });
                 EXPECT_GT(positive, 2 * length);
                 const int id = model.semicont(dim, KT_HMM_LOGARITHMIC, scale);
                 int best = 0;
-                EXPECT_EQ(
-                    KTwEvalSemicontHMMViterbi(id, pointers(frames).data(), length, &best, 0, nullptr),
-                    bestCost(widened(model.trans), widened(Rows<short>{model.initial})[0], outputs, shape));
+                EXPECT_EQ(KTwEvalSemicontHMMViterbi(id, pointers(frames).data(), length, &best, 0,
+                                                    nullptr),
+                          bestCost(widened(model.trans), widened(Rows<short>{model.initial})[0],
+                                   outputs, shape));
                 EXPECT_EQ(best, id);
             }
     }
@@ -238,14 +251,18 @@ TEST_F(Viterbi, LikelihoodZero) {
     const auto word = oneState<short>(3, 0, {0});
     const int fixedId = word.continuous(fixed.table.data(), 2, KT_HMM_LOGARITHMIC, -8);
     const Rows<short> far{{32000, 32000}};
-    EXPECT_EQ(KTwEvalContHMMViterbi(fixedId, pointers(far).data(), 1, &best, 0, nullptr), HMM_LOG_ZERO + 3);
+    EXPECT_EQ(KTwEvalContHMMViterbi(fixedId, pointers(far).data(), 1, &best, 0, nullptr),
+              HMM_LOG_ZERO + 3);
     EXPECT_EQ(best, fixedId);
 }
 
 TEST_F(Viterbi, OneFrameIsTheSmallestStart) {
-    const Model<float> model{
-        3,           2, Shape::full, Rows<float>(3, std::vector<float>(3, 1.0f)), {{1, 9}, {2, 9}, {5, 9}},
-        {4, 2.5f, 3}};
+    const Model<float> model{3,
+                             2,
+                             Shape::full,
+                             Rows<float>(3, std::vector<float>(3, 1.0f)),
+                             {{1, 9}, {2, 9}, {5, 9}},
+                             {4, 2.5f, 3}};
     const int id = model.discrete(0);
     EXPECT_EQ(evaluate(id, {0}), 4.5f);
     EXPECT_EQ(evaluate(id, {1}), 11.5f);
@@ -335,8 +352,8 @@ TEST_F(Viterbi, FixedCostsWrap) {
     const int id = oneState<short>(0x7FFF, 0x7FFF, {0x7FFF}).discrete(KT_HMM_LOGARITHMIC);
     for (const int frames : {1, 512, 513, 1024, 5000}) {
         const std::vector<int> symbols(at(frames), 0);
-        const auto expected =
-            static_cast<int>(2u * static_cast<unsigned>(frames) * static_cast<unsigned>(HMM_LOG_ZERO));
+        const auto expected = static_cast<int>(2u * static_cast<unsigned>(frames) *
+                                               static_cast<unsigned>(HMM_LOG_ZERO));
         EXPECT_EQ(evaluateFixed(id, symbols), expected);
     }
     EXPECT_LT(evaluateFixed(id, std::vector<int>(513, 0)), 0);
@@ -370,8 +387,9 @@ TEST_F(Viterbi, FixedWithoutDomain) {
             result.emplace_back(row.begin(), row.end());
         return result;
     };
-    EXPECT_EQ(evaluateFixed(id, symbols), bestPath(plain(model.trans), plain({model.initial})[0],
-                                                   outputsOf(plain(model.out), symbols), Shape::full));
+    EXPECT_EQ(evaluateFixed(id, symbols),
+              bestPath(plain(model.trans), plain({model.initial})[0],
+                       outputsOf(plain(model.out), symbols), Shape::full));
 }
 
 // --- failures ---
@@ -483,7 +501,8 @@ TEST_F(Viterbi, CodebookWithoutDensities) {
         EXPECT_EQ(KTsEvalSemicontHMMViterbi(hmm, pointers(frames).data(), 1, &best), floatFailure);
         expectReport(reports, "_sSemicontCodebook->ccgPdfs==0", "KTsEvalSemicontHMMViterbi");
         reports.clear();
-        EXPECT_EQ(KTwEvalSemicontHMMViterbi(hmm, pointers(words).data(), 1, &best, 0, &scale), fixedFailure);
+        EXPECT_EQ(KTwEvalSemicontHMMViterbi(hmm, pointers(words).data(), 1, &best, 0, &scale),
+                  fixedFailure);
         expectReport(reports, "_wSemicontCodebook->ccgPdfs==0", "KTsEvalSemicontHMMViterbi");
         EXPECT_EQ(best, -7);
     }
@@ -532,7 +551,8 @@ TEST_F(Viterbi, AllocationFailures) {
     const int group = KTCreateHMMClass(), semicontGroup = KTCreateHMMClass();
     for (const int n : {3, 40}) {
         KTAddHMMToClass(group, costsOf(randomModel(random, n, 4, Shape::full)).discrete(0));
-        KTAddHMMToClass(semicontGroup, costsOf(randomModel(random, n, 4, Shape::full)).semicont(3, 0));
+        KTAddHMMToClass(semicontGroup,
+                        costsOf(randomModel(random, n, 4, Shape::full)).semicont(3, 0));
     }
     const auto symbols = randomSymbols(random, 10, 4);
     const auto frames = framesOf<float>(random, 10, 3);
@@ -548,7 +568,8 @@ TEST_F(Viterbi, AllocationFailures) {
     EXPECT_LT(result, floatFailure);
     EXPECT_EQ(
         support::alloc::failEach(
-            [&] { result = KTsEvalSemicontHMMViterbi(-semicontGroup, rows.data(), 10, nullptr); }, check),
+            [&] { result = KTsEvalSemicontHMMViterbi(-semicontGroup, rows.data(), 10, nullptr); },
+            check),
         3);
     EXPECT_LT(result, floatFailure);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
@@ -607,7 +628,8 @@ void expectTheSameBits(Draw draw, int unit, Padded padded, Stored stored) {
         for (const int n : {1, 2, 7, 8, 9, 15, 16, 17, 33, 64, 70})
             for (int attempt = 0; attempt < 20; ++attempt) {
                 const int stride = (n + 15) / 16 * 16;
-                std::vector<T> rows, matrix(at(n * stride), T(0)), start(at(2 * stride)), outputs(at(stride));
+                std::vector<T> rows, matrix(at(n * stride), T(0)), start(at(2 * stride)),
+                    outputs(at(stride));
                 for (int j = n - 1; j >= 0; --j) {
                     const int sources = topology == vsq::HmmTopology::full ? n : j + 1;
                     for (int i = 0; i < sources; ++i)
@@ -624,11 +646,12 @@ void expectTheSameBits(Draw draw, int unit, Padded padded, Stored stored) {
                 const std::vector<const T*> outputRows(frames, outputs.data());
                 support::onEveryLevel([&] {
                     std::vector<T> a = start, b = start;
-                    vsq::HmmPath<T> expected{a.data(), a.data() + stride}, found{b.data(), b.data() + stride};
-                    padded(vsq::HmmModel<T>{topology, n, stride, matrix.data()}, outputRows.data(), frames,
-                           &expected);
-                    stored(vsq::HmmByTarget<T>{topology, n, unit, rows.data()}, outputRows.data(), frames,
-                           &found);
+                    vsq::HmmPath<T> expected{a.data(), a.data() + stride},
+                        found{b.data(), b.data() + stride};
+                    padded(vsq::HmmModel<T>{topology, n, stride, matrix.data()}, outputRows.data(),
+                           frames, &expected);
+                    stored(vsq::HmmByTarget<T>{topology, n, unit, rows.data()}, outputRows.data(),
+                           frames, &found);
                     ASSERT_EQ(patterns(found.current, n), patterns(expected.current, n)) << n;
                 });
             }
@@ -666,7 +689,8 @@ TEST_F(Viterbi, StoredModelsAreThePlainRecursion) {
                     ASSERT_EQ(evaluate(id, symbols), expected) << n << ' ' << frames;
                     ASSERT_EQ(evaluateFixed(fixedId, symbols), expectedFixed) << n << ' ' << frames;
                     if (frames <= hmm::fewFrames || n > 250) return;
-                    ASSERT_EQ(withoutRoomToUnpack([&] { return evaluate(id, symbols); }), expected) << n;
+                    ASSERT_EQ(withoutRoomToUnpack([&] { return evaluate(id, symbols); }), expected)
+                        << n;
                     ASSERT_EQ(withoutRoomToUnpack([&] { return evaluateFixed(fixedId, symbols); }),
                               expectedFixed)
                         << n;
@@ -687,7 +711,8 @@ TEST_F(Viterbi, TilesWithoutRoomToUnpack) {
             const auto symbols = randomSymbols(random, 10, 4);
             const int id = model.discrete(0);
             ASSERT_NE(KTFindHMMServer(id)->status & HMM_SERVER_TILED, 0u);
-            const float expected = bestPath(model.trans, model.initial, outputsOf(model.out, symbols), shape);
+            const float expected =
+                bestPath(model.trans, model.initial, outputsOf(model.out, symbols), shape);
             EXPECT_EQ(evaluate(id, symbols), expected);
             EXPECT_EQ(withoutRoomToUnpack([&] { return evaluate(id, symbols); }), expected);
         }
@@ -711,7 +736,8 @@ TEST_F(Viterbi, ScratchGrowsWithTheStatesAlone) {
              fixedServersOf = fixedServers(random, n, 1, 1, false);
         const int id = model.discrete(0), fixedId = fixed.discrete(KT_HMM_LOGARITHMIC);
         const int continuous = model.continuous(servers.table.data(), 1, 0);
-        const int fixedContinuous = fixed.continuous(fixedServersOf.table.data(), 1, KT_HMM_LOGARITHMIC, -8);
+        const int fixedContinuous =
+            fixed.continuous(fixedServersOf.table.data(), 1, KT_HMM_LOGARITHMIC, -8);
         const long ofModel = shape == Shape::banded ? 3 * vector : 0;
         for (const int length : {1, 2, 100}) {
             const std::vector<int> symbols(at(length), 0);
@@ -724,9 +750,11 @@ TEST_F(Viterbi, ScratchGrowsWithTheStatesAlone) {
             expectBytes(2, [&] { evaluate(id, symbols); });
             expectBytes(2, [&] { evaluateFixed(fixedId, symbols); });
             const int computed = 2 + std::min(length, 27);
-            expectBytes(computed, [&] { KTsEvalContHMMViterbi(continuous, rows.data(), length, nullptr); });
+            expectBytes(computed,
+                        [&] { KTsEvalContHMMViterbi(continuous, rows.data(), length, nullptr); });
             expectBytes(computed, [&] {
-                KTwEvalContHMMViterbi(fixedContinuous, wordRows.data(), length, nullptr, 0, nullptr);
+                KTwEvalContHMMViterbi(fixedContinuous, wordRows.data(), length, nullptr, 0,
+                                      nullptr);
             });
         }
     }
@@ -743,9 +771,10 @@ TEST_F(Viterbi, OneFrameOfALargeModelCostsNextToNothing) {
         ratio = std::min(ratio, secondsOf([&] { evaluate(id, {0}); }) / secondsOf([&] {
                                     evaluate(id, {0, 1, 1});
                                 }));
-        fixedRatio = std::min(fixedRatio, secondsOf([&] { evaluateFixed(fixed, {0}); }) / secondsOf([&] {
-                                              evaluateFixed(fixed, {0, 1, 1});
-                                          }));
+        fixedRatio =
+            std::min(fixedRatio, secondsOf([&] { evaluateFixed(fixed, {0}); }) / secondsOf([&] {
+                                     evaluateFixed(fixed, {0, 1, 1});
+                                 }));
     }
     EXPECT_LT(ratio, 0.05);
     EXPECT_LT(fixedRatio, 0.05);
@@ -791,8 +820,9 @@ TEST_F(Viterbi, EveryChangeOfAParameterCounts) {
                 backTrans.push_back(back.trans[i].data());
                 backOut.push_back(back.out[i].data());
             }
-            ASSERT_EQ(
-                KTGetHMMProb(id, back.initial.data(), backTrans.data(), backOut.data(), nullptr, nullptr), 0);
+            ASSERT_EQ(KTGetHMMProb(id, back.initial.data(), backTrans.data(), backOut.data(),
+                                   nullptr, nullptr),
+                      0);
             ASSERT_EQ(server->nStates, 20);
             expectAs(id, back);
             KTFreeHMMServer(copy);

@@ -127,8 +127,8 @@ TEST_F(Classes, TheSameIdCountsOnce) {
     EXPECT_EQ(members(), std::vector<int>{1});
 }
 
-// The first member brings the class's key, and its word replaces the cursor bits too: without a rewind the
-// cursor stands on the member, and the next step passes it.
+// The first member brings the class's key, and its word replaces the cursor bits too: without a
+// rewind the cursor stands on the member, and the next step passes it.
 TEST_F(Classes, TheFirstMemberSetsTheKey) {
     servers(1);
     add({1});
@@ -230,7 +230,8 @@ TEST_F(Classes, ChunksGoWithTheirLastEntry) {
     ASSERT_EQ(chunks().size(), 4u);   // 32, 32, 32, 33
     for (int id = 33; id <= 64; ++id) // a middle one
         KTRemoveHMMFromClass(group, id);
-    EXPECT_EQ(chunks(), (std::vector<std::vector<int>>{range(1, 32), range(65, 96), range(97, 129)}));
+    EXPECT_EQ(chunks(),
+              (std::vector<std::vector<int>>{range(1, 32), range(65, 96), range(97, 129)}));
     for (int id = 97; id <= 129; ++id) // the last one: the one before takes over its key
         KTRemoveHMMFromClass(group, id);
     EXPECT_EQ(chunks(), (std::vector<std::vector<int>>{range(1, 32), range(65, 96)}));
@@ -308,7 +309,9 @@ TEST_F(Classes, AddingWithoutMemoryFailsAlone) {
         ASSERT_EQ(joined, 0);
         KTDeleteHMMClass(id);
     };
-    EXPECT_EQ(support::alloc::failEach(run, [&] { ASSERT_EQ(support::alloc::liveBlocks(), before); }), 13);
+    EXPECT_EQ(
+        support::alloc::failEach(run, [&] { ASSERT_EQ(support::alloc::liveBlocks(), before); }),
+        13);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
 }
 
@@ -456,7 +459,8 @@ TEST_F(Classes, TheOnlyMemberGoesUnderTheCursor) {
     EXPECT_EQ(next(), 0);
 }
 
-// Whatever comes and goes between two steps, each step delivers the first member above the one before.
+// Whatever comes and goes between two steps, each step delivers the first member above the one
+// before.
 TEST_F(Classes, RandomStepsDeliverTheNextHigherMember) {
     servers(300);
     std::mt19937 random(3);
@@ -479,10 +483,11 @@ TEST_F(Classes, RandomStepsDeliverTheNextHigherMember) {
             }
             const auto above = expected.upper_bound(last);
             const int id = next();
-            // when the first member goes from under the cursor it is rewound; what has come before it since
-            // is then delivered too
+            // when the first member goes from under the cursor it is rewound; what has come before
+            // it since is then delivered too
             if (id != (above == expected.end() ? 0 : *above)) {
-                ASSERT_TRUE(expected.count(id) == 1 && id < (above == expected.end() ? 301 : *above));
+                ASSERT_TRUE(expected.count(id) == 1 &&
+                            id < (above == expected.end() ? 301 : *above));
             }
             if (id == 0) break;
             last = id;

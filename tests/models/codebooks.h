@@ -1,9 +1,9 @@
-// Densities for the tests of continuous and semicontinuous models: mixtures for the states, and the thread's
-// codebooks.
+// Densities for the tests of continuous and semicontinuous models: mixtures for the states, and the
+// thread's codebooks.
 #pragma once
 
-#include "models/evaluation.h"
 #include "mixtures/mixtures.h"
+#include "models/evaluation.h"
 #include "models/fixture.h"
 
 namespace models {
@@ -65,21 +65,24 @@ auto valuesOf(const Rows<T>& frames, const Servers& servers, Value value) {
     return result;
 }
 
-// The densities of the thread's codebook, `count` of them, for every frame; rows have their padding.
+// The densities of the thread's codebook, `count` of them, for every frame; rows have their
+// padding.
 template <class T>
 Rows<T> densitiesOf(const Rows<T>& frames, int count, int nDim) {
     Rows<T> table(frames.size(), std::vector<T>(at((count + 3) / 4 * 4)));
     auto rows = mixtures::pointers(table);
     const int n = static_cast<int>(frames.size());
     if constexpr (std::is_same_v<T, float>)
-        KTsEvalPdfsFrames(KTGetContext()->sSemicont, pointers(frames).data(), rows.data(), n, count, nDim);
+        KTsEvalPdfsFrames(KTGetContext()->sSemicont, pointers(frames).data(), rows.data(), n, count,
+                          nDim);
     else
-        KTwEvalPdfsFrames(KTGetContext()->wSemicont, pointers(frames).data(), rows.data(), n, count, nDim);
+        KTwEvalPdfsFrames(KTGetContext()->wSemicont, pointers(frames).data(), rows.data(), n, count,
+                          nDim);
     return table;
 }
 
-// value(the sum of a state's weights times a frame's densities) of every frame and state; the sum is double for floats,
-// int for fixed weights.
+// value(the sum of a state's weights times a frame's densities) of every frame and state; the sum
+// is double for floats, int for fixed weights.
 template <class T, class Value>
 auto weightedOf(const Rows<T>& densities, const Rows<T>& weights, Value value) {
     using Sum = std::conditional_t<std::is_same_v<T, float>, double, int>;

@@ -38,12 +38,13 @@ Lattice runDiscrete(int id, std::size_t n, const std::vector<int>& symbols) {
 
 Lattice runContinuous(int id, std::size_t n, const std::vector<float>& outputs) {
     Lattice l(n, outputs.size() / n);
-    l.result = KTsEvalContHMMForwardBackward(id, l.alphaBeta.data(), l.scales.data(), outputs.data(),
-                                             int(l.length), &l.exponent);
+    l.result = KTsEvalContHMMForwardBackward(id, l.alphaBeta.data(), l.scales.data(),
+                                             outputs.data(), int(l.length), &l.exponent);
     return l;
 }
 
-oracle::DiscreteHmm randomModel(std::mt19937& random, std::size_t n, std::size_t symbols, Topology topology) {
+oracle::DiscreteHmm randomModel(std::mt19937& random, std::size_t n, std::size_t symbols,
+                                Topology topology) {
     return {randomChain(random, n, topology), randomRows(random, n, symbols)};
 }
 
@@ -53,7 +54,8 @@ void expectOccupancies(const Lattice& l, const oracle::Expectations& e) {
                 1e-12 * std::fabs(e.logLikelihood) + 1e-9);
     for (std::size_t t = 0; t < l.length; ++t)
         for (std::size_t i = 0; i < l.states; ++i)
-            ASSERT_NEAR(l.alpha(t, i) * l.beta(t, i) / l.result, e.gamma[t][i], 1e-9) << t << ' ' << i;
+            ASSERT_NEAR(l.alpha(t, i) * l.beta(t, i) / l.result, e.gamma[t][i], 1e-9)
+                << t << ' ' << i;
 }
 
 // One state is stored as a full model whatever was asked for; a band needs three.
@@ -69,7 +71,8 @@ TEST_F(ForwardBackward, OccupanciesAreTheTextbooks) {
                 const auto symbols = drawSymbols(random, model, 1 + int(random() % 40));
                 const int id = makeDiscrete(model);
                 const Lattice l = runDiscrete(id, n, symbols);
-                expectOccupancies(l, oracle::expectations(model.chain, oracle::logOutputs(model, symbols)));
+                expectOccupancies(
+                    l, oracle::expectations(model.chain, oracle::logOutputs(model, symbols)));
                 EXPECT_TRUE(l.intact());
                 KTFreeHMMServer(id);
             }
@@ -94,8 +97,8 @@ TEST_F(ForwardBackward, TheThreeFlavoursAgree) {
             support::CapturedReports reports; // there is no codebook
             Lattice semicontinuous(n, symbols.size());
             semicontinuous.result = KTsEvalSemicontHMMForwardBackward(
-                id, semicontinuous.alphaBeta.data(), semicontinuous.scales.data(), outputs.data(), 30,
-                &semicontinuous.exponent);
+                id, semicontinuous.alphaBeta.data(), semicontinuous.scales.data(), outputs.data(),
+                30, &semicontinuous.exponent);
             EXPECT_EQ(discrete.alphaBeta.values(), semicontinuous.alphaBeta.values());
             EXPECT_EQ(discrete.exponent, semicontinuous.exponent);
         }
@@ -120,7 +123,8 @@ TEST_F(ForwardBackward, AllLevelsGiveTheSameBits) {
 }
 
 TEST_F(ForwardBackward, SingleFrameIsNotScaled) {
-    const oracle::DiscreteHmm model{{{0.25, 0.5}, {{0.5, 0.5}, {0.5, 0.5}}}, {{0.5, 0.25}, {0.125, 0.25}}};
+    const oracle::DiscreteHmm model{{{0.25, 0.5}, {{0.5, 0.5}, {0.5, 0.5}}},
+                                    {{0.5, 0.25}, {0.125, 0.25}}};
     const Lattice l = runDiscrete(makeDiscrete(model), 2, {0});
     EXPECT_EQ(l.alphaBeta.values(), (std::vector<double>{0.125, 0.0625, 1.0, 1.0}));
     EXPECT_EQ(l.exponent, 0);
@@ -297,10 +301,12 @@ TEST_F(ForwardBackward, OccupanciesFromForwardValuesAreTheUsualOnes) {
             double* beta = l.alphaBeta.data() + n * l.length;
             std::vector<double> moves(map.size(), 0.0);
             hmm::occupanciesFromForward(
-                &server, {l.alphaBeta.data(), beta, l.scales.data(), std::ptrdiff_t(n), int(l.length)},
+                &server,
+                {l.alphaBeta.data(), beta, l.scales.data(), std::ptrdiff_t(n), int(l.length)},
                 1.0 / l.result, moves.data());
             EXPECT_TRUE(l.intact());
-            const auto expected = oracle::expectations(model.chain, oracle::logOutputs(model, symbols));
+            const auto expected =
+                oracle::expectations(model.chain, oracle::logOutputs(model, symbols));
             for (std::size_t t = 0; t < l.length; ++t)
                 for (std::size_t i = 0; i < n; ++i)
                     ASSERT_NEAR(l.beta(t, i), expected.gamma[t][i], 1e-9) << t << ' ' << i;
@@ -356,7 +362,8 @@ TEST_F(ForwardBackward, CodebookDisagreementsAreReportedAndPassedBy) {
     int exponent;
     const auto run = [&] {
         exponent = -1;
-        EXPECT_EQ(KTsEvalSemicontHMMForwardBackward(id, alphaBeta, scales, &output, 1, &exponent), 0.5);
+        EXPECT_EQ(KTsEvalSemicontHMMForwardBackward(id, alphaBeta, scales, &output, 1, &exponent),
+                  0.5);
         EXPECT_EQ(exponent, 0);
     };
     support::CapturedReports reports;
@@ -394,10 +401,11 @@ TEST_F(ForwardBackward, AHandlerMayReleaseTheModel) {
     id = makeSemicontinuous({{{1.0}, {{1.0}}}, {{1.0}}}, 2);
     KTsFreeSemicontCodebook();
     KTsFreeGaussMixServer(density);
-    const KTErrorHandler before = KTRedirectError([](int, const char*, const char*, const char*, int) {
-        KTFreeHMMServer(id);
-        return 0;
-    });
+    const KTErrorHandler before =
+        KTRedirectError([](int, const char*, const char*, const char*, int) {
+            KTFreeHMMServer(id);
+            return 0;
+        });
     double alphaBeta[2], scales[1];
     const float output = 0.5f;
     int exponent = -1;
@@ -413,7 +421,8 @@ TEST_F(ForwardBackward, AllocatesNothing) {
     const int id = makeDiscrete(model);
     Lattice l(9, 50);
     support::alloc::arm(0);
-    KTsEvalHMMForwardBackward(id, symbols.data(), l.alphaBeta.data(), l.scales.data(), 50, &l.exponent);
+    KTsEvalHMMForwardBackward(id, symbols.data(), l.alphaBeta.data(), l.scales.data(), 50,
+                              &l.exponent);
     EXPECT_EQ(support::alloc::allocations(), 0);
     support::alloc::disarm();
 }

@@ -4,9 +4,9 @@
 
 #include "frame/KT_ALLOC.h"
 #include "mixtures/KT_GAUSS.h"
+#include "models/codebooks.h"
 #include "models/evaluation.h"
 #include "models/forward_backward.h"
-#include "models/codebooks.h"
 #include "support/streams.h"
 
 #include <algorithm>
@@ -96,7 +96,8 @@ const Creation creations[] = {
     {"KTwInitContHMMServer",
      [](Kit& k, bool given, int nStates) {
          return KTwInitContHMMServer(pointers(k.fixed.trans).data(), initialOf(k.fixed, given),
-                                     k.fixedMixtures.table.data(), nStates, dim, KT_HMM_LOGARITHMIC, -8);
+                                     k.fixedMixtures.table.data(), nStates, dim, KT_HMM_LOGARITHMIC,
+                                     -8);
      }},
     {"KTsInitContHMMServer",
      [](Kit& k, bool given, int nStates) {
@@ -105,13 +106,15 @@ const Creation creations[] = {
      }},
     {"KTwInitSemicontHMMServer",
      [](Kit& k, bool given, int nStates) {
-         return KTwInitSemicontHMMServer(pointers(k.fixed.trans).data(), pointers(k.fixed.out).data(),
-                                         initialOf(k.fixed, given), nStates, m, dim, KT_HMM_LOGARITHMIC, -8);
+         return KTwInitSemicontHMMServer(pointers(k.fixed.trans).data(),
+                                         pointers(k.fixed.out).data(), initialOf(k.fixed, given),
+                                         nStates, m, dim, KT_HMM_LOGARITHMIC, -8);
      }},
     {"KTsInitSemicontHMMServer",
      [](Kit& k, bool given, int nStates) {
-         return KTsInitSemicontHMMServer(pointers(k.model.trans).data(), pointers(k.model.out).data(),
-                                         initialOf(k.model, given), nStates, m, dim, KT_HMM_EXPONENTIAL);
+         return KTsInitSemicontHMMServer(pointers(k.model.trans).data(),
+                                         pointers(k.model.out).data(), initialOf(k.model, given),
+                                         nStates, m, dim, KT_HMM_EXPONENTIAL);
      }},
 };
 
@@ -123,7 +126,8 @@ Bytes written(int id) {
 
 template <class T>
 struct Frames {
-    explicit Frames(std::mt19937& random) : values(framesOf<T>(random, 5, dim)), rows(pointers(values)) {}
+    explicit Frames(std::mt19937& random)
+        : values(framesOf<T>(random, 5, dim)), rows(pointers(values)) {}
     Rows<T> values;
     std::vector<const T*> rows;
 };
@@ -189,11 +193,13 @@ TEST(HandlerRelease, CopyWithoutMemory) {
 TEST(HandlerRelease, CopyOfAServerWithoutArrays) {
     onReport([&](Scene& scene) {
         Kit kit(scene);
-        const int id = KTsInitHMMServer(pointers(kit.model.trans).data(), pointers(kit.model.out).data(),
-                                        kit.model.initial.data(), 1, INT_MAX, 0);
+        const int id =
+            KTsInitHMMServer(pointers(kit.model.trans).data(), pointers(kit.model.out).data(),
+                             kit.model.initial.data(), 1, INT_MAX, 0);
         ASSERT_GT(id, 0);
         const int copy = scene.run([&] { return KTCopyHMMServer(id); });
-        EXPECT_TRUE(copy == -1 || KTGetHMMParm(copy, nullptr, nullptr, nullptr, nullptr, nullptr) == -1);
+        EXPECT_TRUE(copy == -1 ||
+                    KTGetHMMParm(copy, nullptr, nullptr, nullptr, nullptr, nullptr) == -1);
     });
 }
 
@@ -206,7 +212,9 @@ TEST(HandlerRelease, QueryWithoutMemoryForAMixture) {
             const int id = isFixed ? kit.fixedContinuous() : kit.continuous();
             GaussMixServer marker{};
             GaussMixServer* slots[n] = {&marker, nullptr, &marker, &marker};
-            EXPECT_EQ(scene.run([&] { return KTGetHMMProb(id, nullptr, nullptr, nullptr, nullptr, slots); }),
+            EXPECT_EQ(scene.run([&] {
+                return KTGetHMMProb(id, nullptr, nullptr, nullptr, nullptr, slots);
+            }),
                       0);
             bool gone = false; // from the mixture that failed on there are none
             for (GaussMixServer* slot : {slots[0], slots[2], slots[3]}) {
@@ -369,8 +377,9 @@ TEST(HandlerRelease, EvaluationWithADisagreeingCodebook) {
                     if (densities > 0) kit.setCodebooks(densities);
                     const Frames<float> frames(kit.random);
                     const Frames<short> words(kit.random);
-                    EXPECT_TRUE(scene.run(
-                        [&] { return evaluation.fails(hmm, frames.rows.data(), words.rows.data()); }));
+                    EXPECT_TRUE(scene.run([&] {
+                        return evaluation.fails(hmm, frames.rows.data(), words.rows.data());
+                    }));
                 });
 }
 
@@ -386,7 +395,8 @@ TEST(HandlerRelease, ForwardBackwardWithADisagreeingCodebook) {
                 const float outputs[2 * n] = {1, 1, 1, 1, 1, 1, 1, 1};
                 int exponent = 0;
                 const double result = scene.run([&] {
-                    return KTsEvalSemicontHMMForwardBackward(id, lattice, scales, outputs, 2, &exponent);
+                    return KTsEvalSemicontHMMForwardBackward(id, lattice, scales, outputs, 2,
+                                                             &exponent);
                 });
                 EXPECT_LE(result, 0.0);
                 EXPECT_EQ(exponent, INT_MAX);
@@ -412,9 +422,11 @@ TEST(HandlerRelease, TrainingWithADisagreeingCodebook) {
                 const int lengths[] = {5, 4};
                 float tolerance = 1e-30f; // the change is 0: one iteration, a call
                 const int result = scene.run([&] {
-                    int trained = KTsTrainSemicontHMMBaumWelch(id, sequences, lengths, 2, 2, &tolerance);
+                    int trained =
+                        KTsTrainSemicontHMMBaumWelch(id, sequences, lengths, 2, 2, &tolerance);
                     if (trained > 0)
-                        trained = KTsTrainSemicontHMMBaumWelch(trained, sequences, lengths, 2, 2, &tolerance);
+                        trained = KTsTrainSemicontHMMBaumWelch(trained, sequences, lengths, 2, 2,
+                                                               &tolerance);
                     return trained;
                 });
                 EXPECT_EQ(result, -1);
@@ -469,8 +481,9 @@ std::vector<float> trainedOnce(int nSequences, KTErrorHandler handler) {
     const int lengths[] = {5, 4};
     const KTErrorHandler before = KTRedirectError(handler);
     nTrainingReports = 0;
-    const int trained = scene.run(
-        [&] { return KTsTrainSemicontHMMBaumWelch(id, sequences, lengths, nSequences, 1, nullptr); });
+    const int trained = scene.run([&] {
+        return KTsTrainSemicontHMMBaumWelch(id, sequences, lengths, nSequences, 1, nullptr);
+    });
     KTRedirectError(before);
     std::vector<float> values(n + n * m);
     void* rows[n];
@@ -482,8 +495,8 @@ std::vector<float> trainedOnce(int nSequences, KTErrorHandler handler) {
 
 } // namespace
 
-// Only the codebook goes, before the second sequence: that one counts for nothing then, and no value
-// of a frame of the first takes the place of its own.
+// Only the codebook goes, before the second sequence: that one counts for nothing then, and no
+// value of a frame of the first takes the place of its own.
 TEST(HandlerRelease, TrainingWhoseCodebookGoes) {
     const std::vector<float> ofFirst = trainedOnce(1, KTNulDevReport);
     EXPECT_EQ(trainedOnce(2, freeCodebookAtThird), ofFirst);
@@ -498,8 +511,8 @@ TEST(HandlerRelease, ContinuousTrainingWithoutMemory) {
         const float* const* sequences[] = {frames.rows.data()};
         const int length = 5;
         float tolerance = 1e-30f;
-        const int result =
-            scene.run([&] { return KTsTrainContHMMBaumWelch(id, sequences, &length, 1, 3, &tolerance); });
+        const int result = scene.run(
+            [&] { return KTsTrainContHMMBaumWelch(id, sequences, &length, 1, 3, &tolerance); });
         if (scene.acted()) {
             EXPECT_EQ(result, -1);
         }
@@ -570,12 +583,12 @@ TEST(HandlerRelease, MixturesWithoutMemory) {
     };
     using namespace ktl::gauss;
     run(false, [](GaussMixServer* s) {
-        return KTsInitGaussMixServer(weights<float>(s), means<float>(s), matrices<float>(s), nullptr, dim, 2,
-                                     KT_GAUSS_NORMALIZE);
+        return KTsInitGaussMixServer(weights<float>(s), means<float>(s), matrices<float>(s),
+                                     nullptr, dim, 2, KT_GAUSS_NORMALIZE);
     });
     run(true, [](GaussMixServer* s) {
-        return KTwInitGaussMixServer(weights<short>(s), means<short>(s), matrices<short>(s), nullptr, dim, 2,
-                                     0, -13);
+        return KTwInitGaussMixServer(weights<short>(s), means<short>(s), matrices<short>(s),
+                                     nullptr, dim, 2, 0, -13);
     });
     run(false, [](GaussMixServer* s) { return KTswConvertGaussMixServer(s, -14, -8, -4); });
     run(true, [](GaussMixServer* s) {
@@ -591,12 +604,14 @@ TEST(HandlerRelease, MixturesThatAreRefused) {
     onReport([&](Scene& scene) {
         Kit kit(scene);
         GaussMixServer* source = kit.fixedMixtures.table[0];
-        EXPECT_EQ(scene.run([&] { return KTswConvertGaussMixServer(source, -14, -8, -4); }), nullptr);
+        EXPECT_EQ(scene.run([&] { return KTswConvertGaussMixServer(source, -14, -8, -4); }),
+                  nullptr);
     });
     onReport([&](Scene& scene) {
         Kit kit(scene);
         GaussMixServer* source = kit.mixtures.table[0];
-        EXPECT_EQ(scene.run([&] { return KTwsConvertGaussMixServer(source, -14, -8, -4); }), nullptr);
+        EXPECT_EQ(scene.run([&] { return KTwsConvertGaussMixServer(source, -14, -8, -4); }),
+                  nullptr);
     });
 }
 
@@ -605,7 +620,8 @@ TEST(HandlerRelease, InversionWithoutMemoryForTheResult) {
         onReport([&](Scene& scene) {
             std::mt19937 random(5);
             Server raw = mixtures::randomMixture(random, dim, 2, full).server();
-            KTsFreeGaussMixServer(KTsInvertGaussianCovMatrix(raw.get(), 0)); // the work table is there
+            // the work table is there
+            KTsFreeGaussMixServer(KTsInvertGaussianCovMatrix(raw.get(), 0));
             scene.mine([&] { raw.reset(); });
             scene.failAt = 1;
             EXPECT_EQ(scene.run([&] { return KTsInvertGaussianCovMatrix(raw.get(), 0); }), nullptr);

@@ -1,9 +1,9 @@
-// Hidden Markov models as the tests hold them, the calls that make servers of them, and what a server of one
-// has to store, written down order by order without any arithmetic on positions.
+// Hidden Markov models as the tests hold them, the calls that make servers of them, and what a
+// server of one has to store, written down order by order without any arithmetic on positions.
 #pragma once
 
-#include "models/model.h"
 #include "mixtures/mixtures.h"
+#include "models/model.h"
 
 #include <cfloat>
 #include <cstdint>
@@ -19,10 +19,12 @@ using mixtures::Server;
 enum class Flavour { discrete, continuous, semicontinuous };
 enum class Shape { full, triangular, banded };
 
-inline constexpr Flavour allFlavours[] = {Flavour::discrete, Flavour::continuous, Flavour::semicontinuous};
+inline constexpr Flavour allFlavours[] = {Flavour::discrete, Flavour::continuous,
+                                          Flavour::semicontinuous};
 inline constexpr Shape allShapes[] = {Shape::full, Shape::triangular, Shape::banded};
 
-// The least that matrices of few states are stored as: one state is full, two upper triangular, three banded.
+// The least that matrices of few states are stored as: one state is full, two upper triangular,
+// three banded.
 inline Shape storedShape(Shape wanted, int n) {
     if (n == 1 || wanted == Shape::full) return Shape::full;
     if (n == 2) return Shape::triangular;
@@ -66,26 +68,29 @@ struct Model {
         const int flags = int(domain);
         if constexpr (isFloat) {
             if (flavour == Flavour::discrete)
-                return KTsInitHMMServer(transRows.data(), outRows.data(), initial.data(), n, nSymbols, flags);
+                return KTsInitHMMServer(transRows.data(), outRows.data(), initial.data(), n,
+                                        nSymbols, flags);
             if (flavour == Flavour::continuous)
-                return KTsInitContHMMServer(transRows.data(), initial.data(), servers.data(), n, nQuant,
-                                            flags);
-            return KTsInitSemicontHMMServer(transRows.data(), outRows.data(), initial.data(), n, nSymbols,
+                return KTsInitContHMMServer(transRows.data(), initial.data(), servers.data(), n,
                                             nQuant, flags);
+            return KTsInitSemicontHMMServer(transRows.data(), outRows.data(), initial.data(), n,
+                                            nSymbols, nQuant, flags);
         } else {
             if (flavour == Flavour::discrete)
-                return KTwInitHMMServer(transRows.data(), outRows.data(), initial.data(), n, nSymbols, flags);
+                return KTwInitHMMServer(transRows.data(), outRows.data(), initial.data(), n,
+                                        nSymbols, flags);
             if (flavour == Flavour::continuous)
-                return KTwInitContHMMServer(transRows.data(), initial.data(), servers.data(), n, nQuant,
-                                            flags, scale);
-            return KTwInitSemicontHMMServer(transRows.data(), outRows.data(), initial.data(), n, nSymbols,
+                return KTwInitContHMMServer(transRows.data(), initial.data(), servers.data(), n,
                                             nQuant, flags, scale);
+            return KTwInitSemicontHMMServer(transRows.data(), outRows.data(), initial.data(), n,
+                                            nSymbols, nQuant, flags, scale);
         }
     }
 };
 
 // Fixed mixtures for any use: small integers.
-inline mixtures::Mixture<short> randomFixedMixture(std::mt19937& random, int nDim, int nMix, bool full) {
+inline mixtures::Mixture<short> randomFixedMixture(std::mt19937& random, int nDim, int nMix,
+                                                   bool full) {
     const auto draw = [&](int low, int high) {
         return short(std::uniform_int_distribution<int>(low, high)(random));
     };
@@ -249,7 +254,8 @@ inline std::vector<float> storedTransitions(const Model<float>& m) {
     if (m.costs()) {
         for (int j = m.n - 1; j >= 0; --j)
             for (int i = 0; i < m.n; ++i)
-                if (stored(m.shape, i, j)) values.push_back(m.trans[std::size_t(i)][std::size_t(j)]);
+                if (stored(m.shape, i, j))
+                    values.push_back(m.trans[std::size_t(i)][std::size_t(j)]);
         return values;
     }
     for (int i = 0; i < m.n; ++i)
@@ -259,7 +265,8 @@ inline std::vector<float> storedTransitions(const Model<float>& m) {
     return values;
 }
 
-// Fixed rows by target; `element` gives what stands for a transition, `pad` and `missing` fill the rest.
+// Fixed rows by target; `element` gives what stands for a transition, `pad` and `missing` fill the
+// rest.
 template <class T, class Element>
 std::vector<std::int32_t> fixedByTarget(const Model<T>& m, std::int32_t pad, std::int32_t missing,
                                         Element element) {
@@ -267,15 +274,17 @@ std::vector<std::int32_t> fixedByTarget(const Model<T>& m, std::int32_t pad, std
     if (m.shape == Shape::banded) {
         for (int distance = 0; distance < 3; ++distance) {
             for (int j = 0; j < m.n; ++j)
-                values.push_back(j < distance ? missing
-                                              : element(m.trans[std::size_t(j - distance)][std::size_t(j)]));
+                values.push_back(j < distance
+                                     ? missing
+                                     : element(m.trans[std::size_t(j - distance)][std::size_t(j)]));
             padTo(values, 2, pad);
         }
         return values;
     }
     for (int j = m.n - 1; j >= 0; --j) {
         for (int i = 0; i < m.n; ++i)
-            if (stored(m.shape, i, j)) values.push_back(element(m.trans[std::size_t(i)][std::size_t(j)]));
+            if (stored(m.shape, i, j))
+                values.push_back(element(m.trans[std::size_t(i)][std::size_t(j)]));
         padTo(values, 2, pad);
     }
     return values;
@@ -327,9 +336,9 @@ Answer<T> query(int id, int n, int nSymbols, Flavour flavour) {
         trans.push_back(a.trans[i].data());
         out.push_back(a.out[i].data());
     }
-    a.result =
-        KTGetHMMProb(id, a.initial.data(), trans.data(), flavour == Flavour::discrete ? out.data() : nullptr,
-                     flavour == Flavour::semicontinuous ? out.data() : nullptr, nullptr);
+    a.result = KTGetHMMProb(id, a.initial.data(), trans.data(),
+                            flavour == Flavour::discrete ? out.data() : nullptr,
+                            flavour == Flavour::semicontinuous ? out.data() : nullptr, nullptr);
     return a;
 }
 

@@ -1,5 +1,5 @@
-#include "models/layout.h"
 #include "models/codebooks.h"
+#include "models/layout.h"
 #include "support/alloc_faults.h"
 #include "support/reports.h"
 
@@ -111,7 +111,8 @@ std::size_t elementsOf(Shape shape, int n, bool isFixed) {
 template <class T>
 std::vector<T> stored(void* block, std::size_t count, std::size_t alignment) {
     const auto address = reinterpret_cast<std::uintptr_t>(block);
-    const auto* first = reinterpret_cast<const T*>((address + alignment - 1) / alignment * alignment);
+    const auto* first =
+        reinterpret_cast<const T*>((address + alignment - 1) / alignment * alignment);
     return std::vector<T>(first, first + count);
 }
 
@@ -123,7 +124,8 @@ unsigned topologyBits(int id) {
     return server(id).status & (HMM_SERVER_BANDED | HMM_SERVER_TRIANGULAR);
 }
 
-// A float model of n states whose transitions are all `value`, a discrete server of it with one changed.
+// A float model of n states whose transitions are all `value`, a discrete server of it with one
+// changed.
 int withOne(int n, float value, float changed, int i, int j, int flags) {
     Model<float> model{n,
                        1,
@@ -143,10 +145,14 @@ TEST_F(Layout, SmallestModels) {
     std::mt19937 random(1);
     EXPECT_EQ(topologyBits(randomModel(random, 1, 1, Shape::banded).discrete(2)), 0u);
     EXPECT_EQ(topologyBits(randomModel(random, 2, 1, Shape::full).discrete(2)), 0u);
-    EXPECT_EQ(topologyBits(randomModel(random, 2, 1, Shape::banded).discrete(2)), HMM_SERVER_TRIANGULAR);
-    EXPECT_EQ(topologyBits(randomModel(random, 3, 1, Shape::triangular).discrete(2)), HMM_SERVER_BANDED);
-    EXPECT_EQ(topologyBits(randomModel(random, 4, 1, Shape::triangular).discrete(2)), HMM_SERVER_TRIANGULAR);
-    EXPECT_EQ(topologyBits(randomModel(random, 4, 1, Shape::banded).discrete(2)), HMM_SERVER_BANDED);
+    EXPECT_EQ(topologyBits(randomModel(random, 2, 1, Shape::banded).discrete(2)),
+              HMM_SERVER_TRIANGULAR);
+    EXPECT_EQ(topologyBits(randomModel(random, 3, 1, Shape::triangular).discrete(2)),
+              HMM_SERVER_BANDED);
+    EXPECT_EQ(topologyBits(randomModel(random, 4, 1, Shape::triangular).discrete(2)),
+              HMM_SERVER_TRIANGULAR);
+    EXPECT_EQ(topologyBits(randomModel(random, 4, 1, Shape::banded).discrete(2)),
+              HMM_SERVER_BANDED);
 }
 
 TEST_F(Layout, OneElementDecides) {
@@ -160,15 +166,18 @@ TEST_F(Layout, OneElementDecides) {
 
 TEST_F(Layout, FloatThresholds) {
     EXPECT_EQ(topologyBits(withOne(2, 40.0f, 29.9f, 1, 0, KT_HMM_LOGARITHMIC)), 0u);
-    EXPECT_EQ(topologyBits(withOne(2, 40.0f, 30.0f, 1, 0, KT_HMM_LOGARITHMIC)), HMM_SERVER_TRIANGULAR);
+    EXPECT_EQ(topologyBits(withOne(2, 40.0f, 30.0f, 1, 0, KT_HMM_LOGARITHMIC)),
+              HMM_SERVER_TRIANGULAR);
     EXPECT_EQ(topologyBits(withOne(2, 40.0f, -1.0f, 1, 0, KT_HMM_LOGARITHMIC)), 0u);
     EXPECT_EQ(topologyBits(withOne(2, 0.0f, 1e-45f, 1, 0, KT_HMM_EXPONENTIAL)), 0u);
-    EXPECT_EQ(topologyBits(withOne(2, 0.0f, -1.0f, 1, 0, KT_HMM_EXPONENTIAL)), HMM_SERVER_TRIANGULAR);
+    EXPECT_EQ(topologyBits(withOne(2, 0.0f, -1.0f, 1, 0, KT_HMM_EXPONENTIAL)),
+              HMM_SERVER_TRIANGULAR);
 }
 
 TEST_F(Layout, FixedThresholds) {
     const auto topology = [](short value, short changed, int flags) {
-        const Model<short> model{2, 1, Shape::full, {{value, value}, {changed, value}}, {{0}, {0}}, {0, 0}};
+        const Model<short> model{2,          1,     Shape::full, {{value, value}, {changed, value}},
+                                 {{0}, {0}}, {0, 0}};
         return topologyBits(model.discrete(flags));
     };
     EXPECT_EQ(topology(0x7FFF, 0x7FFF, KT_HMM_LOGARITHMIC), HMM_SERVER_TRIANGULAR);
@@ -195,7 +204,8 @@ TEST_F(Layout, FloatTransitions) {
             const auto model = randomModel(random, n, 1, shape);
             const auto costs = costsOf(model);
             const Shape as = found(shape, n);
-            const int id = model.discrete(KT_HMM_EXPONENTIAL), costId = costs.discrete(KT_HMM_LOGARITHMIC);
+            const int id = model.discrete(KT_HMM_EXPONENTIAL),
+                      costId = costs.discrete(KT_HMM_LOGARITHMIC);
             EXPECT_EQ(topologyBits(id), bitOf(as));
             EXPECT_EQ(topologyBits(costId), bitOf(as));
             const auto count = elementsOf(as, n, false);
@@ -420,8 +430,9 @@ TEST_F(Setting, StatesWithoutData) {
     struct Row {
         const void *trans, *out, *initial;
     };
-    for (const Row& row : {Row{trans.data(), out.data(), nullptr}, Row{nullptr, out.data(), initial},
-                           Row{trans.data(), nullptr, initial}}) {
+    for (const Row& row :
+         {Row{trans.data(), out.data(), nullptr}, Row{nullptr, out.data(), initial},
+          Row{trans.data(), nullptr, initial}}) {
         support::CapturedReports reports;
         KTSetHMMServerParm(id, 5, row.trans, row.out, row.initial, 3, -1, -1);
         expectReport(reports, KT_StsBadArg, "change HMM nStates without data");
@@ -477,5 +488,6 @@ TEST_F(Setting, AnotherShapeTakesTheOldOnesPlace) {
     EXPECT_EQ(server(id).nSymbols, 5);
     EXPECT_EQ(server(id).tag, 3);
     EXPECT_EQ(topologyBits(id), HMM_SERVER_BANDED);
-    EXPECT_EQ(stored<float>(server(id).transitions, 16, 16), exponentialTransitions(other, Shape::banded));
+    EXPECT_EQ(stored<float>(server(id).transitions, 16, 16),
+              exponentialTransitions(other, Shape::banded));
 }

@@ -1,5 +1,5 @@
-#include "models/log10_fixed.h"
 #include "ktlp6.h"
+#include "models/log10_fixed.h"
 #include "support/guarded.h"
 
 #include <gtest/gtest.h>
@@ -54,9 +54,10 @@ TEST(FixedLogarithm, TheFinestTierDoesNotTurnTheSign) {
     EXPECT_EQ(logarithm(1 << 20, -24, 25), logarithm(1 << 20, -24, 26) >> 1);
 }
 
-// The tiers leave out what their last bit does not show: each result lies near the real logarithm. In the
-// first tier the mantissa's logarithm is that of its leading 8 bits, at most log10(1 + 1/256) off; with one
-// term the rest is below log10(e)/2 * 2^-16, with two below log10(e)/3 * 2^-24. Rounding down adds one unit.
+// The tiers leave out what their last bit does not show: each result lies near the real logarithm.
+// In the first tier the mantissa's logarithm is that of its leading 8 bits, at most log10(1 +
+// 1/256) off; with one term the rest is below log10(e)/2 * 2^-16, with two below log10(e)/3 *
+// 2^-24. Rounding down adds one unit.
 TEST(FixedLogarithm, LiesNearTheRealOne) {
     std::uint32_t state = 1;
     for (int i = 0; i < 20000; ++i) {
@@ -64,9 +65,11 @@ TEST(FixedLogarithm, LiesNearTheRealOne) {
         const int x = static_cast<int>(state >> 1 >> (i % 31)) | 1;
         for (int sfOut = -2; sfOut <= 24; ++sfOut) {
             const long double real =
-                -(std::log10(static_cast<long double>(x)) - 28 * std::log10(2.0L)) * std::ldexp(1.0L, sfOut);
+                -(std::log10(static_cast<long double>(x)) - 28 * std::log10(2.0L)) *
+                std::ldexp(1.0L, sfOut);
             const long double missing = sfOut < 9 ? 0.0017L : sfOut < 18 ? 0.22e-5L * 1.6L : 1e-8L;
-            const long double bound = missing * std::ldexp(1.0L, sfOut) + 1 + std::ldexp(3.0L, sfOut - 26);
+            const long double bound =
+                missing * std::ldexp(1.0L, sfOut) + 1 + std::ldexp(3.0L, sfOut - 26);
             ASSERT_LE(std::fabs(static_cast<long double>(logarithm(x, -28, sfOut)) - real), bound)
                 << x << ' ' << sfOut;
         }

@@ -22,8 +22,9 @@ using support::wordAt;
 
 // Offsets of the record's words.
 [[maybe_unused]] constexpr std::size_t atId = 16, atTag = 20, atStates = 24, atSymbols = 28,
-                                       atTransitions = 32, atOutputs = 36, atInitials = 40, atStatus = 52,
-                                       atStateWords = 56, atMixtures = 60, atScale = 68;
+                                       atTransitions = 32, atOutputs = 36, atInitials = 40,
+                                       atStatus = 52, atStateWords = 56, atMixtures = 60,
+                                       atScale = 68;
 
 class HmmFile : public testing::Test {
 protected:
@@ -98,7 +99,8 @@ void expectRoundTrip(Model<T>& model) {
     EXPECT_NE(second, id);
     EXPECT_STREQ(name, "some name");
     EXPECT_EQ(unsigned(parametersOf(second).status), model.status());
-    // a mixture that was read says so in its flags, and its tail is that of its new place: its image is taken anew
+    // a mixture that was read says so in its flags, and its tail is that of its new place: its
+    // image is taken anew
     EXPECT_EQ(written(second, "some name"), imageOf(model, second, "some name"));
     const auto answer = query<T>(second, model.n, model.nSymbols, model.flavour);
     EXPECT_EQ(answer.initial, model.initial);
@@ -177,7 +179,8 @@ TEST_F(HmmFile, ShorterNamesAreFilledWithZerosAndComeBackTerminated) {
     auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
     const int id = model.create();
     const Bytes bytes = written(id, "ab");
-    EXPECT_EQ(std::string(bytes.begin() + 4, bytes.begin() + 16), std::string("ab") + std::string(10, '\0'));
+    EXPECT_EQ(std::string(bytes.begin() + 4, bytes.begin() + 16),
+              std::string("ab") + std::string(10, '\0'));
     char name[12];
     std::memset(name, '#', sizeof name);
     EXPECT_GT(readFrom(bytes, name), 0);
@@ -216,7 +219,8 @@ TEST_F(HmmFile, TagAndStateWordsSurviveReadCopyAndWrite) {
     EXPECT_EQ(server->mixtures, nullptr);
     EXPECT_EQ(written(second, "tagged"), imageOf(model, second, "tagged", 0x1234, words));
     const int copy = KTCopyHMMServer(second);
-    EXPECT_EQ(written(copy, "tagged"), imageOf(model, copy, "tagged", 0, words)); // a copy has no tag
+    // a copy has no tag
+    EXPECT_EQ(written(copy, "tagged"), imageOf(model, copy, "tagged", 0, words));
 }
 
 TEST_F(HmmFile, StateWordsOfAContinuousModelStandBehindItsMixtures) {
@@ -253,9 +257,10 @@ void expectOwnMixtures(std::mt19937& random, unsigned domain) {
     const long before = support::alloc::liveBlocks();
     KTSetHMMMode(KT_HMM_KEEP);
     const int id = readFrom(image), copy = KTCopyHMMServer(id), copyOfCopy = KTCopyHMMServer(copy);
-    const int changed = domain == 1 && Model<T>::isFloat ? KTswConvertHMMServer(id, -8, -14, -10, -9)
-                        : domain == 1                    ? KTwsConvertHMMServer(id, 8, 14, 10, 9)
-                                                         : KTsLogHMMServer(id);
+    const int changed = domain == 1 && Model<T>::isFloat
+                            ? KTswConvertHMMServer(id, -8, -14, -10, -9)
+                        : domain == 1 ? KTwsConvertHMMServer(id, 8, 14, 10, 9)
+                                      : KTsLogHMMServer(id);
     for (const int each : {id, copy, copyOfCopy}) {
         EXPECT_EQ(unsigned(parametersOf(each).status), status);
         EXPECT_EQ(wordAt(written(each), atStatus), status);
@@ -513,7 +518,8 @@ TEST_F(HmmFile, CountsAndStatusWordsThatMakeNoSenseAreRefused) {
             return changed;
         };
         const std::uint32_t status = wordAt(image, atStatus);
-        for (const std::uint32_t n : {0u, 0xFFFFFFFFu, 0x80000000u, 0x7FFFFFFFu, 0x7FFFFFFCu, 0x40000000u})
+        for (const std::uint32_t n :
+             {0u, 0xFFFFFFFFu, 0x80000000u, 0x7FFFFFFFu, 0x7FFFFFFCu, 0x40000000u})
             expectRefused(with(atStates, n));
         if (flavour != Flavour::continuous)
             for (const std::uint32_t n :
@@ -532,7 +538,8 @@ TEST_F(HmmFile, BitsThatDoNotMatterAreTakenOver) {
     setWordAt(image, atStatus, wordAt(image, atStatus) | 0x80000400u | HMM_SERVER_TILED);
     setWordAt(image, atTag, 77);
     int id = 0;
-    for (const std::uint32_t n : {0x80000000u, 0x7FFFFFFFu}) { // a continuous model has no use for it
+    // a continuous model has no use for it
+    for (const std::uint32_t n : {0x80000000u, 0x7FFFFFFFu}) {
         setWordAt(image, atSymbols, n);
         id = readFrom(image);
         ASSERT_GT(id, 0);
@@ -543,7 +550,8 @@ TEST_F(HmmFile, BitsThatDoNotMatterAreTakenOver) {
     EXPECT_GT(KTCopyHMMServer(id), 0);
 }
 
-// A record without a flavour has no outputs; nothing can be evaluated with it, but it can be carried.
+// A record without a flavour has no outputs; nothing can be evaluated with it, but it can be
+// carried.
 TEST_F(HmmFile, WithoutAFlavourThereAreNoOutputs) {
     auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
     Bytes image = written(model.create());
@@ -565,13 +573,15 @@ TEST_F(HmmFile, AHugePromiseTakesNoMoreMemoryThanTheStreamHolds) {
     support::alloc::arm(0);
     expectRefused(image);
     support::alloc::disarm();
-    EXPECT_LE(support::alloc::allocations(), 3); // the record and one piece, besides the stream's own
+    // the record and one piece, besides the stream's own
+    EXPECT_LE(support::alloc::allocations(), 3);
 }
 
 TEST_F(HmmFile, LargeServersComeInPieces) {
     auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 300, 2, 300, 0);
     expectRoundTrip(model);
-    auto fixedModel = randomModel<short>(random, Flavour::discrete, Shape::triangular, 501, 1, 400, 0);
+    auto fixedModel =
+        randomModel<short>(random, Flavour::discrete, Shape::triangular, 501, 1, 400, 0);
     expectRoundTrip(fixedModel);
     const int id = model.create();
     const Bytes image = written(id);

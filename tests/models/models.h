@@ -1,5 +1,6 @@
-// Small random models, the calls that make servers of them, and plain references: the recursions as a
-// textbook writes them, and the sum or the minimum over every single path. Tests and benchmarks share them.
+// Small random models, the calls that make servers of them, and plain references: the recursions as
+// a textbook writes them, and the sum or the minimum over every single path. Tests and benchmarks
+// share them.
 #pragma once
 
 #include "ktlp6.h"
@@ -56,9 +57,11 @@ struct Model {
         const auto a = pointers(trans), b = pointers(out);
         if constexpr (isFloat) {
             static_cast<void>(scale);
-            return KTsInitSemicontHMMServer(a.data(), b.data(), initial.data(), n, m, nQuant, flags);
+            return KTsInitSemicontHMMServer(a.data(), b.data(), initial.data(), n, m, nQuant,
+                                            flags);
         } else {
-            return KTwInitSemicontHMMServer(a.data(), b.data(), initial.data(), n, m, nQuant, flags, scale);
+            return KTwInitSemicontHMMServer(a.data(), b.data(), initial.data(), n, m, nQuant, flags,
+                                            scale);
         }
     }
     int continuous(GaussMixServer** mixtures, int nQuant, int flags, int scale = 0) const {
@@ -67,7 +70,8 @@ struct Model {
             static_cast<void>(scale);
             return KTsInitContHMMServer(a.data(), initial.data(), mixtures, n, nQuant, flags);
         } else {
-            return KTwInitContHMMServer(a.data(), initial.data(), mixtures, n, nQuant, flags, scale);
+            return KTwInitContHMMServer(a.data(), initial.data(), mixtures, n, nQuant, flags,
+                                        scale);
         }
     }
 };
@@ -130,8 +134,9 @@ inline Model<float> costsOf(const Model<float>& model) {
 
 // Costs times 256.
 inline Model<short> fixedOf(const Model<float>& model) {
-    return converted<short>(
-        model, [](float p) { return p > 0 ? short(std::lround(-256 * std::log10(p))) : short(0x7FFF); });
+    return converted<short>(model, [](float p) {
+        return p > 0 ? short(std::lround(-256 * std::log10(p))) : short(0x7FFF);
+    });
 }
 
 // What a logarithmic fixed server makes of an input.
@@ -177,7 +182,8 @@ inline int sum(int a, int b) { // wraps
 
 // The cost of the best path, state by state.
 template <class T>
-T bestPath(const Rows<T>& trans, const std::vector<T>& initial, const Rows<T>& outputs, Shape shape) {
+T bestPath(const Rows<T>& trans, const std::vector<T>& initial, const Rows<T>& outputs,
+           Shape shape) {
     const int n = static_cast<int>(initial.size());
     std::vector<T> now;
     for (int i = 0; i < n; ++i)
@@ -216,17 +222,19 @@ void everyPath(int n, int frames, Shape shape, Visit visit) {
     }
 }
 
-// The smallest sum over all paths. Sums grow alike along a path and in the recursion, and rounding keeps
-// order, so the two agree bit for bit.
+// The smallest sum over all paths. Sums grow alike along a path and in the recursion, and rounding
+// keeps order, so the two agree bit for bit.
 template <class T>
-T bestOfAllPaths(const Rows<T>& trans, const std::vector<T>& initial, const Rows<T>& outputs, Shape shape) {
+T bestOfAllPaths(const Rows<T>& trans, const std::vector<T>& initial, const Rows<T>& outputs,
+                 Shape shape) {
     bool first = true;
     T best{};
     everyPath(static_cast<int>(initial.size()), static_cast<int>(outputs.size()), shape,
               [&](const auto& path) {
                   T cost = sum(initial[at(path[0])], outputs[0][at(path[0])]);
                   for (std::size_t t = 1; t < path.size(); ++t)
-                      cost = sum(outputs[t][at(path[t])], sum(cost, trans[at(path[t - 1])][at(path[t])]));
+                      cost = sum(outputs[t][at(path[t])],
+                                 sum(cost, trans[at(path[t - 1])][at(path[t])]));
                   if (first || cost < best) best = cost;
                   first = false;
               });
@@ -237,13 +245,15 @@ T bestOfAllPaths(const Rows<T>& trans, const std::vector<T>& initial, const Rows
 inline double costOfAllPaths(const Rows<float>& trans, const std::vector<float>& initial,
                              const Rows<double>& outputs, Shape shape) {
     long double total = 0;
-    everyPath(
-        static_cast<int>(initial.size()), static_cast<int>(outputs.size()), shape, [&](const auto& path) {
-            long double p = static_cast<long double>(initial[at(path[0])]) * outputs[0][at(path[0])];
-            for (std::size_t t = 1; t < path.size(); ++t)
-                p *= static_cast<long double>(trans[at(path[t - 1])][at(path[t])]) * outputs[t][at(path[t])];
-            total += p;
-        });
+    everyPath(static_cast<int>(initial.size()), static_cast<int>(outputs.size()), shape,
+              [&](const auto& path) {
+                  long double p =
+                      static_cast<long double>(initial[at(path[0])]) * outputs[0][at(path[0])];
+                  for (std::size_t t = 1; t < path.size(); ++t)
+                      p *= static_cast<long double>(trans[at(path[t - 1])][at(path[t])]) *
+                           outputs[t][at(path[t])];
+                  total += p;
+              });
     return static_cast<double>(-std::log10(total));
 }
 
@@ -259,7 +269,8 @@ inline double forwardCost(const Rows<float>& trans, const std::vector<float>& in
         for (int j = 0; j < n; ++j) {
             double reached = t == 0 ? static_cast<double>(initial[at(j)]) : 0.0;
             for (int i = 0; t > 0 && i < n; ++i)
-                if (allows(shape, i, j)) reached += now[at(i)] * static_cast<double>(trans[at(i)][at(j)]);
+                if (allows(shape, i, j))
+                    reached += now[at(i)] * static_cast<double>(trans[at(i)][at(j)]);
             next.push_back(reached * outputs[t][at(j)]);
             total += next.back();
         }

@@ -45,7 +45,8 @@ TEST_F(HmmProb, AllPointersNullGiveZero) {
 TEST_F(HmmProb, RowTwoOfAFloatCostTriangle) {
     auto model = randomModel<float>(random, Flavour::discrete, Shape::triangular, 4, 1, 2, 0);
     const auto answer = query<float>(model.create(), 4, 2, Flavour::discrete);
-    EXPECT_EQ(answer.trans[2], (std::vector<float>{largest, largest, model.trans[2][2], model.trans[2][3]}));
+    EXPECT_EQ(answer.trans[2],
+              (std::vector<float>{largest, largest, model.trans[2][2], model.trans[2][3]}));
 }
 
 // Three upper triangular states are stored as a band, which for its last row is the same.
@@ -147,8 +148,9 @@ void expectReadBack(Model<T>& model) {
     for (int i = 0; i < model.n; ++i)
         for (int j = 0; j < model.n; ++j) {
             const auto row = std::size_t(i), column = std::size_t(j);
-            EXPECT_EQ(answer.trans[row][column],
-                      stored(model.shape, i, j) ? model.trans[row][column] : absentResult<T>(model.domain))
+            EXPECT_EQ(answer.trans[row][column], stored(model.shape, i, j)
+                                                     ? model.trans[row][column]
+                                                     : absentResult<T>(model.domain))
                 << i << ", " << j;
         }
     if (model.flavour != Flavour::continuous) {
@@ -167,9 +169,10 @@ void readBackAll(std::mt19937& random, std::initializer_list<unsigned> domains) 
             for (const Shape shape : allShapes)
                 for (const unsigned domain : domains)
                     for (int n = 1; n <= 9; ++n) {
-                        SCOPED_TRACE(testing::Message() << int(flavour) << " " << int(shape) << " " << domain
-                                                        << " " << n << " states");
-                        auto model = randomModel<T>(random, flavour, shape, n, domain, nSymbols, nQuant);
+                        SCOPED_TRACE(testing::Message() << int(flavour) << " " << int(shape) << " "
+                                                        << domain << " " << n << " states");
+                        auto model =
+                            randomModel<T>(random, flavour, shape, n, domain, nSymbols, nQuant);
                         expectReadBack(model);
                     }
     }
@@ -213,7 +216,8 @@ TEST_F(HmmProb, MixturesAreGivenForTheSlotsThatAreNotNull) {
     for (const std::size_t i : {std::size_t(0), std::size_t(2)}) {
         ASSERT_NE(slots[i], wanted);
         ASSERT_NE(slots[i], KTFindHMMServer(id)->mixtures[i]);
-        EXPECT_EQ(KTsEvalGaussMix(slots[i], frame, 4), KTsEvalGaussMix(model.mixtures[i].get(), frame, 4));
+        EXPECT_EQ(KTsEvalGaussMix(slots[i], frame, 4),
+                  KTsEvalGaussMix(model.mixtures[i].get(), frame, 4));
         KTsFreeGaussMixServer(slots[i]);
     }
     KTFreeHMMServer(id); // the given mixtures were the caller's alone
@@ -222,7 +226,8 @@ TEST_F(HmmProb, MixturesAreGivenForTheSlotsThatAreNotNull) {
 TEST_F(HmmProb, NormalisedWeightsComeOverUnchanged) {
     auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 2, 1, 0, 3);
     for (Server& mixture : model.mixtures)
-        mixture = randomMixture<float>(random, 3, 2, &mixture == &model.mixtures[0], KT_GAUSS_NORMALIZE);
+        mixture =
+            randomMixture<float>(random, 3, 2, &mixture == &model.mixtures[0], KT_GAUSS_NORMALIZE);
     const int id = model.create();
     GaussMixServer* slots[] = {model.mixtures[0].get(), model.mixtures[1].get()};
     ASSERT_EQ(KTGetHMMProb(id, nullptr, nullptr, nullptr, nullptr, slots), 0);
@@ -244,7 +249,8 @@ TEST_F(HmmProb, FixedMixturesKeepTheirScale) {
     const short frame[] = {3, 40, 7};
     for (std::size_t i = 0; i < 2; ++i) {
         int scale = -16;
-        const int wanted = KTwEvalGaussMix(model.mixtures[i].get(), frame, 3, KT_FixedScale, &scale);
+        const int wanted =
+            KTwEvalGaussMix(model.mixtures[i].get(), frame, 3, KT_FixedScale, &scale);
         EXPECT_EQ(KTwEvalGaussMix(slots[i], frame, 3, KT_FixedScale, &scale), wanted);
         EXPECT_EQ(slots[i]->scale, -7);
         KTwFreeGaussMixServer(slots[i]);

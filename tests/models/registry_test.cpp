@@ -1,5 +1,5 @@
-#include "quantisers/density_codebook.h"
 #include "models/fixture.h"
+#include "quantisers/density_codebook.h"
 #include "support/alloc_faults.h"
 
 #include <climits>
@@ -20,7 +20,8 @@ int registerOne() {
 std::vector<int> listed() {
     const KTContext* context = KTGetContext();
     std::vector<int> ids;
-    for (const HMMServer* s = context->hmmServerList->next; s != context->hmmServerList; s = s->next) {
+    for (const HMMServer* s = context->hmmServerList->next; s != context->hmmServerList;
+         s = s->next) {
         EXPECT_EQ(s->prev->next, s);
         EXPECT_EQ(s->next->prev, s);
         ids.push_back(s->id);
@@ -71,14 +72,15 @@ TEST_F(Registry, Modes) {
 
 TEST_F(Registry, AllocationFailuresLeaveItAbsentAndSilent) {
     const long before = support::alloc::liveBlocks();
-    const int failures = support::alloc::failEach([] { KTSetHMMMode(0); },
-                                                  [&] {
-                                                      EXPECT_EQ(KTGetContext()->hmmMode & HMM_MODE_READY, 0u);
-                                                      EXPECT_EQ(KTGetContext()->hmmServerList, nullptr);
-                                                      EXPECT_EQ(KTGetStatus(), 0);
-                                                      EXPECT_EQ(support::alloc::liveBlocks(), before);
-                                                      KTGetContext()->hmmMode = 0;
-                                                  });
+    const int failures =
+        support::alloc::failEach([] { KTSetHMMMode(0); },
+                                 [&] {
+                                     EXPECT_EQ(KTGetContext()->hmmMode & HMM_MODE_READY, 0u);
+                                     EXPECT_EQ(KTGetContext()->hmmServerList, nullptr);
+                                     EXPECT_EQ(KTGetStatus(), 0);
+                                     EXPECT_EQ(support::alloc::liveBlocks(), before);
+                                     KTGetContext()->hmmMode = 0;
+                                 });
     EXPECT_EQ(failures, 4);
     EXPECT_EQ(KTGetContext()->hmmMode, 0x05000000u);
 }
@@ -99,8 +101,8 @@ TEST_F(Registry, LowestIdsAreUsedAgain) {
     EXPECT_EQ(KTGetContext()->nHMMServers, 4);
 }
 
-// Against a set of numbers: the lowest free id every time, the list sorted, the cursor at the end of the run
-// that begins at 1 after each registration and never behind its first gap.
+// Against a set of numbers: the lowest free id every time, the list sorted, the cursor at the end
+// of the run that begins at 1 after each registration and never behind its first gap.
 TEST_F(Registry, RandomComingAndGoing) {
     KTInitHMMRegistry();
     std::mt19937 random(1);
@@ -205,8 +207,8 @@ TEST_F(Registry, InfoOfAServer) {
         void *transitions, *outputs, *initials;
         unsigned status = 1;
         explicit Info(int id) : transitions(this), outputs(this), initials(this) {
-            KTGetHMMServerInfo(id, &tag, &transitions, &outputs, &initials, &nStates, &nSymbols, &nQuant,
-                               &scale, &status);
+            KTGetHMMServerInfo(id, &tag, &transitions, &outputs, &initials, &nStates, &nSymbols,
+                               &nQuant, &scale, &status);
         }
     };
     const Info info(id);
@@ -227,7 +229,8 @@ TEST_F(Registry, InfoOfAServer) {
     EXPECT_EQ(unknown.outputs, nullptr);
     EXPECT_EQ(unknown.initials, nullptr);
     EXPECT_EQ(unknown.status, 0u);
-    KTGetHMMServerInfo(id, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    KTGetHMMServerInfo(id, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                       nullptr);
     KTUnregisterHMMServer(record);
     std::free(record);
 }

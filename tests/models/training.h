@@ -1,9 +1,9 @@
 // Models as the training tests hold them, the servers made of them, and servers read back.
 #pragma once
 
+#include "ktlp6.h"
 #include "mixtures/KT_GAUSS.h"
 #include "models/layout.h"
-#include "ktlp6.h"
 #include "oracle/baumwelch.h"
 
 #include <gtest/gtest.h>
@@ -87,8 +87,8 @@ inline int makeDiscrete(const oracle::DiscreteHmm& model, int flags = KT_HMM_EXP
 inline int makeSemicontinuous(const oracle::SemicontinuousHmm& model, int nQuant) {
     const Floats a = floats(model.chain.a), b = floats(model.weights);
     const std::vector<float> pi = floats(model.chain.pi);
-    return KTsInitSemicontHMMServer(pointers(a).data(), pointers(b).data(), pi.data(), int(pi.size()),
-                                    int(b[0].size()), nQuant, KT_HMM_EXPONENTIAL);
+    return KTsInitSemicontHMMServer(pointers(a).data(), pointers(b).data(), pi.data(),
+                                    int(pi.size()), int(b[0].size()), nQuant, KT_HMM_EXPONENTIAL);
 }
 
 // The mixture server of a state; the caller frees it.
@@ -114,9 +114,9 @@ inline GaussMixServer* makeMixture(const oracle::Components& state, int flags = 
             matrixRows[m].push_back(row.data());
         matrixTables.push_back(matrixRows[m].data());
     }
-    return KTsInitGaussMixServer(weights.data(), meanRows.data(),
-                                 state.isDiagonal ? nullptr : matrixTables.data(),
-                                 state.isDiagonal ? diagonalRows.data() : nullptr, nDim, nMix, flags);
+    return KTsInitGaussMixServer(
+        weights.data(), meanRows.data(), state.isDiagonal ? nullptr : matrixTables.data(),
+        state.isDiagonal ? diagonalRows.data() : nullptr, nDim, nMix, flags);
 }
 
 inline int makeContinuous(const oracle::ContinuousHmm& model, int flags = KT_HMM_EXPONENTIAL) {
@@ -125,8 +125,9 @@ inline int makeContinuous(const oracle::ContinuousHmm& model, int flags = KT_HMM
     std::vector<GaussMixServer*> mixtures;
     for (const auto& state : model.states)
         mixtures.push_back(makeMixture(state));
-    const int id = KTsInitContHMMServer(pointers(a).data(), pi.data(), mixtures.data(), int(pi.size()),
-                                        int(model.states[0].means[0].size()), flags);
+    const int id =
+        KTsInitContHMMServer(pointers(a).data(), pi.data(), mixtures.data(), int(pi.size()),
+                             int(model.states[0].means[0].size()), flags);
     for (GaussMixServer* mixture : mixtures)
         KTsFreeGaussMixServer(mixture);
     return id;
@@ -143,7 +144,8 @@ inline oracle::Hmm chainOf(int id) {
     for (std::size_t i = 0; i < n; ++i)
         for (std::size_t j = 0; j < n; ++j)
             if (connects(map.topology, i, j))
-                chain.a[i][j] = double(hmm::floats(server.transitions)[map.position(int(i), int(j))]);
+                chain.a[i][j] =
+                    double(hmm::floats(server.transitions)[map.position(int(i), int(j))]);
     return chain;
 }
 
@@ -189,7 +191,8 @@ inline oracle::ContinuousHmm continuousOf(int id) {
 // Everything that a server stores as numbers, for comparisons bit by bit.
 inline std::vector<float> allOf(int id) {
     const HMMServer& server = *KTFindHMMServer(id);
-    const float *initials = hmm::floats(server.initials), *transitions = hmm::floats(server.transitions);
+    const float *initials = hmm::floats(server.initials),
+                *transitions = hmm::floats(server.transitions);
     std::vector<float> all(initials, initials + server.nStates);
     all.insert(all.end(), transitions, transitions + hmm::TransitionMap::of(server).size());
     const auto shape = hmm::OutputShape::of(server.status, server.nStates, server.nSymbols);
@@ -209,7 +212,8 @@ inline std::vector<float> allOf(int id) {
     return all;
 }
 
-inline void expectNear(const Rows& expected, const Rows& actual, double tolerance, const char* what) {
+inline void expectNear(const Rows& expected, const Rows& actual, double tolerance,
+                       const char* what) {
     ASSERT_EQ(expected.size(), actual.size());
     for (std::size_t i = 0; i < expected.size(); ++i)
         for (std::size_t j = 0; j < expected[i].size(); ++j)
@@ -222,7 +226,8 @@ inline void expectNear(const oracle::Hmm& expected, const oracle::Hmm& actual, d
 }
 
 // Symbols drawn from the model, so that every sequence can be produced.
-inline std::vector<int> drawSymbols(std::mt19937& random, const oracle::DiscreteHmm& model, int nFrames) {
+inline std::vector<int> drawSymbols(std::mt19937& random, const oracle::DiscreteHmm& model,
+                                    int nFrames) {
     const auto draw = [&](const Row& row) {
         return std::discrete_distribution<int>(row.begin(), row.end())(random);
     };
@@ -253,8 +258,8 @@ struct SymbolData {
         }
     }
     int train(int id, int maxIterations, float* pTolerance = nullptr) const {
-        return KTsTrainHMMBaumWelch(id, rows.data(), lengths.data(), int(rows.size()), maxIterations,
-                                    pTolerance);
+        return KTsTrainHMMBaumWelch(id, rows.data(), lengths.data(), int(rows.size()),
+                                    maxIterations, pTolerance);
     }
     std::vector<std::vector<int>> sequences;
     std::vector<const int*> rows;
@@ -273,8 +278,8 @@ struct FrameData {
             tables.push_back(frames.data());
     }
     int trainContinuous(int id, int maxIterations, float* pTolerance = nullptr) const {
-        return KTsTrainContHMMBaumWelch(id, tables.data(), lengths.data(), int(tables.size()), maxIterations,
-                                        pTolerance);
+        return KTsTrainContHMMBaumWelch(id, tables.data(), lengths.data(), int(tables.size()),
+                                        maxIterations, pTolerance);
     }
     int trainSemicontinuous(int id, int maxIterations, float* pTolerance = nullptr) const {
         return KTsTrainSemicontHMMBaumWelch(id, tables.data(), lengths.data(), int(tables.size()),

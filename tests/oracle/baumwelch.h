@@ -1,5 +1,5 @@
-// Baum-Welch as the textbooks have it: logarithms of probabilities and log-sum-exp, plain double, no scaling.
-// Includes nothing of the library.
+// Baum-Welch as the textbooks have it: logarithms of probabilities and log-sum-exp, plain double,
+// no scaling. Includes nothing of the library.
 #pragma once
 
 #include <algorithm>
@@ -76,10 +76,11 @@ inline double floored(double value) {
     return value < 1e-20 ? 0.0 : value;
 }
 
-// The sums over sequences that all flavours share, and the new start values and transitions. `total` is
-// each state's occupancy over all frames.
+// The sums over sequences that all flavours share, and the new start values and transitions.
+// `total` is each state's occupancy over all frames.
 struct Sums {
-    explicit Sums(std::size_t n) : start(n, 0.0), leaving(n, 0.0), total(n, 0.0), moves(n, Row(n, 0.0)) {}
+    explicit Sums(std::size_t n)
+        : start(n, 0.0), leaving(n, 0.0), total(n, 0.0), moves(n, Row(n, 0.0)) {}
 
     void add(const Expectations& e) {
         for (std::size_t i = 0; i < start.size(); ++i) {
@@ -160,10 +161,12 @@ inline double iterate(DiscreteHmm& model, const std::vector<std::vector<int>>& s
         for (std::size_t k = 0; sums.total[i] > 0 && k < symbols; ++k)
             model.b[i][k] = floored(counts[i][k] / sums.total[i]);
     return std::max({greatestDifference(old.chain.pi, model.chain.pi),
-                     greatestDifference(old.chain.a, model.chain.a), greatestDifference(old.b, model.b)});
+                     greatestDifference(old.chain.a, model.chain.a),
+                     greatestDifference(old.b, model.b)});
 }
 
-// --- mixtures: state i has components with weights[i][m], means[i][m], and densities exp(-factor * form) ---
+// --- mixtures: state i has components with weights[i][m], means[i][m], and densities exp(-factor *
+// form) ---
 
 struct Components {
     Row weights;
@@ -218,8 +221,8 @@ inline double share(double gamma, double logComponent, double logOutput) {
     return gamma == 0.0 ? 0.0 : gamma * std::exp(logComponent - logOutput);
 }
 
-// Weights do not enter the change; a component that received nothing gets a mean of zeros, a weight of zero
-// stays zero.
+// Weights do not enter the change; a component that received nothing gets a mean of zeros, a weight
+// of zero stays zero.
 inline double iterate(ContinuousHmm& model, const std::vector<Rows>& sequences) {
     const ContinuousHmm old = model;
     const std::size_t n = old.chain.size();
@@ -254,13 +257,16 @@ inline double iterate(ContinuousHmm& model, const std::vector<Rows>& sequences) 
                 model.states[i].weights[m] =
                     old.states[i].weights[m] == 0.0 ? 0.0 : counts[i][m] / sums.total[i];
             for (std::size_t d = 0; d < means[i][m].size(); ++d)
-                model.states[i].means[m][d] = counts[i][m] > 0 ? means[i][m][d] / counts[i][m] : 0.0;
-            change = std::max(change, greatestDifference(old.states[i].means[m], model.states[i].means[m]));
+                model.states[i].means[m][d] =
+                    counts[i][m] > 0 ? means[i][m][d] / counts[i][m] : 0.0;
+            change = std::max(change,
+                              greatestDifference(old.states[i].means[m], model.states[i].means[m]));
         }
     return change;
 }
 
-// --- semicontinuous: weights[i][k] over shared densities, given by their logarithms for each frame ---
+// --- semicontinuous: weights[i][k] over shared densities, given by their logarithms for each frame
+// ---
 
 struct SemicontinuousHmm {
     Hmm chain;

@@ -49,7 +49,8 @@ void takePredecessors(Rows& rows, int lo, int hi) {
     rows.cost[lo - 2] = dead;
 }
 
-double lastRow(Rows& rows, int nRows, int nColumns, int lo, double threshold, const LocalDistance& local) {
+double lastRow(Rows& rows, int nRows, int nColumns, int lo, double threshold,
+               const LocalDistance& local) {
     double bestCost = threshold;
     int bestCol = -1;
     for (int j = nColumns - 1; j >= lo; --j) {
@@ -70,7 +71,8 @@ double lastRow(Rows& rows, int nRows, int nColumns, int lo, double threshold, co
 } // namespace
 
 Band dtwBand(int N, int M, int d) {
-    Band band{std::vector<int>(static_cast<std::size_t>(N)), std::vector<int>(static_cast<std::size_t>(N))};
+    Band band{std::vector<int>(static_cast<std::size_t>(N)),
+              std::vector<int>(static_cast<std::size_t>(N))};
     int r1 = int(std::floor(double(2 * M - N - 2 * d - 1) * (1.0 / 3.0)));
     if (r1 < 0) r1 = -1;
     for (int i = N - 1; i >= r1 + 1; --i)
@@ -93,7 +95,8 @@ double dtwGrid(int N, int M, int d, double threshold, const LocalDistance& local
         rows.cost[j] = float(local(0, j));
     if (!prune(rows, 0, band.hi[0], threshold)) return threshold;
     for (int i = 1; i <= N - 2; ++i) {
-        const int lo = band.lo[static_cast<std::size_t>(i)], hi = band.hi[static_cast<std::size_t>(i)];
+        const int lo = band.lo[static_cast<std::size_t>(i)],
+                  hi = band.hi[static_cast<std::size_t>(i)];
         takePredecessors(rows, lo, hi);
         if (!prune(rows, lo, hi, threshold)) return threshold;
         for (int j = lo; j <= hi; ++j)

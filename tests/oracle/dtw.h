@@ -1,5 +1,5 @@
-// Dynamic time warping as it is written down: one row of costs, updated in place from the highest column to
-// the lowest.
+// Dynamic time warping as it is written down: one row of costs, updated in place from the highest
+// column to the lowest.
 #pragma once
 
 #include <functional>
@@ -18,7 +18,8 @@ Band dtwBand(int nRows, int nColumns, int margin);
 // Cost of the best path, or the threshold. `margin` is at most nColumns - 1.
 double dtwGrid(int nRows, int nColumns, int margin, double threshold, const LocalDistance& local);
 
-// Whether a pattern of nColumns frames is compared at all with a test of nRows; the margin is the call's.
+// Whether a pattern of nColumns frames is compared at all with a test of nRows; the margin is the
+// call's.
 bool dtwAdmits(int nRows, int nColumns, int margin);
 
 // Local distances, not yet rounded.

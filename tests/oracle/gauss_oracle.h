@@ -1,5 +1,5 @@
-// Plain references for the mixtures: one loop each, in double or in exact integers. Includes nothing of the
-// library.
+// Plain references for the mixtures: one loop each, in double or in exact integers. Includes
+// nothing of the library.
 #pragma once
 
 #include <algorithm>
@@ -41,7 +41,8 @@ inline std::int32_t wrappingForm(const std::vector<short>& x, const std::vector<
     return std::int32_t(std::uint32_t(sum & 0xFFFFFFFFu));
 }
 
-// Inverse and determinant by elimination with complete pivoting in long double; empty for a singular matrix.
+// Inverse and determinant by elimination with complete pivoting in long double; empty for a
+// singular matrix.
 inline Matrix inverse(const Matrix& a, double* determinant = nullptr) {
     const std::size_t n = a.size();
     std::vector<std::vector<long double>> w(n, std::vector<long double>(2 * n, 0));
@@ -96,8 +97,8 @@ inline Matrix covariance(const Matrix& data) {
     return c;
 }
 
-// Integers of any length in two's complement, as bits, little end first; bit() goes on with the sign for
-// ever.
+// Integers of any length in two's complement, as bits, little end first; bit() goes on with the
+// sign for ever.
 class BigInt {
 public:
     BigInt() = default;
@@ -137,7 +138,8 @@ public:
     BigInt times(std::int64_t factor) const {
         BigInt result(0);
         const BigInt self = factor < 0 ? negated() : *this;
-        for (std::uint64_t f = factor < 0 ? 0 - std::uint64_t(factor) : std::uint64_t(factor), i = 0;
+        for (std::uint64_t f = factor < 0 ? 0 - std::uint64_t(factor) : std::uint64_t(factor),
+                           i = 0;
              f >> i != 0; ++i)
             if (f >> i & 1) result = result.plus(self.shifted(long(i)));
         return result;
@@ -160,8 +162,8 @@ private:
 };
 
 // The mixed dot product, rule by rule. `scale` is left alone where the rule says unchanged.
-inline std::int32_t dotMix(const std::vector<std::int32_t>& values, const std::vector<short>& weights,
-                           int mode, int& scale) {
+inline std::int32_t dotMix(const std::vector<std::int32_t>& values,
+                           const std::vector<short>& weights, int mode, int& scale) {
     BigInt sum(0);
     for (std::size_t k = 0; k < values.size(); ++k)
         sum = sum.plus(BigInt(values[k]).times(weights[k]));
@@ -190,8 +192,8 @@ inline std::int32_t dotMix(const std::vector<std::int32_t>& values, const std::v
     return sum.shifted(-30).low32();
 }
 
-// floor or nearest integer of a value known to long double precision; `safe` says whether the value is so far
-// from the next boundary that its error can't matter.
+// floor or nearest integer of a value known to long double precision; `safe` says whether the value
+// is so far from the next boundary that its error can't matter.
 inline std::int64_t floorOf(long double value, bool& safe) {
     const long double down = std::floor(value);
     const long double error = std::fabs(value) * 4 * std::numeric_limits<long double>::epsilon();

@@ -94,7 +94,8 @@ void oneFilter(MelBank& bank, std::size_t i, double binStep) {
         if (nIn++ == 0) bank.bin[i] = b;
         if (bank.firstBin < 0) bank.firstBin = b;
         bank.lastBin = b;
-        const double weight = f > centre ? (f - right) / (centre - right) : (f - left) / (centre - left);
+        const double weight =
+            f > centre ? (f - right) / (centre - right) : (f - left) / (centre - left);
         weights.push_back(float(weight));
         sum += weight;
     }
@@ -133,8 +134,8 @@ Bounded raised(const Bounded& x, double floor) {
 }
 
 // Magnitudes, or powers, of the spectrum of real samples. The transform's error is within 1.5e-7 *
-// sqrt(order) of the root mean square over all bins, which is the norm of the samples; eight times that is
-// allowed to a single bin.
+// sqrt(order) of the root mean square over all bins, which is the norm of the samples; eight times
+// that is allowed to a single bin.
 std::vector<Bounded> spectrumOf(const MelBank& bank, const std::vector<float>& in, bool power) {
     double norm = 0.0;
     for (float x : in)
@@ -172,7 +173,8 @@ std::vector<Bounded> cosineTransform(const std::vector<Bounded>& x) {
             y[k].error += std::abs(c) * x[j].error;
             magnitudes += scale * std::abs(x[j].value);
         }
-        y[k].error += (double(n) + 8) * halfUlp * magnitudes; // sums of n floats, or a float transform
+        // sums of n floats, or a float transform
+        y[k].error += (double(n) + 8) * halfUlp * magnitudes;
     }
     return y;
 }
@@ -192,7 +194,8 @@ MelBank designMelBank(const MelRequest& r) {
         if (r.nFilters == 1 << order) bank.dctOrder = order;
     const double a = 1.0 / r.nFilters;
     for (std::size_t k = 0; k < n; ++k) {
-        const double scale = k == 0 ? std::sqrt(a) : std::sqrt(2 * a), angle = double(k) * pi / double(2 * n);
+        const double scale = k == 0 ? std::sqrt(a) : std::sqrt(2 * a),
+                     angle = double(k) * pi / double(2 * n);
         bank.twiddles.push_back(float(scale * std::cos(angle)));
         bank.twiddles.push_back(float(-scale * std::sin(angle)));
     }
@@ -220,7 +223,8 @@ std::vector<Bounded> melFilter(const MelBank& bank, const std::vector<Bounded>& 
     return out;
 }
 
-std::vector<Bounded> cepstrum(const MelBank& bank, const std::vector<float>& in, const CepstrumRequest& r) {
+std::vector<Bounded> cepstrum(const MelBank& bank, const std::vector<float>& in,
+                              const CepstrumRequest& r) {
     const std::size_t nBins = std::size_t(bank.fftLen / 2 + 1);
     std::vector<Bounded> spectrum;
     if (r.timeInput) {

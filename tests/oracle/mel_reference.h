@@ -11,8 +11,8 @@ struct MelRequest {
 };
 
 struct MelBank {
-    int fftOrder = 0, fftLen = 0, nFilters = 0, firstBin = -1, lastBin = -1, commonLen = 0, nCommon = 0,
-        dctOrder = 0;
+    int fftOrder = 0, fftLen = 0, nFilters = 0, firstBin = -1, lastBin = -1, commonLen = 0,
+        nCommon = 0, dctOrder = 0;
     std::vector<int> bin;                    // each filter's first bin
     std::vector<int> nInside;                // bins between its edges
     std::vector<std::vector<float>> weights; // each filter's weights, padding included

@@ -31,8 +31,8 @@ std::vector<ExtendedComplex> halved(const std::vector<ExtendedComplex>& x, std::
 Extended dctCosine(std::size_t k, std::size_t j, std::size_t n) {
     const std::size_t turn = 4 * n;
     const Extended scale = std::sqrt((k == 0 ? 1.0L : 2.0L) / static_cast<Extended>(n));
-    return scale *
-           std::cos(2.0L * pi * static_cast<Extended>(k * (2 * j + 1) % turn) / static_cast<Extended>(turn));
+    return scale * std::cos(2.0L * pi * static_cast<Extended>(k * (2 * j + 1) % turn) /
+                            static_cast<Extended>(turn));
 }
 
 } // namespace

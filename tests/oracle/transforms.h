@@ -9,8 +9,10 @@
 
 namespace oracle {
 
-// Where the long double is emulated in 113 bits, which takes minutes, a double has digits enough to judge floats by.
-using Extended = std::conditional_t<std::numeric_limits<long double>::digits == 113, double, long double>;
+// Where the long double is emulated in 113 bits, which takes minutes, a double has digits enough to
+// judge floats by.
+using Extended =
+    std::conditional_t<std::numeric_limits<long double>::digits == 113, double, long double>;
 using ExtendedComplex = std::complex<Extended>;
 
 // X[k] = sum of x[n] exp(-2 pi i k n / N), term by term; any length.

@@ -13,8 +13,8 @@ using namespace perceptrons;
 
 namespace {
 
-void expectReport(const support::CapturedReports& reports, std::size_t i, int status, const char* function,
-                  const char* message) {
+void expectReport(const support::CapturedReports& reports, std::size_t i, int status,
+                  const char* function, const char* message) {
     ASSERT_LT(i, reports.count());
     EXPECT_EQ(reports[i].status, status);
     EXPECT_EQ(reports[i].function, function);
@@ -83,14 +83,16 @@ TYPED_TEST(Servers, KeepACopyOfTheNetwork) {
     EXPECT_EQ(server->pppConnections, nullptr);
     EXPECT_EQ(server->ppConnCounts, nullptr);
     EXPECT_NE(server->playerNeuronCounts, network.counts.data());
-    EXPECT_EQ(std::vector<int>(server->playerNeuronCounts, server->playerNeuronCounts + 3), network.counts);
+    EXPECT_EQ(std::vector<int>(server->playerNeuronCounts, server->playerNeuronCounts + 3),
+              network.counts);
     expectDenseLayout(server->pppWeights, network.counts);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(server->pNet) % 32, 0u);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(server->pLayerOut) % 32, 0u);
     for (int l = 1; l < 3; ++l)
         for (int j = 0; j < network.counts[std::size_t(l)]; ++j) {
             const auto& row = network.weights[std::size_t(l) - 1][std::size_t(j)];
-            EXPECT_EQ(std::vector<T>(server->pppWeights[l - 1][j], server->pppWeights[l - 1][j] + row.size()),
+            EXPECT_EQ(std::vector<T>(server->pppWeights[l - 1][j],
+                                     server->pppWeights[l - 1][j] + row.size()),
                       row);
         }
     if constexpr (std::is_same_v<T, short>) {
@@ -112,7 +114,8 @@ TYPED_TEST(Servers, RowsAreFourAndEightElementsApart) {
 TYPED_TEST(Servers, TakeTheSigmoidPairForItsFlag) {
     using T = TypeParam;
     std::mt19937 random(3);
-    for (int flags : {KT_MLP_SIGMOID, KT_MLP_SIGMOID | KT_MLP_ABS, KT_MLP_SIGMOID | KT_MLP_THRESHOLD}) {
+    for (int flags :
+         {KT_MLP_SIGMOID, KT_MLP_SIGMOID | KT_MLP_ABS, KT_MLP_SIGMOID | KT_MLP_THRESHOLD}) {
         Network<T> network = randomNetwork<T>(random, {2, 3, 2}, 9, true);
         network.flags = flags;
         for (bool arrays : {true, false}) {
@@ -190,8 +193,8 @@ TYPED_TEST(Servers, OfOneLayerHaveEmptyTables) {
 
 TYPED_TEST(Servers, MayHaveLayersWithoutNeurons) {
     using T = TypeParam;
-    for (const std::vector<int>& counts :
-         {std::vector<int>{0}, std::vector<int>{0, 3}, std::vector<int>{3, 0}, std::vector<int>{3, 0, 2}}) {
+    for (const std::vector<int>& counts : {std::vector<int>{0}, std::vector<int>{0, 3},
+                                           std::vector<int>{3, 0}, std::vector<int>{3, 0, 2}}) {
         std::mt19937 random(7);
         EXPECT_TRUE(randomNetwork<T>(random, counts, 9).server());
         T*** table = setWeights<T>(counts, T(1));
@@ -251,7 +254,9 @@ TYPED_TEST(Servers, KeepNothingOfAFailedConstruction) {
     std::mt19937 random(9);
     Network<T> network = randomNetwork<T>(random, {3, 5, 2}, 9).describedAsSparse();
     // A handler without memory of its own.
-    const auto silent = [](int status, const char*, const char*, const char*, int) { return status; };
+    const auto silent = [](int status, const char*, const char*, const char*, int) {
+        return status;
+    };
     KTErrorHandler previous = KTRedirectError(silent);
     const long before = support::alloc::liveBlocks();
     support::alloc::failEach([&] { network.server(); },
@@ -316,12 +321,12 @@ TYPED_TEST(Servers, OfSparseNetworksWantConnections) {
     const int shape[] = {1, 1};
     support::CapturedReports reports;
     if constexpr (std::is_same_v<T, float>)
-        EXPECT_EQ(
-            KTsInitMLPServer(table, nullptr, counts, shape, nullptr, nullptr, 2, KT_MLP_SIGMOID, nullptr),
-            nullptr);
+        EXPECT_EQ(KTsInitMLPServer(table, nullptr, counts, shape, nullptr, nullptr, 2,
+                                   KT_MLP_SIGMOID, nullptr),
+                  nullptr);
     else
-        EXPECT_EQ(KTwInitMLPServer(table, nullptr, counts, shape, nullptr, nullptr, 2, KT_MLP_SIGMOID, -15,
-                                   nullptr),
+        EXPECT_EQ(KTwInitMLPServer(table, nullptr, counts, shape, nullptr, nullptr, 2,
+                                   KT_MLP_SIGMOID, -15, nullptr),
                   nullptr);
     ASSERT_EQ(reports.count(), 1u);
     expectReport(reports, 0, KT_StsBadArg, initName<T>(), "bad connections of a sparse network");
@@ -337,7 +342,8 @@ TYPED_TEST(Servers, OfSparseNetworksRefuseBadConnections) {
         network.connections = {{{3, index}}};
         support::CapturedReports reports;
         EXPECT_FALSE(network.server());
-        expectReport(reports, 0, KT_StsBadArg, initName<T>(), "bad connections of a sparse network");
+        expectReport(reports, 0, KT_StsBadArg, initName<T>(),
+                     "bad connections of a sparse network");
     }
 }
 

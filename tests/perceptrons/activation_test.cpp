@@ -135,7 +135,8 @@ TEST(SigmoidActivation, SaturatesOnlyToTheRight) {
     EXPECT_TRUE(std::isnan(sigmoidOf(NAN)));
 }
 
-// The settled figures, seen through the result: row, u, and the polynomial of the printed coefficients.
+// The settled figures, seen through the result: row, u, and the polynomial of the printed
+// coefficients.
 TEST(SigmoidActivation, FollowsTheSettledRows) {
     const struct {
         int k;
@@ -207,8 +208,8 @@ TEST(Activations, DoNothingForNoElements) {
     }
 }
 
-// From the last element to the first: with the output one element behind the input, each is read before it is
-// overwritten; with it before the input, each result is read as the next one's input.
+// From the last element to the first: with the output one element behind the input, each is read
+// before it is overwritten; with it before the input, each result is read as the next one's input.
 TEST(Activations, WalkFromTheLastElementToTheFirst) {
     for (KTMLPActivationFn f : {KTsSigmoidDerivative, KTsAbsActivation, KTsAbsDerivative})
         for (const std::size_t n : {std::size_t(3), std::size_t(40)})
@@ -319,7 +320,8 @@ TEST(FixedSigmoidActivation, DoesNotReadTheInputWithScaleZero) {
 TEST(FixedSigmoidDerivative, IsTheProductAtTheOutput) {
     EXPECT_EQ(of(KTwSigmoidDerivative, 16384, 15, -15), 8192);
     for (int v : {1, 100, 5000, 20000, 32767, -5000})
-        EXPECT_EQ(of(KTwSigmoidDerivative, v, 15, -15), down((1 - v / 32768.0) * (v / 32768.0), -15));
+        EXPECT_EQ(of(KTwSigmoidDerivative, v, 15, -15),
+                  down((1 - v / 32768.0) * (v / 32768.0), -15));
     // Not saturated: (1 - 4) * 4 = -12 is -393216 in Q15, whose magnitude's low 16 bits are 0.
     EXPECT_EQ(of(KTwSigmoidDerivative, 4 << 15, 15, -15), 0);
 }
@@ -328,7 +330,8 @@ TEST(FixedAbsActivation, ReadsTheLowHalf) {
     for (int v : {0, 1, 16384, 32767, -1, -16384, -32768})
         for (int upper : {0, 1, -3}) {
             const int input = v + upper * 65536;
-            EXPECT_EQ(of(KTwAbsActivation, input, 15, -14), down(1.0 / (1.0 + std::abs(v / 32768.0)), -14))
+            EXPECT_EQ(of(KTwAbsActivation, input, 15, -14),
+                      down(1.0 / (1.0 + std::abs(v / 32768.0)), -14))
                 << input;
         }
     EXPECT_EQ(of(KTwAbsActivation, 32768, 15, -14), down(0.5, -14)); // wraps to -1.0
@@ -338,8 +341,11 @@ TEST(FixedAbsDerivative, TakesItsCaseFromTheWholeInput) {
     EXPECT_EQ(of(KTwAbsDerivative, 0, 15, -14), 0);
     EXPECT_EQ(of(KTwAbsDerivative, 32768 / 2, 15, -14), down(-1.0 / 2.25, -14));
     EXPECT_EQ(of(KTwAbsDerivative, -32768 / 2, 15, -14), down(1.0 / 2.25, -14));
-    EXPECT_EQ(of(KTwAbsDerivative, 0x10000, 15, -14), -16384);                // x > 0 with a magnitude of 0
-    EXPECT_EQ(of(KTwAbsDerivative, -0x10000, 15, -14), 16384);                // x < 0 with a magnitude of 0
-    EXPECT_EQ(of(KTwAbsDerivative, 0xC000, 15, -12), down(-1.0 / 0.25, -12)); // low half -0.5, whole positive
-    EXPECT_EQ(of(KTwAbsDerivative, 0x8000, 15, -12), -32768);                 // division by zero
+    // x > 0 with a magnitude of 0
+    EXPECT_EQ(of(KTwAbsDerivative, 0x10000, 15, -14), -16384);
+    // x < 0 with a magnitude of 0
+    EXPECT_EQ(of(KTwAbsDerivative, -0x10000, 15, -14), 16384);
+    // low half -0.5, whole positive
+    EXPECT_EQ(of(KTwAbsDerivative, 0xC000, 15, -12), down(-1.0 / 0.25, -12));
+    EXPECT_EQ(of(KTwAbsDerivative, 0x8000, 15, -12), -32768); // division by zero
 }

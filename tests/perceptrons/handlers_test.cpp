@@ -60,10 +60,10 @@ TEST_F(PerceptronHandlers, MayFreeTheNetworkThatIsEvaluated) {
     std::mt19937 random(1);
     const float input[3] = {1, 2, 3};
     float output[2];
-    EXPECT_EQ(
-        failEachOnDoomed(randomNetwork<float>(random, {3, 5, 2}, 1).describedAsSparse(),
-                         [&](sMLPServer* server) { KTsEvalMLPFeedForward(server, input, 3, output, 2); }),
-        3);
+    EXPECT_EQ(failEachOnDoomed(
+                  randomNetwork<float>(random, {3, 5, 2}, 1).describedAsSparse(),
+                  [&](sMLPServer* server) { KTsEvalMLPFeedForward(server, input, 3, output, 2); }),
+              3);
 }
 
 TEST_F(PerceptronHandlers, MayFreeTheNetworkThatIsTrained) {
@@ -90,7 +90,8 @@ TEST_F(PerceptronHandlers, MayFreeASparseNetworkThatIsRefused) {
         reaction = [&] { server.reset(); };
         reports = 0;
         if (training)
-            KTsTrainMLPBackPropagation(server.get(), nullptr, 0, 3, nullptr, 2, 0, 1, 0, 0, &epochs);
+            KTsTrainMLPBackPropagation(server.get(), nullptr, 0, 3, nullptr, 2, 0, 1, 0, 0,
+                                       &epochs);
         else
             KTsWriteMLPServer(stream.get(), server.get());
         EXPECT_EQ(reports, 1);
@@ -126,7 +127,8 @@ TEST_F(PerceptronHandlers, MayCloseTheStreamThatIsRead) {
     ASSERT_EQ(bytes.size(), 60u + 8u + 32u);
     for (std::size_t length = 60; length <= bytes.size(); ++length) {
         support::Bytes part(bytes.begin(), bytes.begin() + std::ptrdiff_t(length));
-        if (length == bytes.size()) support::setWordAt(part, 20, 0); // no flag that names a function
+        // no flag that names a function
+        if (length == bytes.size()) support::setWordAt(part, 20, 0);
         support::Stream stream = support::streamOf(part);
         reaction = [&] { stream.reset(); };
         reports = 0;

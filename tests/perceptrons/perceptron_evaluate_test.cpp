@@ -26,13 +26,14 @@ std::vector<float> evaluate(sMLPServer* server, const std::vector<float>& input,
 std::vector<short> evaluate(wMLPServer* server, const std::vector<short>& input, int nOutputs,
                             int actScale = -15, int outScale = -15) {
     support::Guarded<short> output(std::size_t(nOutputs), short(-1));
-    KTwEvalMLPFeedForward(server, input.data(), int(input.size()), output.data(), nOutputs, KT_FixedScale,
-                          &outScale, actScale);
+    KTwEvalMLPFeedForward(server, input.data(), int(input.size()), output.data(), nOutputs,
+                          KT_FixedScale, &outScale, actScale);
     EXPECT_TRUE(output.intact());
     return output.values();
 }
 
-// The sums of one float layer with the bound on what rounding does to each: n products and n - 1 additions.
+// The sums of one float layer with the bound on what rounding does to each: n products and n - 1
+// additions.
 struct Bounded {
     Doubles value, error;
 };
@@ -47,13 +48,14 @@ Bounded referenceLayer(const std::vector<std::vector<float>>& weights, const Dou
             carried += std::abs(double(row[i])) * xError[i];
         }
         result.value.push_back(sum);
-        result.error.push_back((double(row.size()) + 1) * 0x1p-24 * (size + carried) * 1.01 + carried);
+        result.error.push_back((double(row.size()) + 1) * 0x1p-24 * (size + carried) * 1.01 +
+                               carried);
     }
     return result;
 }
 
-// The network in double, with sigmoids or without; an error of the output follows from that of the sum, times
-// the slope's limit of 1/4, and from 3e-7 of the table.
+// The network in double, with sigmoids or without; an error of the output follows from that of the
+// sum, times the slope's limit of 1/4, and from 3e-7 of the table.
 Bounded reference(const Network<float>& network, const std::vector<float>& input, bool sigmoids) {
     Bounded x{Doubles(input.begin(), input.end()), Doubles(input.size(), 0.0)};
     std::size_t threshold = 0;
@@ -84,8 +86,8 @@ int wrapped(std::int64_t value) {
     return int(std::uint32_t(std::uint64_t(value)));
 }
 
-std::vector<int> referenceSums(const std::vector<std::vector<short>>& weights, const std::vector<short>& x,
-                               int shift) {
+std::vector<int> referenceSums(const std::vector<std::vector<short>>& weights,
+                               const std::vector<short>& x, int shift) {
     std::vector<int> sums;
     for (const auto& row : weights) {
         std::int64_t sum = 0;
@@ -205,8 +207,12 @@ TEST(FixedSums, Wrap) {
 
 TEST(FloatEvaluation, IsThatOfThePlainNetwork) {
     std::mt19937 random(3);
-    for (const std::vector<int>& counts :
-         {std::vector<int>{39, 128, 64, 10}, {1, 1}, {3, 5}, {5, 3, 2}, {13, 32, 13}, {100, 1, 7}}) {
+    for (const std::vector<int>& counts : {std::vector<int>{39, 128, 64, 10},
+                                           {1, 1},
+                                           {3, 5},
+                                           {5, 3, 2},
+                                           {13, 32, 13},
+                                           {100, 1, 7}}) {
         Network<float> network = randomNetwork<float>(random, counts, 0.5);
         const Server<float> server = network.server();
         std::vector<float> first;
@@ -293,8 +299,10 @@ TEST(FloatEvaluation, StoresNothingForANullFunction) {
     const std::vector<float> input = randomVector<float>(random, 4, 1);
     network.activations[1] = nullptr;
     EXPECT_EQ(evaluate(network.server().get(), input, 3), std::vector<float>(3, -1.0f));
-    EXPECT_EQ(evaluate(network.describedAsSparse().server().get(), input, 3), std::vector<float>(3, -1.0f));
-    network.activations = {nullptr, identity}; // the inputs stay in the buffer and meet the second layer
+    EXPECT_EQ(evaluate(network.describedAsSparse().server().get(), input, 3),
+              std::vector<float>(3, -1.0f));
+    // the inputs stay in the buffer and meet the second layer
+    network.activations = {nullptr, identity};
     Network<float> second;
     second.counts = {4, 3};
     second.weights = {network.weights[1]};
@@ -322,7 +330,8 @@ TEST(FloatEvaluation, AllocatesNothing) {
 
 TEST(FloatEvaluation, OfASparseNetworkIsThatOfTheDenseOne) {
     std::mt19937 random(11);
-    for (const std::vector<int>& counts : {std::vector<int>{39, 20, 10}, {3, 5}, {1, 1}, {17, 2, 33, 4}}) {
+    for (const std::vector<int>& counts :
+         {std::vector<int>{39, 20, 10}, {3, 5}, {1, 1}, {17, 2, 33, 4}}) {
         Network<float> network = randomNetwork<float>(random, counts, 1);
         const Server<float> dense = network.server(), sparse = network.describedAsSparse().server();
         const std::vector<float> input = randomVector<float>(random, counts[0], 1);
@@ -351,7 +360,8 @@ TEST(FloatEvaluation, OfASparseNetworkFollowsItsConnections) {
 
 TEST(FloatEvaluation, OfASparseNetworkReportsFailedAllocations) {
     std::mt19937 random(12);
-    const Server<float> server = randomNetwork<float>(random, {5, 4, 3}, 1).describedAsSparse().server();
+    const Server<float> server =
+        randomNetwork<float>(random, {5, 4, 3}, 1).describedAsSparse().server();
     const float input[5] = {1, 1, 1, 1, 1};
     support::Guarded<float> output(3, -1.0f);
     support::CapturedReports reports;
@@ -386,13 +396,18 @@ TEST(FloatEvaluation, WithoutItsSecondBufferWritesNothing) {
 
 TEST(FixedEvaluation, IsThatOfThePlainNetwork) {
     std::mt19937 random(14);
-    for (const std::vector<int>& counts :
-         {std::vector<int>{39, 128, 64, 10}, {1, 1}, {3, 5}, {5, 3, 2}, {13, 32, 13}, {100, 1, 7}}) {
+    for (const std::vector<int>& counts : {std::vector<int>{39, 128, 64, 10},
+                                           {1, 1},
+                                           {3, 5},
+                                           {5, 3, 2},
+                                           {13, 32, 13},
+                                           {100, 1, 7}}) {
         Network<short> network = randomNetwork<short>(random, counts, 32000);
         const Server<short> server = network.server();
         const std::vector<short> input = randomVector<short>(random, counts[0], 32000);
-        support::onEveryLevel(
-            [&] { EXPECT_EQ(evaluate(server.get(), input, counts.back()), reference(network, input)); });
+        support::onEveryLevel([&] {
+            EXPECT_EQ(evaluate(server.get(), input, counts.back()), reference(network, input));
+        });
     }
 }
 
@@ -427,7 +442,8 @@ TEST(FixedEvaluation, ThresholdsMeanWhatTheyMeanInFloat) {
     plain.thresholds = {0.25f};
     plain.flags = fixed.flags;
     const float expected = evaluate(plain.server().get(), {0.5f, 0.125f}, 1)[0];
-    EXPECT_NEAR(evaluate(fixed.server().get(), {16384, 4096}, 1)[0] / 32768.0, double(expected), 1.0 / 32768);
+    EXPECT_NEAR(evaluate(fixed.server().get(), {16384, 4096}, 1)[0] / 32768.0, double(expected),
+                1.0 / 32768);
 }
 
 TEST(FixedEvaluation, CopiesAsManyResultsAsAreAskedFor) {
@@ -440,10 +456,12 @@ TEST(FixedEvaluation, CopiesAsManyResultsAsAreAskedFor) {
     EXPECT_TRUE(evaluate(server.get(), input, 0).empty());
     std::vector<short> output(1000, short(-1)); // far more than there are
     int scale = -15;
-    KTwEvalMLPFeedForward(server.get(), input.data(), 5, output.data(), 1000, KT_FixedScale, &scale, -15);
+    KTwEvalMLPFeedForward(server.get(), input.data(), 5, output.data(), 1000, KT_FixedScale, &scale,
+                          -15);
     EXPECT_EQ(std::vector<short>(output.begin(), output.begin() + 3), all);
     EXPECT_EQ(output[8], -1); // the buffer ends at the widest layer and 3
-    KTwEvalMLPFeedForward(server.get(), input.data(), 5, output.data(), -4, KT_FixedScale, &scale, -15);
+    KTwEvalMLPFeedForward(server.get(), input.data(), 5, output.data(), -4, KT_FixedScale, &scale,
+                          -15);
 }
 
 TEST(FixedEvaluation, OfOneLayerScalesTheInput) {
@@ -471,9 +489,11 @@ TEST(FixedEvaluation, OfASparseNetworkIsThatOfTheDenseOne) {
         Network<short> network = randomNetwork<short>(random, counts, 32000);
         const Server<short> dense = network.server(), sparse = network.describedAsSparse().server();
         const std::vector<short> input = randomVector<short>(random, counts[0], 32000);
-        EXPECT_EQ(evaluate(sparse.get(), input, counts.back()), evaluate(dense.get(), input, counts.back()));
+        EXPECT_EQ(evaluate(sparse.get(), input, counts.back()),
+                  evaluate(dense.get(), input, counts.back()));
         const std::vector<short> fewer(input.begin(), input.end() - 1);
-        EXPECT_EQ(evaluate(sparse.get(), fewer, counts.back()), evaluate(dense.get(), fewer, counts.back()));
+        EXPECT_EQ(evaluate(sparse.get(), fewer, counts.back()),
+                  evaluate(dense.get(), fewer, counts.back()));
     }
 }
 
@@ -513,7 +533,8 @@ struct Scaled {
 };
 Scaled scaleOutput(const std::vector<short>& values, int scale, int mode, int wanted) {
     Scaled result{std::vector<short>(values.size(), short(-7)), wanted};
-    ownwScaleOutput(values.data(), result.values.data(), int(values.size()), scale, mode, &result.scale);
+    ownwScaleOutput(values.data(), result.values.data(), int(values.size()), scale, mode,
+                    &result.scale);
     return result;
 }
 
@@ -525,10 +546,13 @@ TEST(ScaledOutput, OfModeZeroShiftsRightByAPositiveScaleAndOddlyByANegativeOne) 
     EXPECT_EQ(right.values, (std::vector<short>{250, -250, 8191, -8192, 0}));
     EXPECT_EQ(right.scale, 0);
     EXPECT_EQ(scaleOutput(values, 0, KT_NoScale, 99).values, values);
-    EXPECT_EQ(scaleOutput(values, -15, KT_NoScale, 99).values, std::vector<short>(5, 0)); // a count of 17
-    EXPECT_EQ(scaleOutput(values, -31, KT_NoScale, 99).values,                            // a count of 1
+    // a count of 17
+    EXPECT_EQ(scaleOutput(values, -15, KT_NoScale, 99).values, std::vector<short>(5, 0));
+    // a count of 1
+    EXPECT_EQ(scaleOutput(values, -31, KT_NoScale, 99).values,
               (std::vector<short>{2000, -2000, -2, 0, 6}));
-    EXPECT_EQ(scaleOutput(values, 40, KT_NoScale, 99).values, (std::vector<short>{0, -1, 0, -1, 0}));
+    EXPECT_EQ(scaleOutput(values, 40, KT_NoScale, 99).values,
+              (std::vector<short>{0, -1, 0, -1, 0}));
 }
 
 TEST(ScaledOutput, OfModeOneGoesToTheScaleAskedFor) {
@@ -537,10 +561,13 @@ TEST(ScaledOutput, OfModeOneGoesToTheScaleAskedFor) {
     EXPECT_EQ(right.values, (std::vector<short>{250, -250, 8191, 0}));
     EXPECT_EQ(right.scale, -13);
     EXPECT_EQ(scaleOutput(values, -15, KT_FixedScale, -15).values, values);
-    EXPECT_EQ(scaleOutput(values, -15, KT_FixedScale, -16).values, (std::vector<short>{2000, -2000, -2, 6}));
+    EXPECT_EQ(scaleOutput(values, -15, KT_FixedScale, -16).values,
+              (std::vector<short>{2000, -2000, -2, 6}));
     EXPECT_EQ(scaleOutput(values, -15, KT_FixedScale, -40).values, std::vector<short>(4, 0));
-    EXPECT_EQ(scaleOutput(values, INT_MIN, KT_FixedScale, INT_MAX).values, (std::vector<short>{0, -1, 0, 0}));
-    EXPECT_EQ(scaleOutput(values, INT_MAX, KT_FixedScale, INT_MIN).values, std::vector<short>(4, 0));
+    EXPECT_EQ(scaleOutput(values, INT_MIN, KT_FixedScale, INT_MAX).values,
+              (std::vector<short>{0, -1, 0, 0}));
+    EXPECT_EQ(scaleOutput(values, INT_MAX, KT_FixedScale, INT_MIN).values,
+              std::vector<short>(4, 0));
 }
 
 TEST(ScaledOutput, OfOtherModesIsCopied) {

@@ -29,7 +29,8 @@ int statusWithRoom(std::size_t room) {
     if (reports.count() == 0) return 0;
     EXPECT_EQ(reports.count(), 1u);
     EXPECT_EQ(reports[0].message, "input_output_error");
-    EXPECT_EQ(reports[0].function, (std::is_same_v<T, float>) ? "KTsWriteMLPServer" : "KTwWriteMLPServer");
+    EXPECT_EQ(reports[0].function,
+              (std::is_same_v<T, float>) ? "KTsWriteMLPServer" : "KTwWriteMLPServer");
     EXPECT_EQ(reports[0].source, module);
     return reports[0].status;
 }

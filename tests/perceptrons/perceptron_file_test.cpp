@@ -93,7 +93,8 @@ std::vector<std::string> reportsOfReading(const Bytes& bytes) {
     std::vector<std::string> texts;
     for (const support::Report& report : reports.all()) {
         EXPECT_EQ(report.source, module);
-        texts.push_back(std::to_string(report.status) + " " + report.function + ": " + report.message);
+        texts.push_back(std::to_string(report.status) + " " + report.function + ": " +
+                        report.message);
     }
     return texts;
 }
@@ -124,11 +125,14 @@ TYPED_TEST(Files, ComeBackAsTheyWere) {
     EXPECT_EQ(server->pThresholds, nullptr);
     EXPECT_EQ(server->ppConnCounts, nullptr);
     EXPECT_EQ(server->nBufLen, 8);
-    EXPECT_EQ(std::vector<int>(server->playerNeuronCounts, server->playerNeuronCounts + 3), network.counts);
+    EXPECT_EQ(std::vector<int>(server->playerNeuronCounts, server->playerNeuronCounts + 3),
+              network.counts);
     for (std::size_t l = 0; l < 2; ++l)
         for (std::size_t j = 0; j < network.weights[l].size(); ++j) {
             const auto& row = network.weights[l][j];
-            EXPECT_EQ(std::vector<T>(server->pppWeights[l][j], server->pppWeights[l][j] + row.size()), row);
+            EXPECT_EQ(
+                std::vector<T>(server->pppWeights[l][j], server->pppWeights[l][j] + row.size()),
+                row);
         }
     if constexpr (!isFloat<T>) {
         EXPECT_EQ(server->weightScale, -13);
@@ -151,7 +155,8 @@ TYPED_TEST(Files, WithThresholdsComeBackWithoutThem) {
         if constexpr (isFloat<T>)
             KTsEvalMLPFeedForward(server, input.data(), 3, outputs[i].data(), 2);
         else
-            KTwEvalMLPFeedForward(server, input.data(), 3, outputs[i].data(), 2, KT_Saturate, nullptr, -15);
+            KTwEvalMLPFeedForward(server, input.data(), 3, outputs[i].data(), 2, KT_Saturate,
+                                  nullptr, -15);
     }
     EXPECT_EQ(outputs[0], outputs[1]);
     EXPECT_NE(outputs[0], std::vector<T>(2, T(-1)));
@@ -187,7 +192,8 @@ TYPED_TEST(Files, OfNetworksWithoutWeightsComeBack) {
         network.counts = counts;
         network.flags = KT_MLP_SIGMOID;
         for (std::size_t l = 1; l < counts.size(); ++l)
-            network.weights.emplace_back(std::size_t(counts[l]), std::vector<T>(std::size_t(counts[l - 1])));
+            network.weights.emplace_back(std::size_t(counts[l]),
+                                         std::vector<T>(std::size_t(counts[l - 1])));
         const Bytes bytes = image(network, 0, T(0));
         const Server<T> server = read<T>(bytes);
         ASSERT_TRUE(server);
@@ -199,7 +205,8 @@ TYPED_TEST(Files, WithAShortHeaderGiveNoReport) {
     using T = TypeParam;
     const Bytes bytes = image(example<T>(), 0, T(0));
     for (std::size_t length : {std::size_t(0), std::size_t(1), std::size_t(12), headerBytes<T> - 1})
-        EXPECT_EQ(reportsOfReading<T>(Bytes(bytes.begin(), bytes.begin() + std::ptrdiff_t(length))), Texts());
+        EXPECT_EQ(reportsOfReading<T>(Bytes(bytes.begin(), bytes.begin() + std::ptrdiff_t(length))),
+                  Texts());
 }
 
 TYPED_TEST(Files, OfTheOtherFlavourAreRefusedAfterTheHeader) {
@@ -228,9 +235,10 @@ TYPED_TEST(Files, WithShortCountsAreAMemoryFailure) {
     using T = TypeParam;
     const Bytes bytes = image(example<T>(), 0, T(0));
     for (std::size_t missing = 1; missing <= 12; ++missing)
-        EXPECT_EQ(reportsOfReading<T>(
-                      Bytes(bytes.begin(), bytes.begin() + std::ptrdiff_t(headerBytes<T> + 12 - missing))),
-                  Texts{std::string("-4 ") + readName<T>() + ": nomemory"});
+        EXPECT_EQ(
+            reportsOfReading<T>(Bytes(
+                bytes.begin(), bytes.begin() + std::ptrdiff_t(headerBytes<T> + 12 - missing))),
+            Texts{std::string("-4 ") + readName<T>() + ": nomemory"});
 }
 
 TYPED_TEST(Files, WithShortWeightsAreABadState) {
@@ -245,7 +253,8 @@ TYPED_TEST(Files, WithoutAFunctionFlagFailInTheConstructor) {
     using T = TypeParam;
     for (int flags : {0, KT_MLP_THRESHOLD})
         EXPECT_EQ(reportsOfReading<T>(image(example<T>(flags), 0, T(0))),
-                  Texts{std::string("-5 ") + (isFloat<T> ? "KTsInitMLPServer" : "KTwInitMLPServer") +
+                  Texts{std::string("-5 ") +
+                        (isFloat<T> ? "KTsInitMLPServer" : "KTwInitMLPServer") +
                         ": can't define type of activation and derivative function to use"});
 }
 
@@ -261,9 +270,11 @@ TYPED_TEST(Files, ThatClaimTooMuchTakeLittleMemory) {
     };
     EXPECT_EQ(reportsOfReading<T>(changed(atLayers, INT_MAX)), Texts{"-4" + start + "nomemory"});
     EXPECT_EQ(reportsOfReading<T>(changed(atLayers, 0x80000000)),
-              Texts{"-4" + start + "insufficiency of memory for pointer  pMLPServer0. playerNeuronCounts"});
+              Texts{"-4" + start +
+                    "insufficiency of memory for pointer  pMLPServer0. playerNeuronCounts"});
     EXPECT_EQ(reportsOfReading<T>(changed(atLayers, 0)).back(), "-4" + start + "nomemory");
-    // A block beyond the address space is refused before the stream is asked for it; on 64 bits there is none.
+    // A block beyond the address space is refused before the stream is asked for it; on 64 bits
+    // there is none.
     const bool fits = sizeof(void*) > 4;
     for (std::size_t at : {atCounts, atCounts + 4, atCounts + 8}) {
         EXPECT_EQ(reportsOfReading<T>(changed(at, INT_MAX)),
@@ -273,11 +284,13 @@ TYPED_TEST(Files, ThatClaimTooMuchTakeLittleMemory) {
     // Rows and inputs that no weight stands for.
     Network<T> empty;
     empty.flags = KT_MLP_SIGMOID;
-    for (const std::vector<int>& counts : {std::vector<int>{INT_MAX}, {0, INT_MAX}, {0, 60000, 0, 60000}}) {
+    for (const std::vector<int>& counts :
+         {std::vector<int>{INT_MAX}, {0, INT_MAX}, {0, 60000, 0, 60000}}) {
         empty.counts = counts;
         const Texts reports = reportsOfReading<T>(image(empty, 0, T(0)));
         ASSERT_FALSE(reports.empty());
-        EXPECT_EQ(reports.back(), "-4" + start + "nomemory"); // the table's own report may stand before it
+        // the table's own report may stand before it
+        EXPECT_EQ(reports.back(), "-4" + start + "nomemory");
         if (fits) {
             EXPECT_EQ(reports.size(), 1u);
         }
@@ -303,8 +316,8 @@ TYPED_TEST(Files, LargerThanOnePieceComeBack) {
     EXPECT_EQ(deep->nLayers, 40000);
 }
 
-// Every byte of a small file changed in several ways: reading gives a server that can be evaluated and
-// written, or null.
+// Every byte of a small file changed in several ways: reading gives a server that can be evaluated
+// and written, or null.
 TYPED_TEST(Files, SurviveDamage) {
     using T = TypeParam;
     const Bytes bytes = image(example<T>(), 0x1234, T(0));
@@ -320,7 +333,8 @@ TYPED_TEST(Files, SurviveDamage) {
                 if constexpr (isFloat<T>)
                     KTsEvalMLPFeedForward(server.get(), input.data(), 64, output.data(), 64);
                 else
-                    KTwEvalMLPFeedForward(server.get(), input.data(), 64, output.data(), 64, 3, nullptr, -15);
+                    KTwEvalMLPFeedForward(server.get(), input.data(), 64, output.data(), 64, 3,
+                                          nullptr, -15);
             }
         }
         reports.clear();
@@ -368,20 +382,25 @@ TYPED_TEST(Files, ReportAllocationsThatFail) {
         });
     const std::string name = readName<T>(), letter = isFloat<T> ? "s" : "w";
     const std::string init = "KT" + letter + "InitMLPServer: ";
-    EXPECT_EQ(seen, (Texts{name + ": insufficiency of memory for pointer  pMLPServer0. playerNeuronCounts; ",
-                           name + ": nomemory; ", // the weights as they come in
-                           "KT" + letter + "SetWeightsStr: nomemory; " + name + ": nomemory; ",
-                           init + "insufficiency of memory for pointer  pMLPserver; ", init + "nomemory; "}));
+    EXPECT_EQ(
+        seen,
+        (Texts{name + ": insufficiency of memory for pointer  pMLPServer0. playerNeuronCounts; ",
+               name + ": nomemory; ", // the weights as they come in
+               "KT" + letter + "SetWeightsStr: nomemory; " + name + ": nomemory; ",
+               init + "insufficiency of memory for pointer  pMLPserver; ", init + "nomemory; "}));
     EXPECT_TRUE(server);
 }
 
 TYPED_TEST(Files, LeaveNothingBehindWhenReadingFails) {
     using T = TypeParam;
     const Bytes bytes = image(example<T>(), 0, T(0));
-    const auto silent = [](int status, const char*, const char*, const char*, int) { return status; };
+    const auto silent = [](int status, const char*, const char*, const char*, int) {
+        return status;
+    };
     KTErrorHandler previous = KTRedirectError(silent);
     for (std::size_t length : {bytes.size(), headerBytes<T> + 20, headerBytes<T> + 3}) {
-        const Stream stream = streamOf(Bytes(bytes.begin(), bytes.begin() + std::ptrdiff_t(length)));
+        const Stream stream =
+            streamOf(Bytes(bytes.begin(), bytes.begin() + std::ptrdiff_t(length)));
         std::fgetc(stream.get());
         const long before = support::alloc::liveBlocks();
         const auto run = [&] {

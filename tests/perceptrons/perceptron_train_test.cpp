@@ -46,14 +46,14 @@ int train(sMLPServer* server, const Patterns& patterns, const Rules& rules) {
     std::vector<const float*> inputs = patterns.rows(patterns.inputs),
                               targets = patterns.rows(patterns.targets);
     int epochs = -77;
-    KTsTrainMLPBackPropagation(server, inputs.data(), int(inputs.size()), rules.nInputs, targets.data(),
-                               rules.nOutputs, rules.learningRate, rules.maxEpochs, rules.errorThreshold,
-                               rules.momentum, &epochs);
+    KTsTrainMLPBackPropagation(server, inputs.data(), int(inputs.size()), rules.nInputs,
+                               targets.data(), rules.nOutputs, rules.learningRate, rules.maxEpochs,
+                               rules.errorThreshold, rules.momentum, &epochs);
     return epochs;
 }
 
-// --- the reference: one scalar loop after the other, weights and changes in float, everything else in double
-// ---
+// --- the reference: one scalar loop after the other, weights and changes in float, everything else
+// in double ---
 
 struct Reference {
     using Layer = std::vector<std::vector<float>>;
@@ -62,8 +62,8 @@ struct Reference {
     bool thresholds; // KT_MLP_THRESHOLD
     int width;       // the running input width
 
-    // Changes start as the weights, row after row with padding, and the first sum of counts of them are
-    // cleared.
+    // Changes start as the weights, row after row with padding, and the first sum of counts of them
+    // are cleared.
     Reference(const Network<float>& network, int nInputs)
         : counts(network.counts), weights(network.weights), changes(network.weights),
           thresholds((network.flags & KT_MLP_THRESHOLD) != 0), width(nInputs) {
@@ -79,7 +79,8 @@ struct Reference {
     }
 
     std::vector<std::vector<double>> forward(const std::vector<float>& input, bool training) {
-        std::vector<std::vector<double>> outputs = {std::vector<double>(input.begin(), input.end())};
+        std::vector<std::vector<double>> outputs = {
+            std::vector<double>(input.begin(), input.end())};
         std::size_t w = std::size_t(std::min(width, counts[0]));
         for (const Layer& layer : weights) {
             std::vector<double> y;
@@ -116,10 +117,12 @@ struct Reference {
         }
     }
 
-    void pattern(const std::vector<float>& input, const std::vector<float>& target, const Rules& rules) {
+    void pattern(const std::vector<float>& input, const std::vector<float>& target,
+                 const Rules& rules) {
         std::vector<std::vector<double>> y = forward(input, true);
         width = counts.back();
-        const std::size_t last = counts.size() - 1, skipped = y[last].size() - std::size_t(rules.nOutputs);
+        const std::size_t last = counts.size() - 1,
+                          skipped = y[last].size() - std::size_t(rules.nOutputs);
         for (std::size_t k = 0; k < std::size_t(rules.nOutputs); ++k) {
             double& out = y[last][skipped + k];
             out = (double(target[k]) - out) * (1 - out) * out;
@@ -159,8 +162,8 @@ struct Reference {
     }
 };
 
-// A few epochs move weights by something like 1; deltas carry relative errors of some 1e-6 at most (the
-// table's 3e-7 and float sums of some dozen terms), and 20 epochs add them up.
+// A few epochs move weights by something like 1; deltas carry relative errors of some 1e-6 at most
+// (the table's 3e-7 and float sums of some dozen terms), and 20 epochs add them up.
 constexpr float tolerance = 1e-4f;
 
 void expectSameWeights(const std::vector<float>& result, const std::vector<float>& expected) {
@@ -213,8 +216,8 @@ TEST(Training, OfFourLayersPassesDeltasDown) {
     expectTrainsAsTheReference(5, {6, 9, 7, 6}, {.nInputs = 6, .nOutputs = 6, .maxEpochs = 20});
 }
 
-// The rows' padding makes the clearing stop short of the last rows, which begin with their weights as
-// previous changes.
+// The rows' padding makes the clearing stop short of the last rows, which begin with their weights
+// as previous changes.
 TEST(Training, BeginsTheLastRowsWithTheirWeightsAsChanges) {
     const Rules rules{.nInputs = 5, .nOutputs = 5, .maxEpochs = 1, .momentum = 0.5f};
     expectTrainsAsTheReference(6, {5, 5, 5}, rules);
@@ -225,7 +228,8 @@ TEST(Training, BeginsTheLastRowsWithTheirWeightsAsChanges) {
     patterns.inputs = {std::vector<float>(5, 0.0f)};
     patterns.targets = {std::vector<float>(5, 0.0f)};
     train(server.get(), patterns, rules);
-    // Rows of 5 stand 8 apart, and 25 elements are cleared: three rows, and the first element of the fourth.
+    // Rows of 5 stand 8 apart, and 25 elements are cleared: three rows, and the first element of
+    // the fourth.
     for (int j = 0; j < 5; ++j)
         for (int i = 0; i < 5; ++i) {
             const float w = network.weights[0][std::size_t(j)][std::size_t(i)];
@@ -263,7 +267,8 @@ TEST(Training, TakesThresholdsFromTheFirstWeights) {
                                KT_MLP_THRESHOLD);
 }
 
-// From the second pattern on as many inputs are fed forward as there are outputs; updates reach all weights.
+// From the second pattern on as many inputs are fed forward as there are outputs; updates reach all
+// weights.
 TEST(Training, OfANarrowLastLayerGoesOnWithFewerInputs) {
     expectTrainsAsTheReference(10, {6, 8, 3}, {.nInputs = 6, .nOutputs = 3, .maxEpochs = 10});
     expectTrainsAsTheReference(11, {6, 8, 3}, {.nInputs = 2, .nOutputs = 3, .maxEpochs = 10});
@@ -306,7 +311,8 @@ TEST(Training, LooksAtNoMoreOutputsThanThereAre) {
 
 namespace {
 
-// The inputs that the activation of a 1-1 network of weight 1 sees in training, which name the patterns.
+// The inputs that the activation of a 1-1 network of weight 1 sees in training, which name the
+// patterns.
 std::vector<float> seen;
 
 std::vector<int> orderOfPatterns(int nPatterns, int epochs) {
@@ -326,7 +332,8 @@ std::vector<int> orderOfPatterns(int nPatterns, int epochs) {
         patterns.inputs.push_back({float(p)});
         patterns.targets.push_back({1.0f});
     }
-    EXPECT_EQ(train(server.get(), patterns, {.nInputs = 1, .nOutputs = 1, .maxEpochs = epochs}), epochs);
+    EXPECT_EQ(train(server.get(), patterns, {.nInputs = 1, .nOutputs = 1, .maxEpochs = epochs}),
+              epochs);
     std::vector<int> order;
     for (std::size_t i = 0; i < seen.size();
          ++i) // each epoch first measures the error in the patterns' own order
@@ -371,9 +378,9 @@ TEST(Training, StopsBeforeTheFirstEpochWhenTheErrorIsSmall) {
     const Server<float> server = network.server();
     const Patterns patterns = randomPatterns(random, 3, 4, 4);
     const std::vector<float> before = weightsOf(server.get());
-    EXPECT_EQ(
-        train(server.get(), patterns, {.nInputs = 4, .nOutputs = 4, .maxEpochs = 9, .errorThreshold = 100}),
-        0);
+    EXPECT_EQ(train(server.get(), patterns,
+                    {.nInputs = 4, .nOutputs = 4, .maxEpochs = 9, .errorThreshold = 100}),
+              0);
     EXPECT_EQ(weightsOf(server.get()), before);
 }
 
@@ -401,8 +408,8 @@ TEST(Training, StopsWithinABillionthOfTheThreshold) {
     EXPECT_EQ(epochsAt(-1.1e-9f), 2);
 }
 
-// The error is that of evaluation: with KT_MLP_THRESHOLD it subtracts the caller's vector, which the training
-// itself does not look at.
+// The error is that of evaluation: with KT_MLP_THRESHOLD it subtracts the caller's vector, which
+// the training itself does not look at.
 TEST(Training, MeasuresTheErrorWithTheCallersThresholds) {
     Network<float> network;
     network.counts = {1, 1};
@@ -446,7 +453,11 @@ TEST(Training, StopsWhenTheErrorHasBecomeSmall) {
     Network<float> network = randomNetwork<float>(random, {4, 8, 4}, 1);
     const Patterns patterns = randomPatterns(random, 2, 4, 4);
     Reference reference(network, 4);
-    Rules rules{.nInputs = 4, .nOutputs = 4, .learningRate = 1.0f, .maxEpochs = 500, .errorThreshold = 0.02f};
+    Rules rules{.nInputs = 4,
+                .nOutputs = 4,
+                .learningRate = 1.0f,
+                .maxEpochs = 500,
+                .errorThreshold = 0.02f};
     const int expected = reference.run(patterns, rules);
     ASSERT_GT(expected, 3);
     ASSERT_LT(expected, 500);
@@ -461,7 +472,8 @@ TEST(Training, WithoutEpochsDoesNothing) {
     const Patterns patterns = randomPatterns(random, 3, 4, 4);
     const std::vector<float> before = weightsOf(server.get());
     for (int epochs : {0, -3})
-        EXPECT_EQ(train(server.get(), patterns, {.nInputs = 4, .nOutputs = 4, .maxEpochs = epochs}), 0);
+        EXPECT_EQ(train(server.get(), patterns, {.nInputs = 4, .nOutputs = 4, .maxEpochs = epochs}),
+                  0);
     EXPECT_EQ(weightsOf(server.get()), before);
 }
 
@@ -475,16 +487,18 @@ TEST(Training, WithoutPatternsOrLayersOnlyCountsEpochs) {
     empty.flags = KT_MLP_SIGMOID;
     const Server<float> single = empty.server();
     const Patterns patterns = randomPatterns(random, 2, 4, 4);
-    EXPECT_EQ(
-        train(single.get(), patterns, {.nInputs = 4, .nOutputs = 4, .maxEpochs = 3, .errorThreshold = -1}),
-        3);
+    EXPECT_EQ(train(single.get(), patterns,
+                    {.nInputs = 4, .nOutputs = 4, .maxEpochs = 3, .errorThreshold = -1}),
+              3);
 }
 
 TEST(Training, OfASparseNetworkIsRefused) {
     std::mt19937 random(20);
-    const Server<float> server = randomNetwork<float>(random, {4, 4}, 1).describedAsSparse().server();
+    const Server<float> server =
+        randomNetwork<float>(random, {4, 4}, 1).describedAsSparse().server();
     support::CapturedReports reports;
-    EXPECT_EQ(train(server.get(), randomPatterns(random, 2, 4, 4), {.nInputs = 4, .nOutputs = 4}), -77);
+    EXPECT_EQ(train(server.get(), randomPatterns(random, 2, 4, 4), {.nInputs = 4, .nOutputs = 4}),
+              -77);
     ASSERT_EQ(reports.count(), 1u);
     EXPECT_EQ(reports[0].status, KT_StsUnsupported);
     EXPECT_EQ(reports[0].function, "KTsTrainMLPBackPropagation");
@@ -504,11 +518,12 @@ TEST(Training, ReportsEveryAllocationThatFails) {
     support::CapturedReports reports;
     support::alloc::failEach(
         [&] {
-            KTsTrainMLPBackPropagation(server.get(), inputs.data(), 2, 4, targets.data(), 4, 0.5f, 1, 0.0f,
-                                       0.0f, &epochs);
+            KTsTrainMLPBackPropagation(server.get(), inputs.data(), 2, 4, targets.data(), 4, 0.5f,
+                                       1, 0.0f, 0.0f, &epochs);
         },
         [&] {
-            if (reports.count() == 0) { // the buffer of server2 that nobody misses: training went well
+            // the buffer of server2 that nobody misses: training went well
+            if (reports.count() == 0) {
                 EXPECT_EQ(epochs, 1);
                 epochs = -77;
                 before = weightsOf(server.get());
@@ -541,12 +556,14 @@ TEST(Training, ReleasesItsWorkingStorage) {
     const Patterns patterns = randomPatterns(random, 2, 4, 4);
     std::vector<const float*> inputs = patterns.rows(patterns.inputs),
                               targets = patterns.rows(patterns.targets);
-    const auto silent = [](int status, const char*, const char*, const char*, int) { return status; };
+    const auto silent = [](int status, const char*, const char*, const char*, int) {
+        return status;
+    };
     KTErrorHandler previous = KTRedirectError(silent);
     const long before = support::alloc::liveBlocks();
     const auto run = [&] {
-        KTsTrainMLPBackPropagation(server.get(), inputs.data(), 2, 4, targets.data(), 4, 0.5f, 2, 0.0f, 0.5f,
-                                   nullptr);
+        KTsTrainMLPBackPropagation(server.get(), inputs.data(), 2, 4, targets.data(), 4, 0.5f, 2,
+                                   0.0f, 0.5f, nullptr);
     };
     support::alloc::failEach(run, [&] { EXPECT_EQ(support::alloc::liveBlocks(), before); });
     EXPECT_EQ(support::alloc::liveBlocks(), before);
@@ -559,9 +576,9 @@ TEST(Training, WithoutFunctionsOnALayerIsHarmless) {
     Network<float> network = randomNetwork<float>(random, {4, 3, 4}, 1, true);
     network.activations[0] = network.derivatives[1] = nullptr;
     const Server<float> server = network.server();
-    EXPECT_EQ(
-        train(server.get(), randomPatterns(random, 2, 4, 4), {.nInputs = 4, .nOutputs = 4, .maxEpochs = 2}),
-        2);
+    EXPECT_EQ(train(server.get(), randomPatterns(random, 2, 4, 4),
+                    {.nInputs = 4, .nOutputs = 4, .maxEpochs = 2}),
+              2);
     KTsTrainMLPBackPropagation(nullptr, nullptr, 0, 0, nullptr, 0, 0, 0, 0, 0, nullptr);
 }
 
@@ -571,7 +588,8 @@ TEST(Training, LearnsWithPaddedTargets) {
     Network<float> network = randomNetwork<float>(random, {4, 6, 4}, 1);
     const Server<float> server = network.server();
     Patterns patterns;
-    for (int p = 0; p < 4; ++p) { // exclusive or of the first two inputs; the last input is the bias
+    // exclusive or of the first two inputs; the last input is the bias
+    for (int p = 0; p < 4; ++p) {
         const float a = float(p & 1), b = float(p >> 1), differs = a != b ? 0.9f : 0.1f;
         patterns.inputs.push_back({a, b, 0.0f, 1.0f});
         patterns.targets.push_back({differs, 1.0f - differs, 0.5f, 0.5f});

@@ -24,7 +24,8 @@ using ServerOf = std::conditional_t<std::is_same_v<T, float>, sMLPServer, wMLPSe
 template <class T>
 using Server = std::unique_ptr<ServerOf<T>, FreeServer>;
 template <class T>
-using Function = std::conditional_t<std::is_same_v<T, float>, KTMLPActivationFn, KTMLPFixedActivationFn>;
+using Function =
+    std::conditional_t<std::is_same_v<T, float>, KTMLPActivationFn, KTMLPFixedActivationFn>;
 
 inline const char module[] = "..\\_LIBSRC\\KT_PERC";
 
@@ -115,18 +116,20 @@ struct Network {
         const Function<T>* pDerivative = derivatives.empty() ? nullptr : derivatives.data();
         const T* pThresholds = thresholds.empty() ? nullptr : thresholds.data();
         if constexpr (std::is_same_v<T, float>)
-            return Server<T>(KTsInitMLPServer(table.data(), pppConnections, ppConnCounts, counts.data(),
-                                              pActivation, pDerivative, layers(), flags, pThresholds));
+            return Server<T>(KTsInitMLPServer(table.data(), pppConnections, ppConnCounts,
+                                              counts.data(), pActivation, pDerivative, layers(),
+                                              flags, pThresholds));
         else
-            return Server<T>(KTwInitMLPServer(table.data(), pppConnections, ppConnCounts, counts.data(),
-                                              pActivation, pDerivative, layers(), flags, weightScale,
-                                              pThresholds));
+            return Server<T>(KTwInitMLPServer(table.data(), pppConnections, ppConnCounts,
+                                              counts.data(), pActivation, pDerivative, layers(),
+                                              flags, weightScale, pThresholds));
     }
 };
 
 // Random weights between -range and range; with functions of its own that pass sums on.
 template <class T>
-Network<T> randomNetwork(std::mt19937& random, std::vector<int> counts, double range, bool passOn = false) {
+Network<T> randomNetwork(std::mt19937& random, std::vector<int> counts, double range,
+                         bool passOn = false) {
     Network<T> network;
     network.counts = std::move(counts);
     network.flags = passOn ? 0 : KT_MLP_SIGMOID;

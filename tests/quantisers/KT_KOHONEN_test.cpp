@@ -101,7 +101,8 @@ void expectFloat(const std::vector<float>& vector, Codes<float>& codes, int nBes
     }
     support::Guarded<float> distances(want.size(), -1);
     support::Guarded<int> indices(want.size(), unwritten);
-    KTsVQKohonen(vector.data(), codes.get(), distances.data(), nDim, nCodes, indices.data(), nBest, bRoot);
+    KTsVQKohonen(vector.data(), codes.get(), distances.data(), nDim, nCodes, indices.data(), nBest,
+                 bRoot);
     ASSERT_EQ(wordsOf(distances.values()), wordsOf(want));
     ASSERT_EQ(indices.values(), plainWinners(wordsOf(want), nBest));
     EXPECT_TRUE(distances.intact());
@@ -180,7 +181,8 @@ TEST(KohonenFixed, NoElementsAreAllAtDistanceZero) {
     for (int nDim : {0, -1, INT32_MIN})
         for (int mode : {KT_NoScale, KT_FixedScale, KT_Saturate}) {
             int distances[2] = {9, 9}, indices[2] = {9, 9};
-            KTwVQKohonen(codes[0].data(), codes.get(), distances, nDim, 2, indices, 1, 1, mode, nullptr);
+            KTwVQKohonen(codes[0].data(), codes.get(), distances, nDim, 2, indices, 1, 1, mode,
+                         nullptr);
             EXPECT_EQ(distances[0], 0);
             EXPECT_EQ(distances[1], 0);
             EXPECT_EQ(indices[0], 0);
@@ -269,8 +271,8 @@ TEST(Kohonen, AllocatesNothing) {
     std::vector<int> fixed(300), indices(300);
     support::alloc::arm(0);
     KTsVQKohonen(codes[0].data(), codes.get(), distances.data(), 20, 300, indices.data(), 9, 1);
-    KTwVQKohonen(words[0].data(), words.get(), fixed.data(), 20, 300, indices.data(), 9, 1, KT_AutoScale,
-                 nullptr);
+    KTwVQKohonen(words[0].data(), words.get(), fixed.data(), 20, 300, indices.data(), 9, 1,
+                 KT_AutoScale, nullptr);
     support::alloc::disarm();
     EXPECT_EQ(support::alloc::allocations(), 0);
 }
@@ -314,14 +316,15 @@ TEST(KohonenFixed, EqualsThePlainFormOnEveryLevel) {
                 for (std::size_t c = 0; c < want.size(); ++c) {
                     const auto wrapped =
                         std::uint32_t(exactSquare(codes.rows[c].data(), vector.data(), nDim));
-                    want[c] = int(bRoot ? std::uint32_t(std::floor(std::sqrt(double(wrapped)))) : wrapped);
+                    want[c] = int(bRoot ? std::uint32_t(std::floor(std::sqrt(double(wrapped))))
+                                        : wrapped);
                     if (scaleMode == 1) want[c] = shifted(want[c], givenScale);
                 }
             }
             support::Guarded<int> distances(want.size(), -1);
             support::Guarded<int> indices(want.size(), unwritten);
-            KTwVQKohonen(vector.data(), codes.get(), distances.data(), nDim, nCodes, indices.data(), nBest,
-                         bRoot, scaleMode, &scale);
+            KTwVQKohonen(vector.data(), codes.get(), distances.data(), nDim, nCodes, indices.data(),
+                         nBest, bRoot, scaleMode, &scale);
             ASSERT_EQ(distances.values(), want) << "mode " << scaleMode << " scale " << givenScale;
             ASSERT_EQ(indices.values(), plainWinners(want, nBest));
             ASSERT_EQ(scale, wantScale);
@@ -330,8 +333,8 @@ TEST(KohonenFixed, EqualsThePlainFormOnEveryLevel) {
     });
 }
 
-// A distance whose square is exactly `square` + `rest` squared ones and so on: codes of as many elements as
-// needed.
+// A distance whose square is exactly `square` + `rest` squared ones and so on: codes of as many
+// elements as needed.
 std::vector<short> rowOfSquare(std::int64_t square) {
     std::vector<short> row;
     while (square > 0) {

@@ -68,7 +68,8 @@ using Codebook = std::unique_ptr<KTCodebook, Freed>;
 template <class T>
 struct Rows {
     Rows() = default;
-    Rows(std::initializer_list<std::vector<T>> values) : Rows(std::vector<std::vector<T>>(values)) {}
+    Rows(std::initializer_list<std::vector<T>> values)
+        : Rows(std::vector<std::vector<T>>(values)) {}
     explicit Rows(std::vector<std::vector<T>> values) : rows(std::move(values)) {
         for (auto& row : rows)
             pointers.push_back(row.data());
@@ -137,7 +138,8 @@ struct Reference {
             if constexpr (isFloat<T>)
                 result.push_back(float(sum) / float(members.size()));
             else
-                result.push_back(members.empty() ? short(0) : short(int(sum / double(members.size()))));
+                result.push_back(members.empty() ? short(0)
+                                                 : short(int(sum / double(members.size()))));
         }
         return result;
     }
@@ -235,7 +237,8 @@ void expectSameTree(const KTCluster* got, const Leaf<T>& want) {
     EXPECT_EQ(unsigned(got->node), want.node);
     const T* centroid = static_cast<const T*>(got->pCentroid);
     for (std::size_t k = 0; k < want.centroid.size(); ++k)
-        ASSERT_TRUE(sameBits(centroid[k], want.centroid[k])) << "element " << k << " of node " << want.node;
+        ASSERT_TRUE(sameBits(centroid[k], want.centroid[k]))
+            << "element " << k << " of node " << want.node;
     ASSERT_EQ(got->isLeaf != 0, want.left == nullptr);
     if (want.left) {
         EXPECT_EQ(got->pMembers, nullptr);
@@ -271,12 +274,13 @@ void expectAsPlain(Rows<T>& set, int nSize, int flags, Rows<T>* tested = nullptr
     EXPECT_EQ(codebook->nDim, set.nDim());
     expectSameTree(codebook->pRoot, plain.root);
     for (std::size_t c = 0; c < plain.cells.size(); ++c)
-        EXPECT_TRUE(
-            sameBits(static_cast<const T*>(codebook->ppCentroids[c])[0], plain.cells[c]->centroid[0]));
+        EXPECT_TRUE(sameBits(static_cast<const T*>(codebook->ppCentroids[c])[0],
+                             plain.cells[c]->centroid[0]));
 
     Rows<T>& rows = tested != nullptr ? *tested : set;
     support::Guarded<int> index(rows.rows.size(), -7);
-    const double distortion = quantise(codebook.get(), rows.get(), index.data(), rows.count(), rows.nDim());
+    const double distortion =
+        quantise(codebook.get(), rows.get(), index.data(), rows.count(), rows.nDim());
     double total = 0;
     for (int i = 0; i < rows.count(); ++i) {
         const auto& leaf = plain.quantise(rows.pointers[std::size_t(i)]);
@@ -284,7 +288,8 @@ void expectAsPlain(Rows<T>& set, int nSize, int flags, Rows<T>* tested = nullptr
         total += plain.between(rows.pointers[std::size_t(i)], leaf.centroid.data());
     }
     total /= rows.count();
-    EXPECT_TRUE(sameBits(distortion, isFloat<T> ? total : std::trunc(total))) << distortion << total;
+    EXPECT_TRUE(sameBits(distortion, isFloat<T> ? total : std::trunc(total)))
+        << distortion << total;
     EXPECT_TRUE(index.intact());
     EXPECT_EQ(reports.count(), 0u);
 }
@@ -414,8 +419,8 @@ TEST(TreeFloat, HoldsForTinyHugeAndMissingNumbers) {
     }
     for (double odd : {double(std::numeric_limits<float>::infinity()), std::nan("")}) {
         std::normal_distribution<double> normal;
-        Rows<float> set =
-            fill<float>(60, 5, [&](int i, int k) { return i == 20 && k == 3 ? odd : normal(random); });
+        Rows<float> set = fill<float>(
+            60, 5, [&](int i, int k) { return i == 20 && k == 3 ? odd : normal(random); });
         expectAsPlain(set, 8, largest);
     }
 }
@@ -451,7 +456,8 @@ Rows<float> oddSet(int kind, int n, int nDim, Random& random) {
         for (auto& row : set.rows)
             row[0] = inf;
         break;
-    case 4: // nothing finite, each with infinities of its own; now and then every pair has one in common
+    // nothing finite, each with infinities of its own; now and then every pair has one in common
+    case 4:
         for (auto& row : set.rows)
             for (unsigned k = 0; k < unsigned(nDim) / 2 + random() % 2; ++k)
                 row[random() % unsigned(nDim)] = random() % 4 == 0 ? -inf : inf;
@@ -517,7 +523,8 @@ TYPED_TEST(Tree, FarthestPairIsTheFirstOneOfTheDoubleLoop) {
         want.members = members;
         plain.farthest(want);
 
-        const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<T>, isFloat<T> ? 0. : 1.};
+        const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<T>,
+                                             isFloat<T> ? 0. : 1.};
         ktl::codebook::Points<T> points;
         ASSERT_TRUE(points.take(vectors, set.get()));
         const auto got = points.farthest(members.data(), int(members.size()));
@@ -531,7 +538,8 @@ TYPED_TEST(Tree, FarthestPairIsTheFirstOneOfTheDoubleLoop) {
     EXPECT_GT(ties, 4800); // the sets are full of them
 }
 
-TYPED_TEST(Tree, FarthestPairOfManyEqualVectorsIsQuick) { // a plain loop over 2 * 10^10 pairs would time out
+// a plain loop over 2 * 10^10 pairs would time out
+TYPED_TEST(Tree, FarthestPairOfManyEqualVectorsIsQuick) {
     using T = TypeParam;
     const int n = 200000;
     std::vector<T> one(13, T(7)), other(13, T(9));
@@ -554,7 +562,8 @@ TYPED_TEST(Tree, FarthestPairOfManyEqualVectorsIsQuick) { // a plain loop over 2
 TEST(TreeFloat, FarthestPairIsTheFirstOneWhateverTheNumbersAre) {
     Random random(13);
     for (int round = 0; round < 450; ++round) {
-        const int kind = round % oddKinds, n = 2 + int(random() % 120), nDim = 1 + int(random() % 70);
+        const int kind = round % oddKinds, n = 2 + int(random() % 120),
+                  nDim = 1 + int(random() % 70);
         Rows<float> set = oddSet(kind, n, nDim, random);
         std::vector<int> members(set.rows.size());
         for (int i = 0; i < n; ++i)
@@ -565,7 +574,8 @@ TEST(TreeFloat, FarthestPairIsTheFirstOneWhateverTheNumbersAre) {
         ktl::codebook::Points<float> points;
         ASSERT_TRUE(points.take(vectors, set.get()));
         bool hasOwnFrame = false;
-        while (!members.empty()) { // and of ever shorter lists, in whatever frame the last search has left
+        // and of ever shorter lists, in whatever frame the last search has left
+        while (!members.empty()) {
             Leaf<float> want;
             want.members = members;
             plain.farthest(want);
@@ -597,7 +607,8 @@ TYPED_TEST(Tree, FarthestPairOfManyIsTheFirstOneOnEveryLevel) {
         std::shuffle(want.members.begin(), want.members.end(), random);
         Reference<T>(set).farthest(want);
         support::onEveryLevel([&] {
-            const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<T>, isFloat<T> ? 0. : 1.};
+            const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<T>,
+                                                 isFloat<T> ? 0. : 1.};
             ktl::codebook::Points<T> points;
             ASSERT_TRUE(points.take(vectors, set.get()));
             const auto got = points.farthest(want.members.data(), n);
@@ -887,7 +898,8 @@ TYPED_TEST(Tree, ShorterAndLongerVectorsStayInsideTheCentroids) {
 }
 
 TYPED_TEST(Tree,
-           SurvivesADegenerateTree) { // every split makes one empty leaf: a tree as deep as it has cells
+           // every split makes one empty leaf: a tree as deep as it has cells
+           SurvivesADegenerateTree) {
     std::vector<TypeParam> row(3, TypeParam(5));
     std::vector<TypeParam*> rows(4, row.data());
     Codebook codebook(make(rows.data(), nullptr, 4, 3, 3000, largest));
@@ -915,8 +927,10 @@ int expectEveryFailureReported(Rows<T>& set, int nSize, int flags) {
             EXPECT_EQ(KTGetStatus(), KT_StsNoMem);
             ASSERT_EQ(reports.count(), 1u);
             EXPECT_EQ(reports[0].status, KT_StsNoMem);
-            const bool isStart = reports[0].message == "insufficiency of memory for pointer  codebook";
-            EXPECT_TRUE(isStart || reports[0].message == "codebook of given size can not be constructed");
+            const bool isStart =
+                reports[0].message == "insufficiency of memory for pointer  codebook";
+            EXPECT_TRUE(isStart ||
+                        reports[0].message == "codebook of given size can not be constructed");
             texts += isStart ? 's' : 'c';
             reports.clear();
             EXPECT_EQ(support::alloc::liveBlocks(), before);
@@ -965,7 +979,8 @@ void expectScaled(const KTCodebook& codebook, Rows<short>& tested, int mode, int
     for (const short* row : tested.pointers) {
         const KTCluster* node = codebook.pRoot;
         const auto to = [&](const KTCluster* cluster) {
-            return scaledDistance(row, static_cast<const short*>(cluster->pCentroid), nDim, mode, givenScale);
+            return scaledDistance(row, static_cast<const short*>(cluster->pCentroid), nDim, mode,
+                                  givenScale);
         };
         while (node->isLeaf == 0)
             node = to(node->pRight) <= to(node->pLeft) ? node->pRight : node->pLeft;
@@ -991,10 +1006,12 @@ void expectScaled(const KTCodebook& codebook, Rows<short>& tested, int mode, int
 
 TEST(TreeFixed, EveryScaleModeEqualsThePlainWalk) {
     Random random(11);
-    Rows<short> set = someSet<short>(0, 300, 13, random), tested = someSet<short>(0, 200, 13, random);
+    Rows<short> set = someSet<short>(0, 300, 13, random),
+                tested = someSet<short>(0, 200, 13, random);
     Codebook codebook = train(set, 16, largest);
     ASSERT_NE(codebook, nullptr);
-    for (int mode : {KT_NoScale, KT_FixedScale, KT_AutoScale, KT_Saturate, 4, 6, 7, -1, INT32_MIN, INT32_MAX})
+    for (int mode :
+         {KT_NoScale, KT_FixedScale, KT_AutoScale, KT_Saturate, 4, 6, 7, -1, INT32_MIN, INT32_MAX})
         for (int scale : {0, 1, 8, 20, 40, -3, -25, -100, INT32_MIN, INT32_MAX})
             expectScaled(*codebook, tested, mode, scale);
 }
@@ -1003,7 +1020,8 @@ TEST(TreeFixed, AFixedScaleCountsInEachDistanceAndInTheMean) {
     Rows<short> set{{0, 0}, {0, 10}, {1000, 0}, {1000, 10}};
     Codebook codebook = train(set, 2, widest);
     ASSERT_NE(codebook, nullptr);
-    Rows<short> tested{{0, 305}, {1000, 505}}; // 300 and 500 from the centroids (0, 5) and (1000, 5)
+    // 300 and 500 from the centroids (0, 5) and (1000, 5)
+    Rows<short> tested{{0, 305}, {1000, 505}};
     int index[2] = {}, distortion = 0, scale = 2;
     KTwVQCodebook(codebook.get(), tested.get(), index, 2, 2, &distortion, KT_FixedScale, &scale);
     EXPECT_EQ(distortion, 25); // (300 / 4 + 500 / 4) / 2 = 100, and a quarter of that

@@ -1,5 +1,5 @@
-#include "models/evaluation.h"
 #include "models/codebooks.h"
+#include "models/evaluation.h"
 #include "support/alloc_faults.h"
 #include "support/guarded.h"
 #include "support/reports.h"
@@ -77,8 +77,8 @@ TEST_F(Codebooks, FloatCodebookHoldsCopies) {
                 EXPECT_EQ(copy->nDim, 5);
                 EXPECT_EQ(copy->nMix, 1);
                 EXPECT_EQ(ktl::gauss::isFull(copy), full);
-                EXPECT_EQ(std::memcmp(ktl::gauss::means<float>(copy)[0], ktl::gauss::means<float>(source)[0],
-                                      5 * sizeof(float)),
+                EXPECT_EQ(std::memcmp(ktl::gauss::means<float>(copy)[0],
+                                      ktl::gauss::means<float>(source)[0], 5 * sizeof(float)),
                           0);
             }
             EXPECT_TRUE(isEmpty(shorts()));
@@ -179,7 +179,8 @@ TEST_F(Codebooks, ServersThatEvaluationCouldNotRead) {
     std::mt19937 random(8);
     auto servers = floatServers(random, 2, 4, 1, false);
     auto fixed = fixedServers(random, 2, 4, 1, false);
-    EXPECT_EQ(KTsInitSemicontCodebook(servers.table.data(), 2, 5, 0), -1); // beyond the servers' vectors
+    // beyond the servers' vectors
+    EXPECT_EQ(KTsInitSemicontCodebook(servers.table.data(), 2, 5, 0), -1);
     EXPECT_EQ(KTsInitSemicontCodebook(fixed.table.data(), 2, 4, 0), -1);
     EXPECT_EQ(KTwInitSemicontCodebook(servers.table.data(), 2, 4, 0), -1);
     EXPECT_EQ(KTsInitSemicontCodebook(servers.table.data(), -1, 4, 0), -1);
@@ -209,8 +210,8 @@ TEST_F(Codebooks, InitAllocationFailures) {
               7); // the table, three copies, the weights, the panel and a table of its rows
     EXPECT_EQ(result, 1);
     KTsFreeSemicontCodebook();
-    EXPECT_EQ(support::alloc::failEach([&] { result = KTwInitSemicontCodebook(fixed.table.data(), 3, 4, 0); },
-                                       check),
+    EXPECT_EQ(support::alloc::failEach(
+                  [&] { result = KTwInitSemicontCodebook(fixed.table.data(), 3, 4, 0); }, check),
               5);
     EXPECT_EQ(result, 1);
 }
@@ -254,7 +255,8 @@ TEST_F(Codebooks, ConversionOfAnEmptySource) {
     std::mt19937 random(12);
     auto servers = floatServers(random, 3, 4, 1, false);
     auto fixed = fixedServers(random, 3, 4, 1, false);
-    EXPECT_EQ(KTwInitSemicontCodebook(fixed.table.data(), 3, 4, 0), -1); // there is one, without densities
+    // there is one, without densities
+    EXPECT_EQ(KTwInitSemicontCodebook(fixed.table.data(), 3, 4, 0), -1);
     EXPECT_EQ(KTwFreeSemicontCodebook(), 1);
     EXPECT_EQ(KTsInitSemicontCodebook(servers.table.data(), 3, 4, 0), 1);
     const long before = support::alloc::liveBlocks();
@@ -265,7 +267,8 @@ TEST_F(Codebooks, ConversionOfAnEmptySource) {
     EXPECT_EQ(KTsFreeSemicontCodebook(), 1);
 }
 
-// A codebook without densities serves models without densities: nothing is read, nothing ends the process.
+// A codebook without densities serves models without densities: nothing is read, nothing ends the
+// process.
 TEST_F(Codebooks, ModelsOfACodebookWithoutDensities) {
     EXPECT_EQ(KTswConvertSemicontCodebook(0, 0, 0), 1);
     EXPECT_EQ(KTwsConvertSemicontCodebook(0, 0, 0), -1); // its source holds something now
@@ -280,26 +283,30 @@ TEST_F(Codebooks, ModelsOfACodebookWithoutDensities) {
 // --- making ---
 
 TEST_F(Codebooks, MadeFromLabelledVectors) {
-    for (const int flags : {0, KT_GAUSS_FULL, KT_GAUSS_NORMALIZE, KT_GAUSS_FULL | KT_GAUSS_NORMALIZE}) {
+    for (const int flags :
+         {0, KT_GAUSS_FULL, KT_GAUSS_NORMALIZE, KT_GAUSS_FULL | KT_GAUSS_NORMALIZE}) {
         reset();
         Labelled<float> data({0, 1, 2}, 20, 3);
         KTSetHMMMode(0);
         KTFreeGaussTbls();
         const long before = support::alloc::liveBlocks();
-        KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 3, 3, flags);
+        KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 3, 3,
+                                flags);
         const bool full = (flags & KT_GAUSS_FULL) != 0;
         ASSERT_EQ(KTGetStatus(), 0);
         ASSERT_EQ(floats()->nSymbols, 3);
         EXPECT_EQ(floats()->nQuant, 3);
-        KTFreeGaussTbls();                                                // the inversion's scratch
-        EXPECT_EQ(support::alloc::liveBlocks(), before + (full ? 5 : 6)); // the temporary servers are gone
+        KTFreeGaussTbls(); // the inversion's scratch
+        // the temporary servers are gone
+        EXPECT_EQ(support::alloc::liveBlocks(), before + (full ? 5 : 6));
         for (int q = 0; q < 3; ++q) {
             auto members = data.of(q);
             const Server raw(KTsBuildGaussMixServer(members.data(), int(members.size()), 3, flags));
             const Server expected(KTsInvertGaussianCovMatrix(raw.get(), flags));
             const auto* density = floats()->ccgPdfs[q];
             const float* x = data.rows[0].data();
-            // a normalised weight is computed anew from the inverse: two roundings of its determinant's root
+            // a normalised weight is computed anew from the inverse: two roundings of its
+            // determinant's root
             const double likelihood = KTsEvalGaussMix(expected.get(), x, 3);
             EXPECT_NEAR(KTsEvalGaussMix(floats()->ccgPdfs[q], x, 3), likelihood, 1e-5 * likelihood);
             EXPECT_EQ(ktl::gauss::isFull(density), (flags & KT_GAUSS_FULL) != 0);
@@ -310,7 +317,8 @@ TEST_F(Codebooks, MadeFromLabelledVectors) {
 
 TEST_F(Codebooks, FixedOneMadeFromLabelledVectors) {
     Labelled<short> data({0, 1}, 20, 3);
-    KTwMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 3, 2, 0, 0, -20);
+    KTwMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 3, 2, 0, 0,
+                            -20);
     ASSERT_EQ(KTGetStatus(), 0);
     ASSERT_EQ(shorts()->nSymbols, 2);
     EXPECT_TRUE(isEmpty(floats()));
@@ -373,7 +381,8 @@ TEST_F(Codebooks, AClassWithoutAFullCovarianceIsReported) {
         EXPECT_EQ(support::alloc::liveBlocks(), before);
     };
     const auto makeFloat = [&] {
-        KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 2, 3, KT_GAUSS_FULL);
+        KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 2, 3,
+                                KT_GAUSS_FULL);
     };
     const auto makeFixed = [&] {
         KTwMakeSemicontCodebook(words.pointers.data(), words.labels.data(), words.count(), 2, 3,
@@ -397,7 +406,8 @@ TEST_F(Codebooks, AClassWithoutAFullCovarianceIsReported) {
 TEST_F(Codebooks, AnEmptyClassOfOneElementIsKeptInFullFormToo) {
     Labelled<float> data({0, 2}, 20, 1);
     support::CapturedReports reports;
-    KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 1, 3, KT_GAUSS_FULL);
+    KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 1, 3,
+                            KT_GAUSS_FULL);
     EXPECT_EQ(reports.count(), 0u);
     ASSERT_EQ(floats()->nSymbols, 3);
     EXPECT_TRUE(std::isnan(ktl::gauss::means<float>(floats()->ccgPdfs[1])[0][0]));
@@ -454,13 +464,14 @@ TEST_F(Codebooks, MakingWithoutMemory) {
     for (const int flags : {0, KT_GAUSS_FULL})
         run(
             [&] {
-                KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 2, 2, flags);
+                KTsMakeSemicontCodebook(data.pointers.data(), data.labels.data(), data.count(), 2,
+                                        2, flags);
             },
             "KTsMakeSemicontCodebook");
     run(
         [&] {
-            KTwMakeSemicontCodebook(words.pointers.data(), words.labels.data(), words.count(), 2, 2, 0, 0,
-                                    -20);
+            KTwMakeSemicontCodebook(words.pointers.data(), words.labels.data(), words.count(), 2, 2,
+                                    0, 0, -20);
         },
         "KTwMakeSemicontCodebook");
 }
@@ -506,13 +517,15 @@ TEST_F(Codebooks, FloatDensities) {
                     // a full density decays twice as fast as its diagonal twin
                     const double q =
                         full ? oracle::fullForm(x, mean, matrix)
-                             : oracle::diagonalForm(x, mean,
-                                                    mixtures::wide(ktl::gauss::diagonals<float>(s)[0], dim)) /
+                             : oracle::diagonalForm(
+                                   x, mean,
+                                   mixtures::wide(ktl::gauss::diagonals<float>(s)[0], dim)) /
                                    2;
                     const double expected = static_cast<double>(s->pNormWeights[0]) * std::exp(-q);
-                    // the form is rounded to float before the exponential, which is good to 2^-22, and the
-                    // product after it
-                    EXPECT_NEAR(rows[t][at(k)], expected, expected * (q * 0x1p-21 + 0x1p-21) + 1e-37);
+                    // the form is rounded to float before the exponential, which is good to 2^-22,
+                    // and the product after it
+                    EXPECT_NEAR(rows[t][at(k)], expected,
+                                expected * (q * 0x1p-21 + 0x1p-21) + 1e-37);
                 }
                 for (int k = count; k < padded; ++k)
                     EXPECT_EQ(rows[t][at(k)], 0.0f); // the exponential of the lowest float
@@ -551,7 +564,8 @@ TEST_F(Codebooks, FixedDensities) {
             ASSERT_EQ(KTwInitSemicontCodebook(servers.table.data(), count, dim, 0), 1);
             const auto frames = framesOf<short>(random, 4, dim);
             const int padded = (count + 3) / 4 * 4;
-            std::vector<support::Guarded<short>> rows(4, support::Guarded<short>(at(padded), short(7)));
+            std::vector<support::Guarded<short>> rows(
+                4, support::Guarded<short>(at(padded), short(7)));
             std::vector<short*> out;
             for (auto& row : rows)
                 out.push_back(row.data());
@@ -567,7 +581,8 @@ TEST_F(Codebooks, FixedDensities) {
                             const int c = full     ? ktl::gauss::matrices<short>(s)[0][i][j]
                                           : i == j ? ktl::gauss::diagonals<short>(s)[0][i]
                                                    : 0;
-                            q += std::int64_t(frames[t][at(i)] - mean[i]) * (frames[t][at(j)] - mean[j]) * c;
+                            q += std::int64_t(frames[t][at(i)] - mean[i]) *
+                                 (frames[t][at(j)] - mean[j]) * c;
                         }
                     // both forms have the factor 1/2: one more fractional bit than the scale says
                     const int e = oracle::expFix(int(-std::abs(q)), 1 + 13, 14);
@@ -648,7 +663,8 @@ TEST_F(Codebooks, FixedDensitiesOfLargeScales) {
             const auto form = std::uint32_t(x * x);
             const auto shifted = scale - 1 > 31 ? 0u : form << (scale - 1);
             const std::int64_t e = oracle::expFix(std::int32_t(0u - shifted), 0, 14);
-            EXPECT_EQ(row[0], short(std::int32_t(std::uint32_t(e * 32767)) >> 14)) << scale << ' ' << x;
+            EXPECT_EQ(row[0], short(std::int32_t(std::uint32_t(e * 32767)) >> 14))
+                << scale << ' ' << x;
         }
     }
 }

@@ -5,8 +5,9 @@
 #include <cstdlib>
 #include <new>
 
-// mingw's thread-local variables are allocated at first use, through the very functions that are wrapped here;
-// so on Windows the counters are the process's, and tests that use them there run no second thread meanwhile.
+// mingw's thread-local variables are allocated at first use, through the very functions that are
+// wrapped here; so on Windows the counters are the process's, and tests that use them there run no
+// second thread meanwhile.
 #ifdef _WIN32
 #define PER_THREAD constinit
 #else
@@ -56,7 +57,8 @@ void arm(int failAt) {
 }
 
 void armFrom(int failFrom) {
-    [[maybe_unused]] static const int registered = std::atexit(disarm); // a normal exit may allocate
+    // a normal exit may allocate
+    [[maybe_unused]] static const int registered = std::atexit(disarm);
     arm(failFrom);
     failsOn = true;
 }
@@ -116,8 +118,9 @@ void __wrap_free(void* block) {
 }
 
 #ifdef _WIN32
-// The C++ library is linked statically there, so that the tests' own containers would be counted, and refused, with
-// what the library under test allocates. Elsewhere they reach the allocators through a shared library, unwrapped.
+// The C++ library is linked statically there, so that the tests' own containers would be counted,
+// and refused, with what the library under test allocates. Elsewhere they reach the allocators
+// through a shared library, unwrapped.
 void* operator new(std::size_t size) {
     void* block = __real_malloc(size != 0 ? size : 1);
     if (block == nullptr) std::abort();

@@ -18,9 +18,9 @@ struct KernelReport {
     int line;
 };
 
-// For its lifetime the kernel layer's reports are kept here and the refused call returns to its caller; the
-// layer's handler and status come back afterwards. One at a time, since the layer has one handler for the
-// process.
+// For its lifetime the kernel layer's reports are kept here and the refused call returns to its
+// caller; the layer's handler and status come back afterwards. One at a time, since the layer has
+// one handler for the process.
 class KernelReports {
 public:
     KernelReports() : previousHandler(vsq::context().handler), previousStatus(vsqGetStatus()) {
@@ -40,7 +40,8 @@ public:
     std::string takeMessage() {
         const std::vector<KernelReport> reports = kept();
         kept().clear();
-        return reports.size() == 1 ? reports[0].message : std::to_string(reports.size()) + " reports";
+        return reports.size() == 1 ? reports[0].message
+                                   : std::to_string(reports.size()) + " reports";
     }
 
 private:
@@ -48,7 +49,8 @@ private:
         static std::vector<KernelReport> reports;
         return reports;
     }
-    static int keep(int status, const char* funcName, const char* message, const char* sourceName, int line) {
+    static int keep(int status, const char* funcName, const char* message, const char* sourceName,
+                    int line) {
         kept().push_back({status, funcName ? funcName : "(null)", message ? message : "(null)",
                           sourceName ? sourceName : "(null)", line});
         return status;
@@ -58,8 +60,8 @@ private:
     int previousStatus;
 };
 
-// Expects that `call` is refused with this one report, status -5, and that under the layer's own handler it
-// ends the process with exit code 1 and no text.
+// Expects that `call` is refused with this one report, status -5, and that under the layer's own
+// handler it ends the process with exit code 1 and no text.
 template <class Call>
 void expectRefused(Call call, const std::string& message, const std::string& function,
                    const std::string& source) {

@@ -1,5 +1,5 @@
-// When a test program's tests are over, gives back what the main thread's context still holds, as an application would:
-// what a leak checker then finds is a leak.
+// When a test program's tests are over, gives back what the main thread's context still holds, as
+// an application would: what a leak checker then finds is a leak.
 #include "ktlp6.h"
 
 #include <gtest/gtest.h>
@@ -20,6 +20,7 @@ struct ReleaseThread : testing::Environment {
     }
 };
 
-const testing::Environment* const releaseThread = testing::AddGlobalTestEnvironment(new ReleaseThread);
+const testing::Environment* const releaseThread =
+    testing::AddGlobalTestEnvironment(new ReleaseThread);
 
 } // namespace

@@ -4,9 +4,9 @@
 // what is gone (the address sanitizer tells) or change what is new.
 #pragma once
 
+#include "ktlp6.h"
 #include "models/model.h"
 #include "quantisers/density_codebook.h"
-#include "ktlp6.h"
 #include "support/alloc_faults.h"
 
 #include <gtest/gtest.h>
@@ -82,7 +82,9 @@ private:
         static Scene* scene = nullptr;
         return scene;
     }
-    static int handle(int, const char*, const char*, const char*, int) { return current()->report(); }
+    static int handle(int, const char*, const char*, const char*, int) {
+        return current()->report();
+    }
 
     int report() {
         if (++count != acting) return answer;
@@ -130,7 +132,8 @@ private:
     static void makeFloatCodebook() {
         float row[nQuant] = {1, 2, 3, 4, 5, 6, 7}, weight = 1;
         float *means[] = {row}, *diagonals[] = {row};
-        GaussMixServer* density = KTsInitGaussMixServer(&weight, means, nullptr, diagonals, nQuant, 1, 0);
+        GaussMixServer* density =
+            KTsInitGaussMixServer(&weight, means, nullptr, diagonals, nQuant, 1, 0);
         GaussMixServer* densities[nDensities] = {density, density, density};
         KTsInitSemicontCodebook(densities, nDensities, nQuant, 0);
         KTsFreeGaussMixServer(density);
@@ -163,7 +166,8 @@ private:
             EXPECT_EQ(status, 0x40400011);
             EXPECT_EQ(costOf(id), cost);
         }
-        for (const SemicontCodebook* codebook : {KTGetContext()->sSemicont, KTGetContext()->wSemicont}) {
+        for (const SemicontCodebook* codebook :
+             {KTGetContext()->sSemicont, KTGetContext()->wSemicont}) {
             EXPECT_EQ(codebook->nSymbols, nDensities);
             EXPECT_EQ(codebook->nQuant, nQuant);
         }

@@ -5,7 +5,8 @@ namespace {
 
 thread_local std::vector<Report> captured;
 
-int capture(int status, const char* funcName, const char* message, const char* sourceName, int line) {
+int capture(int status, const char* funcName, const char* message, const char* sourceName,
+            int line) {
     captured.push_back({status, funcName ? funcName : "(null)", message ? message : "(null)",
                         sourceName ? sourceName : "(null)", line});
     return status;
@@ -14,7 +15,8 @@ int capture(int status, const char* funcName, const char* message, const char* s
 } // namespace
 
 CapturedReports::CapturedReports()
-    : previousHandler(KTRedirectError(capture)), previousMode(KTGetErrMode()), previousStatus(KTGetStatus()) {
+    : previousHandler(KTRedirectError(capture)), previousMode(KTGetErrMode()),
+      previousStatus(KTGetStatus()) {
     captured.clear();
     KTSetErrMode(KT_ErrorModeParent);
     KTSetStatus(KT_StsOk);

@@ -16,8 +16,8 @@ struct Report {
     int line;
 };
 
-// For its lifetime reports of this thread are kept here, the error mode is KT_ErrorModeParent and the status starts
-// at 0; handler, mode and status come back afterwards.
+// For its lifetime reports of this thread are kept here, the error mode is KT_ErrorModeParent and
+// the status starts at 0; handler, mode and status come back afterwards.
 class CapturedReports {
 public:
     CapturedReports();

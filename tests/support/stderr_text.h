@@ -1,4 +1,5 @@
-// What a death test's child wrote to standard error, byte for byte; line ends are '\n' on every system.
+// What a death test's child wrote to standard error, byte for byte; line ends are '\n' on every
+// system.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -63,8 +63,8 @@ inline void putText(Bytes& bytes, const std::string& text, std::size_t length) {
 }
 
 inline std::uint32_t wordAt(const Bytes& bytes, std::size_t at) {
-    return bytes.at(at) | std::uint32_t(bytes.at(at + 1)) << 8 | std::uint32_t(bytes.at(at + 2)) << 16 |
-           std::uint32_t(bytes.at(at + 3)) << 24;
+    return bytes.at(at) | std::uint32_t(bytes.at(at + 1)) << 8 |
+           std::uint32_t(bytes.at(at + 2)) << 16 | std::uint32_t(bytes.at(at + 3)) << 24;
 }
 inline void setWordAt(Bytes& bytes, std::size_t at, std::uint32_t value) {
     for (std::size_t i = 0; i < 4; ++i)

@@ -60,14 +60,16 @@ protected:
         KTwPatternFreeAll();
     }
 
-    int keep(Speech& speech) { return KTsPatternIni(speech.rows.data(), speech.size(), speech.nDim); }
+    int keep(Speech& speech) {
+        return KTsPatternIni(speech.rows.data(), speech.size(), speech.nDim);
+    }
 
     // The result of one pattern on its own.
     double compare(Speech& pattern, Speech& test, int flags, double threshold = 0, int delta = 0) {
         const int handle = keep(pattern);
         double result = -1;
-        EXPECT_EQ(KTsEvalDTW(&handle, 1, test.rows.data(), test.size(), test.nDim, flags, threshold, delta,
-                             &result),
+        EXPECT_EQ(KTsEvalDTW(&handle, 1, test.rows.data(), test.size(), test.nDim, flags, threshold,
+                             delta, &result),
                   0);
         KTsPatternFree(handle);
         return result;
@@ -88,11 +90,13 @@ double expected(const Speech& pattern, const Speech& test, int flags, double thr
 
 } // namespace
 
-// Features are small integers, so local distances are exact or correctly rounded on both sides and ties
-// abound. Each grid is run without a threshold, with one that prunes nothing, some and all of it.
+// Features are small integers, so local distances are exact or correctly rounded on both sides and
+// ties abound. Each grid is run without a threshold, with one that prunes nothing, some and all of
+// it.
 TEST_F(Dtw, TenThousandRandomGridsEqualTheLiteralRecursion) {
     std::mt19937 generator(7);
-    std::uniform_int_distribution<int> length(1, 40), dims(1, 5), margins(-6, 6), values(0, 3), bit(0, 1);
+    std::uniform_int_distribution<int> length(1, 40), dims(1, 5), margins(-6, 6), values(0, 3),
+        bit(0, 1);
     int admitted = 0, pruned = 0, survived = 0;
     for (int run = 0; run < 10000; ++run) {
         if (!vsq::selectLevel(vsq::everyLevel[run % std::size(vsq::everyLevel)])) continue;
@@ -100,11 +104,12 @@ TEST_F(Dtw, TenThousandRandomGridsEqualTheLiteralRecursion) {
         Speech test = randomSpeech(generator, length(generator), dim, values);
         // Half of the patterns are of a length that a path can reach.
         const int M = bit(generator) ? length(generator)
-                                     : std::uniform_int_distribution<int>(test.size() / 2 + 1,
-                                                                          2 * test.size())(generator);
+                                     : std::uniform_int_distribution<int>(
+                                           test.size() / 2 + 1, 2 * test.size())(generator);
         Speech pattern = randomSpeech(generator, M, dim, values);
         const int delta = margins(generator);
-        const int flags = (bit(generator) ? KT_DTW_FIXED_ENDS : 0) | (bit(generator) ? KT_DTW_NORM_L1 : 0);
+        const int flags =
+            (bit(generator) ? KT_DTW_FIXED_ENDS : 0) | (bit(generator) ? KT_DTW_NORM_L1 : 0);
         const double best = expected(pattern, test, flags, 0, delta);
         ASSERT_EQ(compare(pattern, test, flags, 0, delta), best) << run;
         if (best == notAdmitted) continue;
@@ -115,8 +120,10 @@ TEST_F(Dtw, TenThousandRandomGridsEqualTheLiteralRecursion) {
                                      0.0,          best + 1,
                                      1.0,          -1.0};
         for (double threshold : thresholds) {
-            const double limited = expected(pattern, test, flags | KT_DTW_USE_THRESHOLD, threshold, delta);
-            ASSERT_EQ(compare(pattern, test, flags | KT_DTW_USE_THRESHOLD, threshold, delta), limited)
+            const double limited =
+                expected(pattern, test, flags | KT_DTW_USE_THRESHOLD, threshold, delta);
+            ASSERT_EQ(compare(pattern, test, flags | KT_DTW_USE_THRESHOLD, threshold, delta),
+                      limited)
                 << run << ", threshold " << threshold;
             ++(limited == threshold ? pruned : survived);
         }
@@ -154,9 +161,12 @@ TEST_F(Dtw, LocalDistancesAreWithinAFloatUlpOfTheExactNorm) {
         std::normal_distribution<float> values(0, 1);
         for (int run = 0; run < 500; ++run) {
             const int dim = 1 + run % 60;
-            const float scale = std::ldexp(1.0f, run % 7 == 0 ? 110 : run % 7 == 1 ? -110 : run % 20 - 10);
+            const float scale = std::ldexp(1.0f, run % 7 == 0   ? 110
+                                                 : run % 7 == 1 ? -110
+                                                                : run % 20 - 10);
             auto scaled = [&](std::mt19937& g) { return scale * values(g); };
-            Speech a = randomSpeech(generator, 1, dim, scaled), b = randomSpeech(generator, 1, dim, scaled);
+            Speech a = randomSpeech(generator, 1, dim, scaled),
+                   b = randomSpeech(generator, 1, dim, scaled);
             long double squares = 0, magnitudes = 0;
             for (int k = 0; k < dim; ++k) {
                 const long double d = static_cast<long double>(a[0][k]) - b[0][k];
@@ -180,7 +190,8 @@ TEST_F(Dtw, NoPatternsReturnsZeroAndWritesNothing) {
     short frame[] = {1, 2}, *rows[] = {frame, frame, frame};
     int fixedResult = 17, scale = 5;
     EXPECT_EQ(KTsEvalDTW(nullptr, 0, test.rows.data(), 3, 2, 0, 0, 0, &result), 0);
-    EXPECT_EQ(KTwEvalDTW(nullptr, 0, rows, 3, 2, 0, 0, 0, 0, 0, &fixedResult, KT_AutoScale, &scale), 0);
+    EXPECT_EQ(KTwEvalDTW(nullptr, 0, rows, 3, 2, 0, 0, 0, 0, 0, &fixedResult, KT_AutoScale, &scale),
+              0);
     EXPECT_EQ(KTsEvalDTW(nullptr, -1, test.rows.data(), 3, 2, 0, 0, 0, &result), 0);
     EXPECT_EQ(result, 17);
     EXPECT_EQ(fixedResult, 17);
@@ -227,8 +238,8 @@ TEST_F(Dtw, OtherDimensionsAreNotAdmitted) {
     EXPECT_EQ(compare(pattern, test, 0), notAdmitted);
 }
 
-// With 5 rows and 3 columns the band is 0, 0-1, 1, 1-2, 2. Cells outside it are free of cost here and would
-// show.
+// With 5 rows and 3 columns the band is 0, 0-1, 1, 1-2, 2. Cells outside it are free of cost here
+// and would show.
 TEST_F(Dtw, BandOfFiveRowsAndThreeColumns) {
     const oracle::Band band = oracle::dtwBand(5, 3, 0);
     EXPECT_EQ(band.lo, (std::vector<int>{0, 0, 1, 1, 2}));
@@ -243,9 +254,11 @@ TEST_F(Dtw, ThresholdBelowTheFirstRowIsTheResult) {
     Speech test = line({5, 5, 5}), pattern = line({1, 1, 1});
     const int handle = keep(pattern);
     double result = 0;
-    EXPECT_EQ(KTsEvalDTW(&handle, 1, test.rows.data(), 3, 1, KT_DTW_USE_THRESHOLD, 3.5, 0, &result), 0);
+    EXPECT_EQ(KTsEvalDTW(&handle, 1, test.rows.data(), 3, 1, KT_DTW_USE_THRESHOLD, 3.5, 0, &result),
+              0);
     EXPECT_EQ(result, 3.5);
-    EXPECT_EQ(KTsEvalDTW(&handle, 1, test.rows.data(), 3, 1, KT_DTW_USE_THRESHOLD, 4.0, 0, &result), 0);
+    EXPECT_EQ(KTsEvalDTW(&handle, 1, test.rows.data(), 3, 1, KT_DTW_USE_THRESHOLD, 4.0, 0, &result),
+              0);
     EXPECT_EQ(result, 4.0); // a cell at the threshold is dropped too
 }
 
@@ -253,13 +266,14 @@ TEST_F(Dtw, PatternsThatRanOutStillCompete) {
     Speech test = line({5, 5, 5}), tooLong(30, 1), far = line({1, 1, 1});
     const int handles[] = {keep(tooLong), keep(far)};
     double results[2];
-    EXPECT_EQ(KTsEvalDTW(handles, 2, test.rows.data(), 3, 1, KT_DTW_USE_THRESHOLD, 2.0, 0, results), 1);
+    EXPECT_EQ(KTsEvalDTW(handles, 2, test.rows.data(), 3, 1, KT_DTW_USE_THRESHOLD, 2.0, 0, results),
+              1);
     EXPECT_EQ(results[0], notAdmitted);
     EXPECT_EQ(results[1], 2.0);
 }
 
-// The last step adds an unrounded distance: 2^-24 and a little lifts 1 to the next float, 2^-24 alone, what
-// the distance would be as a float, does not.
+// The last step adds an unrounded distance: 2^-24 and a little lifts 1 to the next float, 2^-24
+// alone, what the distance would be as a float, does not.
 TEST_F(Dtw, TheLastRowRoundsOnce) {
     support::onEveryLevel([this] {
         Speech pattern(2, 2), test(2, 2);
@@ -271,15 +285,17 @@ TEST_F(Dtw, TheLastRowRoundsOnce) {
     });
 }
 
-// A threshold that is no float: a cost of exactly its rounding upwards is dropped, and the result is the
-// double.
+// A threshold that is no float: a cost of exactly its rounding upwards is dropped, and the result
+// is the double.
 TEST_F(Dtw, ThresholdsAreComparedAsDoubles) {
     Speech test = line({1, 1, 1}), pattern = line({0.5f, 0.5f, 0.5f}); // costs 0.5, 1, 1.5
-    for (double threshold : {1.5, 1.5 + 1e-12, 1.5 - 1e-12, 1.0, 1.0 + 1e-12, 0.5 + 1e-12, 0.5 - 1e-12})
+    for (double threshold :
+         {1.5, 1.5 + 1e-12, 1.5 - 1e-12, 1.0, 1.0 + 1e-12, 0.5 + 1e-12, 0.5 - 1e-12})
         EXPECT_EQ(compare(pattern, test, KT_DTW_USE_THRESHOLD, threshold),
                   expected(pattern, test, KT_DTW_USE_THRESHOLD, threshold, 0))
             << threshold;
-    // The end cost 1.5 equals the float of the threshold, though it is below the double: it is clamped away.
+    // The end cost 1.5 equals the float of the threshold, though it is below the double: it is
+    // clamped away.
     EXPECT_EQ(compare(pattern, test, KT_DTW_USE_THRESHOLD, 1.5 + 1e-12), 1.5 + 1e-12);
 }
 
@@ -307,8 +323,8 @@ TEST_F(Dtw, IdenticalPatternsScoreZeroInBothMetrics) {
     EXPECT_EQ(compare(speech, speech, KT_DTW_NORM_L1, 0, 5), 0.0);
 }
 
-// The pattern stays on 0 for one frame and the test for three: a second flat step in a row would cost
-// nothing.
+// The pattern stays on 0 for one frame and the test for three: a second flat step in a row would
+// cost nothing.
 TEST_F(Dtw, TwoFlatStepsInARowAreImpossible) {
     Speech test = line({0, 0, 0, 9, 9}), pattern = line({0, 9, 9, 9});
     EXPECT_EQ(compare(pattern, test, 0), expected(pattern, test, 0, 0, 0));
@@ -351,7 +367,8 @@ TEST_F(Dtw, TiesStayWithTheLowestIndex) {
     EXPECT_EQ(results[0], 8.0 + 7.0 + 6.0);
 }
 
-// Long patterns after short ones and under a threshold: nothing of one pattern's scratch shows in the next.
+// Long patterns after short ones and under a threshold: nothing of one pattern's scratch shows in
+// the next.
 TEST_F(Dtw, ResultsDoNotDependOnTheOtherPatternsOfACall) {
     std::mt19937 generator(23);
     std::uniform_int_distribution<int> values(0, 4), length(8, 30);
@@ -369,7 +386,8 @@ TEST_F(Dtw, ResultsDoNotDependOnTheOtherPatternsOfACall) {
         EXPECT_TRUE(results.intact());
         std::size_t smallest = 0;
         for (std::size_t k = 0; k < patterns.size(); ++k) {
-            EXPECT_EQ(results[k], expected(patterns[k], test, KT_DTW_USE_THRESHOLD, threshold, 3)) << k;
+            EXPECT_EQ(results[k], expected(patterns[k], test, KT_DTW_USE_THRESHOLD, threshold, 3))
+                << k;
             if (results[k] < results[smallest]) smallest = k;
         }
         EXPECT_EQ(best, int(smallest));
@@ -461,7 +479,8 @@ TEST_F(Dtw, FixedPointIsTheFloatComputationOnRealValues) {
         for (int run = 0; run < 100; ++run) {
             const int testScale = scales(generator), patternScale = scales(generator),
                       thresholdScale = scales(generator);
-            const int N = length(generator), M = length(generator), threshold = 3 * values(generator) + 2000;
+            const int N = length(generator), M = length(generator),
+                      threshold = 3 * values(generator) + 2000;
             const int flags = (run & 1 ? KT_DTW_NORM_L1 : 0) | (run & 2 ? KT_DTW_USE_THRESHOLD : 0);
             Utterance<short> fixedTest(N, 4), fixedPattern(M, 4);
             Speech test(N, 4), pattern(M, 4);
@@ -480,8 +499,8 @@ TEST_F(Dtw, FixedPointIsTheFloatComputationOnRealValues) {
             int expectedScale = 0, expectedResult = 0, scale = 0, result = 0;
             KTdibConvertDown(&real, &expectedResult, 1, KT_AutoScale, &expectedScale);
             const int handle = keepFixed(fixedPattern, patternScale);
-            EXPECT_EQ(KTwEvalDTW(&handle, 1, fixedTest.rows.data(), N, 4, testScale, flags, threshold,
-                                 thresholdScale, 1, &result, KT_AutoScale, &scale),
+            EXPECT_EQ(KTwEvalDTW(&handle, 1, fixedTest.rows.data(), N, 4, testScale, flags,
+                                 threshold, thresholdScale, 1, &result, KT_AutoScale, &scale),
                       0);
             EXPECT_EQ(result, expectedResult) << run;
             EXPECT_EQ(scale, expectedScale) << run;
@@ -499,7 +518,8 @@ TEST_F(Dtw, FixedPointLastRowRoundsOnce) {
     const int handle = keepFixed(pattern, 0);
     for (int flags : {KT_DTW_FIXED_ENDS, KT_DTW_FIXED_ENDS | KT_DTW_NORM_L1}) {
         int result = 0, scale = 0;
-        KTwEvalDTW(&handle, 1, test.rows.data(), 2, 2, -36, flags, 0, 0, 0, &result, KT_AutoScale, &scale);
+        KTwEvalDTW(&handle, 1, test.rows.data(), 2, 2, -36, flags, 0, 0, 0, &result, KT_AutoScale,
+                   &scale);
         EXPECT_EQ(std::ldexp(double(result), scale), 1 + 0x1p-23);
     }
 }
@@ -511,14 +531,14 @@ TEST_F(Dtw, FixedPointSettlesTheIndexBeforeTheConversion) {
     const int handles[] = {keepFixed(far, 0), keepFixed(near, 0)};
     support::Guarded<int> results(2);
     int scale = 4;
-    EXPECT_EQ(
-        KTwEvalDTW(handles, 2, test.rows.data(), 3, 1, 0, 0, 0, 0, 0, results.data(), KT_FixedScale, &scale),
-        1);
+    EXPECT_EQ(KTwEvalDTW(handles, 2, test.rows.data(), 3, 1, 0, 0, 0, 0, 0, results.data(),
+                         KT_FixedScale, &scale),
+              1);
     EXPECT_EQ(results.values(), (std::vector<int>{0, 0}));
     EXPECT_EQ(scale, 4);
-    EXPECT_EQ(
-        KTwEvalDTW(handles, 2, test.rows.data(), 3, 1, 0, 0, 0, 0, 0, results.data(), KT_NoScale, nullptr),
-        1);
+    EXPECT_EQ(KTwEvalDTW(handles, 2, test.rows.data(), 3, 1, 0, 0, 0, 0, 0, results.data(),
+                         KT_NoScale, nullptr),
+              1);
     EXPECT_EQ(results.values(), (std::vector<int>{3, 2}));
     EXPECT_TRUE(results.intact());
 }
@@ -527,7 +547,9 @@ TEST_F(Dtw, FixedPointResultsThatAreNotAdmittedConvertLikeAnyOther) {
     auto test = fixedLine({100, 200, 300}), longer = fixedLine({1, 2, 3, 4, 5, 6, 7});
     const int handles[] = {keepFixed(longer, 0), 77};
     int results[2], scale = 3;
-    EXPECT_EQ(KTwEvalDTW(handles, 2, test.rows.data(), 3, 1, 0, 0, 0, 0, 0, results, KT_Saturate, &scale), 0);
+    EXPECT_EQ(
+        KTwEvalDTW(handles, 2, test.rows.data(), 3, 1, 0, 0, 0, 0, 0, results, KT_Saturate, &scale),
+        0);
     EXPECT_EQ(results[0], INT_MAX);
     EXPECT_EQ(results[1], INT_MAX);
     EXPECT_EQ(scale, 0);
@@ -537,8 +559,8 @@ TEST_F(Dtw, FixedPointScalesAtTheEndsOfTheirRange) {
     auto test = fixedLine({100, 200}), pattern = fixedLine({100, 200});
     const int handle = keepFixed(pattern, INT_MIN); // every value is 0
     int result = -1;
-    EXPECT_EQ(KTwEvalDTW(&handle, 1, test.rows.data(), 2, 1, INT_MIN, KT_DTW_USE_THRESHOLD, 1, INT_MIN, 0,
-                         &result, KT_NoScale, nullptr),
+    EXPECT_EQ(KTwEvalDTW(&handle, 1, test.rows.data(), 2, 1, INT_MIN, KT_DTW_USE_THRESHOLD, 1,
+                         INT_MIN, 0, &result, KT_NoScale, nullptr),
               0);
     EXPECT_EQ(result, 0);
 }
@@ -547,7 +569,8 @@ TEST_F(Dtw, FixedPointEmptyStoreIsReported) {
     auto test = fixedLine({1, 2});
     const int handle = 1;
     int result = 0;
-    EXPECT_EQ(KTwEvalDTW(&handle, 1, test.rows.data(), 2, 1, 0, 0, 0, 0, 0, &result, KT_Saturate, nullptr),
+    EXPECT_EQ(KTwEvalDTW(&handle, 1, test.rows.data(), 2, 1, 0, 0, 0, 0, 0, &result, KT_Saturate,
+                         nullptr),
               0);
     ASSERT_EQ(reports.count(), 1u);
     EXPECT_EQ(reports[0].function, "KTwPatternPtrGet");
@@ -561,8 +584,8 @@ TEST_F(Dtw, FixedPointEveryFailedAllocationIsReported) {
     const long before = support::alloc::liveBlocks();
     const int failures = support::alloc::failEach(
         [&] {
-            nearest =
-                KTwEvalDTW(&handle, 1, test.rows.data(), 3, 1, 0, 0, 0, 0, 0, &result, KT_NoScale, nullptr);
+            nearest = KTwEvalDTW(&handle, 1, test.rows.data(), 3, 1, 0, 0, 0, 0, 0, &result,
+                                 KT_NoScale, nullptr);
         },
         [&] {
             EXPECT_EQ(nearest, -1);
@@ -638,8 +661,9 @@ TEST_F(DtwHandler, MayReleaseEveryPatternWhereMemoryRunsOut) {
     double results[3];
     failEach([&] { KTsEvalDTW(handles, 3, pattern.rows.data(), 2, 1, 0, 0, 0, results); });
     int fixedResults[3];
-    failEach(
-        [&] { KTwEvalDTW(handles, 3, fixedRows, 2, 1, 0, 0, 0, 0, 0, fixedResults, KT_NoScale, nullptr); });
+    failEach([&] {
+        KTwEvalDTW(handles, 3, fixedRows, 2, 1, 0, 0, 0, 0, 0, fixedResults, KT_NoScale, nullptr);
+    });
 }
 
 TEST_F(DtwHandler, MayFillTheEmptyStoreThatItHearsOf) {
@@ -653,7 +677,8 @@ TEST_F(DtwHandler, MayFillTheEmptyStoreThatItHearsOf) {
     KTwPatternFreeAll();
     short value = 5, *rows[] = {&value};
     int fixedResults[3];
-    EXPECT_EQ(KTwEvalDTW(handles, 3, rows, 1, 1, 0, 0, 0, 0, 0, fixedResults, KT_Saturate, nullptr), 1);
+    EXPECT_EQ(KTwEvalDTW(handles, 3, rows, 1, 1, 0, 0, 0, 0, 0, fixedResults, KT_Saturate, nullptr),
+              1);
     EXPECT_EQ(fixedResults[1], 0);
     KTsPatternFreeAll();
     EXPECT_EQ(KTsPatternFree(1), -1); // made by the first of the two reports

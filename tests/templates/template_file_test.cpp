@@ -1,8 +1,8 @@
 #include "support/alloc_faults.h"
 #include "support/reports.h"
 
-#include "templates/KT_DTW.h"
 #include "ktlp6.h"
+#include "templates/KT_DTW.h"
 
 #include <gtest/gtest.h>
 
@@ -174,8 +174,8 @@ TEST_F(DtwFile, FixedRecordsReadBackInOrderUnderTheirHandles) {
     EXPECT_EQ(reports.count(), 0u);
 }
 
-// Larger than the pieces in which rows are written and payloads are read, with a row length that is no
-// multiple.
+// Larger than the pieces in which rows are written and payloads are read, with a row length that is
+// no multiple.
 TEST_F(DtwFile, LargePatternsSurviveTheRoundTrip) {
     const int n = 700, dim = 1501;
     std::vector<float> data(std::size_t(n) * dim);
@@ -200,10 +200,14 @@ TEST_F(DtwFile, LargePatternsSurviveTheRoundTrip) {
     ASSERT_EQ(KTwReadDTWPattern(stream), 1);
     for (int i = 0; i < n; ++i) {
         const std::size_t size = std::size_t(dim);
-        EXPECT_EQ(std::memcmp(KTsPatternPtrGet(1)->pData[i], rows[std::size_t(i)], size * sizeof(float)), 0);
-        EXPECT_EQ(std::memcmp(KTwPatternPtrGet(1)->pData[i], fixedRows[std::size_t(i)], size * sizeof(short)),
+        EXPECT_EQ(
+            std::memcmp(KTsPatternPtrGet(1)->pData[i], rows[std::size_t(i)], size * sizeof(float)),
+            0);
+        EXPECT_EQ(std::memcmp(KTwPatternPtrGet(1)->pData[i], fixedRows[std::size_t(i)],
+                              size * sizeof(short)),
                   0);
-        EXPECT_EQ(KTwPatternPtrGet(1)->pFloatData[i][dim - 1], 4.0f * fixedRows[std::size_t(i)][dim - 1]);
+        EXPECT_EQ(KTwPatternPtrGet(1)->pFloatData[i][dim - 1],
+                  4.0f * fixedRows[std::size_t(i)][dim - 1]);
     }
 }
 
@@ -219,7 +223,8 @@ TEST_F(DtwFile, PatternsThatWereReadAreCompared) {
     EXPECT_EQ(KTsEvalDTW(&handle, 1, rows, 3, 2, 0, 0, 0, &result), 0);
     EXPECT_EQ(result, 0.0);
     int fixedResult = -1;
-    EXPECT_EQ(KTwEvalDTW(&fixedHandle, 1, fixedRows, 3, 2, -3, 0, 0, 0, 0, &fixedResult, KT_NoScale, nullptr),
+    EXPECT_EQ(KTwEvalDTW(&fixedHandle, 1, fixedRows, 3, 2, -3, 0, 0, 0, 0, &fixedResult, KT_NoScale,
+                         nullptr),
               0);
     EXPECT_EQ(fixedResult, 0);
 }
@@ -313,10 +318,12 @@ TEST_F(DtwFile, HostileHeadersAreRefused) {
                             {0, big},   {3, small},     {2, 4},   {4, 2},         {32768, 32768}};
     const long before = support::alloc::liveBlocks();
     for (const auto& size : sizes) {
-        Stream stream(floatRecord(5, 1, size[0], size[1])), fixedStream(fixedRecord(5, 1, size[0], size[1]));
+        Stream stream(floatRecord(5, 1, size[0], size[1])),
+            fixedStream(fixedRecord(5, 1, size[0], size[1]));
         EXPECT_EQ(KTsReadDTWPattern(stream), -1) << size[0] << " x " << size[1];
         EXPECT_EQ(KTwReadDTWPattern(fixedStream), -1) << size[0] << " x " << size[1];
-        KTGetContext()->nFixedPatterns = 0; // sizes so near to the real ones that only integers are missing
+        // sizes so near to the real ones that only integers are missing
+        KTGetContext()->nFixedPatterns = 0;
     }
     EXPECT_EQ(KTsPatternsNumber() + KTwPatternsNumber(), 0);
     EXPECT_EQ(support::alloc::liveBlocks(), before);
@@ -416,7 +423,8 @@ TEST_F(DtwFile, EveryFailedAllocationOfTheFloatReaderLeavesTheStoreUnchanged) {
         [&] {
             EXPECT_EQ(handle, -1);
             EXPECT_EQ(KTsPatternsNumber(), 0);
-            for (const support::Report& report : reports.all()) // the table's own; the reader says nothing
+            // the table's own; the reader says nothing
+            for (const support::Report& report : reports.all())
                 EXPECT_EQ(report.function, "KTsAlloc2");
             EXPECT_LE(support::alloc::liveBlocks(), before + 1); // the stream's buffer
             reports.clear();

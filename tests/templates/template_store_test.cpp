@@ -2,8 +2,8 @@
 #include "support/reports.h"
 #include "support/streams.h"
 
-#include "templates/KT_DTW.h"
 #include "ktlp6.h"
+#include "templates/KT_DTW.h"
 
 #include <gtest/gtest.h>
 
@@ -66,7 +66,8 @@ protected:
     ~PatternStore() override { Store::freeAll(); }
 
     int create(int n = 2, int dim = 3, Sample first = 0) {
-        std::vector<std::vector<Sample>> data{std::size_t(n), std::vector<Sample>(std::size_t(dim))};
+        std::vector<std::vector<Sample>> data{std::size_t(n),
+                                              std::vector<Sample>(std::size_t(dim))};
         std::vector<Sample*> rows;
         for (auto& row : data) {
             for (Sample& x : row)
@@ -113,7 +114,8 @@ protected:
             result[at] = Store::letter;
         return result;
     }
-    void expectReport(std::size_t i, int status, const std::string& function, const std::string& message) {
+    void expectReport(std::size_t i, int status, const std::string& function,
+                      const std::string& message) {
         ASSERT_LT(i, reports.count());
         EXPECT_EQ(reports[i].status, status);
         EXPECT_EQ(reports[i].function, function);
@@ -191,7 +193,8 @@ TYPED_TEST(PatternStore, ThousandsOfStepsEqualAPlainList) {
     std::mt19937 random(17);
     std::vector<Entry> list;
     const auto oldest = [&](int handle) {
-        return std::find_if(list.begin(), list.end(), [=](const Entry& e) { return e.handle == handle; });
+        return std::find_if(list.begin(), list.end(),
+                            [=](const Entry& e) { return e.handle == handle; });
     };
     const auto any = [&]() {
         switch (random() % 5) {
@@ -339,7 +342,8 @@ TYPED_TEST(PatternStore, FreeOfAnUnknownHandleIsReported) {
     ASSERT_EQ(this->reports.count(), 1u);
     this->expectReport(
         0, KT_StsUnknownErr, this->named("PatternFree"),
-        this->text("sPattern NULL ptr is met in internal structure. The sPattern can not be free."));
+        this->text(
+            "sPattern NULL ptr is met in internal structure. The sPattern can not be free."));
     EXPECT_EQ(TypeParam::number(), 1);
 }
 
@@ -350,7 +354,8 @@ TYPED_TEST(PatternStore, FreeInAnEmptyStoreMakesTwoReports) {
                        this->text("sPatterns have not been initialized."));
     this->expectReport(
         1, KT_StsUnknownErr, this->named("PatternFree"),
-        this->text("sPattern NULL ptr is met in internal structure. The sPattern can not be free."));
+        this->text(
+            "sPattern NULL ptr is met in internal structure. The sPattern can not be free."));
 }
 
 TYPED_TEST(PatternStore, FreeingANullRecordIsSilent) {
@@ -384,8 +389,8 @@ TYPED_TEST(PatternStore, FreeAllEmptiesTheStore) {
     EXPECT_EQ(this->reports.count(), 0u);
 }
 
-// With a count that is too low the last records cannot be freed: each failure is reported, the others are
-// freed.
+// With a count that is too low the last records cannot be freed: each failure is reported, the
+// others are freed.
 TYPED_TEST(PatternStore, FreeAllCarriesOnAfterAFailure) {
     for (int i = 0; i < 4; ++i)
         this->create();
@@ -393,8 +398,9 @@ TYPED_TEST(PatternStore, FreeAllCarriesOnAfterAFailure) {
     EXPECT_EQ(TypeParam::freeAll(), -1);
     ASSERT_EQ(this->reports.count(), 4u);
     for (std::size_t i = 0; i < 4; i += 2) {
-        this->expectReport(i, KT_StsUnknownErr, this->named("PatternPtrFree"),
-                           this->text("Error in internal structure. sPatterns have not be allocated."));
+        this->expectReport(
+            i, KT_StsUnknownErr, this->named("PatternPtrFree"),
+            this->text("Error in internal structure. sPatterns have not be allocated."));
         this->expectReport(i + 1, KT_StsUnknownErr, this->named("PatternFreeAll"),
                            this->text("Error in internal structure. sPattern can not be free"));
     }
@@ -435,14 +441,15 @@ TYPED_TEST(PatternStore, EveryFailedAllocationOfTheIndexLeavesTheStoreUnchanged)
     for (int kept = 0; kept < 130; ++kept) {
         const long before = support::alloc::liveBlocks();
         int handle = 0;
-        const int failures = support::alloc::failEach([&] { handle = TypeParam::create(&row, 1, 1); },
-                                                      [&] {
-                                                          EXPECT_EQ(handle, -1);
-                                                          EXPECT_EQ(KTGetStatus(), KT_StsNoMem);
-                                                          EXPECT_EQ(TypeParam::number(), kept);
-                                                          this->reports.clear();
-                                                          EXPECT_EQ(support::alloc::liveBlocks(), before);
-                                                      });
+        const int failures =
+            support::alloc::failEach([&] { handle = TypeParam::create(&row, 1, 1); },
+                                     [&] {
+                                         EXPECT_EQ(handle, -1);
+                                         EXPECT_EQ(KTGetStatus(), KT_StsNoMem);
+                                         EXPECT_EQ(TypeParam::number(), kept);
+                                         this->reports.clear();
+                                         EXPECT_EQ(support::alloc::liveBlocks(), before);
+                                     });
         atOnce = std::max(atOnce, failures);
         ASSERT_EQ(handle, kept + 1);
     }
@@ -512,7 +519,8 @@ TEST(FixedPatternStore, KeepsTheIntegersAndTheRealValues) {
 TEST(FixedPatternStore, AFailedTableIsReportedByTheTableToo) {
     support::CapturedReports reports;
     short value = 1, *row = &value;
-    for (int table = 2; table <= 3; ++table) { // after the record: the 16-bit table, then the float table
+    // after the record: the 16-bit table, then the float table
+    for (int table = 2; table <= 3; ++table) {
         support::alloc::arm(table);
         EXPECT_EQ(KTwPatternIni(&row, 1, 1, 0), -1);
         support::alloc::disarm();
@@ -534,7 +542,8 @@ TEST(PatternStores, TheFlavoursKnowNothingOfEachOther) {
     short fixed = 1, *fixedRow = &fixed;
     EXPECT_EQ(KTwPatternIni(&fixedRow, 1, 1, 0), 1);
     EXPECT_EQ(KTwPatternGet(2, nullptr, nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(KTsPatternGet(2, nullptr, nullptr, nullptr), 2); // outputs that nobody wants may be null
+    // outputs that nobody wants may be null
+    EXPECT_EQ(KTsPatternGet(2, nullptr, nullptr, nullptr), 2);
     EXPECT_EQ(KTsPatternFreeAll(), 0);
     EXPECT_EQ(KTwPatternsNumber(), 1);
     EXPECT_EQ(KTwPatternFreeAll(), 0);
