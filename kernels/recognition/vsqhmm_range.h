@@ -1,7 +1,9 @@
 // The range control of the forward recursions: a frame's sum over the states decides by its
-// exponent field whether the frame is multiplied by a power of two, which loses no bits. Included
-// by level sources behind simd.h.
+// exponent field whether the frame is multiplied by a power of two, which loses no bits. For
+// level sources.
 #pragma once
+
+#include "simd/pack.h"
 
 #include <cstdint>
 #include <cstring>
