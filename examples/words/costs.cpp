@@ -8,7 +8,8 @@ namespace {
 
 constexpr std::size_t mostUtterances = 1000;
 constexpr std::size_t fewUtterances = 100; // where each takes long
-constexpr double slack = 3.0; // speakers that the training never heard are further away than all that it heard
+constexpr double slack =
+    3.0; // speakers that the training never heard are further away than all that it heard
 constexpr double largest = 999.0;
 constexpr double noiseSpread = 1.0; // noise has about half of that in frames of 80 samples
 
@@ -55,9 +56,8 @@ CostScale findScale(Recogniser& recogniser, Flavour flavour, const TrainingSet& 
     const std::size_t step = (n + most - 1) / most;
     for (std::size_t i = 0; i < n; i += step) {
         const Utterance& utterance = training.utterances[i];
-        std::vector<double> costs = flavour == Flavour::real
-                                        ? recogniser.costsOfTraining(utterance.real)
-                                        : recogniser.costsOfTraining(utterance.fixed);
+        std::vector<double> costs = flavour == Flavour::real ? recogniser.costsOfTraining(utterance.real)
+                                                             : recogniser.costsOfTraining(utterance.fixed);
         double& own = costs[static_cast<std::size_t>(utterance.word)];
         const double cost = own;
         own = HUGE_VAL;

@@ -22,12 +22,13 @@ std::string colour(int shade) {
 }
 
 std::string label(double x, double y, const char* anchor, const std::string& text) {
-    return fmt::format("<text x=\"{:.1f}\" y=\"{:.1f}\" text-anchor=\"{}\">{}</text>", x, y, anchor, escaped(text));
+    return fmt::format("<text x=\"{:.1f}\" y=\"{:.1f}\" text-anchor=\"{}\">{}</text>", x, y, anchor,
+                       escaped(text));
 }
 
 std::string axes(int height, const Axis& x, const Axis& y) {
-    std::string text = fmt::format("<path class=\"axis\" d=\"M{0} {1}V{2}H{3}", left, top, top + height,
-                                   left + plotWidth);
+    std::string text =
+        fmt::format("<path class=\"axis\" d=\"M{0} {1}V{2}H{3}", left, top, top + height, left + plotWidth);
     for (const Tick& tick : x.ticks)
         text += fmt::format("M{:.1f} {}v4", left + plotWidth * tick.place, top + height);
     for (const Tick& tick : y.ticks)
@@ -38,8 +39,9 @@ std::string axes(int height, const Axis& x, const Axis& y) {
     for (const Tick& tick : y.ticks)
         text += label(left - 6, top + height * (1.0 - tick.place) + 3, "end", tick.label);
     text += label(left + plotWidth / 2.0, top + height + 25, "middle", x.title);
-    return text + fmt::format("<text transform=\"translate(9 {}) rotate(-90)\" text-anchor=\"middle\">{}</text>",
-                              top + height / 2, escaped(y.title));
+    return text +
+           fmt::format("<text transform=\"translate(9 {}) rotate(-90)\" text-anchor=\"middle\">{}</text>",
+                       top + height / 2, escaped(y.title));
 }
 
 /// The shades and the values at both ends, right of the plot.
@@ -81,12 +83,13 @@ std::vector<Tick> roundTicks(double end) {
     return ticks;
 }
 
-std::string plot(const std::string& name, const std::string& content, int height, const Axis& x, const Axis& y,
-                 const std::string& caption) {
-    return fmt::format("<figure><svg class=\"{}\" viewBox=\"0 0 {} {}\" role=\"img\" aria-label=\"{}\">"
-                       "<g transform=\"translate({} {})\">{}</g>{}</svg><figcaption>{}</figcaption></figure>\n",
-                       name, left + plotWidth + right, top + height + bottom, escaped(caption), left, top,
-                       content, axes(height, x, y), escaped(caption));
+std::string plot(const std::string& name, const std::string& content, int height, const Axis& x,
+                 const Axis& y, const std::string& caption) {
+    return fmt::format(
+        "<figure><svg class=\"{}\" viewBox=\"0 0 {} {}\" role=\"img\" aria-label=\"{}\">"
+        "<g transform=\"translate({} {})\">{}</g>{}</svg><figcaption>{}</figcaption></figure>\n",
+        name, left + plotWidth + right, top + height + bottom, escaped(caption), left, top, content,
+        axes(height, x, y), escaped(caption));
 }
 
 std::string heatMap(const Matrix<float>& values, int height) {
@@ -108,7 +111,8 @@ std::string heatMap(const Matrix<float>& values, int height) {
                                    "preserveAspectRatio=\"none\" shape-rendering=\"crispEdges\">",
                                    plotWidth, height, nRows, nColumns);
     for (int shade = 0; shade < nShades; ++shade)
-        text += fmt::format("<path fill=\"{}\" d=\"{}\"/>", colour(shade), paths[static_cast<std::size_t>(shade)]);
+        text += fmt::format("<path fill=\"{}\" d=\"{}\"/>", colour(shade),
+                            paths[static_cast<std::size_t>(shade)]);
     return text + "</svg>" + key(low, high, height);
 }
 

@@ -179,6 +179,14 @@ std::vector<std::size_t> nearestWords(const std::vector<double>& costs) {
     return order;
 }
 
+/// What fits under a bar: six characters, each of which has one byte that is no continuation (UTF-8).
+std::string shortened(const std::string& word) {
+    std::size_t end = 0;
+    for (int characters = 0; end < word.size(); ++end)
+        if ((static_cast<unsigned char>(word[end]) & 0xc0) != 0x80 && ++characters > 6) break;
+    return word.substr(0, end);
+}
+
 /// A bar a word for float, and a line across it for fixed point.
 std::string costPlot(const Comparison& comparison, const Result& result, std::size_t example) {
     constexpr int height = 60;
@@ -198,7 +206,7 @@ std::string costPlot(const Comparison& comparison, const Result& result, std::si
             "<path class=\"fixed\" d=\"M{:.1f} {:.1f}h{:.1f}\"/>",
             real[order[i]] <= best ? " best" : "", x, height - level, 0.8 * step, std::max(0.5, level), x,
             height - height * std::min(1.0, fixed[order[i]] / largest), 0.8 * step);
-        names.ticks.push_back({(x + 0.4 * step) / plotWidth, comparison.words[order[i]].substr(0, 6)});
+        names.ticks.push_back({(x + 0.4 * step) / plotWidth, shortened(comparison.words[order[i]])});
     }
     bars += fmt::format("<path class=\"grid\" d=\"M0 {0}h{2}M0 {1}h{2}\"/>", height / 3, 2 * height / 3,
                         plotWidth);

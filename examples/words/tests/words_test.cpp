@@ -77,6 +77,12 @@ protected:
         return corpus;
     }
 
+    /// Makes the list of models agree with whatever the files hold now.
+    void seal() const {
+        const std::string models = (folder / "models").string();
+        ModelList::load(models).save(models);
+    }
+
     static std::string recordingName(const std::string& word, const std::string& speaker, int take) {
         return word + "_" + speaker + "_" + std::to_string(take) + ".flac";
     }
@@ -592,12 +598,14 @@ TEST_F(Words, ADamagedModelFileIsNamed) {
         for (const std::string& damaged :
              {std::string(), whole.substr(0, whole.size() / 2), std::string(200, 'x'), whole + "x"}) {
             std::ofstream(entry.path(), std::ios::binary) << damaged;
+            if (name != "words.txt") seal(); // the readers have to see it, without the help of the list
             const Told result = run(command);
             EXPECT_EQ(result.code, 2) << name << ", " << damaged.size() << " of " << whole.size() << " bytes";
             EXPECT_EQ(lines(result.errors).size(), 1u) << result.errors;
             EXPECT_EQ(result.errors.rfind("words: models/" + name + ": ", 0), 0u) << result.errors;
         }
         std::ofstream(entry.path(), std::ios::binary) << whole;
+        seal();
         EXPECT_EQ(run(command).code, 0) << name;
         ++nFiles;
     }
@@ -617,6 +625,7 @@ TEST_F(Words, ModelsOfAnotherKindAreRefused) {
     for (const auto& [from, to] : exchanges) {
         const std::string whole = contents(folder / "models" / to);
         fs::copy_file(folder / "models" / from, folder / "models" / to, fs::copy_options::overwrite_existing);
+        seal();
         const Told result = run("recognise --models models --recogniser " + to.substr(0, to.find('.')) +
                                 (to.find("fixed") != std::string::npos ? " --fixed " : " ") +
                                 (corpus / "one_ewan_1.flac").string());
