@@ -222,6 +222,7 @@ Comparison compare(const std::vector<Item>& items, const ComparisonPlan& plan,
             }
         }
     }
+    comparison.nTraining /= static_cast<int>(folds.size());
     progress.clear();
     return comparison;
 }

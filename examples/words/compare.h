@@ -60,7 +60,7 @@ struct Result {
 
 struct Comparison {
     std::vector<std::string> words;
-    int nTraining = 0;
+    int nTraining = 0; ///< for each round, on average
     int nTest = 0;
     double testSeconds = 0.0; ///< of speech, after one pass through the test set
     std::vector<Result> results;
