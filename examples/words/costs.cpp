@@ -30,10 +30,9 @@ CostScale makeScale(std::vector<double>& right, std::vector<double>& wrong) {
     CostScale scale;
     scale.right = quantile(right, 0.5);
     scale.wrong = quantile(wrong, 0.5);
-    const double worstRight = quantile(right, 1.0);
-    const double worstWrong = quantile(wrong, 1.0);
+    const double worst = std::max(quantile(right, 1.0), quantile(wrong, 1.0));
     const double least = 1e-6 + 0.05 * std::abs(scale.right);
-    scale.limit = std::max(scale.right + slack * std::max(worstRight - scale.right, 2.0 * least), worstWrong);
+    scale.limit = scale.right + slack * std::max(worst - scale.right, 2.0 * least);
     scale.wrong = std::max(scale.wrong, scale.right + least);
     return scale;
 }
