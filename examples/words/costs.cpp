@@ -8,8 +8,8 @@ namespace {
 
 constexpr std::size_t mostUtterances = 1000;
 constexpr std::size_t fewUtterances = 100; // where each takes long
-constexpr double slack =
-    3.0; // speakers that the training never heard are further away than all that it heard
+// Speakers that the training never heard are further away than all that it heard.
+constexpr double slack = 3.0;
 constexpr double largest = 999.0;
 constexpr double noiseSpread = 1.0; // noise has about half of that in frames of 80 samples
 
