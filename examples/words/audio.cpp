@@ -3,11 +3,12 @@
 #include "library.h"
 
 #include <sndfile.h>
+#include <soxr.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <numbers>
+#include <numeric>
 
 namespace words {
 namespace {
@@ -31,35 +32,34 @@ Channel readMono(SNDFILE* file, const SF_INFO& info) {
             float sum = 0.0f;
             for (std::size_t c = 0; c < nChannels; ++c)
                 sum += frames[i * nChannels + c];
-            mono.push_back(sum / static_cast<float>(nChannels));
+            // Not-a-number, which a file of floats may hold, becomes silence; a filter would spread it.
+            mono.push_back(std::isnan(sum) ? 0.0f
+                                           : std::clamp(sum / static_cast<float>(nChannels), -1.0f, 1.0f));
         }
     return mono;
 }
 
-/// Band-limited interpolation: every output sample is a weighted sum of the input around its place, the weights being a
-/// low pass just below 4 kHz under a Hann window (J. O. Smith, Digital Audio Resampling, 1984).
-Channel toModelRate(const Channel& in, int rate) {
-    constexpr int zeroCrossings = 16;
-    const double step = static_cast<double>(rate) / sampleRate; // input samples per output sample, 1 or more
-    const double reach = zeroCrossings * step;
-    const double cutoff = 0.95 / step;
-    const auto last = static_cast<std::ptrdiff_t>(in.size()) - 1;
-    Channel out(static_cast<std::size_t>(std::ceil(static_cast<double>(in.size()) / step)));
-    for (std::size_t m = 0; m < out.size(); ++m) {
-        const double centre = static_cast<double>(m) * step;
-        const auto from = std::max<std::ptrdiff_t>(0, static_cast<std::ptrdiff_t>(std::ceil(centre - reach)));
-        const auto to = std::min(last, static_cast<std::ptrdiff_t>(std::floor(centre + reach)));
-        double sum = 0.0;
-        for (std::ptrdiff_t k = from; k <= to; ++k) {
-            const double x = static_cast<double>(k) - centre;
-            const double phase = std::numbers::pi * x * cutoff;
-            const double sinc = std::abs(phase) < 1e-9 ? 1.0 : std::sin(phase) / phase;
-            const double window = 0.5 + 0.5 * std::cos(std::numbers::pi * x / reach);
-            sum += in[static_cast<std::size_t>(k)] * sinc * window * cutoff;
-        }
-        out[m] = static_cast<float>(sum);
-    }
+/// Nothing above 4 kHz is left, and nothing below 3.8 kHz, where the front end's highest filter ends, is weakened.
+Channel toModelRate(const Channel& in, int rate, const std::string& path) {
+    const soxr_io_spec_t floats = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
+    soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
+    quality.passband_end = 0.95;
+    quality.stopband_begin = 1.0;
+    const std::size_t wanted =
+        (in.size() * sampleRate + static_cast<std::size_t>(rate) - 1) / static_cast<std::size_t>(rate);
+    Channel out(wanted);
+    std::size_t n = 0;
+    const soxr_error_t error = soxr_oneshot(rate, sampleRate, 1, in.data(), in.size(), nullptr, out.data(),
+                                            out.size(), &n, &floats, &quality, nullptr);
+    if (error != nullptr) throw Failure(path + ": could not be brought to 8 kHz: " + error);
+    out.resize(n);
     return out;
+}
+
+double median(std::vector<double> values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
 }
 
 } // namespace
@@ -74,13 +74,12 @@ Samples readRecording(const std::string& path) {
 
     Channel mono = readMono(file.get(), info);
     if (mono.empty()) throw Failure(path + ": no samples");
-    if (info.samplerate != sampleRate) mono = toModelRate(mono, info.samplerate);
+    if (info.samplerate != sampleRate) mono = toModelRate(mono, info.samplerate, path);
 
     Samples samples;
     samples.reserve(mono.size());
-    for (const float value : mono) // not-a-number, which a file of floats may hold, becomes silence
-        samples.push_back(static_cast<short>(
-            std::isnan(value) ? 0l : std::lround(std::clamp(value * 32768.0f, -32768.0f, 32767.0f))));
+    for (const float value : mono)
+        samples.push_back(static_cast<short>(std::lround(std::clamp(value * 32768.0f, -32768.0f, 32767.0f))));
     return samples;
 }
 
@@ -98,6 +97,25 @@ Samples trimmed(const Samples& samples) {
     const auto begin = samples.begin() + (first - energies.begin()) * trimFrame;
     const auto length = std::min<std::ptrdiff_t>((last - first) * trimFrame, samples.end() - begin);
     return Samples(begin, begin + length);
+}
+
+double levelSpread(const Samples& samples) {
+    const double offset =
+        std::accumulate(samples.begin(), samples.end(), 0.0) / static_cast<double>(samples.size());
+    std::vector<double> levels;
+    for (std::size_t i = 0; i + trimFrame <= samples.size(); i += trimFrame) {
+        double energy = 0.0;
+        for (std::size_t k = i; k < i + trimFrame; ++k)
+            energy += (samples[k] - offset) * (samples[k] - offset);
+        levels.push_back(10.0 * std::log10(energy / trimFrame + 1.0));
+    }
+    if (levels.empty()) return 0.0;
+    const double middle = median(levels);
+    for (double& level : levels)
+        level = std::abs(level - middle);
+    std::sort(levels.begin(), levels.end());
+    levels.resize(levels.size() - levels.size() / 10); // a click is no speech
+    return std::accumulate(levels.begin(), levels.end(), 0.0) / static_cast<double>(levels.size());
 }
 
 } // namespace words

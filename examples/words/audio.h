@@ -20,4 +20,8 @@ Samples readRecording(const std::string& path);
 /// Cuts off what lies before the first and behind the last frame that is within 36 dB of the loudest.
 Samples trimmed(const Samples& samples);
 
+/// How far levels of 10 ms are from their median, on average, the furthest tenth left out, in decibels; a constant offset
+/// counts for nothing. Speech has several; silence, constants, tones, clicks and even noise have less than one.
+double levelSpread(const Samples& samples);
+
 } // namespace words

@@ -1,5 +1,6 @@
 #include "compare.h"
 
+#include "files.h"
 #include "models.h"
 
 #include <fmt/format.h>
@@ -21,7 +22,7 @@ using Items = std::vector<const Item*>;
 class TemporaryFolder {
 public:
     TemporaryFolder() : path((fs::temp_directory_path() / "words-XXXXXX").string()) {
-        if (mkdtemp(path.data()) == nullptr) throw Failure(path + ": could not be made");
+        if (mkdtemp(path.data()) == nullptr) throw Failure(path + ": could not be made" + systemCause());
     }
     ~TemporaryFolder() {
         std::error_code ignored;
@@ -91,14 +92,22 @@ int indexOf(const std::vector<std::string>& words, const std::string& word) {
     return static_cast<int>(std::lower_bound(words.begin(), words.end(), word) - words.begin());
 }
 
+/// What the training said of answers.
+struct Limits {
+    CostScale scale;
+    double leastSpread = 0.0;
+};
+
 int recogniseSamples(Recogniser& recogniser, Flavour flavour, const FeatureExtractor& extractor,
-                     const Samples& samples) {
-    return flavour == Flavour::real ? recogniser.recognise(extractor.real(samples))
-                                    : recogniser.recognise(extractor.fixed(samples));
+                     const Samples& samples, const Limits& limits) {
+    if (levelSpread(extractor.speech(samples)) < limits.leastSpread) return -1;
+    const Answer answer = flavour == Flavour::real ? recogniser.recognise(extractor.real(samples))
+                                                   : recogniser.recognise(extractor.fixed(samples));
+    return limits.scale.admits(answer.cost) ? answer.word : -1;
 }
 
 void test(Recogniser& recogniser, Flavour flavour, const Fold& fold, const std::vector<std::string>& words,
-          const FeatureExtractor& extractor, Progress& progress, Outcome& outcome) {
+          const FeatureExtractor& extractor, const Limits& limits, Progress& progress, Outcome& outcome) {
     const int nWords = static_cast<int>(words.size());
     if (outcome.confusion.empty()) outcome.confusion = Matrix<int>(nWords, nWords + 1);
     int right = 0, done = 0;
@@ -107,7 +116,7 @@ void test(Recogniser& recogniser, Flavour flavour, const Fold& fold, const std::
                       static_cast<int>(fold.test.size()));
         const std::clock_t start =
             std::clock(); // processor time: that of one core, whatever else the machine does
-        const int answer = recogniseSamples(recogniser, flavour, extractor, item->samples);
+        const int answer = recogniseSamples(recogniser, flavour, extractor, item->samples, limits);
         outcome.workSeconds += static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
         const int spoken = indexOf(words, item->recording.word);
         ++outcome.confusion.row(spoken)[answer < 0 ? nWords : answer];
@@ -116,8 +125,21 @@ void test(Recogniser& recogniser, Flavour flavour, const Fold& fold, const std::
     outcome.right += right;
     outcome.total += static_cast<int>(fold.test.size());
     if (!fold.name.empty())
-        outcome.folds.push_back(fmt::format(
-            "{} {:.1f}", fold.name, 100.0 * right / std::max(1.0, static_cast<double>(fold.test.size()))));
+        outcome.shares.push_back(
+            {fold.name, 100.0 * right / std::max(1.0, static_cast<double>(fold.test.size()))});
+}
+
+void showExamples(Recogniser& recogniser, Flavour flavour, const CostScale& scale, const Items& examples,
+                  Result& result) {
+    const auto place = static_cast<std::size_t>(flavour);
+    result.limits[place] = scale.forPeople(scale.limit);
+    for (const Item* example : examples) {
+        std::vector<double> costs = flavour == Flavour::real ? recogniser.costs(example->features.real)
+                                                             : recogniser.costs(example->features.fixed);
+        for (double& cost : costs)
+            cost = scale.forPeople(cost);
+        result.exampleCosts[place].push_back(std::move(costs));
+    }
 }
 
 } // namespace
@@ -129,9 +151,10 @@ std::vector<Item> readItems(const std::vector<Recording>& recordings, const Feat
     for (const Recording& recording : recordings) {
         progress.show("reading recordings", done++, static_cast<int>(recordings.size()));
         try {
-            Item item{recording, readRecording(recording.path), {}};
+            Item item{recording, readRecording(recording.path), 0.0, {}};
             item.features.real = extractor.real(item.samples);
             item.features.fixed = extractor.fixed(item.samples);
+            item.spread = levelSpread(extractor.speech(item.samples));
             items.push_back(std::move(item));
         } catch (const Failure& failure) {
             const std::string text = failure.what(); // failures of the front end do not know the file
@@ -154,6 +177,13 @@ TrainingSet makeTrainingSet(const std::vector<const Item*>& items) {
     return training;
 }
 
+double leastSpreadOf(const std::vector<const Item*>& items) {
+    std::vector<double> spreads;
+    for (const Item* item : items)
+        spreads.push_back(item->spread);
+    return findLeastSpread(std::move(spreads));
+}
+
 Comparison compare(const std::vector<Item>& items, const ComparisonPlan& plan,
                    const FeatureExtractor& extractor, Progress& progress,
                    std::vector<std::string>& complaints) {
@@ -162,6 +192,7 @@ Comparison compare(const std::vector<Item>& items, const ComparisonPlan& plan,
     std::vector<Fold> folds = makeFolds(items, plan);
     for (Fold& fold : folds) {
         const TrainingSet training = makeTrainingSet(fold.training);
+        const double leastSpread = leastSpreadOf(fold.training);
         const bool first = comparison.words.empty();
         if (first) comparison.words = training.words;
         if (training.words != comparison.words)
@@ -180,18 +211,18 @@ Comparison compare(const std::vector<Item>& items, const ComparisonPlan& plan,
         std::size_t place = 0;
         for (const std::unique_ptr<Recogniser>& recogniser : makeRecognisers(plan.recogniser)) {
             recogniser->train(training, progress);
-            if (first) comparison.results.push_back({recogniser->name(), recogniser->title(), {}, {}});
+            if (first) comparison.results.push_back({recogniser->name(), recogniser->title(), {}, {}, {}});
             Result& result = comparison.results[place++];
             for (const Flavour flavour : flavours) {
                 Outcome& outcome = result.outcomes[static_cast<std::size_t>(flavour)];
-                test(*recogniser, flavour, fold, comparison.words, extractor, progress, outcome);
+                const Limits limits{findScale(*recogniser, flavour, training), leastSpread};
+                test(*recogniser, flavour, fold, comparison.words, extractor, limits, progress, outcome);
                 outcome.bytes = folder.sizeOf(*recogniser, flavour);
+                if (first) showExamples(*recogniser, flavour, limits.scale, comparison.examples, result);
             }
-            if (first)
-                for (const Item* example : comparison.examples)
-                    result.exampleCosts.push_back(recogniser->costs(example->features.real));
         }
     }
+    comparison.nTraining /= static_cast<int>(folds.size());
     progress.clear();
     return comparison;
 }
@@ -210,9 +241,10 @@ std::string table(const Comparison& comparison) {
                             outcome.accuracy(), outcome.microseconds(), comparison.timesRealTime(outcome),
                             static_cast<double>(outcome.bytes) / 1024.0);
         text += "\n";
-        for (std::size_t fold = 0; fold < result.outcomes[0].folds.size(); ++fold)
-            text += fmt::format("  without {:30}  {}\n", result.outcomes[0].folds[fold],
-                                result.outcomes[1].folds[fold]);
+        const auto& [real, fixed] = result.outcomes;
+        for (std::size_t i = 0; i < real.shares.size(); ++i)
+            text += fmt::format("{:24}|{:23.2f}{:24}|{:23.2f}\n", "  without " + real.shares[i].speaker,
+                                real.shares[i].percent, "", fixed.shares[i].percent);
     }
     return text;
 }

@@ -15,6 +15,7 @@ namespace words {
 struct Item {
     Recording recording;
     Samples samples;
+    double spread = 0.0; ///< of its levels, as the front end cuts it
     Utterance features;
 };
 
@@ -25,14 +26,23 @@ std::vector<Item> readItems(const std::vector<Recording>& recordings, const Feat
 /// The items' features with their words' indices; the vocabulary is that of the items. The items keep their samples.
 TrainingSet makeTrainingSet(const std::vector<const Item*>& items);
 
+/// The least spread of levels that speech has by these items.
+double leastSpreadOf(const std::vector<const Item*>& items);
+
+/// Words right with one speaker left out.
+struct Share {
+    std::string speaker;
+    double percent = 0.0;
+};
+
 /// What came of one recogniser in one flavour.
 struct Outcome {
     int right = 0;
     int total = 0;
-    double workSeconds = 0.0;       ///< processor time of features and recognition
-    std::uintmax_t bytes = 0;       ///< of the models on disk
-    Matrix<int> confusion;          ///< [spoken][recognised], the last column standing for no word
-    std::vector<std::string> folds; ///< "SPEAKER 94.2", with a speaker left out in turn
+    double workSeconds = 0.0;  ///< processor time of features and recognition
+    std::uintmax_t bytes = 0;  ///< of the models on disk
+    Matrix<int> confusion;     ///< [spoken][recognised], the last column standing for no word
+    std::vector<Share> shares; ///< with a speaker left out in turn
 
     int errors() const { return total - right; }
     double accuracy() const { return total > 0 ? 100.0 * right / total : 0.0; }
@@ -42,13 +52,15 @@ struct Outcome {
 struct Result {
     std::string name;
     std::string title;
-    std::array<Outcome, 2> outcomes;               ///< float, fixed
-    std::vector<std::vector<double>> exampleCosts; ///< of each example for each word, float
+    std::array<Outcome, 2> outcomes; ///< float, fixed
+    /// Of each example for each word, in float and in fixed point, on the scale for people; and its limit.
+    std::array<std::vector<std::vector<double>>, 2> exampleCosts;
+    std::array<double, 2> limits{};
 };
 
 struct Comparison {
     std::vector<std::string> words;
-    int nTraining = 0;
+    int nTraining = 0; ///< for each round, on average
     int nTest = 0;
     double testSeconds = 0.0; ///< of speech, after one pass through the test set
     std::vector<Result> results;

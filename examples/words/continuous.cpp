@@ -36,6 +36,7 @@ public:
     std::string title() const override { return "continuous HMM"; }
 
     void train(const TrainingSet& training, Progress& progress) override {
+        words = training.words;
         real.clear();
         fixed.clear();
         // Every word's frames by state, and every state's frames around the means of its mixture.
@@ -56,24 +57,30 @@ public:
         }
     }
 
-    int recognise(const Matrix<float>& features) override { return real.best(evaluation(features)); }
-    int recognise(const Matrix<short>& features) override { return fixed.best(evaluation(features)); }
+    Answer recognise(const Matrix<float>& features) override {
+        return real.best(evaluation(features), features.rows());
+    }
+    Answer recognise(const Matrix<short>& features) override {
+        return fixed.best(evaluation(features), features.rows());
+    }
     std::vector<double> costs(const Matrix<float>& features) override {
-        return real.all(evaluation(features));
+        return real.all(evaluation(features), features.rows());
     }
     std::vector<double> costs(const Matrix<short>& features) override {
-        return fixed.all(evaluation(features));
+        return fixed.all(evaluation(features), features.rows());
     }
 
     void save(Flavour flavour, const std::string& stem) const override {
-        (flavour == Flavour::real ? real : fixed).save(stem + ".hmm");
+        (flavour == Flavour::real ? real : fixed).save(stem + ".hmm", words);
     }
-    void load(Flavour flavour, const std::string& stem, int nWords, int nDimensions) override {
+    void load(Flavour flavour, const std::string& stem, const std::vector<std::string>& vocabulary,
+              int nDimensions) override {
+        words = vocabulary;
         if (flavour == Flavour::real)
-            real.load(stem + ".hmm", nWords, 0, nDimensions,
+            real.load(stem + ".hmm", words, 0, nDimensions,
                       HMM_SERVER_CONT | HMM_SERVER_FLOAT | KT_HMM_LOGARITHMIC);
         else
-            fixed.load(stem + ".hmm", nWords, 0, nDimensions,
+            fixed.load(stem + ".hmm", words, 0, nDimensions,
                        HMM_SERVER_CONT | HMM_SERVER_SHORT | KT_HMM_LOGARITHMIC);
     }
 
@@ -122,6 +129,7 @@ private:
         return result;
     }
 
+    std::vector<std::string> words;
     HmmSet real;
     HmmSet fixed;
     std::vector<float> inverseVariances; // one vector for all mixtures

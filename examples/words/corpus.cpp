@@ -1,11 +1,12 @@
 #include "corpus.h"
 
+#include "files.h"
 #include "library.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <sstream>
 
@@ -32,6 +33,9 @@ bool labelFromName(const fs::path& path, Recording& recording) {
     const std::size_t first = name.find('_');
     const std::size_t last = name.rfind('_');
     if (first == std::string::npos || last == first || first == 0) return false;
+    // A word is a line's rest in the list of models.
+    if (std::any_of(name.begin(), name.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }))
+        return false;
     recording.path = path.string();
     recording.word = name.substr(0, first);
     recording.speaker = name.substr(first + 1, last - first - 1);
@@ -55,8 +59,7 @@ std::vector<Recording> fromNames(const std::string& folder, std::vector<std::str
 
 std::vector<Recording> fromLabels(const std::string& folder, const std::string& labelsFile,
                                   std::vector<std::string>& complaints) {
-    std::ifstream file(labelsFile);
-    if (!file) throw Failure(labelsFile + ": cannot be read");
+    std::istringstream file(readFile(labelsFile));
     std::vector<Recording> recordings;
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {

@@ -111,17 +111,17 @@ struct DiscreteModels {
         return result;
     }
 
-    int recognise(const Matrix<Value>& features) const {
+    Answer recognise(const Matrix<Value>& features) const {
         const Symbols sequence = symbols(features);
-        return models.best(evaluation(sequence, Value{}));
+        return models.best(evaluation(sequence, Value{}), features.rows());
     }
     std::vector<double> costs(const Matrix<Value>& features) const {
         const Symbols sequence = symbols(features);
-        return models.all(evaluation(sequence, Value{}));
+        return models.all(evaluation(sequence, Value{}), features.rows());
     }
 
-    void save(const std::string& stem) const {
-        models.save(stem + ".hmm");
+    void save(const std::string& stem, const std::vector<std::string>& words) const {
+        models.save(stem + ".hmm", words);
         std::async(std::launch::async, [&] {
             quietLibrary();
             Stream file(stem + ".codebook.dtw", "wb");
@@ -132,8 +132,9 @@ struct DiscreteModels {
         }).get();
     }
 
-    void load(const std::string& stem, int nWords, int nDimensions, unsigned status) {
-        models.load(stem + ".hmm", nWords, nSymbols, 0, status);
+    void load(const std::string& stem, const std::vector<std::string>& words, int nDimensions,
+              unsigned status) {
+        models.load(stem + ".hmm", words, nSymbols, 0, status);
         std::async(std::launch::async, [&] {
             quietLibrary();
             Stream file(stem + ".codebook.dtw", "rb");
@@ -158,6 +159,7 @@ public:
 
     void train(const TrainingSet& training, Progress& progress) override {
         progress.show("growing codebooks", 0, 2);
+        words = training.words;
         Clusters clusters = cluster(someFrames(training, nCodebookFrames), training.dimensions(), nSymbols);
         if (clusters.means.rows() < nSymbols)
             throw Failure("too little to train from: " + std::to_string(nSymbols) +
@@ -188,20 +190,21 @@ public:
         }
     }
 
-    int recognise(const Matrix<float>& features) override { return real.recognise(features); }
-    int recognise(const Matrix<short>& features) override { return fixed.recognise(features); }
+    Answer recognise(const Matrix<float>& features) override { return real.recognise(features); }
+    Answer recognise(const Matrix<short>& features) override { return fixed.recognise(features); }
     std::vector<double> costs(const Matrix<float>& features) override { return real.costs(features); }
     std::vector<double> costs(const Matrix<short>& features) override { return fixed.costs(features); }
 
     void save(Flavour flavour, const std::string& stem) const override {
-        flavour == Flavour::real ? real.save(stem) : fixed.save(stem);
+        flavour == Flavour::real ? real.save(stem, words) : fixed.save(stem, words);
     }
-    void load(Flavour flavour, const std::string& stem, int nWords, int nDimensions) override {
+    void load(Flavour flavour, const std::string& stem, const std::vector<std::string>& vocabulary,
+              int nDimensions) override {
+        words = vocabulary;
         if (flavour == Flavour::real)
-            real.load(stem, nWords, nDimensions, HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT | KT_HMM_LOGARITHMIC);
+            real.load(stem, words, nDimensions, HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT | KT_HMM_LOGARITHMIC);
         else
-            fixed.load(stem, nWords, nDimensions,
-                       HMM_SERVER_DISCRETE | HMM_SERVER_SHORT | KT_HMM_LOGARITHMIC);
+            fixed.load(stem, words, nDimensions, HMM_SERVER_DISCRETE | HMM_SERVER_SHORT | KT_HMM_LOGARITHMIC);
     }
 
 private:
@@ -233,6 +236,7 @@ private:
                                     topology.initial.data(), nStates, nSymbols, KT_HMM_EXPONENTIAL));
     }
 
+    std::vector<std::string> words;
     DiscreteModels<float> real;
     DiscreteModels<short> fixed;
 };

@@ -51,28 +51,31 @@ struct Templates {
         words.push_back(word);
     }
 
-    int recognise(const Matrix<Value>& features) const {
+    Answer recognise(const Matrix<Value>& features) const {
         std::vector<double> costs(handles.size());
         const auto best = static_cast<std::size_t>(nearest(handles, features, costs));
-        return best < costs.size() && costs[best] < none ? words[best] : -1;
+        if (best >= costs.size() || !(costs[best] < none)) return {};
+        return {words[best], costs[best] / features.rows()};
     }
 
-    std::vector<double> wordCosts(const Matrix<Value>& features, int nWords) const {
+    /// `itself`: whether a template that does not differ from the features counts.
+    std::vector<double> wordCosts(const Matrix<Value>& features, std::size_t nWords, bool itself) const {
         std::vector<double> costs(handles.size());
         nearest(handles, features, costs);
-        std::vector<double> result(static_cast<std::size_t>(nWords), none);
+        std::vector<double> result(nWords, none);
         for (std::size_t i = 0; i < costs.size(); ++i) {
             double& best = result[static_cast<std::size_t>(words[i])];
-            best = std::min(best, costs[i]);
+            if (itself || costs[i] > 0.0) best = std::min(best, costs[i] / features.rows());
         }
         return result;
     }
 
     /// One file a word. Patterns come back under the handles that they have now.
     template <class Write>
-    void save(const std::string& stem, int nWords, Write write) const {
-        for (int word = 0; word < nWords; ++word) {
+    void save(const std::string& stem, const std::vector<std::string>& vocabulary, Write write) const {
+        for (int word = 0; word < static_cast<int>(vocabulary.size()); ++word) {
             Stream file(stem + "." + std::to_string(word) + ".dtw", "wb");
+            file.writeWord(vocabulary[static_cast<std::size_t>(word)]);
             for (std::size_t i = 0; i < handles.size(); ++i)
                 if (words[i] == word) write(file, handles[i]);
             file.finish();
@@ -80,11 +83,12 @@ struct Templates {
     }
 
     template <class Read>
-    void load(const std::string& stem, int nWords, Read read) {
+    void load(const std::string& stem, const std::vector<std::string>& vocabulary, Read read) {
         handles.clear();
         words.clear();
-        for (int word = 0; word < nWords; ++word) {
+        for (int word = 0; word < static_cast<int>(vocabulary.size()); ++word) {
             Stream file(stem + "." + std::to_string(word) + ".dtw", "rb");
+            file.expectWord(vocabulary[static_cast<std::size_t>(word)]);
             while (!file.atEnd()) {
                 const int handle = read(file);
                 if (handle < 0) file.damaged("template");
@@ -99,13 +103,14 @@ class Dtw : public Recogniser {
 public:
     std::string name() const override { return "dtw"; }
     std::string title() const override { return "DTW, all templates"; }
+    bool isSlow() const override { return true; }
 
     void train(const TrainingSet& training, Progress& progress) override {
         KTsPatternFreeAll();
         KTwPatternFreeAll();
         real = {};
         fixed = {};
-        nWords = training.nWords();
+        words = training.words;
         int done = 0;
         for (const Utterance& utterance : training.utterances) {
             progress.show("storing templates", done++, static_cast<int>(training.utterances.size()));
@@ -116,29 +121,36 @@ public:
         }
     }
 
-    int recognise(const Matrix<float>& features) override { return real.recognise(features); }
-    int recognise(const Matrix<short>& features) override { return fixed.recognise(features); }
+    Answer recognise(const Matrix<float>& features) override { return real.recognise(features); }
+    Answer recognise(const Matrix<short>& features) override { return fixed.recognise(features); }
     std::vector<double> costs(const Matrix<float>& features) override {
-        return real.wordCosts(features, nWords);
+        return real.wordCosts(features, words.size(), true);
     }
     std::vector<double> costs(const Matrix<short>& features) override {
-        return fixed.wordCosts(features, nWords);
+        return fixed.wordCosts(features, words.size(), true);
+    }
+    std::vector<double> costsOfTraining(const Matrix<float>& features) override {
+        return real.wordCosts(features, words.size(), false);
+    }
+    std::vector<double> costsOfTraining(const Matrix<short>& features) override {
+        return fixed.wordCosts(features, words.size(), false);
     }
 
     void save(Flavour flavour, const std::string& stem) const override {
         if (flavour == Flavour::real)
-            real.save(stem, nWords, KTsWriteDTWPattern);
+            real.save(stem, words, KTsWriteDTWPattern);
         else
-            fixed.save(stem, nWords, KTwWriteDTWPattern);
+            fixed.save(stem, words, KTwWriteDTWPattern);
     }
 
-    void load(Flavour flavour, const std::string& stem, int count, int nDimensions) override {
-        nWords = count;
+    void load(Flavour flavour, const std::string& stem, const std::vector<std::string>& vocabulary,
+              int nDimensions) override {
+        words = vocabulary;
         // Patterns return under their old handles, which have to be free. The file does not tell the flavour: a name does.
         const auto checked = [&](int handle, int columns) { return columns == nDimensions ? handle : -1; };
         if (flavour == Flavour::real) {
             KTsPatternFreeAll();
-            real.load(stem, nWords, [&](FILE* file) {
+            real.load(stem, words, [&](FILE* file) {
                 int columns = 0;
                 const int handle = KTsReadDTWPattern(file);
                 KTsPatternGet(handle, nullptr, nullptr, &columns);
@@ -146,7 +158,7 @@ public:
             });
         } else {
             KTwPatternFreeAll();
-            fixed.load(stem, nWords, [&](FILE* file) {
+            fixed.load(stem, words, [&](FILE* file) {
                 int columns = 0;
                 const int handle = KTwReadDTWPattern(file);
                 KTwPatternGet(handle, nullptr, nullptr, &columns, nullptr);
@@ -158,7 +170,7 @@ public:
 private:
     Templates<float> real;
     Templates<short> fixed;
-    int nWords = 0;
+    std::vector<std::string> words;
 };
 
 } // namespace

@@ -19,6 +19,8 @@ struct FrontEnd {
 
 inline constexpr int nCepstra = 13;
 inline constexpr int nFilters = 24;
+inline constexpr int lowFrequency = 100; // of the filters, Hz
+inline constexpr int highFrequency = 3800;
 inline constexpr int featureLimit = 6;  // normalised features end at six deviations
 inline constexpr int featureScale = -7; // fixed-point features are stored * 2^-7
 

@@ -52,17 +52,21 @@ int HmmSet::wordOf(int id) const {
     return -1;
 }
 
-void HmmSet::save(const std::string& path) const {
+void HmmSet::save(const std::string& path, const std::vector<std::string>& words) const {
     Stream file(path, "wb");
-    for (const Hmm& model : models)
-        KTWriteHMMServer(file, model.get(), nullptr);
+    for (std::size_t word = 0; word < models.size(); ++word) {
+        file.writeWord(words[word]);
+        KTWriteHMMServer(file, models[word].get(), nullptr);
+    }
     file.finish();
 }
 
-void HmmSet::load(const std::string& path, int nWords, int nSymbols, int nDimensions, unsigned statusBits) {
+void HmmSet::load(const std::string& path, const std::vector<std::string>& words, int nSymbols,
+                  int nDimensions, unsigned statusBits) {
     clear();
     Stream file(path, "rb");
-    for (int word = 0; word < nWords; ++word) {
+    for (const std::string& word : words) {
+        file.expectWord(word);
         const int id = KTReadHMMServer(file, nullptr);
         if (id < 0) file.damaged("hidden Markov model");
         Hmm model(id);

@@ -60,26 +60,27 @@ public:
     void clear();
     void add(Hmm model); ///< the next word's
 
-    /// `evaluate(id, pBest)` scores one model, or with the negated id of a class all of them.
+    /// `evaluate(id, pBest)` scores one model, or with the negated id of a class all of them; costs are told per frame.
     template <class Evaluate>
-    int best(Evaluate evaluate) const {
+    Answer best(Evaluate evaluate, int nFrames) const {
         int id = 0;
-        evaluate(-classId, &id);
-        return wordOf(id);
+        const auto cost = static_cast<double>(evaluate(-classId, &id));
+        return {wordOf(id), cost / nFrames};
     }
     template <class Evaluate>
-    std::vector<double> all(Evaluate evaluate) const {
+    std::vector<double> all(Evaluate evaluate, int nFrames) const {
         std::vector<double> costs;
         int id = 0;
         for (const Hmm& model : models)
-            costs.push_back(static_cast<double>(evaluate(model.get(), &id)));
+            costs.push_back(static_cast<double>(evaluate(model.get(), &id)) / nFrames);
         return costs;
     }
 
-    void save(const std::string& path) const;
-    /// Throws Failure unless the file holds nWords models whose status has `statusBits`, with that alphabet and that
-    /// length of vectors (0: any).
-    void load(const std::string& path, int nWords, int nSymbols, int nDimensions, unsigned statusBits);
+    void save(const std::string& path, const std::vector<std::string>& words) const;
+    /// Throws Failure unless the file holds these words' models, whose status has `statusBits`, with that alphabet and
+    /// that length of vectors (0: any).
+    void load(const std::string& path, const std::vector<std::string>& words, int nSymbols, int nDimensions,
+              unsigned statusBits);
 
 private:
     int wordOf(int id) const;

@@ -1,5 +1,7 @@
 #include "library.h"
 
+#include "files.h"
+
 #include <cerrno>
 #include <cstring>
 
@@ -50,6 +52,18 @@ Stream::~Stream() {
     if (file != nullptr) KTCloseFile(file);
 }
 
+void Stream::writeWord(const std::string& word) const {
+    std::fprintf(file, "word %s\n", word.c_str());
+}
+
+void Stream::expectWord(const std::string& word) const {
+    const std::string wanted = "word " + word + "\n";
+    std::string found;
+    for (int c = 0; found.size() < wanted.size() && (c = std::fgetc(file)) != EOF;)
+        found += static_cast<char>(c);
+    if (found != wanted) damaged(("model of the word '" + word + "'").c_str());
+}
+
 bool Stream::atEnd() const {
     const int next = std::fgetc(file);
     if (next != EOF) std::ungetc(next, file);
@@ -57,11 +71,17 @@ bool Stream::atEnd() const {
 }
 
 void Stream::finish() {
-    const bool broken = std::ferror(file) != 0;
     const bool more = !writing && !atEnd();
-    const bool unwritten = KTCloseFile(std::exchange(file, nullptr)) != 0;
-    if (broken || unwritten)
-        throw Failure(name + (writing ? ": could not be written" : ": could not be read"));
+    bool broken = std::ferror(file) != 0;
+    if (writing) {
+        std::clearerr(file); // whatever failed before, the cause of it is told once more
+        errno = 0;
+        if (broken) std::fputc(0, file);
+        broken = std::fflush(file) != 0 || broken;
+    }
+    const std::string cause = broken ? systemCause() : "";
+    broken = KTCloseFile(std::exchange(file, nullptr)) != 0 || broken;
+    if (broken) throw Failure(name + (writing ? ": could not be written" : ": could not be read") + cause);
     if (more) throw Failure(name + ": damaged, there is more in it than models");
 }
 

@@ -70,6 +70,10 @@ public:
     operator FILE*() const { return file; }
     const std::string& path() const { return name; }
 
+    /// Before a model its word, in a line of its own; reading compares, and a model of another word is no model.
+    void writeWord(const std::string& word) const;
+    void expectWord(const std::string& word) const;
+
     /// Nothing is left to read.
     bool atEnd() const;
     /// Every record has been read or written: reports what is left to report and closes the file.

@@ -111,8 +111,8 @@ FixedNetwork converted(sMLPServer* network) {
 
 /// A network says nothing of its shape, and one of another shape would write more outputs than there is room for. But the
 /// numbers of neurons stand behind a header of known length.
-void checkShape(const std::string& path, Flavour flavour) {
-    Stream file(path, "rb");
+void checkShape(const Stream& file, Flavour flavour) {
+    const long begin = std::ftell(file);
     for (int i = 0; i < (flavour == Flavour::real ? 60 : 64); ++i)
         std::fgetc(file);
     for (const int count : counts) {
@@ -121,6 +121,7 @@ void checkShape(const std::string& path, Flavour flavour) {
             stored |= static_cast<unsigned>(std::fgetc(file) & 0xff) << shift;
         if (stored != static_cast<unsigned>(count)) file.damaged("network of this shape");
     }
+    std::fseek(file, begin, SEEK_SET);
 }
 
 class Perceptron : public Recogniser {
@@ -129,8 +130,8 @@ public:
     std::string title() const override { return "multilayer perceptron"; }
 
     void train(const TrainingSet& training, Progress& progress) override {
-        nWords = training.nWords();
-        if (nWords > nOutputs)
+        words = training.words;
+        if (training.nWords() > nOutputs)
             throw Failure("the network tells at most " + std::to_string(nOutputs) + " words apart");
         std::mt19937 generator(1);
         std::vector<std::vector<float>> patterns, targets;
@@ -163,8 +164,8 @@ public:
         if (!fixed) throw Failure("no network could be made: " + lastReport());
     }
 
-    int recognise(const Matrix<float>& features) override { return strongest(outputs(features)); }
-    int recognise(const Matrix<short>& features) override { return strongest(outputs(features)); }
+    Answer recognise(const Matrix<float>& features) override { return best(costs(features)); }
+    Answer recognise(const Matrix<short>& features) override { return best(costs(features)); }
     std::vector<double> costs(const Matrix<float>& features) override {
         return doubts(outputs(features), 1.0);
     }
@@ -172,8 +173,11 @@ public:
         return doubts(outputs(features), KTPower2(activationScale));
     }
 
+    /// One network is the model of all words.
     void save(Flavour flavour, const std::string& stem) const override {
         Stream file(stem + ".mlp", "wb");
+        for (const std::string& word : words)
+            file.writeWord(word);
         if (flavour == Flavour::real)
             KTsWriteMLPServer(file, real.get());
         else
@@ -181,10 +185,13 @@ public:
         file.finish();
     }
 
-    void load(Flavour flavour, const std::string& stem, int count, int) override {
-        nWords = count;
-        checkShape(stem + ".mlp", flavour);
+    void load(Flavour flavour, const std::string& stem, const std::vector<std::string>& vocabulary,
+              int) override {
+        words = vocabulary;
         Stream file(stem + ".mlp", "rb");
+        for (const std::string& word : words)
+            file.expectWord(word);
+        checkShape(file, flavour);
         if (flavour == Flavour::real)
             real.reset(KTsReadMLPServer(file));
         else
@@ -208,21 +215,21 @@ private:
         return result;
     }
 
-    template <class Value>
-    int strongest(const std::vector<Value>& values) const {
-        return static_cast<int>(std::max_element(values.begin(), values.begin() + nWords) - values.begin());
+    static Answer best(const std::vector<double>& costs) {
+        const auto least = std::min_element(costs.begin(), costs.end());
+        return {static_cast<int>(least - costs.begin()), *least};
     }
     template <class Value>
     std::vector<double> doubts(const std::vector<Value>& values, double factor) const {
         std::vector<double> result;
-        for (int word = 0; word < nWords; ++word)
-            result.push_back(1.0 - values[static_cast<std::size_t>(word)] * factor);
+        for (std::size_t word = 0; word < words.size(); ++word)
+            result.push_back(1.0 - values[word] * factor);
         return result;
     }
 
     FloatNetwork real;
     FixedNetwork fixed;
-    int nWords = 0;
+    std::vector<std::string> words;
 };
 
 } // namespace

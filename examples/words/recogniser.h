@@ -4,6 +4,7 @@
 #include "matrix.h"
 #include "progress.h"
 
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,7 +32,14 @@ struct TrainingSet {
     int dimensions() const { return utterances.front().real.columns(); }
 };
 
-/// Models of a vocabulary, in float and in fixed point. What is returned as a word is its index.
+/// The word that fits best, by its index, and how badly it fits; -1 if none fits at all.
+struct Answer {
+    int word = -1;
+    double cost = std::numeric_limits<double>::infinity();
+};
+
+/// Models of a vocabulary, in float and in fixed point. Costs are those of a frame, on average, where they grow with the
+/// length of the utterance: small is good, and each kind and flavour has a range of its own (see costs.h).
 class Recogniser {
 public:
     virtual ~Recogniser() = default;
@@ -41,17 +49,25 @@ public:
 
     virtual void train(const TrainingSet& training, Progress& progress) = 0;
 
-    /// The word that fits best; -1 if none does.
-    virtual int recognise(const Matrix<float>& features) = 0;
-    virtual int recognise(const Matrix<short>& features) = 0;
+    /// An answer takes the longer the more the training had.
+    virtual bool isSlow() const { return false; }
 
-    /// For every word how badly it fits: small is good.
+    virtual Answer recognise(const Matrix<float>& features) = 0;
+    virtual Answer recognise(const Matrix<short>& features) = 0;
+
+    /// The cost of every word.
     virtual std::vector<double> costs(const Matrix<float>& features) = 0;
     virtual std::vector<double> costs(const Matrix<short>& features) = 0;
 
-    /// Files of one flavour's models, in the library's own formats, begin with `stem`.
+    /// The same for an utterance of the training, which is not to be compared with itself.
+    virtual std::vector<double> costsOfTraining(const Matrix<float>& features) { return costs(features); }
+    virtual std::vector<double> costsOfTraining(const Matrix<short>& features) { return costs(features); }
+
+    /// Names of files of one flavour's models begin with `stem`. They hold the library's own formats, before each model
+    /// a line with its word; loading compares it with the word that is to be there.
     virtual void save(Flavour flavour, const std::string& stem) const = 0;
-    virtual void load(Flavour flavour, const std::string& stem, int nWords, int nDimensions) = 0;
+    virtual void load(Flavour flavour, const std::string& stem, const std::vector<std::string>& words,
+                      int nDimensions) = 0;
 };
 
 std::unique_ptr<Recogniser> makeDtw();

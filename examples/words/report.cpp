@@ -1,67 +1,66 @@
 #include "report.h"
 
+#include "files.h"
+#include "picture.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
+#include <numeric>
 
 namespace words {
 namespace {
 
-constexpr int pictureWidth = 360;
-constexpr int nShades = 16;
-
 constexpr const char* style = R"(
-:root { --ink: #1c2430; --paper: #ffffff; --faint: #d9dfe7; --mark: #0b6bcb; --good: 11 107 203; --bad: 200 60 40; }
+:root { color-scheme: light dark; --ink: #1c2430; --paper: #ffffff; --faint: #d9dfe7; --mark: #0b6bcb;
+  --good: 11 107 203; --bad: 200 60 40; }
 @media (prefers-color-scheme: dark) {
   :root { --ink: #dde3ea; --paper: #14181d; --faint: #36404c; --mark: #66b0ff; --good: 90 165 250; --bad: 240 120 100; }
 }
+* { box-sizing: border-box; }
 body { font: 15px/1.45 system-ui, sans-serif; color: var(--ink); background: var(--paper); max-width: 1180px;
   margin: 2em auto; padding: 0 1em; }
 table { border-collapse: collapse; font-variant-numeric: tabular-nums; }
 td, th { padding: .25em .6em; text-align: right; border-bottom: 1px solid var(--faint); }
-td:first-child, th:first-child { text-align: left; }
+td:first-child, th:first-child { text-align: left; white-space: nowrap; }
+.scroll { overflow-x: auto; max-width: 100%; }
 .matrices, .words { display: flex; flex-wrap: wrap; gap: 1.5em 2em; }
-.words section { width: 360px; }
+.matrices section { min-width: 0; max-width: 100%; }
+.words section { width: 378px; max-width: 100%; }
 .confusion td, .confusion th { padding: .15em .4em; font-size: 12px; min-width: 1.6em; }
-figure { margin: .5em 0; } figcaption { font-size: 12px; opacity: .75; }
-svg { display: block; width: 100%; }
-.wave { stroke: var(--mark); fill: none; stroke-width: 1; }
-.bar { fill: var(--faint); } .bar.best { fill: var(--mark); } svg text { fill: var(--ink); font-size: 9px; }
+figure { margin: .5em 0 1em; } figcaption { font-size: 12px; opacity: .75; }
+svg { display: block; width: 100%; } svg svg { width: auto; } svg text { fill: var(--ink); font-size: 9px; }
+.wave g path { stroke: var(--mark); fill: none; stroke-width: 1; }
+.axis { stroke: var(--ink); fill: none; stroke-width: .7; } .grid { stroke: var(--ink); stroke-width: .5; opacity: .5; }
+.bar { fill: var(--faint); } .bar.best { fill: var(--mark); } .fixed { stroke: var(--bad-line); stroke-width: 2; }
+:root { --bad-line: rgb(var(--bad)); }
 th[colspan] { text-align: center; }
 )";
 
-std::string escaped(const std::string& text) {
-    std::string result;
-    for (const char c : text)
-        if (c == '<')
-            result += "&lt;";
-        else if (c == '>')
-            result += "&gt;";
-        else if (c == '&')
-            result += "&amp;";
-        else if (c == '"')
-            result += "&quot;";
-        else
-            result += c;
-    return result;
+/// A table that is wider than the page scrolls in a box of its own.
+std::string boxed(const std::string& table) {
+    return "<div class=\"scroll\" tabindex=\"0\">" + table + "</div>\n";
 }
 
 /// With a speaker left out in turn: the share of right words for each, in float and in fixed point.
 std::string bySpeaker(const Comparison& comparison) {
-    if (comparison.results.front().outcomes[0].folds.empty()) return "";
-    std::string text =
-        "<h2>Speakers that were left out, words right in per cent</h2>\n<table id=\"speakers\">\n";
+    const std::vector<Share>& speakers = comparison.results.front().outcomes[0].shares;
+    if (speakers.empty()) return "";
+    std::string text = "<table id=\"speakers\">\n<tr><th></th>";
+    for (const Share& share : speakers)
+        text += fmt::format("<th>{}</th>", escaped(share.speaker));
+    text += "</tr>\n";
     for (const Result& result : comparison.results)
         for (const Flavour flavour : flavours) {
             text += fmt::format("<tr><th>{}, {}</th>", escaped(result.title), flavourName(flavour));
-            for (const std::string& fold : result.outcomes[static_cast<std::size_t>(flavour)].folds)
-                text += fmt::format("<td>{}</td>", escaped(fold));
+            for (const Share& share : result.outcomes[static_cast<std::size_t>(flavour)].shares)
+                text += fmt::format("<td style=\"background:rgb(var(--bad) / {:.2f})\">{:.1f}</td>",
+                                    0.8 * (1.0 - share.percent / 100.0), share.percent);
             text += "</tr>\n";
         }
-    return text + "</table>\n";
+    return "<h2>Speakers that were left out, words right in per cent</h2>\n" + boxed(text + "</table>");
 }
 
 std::string summary(const Comparison& comparison) {
@@ -80,16 +79,14 @@ std::string summary(const Comparison& comparison) {
                 comparison.timesRealTime(outcome), static_cast<double>(outcome.bytes) / 1024.0);
         text += "</tr>\n";
     }
-    return text + "</tbody></table>\n" + bySpeaker(comparison);
+    return boxed(text + "</tbody></table>") + bySpeaker(comparison);
 }
 
 /// Rows are what was said, columns what was understood. Cells hold the float model's count, and behind a stroke that of the
 /// fixed one where it differs.
 std::string confusion(const Comparison& comparison, const Result& result) {
     const int nWords = static_cast<int>(comparison.words.size());
-    std::string text =
-        fmt::format("<section id=\"confusion-{}\"><h3>{}</h3>\n<table class=\"confusion\">\n<tr><th></th>",
-                    result.name, escaped(result.title));
+    std::string text = "<table class=\"confusion\">\n<tr><th></th>";
     for (const std::string& word : comparison.words)
         text += fmt::format("<th>{}</th>", escaped(word));
     text += "<th>none</th></tr>\n";
@@ -111,7 +108,12 @@ std::string confusion(const Comparison& comparison, const Result& result) {
         }
         text += "</tr>\n";
     }
-    return text + "</table></section>\n";
+    return fmt::format("<section id=\"confusion-{}\"><h3>{}</h3>\n{}</section>\n", result.name,
+                       escaped(result.title), boxed(text + "</table>"));
+}
+
+Axis timeAxis(double duration) {
+    return {"time, s", roundTicks(duration)};
 }
 
 /// The range of the samples under each of the picture's columns.
@@ -119,48 +121,43 @@ std::string waveform(const Samples& samples) {
     constexpr int height = 60;
     std::string path;
     const std::size_t n = samples.size();
-    const auto [lowest, highest] = std::minmax_element(samples.begin(), samples.end());
-    const double largest = std::max({1, -*lowest, static_cast<int>(*highest)});
-    for (std::size_t x = 0; x < pictureWidth; ++x) {
-        const auto from = samples.begin() + static_cast<std::ptrdiff_t>(x * n / pictureWidth);
+    const auto place = [](short sample) { return height / 2 * (1.0 - sample / 32768.0); };
+    for (std::size_t x = 0; x < plotWidth; ++x) {
+        const auto from = samples.begin() + static_cast<std::ptrdiff_t>(x * n / plotWidth);
         const auto to =
-            std::max(from + 1, samples.begin() + static_cast<std::ptrdiff_t>((x + 1) * n / pictureWidth));
+            std::max(from + 1, samples.begin() + static_cast<std::ptrdiff_t>((x + 1) * n / plotWidth));
         const auto [low, high] = std::minmax_element(from, std::min(to, samples.end()));
-        path += fmt::format("M{}.5 {:.1f}V{:.1f}", x, height / 2 * (1.0 - *high / largest),
-                            height / 2 * (1.0 - *low / largest) + 0.5);
+        path += fmt::format("M{}.5 {:.1f}V{:.1f}", x, place(*high), place(*low) + 0.5);
     }
-    return fmt::format("<figure><svg class=\"wave\" viewBox=\"0 0 {} {}\" role=\"img\"><path d=\"{}\"/></svg>"
-                       "<figcaption>waveform, {:.2f} s</figcaption></figure>\n",
-                       pictureWidth, height, path, seconds(samples));
+    return plot("wave", "<path d=\"" + path + "\"/>", height, timeAxis(seconds(samples)),
+                {"amplitude", {{0.0, "-1"}, {0.5, "0"}, {1.0, "1"}}},
+                fmt::format("waveform, {:.2f} s; 1 is full scale", seconds(samples)));
 }
 
-/// A table in shades: rows of the picture are the table's columns from below. One path a shade keeps the page small.
-std::string heatMap(const Matrix<float>& values, const char* name, const char* caption) {
-    const int nRows = values.rows(), nColumns = values.columns();
-    float low = values.row(0)[0], high = low;
-    for (int t = 0; t < nRows; ++t) {
-        const auto [least, most] = std::minmax_element(values.row(t), values.row(t) + nColumns);
-        low = std::min(low, *least);
-        high = std::max(high, *most);
+double frameSeconds(int nFrames) {
+    return nFrames * 0.01;
+}
+
+/// The filters are evenly spread on the mel scale.
+std::string melPicture(const Matrix<float>& energies) {
+    const auto mel = [](double frequency) { return 1127.0 * std::log(1.0 + frequency / 700.0); };
+    Axis frequency{"frequency, Hz", {}};
+    for (const int hertz : {200, 500, 1000, 2000, 3500}) {
+        const double place = (mel(hertz) - mel(lowFrequency)) / (mel(highFrequency) - mel(lowFrequency));
+        frequency.ticks.push_back({(place * (nFilters + 1) - 0.5) / nFilters, fmt::format("{}", hertz)});
     }
-    std::vector<std::string> paths(nShades);
-    for (int t = 0; t < nRows; ++t)
-        for (int i = 0; i < nColumns; ++i) {
-            const float place = high > low ? (values.row(t)[i] - low) / (high - low) : 0.0f;
-            const int shade = std::min(nShades - 1, static_cast<int>(place * nShades));
-            paths[static_cast<std::size_t>(shade)] += fmt::format("M{} {}h1v1h-1z", t, nColumns - 1 - i);
-        }
-    std::string text =
-        fmt::format("<figure><svg class=\"{}\" viewBox=\"0 0 {} {}\" preserveAspectRatio=\"none\" "
-                    "style=\"height:{}px\" shape-rendering=\"crispEdges\" role=\"img\">",
-                    name, nRows, nColumns, 4 * nColumns);
-    for (int shade = 0; shade < nShades; ++shade) { // from dark blue to yellow
-        const double x = static_cast<double>(shade) / (nShades - 1);
-        text += fmt::format("<path fill=\"rgb({:.0f},{:.0f},{:.0f})\" d=\"{}\"/>", 255 * std::pow(x, 0.9),
-                            230 * std::pow(x, 1.3) + 10, 90 + 60 * std::sin(3.14 * x) - 60 * x,
-                            paths[static_cast<std::size_t>(shade)]);
-    }
-    return text + fmt::format("</svg><figcaption>{}</figcaption></figure>\n", caption);
+    constexpr int height = 96;
+    return plot("mel", heatMap(energies, height), height, timeAxis(frameSeconds(energies.rows())), frequency,
+                "energies of mel filters, natural logarithms");
+}
+
+std::string cepstraPicture(const Matrix<float>& cepstra) {
+    constexpr int height = 78;
+    Axis index{"coefficient", {}};
+    for (int i = 0; i < nCepstra; i += 4)
+        index.ticks.push_back({(i + 0.5) / nCepstra, fmt::format("{}", i)});
+    return plot("cepstra", heatMap(cepstra, height), height, timeAxis(frameSeconds(cepstra.rows())), index,
+                "cepstra as the models see them, deviations from the mean");
 }
 
 /// The features that the models see, the cepstra alone, with coefficient 0 at the bottom.
@@ -171,36 +168,52 @@ Matrix<float> staticPart(const Matrix<float>& features) {
     return result;
 }
 
-/// For each recogniser a row of bars, one a word: full for the best fit, none for the worst.
-std::string margins(const Comparison& comparison, std::size_t example) {
-    constexpr int rowHeight = 34, barHeight = 20, labelWidth = 90;
-    const int nWords = static_cast<int>(comparison.words.size());
-    const double step = static_cast<double>(pictureWidth - labelWidth) / nWords;
-    const int height = rowHeight * static_cast<int>(comparison.results.size());
-    std::string text = fmt::format("<figure><svg class=\"margins\" viewBox=\"0 0 {} {}\" role=\"img\">",
-                                   pictureWidth, height);
-    int top = 0;
-    for (const Result& result : comparison.results) {
-        const std::vector<double>& costs = result.exampleCosts[example];
-        const double best = *std::min_element(costs.begin(), costs.end());
-        double worst = best;
-        for (const double cost : costs) // impossible words have infinite costs
-            if (cost < 1e30) worst = std::max(worst, cost);
-        text += fmt::format("<text x=\"0\" y=\"{}\">{}</text>", top + barHeight - 4, escaped(result.name));
-        for (int word = 0; word < nWords; ++word) {
-            const double cost = std::min(costs[static_cast<std::size_t>(word)], worst);
-            const double share = worst > best ? (worst - cost) / (worst - best) : 1.0;
-            const double x = labelWidth + step * word;
-            text += fmt::format(
-                "<rect class=\"bar{}\" x=\"{:.1f}\" y=\"{:.1f}\" width=\"{:.1f}\" height=\"{:.1f}\"/>"
-                "<text x=\"{:.1f}\" y=\"{}\" text-anchor=\"middle\">{}</text>",
-                cost <= best ? " best" : "", x, top + barHeight * (1.0 - share), 0.8 * step,
-                std::max(0.5, barHeight * share), x + 0.4 * step, top + barHeight + 10,
-                escaped(comparison.words[static_cast<std::size_t>(word)].substr(0, 5)));
-        }
-        top += rowHeight;
+/// The words that are nearest, ten at most, in the order of the vocabulary.
+std::vector<std::size_t> nearestWords(const std::vector<double>& costs) {
+    std::vector<std::size_t> order(costs.size());
+    std::iota(order.begin(), order.end(), 0u);
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t a, std::size_t b) { return costs[a] < costs[b]; });
+    order.resize(std::min<std::size_t>(order.size(), 10));
+    std::sort(order.begin(), order.end());
+    return order;
+}
+
+/// What fits under a bar: six characters, each of which has one byte that is no continuation (UTF-8).
+std::string shortened(const std::string& word) {
+    std::size_t end = 0;
+    for (int characters = 0; end < word.size(); ++end)
+        if ((static_cast<unsigned char>(word[end]) & 0xc0) != 0x80 && ++characters > 6) break;
+    return word.substr(0, end);
+}
+
+/// A bar a word for float, and a line across it for fixed point.
+std::string costPlot(const Comparison& comparison, const Result& result, std::size_t example) {
+    constexpr int height = 60;
+    constexpr double largest = 300.0; // what is worse looks the same
+    const std::vector<double>& real = result.exampleCosts[0][example];
+    const std::vector<double>& fixed = result.exampleCosts[1][example];
+    const std::vector<std::size_t> order = nearestWords(real);
+    const double best = *std::min_element(real.begin(), real.end());
+    const double step = static_cast<double>(plotWidth) / static_cast<double>(order.size());
+    Axis names{fmt::format("word; {}", result.title), {}};
+    std::string bars;
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        const double x = step * (static_cast<double>(i) + 0.1);
+        const double level = height * std::min(1.0, real[order[i]] / largest);
+        bars += fmt::format(
+            "<rect class=\"bar{}\" x=\"{:.1f}\" y=\"{:.1f}\" width=\"{:.1f}\" height=\"{:.1f}\"/>"
+            "<path class=\"fixed\" d=\"M{:.1f} {:.1f}h{:.1f}\"/>",
+            real[order[i]] <= best ? " best" : "", x, height - level, 0.8 * step, std::max(0.5, level), x,
+            height - height * std::min(1.0, fixed[order[i]] / largest), 0.8 * step);
+        names.ticks.push_back({(x + 0.4 * step) / plotWidth, shortened(comparison.words[order[i]])});
     }
-    return text + "</svg><figcaption>how well each word fits</figcaption></figure>\n";
+    bars += fmt::format("<path class=\"grid\" d=\"M0 {0}h{2}M0 {1}h{2}\"/>", height / 3, 2 * height / 3,
+                        plotWidth);
+    return plot("costs", bars, height, names,
+                {"cost", {{0.0, "0"}, {1.0 / 3, "100"}, {2.0 / 3, "200"}, {1.0, "300"}}},
+                fmt::format("cost of each word: bars float, lines fixed point; none above {:.0f} and {:.0f}",
+                            result.limits[0], result.limits[1]));
 }
 
 std::string pictures(const Comparison& comparison, const FeatureExtractor& extractor) {
@@ -210,10 +223,11 @@ std::string pictures(const Comparison& comparison, const FeatureExtractor& extra
         text += fmt::format("<section id=\"word-{0}\"><h3>{0}</h3><p>{1}</p>\n", escaped(item.recording.word),
                             escaped(std::filesystem::path(item.recording.path).filename().string()));
         text += waveform(extractor.speech(item.samples));
-        text +=
-            heatMap(extractor.melEnergies(item.samples), "mel", "mel energies, logarithms, 100 to 3800 Hz");
-        text += heatMap(staticPart(item.features.real), "cepstra", "cepstra as the models see them");
-        text += margins(comparison, i) + "</section>\n";
+        text += melPicture(extractor.melEnergies(item.samples));
+        text += cepstraPicture(staticPart(item.features.real));
+        for (const Result& result : comparison.results)
+            text += costPlot(comparison, result, i);
+        text += "</section>\n";
     }
     return text;
 }
@@ -222,25 +236,23 @@ std::string pictures(const Comparison& comparison, const FeatureExtractor& extra
 
 void writeReport(const std::string& path, const Comparison& comparison, const FeatureExtractor& extractor,
                  const std::string& split) {
-    std::ofstream file(path);
-    file << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"/>\n<title>Word recognisers "
-            "compared</title>\n"
-         << "<style>" << style << "</style></head>\n<body>\n<h1>Word recognisers compared</h1>\n"
-         << fmt::format("<p>{} words, {} recordings for training, {} for testing ({:.0f} s of speech); {}. "
-                        "Times are those of "
-                        "one core, for features and recognition.</p>\n",
+    std::string page = "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"/>\n"
+                       "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"/>\n"
+                       "<title>Word recognisers compared</title>\n";
+    page += fmt::format("<style>{}</style></head>\n<body>\n<h1>Word recognisers compared</h1>\n", style);
+    page += fmt::format("<p>{} words, {} recordings for training, {} for testing ({:.0f} s of speech); {}. "
+                        "Times are those of one core, for features and recognition.</p>\n",
                         comparison.words.size(), comparison.nTraining, comparison.nTest,
-                        comparison.testSeconds, escaped(split))
-         << summary(comparison) << "<h2>What was taken for what</h2>\n"
-         << "<p>Rows were said, columns understood. Where float and fixed point differ, both counts are "
-            "given.</p>\n"
-         << "<div class=\"matrices\">\n";
+                        comparison.testSeconds, escaped(split));
+    page += summary(comparison);
+    page += "<h2>What was taken for what</h2>\n<p>Rows were said, columns understood. Where float and fixed "
+            "point differ, both counts are given.</p>\n<div class=\"matrices\">\n";
     for (const Result& result : comparison.results)
-        file << confusion(comparison, result);
-    file << "</div>\n<h2>One utterance of each word</h2>\n<div class=\"words\">\n"
-         << pictures(comparison, extractor) << "</div>\n</body></html>\n";
-    file.close();
-    if (!file) throw Failure(path + ": could not be written");
+        page += confusion(comparison, result);
+    page += "</div>\n<h2>One utterance of each word</h2>\n<p>Costs have one scale: 100 is usual for the word "
+            "that was said, 200 for the nearest other one.</p>\n<div class=\"words\">\n";
+    page += pictures(comparison, extractor) + "</div>\n</body></html>\n";
+    writeFile(path, page);
 }
 
 } // namespace words

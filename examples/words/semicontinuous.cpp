@@ -53,6 +53,7 @@ public:
     void train(const TrainingSet& training, Progress& progress) override {
         progress.show("making the codebook of densities", 0, 1);
         makeCodebook(training);
+        words = training.words;
         real.clear();
         fixed.clear();
         for (int word = 0; word < training.nWords(); ++word) {
@@ -63,25 +64,31 @@ public:
         }
     }
 
-    int recognise(const Matrix<float>& features) override { return real.best(evaluation(features)); }
-    int recognise(const Matrix<short>& features) override { return fixed.best(evaluation(features)); }
+    Answer recognise(const Matrix<float>& features) override {
+        return real.best(evaluation(features), features.rows());
+    }
+    Answer recognise(const Matrix<short>& features) override {
+        return fixed.best(evaluation(features), features.rows());
+    }
     std::vector<double> costs(const Matrix<float>& features) override {
-        return real.all(evaluation(features));
+        return real.all(evaluation(features), features.rows());
     }
     std::vector<double> costs(const Matrix<short>& features) override {
-        return fixed.all(evaluation(features));
+        return fixed.all(evaluation(features), features.rows());
     }
 
     /// Models are in one file, the codebook in another: the thread has one for all models.
     void save(Flavour flavour, const std::string& stem) const override {
-        (flavour == Flavour::real ? real : fixed).save(stem + ".hmm");
+        (flavour == Flavour::real ? real : fixed).save(stem + ".hmm", words);
         Stream file(stem + ".codebook.gaus", "wb");
         for (const Mixture& density : flavour == Flavour::real ? realDensities : fixedDensities)
             KTWriteGaussMixServer(file, density.get());
         file.finish();
     }
 
-    void load(Flavour flavour, const std::string& stem, int nWords, int nDimensions) override {
+    void load(Flavour flavour, const std::string& stem, const std::vector<std::string>& vocabulary,
+              int nDimensions) override {
+        words = vocabulary;
         Stream file(stem + ".codebook.gaus", "rb");
         Densities densities;
         for (int k = 0; k < nDensities; ++k) {
@@ -93,10 +100,10 @@ public:
             file.damaged("density of this kind and size");
         file.finish();
         if (flavour == Flavour::real)
-            real.load(stem + ".hmm", nWords, nDensities, nDimensions,
+            real.load(stem + ".hmm", words, nDensities, nDimensions,
                       HMM_SERVER_SEMICONT | HMM_SERVER_FLOAT | KT_HMM_LOGARITHMIC);
         else
-            fixed.load(stem + ".hmm", nWords, nDensities, nDimensions,
+            fixed.load(stem + ".hmm", words, nDensities, nDimensions,
                        HMM_SERVER_SEMICONT | HMM_SERVER_SHORT | KT_HMM_LOGARITHMIC);
     }
 
@@ -179,6 +186,7 @@ private:
                                             KT_HMM_EXPONENTIAL));
     }
 
+    std::vector<std::string> words;
     HmmSet real;
     HmmSet fixed;
     Densities realDensities;

@@ -1,11 +1,11 @@
 #include "table.h"
 
+#include "files.h"
 #include "library.h"
 
 #include <fmt/format.h>
 
 #include <bit>
-#include <fstream>
 #include <type_traits>
 
 namespace words {
@@ -46,10 +46,7 @@ void write(const std::string& path, const Matrix<Value>& features) {
     const bool isCsv = path.ends_with(".csv");
     if (!isCsv && !path.ends_with(".npy"))
         throw Failure(path + ": the name ends neither in .csv nor in .npy");
-    std::ofstream file(path, std::ios::binary);
-    file << (isCsv ? text(features) : npy(features));
-    file.close();
-    if (!file) throw Failure(path + ": could not be written");
+    writeFile(path, isCsv ? text(features) : npy(features));
 }
 
 } // namespace
