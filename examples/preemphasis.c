@@ -11,11 +11,12 @@
 enum { FRAME = 400 };
 
 /* The program's own handler of the library's reports: one line each, nobody is asked. */
-static int onReport(int status, const char* function, const char* message, const char* source, int line) {
+static int onReport(int status, const char* function, const char* message, const char* source,
+                    int line) {
     (void)source;
     (void)line;
-    fprintf(stderr, "preemphasis: %s: %s %s\n", KTErrorStr(status), function != NULL ? function : "",
-            message != NULL ? message : "");
+    fprintf(stderr, "preemphasis: %s: %s %s\n", KTErrorStr(status),
+            function != NULL ? function : "", message != NULL ? message : "");
     return status;
 }
 
@@ -35,7 +36,8 @@ int main(int argc, char** argv) {
     KTRedirectError(onReport);
     KTSetErrMode(KT_ErrorModeParent);
 
-    printf("%s: %d Hz, %.2f s\n\n", argv[1], info.samplerate, (double)info.frames / info.samplerate);
+    printf("%s: %d Hz, %.2f s\n\n", argv[1], info.samplerate,
+           (double)info.frames / info.samplerate);
     printf("  time    level   pre-emphasised   16-bit\n");
     printf("     s       dB               dB       dB\n");
     short samples[FRAME];
@@ -53,8 +55,8 @@ int main(int argc, char** argv) {
             fixed += (double)samples[i] * samples[i] / (32768.0 * 32768.0);
         }
         if (frame % 4 == 0)
-            printf("%6.2f  %7.1f  %15.1f  %7.1f\n", (double)frame * FRAME / info.samplerate, level(before),
-                   level(after), level(fixed));
+            printf("%6.2f  %7.1f  %15.1f  %7.1f\n", (double)frame * FRAME / info.samplerate,
+                   level(before), level(after), level(fixed));
     }
     KTFreePreemphasizeTbls();
     sf_close(file);

@@ -14,7 +14,8 @@ namespace words {
 namespace {
 
 constexpr int trimFrame = sampleRate / 100; // 10 ms
-constexpr int trimShift = 12;               // energies are compared with the largest one / 2^12, 36 dB
+// energies are compared with the largest one / 2^12, 36 dB
+constexpr int trimShift = 12;
 
 using Channel = std::vector<float>;
 
@@ -32,25 +33,28 @@ Channel readMono(SNDFILE* file, const SF_INFO& info) {
             float sum = 0.0f;
             for (std::size_t c = 0; c < nChannels; ++c)
                 sum += frames[i * nChannels + c];
-            // Not-a-number, which a file of floats may hold, becomes silence; a filter would spread it.
-            mono.push_back(std::isnan(sum) ? 0.0f
-                                           : std::clamp(sum / static_cast<float>(nChannels), -1.0f, 1.0f));
+            // Not-a-number, which a file of floats may hold, becomes silence; a filter would spread
+            // it.
+            mono.push_back(std::isnan(sum)
+                               ? 0.0f
+                               : std::clamp(sum / static_cast<float>(nChannels), -1.0f, 1.0f));
         }
     return mono;
 }
 
-/// Nothing above 4 kHz is left, and nothing below 3.8 kHz, where the front end's highest filter ends, is weakened.
+// / Nothing above 4 kHz is left, and nothing below 3.8 kHz, where the front end's highest filter
+// ends, is weakened.
 Channel toModelRate(const Channel& in, int rate, const std::string& path) {
     const soxr_io_spec_t floats = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
     soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
     quality.passband_end = 0.95;
     quality.stopband_begin = 1.0;
-    const std::size_t wanted =
-        (in.size() * sampleRate + static_cast<std::size_t>(rate) - 1) / static_cast<std::size_t>(rate);
+    const std::size_t wanted = (in.size() * sampleRate + static_cast<std::size_t>(rate) - 1) /
+                               static_cast<std::size_t>(rate);
     Channel out(wanted);
     std::size_t n = 0;
-    const soxr_error_t error = soxr_oneshot(rate, sampleRate, 1, in.data(), in.size(), nullptr, out.data(),
-                                            out.size(), &n, &floats, &quality, nullptr);
+    const soxr_error_t error = soxr_oneshot(rate, sampleRate, 1, in.data(), in.size(), nullptr,
+                                            out.data(), out.size(), &n, &floats, &quality, nullptr);
     if (error != nullptr) throw Failure(path + ": could not be brought to 8 kHz: " + error);
     out.resize(n);
     return out;
@@ -79,7 +83,8 @@ Samples readRecording(const std::string& path) {
     Samples samples;
     samples.reserve(mono.size());
     for (const float value : mono)
-        samples.push_back(static_cast<short>(std::lround(std::clamp(value * 32768.0f, -32768.0f, 32767.0f))));
+        samples.push_back(
+            static_cast<short>(std::lround(std::clamp(value * 32768.0f, -32768.0f, 32767.0f))));
     return samples;
 }
 

@@ -17,11 +17,13 @@ inline double seconds(const Samples& samples) {
 /// Throws Failure for a file that is no recording, has no samples, or a rate outside 8 to 48 kHz.
 Samples readRecording(const std::string& path);
 
-/// Cuts off what lies before the first and behind the last frame that is within 36 dB of the loudest.
+// / Cuts off what lies before the first and behind the last frame that is within 36 dB of the
+// loudest.
 Samples trimmed(const Samples& samples);
 
-/// How far levels of 10 ms are from their median, on average, the furthest tenth left out, in decibels; a constant offset
-/// counts for nothing. Speech has several; silence, constants, tones, clicks and even noise have less than one.
+// / How far levels of 10 ms are from their median, on average, the furthest tenth left out, in
+// decibels; a constant offset / counts for nothing. Speech has several; silence, constants, tones,
+// clicks and even noise have less than one.
 double levelSpread(const Samples& samples);
 
 } // namespace words

@@ -35,9 +35,11 @@ void updateMeans(const Frames& frames, int nDimensions, Clusters& clusters) {
 
 void updateLabels(const Frames& frames, int nDimensions, Clusters& clusters) {
     for (std::size_t f = 0; f < frames.size(); ++f) {
-        double best = squaredDistance(frames[f], clusters.means.row(clusters.labels[f]), nDimensions);
+        double best =
+            squaredDistance(frames[f], clusters.means.row(clusters.labels[f]), nDimensions);
         for (int k = 0; k < clusters.means.rows(); ++k)
-            if (const double d = squaredDistance(frames[f], clusters.means.row(k), nDimensions); d < best) {
+            if (const double d = squaredDistance(frames[f], clusters.means.row(k), nDimensions);
+                d < best) {
                 best = d;
                 clusters.labels[f] = k;
             }
@@ -51,12 +53,14 @@ Clusters cluster(const Frames& frames, int nDimensions, int n) {
     const int nCells = std::min(n, nFrames);
     std::vector<float*> rows;
     for (const float* frame : frames)
-        rows.push_back(const_cast<float*>(frame)); // the library's table of rows; it only reads them
+        // the library's table of rows; it only reads them
+        rows.push_back(const_cast<float*>(frame));
 
-    Clusters result{Matrix<float>(nCells, nDimensions), std::vector<int>(static_cast<std::size_t>(nCells)),
+    Clusters result{Matrix<float>(nCells, nDimensions),
+                    std::vector<int>(static_cast<std::size_t>(nCells)),
                     std::vector<int>(frames.size())};
-    const Codebook tree(KTsMakeCodebook(rows.data(), result.labels.data(), nFrames, nDimensions, nCells,
-                                        KT_CB_EUCLID | KT_CB_SPLIT_LARGEST));
+    const Codebook tree(KTsMakeCodebook(rows.data(), result.labels.data(), nFrames, nDimensions,
+                                        nCells, KT_CB_EUCLID | KT_CB_SPLIT_LARGEST));
     if (!tree) throw Failure("the training frames could not be clustered: " + lastReport());
     for (int& label : result.labels)
         --label; // cells count from 1
@@ -125,7 +129,8 @@ int inverseVarianceScale(const TrainingSet& training, const std::vector<float>& 
     for (std::size_t i = 0; i < largest.size(); ++i)
         form += 4.0f * largest[i] * largest[i] * inverseVariances[i];
     const int n = static_cast<int>(inverseVariances.size());
-    return std::max(KTsMaxOrder(&form, 1) - 31 - 2 * meanScale, KTsMaxOrder(inverseVariances.data(), n) - 15);
+    return std::max(KTsMaxOrder(&form, 1) - 31 - 2 * meanScale,
+                    KTsMaxOrder(inverseVariances.data(), n) - 15);
 }
 
 } // namespace words

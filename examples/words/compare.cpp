@@ -22,7 +22,8 @@ using Items = std::vector<const Item*>;
 class TemporaryFolder {
 public:
     TemporaryFolder() : path((fs::temp_directory_path() / "words-XXXXXX").string()) {
-        if (mkdtemp(path.data()) == nullptr) throw Failure(path + ": could not be made" + systemCause());
+        if (mkdtemp(path.data()) == nullptr)
+            throw Failure(path + ": could not be made" + systemCause());
     }
     ~TemporaryFolder() {
         std::error_code ignored;
@@ -66,19 +67,22 @@ Fold split(const std::vector<Item>& items, const std::string& name,
 std::vector<Fold> makeFolds(const std::vector<Item>& items, const ComparisonPlan& plan) {
     std::vector<Fold> folds;
     if (!plan.leaveOutSpeaker) {
-        folds.push_back(split(items, "", [&](const Recording& r) { return r.take < plan.testTakes; }));
+        folds.push_back(
+            split(items, "", [&](const Recording& r) { return r.take < plan.testTakes; }));
         return folds;
     }
     std::set<std::string> speakers;
     for (const Item& item : items)
         speakers.insert(item.recording.speaker);
     for (const std::string& speaker : speakers)
-        folds.push_back(split(items, speaker, [&](const Recording& r) { return r.speaker == speaker; }));
+        folds.push_back(
+            split(items, speaker, [&](const Recording& r) { return r.speaker == speaker; }));
     return folds;
 }
 
 /// Test recordings whose word the training part does not have are left out.
-void dropUnknown(Fold& fold, const std::vector<std::string>& words, std::vector<std::string>& complaints) {
+void dropUnknown(Fold& fold, const std::vector<std::string>& words,
+                 std::vector<std::string>& complaints) {
     std::erase_if(fold.test, [&](const Item* item) {
         const bool known = std::binary_search(words.begin(), words.end(), item->recording.word);
         if (!known)
@@ -106,14 +110,15 @@ int recogniseSamples(Recogniser& recogniser, Flavour flavour, const FeatureExtra
     return limits.scale.admits(answer.cost) ? answer.word : -1;
 }
 
-void test(Recogniser& recogniser, Flavour flavour, const Fold& fold, const std::vector<std::string>& words,
-          const FeatureExtractor& extractor, const Limits& limits, Progress& progress, Outcome& outcome) {
+void test(Recogniser& recogniser, Flavour flavour, const Fold& fold,
+          const std::vector<std::string>& words, const FeatureExtractor& extractor,
+          const Limits& limits, Progress& progress, Outcome& outcome) {
     const int nWords = static_cast<int>(words.size());
     if (outcome.confusion.empty()) outcome.confusion = Matrix<int>(nWords, nWords + 1);
     int right = 0, done = 0;
     for (const Item* item : fold.test) {
-        progress.show(fmt::format("testing {} in {}", recogniser.title(), flavourName(flavour)), done++,
-                      static_cast<int>(fold.test.size()));
+        progress.show(fmt::format("testing {} in {}", recogniser.title(), flavourName(flavour)),
+                      done++, static_cast<int>(fold.test.size()));
         const std::clock_t start =
             std::clock(); // processor time: that of one core, whatever else the machine does
         const int answer = recogniseSamples(recogniser, flavour, extractor, item->samples, limits);
@@ -129,13 +134,14 @@ void test(Recogniser& recogniser, Flavour flavour, const Fold& fold, const std::
             {fold.name, 100.0 * right / std::max(1.0, static_cast<double>(fold.test.size()))});
 }
 
-void showExamples(Recogniser& recogniser, Flavour flavour, const CostScale& scale, const Items& examples,
-                  Result& result) {
+void showExamples(Recogniser& recogniser, Flavour flavour, const CostScale& scale,
+                  const Items& examples, Result& result) {
     const auto place = static_cast<std::size_t>(flavour);
     result.limits[place] = scale.forPeople(scale.limit);
     for (const Item* example : examples) {
-        std::vector<double> costs = flavour == Flavour::real ? recogniser.costs(example->features.real)
-                                                             : recogniser.costs(example->features.fixed);
+        std::vector<double> costs = flavour == Flavour::real
+                                        ? recogniser.costs(example->features.real)
+                                        : recogniser.costs(example->features.fixed);
         for (double& cost : costs)
             cost = scale.forPeople(cost);
         result.exampleCosts[place].push_back(std::move(costs));
@@ -144,8 +150,9 @@ void showExamples(Recogniser& recogniser, Flavour flavour, const CostScale& scal
 
 } // namespace
 
-std::vector<Item> readItems(const std::vector<Recording>& recordings, const FeatureExtractor& extractor,
-                            Progress& progress, std::vector<std::string>& complaints) {
+std::vector<Item> readItems(const std::vector<Recording>& recordings,
+                            const FeatureExtractor& extractor, Progress& progress,
+                            std::vector<std::string>& complaints) {
     std::vector<Item> items;
     int done = 0;
     for (const Recording& recording : recordings) {
@@ -157,8 +164,10 @@ std::vector<Item> readItems(const std::vector<Recording>& recordings, const Feat
             item.spread = levelSpread(extractor.speech(item.samples));
             items.push_back(std::move(item));
         } catch (const Failure& failure) {
-            const std::string text = failure.what(); // failures of the front end do not know the file
-            complaints.push_back(text.starts_with(recording.path) ? text : recording.path + ": " + text);
+            // failures of the front end do not know the file
+            const std::string text = failure.what();
+            complaints.push_back(text.starts_with(recording.path) ? text
+                                                                  : recording.path + ": " + text);
         }
     }
     return items;
@@ -203,22 +212,26 @@ Comparison compare(const std::vector<Item>& items, const ComparisonPlan& plan,
         for (const Item* item : fold.test)
             comparison.testSeconds += seconds(item->samples);
         for (const std::string& word : comparison.words) {
-            const auto example = std::find_if(fold.test.begin(), fold.test.end(),
-                                              [&](const Item* item) { return item->recording.word == word; });
+            const auto example =
+                std::find_if(fold.test.begin(), fold.test.end(),
+                             [&](const Item* item) { return item->recording.word == word; });
             if (first && example != fold.test.end()) comparison.examples.push_back(*example);
         }
 
         std::size_t place = 0;
         for (const std::unique_ptr<Recogniser>& recogniser : makeRecognisers(plan.recogniser)) {
             recogniser->train(training, progress);
-            if (first) comparison.results.push_back({recogniser->name(), recogniser->title(), {}, {}, {}});
+            if (first)
+                comparison.results.push_back({recogniser->name(), recogniser->title(), {}, {}, {}});
             Result& result = comparison.results[place++];
             for (const Flavour flavour : flavours) {
                 Outcome& outcome = result.outcomes[static_cast<std::size_t>(flavour)];
                 const Limits limits{findScale(*recogniser, flavour, training), leastSpread};
-                test(*recogniser, flavour, fold, comparison.words, extractor, limits, progress, outcome);
+                test(*recogniser, flavour, fold, comparison.words, extractor, limits, progress,
+                     outcome);
                 outcome.bytes = folder.sizeOf(*recogniser, flavour);
-                if (first) showExamples(*recogniser, flavour, limits.scale, comparison.examples, result);
+                if (first)
+                    showExamples(*recogniser, flavour, limits.scale, comparison.examples, result);
             }
         }
     }
@@ -229,22 +242,23 @@ Comparison compare(const std::vector<Item>& items, const ComparisonPlan& plan,
 
 std::string table(const Comparison& comparison) {
     std::string text = fmt::format("{:24}|{:^46}|{:^46}\n", "", "float", "16-bit fixed point");
-    const std::string heading =
-        fmt::format("{:>6} {:>6} {:>8} {:>8} {:>8} {:>5}", "right", "wrong", "%", "us/word", "x real", "KB");
+    const std::string heading = fmt::format("{:>6} {:>6} {:>8} {:>8} {:>8} {:>5}", "right", "wrong",
+                                            "%", "us/word", "x real", "KB");
     text += fmt::format("{:24}| {} | {}\n", "", heading, heading);
     text += std::string(24, '-') + "+" + std::string(47, '-') + "+" + std::string(47, '-') + "\n";
     for (const Result& result : comparison.results) {
         text += fmt::format("{:24}", result.title);
         for (const Outcome& outcome : result.outcomes)
-            text +=
-                fmt::format("| {:6} {:6} {:8.2f} {:8.0f} {:8.0f} {:5.0f} ", outcome.right, outcome.errors(),
-                            outcome.accuracy(), outcome.microseconds(), comparison.timesRealTime(outcome),
-                            static_cast<double>(outcome.bytes) / 1024.0);
+            text += fmt::format("| {:6} {:6} {:8.2f} {:8.0f} {:8.0f} {:5.0f} ", outcome.right,
+                                outcome.errors(), outcome.accuracy(), outcome.microseconds(),
+                                comparison.timesRealTime(outcome),
+                                static_cast<double>(outcome.bytes) / 1024.0);
         text += "\n";
         const auto& [real, fixed] = result.outcomes;
         for (std::size_t i = 0; i < real.shares.size(); ++i)
-            text += fmt::format("{:24}|{:23.2f}{:24}|{:23.2f}\n", "  without " + real.shares[i].speaker,
-                                real.shares[i].percent, "", fixed.shares[i].percent);
+            text +=
+                fmt::format("{:24}|{:23.2f}{:24}|{:23.2f}\n", "  without " + real.shares[i].speaker,
+                            real.shares[i].percent, "", fixed.shares[i].percent);
     }
     return text;
 }

@@ -19,11 +19,14 @@ struct Item {
     Utterance features;
 };
 
-/// Reads the recordings and computes their features. Those that cannot be read are left out and put into `complaints`.
-std::vector<Item> readItems(const std::vector<Recording>& recordings, const FeatureExtractor& extractor,
-                            Progress& progress, std::vector<std::string>& complaints);
+// / Reads the recordings and computes their features. Those that cannot be read are left out and
+// put into `complaints`.
+std::vector<Item> readItems(const std::vector<Recording>& recordings,
+                            const FeatureExtractor& extractor, Progress& progress,
+                            std::vector<std::string>& complaints);
 
-/// The items' features with their words' indices; the vocabulary is that of the items. The items keep their samples.
+// / The items' features with their words' indices; the vocabulary is that of the items. The items
+// keep their samples.
 TrainingSet makeTrainingSet(const std::vector<const Item*>& items);
 
 /// The least spread of levels that speech has by these items.
@@ -53,7 +56,8 @@ struct Result {
     std::string name;
     std::string title;
     std::array<Outcome, 2> outcomes; ///< float, fixed
-    /// Of each example for each word, in float and in fixed point, on the scale for people; and its limit.
+    // / Of each example for each word, in float and in fixed point, on the scale for people; and
+    // its limit.
     std::array<std::vector<std::vector<double>>, 2> exampleCosts;
     std::array<double, 2> limits{};
 };

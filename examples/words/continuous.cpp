@@ -24,8 +24,8 @@ auto evaluation(const Matrix<float>& features) {
 }
 auto evaluation(const Matrix<short>& features) {
     return [rows = features.pointers()](int id, int* best) {
-        return KTwEvalContHMMViterbi(id, rows.data(), static_cast<int>(rows.size()), best, KT_NoScale,
-                                     nullptr) *
+        return KTwEvalContHMMViterbi(id, rows.data(), static_cast<int>(rows.size()), best,
+                                     KT_NoScale, nullptr) *
                KTPower2(costScale);
     };
 }
@@ -49,7 +49,8 @@ public:
                 mixtures.push_back(cluster(frames, training.dimensions(), nMixtures));
                 states.push_back(std::move(frames));
             }
-        inverseVariances = sharedInverseVariances(states, mixtures, training.dimensions(), flattening);
+        inverseVariances =
+            sharedInverseVariances(states, mixtures, training.dimensions(), flattening);
         inverseCovarianceScale = inverseVarianceScale(training, inverseVariances, meanScale);
         for (int word = 0; word < training.nWords(); ++word) {
             progress.show("training continuous models", word, training.nWords());
@@ -93,21 +94,24 @@ private:
             pointers.push_back(servers.back().get());
         }
         Topology topology(nStates);
-        const Hmm start(KTsInitContHMMServer(topology.transitions.pointers().data(), topology.initial.data(),
-                                             pointers.data(), nStates, training.dimensions(),
-                                             KT_HMM_EXPONENTIAL));
-        // Baum-Welch moves means and weights and leaves covariances alone. The determinants of covariances do not enter; so
-        // all mixtures have the same one, and likelihoods of different states can be compared.
+        const Hmm start(KTsInitContHMMServer(topology.transitions.pointers().data(),
+                                             topology.initial.data(), pointers.data(), nStates,
+                                             training.dimensions(), KT_HMM_EXPONENTIAL));
+        // Baum-Welch moves means and weights and leaves covariances alone. The determinants of
+        // covariances do not enter; so all mixtures have the same one, and likelihoods of different
+        // states can be compared.
         Sequences<const float*> frames = framesOf(training, word);
-        const Hmm trained(KTsTrainContHMMBaumWelch(start.get(), frames.pointers.data(), frames.lengths.data(),
-                                                   frames.size(), iterations, nullptr));
+        const Hmm trained(KTsTrainContHMMBaumWelch(start.get(), frames.pointers.data(),
+                                                   frames.lengths.data(), frames.size(), iterations,
+                                                   nullptr));
         Hmm costs(KTsLogHMMServer(trained.get()));
-        fixed.add(Hmm(
-            KTswConvertHMMServer(costs.get(), costScale, weightScale, meanScale, inverseCovarianceScale)));
+        fixed.add(Hmm(KTswConvertHMMServer(costs.get(), costScale, weightScale, meanScale,
+                                           inverseCovarianceScale)));
         real.add(std::move(costs));
     }
 
-    /// A fixed mixture wants two Gaussians at least; a state with one frame only gets that one twice.
+    // / A fixed mixture wants two Gaussians at least; a state with one frame only gets that one
+    // twice.
     Mixture mixture(Clusters& clusters, int nDimensions) {
         const int n = std::max(2, clusters.means.rows());
         std::vector<float*> means, variances;
@@ -116,15 +120,16 @@ private:
             const int source = std::min(k, clusters.means.rows() - 1);
             means.push_back(clusters.means.row(source));
             variances.push_back(inverseVariances.data());
-            weights.push_back(static_cast<float>(clusters.counts[static_cast<std::size_t>(source)]));
+            weights.push_back(
+                static_cast<float>(clusters.counts[static_cast<std::size_t>(source)]));
         }
         float sum = 0.0f;
         for (const float weight : weights)
             sum += weight;
         for (float& weight : weights)
             weight /= sum;
-        Mixture result(KTsInitGaussMixServer(weights.data(), means.data(), nullptr, variances.data(),
-                                             nDimensions, n, 0));
+        Mixture result(KTsInitGaussMixServer(weights.data(), means.data(), nullptr,
+                                             variances.data(), nDimensions, n, 0));
         if (!result) throw Failure("a mixture could not be made: " + lastReport());
         return result;
     }

@@ -45,7 +45,8 @@ bool labelFromName(const fs::path& path, Recording& recording) {
 std::vector<Recording> fromNames(const std::string& folder, std::vector<std::string>& complaints) {
     std::vector<Recording> recordings;
     std::error_code error;
-    for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
+    for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+         entry.increment(error)) {
         if (!isRecording(entry->path())) continue;
         Recording recording;
         if (labelFromName(entry->path(), recording))
@@ -90,8 +91,8 @@ int Corpus::wordIndex(const std::string& word) const {
 Corpus readCorpus(const std::string& folder, const std::string& labelsFile,
                   std::vector<std::string>& complaints) {
     Corpus corpus;
-    corpus.recordings =
-        labelsFile.empty() ? fromNames(folder, complaints) : fromLabels(folder, labelsFile, complaints);
+    corpus.recordings = labelsFile.empty() ? fromNames(folder, complaints)
+                                           : fromLabels(folder, labelsFile, complaints);
     if (corpus.recordings.empty()) throw Failure(folder + ": no recordings with labels");
     std::sort(corpus.recordings.begin(), corpus.recordings.end(),
               [](const Recording& a, const Recording& b) { return a.path < b.path; });

@@ -19,8 +19,8 @@ bool isPossible(double cost) {
 
 double quantile(std::vector<double>& values, double share) {
     if (values.empty()) return 0.0;
-    const auto place =
-        values.begin() + static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
+    const auto place = values.begin() +
+                       static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
     std::nth_element(values.begin(), place, values.end());
     return *place;
 }
@@ -45,7 +45,8 @@ bool CostScale::admits(double cost) const {
 
 double CostScale::forPeople(double cost) const {
     const double place = 100.0 + 100.0 * (cost - right) / (wrong - right);
-    return place >= 0.0 ? std::min(place, largest) : place < 0.0 ? 0.0 : largest; // not-a-number is largest
+    // not-a-number is largest
+    return place >= 0.0 ? std::min(place, largest) : place < 0.0 ? 0.0 : largest;
 }
 
 CostScale findScale(Recogniser& recogniser, Flavour flavour, const TrainingSet& training) {
@@ -55,8 +56,9 @@ CostScale findScale(Recogniser& recogniser, Flavour flavour, const TrainingSet& 
     const std::size_t step = (n + most - 1) / most;
     for (std::size_t i = 0; i < n; i += step) {
         const Utterance& utterance = training.utterances[i];
-        std::vector<double> costs = flavour == Flavour::real ? recogniser.costsOfTraining(utterance.real)
-                                                             : recogniser.costsOfTraining(utterance.fixed);
+        std::vector<double> costs = flavour == Flavour::real
+                                        ? recogniser.costsOfTraining(utterance.real)
+                                        : recogniser.costsOfTraining(utterance.fixed);
         double& own = costs[static_cast<std::size_t>(utterance.word)];
         const double cost = own;
         own = HUGE_VAL;

@@ -1,4 +1,5 @@
-// What the training tells about answers: how much a right and a wrong word cost, and from where on nothing fits.
+// What the training tells about answers: how much a right and a wrong word cost, and from where on
+// nothing fits.
 #pragma once
 
 #include "audio.h"
@@ -14,16 +15,17 @@ struct CostScale {
 
     bool admits(double cost) const;
 
-    /// The cost on a scale that all recognisers and both flavours share: 100 is usual for the right word, 200 for the
-    /// nearest wrong one. It ends at 0 and at 999.
+    // / The cost on a scale that all recognisers and both flavours share: 100 is usual for the
+    // right word, 200 for the / nearest wrong one. It ends at 0 and at 999.
     double forPeople(double cost) const;
 };
 
-/// The scale of a trained recogniser, from utterances of the training, a hundred or a thousand at most.
+// / The scale of a trained recogniser, from utterances of the training, a hundred or a thousand at
+// most.
 CostScale findScale(Recogniser& recogniser, Flavour flavour, const TrainingSet& training);
 
-/// The least spread of levels that is taken for speech, in decibels: half of what all but one in a hundred recordings of
-/// the training have, and not more than what tells speech from noise.
+// / The least spread of levels that is taken for speech, in decibels: half of what all but one in a
+// hundred recordings of / the training have, and not more than what tells speech from noise.
 double findLeastSpread(std::vector<double> spreads);
 
 } // namespace words

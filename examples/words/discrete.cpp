@@ -1,4 +1,5 @@
-// Discrete hidden Markov models: a tree codebook turns each frame into one of a few hundred symbols.
+// Discrete hidden Markov models: a tree codebook turns each frame into one of a few hundred
+// symbols.
 #include "clusters.h"
 #include "frontend.h"
 #include "hmmset.h"
@@ -16,7 +17,8 @@ constexpr int nCodebookFrames =
 constexpr int iterations = 5;
 constexpr float leastProbability = 3e-4f;
 constexpr int costScale = -10;
-// Fixed-point distances are integers: four more bits keep vectors apart that would tie, and two trees alike.
+// Fixed-point distances are integers: four more bits keep vectors apart that would tie, and two
+// trees alike.
 constexpr int codebookScale = featureScale - 4;
 constexpr int treeFlags = KT_CB_EUCLID | KT_CB_SPLIT_LARGEST;
 
@@ -24,23 +26,23 @@ using Symbols = std::vector<int>;
 
 // The library's names for one operation in both flavours.
 Codebook growTree(Matrix<float>& vectors) {
-    return Codebook(KTsMakeCodebook(vectors.pointers().data(), nullptr, vectors.rows(), vectors.columns(),
-                                    nSymbols, treeFlags));
+    return Codebook(KTsMakeCodebook(vectors.pointers().data(), nullptr, vectors.rows(),
+                                    vectors.columns(), nSymbols, treeFlags));
 }
 Codebook growTree(Matrix<short>& vectors) {
-    return Codebook(KTwMakeCodebook(vectors.pointers().data(), nullptr, vectors.rows(), vectors.columns(),
-                                    nSymbols, treeFlags));
+    return Codebook(KTwMakeCodebook(vectors.pointers().data(), nullptr, vectors.rows(),
+                                    vectors.columns(), nSymbols, treeFlags));
 }
 
 void quantise(const Codebook& tree, Matrix<float>& features, Symbols& cells) {
     double distortion = 0.0;
-    KTsVQCodebook(tree.get(), features.pointers().data(), cells.data(), features.rows(), features.columns(),
-                  &distortion);
+    KTsVQCodebook(tree.get(), features.pointers().data(), cells.data(), features.rows(),
+                  features.columns(), &distortion);
 }
 void quantise(const Codebook& tree, Matrix<short>& features, Symbols& cells) {
     int distortion = 0;
-    KTwVQCodebook(tree.get(), features.pointers().data(), cells.data(), features.rows(), features.columns(),
-                  &distortion, KT_NoScale, nullptr);
+    KTwVQCodebook(tree.get(), features.pointers().data(), cells.data(), features.rows(),
+                  features.columns(), &distortion, KT_NoScale, nullptr);
 }
 
 Matrix<float> forCodebook(const Matrix<float>& features) {
@@ -51,7 +53,8 @@ Matrix<short> forCodebook(const Matrix<short>& features) {
     Matrix<short> result(features.rows(), features.columns());
     for (int t = 0; t < features.rows(); ++t)
         for (int i = 0; i < features.columns(); ++i)
-            result.row(t)[i] = static_cast<short>(std::clamp(features.row(t)[i] * factor, -32767, 32767));
+            result.row(t)[i] =
+                static_cast<short>(std::clamp(features.row(t)[i] * factor, -32767, 32767));
     return result;
 }
 
@@ -62,14 +65,15 @@ auto evaluation(const Symbols& symbols, float) {
 }
 auto evaluation(const Symbols& symbols, short) {
     return [&symbols](int id, int* best) {
-        return KTwEvalHMMViterbi(id, symbols.data(), static_cast<int>(symbols.size()), best, KT_NoScale,
-                                 nullptr) *
+        return KTwEvalHMMViterbi(id, symbols.data(), static_cast<int>(symbols.size()), best,
+                                 KT_NoScale, nullptr) *
                KTPower2(costScale);
     };
 }
 
-// The library has no file for a tree, but one for tables of vectors, its templates; and a tree grows from the same vectors in
-// the same way. Pattern stores belong to threads: on a thread of its own a table gets no other pattern's handle.
+// The library has no file for a tree, but one for tables of vectors, its templates; and a tree
+// grows from the same vectors in the same way. Pattern stores belong to threads: on a thread of its
+// own a table gets no other pattern's handle.
 int storeTable(Matrix<float>& table) {
     return KTsPatternIni(table.pointers().data(), table.rows(), table.columns());
 }
@@ -141,7 +145,8 @@ struct DiscreteModels {
             Value** rows = nullptr;
             int nRows = 0, nColumns = 0;
             readTable(file, rows, nRows, nColumns);
-            if (rows == nullptr || nRows != nSymbols || nColumns != nDimensions) file.damaged("codebook");
+            if (rows == nullptr || nRows != nSymbols || nColumns != nDimensions)
+                file.damaged("codebook");
             vectors = Matrix<Value>(nRows, nColumns);
             for (int k = 0; k < nRows; ++k)
                 std::copy_n(rows[k], nColumns, vectors.row(k));
@@ -160,20 +165,22 @@ public:
     void train(const TrainingSet& training, Progress& progress) override {
         progress.show("growing codebooks", 0, 2);
         words = training.words;
-        Clusters clusters = cluster(someFrames(training, nCodebookFrames), training.dimensions(), nSymbols);
+        Clusters clusters =
+            cluster(someFrames(training, nCodebookFrames), training.dimensions(), nSymbols);
         if (clusters.means.rows() < nSymbols)
             throw Failure("too little to train from: " + std::to_string(nSymbols) +
                           " frames are wanted at least");
         Matrix<short> fixedMeans(nSymbols, training.dimensions());
         for (int k = 0; k < nSymbols; ++k) {
             int scale = codebookScale;
-            KTswbConvertDown(clusters.means.row(k), fixedMeans.row(k), training.dimensions(), KT_FixedScale,
-                             &scale);
+            KTswbConvertDown(clusters.means.row(k), fixedMeans.row(k), training.dimensions(),
+                             KT_FixedScale, &scale);
         }
         real.grow(std::move(clusters.means));
         fixed.grow(std::move(fixedMeans));
 
-        // Fixed-point distances put some frames into other cells: those models learn from the symbols of their own tree.
+        // Fixed-point distances put some frames into other cells: those models learn from the
+        // symbols of their own tree.
         real.models.clear();
         fixed.models.clear();
         for (int word = 0; word < training.nWords(); ++word) {
@@ -192,8 +199,12 @@ public:
 
     Answer recognise(const Matrix<float>& features) override { return real.recognise(features); }
     Answer recognise(const Matrix<short>& features) override { return fixed.recognise(features); }
-    std::vector<double> costs(const Matrix<float>& features) override { return real.costs(features); }
-    std::vector<double> costs(const Matrix<short>& features) override { return fixed.costs(features); }
+    std::vector<double> costs(const Matrix<float>& features) override {
+        return real.costs(features);
+    }
+    std::vector<double> costs(const Matrix<short>& features) override {
+        return fixed.costs(features);
+    }
 
     void save(Flavour flavour, const std::string& stem) const override {
         flavour == Flavour::real ? real.save(stem, words) : fixed.save(stem, words);
@@ -202,9 +213,11 @@ public:
               int nDimensions) override {
         words = vocabulary;
         if (flavour == Flavour::real)
-            real.load(stem, words, nDimensions, HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT | KT_HMM_LOGARITHMIC);
+            real.load(stem, words, nDimensions,
+                      HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT | KT_HMM_LOGARITHMIC);
         else
-            fixed.load(stem, words, nDimensions, HMM_SERVER_DISCRETE | HMM_SERVER_SHORT | KT_HMM_LOGARITHMIC);
+            fixed.load(stem, words, nDimensions,
+                       HMM_SERVER_DISCRETE | HMM_SERVER_SHORT | KT_HMM_LOGARITHMIC);
     }
 
 private:
@@ -220,20 +233,22 @@ private:
         const Hmm start = make(topology, outputs);
         // ... Baum-Welch does the rest, ...
         const Hmm trained(KTsTrainHMMBaumWelch(start.get(), sequences.pointers.data(),
-                                               sequences.lengths.data(), sequences.size(), iterations,
-                                               nullptr));
-        // ... and a symbol that the training never saw in a state is to be unlikely there, not impossible.
+                                               sequences.lengths.data(), sequences.size(),
+                                               iterations, nullptr));
+        // ... and a symbol that the training never saw in a state is to be unlikely there, not
+        // impossible.
         std::vector<void*> transitions = untyped(topology.transitions);
         std::vector<void*> rows = untyped(outputs);
-        KTGetHMMProb(trained.get(), topology.initial.data(), transitions.data(), rows.data(), nullptr,
-                     nullptr);
+        KTGetHMMProb(trained.get(), topology.initial.data(), transitions.data(), rows.data(),
+                     nullptr, nullptr);
         smooth(outputs, leastProbability);
         return Hmm(KTsLogHMMServer(make(topology, outputs).get()));
     }
 
     static Hmm make(Topology& topology, Matrix<float>& outputs) {
-        return Hmm(KTsInitHMMServer(topology.transitions.pointers().data(), outputs.pointers().data(),
-                                    topology.initial.data(), nStates, nSymbols, KT_HMM_EXPONENTIAL));
+        return Hmm(KTsInitHMMServer(topology.transitions.pointers().data(),
+                                    outputs.pointers().data(), topology.initial.data(), nStates,
+                                    nSymbols, KT_HMM_EXPONENTIAL));
     }
 
     std::vector<std::string> words;

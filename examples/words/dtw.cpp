@@ -1,4 +1,5 @@
-// Dynamic time warping: every training utterance is kept as a template, and the nearest one names the word.
+// Dynamic time warping: every training utterance is kept as a template, and the nearest one names
+// the word.
 #include "frontend.h"
 #include "library.h"
 #include "recogniser.h"
@@ -17,13 +18,14 @@ int store(Matrix<float>& features) {
     return KTsPatternIni(features.pointers().data(), features.rows(), features.columns());
 }
 int store(Matrix<short>& features) {
-    return KTwPatternIni(features.pointers().data(), features.rows(), features.columns(), featureScale);
+    return KTwPatternIni(features.pointers().data(), features.rows(), features.columns(),
+                         featureScale);
 }
 
 int nearest(const std::vector<int>& handles, Matrix<float> test, std::vector<double>& costs) {
     const int n = static_cast<int>(handles.size());
-    const int best = KTsEvalDTW(handles.data(), n, test.pointers().data(), test.rows(), test.columns(), flags,
-                                0.0, 0, costs.data());
+    const int best = KTsEvalDTW(handles.data(), n, test.pointers().data(), test.rows(),
+                                test.columns(), flags, 0.0, 0, costs.data());
     for (double& cost : costs) // of templates that are less than half or more than twice as long
         if (cost > 3e38) cost = none;
     return best;
@@ -32,8 +34,9 @@ int nearest(const std::vector<int>& handles, Matrix<short> test, std::vector<dou
     const int n = static_cast<int>(handles.size());
     std::vector<int> stored(costs.size());
     int scale = featureScale;
-    const int best = KTwEvalDTW(handles.data(), n, test.pointers().data(), test.rows(), test.columns(),
-                                featureScale, flags, 0, 0, 0, stored.data(), KT_FixedScale, &scale);
+    const int best =
+        KTwEvalDTW(handles.data(), n, test.pointers().data(), test.rows(), test.columns(),
+                   featureScale, flags, 0, 0, 0, stored.data(), KT_FixedScale, &scale);
     for (std::size_t i = 0; i < costs.size(); ++i) // what does not fit is the most negative number
         costs[i] = stored[i] < 0 ? none : stored[i] * KTPower2(featureScale);
     return best;
@@ -59,7 +62,8 @@ struct Templates {
     }
 
     /// `itself`: whether a template that does not differ from the features counts.
-    std::vector<double> wordCosts(const Matrix<Value>& features, std::size_t nWords, bool itself) const {
+    std::vector<double> wordCosts(const Matrix<Value>& features, std::size_t nWords,
+                                  bool itself) const {
         std::vector<double> costs(handles.size());
         nearest(handles, features, costs);
         std::vector<double> result(nWords, none);
@@ -72,7 +76,8 @@ struct Templates {
 
     /// One file a word. Patterns come back under the handles that they have now.
     template <class Write>
-    void save(const std::string& stem, const std::vector<std::string>& vocabulary, Write write) const {
+    void save(const std::string& stem, const std::vector<std::string>& vocabulary,
+              Write write) const {
         for (int word = 0; word < static_cast<int>(vocabulary.size()); ++word) {
             Stream file(stem + "." + std::to_string(word) + ".dtw", "wb");
             file.writeWord(vocabulary[static_cast<std::size_t>(word)]);
@@ -113,7 +118,8 @@ public:
         words = training.words;
         int done = 0;
         for (const Utterance& utterance : training.utterances) {
-            progress.show("storing templates", done++, static_cast<int>(training.utterances.size()));
+            progress.show("storing templates", done++,
+                          static_cast<int>(training.utterances.size()));
             Matrix<float> realFeatures = utterance.real;
             Matrix<short> fixedFeatures = utterance.fixed;
             real.add(store(realFeatures), utterance.word);
@@ -146,8 +152,11 @@ public:
     void load(Flavour flavour, const std::string& stem, const std::vector<std::string>& vocabulary,
               int nDimensions) override {
         words = vocabulary;
-        // Patterns return under their old handles, which have to be free. The file does not tell the flavour: a name does.
-        const auto checked = [&](int handle, int columns) { return columns == nDimensions ? handle : -1; };
+        // Patterns return under their old handles, which have to be free. The file does not tell
+        // the flavour: a name does.
+        const auto checked = [&](int handle, int columns) {
+            return columns == nDimensions ? handle : -1;
+        };
         if (flavour == Flavour::real) {
             KTsPatternFreeAll();
             real.load(stem, words, [&](FILE* file) {

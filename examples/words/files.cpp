@@ -24,8 +24,8 @@ using File = std::unique_ptr<FILE, Closer>;
     throw Failure(path + ": " + what + systemCause());
 }
 
-/// What has been written has to be on the medium before a folder with it replaces an older one. Systems of files that
-/// can't tell say so with EINVAL.
+// / What has been written has to be on the medium before a folder with it replaces an older one.
+// Systems of files that / can't tell say so with EINVAL.
 bool isSynchronised(int descriptor) {
     return fsync(descriptor) == 0 || errno == EINVAL;
 }
@@ -97,7 +97,8 @@ void printOut(const std::string& text) {
 
 void flushOutput() {
     errno = 0;
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) fail("standard output", "could not be written");
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        fail("standard output", "could not be written");
 }
 
 std::uint64_t checksum(const std::string& contents) {
@@ -111,7 +112,8 @@ NewFolder::NewFolder(const std::string& folder) : place(resolved(folder)) {
     std::error_code error;
     fs::create_directories(fs::path(place).parent_path(), error);
     for (int number = 0; aside.empty() && !error; ++number) {
-        const std::string name = place + ".new-" + std::to_string(getpid()) + "-" + std::to_string(number);
+        const std::string name =
+            place + ".new-" + std::to_string(getpid()) + "-" + std::to_string(number);
         if (fs::create_directory(name, error)) aside = name; // false without an error: it is there
     }
     if (error) throw Failure(folder + ": could not be made: " + error.message());

@@ -17,7 +17,8 @@ constexpr float preemphasis = 0.97f;
 constexpr int sampleScale = -15;   // samples are between -1 and 1
 constexpr int cepstrumScale = -10; // so that coefficient 0 of silence, -23, has room in 16 bits
 constexpr int noiseFloor = 1;      // filter outputs below 2^-15 count as that
-constexpr int cepstrumFlags = KT_CepsTimeInput | KT_CepsFilterFirst | KT_CepsThreshold | KT_CepsZeroth;
+constexpr int cepstrumFlags =
+    KT_CepsTimeInput | KT_CepsFilterFirst | KT_CepsThreshold | KT_CepsZeroth;
 constexpr int deltaReach = 2;   // frames to each side
 constexpr int deltaWeight = 10; // 2 * (1 * 1 + 2 * 2)
 
@@ -27,8 +28,9 @@ int countFrames(const Samples& samples) {
     return 1 + (n - frameLength) / frameStep;
 }
 
-/// Shifts the samples up until the loudest uses the word. A factor is an offset of coefficient 0 and means nothing to the
-/// normalised features, but fixed-point arithmetic loses fewer bits, and the noise floor is relative to the utterance.
+// / Shifts the samples up until the loudest uses the word. A factor is an offset of coefficient 0
+// and means nothing to the / normalised features, but fixed-point arithmetic loses fewer bits, and
+// the noise floor is relative to the utterance.
 Samples levelled(const Samples& samples) {
     const int order = KTwMaxOrder(samples.data(), static_cast<int>(samples.size()));
     Samples result = samples;
@@ -38,8 +40,9 @@ Samples levelled(const Samples& samples) {
     return result;
 }
 
-/// The slope of the regression line over two frames to each side, for columns from..from+n-1 into the n behind them.
-/// (S. Furui, Speaker-Independent Isolated Word Recognition Using Dynamic Features of Speech Spectrum, 1986)
+// / The slope of the regression line over two frames to each side, for columns from..from+n-1 into
+// the n behind them. / (S. Furui, Speaker-Independent Isolated Word Recognition Using Dynamic
+// Features of Speech Spectrum, 1986)
 template <class Value>
 void addDeltas(Matrix<Value>& features, int from, int n) {
     const int last = features.rows() - 1;
@@ -47,8 +50,8 @@ void addDeltas(Matrix<Value>& features, int from, int n) {
         for (int i = from; i < from + n; ++i) {
             Value slope{};
             for (int k = 1; k <= deltaReach; ++k)
-                slope += static_cast<Value>(k) *
-                         (features.row(std::min(t + k, last))[i] - features.row(std::max(t - k, 0))[i]);
+                slope += static_cast<Value>(k) * (features.row(std::min(t + k, last))[i] -
+                                                  features.row(std::max(t - k, 0))[i]);
             features.row(t)[i + n] = slope / deltaWeight;
         }
 }
@@ -60,10 +63,12 @@ void addMotion(Matrix<Value>& features, const FrontEnd& frontEnd) {
     addDeltas(features, nCepstra, nCepstra); // acceleration
 }
 
-/// One odd frame is not to outweigh the others; and fixed-point models want to know how large a feature can be.
+// / One odd frame is not to outweigh the others; and fixed-point models want to know how large a
+// feature can be.
 template <class Value>
 Value limited(Value value, const FrontEnd& frontEnd, Value one) {
-    return frontEnd.normaliseVariance ? std::clamp(value, -featureLimit * one, featureLimit * one) : value;
+    return frontEnd.normaliseVariance ? std::clamp(value, -featureLimit * one, featureLimit * one)
+                                      : value;
 }
 
 void normalise(Matrix<float>& features, const FrontEnd& frontEnd) {
@@ -82,8 +87,9 @@ void normalise(Matrix<float>& features, const FrontEnd& frontEnd) {
     }
 }
 
-/// The same in integers: from 32 bits at cepstrumScale to 16 bits at featureScale. The deviation is taken with 8 more
-/// bits than the values have, the quotient is exact but for its truncation, and what 16 bits do not hold saturates.
+// / The same in integers: from 32 bits at cepstrumScale to 16 bits at featureScale. The deviation
+// is taken with 8 more / bits than the values have, the quotient is exact but for its truncation,
+// and what 16 bits do not hold saturates.
 Matrix<short> normalise(const Matrix<int>& features, const FrontEnd& frontEnd) {
     constexpr int extraBits = 8;
     Matrix<short> result(features.rows(), features.columns());
@@ -103,7 +109,8 @@ Matrix<short> normalise(const Matrix<int>& features, const FrontEnd& frontEnd) {
         for (int t = 0; t < features.rows(); ++t) {
             const std::int64_t quotient =
                 (features.row(t)[i] - offset) * (1 << (extraBits - featureScale)) / divisor;
-            const std::int64_t value = limited<std::int64_t>(quotient, frontEnd, 1 << -featureScale);
+            const std::int64_t value =
+                limited<std::int64_t>(quotient, frontEnd, 1 << -featureScale);
             result.row(t)[i] = static_cast<short>(std::clamp<std::int64_t>(value, -32767, 32767));
         }
     }
@@ -117,8 +124,8 @@ FeatureExtractor::FeatureExtractor(const FrontEnd& choices)
       filters(KTsMFCCInit(fftOrder, nFilters, lowFrequency, highFrequency, sampleRate, 0, 0)) {
     if (!filters) throw Failure("the filter bank could not be made: " + lastReport());
     for (int i = 0; i < frameLength; ++i) // Hamming
-        window.push_back(
-            static_cast<float>(0.54 - 0.46 * std::cos(2 * std::numbers::pi * i / (frameLength - 1))));
+        window.push_back(static_cast<float>(
+            0.54 - 0.46 * std::cos(2 * std::numbers::pi * i / (frameLength - 1))));
     fixedWindow.resize(window.size());
     int scale = sampleScale;
     KTswbConvertDown(window.data(), fixedWindow.data(), frameLength, KT_FixedScale, &scale);
@@ -141,7 +148,8 @@ Matrix<float> FeatureExtractor::cepstra(const Samples& samples, int nCoefficient
     std::vector<float> frame(fftLength);
     for (int t = 0; t < result.rows(); ++t) {
         const float* begin = signal.data() + t * frameStep;
-        std::transform(begin, begin + frameLength, window.begin(), frame.begin(), std::multiplies<>());
+        std::transform(begin, begin + frameLength, window.begin(), frame.begin(),
+                       std::multiplies<>());
         KTsCepstralMFCC(filters.get(), frame.data(), result.row(t), nCoefficients,
                         static_cast<float>(noiseFloor * KTPower2(sampleScale)), cepstrumFlags);
     }
@@ -160,7 +168,8 @@ Matrix<float> FeatureExtractor::real(const Samples& samples) const {
 
 Matrix<short> FeatureExtractor::fixed(const Samples& samples) const {
     Samples signal = speech(samples);
-    KTwPreemphasize(signal.data(), preemphasis, static_cast<int>(signal.size()), KT_Saturate, nullptr);
+    KTwPreemphasize(signal.data(), preemphasis, static_cast<int>(signal.size()), KT_Saturate,
+                    nullptr);
 
     Matrix<int> features(countFrames(signal), dimensions());
     std::vector<short> frame(fftLength);
@@ -170,7 +179,8 @@ Matrix<short> FeatureExtractor::fixed(const Samples& samples) const {
         for (std::size_t i = 0; i < fixedWindow.size(); ++i)
             frame[i] = static_cast<short>((begin[i] * fixedWindow[i] + (1 << 14)) >> 15);
         int scale =
-            cepstrumScale; // stored * 2^scale, while the input is told by the power that it was multiplied by
+            // stored * 2^scale, while the input is told by the power that it was multiplied by
+            cepstrumScale;
         KTwCepstralMFCC(filters.get(), frame.data(), cepstrum, nCepstra, noiseFloor, cepstrumFlags,
                         -sampleScale, KT_FixedScale, &scale);
         std::copy_n(cepstrum, nCepstra, features.row(t));
@@ -180,7 +190,8 @@ Matrix<short> FeatureExtractor::fixed(const Samples& samples) const {
 }
 
 Matrix<float> FeatureExtractor::melEnergies(const Samples& samples) const {
-    // The cepstrum is an orthonormal transform of the logarithms: a whole one, turned back, gives them again.
+    // The cepstrum is an orthonormal transform of the logarithms: a whole one, turned back, gives
+    // them again.
     const Matrix<float> whole = cepstra(samples, nFilters);
     Matrix<float> result(whole.rows(), nFilters);
     for (int t = 0; t < whole.rows(); ++t)

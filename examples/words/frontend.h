@@ -1,4 +1,5 @@
-// From samples to feature vectors, in float and in 16-bit fixed point: the front end, and the program's policy about it.
+// From samples to feature vectors, in float and in 16-bit fixed point: the front end, and the
+// program's policy about it.
 #pragma once
 
 #include "audio.h"
@@ -30,14 +31,16 @@ public:
 
     int dimensions() const { return frontEnd.deltas ? 3 * nCepstra : nCepstra; }
 
-    /// What the features are computed of: the samples without silence at both ends, brought to full level.
+    // / What the features are computed of: the samples without silence at both ends, brought to
+    // full level.
     Samples speech(const Samples& samples) const;
 
     /// One row for every 10 ms. Throws Failure for an utterance shorter than one frame.
     Matrix<float> real(const Samples& samples) const;
     Matrix<short> fixed(const Samples& samples) const;
 
-    /// For pictures: the logarithms of the mel filters' outputs, and the cepstra before normalisation.
+    // / For pictures: the logarithms of the mel filters' outputs, and the cepstra before
+    // normalisation.
     Matrix<float> melEnergies(const Samples& samples) const;
     Matrix<float> cepstra(const Samples& samples, int nCoefficients = nCepstra) const;
 

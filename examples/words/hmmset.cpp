@@ -4,7 +4,8 @@
 
 namespace words {
 
-Topology::Topology(int nStates) : initial(static_cast<std::size_t>(nStates)), transitions(nStates, nStates) {
+Topology::Topology(int nStates)
+    : initial(static_cast<std::size_t>(nStates)), transitions(nStates, nStates) {
     initial[0] = 1.0f;
     for (int i = 0; i < nStates; ++i) {
         const float next = i + 1 < nStates ? 0.4f : 0.0f;

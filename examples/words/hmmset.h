@@ -1,4 +1,5 @@
-// One hidden Markov model per word, in both flavours: what the three kinds of models have in common.
+// One hidden Markov model per word, in both flavours: what the three kinds of models have in
+// common.
 #pragma once
 
 #include "library.h"
@@ -6,7 +7,8 @@
 
 namespace words {
 
-/// Start values and transitions of a left-to-right model: a state lasts, goes on to the next one, or skips one.
+// / Start values and transitions of a left-to-right model: a state lasts, goes on to the next one,
+// or skips one.
 struct Topology {
     explicit Topology(int nStates);
     std::vector<float> initial;
@@ -18,8 +20,8 @@ inline int evenState(int t, int n, int nStates) {
     return t * nStates / n;
 }
 
-/// Makes each row of probabilities add up to 1, none of them being below about `floor`: what the training never saw is
-/// unlikely and not impossible.
+// / Makes each row of probabilities add up to 1, none of them being below about `floor`: what the
+// training never saw is / unlikely and not impossible.
 void smooth(Matrix<float>& probabilities, float floor);
 
 /// A table's rows as KTGetHMMProb takes them, which writes either flavour.
@@ -49,7 +51,8 @@ struct Sequences {
 /// The frames of one word's utterances, for the training of continuous and semicontinuous models.
 Sequences<const float*> framesOf(const TrainingSet& training, int word);
 
-/// The models of one flavour and the class that holds them: a class is scored in one call, which names the best.
+// / The models of one flavour and the class that holds them: a class is scored in one call, which
+// names the best.
 class HmmSet {
 public:
     HmmSet() = default;
@@ -60,7 +63,8 @@ public:
     void clear();
     void add(Hmm model); ///< the next word's
 
-    /// `evaluate(id, pBest)` scores one model, or with the negated id of a class all of them; costs are told per frame.
+    // / `evaluate(id, pBest)` scores one model, or with the negated id of a class all of them;
+    // costs are told per frame.
     template <class Evaluate>
     Answer best(Evaluate evaluate, int nFrames) const {
         int id = 0;
@@ -77,10 +81,10 @@ public:
     }
 
     void save(const std::string& path, const std::vector<std::string>& words) const;
-    /// Throws Failure unless the file holds these words' models, whose status has `statusBits`, with that alphabet and
-    /// that length of vectors (0: any).
-    void load(const std::string& path, const std::vector<std::string>& words, int nSymbols, int nDimensions,
-              unsigned statusBits);
+    // / Throws Failure unless the file holds these words' models, whose status has `statusBits`,
+    // with that alphabet and / that length of vectors (0: any).
+    void load(const std::string& path, const std::vector<std::string>& words, int nSymbols,
+              int nDimensions, unsigned statusBits);
 
 private:
     int wordOf(int id) const;

@@ -12,7 +12,8 @@ thread_local std::string report;
 
 int remember(int status, const char*, const char* message, const char*, int) {
     // Of a chain of reports the first one names the cause; the others say through whom it came.
-    if (report.empty()) report = message != nullptr && *message != '\0' ? message : KTErrorStr(status);
+    if (report.empty())
+        report = message != nullptr && *message != '\0' ? message : KTErrorStr(status);
     return status;
 }
 
@@ -31,7 +32,8 @@ std::string lastReport() {
 void forgetReports() {
     report.clear();
     KTSetStatus(
-        KT_StsOk); // several functions refuse to work on a thread whose status tells of an old failure
+        // several functions refuse to work on a thread whose status tells of an old failure
+        KT_StsOk);
 }
 
 void releaseLibrary() {
@@ -81,7 +83,8 @@ void Stream::finish() {
     }
     const std::string cause = broken ? systemCause() : "";
     broken = KTCloseFile(std::exchange(file, nullptr)) != 0 || broken;
-    if (broken) throw Failure(name + (writing ? ": could not be written" : ": could not be read") + cause);
+    if (broken)
+        throw Failure(name + (writing ? ": could not be written" : ": could not be read") + cause);
     if (more) throw Failure(name + ": damaged, there is more in it than models");
 }
 

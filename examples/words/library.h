@@ -1,4 +1,5 @@
-// What every part of the program needs of the library: its reports as exceptions, and owners for what it hands out.
+// What every part of the program needs of the library: its reports as exceptions, and owners for
+// what it hands out.
 #pragma once
 
 #include <ktlp6.h>
@@ -10,13 +11,15 @@
 
 namespace words {
 
-/// Something is wrong with a file, a label or an argument. The text is one line that names the file and the cause.
+// / Something is wrong with a file, a label or an argument. The text is one line that names the
+// file and the cause.
 class Failure : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Lets the library keep its reports to itself: the program asks for them with lastReport() and words them its own way.
+// / Lets the library keep its reports to itself: the program asks for them with lastReport() and
+// words them its own way.
 void quietLibrary();
 
 /// The last report's text since quietLibrary() or forgetReports(), empty if there was none.
@@ -44,7 +47,8 @@ class Hmm {
 public:
     Hmm() = default;
     explicit Hmm(int modelId) : id(modelId) {
-        if (modelId < 0) throw Failure("the library could not make a hidden Markov model: " + lastReport());
+        if (modelId < 0)
+            throw Failure("the library could not make a hidden Markov model: " + lastReport());
     }
     Hmm(Hmm&& other) noexcept : id(std::exchange(other.id, 0)) {}
     Hmm& operator=(Hmm&& other) noexcept {
@@ -70,7 +74,8 @@ public:
     operator FILE*() const { return file; }
     const std::string& path() const { return name; }
 
-    /// Before a model its word, in a line of its own; reading compares, and a model of another word is no model.
+    // / Before a model its word, in a line of its own; reading compares, and a model of another
+    // word is no model.
     void writeWord(const std::string& word) const;
     void expectWord(const std::string& word) const;
 

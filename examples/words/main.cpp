@@ -1,11 +1,14 @@
-// A recogniser of single words, built on ktlP6: trains and compares five kinds of models in float and in 16-bit fixed point.
+// A recogniser of single words, built on ktlP6: trains and compares five kinds of models in float
+// and in 16-bit fixed point.
 //
-//   words compare --corpus DIR                       trains on one part of a corpus, tests on the rest, writes report.html
+//   words compare --corpus DIR                       trains on one part of a corpus, tests on the
+//   rest, writes report.html
 //   words train --corpus DIR --models DIR            trains on all of it and stores the models
 //   words recognise --models DIR FILE...             names the word of each recording
 //   words features FILE [--output FILE.csv|.npy]     prints or writes its feature vectors
 //
-// Read on in the order of the road: audio, frontend, then dtw, discrete, semicontinuous, continuous, mlp.
+// Read on in the order of the road: audio, frontend, then dtw, discrete, semicontinuous,
+// continuous, mlp.
 #include "compare.h"
 #include "files.h"
 #include "models.h"
@@ -36,8 +39,10 @@ struct Options {
 
     Flavour flavour() const { return fixed ? Flavour::fixed : Flavour::real; }
     FrontEnd frontEnd() const {
-        return {
-            .trim = !noTrim, .deltas = !noDeltas, .normaliseMean = !noMean, .normaliseVariance = !noVariance};
+        return {.trim = !noTrim,
+                .deltas = !noDeltas,
+                .normaliseMean = !noMean,
+                .normaliseVariance = !noVariance};
     }
 };
 
@@ -63,11 +68,11 @@ void runCompare(const Options& options, Complaints& complaints) {
     const Corpus corpus = readCorpus(options.corpus, options.labels, complaints);
     const FeatureExtractor extractor(options.frontEnd());
     const std::vector<Item> items = readItems(corpus.recordings, extractor, progress, complaints);
-    const ComparisonPlan plan{options.frontEnd(),
-                              options.testTakes > 0 ? options.testTakes : customaryTestTakes(corpus),
-                              !options.leaveOut.empty(), options.recogniser};
-    const Comparison comparison =
-        onBehalfOf(options.corpus, [&] { return compare(items, plan, extractor, progress, complaints); });
+    const ComparisonPlan plan{
+        options.frontEnd(), options.testTakes > 0 ? options.testTakes : customaryTestTakes(corpus),
+        !options.leaveOut.empty(), options.recogniser};
+    const Comparison comparison = onBehalfOf(
+        options.corpus, [&] { return compare(items, plan, extractor, progress, complaints); });
     const std::string split = plan.leaveOutSpeaker
                                   ? "each speaker in turn is left out of the training and tested"
                                   : fmt::format("takes below {} are the test set", plan.testTakes);
@@ -80,7 +85,8 @@ void runCompare(const Options& options, Complaints& complaints) {
 }
 
 /// Models are trained and written before any of them takes the place of an older one.
-void trainAll(const TrainingSet& training, ModelList& list, const Options& options, Progress& progress) {
+void trainAll(const TrainingSet& training, ModelList& list, const Options& options,
+              Progress& progress) {
     const auto recognisers = makeRecognisers(options.recogniser);
     for (const auto& recogniser : recognisers) {
         onBehalfOf(options.corpus, [&] { recogniser->train(training, progress); });
@@ -115,16 +121,19 @@ void runTrain(const Options& options, Complaints& complaints) {
     list.leastSpread = leastSpreadOf(all);
     trainAll(training, list, options, progress);
     progress.clear();
-    printOut(fmt::format("{} recordings of {} words; models are in {}\n", items.size(), training.words.size(),
-                         options.models));
+    printOut(fmt::format("{} recordings of {} words; models are in {}\n", items.size(),
+                         training.words.size(), options.models));
 }
 
 std::string chooseRecogniser(const Options& options, const ModelList& list) {
     const auto stored = [&](const std::string& name) {
-        return std::find(list.recognisers.begin(), list.recognisers.end(), name) != list.recognisers.end();
+        return std::find(list.recognisers.begin(), list.recognisers.end(), name) !=
+               list.recognisers.end();
     };
-    if (options.recogniser.empty()) return stored("continuous") ? "continuous" : list.recognisers.front();
-    if (!stored(options.recogniser)) throw Failure(options.models + ": no models for " + options.recogniser);
+    if (options.recogniser.empty())
+        return stored("continuous") ? "continuous" : list.recognisers.front();
+    if (!stored(options.recogniser))
+        throw Failure(options.models + ": no models for " + options.recogniser);
     return options.recogniser;
 }
 
@@ -143,7 +152,8 @@ std::string answer(const std::vector<double>& costs, bool isSpeech, const CostSc
     if (!isSpeech) return "none, no speech in it";
     const std::vector<std::size_t> order = ranking(costs);
     const auto withCost = [&](std::size_t place) {
-        return fmt::format("{}, cost {:.0f}", words[order[place]], scale.forPeople(costs[order[place]]));
+        return fmt::format("{}, cost {:.0f}", words[order[place]],
+                           scale.forPeople(costs[order[place]]));
     };
     if (!scale.admits(costs[order[0]]))
         return fmt::format("none, no word fits; nearest {} of {:.0f}", withCost(0),
@@ -160,9 +170,10 @@ std::string recogniseFile(const std::string& file, Recogniser& recogniser, const
                                                     : recogniser.costs(extractor.real(samples));
     const bool isSpeech = levelSpread(extractor.speech(samples)) >= list.leastSpread;
     const std::chrono::duration<double, std::milli> time = std::chrono::steady_clock::now() - start;
-    return fmt::format("{}: {}; {:.2f} ms\n", file,
-                       answer(costs, isSpeech, list.scale(recogniser.name(), options.flavour()), list.words),
-                       time.count());
+    return fmt::format(
+        "{}: {}; {:.2f} ms\n", file,
+        answer(costs, isSpeech, list.scale(recogniser.name(), options.flavour()), list.words),
+        time.count());
 }
 
 void runRecognise(const Options& options, Complaints& complaints) {
@@ -221,7 +232,8 @@ void addFrontEnd(CLI::App& command, Options& options) {
 
 void addCorpus(CLI::App& command, Options& options) {
     command
-        .add_option("--corpus", options.corpus, "folder of recordings, WORD_SPEAKER_TAKE.wav, .flac or .ogg")
+        .add_option("--corpus", options.corpus,
+                    "folder of recordings, WORD_SPEAKER_TAKE.wav, .flac or .ogg")
         ->required();
     command.add_option("--labels", options.labels,
                        "lines of FILE WORD [SPEAKER [TAKE]], in place of names that tell");
@@ -240,9 +252,11 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.set_version_flag("--version", "words of ktlP6 " WORDS_VERSION);
 
-    CLI::App& compareCommand = *app.add_subcommand("compare", "train, test and compare all recognisers");
+    CLI::App& compareCommand =
+        *app.add_subcommand("compare", "train, test and compare all recognisers");
     addCorpus(compareCommand, options);
-    compareCommand.add_option("--test-takes", options.testTakes, "takes below this number are the test set")
+    compareCommand
+        .add_option("--test-takes", options.testTakes, "takes below this number are the test set")
         ->check(CLI::Range(1, 1000000))
         ->default_str("5, or a third of fewer than 15");
     compareCommand
@@ -265,9 +279,11 @@ int main(int argc, char** argv) {
     recognise.add_flag("--fixed", options.fixed, "in 16-bit fixed point");
     recognise.add_option("files", options.files, "recordings")->required();
 
-    CLI::App& features = *app.add_subcommand("features", "print or write the feature vectors of a recording");
+    CLI::App& features =
+        *app.add_subcommand("features", "print or write the feature vectors of a recording");
     features.add_option("file", options.files, "the recording")->required()->expected(1);
-    features.add_option("--output", options.output, "FILE.csv or FILE.npy")->default_str("the terminal");
+    features.add_option("--output", options.output, "FILE.csv or FILE.npy")
+        ->default_str("the terminal");
     features.add_flag("--fixed", options.fixed, "in 16-bit fixed point");
     addFrontEnd(features, options);
 

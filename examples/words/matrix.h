@@ -20,8 +20,8 @@ public:
     Value* row(int i) { return values.data() + offset(i); }
     const Value* row(int i) const { return values.data() + offset(i); }
 
-    /// The library takes tables as arrays of row pointers. It only reads those of observations; some of its
-    /// functions ask for pointers to elements that are not const all the same.
+    // / The library takes tables as arrays of row pointers. It only reads those of observations;
+    // some of its / functions ask for pointers to elements that are not const all the same.
     std::vector<Value*> pointers() {
         std::vector<Value*> result;
         for (int i = 0; i < nRows; ++i)

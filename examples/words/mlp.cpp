@@ -1,5 +1,5 @@
-// A multilayer perceptron: an utterance of any length becomes a fixed number of inputs, and one output a word says how
-// much the network believes in it.
+// A multilayer perceptron: an utterance of any length becomes a fixed number of inputs, and one
+// output a word says how much the network believes in it.
 #include "frontend.h"
 #include "library.h"
 #include "recogniser.h"
@@ -12,7 +12,8 @@
 namespace words {
 namespace {
 
-// An utterance is cut into equal parts, each of which gives the means of its cepstra; and one input is always 1.
+// An utterance is cut into equal parts, each of which gives the means of its cepstra; and one input
+// is always 1.
 constexpr int nParts = 16;
 constexpr int nInputs = nParts * nCepstra + 1;
 constexpr int nHidden = 80;
@@ -49,8 +50,8 @@ std::vector<short> inputs(const Matrix<short>& features) {
     std::vector<short> result;
     for (int part = 0; part < nParts; ++part)
         for (int i = 0; i < nCepstra; ++i)
-            result.push_back(
-                static_cast<short>(std::clamp(partMean(features, part, i) * factor, -32767, 32767)));
+            result.push_back(static_cast<short>(
+                std::clamp(partMean(features, part, i) * factor, -32767, 32767)));
     result.push_back(1 << -activationScale);
     return result;
 }
@@ -84,8 +85,8 @@ FloatNetwork randomNetwork(std::mt19937& generator) {
             for (int i = 0; i < counts[layer - 1]; ++i)
                 weights.rows[layer - 1][j][i] =
                     normal(generator) / std::sqrt(static_cast<float>(counts[layer - 1]));
-    return FloatNetwork(KTsInitMLPServer(weights.rows, nullptr, nullptr, counts, nullptr, nullptr, nLayers,
-                                         KT_MLP_SIGMOID, nullptr));
+    return FloatNetwork(KTsInitMLPServer(weights.rows, nullptr, nullptr, counts, nullptr, nullptr,
+                                         nLayers, KT_MLP_SIGMOID, nullptr));
 }
 
 /// The same network in 16 bits: one scale for all weights, the finest that holds the largest.
@@ -102,15 +103,15 @@ FixedNetwork converted(sMLPServer* network) {
     for (int layer = 1; layer < nLayers; ++layer)
         for (int j = 0; j < counts[layer]; ++j) {
             sMLPGetWeights(network, layer, j, row.data());
-            KTswbConvertDown(row.data(), weights.rows[layer - 1][j], counts[layer - 1], KT_FixedScale,
-                             &scale);
+            KTswbConvertDown(row.data(), weights.rows[layer - 1][j], counts[layer - 1],
+                             KT_FixedScale, &scale);
         }
-    return FixedNetwork(KTwInitMLPServer(weights.rows, nullptr, nullptr, counts, nullptr, nullptr, nLayers,
-                                         KT_MLP_SIGMOID, scale, nullptr));
+    return FixedNetwork(KTwInitMLPServer(weights.rows, nullptr, nullptr, counts, nullptr, nullptr,
+                                         nLayers, KT_MLP_SIGMOID, scale, nullptr));
 }
 
-/// A network says nothing of its shape, and one of another shape would write more outputs than there is room for. But the
-/// numbers of neurons stand behind a header of known length.
+// / A network says nothing of its shape, and one of another shape would write more outputs than
+// there is room for. But the / numbers of neurons stand behind a header of known length.
 void checkShape(const Stream& file, Flavour flavour) {
     const long begin = std::ftell(file);
     for (int i = 0; i < (flavour == Flavour::real ? 60 : 64); ++i)
@@ -156,9 +157,9 @@ public:
             for (int epoch = 0; epoch < epochs; ++epoch) {
                 progress.show("training the network, epoch", done++,
                               epochs * static_cast<int>(std::size(learningRates)));
-                KTsTrainMLPBackPropagation(real.get(), inputRows.data(), static_cast<int>(inputRows.size()),
-                                           nInputs, targetRows.data(), nOutputs, rate, 1, 0.0f, 0.0f,
-                                           nullptr);
+                KTsTrainMLPBackPropagation(
+                    real.get(), inputRows.data(), static_cast<int>(inputRows.size()), nInputs,
+                    targetRows.data(), nOutputs, rate, 1, 0.0f, 0.0f, nullptr);
             }
         fixed = converted(real.get());
         if (!fixed) throw Failure("no network could be made: " + lastReport());
@@ -204,14 +205,15 @@ public:
 private:
     std::vector<float> outputs(const Matrix<float>& features) const {
         std::vector<float> result(nOutputs);
-        KTsEvalMLPFeedForward(real.get(), inputs(features).data(), nInputs, result.data(), nOutputs);
+        KTsEvalMLPFeedForward(real.get(), inputs(features).data(), nInputs, result.data(),
+                              nOutputs);
         return result;
     }
     std::vector<short> outputs(const Matrix<short>& features) const {
         std::vector<short> result(nOutputs);
         int scale = activationScale;
-        KTwEvalMLPFeedForward(fixed.get(), inputs(features).data(), nInputs, result.data(), nOutputs,
-                              KT_FixedScale, &scale, activationScale);
+        KTwEvalMLPFeedForward(fixed.get(), inputs(features).data(), nInputs, result.data(),
+                              nOutputs, KT_FixedScale, &scale, activationScale);
         return result;
     }
 

@@ -55,7 +55,8 @@ std::string checkedList(const std::string& path) {
         throw Failure(path + ": of another version of this program, please train again");
     const std::size_t last = text.rfind("checksum ");
     const std::string rest = text.substr(0, last);
-    if (last == std::string::npos || text.substr(last) != fmt::format("checksum {:016x}\n", checksum(rest)))
+    if (last == std::string::npos ||
+        text.substr(last) != fmt::format("checksum {:016x}\n", checksum(rest)))
         throw Failure(path + ": damaged, its checksum is not that of its text");
     return rest;
 }
@@ -71,7 +72,8 @@ bool readLine(const std::string& line, ModelList& list) {
     fields >> key;
     if (key == "front-end") {
         FrontEnd& choices = list.frontEnd;
-        fields >> choices.trim >> choices.deltas >> choices.normaliseMean >> choices.normaliseVariance;
+        fields >> choices.trim >> choices.deltas >> choices.normaliseMean >>
+            choices.normaliseVariance;
     } else if (key == "level-spread")
         fields >> list.leastSpread;
     else if (key == "word")
@@ -81,7 +83,8 @@ bool readLine(const std::string& line, ModelList& list) {
     else if (key == "costs" && fields >> name >> flavour) {
         CostScale scale;
         fields >> scale.right >> scale.wrong >> scale.limit;
-        list.scales[{name, flavour == flavourName(Flavour::real) ? Flavour::real : Flavour::fixed}] = scale;
+        list.scales[{name, flavour == flavourName(Flavour::real) ? Flavour::real
+                                                                 : Flavour::fixed}] = scale;
     } else if (key == "file") {
         StoredFile file;
         fields >> file.name >> file.bytes >> std::hex >> file.sum;
@@ -96,8 +99,8 @@ void checkFile(const StoredFile& file, const std::string& folder) {
     if (!fs::exists(path)) throw Failure(path + ": missing, the list of models names it");
     const std::string contents = readFile(path);
     if (contents.size() != file.bytes)
-        throw Failure(
-            fmt::format("{}: damaged, {} bytes where {} were written", path, contents.size(), file.bytes));
+        throw Failure(fmt::format("{}: damaged, {} bytes where {} were written", path,
+                                  contents.size(), file.bytes));
     if (checksum(contents) != file.sum)
         throw Failure(path + ": damaged, its checksum is not the one that the list of models has");
 }
@@ -106,16 +109,16 @@ void checkFile(const StoredFile& file, const std::string& folder) {
 
 void ModelList::save(const std::string& folder) {
     files = filesIn(folder);
-    std::string text =
-        fmt::format("{}\nfront-end {:d} {:d} {:d} {:d}\nlevel-spread {}\n", heading, frontEnd.trim,
-                    frontEnd.deltas, frontEnd.normaliseMean, frontEnd.normaliseVariance, leastSpread);
+    std::string text = fmt::format("{}\nfront-end {:d} {:d} {:d} {:d}\nlevel-spread {}\n", heading,
+                                   frontEnd.trim, frontEnd.deltas, frontEnd.normaliseMean,
+                                   frontEnd.normaliseVariance, leastSpread);
     for (const std::string& recogniser : recognisers)
         text += "recogniser " + recogniser + "\n";
     for (const std::string& word : words)
         text += "word " + word + "\n";
     for (const auto& [key, scale] : scales)
-        text += fmt::format("costs {} {} {} {} {}\n", key.first, flavourName(key.second), scale.right,
-                            scale.wrong, scale.limit);
+        text += fmt::format("costs {} {} {} {} {}\n", key.first, flavourName(key.second),
+                            scale.right, scale.wrong, scale.limit);
     for (const StoredFile& file : files)
         text += fmt::format("file {} {} {:016x}\n", file.name, file.bytes, file.sum);
     text += fmt::format("checksum {:016x}\n", checksum(text));
@@ -148,12 +151,14 @@ void saveModels(const Recogniser& recogniser, Flavour flavour, const std::string
     recogniser.save(flavour, pathIn(folder, stemName(recogniser, flavour)));
 }
 
-void loadModels(Recogniser& recogniser, Flavour flavour, const std::string& folder, const ModelList& list) {
+void loadModels(Recogniser& recogniser, Flavour flavour, const std::string& folder,
+                const ModelList& list) {
     const std::string stem = stemName(recogniser, flavour);
     for (const StoredFile& file : list.files)
         if (file.name.starts_with(stem + ".")) checkFile(file, folder);
     forgetReports();
-    recogniser.load(flavour, pathIn(folder, stem), list.words, FeatureExtractor(list.frontEnd).dimensions());
+    recogniser.load(flavour, pathIn(folder, stem), list.words,
+                    FeatureExtractor(list.frontEnd).dimensions());
 }
 
 void checkReplaceable(const std::string& folder) {

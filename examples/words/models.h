@@ -37,12 +37,13 @@ struct ModelList {
 
 void saveModels(const Recogniser& recogniser, Flavour flavour, const std::string& folder);
 
-/// Compares the files with the list before the library reads them. Throws Failure, which tells missing files from damaged
-/// ones.
-void loadModels(Recogniser& recogniser, Flavour flavour, const std::string& folder, const ModelList& list);
+// / Compares the files with the list before the library reads them. Throws Failure, which tells
+// missing files from damaged / ones.
+void loadModels(Recogniser& recogniser, Flavour flavour, const std::string& folder,
+                const ModelList& list);
 
-/// Whether new models may take a folder's place: it does not exist, is empty, or holds models and nothing else.
-/// Throws Failure that names what would be lost.
+// / Whether new models may take a folder's place: it does not exist, is empty, or holds models and
+// nothing else. / Throws Failure that names what would be lost.
 void checkReplaceable(const std::string& folder);
 
 } // namespace words

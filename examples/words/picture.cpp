@@ -17,8 +17,8 @@ constexpr int nShades = 16;
 /// From dark blue to yellow.
 std::string colour(int shade) {
     const double x = static_cast<double>(shade) / (nShades - 1);
-    return fmt::format("rgb({:.0f},{:.0f},{:.0f})", 255 * std::pow(x, 0.9), 230 * std::pow(x, 1.3) + 10,
-                       90 + 60 * std::sin(3.14 * x) - 60 * x);
+    return fmt::format("rgb({:.0f},{:.0f},{:.0f})", 255 * std::pow(x, 0.9),
+                       230 * std::pow(x, 1.3) + 10, 90 + 60 * std::sin(3.14 * x) - 60 * x);
 }
 
 std::string label(double x, double y, const char* anchor, const std::string& text) {
@@ -27,8 +27,8 @@ std::string label(double x, double y, const char* anchor, const std::string& tex
 }
 
 std::string axes(int height, const Axis& x, const Axis& y) {
-    std::string text =
-        fmt::format("<path class=\"axis\" d=\"M{0} {1}V{2}H{3}", left, top, top + height, left + plotWidth);
+    std::string text = fmt::format("<path class=\"axis\" d=\"M{0} {1}V{2}H{3}", left, top,
+                                   top + height, left + plotWidth);
     for (const Tick& tick : x.ticks)
         text += fmt::format("M{:.1f} {}v4", left + plotWidth * tick.place, top + height);
     for (const Tick& tick : y.ticks)
@@ -40,8 +40,9 @@ std::string axes(int height, const Axis& x, const Axis& y) {
         text += label(left - 6, top + height * (1.0 - tick.place) + 3, "end", tick.label);
     text += label(left + plotWidth / 2.0, top + height + 25, "middle", x.title);
     return text +
-           fmt::format("<text transform=\"translate(9 {}) rotate(-90)\" text-anchor=\"middle\">{}</text>",
-                       top + height / 2, escaped(y.title));
+           fmt::format(
+               "<text transform=\"translate(9 {}) rotate(-90)\" text-anchor=\"middle\">{}</text>",
+               top + height / 2, escaped(y.title));
 }
 
 /// The shades and the values at both ends, right of the plot.
@@ -49,8 +50,8 @@ std::string key(float low, float high, int height) {
     std::string text;
     const double step = static_cast<double>(height) / nShades;
     for (int shade = 0; shade < nShades; ++shade)
-        text += fmt::format("<path fill=\"{}\" d=\"M{} {:.2f}h8v{:.2f}h-8z\"/>", colour(shade), plotWidth + 8,
-                            height - step * (shade + 1), step);
+        text += fmt::format("<path fill=\"{}\" d=\"M{} {:.2f}h8v{:.2f}h-8z\"/>", colour(shade),
+                            plotWidth + 8, height - step * (shade + 1), step);
     return text + label(plotWidth + 19, 6, "start", fmt::format("{:.1f}", high)) +
            label(plotWidth + 19, height, "start", fmt::format("{:.1f}", low));
 }
@@ -105,7 +106,8 @@ std::string heatMap(const Matrix<float>& values, int height) {
         for (int i = 0; i < nColumns; ++i) {
             const float place = high > low ? (values.row(t)[i] - low) / (high - low) : 0.0f;
             const int shade = std::min(nShades - 1, static_cast<int>(place * nShades));
-            paths[static_cast<std::size_t>(shade)] += fmt::format("M{} {}h1v1h-1z", t, nColumns - 1 - i);
+            paths[static_cast<std::size_t>(shade)] +=
+                fmt::format("M{} {}h1v1h-1z", t, nColumns - 1 - i);
         }
     std::string text = fmt::format("<svg width=\"{}\" height=\"{}\" viewBox=\"0 0 {} {}\" "
                                    "preserveAspectRatio=\"none\" shape-rendering=\"crispEdges\">",

@@ -28,12 +28,13 @@ std::vector<Tick> roundTicks(double end);
 /// What is drawn inside a plot, in units of the page.
 inline constexpr int plotWidth = 290;
 
-/// A picture of the class `name` with axes around `content`, which fills a rectangle of plotWidth and `height`.
+// / A picture of the class `name` with axes around `content`, which fills a rectangle of plotWidth
+// and `height`.
 std::string plot(const std::string& name, const std::string& content, int height, const Axis& x,
                  const Axis& y, const std::string& caption);
 
-/// A table in shades, one column of the picture a row of the table, the first element at the bottom; and beside it what the
-/// shades stand for.
+// / A table in shades, one column of the picture a row of the table, the first element at the
+// bottom; and beside it what the / shades stand for.
 std::string heatMap(const Matrix<float>& values, int height);
 
 } // namespace words

@@ -1,4 +1,5 @@
-// A line on the terminal that tells how far long work has come; nothing where the error stream is no terminal.
+// A line on the terminal that tells how far long work has come; nothing where the error stream is
+// no terminal.
 #pragma once
 
 #include <chrono>

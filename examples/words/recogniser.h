@@ -38,8 +38,9 @@ struct Answer {
     double cost = std::numeric_limits<double>::infinity();
 };
 
-/// Models of a vocabulary, in float and in fixed point. Costs are those of a frame, on average, where they grow with the
-/// length of the utterance: small is good, and each kind and flavour has a range of its own (see costs.h).
+// / Models of a vocabulary, in float and in fixed point. Costs are those of a frame, on average,
+// where they grow with the / length of the utterance: small is good, and each kind and flavour has
+// a range of its own (see costs.h).
 class Recogniser {
 public:
     virtual ~Recogniser() = default;
@@ -60,14 +61,19 @@ public:
     virtual std::vector<double> costs(const Matrix<short>& features) = 0;
 
     /// The same for an utterance of the training, which is not to be compared with itself.
-    virtual std::vector<double> costsOfTraining(const Matrix<float>& features) { return costs(features); }
-    virtual std::vector<double> costsOfTraining(const Matrix<short>& features) { return costs(features); }
+    virtual std::vector<double> costsOfTraining(const Matrix<float>& features) {
+        return costs(features);
+    }
+    virtual std::vector<double> costsOfTraining(const Matrix<short>& features) {
+        return costs(features);
+    }
 
-    /// Names of files of one flavour's models begin with `stem`. They hold the library's own formats, before each model
-    /// a line with its word; loading compares it with the word that is to be there.
+    // / Names of files of one flavour's models begin with `stem`. They hold the library's own
+    // formats, before each model / a line with its word; loading compares it with the word that is
+    // to be there.
     virtual void save(Flavour flavour, const std::string& stem) const = 0;
-    virtual void load(Flavour flavour, const std::string& stem, const std::vector<std::string>& words,
-                      int nDimensions) = 0;
+    virtual void load(Flavour flavour, const std::string& stem,
+                      const std::vector<std::string>& words, int nDimensions) = 0;
 };
 
 std::unique_ptr<Recogniser> makeDtw();

@@ -60,30 +60,34 @@ std::string bySpeaker(const Comparison& comparison) {
                                     0.8 * (1.0 - share.percent / 100.0), share.percent);
             text += "</tr>\n";
         }
-    return "<h2>Speakers that were left out, words right in per cent</h2>\n" + boxed(text + "</table>");
+    return "<h2>Speakers that were left out, words right in per cent</h2>\n" +
+           boxed(text + "</table>");
 }
 
 std::string summary(const Comparison& comparison) {
-    std::string text = "<table id=\"summary\">\n<thead><tr><th rowspan=\"2\">recogniser</th>"
-                       "<th colspan=\"6\">float</th><th colspan=\"6\">16-bit fixed point</th></tr>\n<tr>";
+    std::string text =
+        "<table id=\"summary\">\n<thead><tr><th rowspan=\"2\">recogniser</th>"
+        "<th colspan=\"6\">float</th><th colspan=\"6\">16-bit fixed point</th></tr>\n<tr>";
     for (int flavour = 0; flavour < 2; ++flavour)
-        for (const char* heading : {"right", "wrong", "%", "&#181;s a word", "&#215; real time", "KB"})
+        for (const char* heading :
+             {"right", "wrong", "%", "&#181;s a word", "&#215; real time", "KB"})
             text += fmt::format("<th>{}</th>", heading);
     text += "</tr></thead>\n<tbody>\n";
     for (const Result& result : comparison.results) {
         text += fmt::format("<tr><td>{}</td>", escaped(result.title));
         for (const Outcome& outcome : result.outcomes)
-            text += fmt::format(
-                "<td>{}</td><td>{}</td><td>{:.2f}</td><td>{:.0f}</td><td>{:.0f}</td><td>{:.0f}</td>",
-                outcome.right, outcome.errors(), outcome.accuracy(), outcome.microseconds(),
-                comparison.timesRealTime(outcome), static_cast<double>(outcome.bytes) / 1024.0);
+            text += fmt::format("<td>{}</td><td>{}</td><td>{:.2f}</td><td>{:.0f}</td><td>{:.0f}</"
+                                "td><td>{:.0f}</td>",
+                                outcome.right, outcome.errors(), outcome.accuracy(),
+                                outcome.microseconds(), comparison.timesRealTime(outcome),
+                                static_cast<double>(outcome.bytes) / 1024.0);
         text += "</tr>\n";
     }
     return boxed(text + "</tbody></table>") + bySpeaker(comparison);
 }
 
-/// Rows are what was said, columns what was understood. Cells hold the float model's count, and behind a stroke that of the
-/// fixed one where it differs.
+// / Rows are what was said, columns what was understood. Cells hold the float model's count, and
+// behind a stroke that of the / fixed one where it differs.
 std::string confusion(const Comparison& comparison, const Result& result) {
     const int nWords = static_cast<int>(comparison.words.size());
     std::string text = "<table class=\"confusion\">\n<tr><th></th>";
@@ -91,7 +95,8 @@ std::string confusion(const Comparison& comparison, const Result& result) {
         text += fmt::format("<th>{}</th>", escaped(word));
     text += "<th>none</th></tr>\n";
     for (int spoken = 0; spoken < nWords; ++spoken) {
-        text += fmt::format("<tr><th>{}</th>", escaped(comparison.words[static_cast<std::size_t>(spoken)]));
+        text += fmt::format("<tr><th>{}</th>",
+                            escaped(comparison.words[static_cast<std::size_t>(spoken)]));
         const int* real = result.outcomes[0].confusion.row(spoken);
         const int* fixed = result.outcomes[1].confusion.row(spoken);
         int total = 0;
@@ -102,9 +107,10 @@ std::string confusion(const Comparison& comparison, const Result& result) {
             const std::string counts = real[answer] == fixed[answer]
                                            ? fmt::format("{}", real[answer])
                                            : fmt::format("{}/{}", real[answer], fixed[answer]);
-            text += fmt::format(
-                "<td style=\"background:rgb(var(--{}) / {:.2f})\">{}</td>", answer == spoken ? "good" : "bad",
-                answer == spoken ? 0.5 * share : std::min(0.8, 4.0 * share), counts == "0" ? "" : counts);
+            text += fmt::format("<td style=\"background:rgb(var(--{}) / {:.2f})\">{}</td>",
+                                answer == spoken ? "good" : "bad",
+                                answer == spoken ? 0.5 * share : std::min(0.8, 4.0 * share),
+                                counts == "0" ? "" : counts);
         }
         text += "</tr>\n";
     }
@@ -124,8 +130,8 @@ std::string waveform(const Samples& samples) {
     const auto place = [](short sample) { return height / 2 * (1.0 - sample / 32768.0); };
     for (std::size_t x = 0; x < plotWidth; ++x) {
         const auto from = samples.begin() + static_cast<std::ptrdiff_t>(x * n / plotWidth);
-        const auto to =
-            std::max(from + 1, samples.begin() + static_cast<std::ptrdiff_t>((x + 1) * n / plotWidth));
+        const auto to = std::max(
+            from + 1, samples.begin() + static_cast<std::ptrdiff_t>((x + 1) * n / plotWidth));
         const auto [low, high] = std::minmax_element(from, std::min(to, samples.end()));
         path += fmt::format("M{}.5 {:.1f}V{:.1f}", x, place(*high), place(*low) + 0.5);
     }
@@ -143,12 +149,14 @@ std::string melPicture(const Matrix<float>& energies) {
     const auto mel = [](double frequency) { return 1127.0 * std::log(1.0 + frequency / 700.0); };
     Axis frequency{"frequency, Hz", {}};
     for (const int hertz : {200, 500, 1000, 2000, 3500}) {
-        const double place = (mel(hertz) - mel(lowFrequency)) / (mel(highFrequency) - mel(lowFrequency));
-        frequency.ticks.push_back({(place * (nFilters + 1) - 0.5) / nFilters, fmt::format("{}", hertz)});
+        const double place =
+            (mel(hertz) - mel(lowFrequency)) / (mel(highFrequency) - mel(lowFrequency));
+        frequency.ticks.push_back(
+            {(place * (nFilters + 1) - 0.5) / nFilters, fmt::format("{}", hertz)});
     }
     constexpr int height = 96;
-    return plot("mel", heatMap(energies, height), height, timeAxis(frameSeconds(energies.rows())), frequency,
-                "energies of mel filters, natural logarithms");
+    return plot("mel", heatMap(energies, height), height, timeAxis(frameSeconds(energies.rows())),
+                frequency, "energies of mel filters, natural logarithms");
 }
 
 std::string cepstraPicture(const Matrix<float>& cepstra) {
@@ -156,8 +164,8 @@ std::string cepstraPicture(const Matrix<float>& cepstra) {
     Axis index{"coefficient", {}};
     for (int i = 0; i < nCepstra; i += 4)
         index.ticks.push_back({(i + 0.5) / nCepstra, fmt::format("{}", i)});
-    return plot("cepstra", heatMap(cepstra, height), height, timeAxis(frameSeconds(cepstra.rows())), index,
-                "cepstra as the models see them, deviations from the mean");
+    return plot("cepstra", heatMap(cepstra, height), height, timeAxis(frameSeconds(cepstra.rows())),
+                index, "cepstra as the models see them, deviations from the mean");
 }
 
 /// The features that the models see, the cepstra alone, with coefficient 0 at the bottom.
@@ -179,7 +187,8 @@ std::vector<std::size_t> nearestWords(const std::vector<double>& costs) {
     return order;
 }
 
-/// What fits under a bar: six characters, each of which has one byte that is no continuation (UTF-8).
+// / What fits under a bar: six characters, each of which has one byte that is no continuation
+// (UTF-8).
 std::string shortened(const std::string& word) {
     std::size_t end = 0;
     for (int characters = 0; end < word.size(); ++end)
@@ -204,24 +213,29 @@ std::string costPlot(const Comparison& comparison, const Result& result, std::si
         bars += fmt::format(
             "<rect class=\"bar{}\" x=\"{:.1f}\" y=\"{:.1f}\" width=\"{:.1f}\" height=\"{:.1f}\"/>"
             "<path class=\"fixed\" d=\"M{:.1f} {:.1f}h{:.1f}\"/>",
-            real[order[i]] <= best ? " best" : "", x, height - level, 0.8 * step, std::max(0.5, level), x,
-            height - height * std::min(1.0, fixed[order[i]] / largest), 0.8 * step);
-        names.ticks.push_back({(x + 0.4 * step) / plotWidth, shortened(comparison.words[order[i]])});
+            real[order[i]] <= best ? " best" : "", x, height - level, 0.8 * step,
+            std::max(0.5, level), x, height - height * std::min(1.0, fixed[order[i]] / largest),
+            0.8 * step);
+        names.ticks.push_back(
+            {(x + 0.4 * step) / plotWidth, shortened(comparison.words[order[i]])});
     }
-    bars += fmt::format("<path class=\"grid\" d=\"M0 {0}h{2}M0 {1}h{2}\"/>", height / 3, 2 * height / 3,
-                        plotWidth);
-    return plot("costs", bars, height, names,
-                {"cost", {{0.0, "0"}, {1.0 / 3, "100"}, {2.0 / 3, "200"}, {1.0, "300"}}},
-                fmt::format("cost of each word: bars float, lines fixed point; none above {:.0f} and {:.0f}",
-                            result.limits[0], result.limits[1]));
+    bars += fmt::format("<path class=\"grid\" d=\"M0 {0}h{2}M0 {1}h{2}\"/>", height / 3,
+                        2 * height / 3, plotWidth);
+    return plot(
+        "costs", bars, height, names,
+        {"cost", {{0.0, "0"}, {1.0 / 3, "100"}, {2.0 / 3, "200"}, {1.0, "300"}}},
+        fmt::format(
+            "cost of each word: bars float, lines fixed point; none above {:.0f} and {:.0f}",
+            result.limits[0], result.limits[1]));
 }
 
 std::string pictures(const Comparison& comparison, const FeatureExtractor& extractor) {
     std::string text;
     for (std::size_t i = 0; i < comparison.examples.size(); ++i) {
         const Item& item = *comparison.examples[i];
-        text += fmt::format("<section id=\"word-{0}\"><h3>{0}</h3><p>{1}</p>\n", escaped(item.recording.word),
-                            escaped(std::filesystem::path(item.recording.path).filename().string()));
+        text += fmt::format(
+            "<section id=\"word-{0}\"><h3>{0}</h3><p>{1}</p>\n", escaped(item.recording.word),
+            escaped(std::filesystem::path(item.recording.path).filename().string()));
         text += waveform(extractor.speech(item.samples));
         text += melPicture(extractor.melEnergies(item.samples));
         text += cepstraPicture(staticPart(item.features.real));
@@ -234,22 +248,26 @@ std::string pictures(const Comparison& comparison, const FeatureExtractor& extra
 
 } // namespace
 
-void writeReport(const std::string& path, const Comparison& comparison, const FeatureExtractor& extractor,
-                 const std::string& split) {
+void writeReport(const std::string& path, const Comparison& comparison,
+                 const FeatureExtractor& extractor, const std::string& split) {
     std::string page = "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"/>\n"
                        "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"/>\n"
                        "<title>Word recognisers compared</title>\n";
-    page += fmt::format("<style>{}</style></head>\n<body>\n<h1>Word recognisers compared</h1>\n", style);
-    page += fmt::format("<p>{} words, {} recordings for training, {} for testing ({:.0f} s of speech); {}. "
-                        "Times are those of one core, for features and recognition.</p>\n",
-                        comparison.words.size(), comparison.nTraining, comparison.nTest,
-                        comparison.testSeconds, escaped(split));
+    page += fmt::format("<style>{}</style></head>\n<body>\n<h1>Word recognisers compared</h1>\n",
+                        style);
+    page += fmt::format(
+        "<p>{} words, {} recordings for training, {} for testing ({:.0f} s of speech); {}. "
+        "Times are those of one core, for features and recognition.</p>\n",
+        comparison.words.size(), comparison.nTraining, comparison.nTest, comparison.testSeconds,
+        escaped(split));
     page += summary(comparison);
-    page += "<h2>What was taken for what</h2>\n<p>Rows were said, columns understood. Where float and fixed "
+    page += "<h2>What was taken for what</h2>\n<p>Rows were said, columns understood. Where float "
+            "and fixed "
             "point differ, both counts are given.</p>\n<div class=\"matrices\">\n";
     for (const Result& result : comparison.results)
         page += confusion(comparison, result);
-    page += "</div>\n<h2>One utterance of each word</h2>\n<p>Costs have one scale: 100 is usual for the word "
+    page += "</div>\n<h2>One utterance of each word</h2>\n<p>Costs have one scale: 100 is usual "
+            "for the word "
             "that was said, 200 for the nearest other one.</p>\n<div class=\"words\">\n";
     page += pictures(comparison, extractor) + "</div>\n</body></html>\n";
     writeFile(path, page);

@@ -6,7 +6,7 @@
 namespace words {
 
 /// Throws Failure when the file cannot be written.
-void writeReport(const std::string& path, const Comparison& comparison, const FeatureExtractor& extractor,
-                 const std::string& split);
+void writeReport(const std::string& path, const Comparison& comparison,
+                 const FeatureExtractor& extractor, const std::string& split);
 
 } // namespace words

@@ -1,4 +1,5 @@
-// Semicontinuous hidden Markov models: all states share one codebook of Gaussians and differ in its weights.
+// Semicontinuous hidden Markov models: all states share one codebook of Gaussians and differ in its
+// weights.
 #include "clusters.h"
 #include "frontend.h"
 #include "hmmset.h"
@@ -11,7 +12,8 @@ constexpr int nDensities = 128;
 constexpr int nCodebookFrames = 4000;
 constexpr int iterations = 5;
 constexpr float leastWeight = 1e-4f;
-// Costs and weights of densities share a scale; a weight of 1 is 16384. The densities' own weight is 1 at the same scale.
+// Costs and weights of densities share a scale; a weight of 1 is 16384. The densities' own weight
+// is 1 at the same scale.
 constexpr int costScale = -14;
 constexpr int meanScale = featureScale;
 constexpr float flattening =
@@ -34,8 +36,8 @@ auto evaluation(const Matrix<float>& features) {
 }
 auto evaluation(const Matrix<short>& features) {
     return [rows = features.pointers()](int id, int* best) {
-        return KTwEvalSemicontHMMViterbi(id, rows.data(), static_cast<int>(rows.size()), best, KT_NoScale,
-                                         nullptr) *
+        return KTwEvalSemicontHMMViterbi(id, rows.data(), static_cast<int>(rows.size()), best,
+                                         KT_NoScale, nullptr) *
                KTPower2(costScale);
     };
 }
@@ -123,9 +125,10 @@ private:
         for (int k = 0; k < nDensities; ++k) {
             float* mean = clusters.means.row(k);
             float* variance = inverseVariances.data();
-            densities.emplace_back(KTsInitGaussMixServer(&one, &mean, nullptr, &variance, nDimensions, 1, 0));
-            converted.emplace_back(
-                KTswConvertGaussMixServer(densities.back().get(), costScale, meanScale, varianceScale));
+            densities.emplace_back(
+                KTsInitGaussMixServer(&one, &mean, nullptr, &variance, nDimensions, 1, 0));
+            converted.emplace_back(KTswConvertGaussMixServer(densities.back().get(), costScale,
+                                                             meanScale, varianceScale));
         }
         if (!install(Flavour::real, std::move(densities), nDimensions) ||
             !install(Flavour::fixed, std::move(converted), nDimensions))
@@ -150,17 +153,19 @@ private:
         Topology topology(nStates);
         Matrix<float> weights = evenWeights(frames, nDimensions);
         const Hmm start = make(topology, weights, nDimensions);
-        const Hmm trained(KTsTrainSemicontHMMBaumWelch(
-            start.get(), frames.pointers.data(), frames.lengths.data(), frames.size(), iterations, nullptr));
+        const Hmm trained(KTsTrainSemicontHMMBaumWelch(start.get(), frames.pointers.data(),
+                                                       frames.lengths.data(), frames.size(),
+                                                       iterations, nullptr));
         std::vector<void*> transitions = untyped(topology.transitions);
         std::vector<void*> rows = untyped(weights);
-        KTGetHMMProb(trained.get(), topology.initial.data(), transitions.data(), nullptr, rows.data(),
-                     nullptr);
+        KTGetHMMProb(trained.get(), topology.initial.data(), transitions.data(), nullptr,
+                     rows.data(), nullptr);
         smooth(weights, leastWeight);
         return Hmm(KTsLogHMMServer(make(topology, weights, nDimensions).get()));
     }
 
-    /// To begin with: how much each density has to do with the frames of a state, when utterances are cut evenly.
+    // / To begin with: how much each density has to do with the frames of a state, when utterances
+    // are cut evenly.
     Matrix<float> evenWeights(const Sequences<const float*>& frames, int nDimensions) const {
         Matrix<float> weights(nStates, nDensities);
         for (const auto& sequence : frames.observations)
@@ -169,8 +174,8 @@ private:
                 std::vector<double> likelihoods;
                 double sum = 1e-30;
                 for (const Mixture& density : realDensities) {
-                    likelihoods.push_back(
-                        KTsEvalGaussMix(density.get(), sequence[static_cast<std::size_t>(t)], nDimensions));
+                    likelihoods.push_back(KTsEvalGaussMix(
+                        density.get(), sequence[static_cast<std::size_t>(t)], nDimensions));
                     sum += likelihoods.back();
                 }
                 for (int k = 0; k < nDensities; ++k)
@@ -181,9 +186,9 @@ private:
     }
 
     static Hmm make(Topology& topology, Matrix<float>& weights, int nDimensions) {
-        return Hmm(KTsInitSemicontHMMServer(topology.transitions.pointers().data(), weights.pointers().data(),
-                                            topology.initial.data(), nStates, nDensities, nDimensions,
-                                            KT_HMM_EXPONENTIAL));
+        return Hmm(KTsInitSemicontHMMServer(topology.transitions.pointers().data(),
+                                            weights.pointers().data(), topology.initial.data(),
+                                            nStates, nDensities, nDimensions, KT_HMM_EXPONENTIAL));
     }
 
     std::vector<std::string> words;

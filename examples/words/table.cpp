@@ -16,18 +16,20 @@ std::string text(const Matrix<Value>& features) {
     std::string result;
     for (int t = 0; t < features.rows(); ++t)
         for (int i = 0; i < features.columns(); ++i)
-            result += fmt::format("{}{}", features.row(t)[i], i + 1 < features.columns() ? ',' : '\n');
+            result +=
+                fmt::format("{}{}", features.row(t)[i], i + 1 < features.columns() ? ',' : '\n');
     return result;
 }
 
-/// A magic number, the length of the header, the header as the text of a Python dictionary, padded to 64 bytes; then
-/// the values as they are in memory, row after row.
+// / A magic number, the length of the header, the header as the text of a Python dictionary, padded
+// to 64 bytes; then / the values as they are in memory, row after row.
 template <class Value>
 std::string npy(const Matrix<Value>& features) {
     const char order = std::endian::native == std::endian::little ? '<' : '>';
     const char kind = std::is_floating_point_v<Value> ? 'f' : 'i';
-    std::string header = fmt::format("{{'descr': '{}{}{}', 'fortran_order': False, 'shape': ({}, {}), }}",
-                                     order, kind, sizeof(Value), features.rows(), features.columns());
+    std::string header =
+        fmt::format("{{'descr': '{}{}{}', 'fortran_order': False, 'shape': ({}, {}), }}", order,
+                    kind, sizeof(Value), features.rows(), features.columns());
     constexpr std::size_t prefix = 10;
     header.append(63 - (prefix + header.size()) % 64, ' ');
     header += '\n';

@@ -11,7 +11,8 @@ namespace words {
 std::string asText(const Matrix<float>& features);
 std::string asText(const Matrix<short>& features);
 
-/// FILE.csv, or FILE.npy: NumPy's format, version 1.0. Throws Failure for other names and when writing fails.
+// / FILE.csv, or FILE.npy: NumPy's format, version 1.0. Throws Failure for other names and when
+// writing fails.
 void writeTable(const std::string& path, const Matrix<float>& features);
 void writeTable(const std::string& path, const Matrix<short>& features);
 

@@ -1,4 +1,5 @@
-// The word recogniser from outside, as its users see it, and its parts where the outside does not tell enough.
+// The word recogniser from outside, as its users see it, and its parts where the outside does not
+// tell enough.
 #include "compare.h"
 #include "costs.h"
 #include "files.h"
@@ -60,13 +61,15 @@ protected:
 
     Told run(const std::string& arguments) const {
         const fs::path out = folder / "out", errors = folder / "errors";
-        const std::string command = "cd '" + folder.string() + "' && " + WORDS_PROGRAM + " " + arguments +
-                                    " >'" + out.string() + "' 2>'" + errors.string() + "'";
+        const std::string command = "cd '" + folder.string() + "' && " + WORDS_PROGRAM + " " +
+                                    arguments + " >'" + out.string() + "' 2>'" + errors.string() +
+                                    "'";
         const int status = std::system(command.c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(out), contents(errors)};
     }
 
-    /// Four words of four speakers of the shipped corpus: 80 recordings, of which take 0, 16, is the test set.
+    // / Four words of four speakers of the shipped corpus: 80 recordings, of which take 0, 16, is
+    // the test set.
     fs::path slice() const {
         const fs::path corpus = folder / "slice";
         fs::create_directory(corpus);
@@ -83,7 +86,8 @@ protected:
         ModelList::load(models).save(models);
     }
 
-    static std::string recordingName(const std::string& word, const std::string& speaker, int take) {
+    static std::string recordingName(const std::string& word, const std::string& speaker,
+                                     int take) {
         return word + "_" + speaker + "_" + std::to_string(take) + ".flac";
     }
 
@@ -130,7 +134,8 @@ std::vector<float> noise(std::size_t n) {
     return result;
 }
 
-/// A row of the printed table: right, wrong, per cent, microseconds, times real time, KB, in float and then in fixed point.
+// / A row of the printed table: right, wrong, per cent, microseconds, times real time, KB, in float
+// and then in fixed point.
 struct Row {
     std::string title;
     std::vector<double> figures;
@@ -155,7 +160,8 @@ std::vector<Row> readTable(const std::string& text) {
 const std::vector<std::string> titles{"DTW, all templates", "discrete HMM", "semicontinuous HMM",
                                       "continuous HMM", "multilayer perceptron"};
 
-// ==== compare ==============================================================================================
+// ==== compare
+// ==============================================================================================
 
 TEST_F(Words, CompareTellsWhatCameOfEachRecogniser) {
     const Told result = run("compare --corpus " + slice().string());
@@ -173,13 +179,14 @@ TEST_F(Words, CompareTellsWhatCameOfEachRecogniser) {
             EXPECT_GT(figures[4], 0.0) << titles[i];
             EXPECT_GT(figures[5], 10.0) << titles[i]; // kilobytes
         }
-        EXPECT_LE(std::abs(rows[i].figures[0] - rows[i].figures[6]), 1.0) << titles[i] << ", float and fixed";
+        EXPECT_LE(std::abs(rows[i].figures[0] - rows[i].figures[6]), 1.0)
+            << titles[i] << ", float and fixed";
     }
 }
 
 TEST_F(Words, CompareTakesOneRecogniserAndAnotherSplit) {
-    const Told result =
-        run("compare --corpus " + slice().string() + " --recogniser mlp --test-takes 3 --report ''");
+    const Told result = run("compare --corpus " + slice().string() +
+                            " --recogniser mlp --test-takes 3 --report ''");
     EXPECT_EQ(result.code, 0) << result.errors;
     const std::vector<Row> rows = readTable(result.out);
     ASSERT_EQ(rows.size(), 1u);
@@ -198,9 +205,11 @@ TEST_F(Words, CompareLeavesOutEachSpeakerInTurn) {
         EXPECT_NE(result.out.find(std::string("without ") + speaker), std::string::npos) << speaker;
 }
 
-// ==== the page =============================================================================================
+// ==== the page
+// =============================================================================================
 
-/// Follows a page's tags; an empty result means that all are closed in the order in which they were opened.
+// / Follows a page's tags; an empty result means that all are closed in the order in which they
+// were opened.
 std::string unbalanced(const std::string& page) {
     std::vector<std::string> open;
     const std::regex tag("<(/?)([a-zA-Z0-9]+)([^>]*)>");
@@ -253,9 +262,13 @@ TEST_F(Words, ThePageHasTableMatricesAndPictures) {
 }
 
 TEST_F(Words, ThePageFitsNarrowScreensAndItsPicturesHaveAxes) {
-    ASSERT_EQ(run("compare --recogniser discrete --leave-out speaker --corpus " + slice().string()).code, 0);
+    ASSERT_EQ(
+        run("compare --recogniser discrete --leave-out speaker --corpus " + slice().string()).code,
+        0);
     const std::string page = contents(folder / "report.html");
-    EXPECT_EQ(count(page, "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"/>"), 1);
+    EXPECT_EQ(
+        count(page, "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"/>"),
+        1);
     EXPECT_EQ(count(page, "color-scheme: light dark"), 1);
     EXPECT_EQ(count(page, "prefers-color-scheme: dark"), 1);
     EXPECT_EQ(count(page, "<table"), 3); // all, by speakers, what was taken for what
@@ -278,13 +291,15 @@ TEST_F(Words, ABrowserShowsThePage) {
     ASSERT_EQ(run("compare --corpus " + slice().string() + " --recogniser mlp").code, 0);
     const std::string picture = (folder / "page.png").string();
     const std::string command =
-        browser + " --headless --no-sandbox --disable-gpu --window-size=1200,1600 --screenshot='" + picture +
-        "' 'file://" + (folder / "report.html").string() + "' >/dev/null 2>&1";
+        browser + " --headless --no-sandbox --disable-gpu --window-size=1200,1600 --screenshot='" +
+        picture + "' 'file://" + (folder / "report.html").string() + "' >/dev/null 2>&1";
     EXPECT_EQ(std::system(command.c_str()), 0);
-    EXPECT_GT(contents(picture).size(), 20000u); // an empty page of this size takes a quarter of that
+    // an empty page of this size takes a quarter of that
+    EXPECT_GT(contents(picture).size(), 20000u);
 }
 
-// ==== models ===============================================================================================
+// ==== models
+// ===============================================================================================
 
 TEST_F(Words, StoredModelsAreTheModels) {
     quietLibrary();
@@ -292,8 +307,8 @@ TEST_F(Words, StoredModelsAreTheModels) {
     std::vector<std::string> complaints;
     Progress progress;
     const FeatureExtractor extractor(FrontEnd{});
-    const std::vector<Item> items =
-        readItems(readCorpus(slice().string(), "", complaints).recordings, extractor, progress, complaints);
+    const std::vector<Item> items = readItems(
+        readCorpus(slice().string(), "", complaints).recordings, extractor, progress, complaints);
     ASSERT_EQ(items.size(), 80u);
     std::vector<const Item*> all;
     for (const Item& item : items)
@@ -320,9 +335,11 @@ TEST_F(Words, StoredModelsAreTheModels) {
             loadModels(*loaded, flavour, folder.string(), list);
             for (std::size_t i = 0; i < items.size(); i += 7) {
                 after.push_back(costs(*loaded, items[i]));
-                const int word = flavour == Flavour::real ? loaded->recognise(items[i].features.real).word
-                                                          : loaded->recognise(items[i].features.fixed).word;
-                EXPECT_EQ(word, training.utterances[i].word) << name << " " << items[i].recording.path;
+                const int word = flavour == Flavour::real
+                                     ? loaded->recognise(items[i].features.real).word
+                                     : loaded->recognise(items[i].features.fixed).word;
+                EXPECT_EQ(word, training.utterances[i].word)
+                    << name << " " << items[i].recording.path;
             }
             EXPECT_EQ(before, after) << name << " in " << flavourName(flavour);
         }
@@ -335,15 +352,15 @@ TEST_F(Words, TrainThenRecognise) {
     EXPECT_EQ(train.code, 0) << train.errors;
     for (const char* name : {"dtw", "discrete", "semicontinuous", "continuous", "mlp"})
         for (const char* flavour : {"", " --fixed"}) {
-            const Told result =
-                run(std::string("recognise --models models --recogniser ") + name + flavour + " " +
-                    (corpus / "seven_anna_0.flac").string() + " " + (corpus / "one_ewan_1.flac").string());
+            const Told result = run(std::string("recognise --models models --recogniser ") + name +
+                                    flavour + " " + (corpus / "seven_anna_0.flac").string() + " " +
+                                    (corpus / "one_ewan_1.flac").string());
             EXPECT_EQ(result.code, 0) << result.errors;
             const std::vector<std::string> answers = lines(result.out);
             ASSERT_EQ(answers.size(), 2u) << name;
-            EXPECT_TRUE(
-                std::regex_search(answers[0], std::regex("seven_anna_0.flac: seven, cost [0-9]+; next "
-                                                         "(one|three|zero), cost [0-9]+; [0-9.]+ ms$")))
+            EXPECT_TRUE(std::regex_search(answers[0],
+                                          std::regex("seven_anna_0.flac: seven, cost [0-9]+; next "
+                                                     "(one|three|zero), cost [0-9]+; [0-9.]+ ms$")))
                 << answers[0];
             EXPECT_NE(answers[1].find(": one, cost"), std::string::npos) << answers[1];
         }
@@ -351,7 +368,8 @@ TEST_F(Words, TrainThenRecognise) {
 
 TEST_F(Words, OneRecogniserCanBeTrainedAlone) {
     const fs::path corpus = slice();
-    ASSERT_EQ(run("train --corpus " + corpus.string() + " --models models --recogniser mlp").code, 0);
+    ASSERT_EQ(run("train --corpus " + corpus.string() + " --models models --recogniser mlp").code,
+              0);
     EXPECT_EQ(run("recognise --models models " + (corpus / "one_ewan_1.flac").string()).code, 0);
     const Told other =
         run("recognise --models models --recogniser dtw " + (corpus / "one_ewan_1.flac").string());
@@ -359,17 +377,20 @@ TEST_F(Words, OneRecogniserCanBeTrainedAlone) {
     EXPECT_EQ(other.errors, "words: models: no models for dtw\n");
 }
 
-// ==== what is wrong with files =============================================================================
+// ==== what is wrong with files
+// =============================================================================
 
 TEST_F(Words, ABadRecordingIsNamedAndTheBatchGoesOn) {
     const fs::path corpus = slice();
-    ASSERT_EQ(run("train --corpus " + corpus.string() + " --models models --recogniser mlp").code, 0);
+    ASSERT_EQ(run("train --corpus " + corpus.string() + " --models models --recogniser mlp").code,
+              0);
     std::ofstream(folder / "text.wav") << "not a recording";
     writeWav("empty.wav", 8000, {});
     writeWav("slow.wav", 4000, tone(300, 4000, 0.5));
     writeWav("short.wav", 8000, tone(300, 8000, 0.01));
-    const Told result = run("recognise --models models missing.wav text.wav empty.wav slow.wav short.wav " +
-                            (corpus / "zero_anna_0.flac").string());
+    const Told result =
+        run("recognise --models models missing.wav text.wav empty.wav slow.wav short.wav " +
+            (corpus / "zero_anna_0.flac").string());
     EXPECT_EQ(result.code, 2);
     EXPECT_NE(result.out.find(": zero, cost"), std::string::npos);
     EXPECT_EQ(lines(result.out).size(), 1u);
@@ -394,9 +415,9 @@ TEST_F(Words, BadLabelsAreNamedAndTheRestIsCompared) {
     ASSERT_EQ(errors.size(), 3u) << result.errors;
     EXPECT_EQ(count(result.errors, "/unlabelled.flac: the name is not WORD_SPEAKER_TAKE\n"), 1);
     EXPECT_EQ(count(result.errors, "/one_anna_x.flac: the name is not WORD_SPEAKER_TAKE\n"), 1);
-    EXPECT_EQ(
-        count(result.errors, "/eleven_anna_0.flac: unknown label 'eleven', no training recording has it\n"),
-        1);
+    EXPECT_EQ(count(result.errors,
+                    "/eleven_anna_0.flac: unknown label 'eleven', no training recording has it\n"),
+              1);
     ASSERT_EQ(readTable(result.out).size(), 1u);
     EXPECT_EQ(readTable(result.out)[0].figures[0] + readTable(result.out)[0].figures[1], 16.0);
 }
@@ -405,8 +426,10 @@ TEST_F(Words, WordsShorterThanTheirModelsAreLearnt) {
     const fs::path corpus = folder / "short";
     fs::create_directory(corpus);
     for (int take = 0; take < 6; ++take) { // three frames each
-        writeWav("short/low_a_" + std::to_string(take) + ".wav", 8000, tone(300 + 5 * take, 8000, 0.045));
-        writeWav("short/high_a_" + std::to_string(take) + ".wav", 8000, tone(2000 + 20 * take, 8000, 0.045));
+        writeWav("short/low_a_" + std::to_string(take) + ".wav", 8000,
+                 tone(300 + 5 * take, 8000, 0.045));
+        writeWav("short/high_a_" + std::to_string(take) + ".wav", 8000,
+                 tone(2000 + 20 * take, 8000, 0.045));
     }
     const Told result =
         run("compare --no-mean --no-variance --recogniser continuous --report '' --corpus short");
@@ -417,7 +440,8 @@ TEST_F(Words, WordsShorterThanTheirModelsAreLearnt) {
 
     const Told codebook = run("compare --recogniser discrete --report '' --corpus short");
     EXPECT_EQ(codebook.code, 2);
-    EXPECT_EQ(codebook.errors, "words: short: too little to train from: 256 frames are wanted at least\n");
+    EXPECT_EQ(codebook.errors,
+              "words: short: too little to train from: 256 frames are wanted at least\n");
 }
 
 TEST_F(Words, WhatIsNoSpeechIsNoWord) {
@@ -431,14 +455,15 @@ TEST_F(Words, WhatIsNoSpeechIsNoWord) {
     writeWav("click.wav", 8000, click);
     writeFloats("nan.wav", std::vector<float>(4000, std::numeric_limits<float>::quiet_NaN()));
     writeFloats("infinite.wav", std::vector<float>(4000, std::numeric_limits<float>::infinity()));
-    const std::vector<std::string> names{"silence", "constant", "tone", "noise", "click", "nan", "infinite"};
+    const std::vector<std::string> names{"silence", "constant", "tone",    "noise",
+                                         "click",   "nan",      "infinite"};
     std::string files;
     for (const std::string& name : names)
         files += " " + name + ".wav";
     for (const char* recogniser : {"dtw", "discrete", "semicontinuous", "continuous", "mlp"})
         for (const char* flavour : {"", " --fixed"}) {
-            const Told result =
-                run(std::string("recognise --models models --recogniser ") + recogniser + flavour + files);
+            const Told result = run(std::string("recognise --models models --recogniser ") +
+                                    recogniser + flavour + files);
             EXPECT_EQ(result.code, 0) << result.errors;
             const std::vector<std::string> answers = lines(result.out);
             ASSERT_EQ(answers.size(), names.size()) << result.errors;
@@ -456,9 +481,9 @@ TEST_F(Words, WhatNoWordFitsIsNoWord) {
     writeWav("beeps.wav", 8000, beeps);
     const Told result = run("recognise --models models beeps.wav");
     EXPECT_EQ(result.code, 0) << result.errors;
-    EXPECT_TRUE(std::regex_search(
-        result.out,
-        std::regex("^beeps.wav: none, no word fits; nearest (one|seven|three|zero), cost 999 of [0-9]+; ")))
+    EXPECT_TRUE(
+        std::regex_search(result.out, std::regex("^beeps.wav: none, no word fits; nearest "
+                                                 "(one|seven|three|zero), cost 999 of [0-9]+; ")))
         << result.out;
 }
 
@@ -541,7 +566,8 @@ TEST_F(Words, CostsOfAllKindsHaveOneScale) {
     for (const char* word : {"one", "seven", "three", "zero"})
         files += " " + (corpus / recordingName(word, "brian", 1)).string();
     for (const char* recogniser : {"dtw", "discrete", "semicontinuous", "continuous", "mlp"}) {
-        const std::string command = std::string("recognise --models models --recogniser ") + recogniser;
+        const std::string command =
+            std::string("recognise --models models --recogniser ") + recogniser;
         const std::vector<std::string> real = lines(run(command + files).out);
         const std::vector<std::string> fixed = lines(run(command + " --fixed" + files).out);
         ASSERT_EQ(real.size(), 4u);
@@ -593,12 +619,14 @@ TEST_F(Words, ADamagedModelFileIsNamed) {
         const std::string command = "recognise --models models --recogniser " + recogniser +
                                     (name.find(".fixed") != std::string::npos ? " --fixed " : " ") +
                                     recording;
-        for (const std::string& damaged :
-             {std::string(), whole.substr(0, whole.size() / 2), std::string(200, 'x'), whole + "x"}) {
+        for (const std::string& damaged : {std::string(), whole.substr(0, whole.size() / 2),
+                                           std::string(200, 'x'), whole + "x"}) {
             std::ofstream(entry.path(), std::ios::binary) << damaged;
-            if (name != "words.txt") seal(); // the readers have to see it, without the help of the list
+            // the readers have to see it, without the help of the list
+            if (name != "words.txt") seal();
             const Told result = run(command);
-            EXPECT_EQ(result.code, 2) << name << ", " << damaged.size() << " of " << whole.size() << " bytes";
+            EXPECT_EQ(result.code, 2)
+                << name << ", " << damaged.size() << " of " << whole.size() << " bytes";
             EXPECT_EQ(lines(result.errors).size(), 1u) << result.errors;
             EXPECT_EQ(result.errors.rfind("words: models/" + name + ": ", 0), 0u) << result.errors;
         }
@@ -622,18 +650,22 @@ TEST_F(Words, ModelsOfAnotherKindAreRefused) {
         {"discrete.float.hmm", "discrete.fixed.hmm"}};
     for (const auto& [from, to] : exchanges) {
         const std::string whole = contents(folder / "models" / to);
-        fs::copy_file(folder / "models" / from, folder / "models" / to, fs::copy_options::overwrite_existing);
+        fs::copy_file(folder / "models" / from, folder / "models" / to,
+                      fs::copy_options::overwrite_existing);
         seal();
-        const Told result = run("recognise --models models --recogniser " + to.substr(0, to.find('.')) +
-                                (to.find("fixed") != std::string::npos ? " --fixed " : " ") +
-                                (corpus / "one_ewan_1.flac").string());
+        const Told result =
+            run("recognise --models models --recogniser " + to.substr(0, to.find('.')) +
+                (to.find("fixed") != std::string::npos ? " --fixed " : " ") +
+                (corpus / "one_ewan_1.flac").string());
         EXPECT_EQ(result.code, 2) << from << " as " << to;
-        EXPECT_EQ(result.errors.rfind("words: models/" + to + ": damaged, ", 0), 0u) << result.errors;
+        EXPECT_EQ(result.errors.rfind("words: models/" + to + ": damaged, ", 0), 0u)
+            << result.errors;
         std::ofstream(folder / "models" / to, std::ios::binary) << whole;
     }
 }
 
-// ==== model folders ========================================================================================
+// ==== model folders
+// ========================================================================================
 
 std::string trainCommand(const fs::path& corpus) {
     return "train --recogniser mlp --models models --corpus " + corpus.string();
@@ -658,11 +690,12 @@ TEST_F(Words, InterruptedTrainingLeavesTheOldModels) {
     // Files end at 20 blocks: the disk is full, as far as the program can tell.
     const fs::path errors = folder / "errors";
     const std::string command = "cd '" + folder.string() + "' && trap '' XFSZ && ulimit -f 20 && " +
-                                WORDS_PROGRAM + " " + trainCommand(corpus) + " 2>'" + errors.string() + "'";
+                                WORDS_PROGRAM + " " + trainCommand(corpus) + " 2>'" +
+                                errors.string() + "'";
     EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 2);
-    EXPECT_TRUE(
-        std::regex_search(contents(errors), std::regex("^words: .*/mlp.float.mlp: could not be written: "
-                                                       "File too large\n$")))
+    EXPECT_TRUE(std::regex_search(contents(errors),
+                                  std::regex("^words: .*/mlp.float.mlp: could not be written: "
+                                             "File too large\n$")))
         << contents(errors);
     EXPECT_EQ(contents(folder / "models/words.txt"), list);
     EXPECT_EQ(count(contents(errors), "\n"), 1);
@@ -708,16 +741,16 @@ TEST_F(Words, OnlyModelsAreReplaced) {
     std::ofstream(folder / "models/letter.txt") << "dear";
     const Told result = run(trainCommand(corpus));
     EXPECT_EQ(result.code, 2);
-    EXPECT_EQ(
-        result.errors,
-        "words: models: holds 'letter.txt', which is no model: please name a folder for models alone\n");
+    EXPECT_EQ(result.errors, "words: models: holds 'letter.txt', which is no model: please name a "
+                             "folder for models alone\n");
     EXPECT_EQ(contents(folder / "models/letter.txt"), "dear");
 }
 
 TEST_F(Words, AFlippedByteIsTold) {
     const fs::path corpus = slice();
     ASSERT_EQ(run(trainCommand(corpus)).code, 0);
-    const std::string command = "recognise --models models " + (corpus / "one_ewan_1.flac").string();
+    const std::string command =
+        "recognise --models models " + (corpus / "one_ewan_1.flac").string();
     for (const char* name : {"mlp.float.mlp", "words.txt"}) {
         const fs::path path = folder / "models" / name;
         const std::string whole = contents(path);
@@ -740,7 +773,8 @@ TEST_F(Words, AFlippedByteIsTold) {
         const Told missing = run(command);
         EXPECT_EQ(missing.code, 2);
         EXPECT_EQ(missing.errors.find("damaged"), std::string::npos) << missing.errors;
-        EXPECT_TRUE(std::regex_search(missing.errors, std::regex("missing|No such file"))) << missing.errors;
+        EXPECT_TRUE(std::regex_search(missing.errors, std::regex("missing|No such file")))
+            << missing.errors;
         fs::rename(folder / "away", path);
     }
     EXPECT_EQ(run(command).code, 0);
@@ -769,10 +803,12 @@ TEST_F(Words, AModelOfAnotherWordIsRefused) {
     list.save((folder / "models").string());
     for (const char* name : {"dtw", "discrete", "semicontinuous", "continuous", "mlp"})
         for (const char* flavour : {"", " --fixed"}) {
-            const Told result = run(std::string("recognise --models models --recogniser ") + name + flavour +
-                                    " " + (corpus / "one_ewan_1.flac").string());
+            const Told result = run(std::string("recognise --models models --recogniser ") + name +
+                                    flavour + " " + (corpus / "one_ewan_1.flac").string());
             EXPECT_EQ(result.code, 2) << name;
-            EXPECT_EQ(count(result.errors, "damaged, no model of the word 'alpha' where one should be"), 1)
+            EXPECT_EQ(
+                count(result.errors, "damaged, no model of the word 'alpha' where one should be"),
+                1)
                 << result.errors;
         }
 }
@@ -786,10 +822,12 @@ TEST_F(Words, WordsMayHoldSpaces) {
     ASSERT_EQ(run(trainCommand(corpus)).code, 0);
     const Told result =
         run("recognise --models models '" + (corpus / "number one_anna_1.flac").string() + "'");
-    EXPECT_NE(result.out.find(": number one, cost"), std::string::npos) << result.out << result.errors;
+    EXPECT_NE(result.out.find(": number one, cost"), std::string::npos)
+        << result.out << result.errors;
 }
 
-// ==== what users are told ==================================================================================
+// ==== what users are told
+// ==================================================================================
 
 TEST_F(Words, ComplaintsOutliveAFailure) {
     fs::create_directory(folder / "short");
@@ -804,7 +842,8 @@ TEST_F(Words, ComplaintsOutliveAFailure) {
         ASSERT_EQ(errors.size(), 3u) << result.errors;
         EXPECT_EQ(errors[0], "words: short/unlabelled.wav: the name is not WORD_SPEAKER_TAKE");
         EXPECT_EQ(errors[1].rfind("words: short/low_a_7.wav: ", 0), 0u);
-        EXPECT_EQ(errors[2], "words: short: too little to train from: 256 frames are wanted at least");
+        EXPECT_EQ(errors[2],
+                  "words: short: too little to train from: 256 frames are wanted at least");
     }
     EXPECT_FALSE(fs::exists(folder / "models"));
 }
@@ -819,15 +858,16 @@ TEST_F(Words, AFullDeviceIsAFailure) {
          {"recognise --models models " + recording, "features " + recording,
           "compare --report '' --recogniser mlp --corpus " + corpus.string(), trainCommand(corpus),
           std::string("--help"), std::string("--version")}) {
-        const std::string command = "cd '" + folder.string() + "' && " + WORDS_PROGRAM + " " + arguments +
-                                    " >/dev/full 2>'" + errors.string() + "'";
+        const std::string command = "cd '" + folder.string() + "' && " + WORDS_PROGRAM + " " +
+                                    arguments + " >/dev/full 2>'" + errors.string() + "'";
         EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 2) << arguments;
-        EXPECT_EQ(contents(errors), "words: standard output: could not be written: No space left on device\n")
+        EXPECT_EQ(contents(errors),
+                  "words: standard output: could not be written: No space left on device\n")
             << arguments;
     }
     // Where nobody can be told, the exit code does.
-    const int status =
-        std::system((std::string(WORDS_PROGRAM) + " recognise --models nowhere x.wav 2>/dev/full").c_str());
+    const int status = std::system(
+        (std::string(WORDS_PROGRAM) + " recognise --models nowhere x.wav 2>/dev/full").c_str());
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 2);
 }
@@ -854,8 +894,8 @@ TEST_F(Words, FailuresHaveTheirCauses) {
 }
 
 TEST_F(Words, HelpTellsDefaultsAndBounds) {
-    EXPECT_TRUE(
-        std::regex_match(run("--version").out, std::regex("words of ktlP6 [0-9]+[.][0-9]+[.][0-9]+\n")));
+    EXPECT_TRUE(std::regex_match(run("--version").out,
+                                 std::regex("words of ktlP6 [0-9]+[.][0-9]+[.][0-9]+\n")));
     const std::string help = run("compare --help").out;
     for (const char* value : {"=report.html", "=all", "=5, or a third of fewer than 15"})
         EXPECT_NE(help.find(value), std::string::npos) << value << "\n" << help;
@@ -866,9 +906,10 @@ TEST_F(Words, HelpTellsDefaultsAndBounds) {
 }
 
 TEST_F(Words, WrongArgumentsAreRefused) {
-    for (const char* arguments : {"", "listen", "compare", "compare --corpus nowhere", "compare --corpus . ",
-                                  "recognise --models nowhere x.wav", "compare --corpus . --recogniser best",
-                                  "features", "features nothing.wav"}) {
+    for (const char* arguments :
+         {"", "listen", "compare", "compare --corpus nowhere", "compare --corpus . ",
+          "recognise --models nowhere x.wav", "compare --corpus . --recogniser best", "features",
+          "features nothing.wav"}) {
         const Told result = run(arguments);
         EXPECT_EQ(result.code, 2) << arguments;
         EXPECT_NE(result.errors, "") << arguments;
@@ -876,7 +917,8 @@ TEST_F(Words, WrongArgumentsAreRefused) {
     EXPECT_EQ(run("--help").code, 0);
 }
 
-// ==== features and audio ===================================================================================
+// ==== features and audio
+// ===================================================================================
 
 TEST_F(Words, FeaturesAsTextAndAsFiles) {
     writeWav("tone.wav", 8000, tone(700, 8000, 0.5));
@@ -894,8 +936,9 @@ TEST_F(Words, FeaturesAsTextAndAsFiles) {
     const std::string npy = contents(folder / "tone.npy");
     ASSERT_EQ(npy.size(), 128 + 48 * 39 * sizeof(float));
     EXPECT_EQ(npy.substr(0, 10), std::string("\x93NUMPY\x01\x00\x76\x00", 10));
-    EXPECT_EQ(npy.substr(10, 60).rfind("{'descr': '<f4', 'fortran_order': False, 'shape': (48, 39), ", 0),
-              0u);
+    EXPECT_EQ(
+        npy.substr(10, 60).rfind("{'descr': '<f4', 'fortran_order': False, 'shape': (48, 39), ", 0),
+        0u);
     EXPECT_EQ(npy[127], '\n');
     std::istringstream text(printed.out);
     for (std::size_t i = 0; i < 48 * 39; ++i) {
@@ -919,7 +962,8 @@ TEST_F(Words, FixedFeaturesAreTheFloatOnesIn16Bits) {
     for (int t = 0; t < real.rows(); ++t)
         for (int i = 0; i < real.columns(); ++i)
             squares += std::pow(real.row(t)[i] - fixed.row(t)[i] * KTPower2(featureScale), 2);
-    // A deviation of 1 stands at 1; cepstra have units of 2^-10 and second differences a deviation of about 0.03 of them.
+    // A deviation of 1 stands at 1; cepstra have units of 2^-10 and second differences a deviation
+    // of about 0.03 of them.
     EXPECT_LT(std::sqrt(squares / (real.rows() * real.columns())), 0.06);
 }
 
@@ -945,9 +989,9 @@ TEST_F(Words, RecordingsOfOtherRatesComeTo8kHz) {
         double largest = 0.0;
         for (std::size_t i = 200; i < 3800;
              ++i) // away from the ends, where the interpolation has no neighbours
-            largest =
-                std::max(largest, std::abs(samples[i] / 32768.0 -
-                                           0.5 * std::sin(std::numbers::pi / 4 * static_cast<double>(i))));
+            largest = std::max(
+                largest, std::abs(samples[i] / 32768.0 -
+                                  0.5 * std::sin(std::numbers::pi / 4 * static_cast<double>(i))));
         EXPECT_LT(largest, rate == 8000 ? 1e-4 : 0.005) << rate;
     }
 }
@@ -963,7 +1007,8 @@ TEST_F(Words, AMinuteOf48kHzIsSoonAt8kHz) {
     writeWav("minute.wav", 48000, tone(1000, 48000, 60.0));
     const std::clock_t start = std::clock();
     EXPECT_EQ(readRecording((folder / "minute.wav").string()).size(), 480000u);
-    EXPECT_LT(static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC, 1.0); // a tenth of that as a rule
+    // a tenth of that as a rule
+    EXPECT_LT(static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC, 1.0);
 }
 
 TEST_F(Words, ChannelsAreMixed) {
@@ -988,7 +1033,8 @@ TEST_F(Words, SilenceAtBothEndsIsCutOff) {
     EXPECT_EQ(trimmed(Samples(800, 0)).size(), 800u);
 }
 
-// ==== real speech ==========================================================================================
+// ==== real speech
+// ==========================================================================================
 
 class RealSpeech : public Words {
 protected:
@@ -1015,9 +1061,9 @@ TEST_F(RealSpeech, EveryRecogniserReachesItsAccuracy) {
 }
 
 TEST_F(RealSpeech, ContinuousModelsUnderstandSpeakersThatTheyNeverHeard) {
-    const Told result =
-        run(std::string("compare --recogniser continuous --leave-out speaker --report '' --corpus ") +
-            WORDS_REAL_CORPUS);
+    const Told result = run(
+        std::string("compare --recogniser continuous --leave-out speaker --report '' --corpus ") +
+        WORDS_REAL_CORPUS);
     ASSERT_EQ(result.code, 0) << result.errors;
     const std::vector<Row> rows = readTable(result.out);
     ASSERT_EQ(rows.size(), 1u);
