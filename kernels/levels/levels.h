@@ -40,7 +40,7 @@ enum class Level { VSQ_EVERY_LEVEL(VSQ_LEVEL_NAME) };
 #undef VSQ_LEVEL_NAME
 
 #define VSQ_LEVEL_VALUE(level, chosenIf) Level::level,
-inline constexpr Level everyLevel[] = {VSQ_EVERY_LEVEL(VSQ_LEVEL_VALUE)};
+constexpr Level everyLevel[] = {VSQ_EVERY_LEVEL(VSQ_LEVEL_VALUE)};
 #undef VSQ_LEVEL_VALUE
 
 struct LevelTable {
