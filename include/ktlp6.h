@@ -1,23 +1,26 @@
-/* ktlp6.h - ktlP6, building blocks for speech recognition, in 32-bit float and 16-bit fixed
- * point.
+/* ktlp6.h - ktlP6, building blocks for speech recognition, in 32-bit float and 16-bit fixed point.
  *
- * Names. KT, then the data flavour (s float, w 16-bit fixed point, d double, i 32-bit integer,
- * sw and ws converters, b block), then verb and object. Functions without a flavour serve both.
+ * Names. KT, then the type of the data (s float, w 16-bit fixed point, d double, i 32-bit integer,
+ * sw and ws conversions between two types, a further b for a block), then verb and object.
+ * Functions without a type serve both numeric forms, float and fixed. "KT?Name" below stands for
+ * KTsName and KTwName.
  *
- * Fixed point. An array of 16-bit values shares one power-of-two scale: a real value is stored *
- * 2^scale. Every conversion, downward or upward, multiplies by 2^(-scale); what was converted
- * down with scale s is restored with -s.
+ * Parameters. Each is explained in a table, in the comment above its function or in an earlier one
+ * of the same section: what is said there for one function holds for the others of the section.
+ *
+ * Fixed point. An array of 16-bit values shares one power-of-two scale s: an element v stands for
+ * v * 2^s, so the scale -15 means 15 bits of fraction. Every conversion, downward or upward,
+ * multiplies by 2^(-scale); what was converted down with scale s is restored with -s.
  *
  * Threads. All state is per thread: status, error mode, handler, scratch, pattern stores, HMM
- * servers and classes, semicontinuous codebooks. Handles and ids mean something only on the
- * thread that made them. Nothing takes a lock.
+ * servers and classes, semicontinuous codebooks. Handles and ids mean something only on the thread
+ * that made them. Nothing takes a lock.
  *
- * Errors. A function that fails reports to the thread's handler, stores a status (KTGetStatus)
- * and returns a failure value. The default handler asks, in a message box or on the terminal,
- * whether to end the process; where nobody can be asked, it ends it in the default mode,
- * KT_ErrorModeLeaf, and goes on in KT_ErrorModeParent. A service installs a handler
- * (KTRedirectError, KTSetStdError) and calls KTSetErrMode(KT_ErrorModeParent) first, on each
- * thread.
+ * Errors. A function that fails reports to the thread's handler, stores a status (KTGetStatus) and
+ * returns a failure value. The default handler asks, in a message box or on the terminal, whether
+ * to end the process. Where nobody can be asked, it ends the process in the default mode,
+ * KT_ErrorModeLeaf, and goes on in KT_ErrorModeParent. A service therefore begins, on each thread,
+ * with a handler (KTRedirectError or KTSetStdError) and KTSetErrMode(KT_ErrorModeParent).
  *
  * Silent ends. The signal kernels underneath know no handler: what they refuse ends the process,
  * through exit(1), without a word. These calls reach them; check first:
@@ -25,25 +28,20 @@
  *   KTwLPredict       0 <= order < nSamples. (5 samples and an order of 10 end the process.)
  *   KTsCepstralMFCC   the bank has an fftOrder of 0 to 30 and at least one filter, two without
  *   KTwCepstralMFCC   KT_CepsZeroth; nCeps >= 1; pIn and pCeps are not null.
- *   KTsLPSpectrum     pCoef is not null where nCoef is above 0, and A has no zero on a frequency
- *                     of
- *   KTwLPSpectrum     the spectrum: 1 - 1/z has one at 0. KTsLPredict can give such
- *                     coefficients;
- *                     a[i] * g^i with a g a little below 1, such as 0.99, moves zeros off the
- *                     circle. In 16 bits A is made of integers in units of 2^inScale, and is 0
- *                     already below one of them: keep |A| above a few units, and inScale from
- *                     -15
- *                     to 0.
+ *   KTsLPSpectrum     pCoef is not null where nCoef is above 0, and A has no zero on a frequency of
+ *   KTwLPSpectrum     the spectrum: 1 - 1/z has one at 0. KTsLPredict can give such coefficients;
+ *                     a[i] * g^i with g a little below 1, such as 0.99, moves zeros off the circle.
+ *                     In 16 bits A is made of integers in units of 2^inScale, and is 0 already
+ *                     below one of them: keep |A| above a few units, and inScale from -15 to 0.
  *   KTsMakeCodebook, KTwMakeCodebook, KTsVQCodebook, KTwVQCodebook   no row is null.
- * KTsCepstralMFCC, KTwCepstralMFCC, KTsLPSpectrum and KTwLPSpectrum also end the process when
- * there is no memory for the tables of their transforms. The tables are kept: call each once,
- * with the sizes to come, where the program can still afford to end. KTNulDevReport and
- * KTStdError end it too, on any report, in KT_ErrorModeLeaf; the first of them silently.
+ * KTsCepstralMFCC, KTwCepstralMFCC, KTsLPSpectrum and KTwLPSpectrum also end the process when there
+ * is no memory for the tables of their transforms. The tables are kept: call each once, with the
+ * sizes to come, where the program can still afford to end. KTNulDevReport and KTStdError end it
+ * too, on any report, in KT_ErrorModeLeaf; the first of them silently.
  *
- * Memory. Who calls a ...Init, ...Read, ...Build or ...Make function owns its result and frees
- * it with the matching ...Free. Scratch stays with the thread until the family's KTFree...Tbls
- * is called on it.
- */
+ * Memory. Who calls a ...Init, ...Read, ...Build or ...Make function owns its result and frees it
+ * with the matching ...Free. Scratch stays with the thread until the section's KTFree...Tbls is
+ * called on it. */
 #ifndef KTLP6_H
 #define KTLP6_H
 
@@ -98,15 +96,21 @@ extern "C" {
 #define KT_ErrorModeParent 1
 #define KT_ErrorModeSilent 2 /* show nothing, only store the status */
 
-/* A report: what happened (a status code), in which function, the message, the source module and
- * the line. Any of the texts may be null. The result becomes that of KTError; the library
- * ignores it, and by custom it is `status`. A handler is called on the thread that failed and
- * returns there; it must not let an exception or a longjmp pass through. It may call the library
- * and release what it likes, also the servers, codebooks, patterns, mixtures, networks and
- * filter banks that the failing operation has in use, and make others: the operation then
- * touches neither what is gone nor what is new, and ends with its failure value. Arrays that are
- * the caller's own stay in use where an operation goes on after a report, as training and the
- * writing of a model do. */
+/* Receives reports.
+ *   status      what happened, a status code
+ *   funcName    the function in which it happened
+ *   message     what there is to say
+ *   sourceName  the module that reports
+ *   line        the line in the file that reports
+ * Any of the texts may be null. The result becomes that of KTError; the library ignores it, and by
+ * custom it is `status`.
+ *
+ * A handler is called on the thread that failed and returns there; it must not let an exception or
+ * a longjmp pass through. It may call the library and release what it likes, also the servers,
+ * codebooks, patterns, mixtures, networks and filter banks that the failing operation has in use,
+ * and make others. The operation then touches neither what is gone nor what is new, and ends with
+ * its failure value. Arrays that are the caller's own stay in use where an operation goes on after
+ * a report, as training and the writing of a model do. */
 typedef int (*KTErrorHandler)(int status, const char* funcName, const char* message,
                               const char* sourceName, int line);
 
@@ -127,32 +131,35 @@ typedef struct KTLibVersion {
  * examine. */
 KTL_API int KTGetStatus(void);
 
-/* Stores the calling thread's status, any value. */
+/* Stores the calling thread's status.
+ *   status  any value */
 KTL_API void KTSetStatus(int status);
 
 /* The calling thread's error mode: KT_ErrorModeLeaf in a new thread, then what KTSetErrMode
  * stored. */
 KTL_API int KTGetErrMode(void);
 
-/* Stores the calling thread's error mode. The value is not checked; in a mode outside the three,
- * KTStdError and KTNulDevReport behave as in KT_ErrorModeParent, and KTWinError shows nothing. */
+/* Stores the calling thread's error mode.
+ *   mode  KT_ErrorMode...; not checked. In a mode outside the three, KTStdError and KTNulDevReport
+ *         behave as in KT_ErrorModeParent, and KTWinError shows nothing */
 KTL_API void KTSetErrMode(int mode);
 
-/* Reports. Stores `status` as the thread's status, unless it is one of the two trace markers,
- * and passes all five arguments unchanged to the thread's handler, whose result it returns. A
- * `status` of 0 clears the stored status, calls no handler and returns 0. The library reports
- * its failures through this function; an application may do so too. */
+/* Reports. The library reports its failures through this function; an application may do so too.
+ *   status  a status code; 0 clears the stored status, calls no handler and returns 0
+ *   funcName, message, sourceName, line  as KTErrorHandler takes them; any text may be null
+ * Stores `status` as the thread's status, unless it is one of the two trace markers, and passes all
+ * five arguments unchanged to the thread's handler, whose result it returns. */
 KTL_API int KTError(int status, const char* funcName, const char* message, const char* sourceName,
                     int line);
 
-/* The text of a status code, such as "Out of memory"; for a value that is none, "Unknown status
- * code 3" or "Unknown error code -9". The caller does not free it. The texts of known codes are
- * constant; that of an unknown one stands in one buffer that all threads share, and holds until
- * the next such call. */
+/* The text of a status code, such as "Out of memory".
+ *   status  a status code; any other value gives "Unknown status code 3" or "Unknown error code -9"
+ * The caller does not free the text. The texts of known codes are constant; that of an unknown one
+ * stands in one buffer that all threads share, and holds until the next such call. */
 KTL_API const char* KTErrorStr(int status);
 
-/* Installs `handler` for the calling thread, KTWinError if it is null. Returns the handler that
- * was active, never null. */
+/* Installs a handler for the calling thread. Returns the handler that was active, never null.
+ *   handler  the new handler; null stands for KTWinError */
 KTL_API KTErrorHandler KTRedirectError(KTErrorHandler handler);
 
 /* Installs KTStdError for the calling thread and returns the handler that was active. */
@@ -161,8 +168,9 @@ KTL_API KTErrorHandler KTSetStdError(void);
 /* Installs KTWinError for the calling thread and returns the handler that was active. */
 KTL_API KTErrorHandler KTSetWinError(void);
 
-/* The three handlers. Each can be installed, and called by a handler of the application's to
- * pass a report on; any text may be null. Each returns `status`, if it returns. */
+/* The three handlers. Each can be installed, and called by a handler of the application's to pass a
+ * report on: the parameters are those of KTError, and any text may be null. Each returns `status`,
+ * if it returns. */
 
 /* Writes the report to the standard error stream:
  *
@@ -171,10 +179,10 @@ KTL_API KTErrorHandler KTSetWinError(void);
  *         [module:line]:function():
  *         message
  *
- * and for KT_StsBacktrace and KT_StsAutotrace "called from" in place of the first two lines.
- * Other codes it stores as the thread's status. In KT_ErrorModeLeaf it then ends the process
- * with exit code 1, through exit. In KT_ErrorModeSilent it writes nothing, returns, and stores
- * every status but KT_StsBacktrace. */
+ * and for KT_StsBacktrace and KT_StsAutotrace "called from" in place of the first two lines. Other
+ * codes it stores as the thread's status. In KT_ErrorModeLeaf it then ends the process with exit
+ * code 1, through exit. In KT_ErrorModeSilent it writes nothing, returns, and stores every status
+ * but KT_StsBacktrace. */
 KTL_API int KTStdError(int status, const char* funcName, const char* message,
                        const char* sourceName, int line);
 
@@ -209,73 +217,78 @@ KTL_API const KTLibVersion* KTGetLibVersion(void);
 #define KT_Saturate 3
 
 /* Downward: pDst[i] = pSrc[i] * 2^(-scale), as an integer.
- *   pSrc, pDst  n elements each, which do not overlap or begin at one address: conversion in
- *               place,
- *               where pDst counts its elements from there on; n of 0 or below writes no element
- *   scaleMode   KT_NoScale     no factor; the fraction is dropped
- *               KT_FixedScale  the factor is 2^(-*pScale); the fraction is dropped; *pScale is
- *                              kept
- *               KT_AutoScale   the factor is 2^15 or 2^31 divided by 2^order, below: the largest
- *                              power of two that keeps every magnitude below 2^15 or 2^31;
- *                              *pScale
- *                              receives its scale
- *               else           no factor; values beyond the target's range become the nearer end
- *                              of it, then the
- *                              fraction is dropped; not-a-number becomes the smallest value
- *   pScale      in KT_FixedScale read, otherwise written (0 where there is no factor); null
- *               stands for a scale of 0
- * Without saturation a value that does not fit the target, not-a-number included, becomes the
- * target's most negative value. Nothing wraps, nothing is reported. Factors are exact and
- * products have at least double precision.
+ *   pSrc       n elements
+ *   pDst       receives n elements. The arrays do not overlap, or begin at one address: conversion
+ *              in place, where pDst counts its elements from there on
+ *   n          any; of 0 or below, no element is written
+ *   scaleMode  which factor, and what becomes of values that do not fit
+ *              KT_NoScale     no factor; the fraction is dropped
+ *              KT_FixedScale  the factor is 2^(-*pScale); the fraction is dropped; *pScale is kept
+ *              KT_AutoScale   the factor is 2^15 or 2^31 divided by 2^order, below: the largest
+ *                             power of two that keeps every magnitude below 2^15 or 2^31; *pScale
+ *                             receives its scale
+ *              else           no factor; values beyond the target's range become the nearer end of
+ *                             it, then the fraction is dropped; NaN becomes the smallest value
+ *   pScale     in KT_FixedScale read, otherwise written (0 where there is no factor); null stands
+ *              for a scale of 0
+ * Without saturation a value that does not fit the target, NaN included, becomes the target's most
+ * negative value. Nothing wraps, nothing is reported. Factors are exact and products have at least
+ * double precision.
  *
  * KT_AutoScale works on the order of the array (below): the scale is the order less 15 (16-bit
  * target) or less 31 (32-bit target), so that 1.0 becomes 16384 with the scale -14, and -1.0
- * becomes -16384, though -32768 would fit. Where the order is above the upper limit all results
- * are 0 and *pScale is 0x7FFFFFFF; below the lower limit all results are 0 and *pScale is 0. The
- * limits are 128 and -125 for KTswb... and KTdwb..., 1024 and -1021 for KTsib... and KTdib...:
+ * becomes -16384, though -32768 would fit. Where the order is above the upper limit all results are
+ * 0 and *pScale is 0x7FFFFFFF; below the lower limit all results are 0 and *pScale is 0. The limits
+ * are 128 and -125 for KTswb... and KTdwb..., 1024 and -1021 for KTsib... and KTdib...:
  * KTsibConvertDown does not catch an infinity, and gives zeros the scale -157. */
 KTL_API void KTswbConvertDown(const float* pSrc, short* pDst, int n, int scaleMode, int* pScale);
 KTL_API void KTdwbConvertDown(const double* pSrc, short* pDst, int n, int scaleMode, int* pScale);
 KTL_API void KTsibConvertDown(const float* pSrc, int* pDst, int n, int scaleMode, int* pScale);
 KTL_API void KTdibConvertDown(const double* pSrc, int* pDst, int n, int scaleMode, int* pScale);
 
-/* One value downward; arguments as above, the result is returned. Two differences from the block
- * forms: the limits of KT_AutoScale are 128 and -125 except for KTdwConvertDown, which has 1024
- * and -1021; and without saturation the low bits of the truncated magnitude that fit the target
- * are kept and then the sign is applied, so that 40000.0 wraps to -25536 in KTswConvertDown.
- * From a magnitude of 2^31 on, and for not-a-number, the result is the target's most negative
- * value. */
+/* One value downward; the result is returned.
+ *   value  the value; scaleMode and pScale are as above
+ * Two differences from the block functions. The limits of KT_AutoScale are 128 and -125 except for
+ * KTdwConvertDown, which has 1024 and -1021. And without saturation the low bits of the truncated
+ * magnitude that fit the target are kept and then the sign is applied, so that 40000.0 wraps to
+ * -25536 in KTswConvertDown. From a magnitude of 2^31 on, and for NaN, the result is the target's
+ * most negative value. */
 KTL_API short KTswConvertDown(float value, int scaleMode, int* pScale);
 KTL_API short KTdwConvertDown(double value, int scaleMode, int* pScale);
 KTL_API int KTsiConvertDown(float value, int scaleMode, int* pScale);
 KTL_API int KTdiConvertDown(double value, int scaleMode, int* pScale);
 
-/* Upward: pDst[i] = pSrc[i] * 2^(-scale), rounded once, to the destination's type. The sign is
- * the same as downward: what was converted down with the scale s is restored with -s.
- *   pSrc, pDst  n elements each, which do not overlap or begin at one address; n of 0 or below
- *               writes nothing
- *   scale       any */
+/* Upward: pDst[i] = pSrc[i] * 2^(-scale), rounded once, to the destination's type. The sign is the
+ * same as downward: what was converted down with the scale s is restored with -s.
+ *   pSrc   n elements
+ *   pDst   receives n elements; the arrays do not overlap, or begin at one address
+ *   n      any; of 0 or below, nothing is written
+ *   scale  any */
 KTL_API void KTwsbConvertUp(const short* pSrc, float* pDst, int n, int scale);
 KTL_API void KTwdbConvertUp(const short* pSrc, double* pDst, int n, int scale);
 KTL_API void KTisbConvertUp(const int* pSrc, float* pDst, int n, int scale);
 KTL_API void KTidbConvertUp(const int* pSrc, double* pDst, int n, int scale);
 
-/* One value upward: value * 2^(-scale), in double precision under either name. */
+/* One value upward: value * 2^(-scale), in double precision under every name.
+ *   value  any
+ *   scale  any */
 KTL_API double KTwdConvertUp(short value, int scale);
 KTL_API double KTidConvertUp(int value, int scale);
 KTL_API double KTwsConvertUp(short value, int scale);
 KTL_API double KTisConvertUp(int value, int scale);
 
-/* 2^exponent, exact wherever a double can hold it: infinity for 1024 and above, 0 below -1074. */
+/* 2^exponent, exact wherever a double can hold it.
+ *   exponent  any; infinity for 1024 and above, 0 below -1074 */
 KTL_API double KTPower2(int exponent);
 
-/* The order of an array of n elements: the smallest k with all magnitudes below 2^k.
- *   KTsMaxOrder  from the exponent fields alone: -126 where all elements are zero or denormal
- *                (and for n below 1), 0 for
- *                0.75, 1 for 1.0, 129 where an infinity or a not-a-number occurs
- *   KTwMaxOrder  0 for zeros (and for n below 1), 1 for a largest magnitude of 1, 16 for -32768
- * The matrix forms take nRows row pointers to nCols elements each; 0, without looking at the
- * data, where nRows or nCols is not above 0. */
+/* The order of an array: the smallest k with all magnitudes below 2^k. KTsMaxOrder takes it from
+ * the exponent fields alone: -126 where all elements are zero or denormal (and for n below 1), 0
+ * for 0.75, 1 for 1.0, 129 where an infinity or a NaN occurs. KTwMaxOrder gives 0 for zeros (and
+ * for n below 1), 1 for a largest magnitude of 1, 16 for -32768.
+ *   pSrc          n elements
+ *   n             any
+ *   ppRows        the matrix functions take nRows pointers to rows of nCols elements each
+ *   nRows, nCols  any; where one is not above 0, the result is 0 and the data are not looked at */
 KTL_API int KTsMaxOrder(const float* pSrc, int n);
 KTL_API int KTwMaxOrder(const short* pSrc, int n);
 KTL_API int KTsMaxMatrixOrder(float** ppRows, int nRows, int nCols);
@@ -288,43 +301,48 @@ KTL_API int KTwMaxMatrixOrder(short** ppRows, int nRows, int nCols);
  * and closed here, and not by the application. Both forward to the standard calls, check
  * nothing, report nothing and leave the status alone. */
 
-/* Opens the file `name` in `mode`, as fopen does; the files of this library are binary ("rb",
- * "wb"). Neither may be null. Returns the stream, which the caller closes with KTCloseFile, or
- * null (errno of this module's runtime). */
+/* Opens a file as fopen does. Returns the stream, which the caller closes with KTCloseFile, or null
+ * (errno of this module's runtime).
+ *   name  the file's name; not null
+ *   mode  as fopen takes it; not null. The files of this library are binary: "rb", "wb" */
 KTL_API FILE* KTOpenFile(const char* name, const char* mode);
 
-/* Closes a stream of KTOpenFile, as fclose does; `stream` may not be null. Returns 0, or EOF
- * when writing out what was still buffered failed; the stream is gone in both cases. */
+/* Closes a stream of KTOpenFile, as fclose does.
+ *   stream  the stream; not null
+ * Returns 0, or EOF when writing out what was still buffered failed; the stream is gone in both
+ * cases. */
 KTL_API int KTCloseFile(FILE* stream);
 
 /* ==== front end: pre-emphasis ================================================================= */
 
-/* y[i] = x[i] - alpha * x[i-1] for i from 1 to n-1, in place, always from the unfiltered
- * previous sample. The first sample of each call passes unfiltered: no state crosses from one
- * call to the next. Nothing happens for n below 1.
+/* y[i] = x[i] - alpha * x[i-1] for i from 1 to n-1, in place, always from the unfiltered previous
+ * sample. The first sample of each call passes unfiltered: no state crosses from one call to the
+ * next.
  *   pVec   n samples
  *   alpha  any; usual values are 0.9 to 1.0
+ *   n      any; nothing happens for n below 1
  * No failure. */
 KTL_API void KTsPreemphasize(float* pVec, float alpha, int n);
 
-/* The same on 16-bit samples, pVec[i] * 2^scale afterwards as scaleMode and pScale of the
- * conversions say; a null pScale stands for a scale of 0.
+/* The same on 16-bit samples.
+ *   pVec       n samples; afterwards pVec[i] * 2^scale is the filtered sample
+ *   scaleMode  the scale mode, as in KTswbConvertDown
+ *   pScale     the scale that goes with the mode; null stands for a scale of 0
  *
- * Where alpha lies in 0 to 1, scaleMode is not KT_AutoScale and, for KT_FixedScale, *pScale lies
- * in -14 to 14, the filter runs in integers: alpha is truncated to 14 fraction bits (0.97 to
- * 15892), the accumulator of 32 bits holds the exact difference with those 14 bits, and an
- * arithmetic shift, which rounds toward minus infinity, brings it back.
+ * Where alpha lies in 0 to 1, scaleMode is not KT_AutoScale and, for KT_FixedScale, *pScale lies in
+ * -14 to 14, the filter runs in integers: alpha is truncated to 14 fraction bits (0.97 to 15892),
+ * the accumulator of 32 bits holds the exact difference with those 14 bits, and an arithmetic
+ * shift, which rounds toward minus infinity, brings it back.
  *   KT_Saturate    the shift is 14 and the result saturates; *pScale is set to 0
- *   KT_NoScale     the shift is 14 and the low 16 bits are kept: the result wraps; *pScale is
- *                  set to 0
- *   KT_FixedScale  the shift is 14 + *pScale and the result wraps; the first sample is shifted
- *                  by *pScale, to the left
- *                  where that is negative; *pScale is kept
+ *   KT_NoScale     the shift is 14 and the low 16 bits are kept: the result wraps; *pScale is set
+ *                  to 0
+ *   KT_FixedScale  the shift is 14 + *pScale and the result wraps; the first sample is shifted by
+ *                  *pScale, to the left where that is negative; *pScale is kept
  *   other modes    the shift is 14 and the result wraps; the first sample is shifted by *pScale,
  *                  which is kept
  * Otherwise the samples go through a float buffer of the thread's own and come back as
- * KTswbConvertDown does it, which truncates toward zero and gives -32768 for what does not fit,
- * or saturates: so the two ways differ by one unit on negative values.
+ * KTswbConvertDown does it, which truncates toward zero and gives -32768 for what does not fit, or
+ * saturates. So the two ways differ by one unit on negative values.
  *
  * Fails with KT_StsNoMem when there is no memory for the float buffer; the samples are then
  * unchanged. */
@@ -336,53 +354,59 @@ KTL_API void KTFreePreemphasizeTbls(void);
 /* ==== front end: mel filter bank ============================================================== */
 
 /* A bank of triangular filters over a spectrum, with the tables of its cepstrum; float in both
- * data flavours. Made by KTsMFCCInit or KTwMFCCInit, freed by the matching Free. Holds scratch:
- * one thread at a time may use it. */
+ * numeric forms. Made by KTsMFCCInit or KTwMFCCInit, freed by the matching Free. Holds scratch: one
+ * thread at a time may use it. */
 typedef struct KTMFCCFilters KTMFCCFilters;
 
 /* Sets the calling thread's mel scale, mel(f) = mul * log10(1 + f / div) with f in Hz, for later
- * inits on this thread. Nothing is checked. Without it the scale is 2595 and 700; a div of 0
- * brings both of these back at the next init, whatever mul is. */
+ * inits on this thread. Without it the scale is 2595 and 700. Nothing is checked.
+ *   mul   the factor before the logarithm
+ *   div   the frequency that divides, Hz; 0 brings 2595 and 700 back at the next init, whatever mul
+ *         is */
 KTL_API void KTSetMelScale(float mul, float div);
 
-/* Designs a filter bank: triangles that overlap by half, each with weights that add up to 1.
+/* Designs a filter bank: triangles that overlap by half, each with weights that add up to 1 (S. B.
+ * Davis, P. Mermelstein, Comparison of Parametric Representations for Monosyllabic Word Recognition
+ * in Continuously Spoken Sentences, 1980).
  *   fftOrder    order of the transform, 0 to 30: the spectrum has 2^fftOrder bins, of which the
- *               filters may reach the
- *               upper half as well
+ *               filters may reach the upper half as well
  *   nFilters    number of filters; 0 or below gives a bank without filters
- *   lowFreq, highFreq   left edge of the first and right edge of the last filter, Hz
- *   sampleFreq  the frequency that the last of the 2^fftOrder bins stands for, Hz: bin b lies at
- *               b * sampleFreq / (2^fftOrder - 1)
- *   nLinear     how many of the filters are evenly spaced, from lowFreq on, at most nFilters;
- *               the last of them joins
- *               the mel-spaced ones
+ *   lowFreq     left edge of the first filter, Hz
+ *   highFreq    right edge of the last filter, Hz
+ *   sampleFreq  the frequency that the last of the 2^fftOrder bins stands for, Hz: bin b lies at b
+ *               * sampleFreq / (2^fftOrder - 1)
+ *   nLinear     how many of the filters are evenly spaced, from lowFreq on, at most nFilters; the
+ *               last of them joins the mel-spaced ones
  *   linearTop   where the linear part ends, Hz; at or below lowFreq there is no linear part
- * A filter too narrow to hold a bin gets the whole weight on the bin nearest to its centre, or
- * on its neighbour's bin if it is one of the leading filters, which share one length: the linear
- * ones and the short ones behind them. A lone bin exactly on its filter's left edge gets the
- * whole weight too. Result: the bank, for KTsFreeMFCCFilters, or null after a report: status -4,
- * "insufficiency of memory for pointer  " and what there was no room for; all else is released.
- * Arguments are not checked: frequencies in odd orders give odd banks, a scale without a meaning
- * gives weights that are not numbers. An fftOrder beyond 0 to 30 gives, without a report, a bank
- * over the first bin alone, with which KT_CepsTimeInput ends the process, and no bank at all
- * (status -4) for 31: check it before the call. Davis, Mermelstein: Comparison of Parametric
- * Representations for Monosyllabic Word Recognition in Continuously Spoken Sentences, 1980. */
+ * A filter too narrow to hold a bin gets the whole weight on the bin nearest to its centre, or on
+ * its neighbour's bin if it is one of the leading filters, which share one length: the linear ones
+ * and the short ones after them. A lone bin exactly on its filter's left edge gets the whole weight
+ * too.
+ *
+ * Returns the bank, for KTsFreeMFCCFilters, or null after a report: status -4, "insufficiency of
+ * memory for pointer  " and what there was no room for; all else is released. Arguments are not
+ * checked: frequencies in odd orders give odd banks, a scale without a meaning gives weights that
+ * are NaN. An fftOrder beyond 0 to 30 gives, without a report, a bank over the first bin alone,
+ * with which KT_CepsTimeInput ends the process, and no bank at all (status -4) for 31: check it
+ * before the call. */
 KTL_API KTMFCCFilters* KTsMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq,
                                    int sampleFreq, int nLinear, int linearTop);
 
-/* The same for the fixed-point flavour. A negative status, be it an old one that was not
- * cleared, is reported once more as a backtrace, and the result is null. */
+/* The same for fixed point. A negative status, be it an old one that was not cleared, is reported
+ * once more as a backtrace, and the result is null. */
 KTL_API KTMFCCFilters* KTwMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq,
                                    int sampleFreq, int nLinear, int linearTop);
 
-/* Free a bank with all it holds; null is allowed. */
+/* Free a bank with all it holds.
+ *   filters  the bank; null is allowed */
 KTL_API void KTsFreeMFCCFilters(KTMFCCFilters* filters);
 KTL_API void KTwFreeMFCCFilters(KTMFCCFilters* filters);
 
 /* Applies the bank: pOut[i] is the sum of spectrum values times filter i's weights, each product
  * and the sum in double.
- *   pSpectrum  from bin 0 up to the highest bin that a filter has; nothing behind it is read
- *   pOut       as many values as there are filters; not overlapping the spectrum
+ *   filters    the bank
+ *   pSpectrum  from bin 0 up to the highest bin that a filter has; nothing after it is read
+ *   pOut       receives as many values as there are filters; does not overlap the spectrum
  * If an argument is null, nothing is done or reported, and the status stays as it was. */
 KTL_API void KTsMelFiltering(KTMFCCFilters* filters, const float* pSpectrum, float* pOut);
 
@@ -396,46 +420,51 @@ KTL_API void KTsMelFiltering(KTMFCCFilters* filters, const float* pSpectrum, flo
 #define KT_CepsZeroth 0x10 /* the output starts at coefficient 0; otherwise at coefficient 1 */
 
 /* Mel-frequency cepstrum of one frame: spectrum, floor, log10, mel filters, orthonormal DCT-II.
- *   filters  the bank; it fixes the length of the frame, N = 2^fftOrder. Null: nothing is done
- *            or
+ *   filters  the bank; it fixes the length of the frame, N = 2^fftOrder. Null: nothing is done or
  *            reported and the status stays as it was, so test the result of KTsMFCCInit
  *   pIn      KT_CepsTimeInput: N samples, kept as they are. Otherwise N/2 + 1 spectrum values;
- *            without KT_CepsFilterFirst
- *            the floor (all of them) and the natural logarithm (up to one bin behind the
- *            filters) are written into them
- *   pCeps    receives nCeps coefficients, at least 1; those that the bank does not have,
- *            coefficient nFilters and up,
- *            are 0
+ *            without KT_CepsFilterFirst the floor (all of them) and the natural logarithm (up to
+ *            one bin after the filters) are written into them
+ *   pCeps    receives nCeps coefficients; those that the bank does not have, coefficient nFilters
+ *            and up, are 0
+ *   nCeps    number of coefficients, 1 or more
  *   thresh   the floor, for KT_CepsThreshold. It applies to the filter outputs with
- *            KT_CepsFilterFirst, otherwise to the
- *            spectrum; with KT_CepsTimeInput and without KT_CepsFilterFirst the spectrum is a
- *            power spectrum at that
- *            point, and the floor a power. Without a floor a zero gives minus infinity
+ *            KT_CepsFilterFirst, otherwise to the spectrum; with KT_CepsTimeInput and without
+ *            KT_CepsFilterFirst the spectrum is a power spectrum at that point, and the floor a
+ *            power. Without a floor a zero gives minus infinity
  *   flags    KT_Ceps..., above
  * The thread's buffers are kept for the next frame; after the first frame of a size nothing is
- * allocated. Failures: status -4, "insufficiency of memory for pointer  pKTcontext->Ceps." and
- * the buffer's name; pCeps is not written. A negative status that was there before the call is
- * reported as a backtrace: KTSetStatus(0) before going on after a failure. With
- * KT_CepsTimeInput, and with a number of filters that is 2, 4, 8 or a larger power of two, this
- * ends the call with pCeps unwritten; otherwise pCeps is written all the same. The kernels
- * refuse, and that ends the process, a bank without filters, an fftOrder that is none with
- * KT_CepsTimeInput, and an output without a coefficient (nCeps below 1, or a single filter
- * without KT_CepsZeroth) where the number of filters is 1 or no power of two. */
+ * allocated.
+ *
+ * Failures: status -4, "insufficiency of memory for pointer  pKTcontext->Ceps." and the buffer's
+ * name; pCeps is not written. A negative status that was there before the call is reported as a
+ * backtrace: call KTSetStatus(0) before going on after a failure. With KT_CepsTimeInput, and with a
+ * number of filters that is 2, 4, 8 or a larger power of two, this ends the call with pCeps
+ * unwritten; otherwise pCeps is written all the same. The kernels refuse, and that ends the
+ * process, a bank without filters, an fftOrder that is none with KT_CepsTimeInput, and an output
+ * without a coefficient (nCeps below 1, or a single filter without KT_CepsZeroth) where the number
+ * of filters is 1 or no power of two. */
 KTL_API void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps,
                              float thresh, int flags);
 
-/* The same in fixed point. The input is a real value times 2^inScale, and so is thresh; it is
- * converted to float, and the coefficients are converted down: see KTswbConvertDown for outMode
- * and pOutScale (null stands for a scale of 0). pIn is kept as it is. After a failure, reported
- * by KTsCepstralMFCC or here (status -4), pCeps is not written; nor is it where the status was
- * negative before the call. filters of null as above. Fixed point: all arithmetic is float; what
- * the last conversion truncates, wraps or saturates is outMode's. */
+/* The same in fixed point. All arithmetic is float: the input is converted up, the coefficients are
+ * converted down, and only that last conversion truncates, wraps or saturates.
+ *   pIn        as above, a real value times 2^inScale; kept as it is
+ *   thresh     the floor, also times 2^inScale
+ *   inScale    the exponent of the factor on pIn and thresh
+ *   outMode    the scale mode of pCeps, as scaleMode in KTswbConvertDown
+ *   pOutScale  the scale of pCeps, as pScale there; null stands for a scale of 0
+ * After a failure, reported by KTsCepstralMFCC or here (status -4), pCeps is not written; nor is it
+ * where the status was negative before the call. */
 KTL_API void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps,
                              int thresh, int flags, int inScale, int outMode, int* pOutScale);
 
 /* Liftering in place: pCeps[i] *= 1 + L/2 * sin(pi * i / L), for i from 0 to n - 1, computed in
- * double. n of 0 or below and L of 0 change nothing. Juang, Rabiner, Wilpon: On the Use of
- * Bandpass Liftering in Speech Recognition, 1987. */
+ * double (B. H. Juang, L. R. Rabiner, J. G. Wilpon, On the Use of Bandpass Liftering in Speech
+ * Recognition, 1987).
+ *   pCeps  n coefficients
+ *   n      any; 0 or below changes nothing
+ *   L      the lifter's length, in coefficients; 0 changes nothing */
 KTL_API void KTsLiftering(float* pCeps, int n, int L);
 
 /* The same in fixed point: each product is truncated toward zero; one that 16 bits do not hold
@@ -452,33 +481,34 @@ KTL_API void KTFreeCepsTbls(void);
 #define KT_LPAutocorr 0x1   /* autocorrelation: Durbin's recursion */
 #define KT_LPCovariance 0x2 /* covariance: an LDL decomposition */
 
-/* The predictor of a block of samples: x[n] is about the sum of a[i] x[n-i], i from 1 to
- * `order`.
- *   pSrc      nSamples samples, more than `order` of them
+/* The predictor of a block of samples: x[n] is about the sum of a[i] x[n-i], i from 1 to `order`.
+ *   pSrc      nSamples samples
+ *   nSamples  more than `order`
  *   pCoef     receives a[1] to a[order]
- *   flags     the method
+ *   order     number of coefficients, 0 or more
+ *   flags     the method, KT_LP...
  * Returns 1, or 0 where flags name no method, where memory ran out (KT_StsNoMem; pCoef is
  * unchanged), or where the recursion lost stability, a reflection coefficient beyond 1 in
  * magnitude, which a pure sine can bring about; that is not reported and leaves the status and
- * pCoef alone. A silent block gives 1 and coefficients that are no numbers, and so may one with
- * a reflection coefficient of exactly 1, as a slow half sine has it. Too few samples, or an
- * order below 0, are refused by the signal kernels, which end the process.
+ * pCoef alone. A silent block gives 1 and coefficients that are NaN, and so may one with a
+ * reflection coefficient of exactly 1, as a slow half sine has it. Too few samples, or an order
+ * below 0, are refused by the signal kernels, which end the process.
  *
  * Scratch is the thread's own and stays; no memory is taken after the first call of the largest
- * order. Methods: J. Durbin, "The Fitting of Time-Series Models", 1960; B. S. Atal and S. L.
- * Hanauer, "Speech Analysis and Synthesis by Linear Prediction of the Speech Wave", 1971; J.
- * Makhoul, "Linear Prediction: A Tutorial Review", 1975. */
+ * order. Methods: J. Durbin, The Fitting of Time-Series Models, 1960; B. S. Atal and S. L. Hanauer,
+ * Speech Analysis and Synthesis by Linear Prediction of the Speech Wave, 1971; J. Makhoul, Linear
+ * Prediction: A Tutorial Review, 1975. */
 KTL_API int KTsLPredict(const float* pSrc, int nSamples, float* pCoef, int order, int flags);
 
 /* The same on 16-bit samples; the prediction runs in float.
- *   pCoef              receives the coefficients as KTswbConvertDown gives them: 16 bits,
- *                      truncated toward zero, with
- *                      saturation or -32768 for what does not fit
- *   scaleMode, pScale  as there; a null pScale stands for a scale of 0
- * Takes memory in each call; where there is none for the copy of the samples ("insufficiency of
- * memory for pointer  vec", KT_StsNoMem) pCoef and *pScale are unchanged. With any other result
- * of 0, also where the method itself has reported that memory ran out, both are written all the
- * same, with values that mean nothing. */
+ *   pCoef      receives the coefficients as KTswbConvertDown gives them: 16 bits, truncated toward
+ *              zero, with saturation or -32768 for what does not fit
+ *   scaleMode  the scale mode of pCoef, as there
+ *   pScale     the scale of pCoef, as there; null stands for a scale of 0
+ * Takes memory in each call. Where there is none for the copy of the samples ("insufficiency of
+ * memory for pointer  vec", KT_StsNoMem) pCoef and *pScale are unchanged. With any other result of
+ * 0, also where the method itself has reported that memory ran out, both are written all the same,
+ * with values that mean nothing. */
 KTL_API int KTwLPredict(const short* pSrc, int nSamples, short* pCoef, int order, int flags,
                         int scaleMode, int* pScale);
 
@@ -491,28 +521,30 @@ KTL_API void KTFreeLPTbls(void);
 
 /* The magnitude response of an all-pole model, gain / |A|, A(z) = 1 - sum of a[i] z^(-i), at N =
  * 2^fftOrder equally spaced frequencies from 0 up to but not including half the sampling rate.
- *   pCoef     a[1] to a[nCoef]; may be null where nCoef is 0 or below, which stands for A = 1
+ *   pCoef     a[1] to a[nCoef]; may be null where nCoef is 0 or below
+ *   nCoef     number of coefficients; 0 or below stands for A = 1
  *   pSpec     receives N values; may begin where pCoef does
  *   fftOrder  0 to 30
  *   gain      any
- * Few coefficients for the order are summed directly, with a table of sines and cosines that
- * stays with the thread for this pair of fftOrder and nCoef; more go through a real FFT of 2N
- * points in a buffer that stays as well. Fails with pSpec unchanged: KT_StsNoMem for table or
- * buffer, KT_StsBadArg for an order outside 0 to 30, and in the direct sum for a null pCoef
- * ("pCoef==0"). The FFT road also fails, with a backtrace report, where the thread's status was
- * negative before the call. A zero of A on one of the frequencies, and on the FFT road a null
- * pCoef, are refused by the signal kernels, which end the process. */
+ * Few coefficients for the order are summed directly, with a table of sines and cosines that stays
+ * with the thread for this pair of fftOrder and nCoef; more go through a real FFT of 2N points in a
+ * buffer that stays as well. Fails with pSpec unchanged: KT_StsNoMem for table or buffer,
+ * KT_StsBadArg for an order outside 0 to 30, and in the direct sum for a null pCoef ("pCoef==0").
+ * The FFT also fails, with a backtrace report, where the thread's status was negative before the
+ * call. A zero of A on one of the frequencies, and with the FFT a null pCoef, are refused by the
+ * signal kernels, which end the process. */
 KTL_API void KTsLPSpectrum(const float* pCoef, int nCoef, float* pSpec, int fftOrder, float gain);
 
 /* The same in 16 bits.
- *   pCoef               coefficients, stored * 2^inScale
- *   outMode, pOutScale  scale mode and scale of pSpec, as in KTswbConvertDown; a null pOutScale
- *                       stands for 0
- * The direct sum has twiddles of 14 fraction bits and accumulators of 32 bits, which wrap: the
- * one of A stands there as 2^(14 - inScale), and as 0 where 32 bits do not hold that. The FFT's
- * bins are integers in the coefficients' scale, which saturate at 16 bits; the one of A is 0
- * there for an inScale above 0 or below -15. From the magnitudes on the computation is in float,
- * until the conversion downward truncates. Failures as above. */
+ *   pCoef      coefficients, stored * 2^inScale
+ *   inScale    the scale of the coefficients
+ *   outMode    the scale mode of pSpec, as scaleMode in KTswbConvertDown
+ *   pOutScale  the scale of pSpec, as pScale there; null stands for a scale of 0
+ * The direct sum has twiddles of 14 fraction bits and accumulators of 32 bits, which wrap: the one
+ * of A stands there as 2^(14 - inScale), and as 0 where 32 bits do not hold that. The FFT's bins
+ * are integers in the coefficients' scale, which saturate at 16 bits; the one of A is 0 there for
+ * an inScale above 0 or below -15. From the magnitudes on the computation is in float, until the
+ * conversion downward truncates. Failures as above. */
 KTL_API void KTwLPSpectrum(const short* pCoef, int nCoef, short* pSpec, int fftOrder, float gain,
                            int inScale, int outMode, int* pOutScale);
 
