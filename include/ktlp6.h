@@ -550,26 +550,27 @@ KTL_API void KTwLPSpectrum(const short* pCoef, int nCoef, short* pSpec, int fftO
 
 /* ==== distances =============================================================================== */
 
-/* Mahalanobis distances (P. C. Mahalanobis, On the Generalised Distance in Statistics, 1936):
- * the difference of two vectors weighted by an inverse covariance. Nothing is checked, reported
- * or allocated.
+/* Mahalanobis distances (P. C. Mahalanobis, On the Generalised Distance in Statistics, 1936): the
+ * difference of two vectors weighted by an inverse covariance. Nothing is checked, reported or
+ * allocated.
  *   pVec1, pVec2  nDim elements each; fixed-point vectors have the same scale
- *   ppInvCov      inverse covariance: nDim rows, of which row i needs to hold only elements 0 to
- *                 i (the lower triangle of
- *                 a symmetric matrix; the rest is never read)
+ *   ppInvCov      inverse covariance: nDim rows, of which row i needs to hold only elements 0 to i
+ *                 (the lower triangle of a symmetric matrix; the rest is never read)
  *   pInvCovD      inverse variances of a diagonal covariance: nDim elements
  *   nDim          1 or more (below, the distance is 0)
  *   bRoot         non-zero: the root of the quadratic form; 0: the form itself
- * Differences, products and sums are double precision. Equal vectors give exactly 0. A matrix
- * that is not positive can give a negative form, and its root is not a number. */
+ * Differences, products and sums are double precision. Equal vectors give exactly 0. A matrix that
+ * is not positive can give a negative form, and its root is NaN. */
 KTL_API double KTsMahalanobis(const float* pVec1, const float* pVec2, const float* const* ppInvCov,
                               int nDim, int bRoot);
 KTL_API double KTsMahalanobisD(const float* pVec1, const float* pVec2, const float* pInvCovD,
                                int nDim, int bRoot);
 
 /* Fixed point: the distance of the stored integers, taken in double precision (exact below 2^53:
- * nothing wraps) and converted at the end, after the root, as KTdiConvertDown(distance,
- * scaleMode, pScale) does it; only there can it saturate. pScale may be null. */
+ * nothing wraps). At the end, after the root, it is converted as KTdiConvertDown(distance,
+ * scaleMode, pScale) does it; only there can it saturate.
+ *   scaleMode  the scale mode of the result, as in KTdiConvertDown
+ *   pScale     its scale, as there; null stands for a scale of 0 */
 KTL_API int KTwMahalanobis(const short* pVec1, const short* pVec2, const short* const* ppInvCov,
                            int nDim, int bRoot, int scaleMode, int* pScale);
 KTL_API int KTwMahalanobisD(const short* pVec1, const short* pVec2, const short* pInvCovD, int nDim,
@@ -587,20 +588,27 @@ KTL_API int KTwMahalanobisD(const short* pVec1, const short* pVec2, const short*
  *   nVectors   frames; a pattern of 0 frames may be stored, and never matches
  *   nDim       elements per frame, 1 or more
  *   scale      of fixed-point rows: a real value is stored * 2^scale
- * Returns the handle, the smallest positive number that is free in the store, or -1 after a
- * report: KT_StsNoMem when memory ran out, KT_StsBadArg for a negative nVectors or an nDim below
- * 1. The store is then unchanged. */
+ * Returns the handle, the smallest positive number that is free in the store, or -1 after a report:
+ * KT_StsNoMem when memory ran out, KT_StsBadArg for a negative nVectors or an nDim below 1. The
+ * store is then unchanged. */
 KTL_API int KTsPatternIni(float** ppVectors, int nVectors, int nDim);
 KTL_API int KTwPatternIni(short** ppVectors, int nVectors, int nDim, int scale);
 
-/* The stored rows, in the store's own table, which stays valid until the pattern is freed and is
- * not the caller's to free or to change. Each output may be null. Returns the handle, or 0 where
- * there is no such pattern; the outputs are then untouched, and an empty store is reported
- * (KT_StsUnknownErr). */
+/* Looks a pattern up. Each output may be null.
+ *   handle      the pattern's handle
+ *   pppVectors  receives the stored rows, in the store's own table, which stays valid until the
+ *               pattern is freed and is not the caller's to free or to change
+ *   pnVectors   receives the number of frames
+ *   pnDim       receives the elements per frame
+ *   pScale      receives the scale of fixed-point rows
+ * Returns the handle, or 0 where there is no such pattern; the outputs are then untouched, and an
+ * empty store is reported (KT_StsUnknownErr). */
 KTL_API int KTsPatternGet(int handle, float*** pppVectors, int* pnVectors, int* pnDim);
 KTL_API int KTwPatternGet(int handle, short*** pppVectors, int* pnVectors, int* pnDim, int* pScale);
 
-/* Frees one pattern: 0, or -1 after a report (KT_StsUnknownErr) for an unknown handle. */
+/* Frees one pattern.
+ *   handle  the pattern's handle
+ * Returns 0, or -1 after a report (KT_StsUnknownErr) for an unknown handle. */
 KTL_API int KTsPatternFree(int handle);
 KTL_API int KTwPatternFree(int handle);
 
@@ -623,57 +631,61 @@ KTL_API int KTwPatternsNumber(void);
 
 /* Compares a test utterance with stored patterns by dynamic time warping (F. Itakura, Minimum
  * Prediction Residual Principle Applied to Speech Recognition, 1975). Each test frame takes one
- * step, which stays on a pattern frame (never twice in a row), goes to the next one or skips
- * one; equal costs go to the next one. The cost is the sum of the local distances, in float,
- * divided by nothing. A test of one frame counts its distance twice.
- *   pHandles   nPatterns handles of the flavour's store; an unknown one counts as a pattern that
- *              is not admitted
+ * step, which stays on a pattern frame (never twice in a row), goes to the next one or skips one;
+ * equal costs go to the next one. The cost is the sum of the local distances, in float, divided by
+ * nothing. A test of one frame counts its distance twice.
+ *   pHandles   nPatterns handles of the store of the function's numeric form; an unknown one counts
+ *              as a pattern that is not admitted
  *   nPatterns  0 or less: 0 is returned and nothing written
  *   ppTest     nTest rows of nDim elements
+ *   nTest      frames of the test
+ *   nDim       elements per frame
  *   flags      KT_DTW_..., combined with |
- *   threshold  with KT_DTW_USE_THRESHOLD: a cell whose best predecessor has reached it is
- *              dropped, and a pattern without
- *              a path below it gets the threshold as its result; otherwise the limit is 3.4e+38
+ *   threshold  with KT_DTW_USE_THRESHOLD: a cell whose best predecessor has reached it is dropped,
+ *              and a pattern without a path below it gets the threshold as its result; otherwise
+ *              the limit is 3.4e+38
  *   delta      pattern frames by which a path may begin late and end early; its sign is ignored
- *   pResults   nPatterns results: the cost of the best path; 3.4e+38 for a pattern that is not
- *              admitted, because its nDim
- *              differs or its number of frames lies outside (nTest - 1) / 2 + 1 to 2 * nTest - 1
- *              + margin, where the
- *              margin is 0 or |delta|
- * Returns the index into pHandles of the smallest result, the lowest one of equals, and 0 where
- * no result is below 3.4e+38; or -1 after a report (KT_StsNoMem), with pResults untouched, when
- * memory ran out. Handles looked up in an empty store are reported (KT_StsUnknownErr). */
+ *   pResults   receives nPatterns results: the cost of the best path; 3.4e+38 for a pattern that is
+ *              not admitted, because its nDim differs or its number of frames lies outside (nTest -
+ *              1) / 2 + 1 to 2 * nTest - 1 + margin, where the margin is 0 or |delta|
+ * Returns the index into pHandles of the smallest result, the lowest one of equals, and 0 where no
+ * result is below 3.4e+38; or -1 after a report (KT_StsNoMem), with pResults untouched, when memory
+ * ran out. Handles looked up in an empty store are reported (KT_StsUnknownErr). */
 KTL_API int KTsEvalDTW(const int* pHandles, int nPatterns, float** ppTest, int nTest, int nDim,
                        int flags, double threshold, int delta, double* pResults);
 
-/* Fixed point: the same computation on real values, which for the test are stored * 2^testScale
- * and for the threshold threshold * 2^thresholdScale; nothing wraps. The results are converted
- * together, as KTdibConvertDown(results, pResults, nPatterns, scaleMode, pScale) does it; the
- * index was settled before. pScale may be null. */
+/* Fixed point: the same computation on real values; nothing wraps.
+ *   testScale       the scale of ppTest: a real value is stored * 2^testScale
+ *   thresholdScale  the scale of threshold: the real limit is threshold * 2^thresholdScale
+ *   scaleMode       the scale mode of the results. They are converted together, after the index was
+ *                   settled, as KTdibConvertDown(results, pResults, nPatterns, scaleMode, pScale)
+ *                   does it
+ *   pScale          their scale, as there; null stands for a scale of 0 */
 KTL_API int KTwEvalDTW(const int* pHandles, int nPatterns, short** ppTest, int nTest, int nDim,
                        int testScale, int flags, int threshold, int thresholdScale, int delta,
                        int* pResults, int scaleMode, int* pScale);
 
 /* ==== dynamic time warping: pattern files ===================================================== */
 
-/* One pattern to or from a stream (KTOpenFile, binary), any number of them one after another. A
- * record: the tag "DTW "; handle, a flag, nDim, nVectors, and in fixed point the scale, as
- * 32-bit little-endian words; the vectors row after row as 32-bit floats; in fixed point once
- * more as 16-bit integers. The flavour is not recorded: what one flavour wrote, the other
- * misreads. */
+/* One pattern to or from a stream (KTOpenFile, binary), any number of them one after another.
+ *   pFile   the stream, at the pattern's position
+ *   handle  the pattern's handle
+ * A record: the tag "DTW "; handle, a flag, nDim, nVectors, and in fixed point the scale, as 32-bit
+ * little-endian words; the vectors row after row as 32-bit floats; in fixed point once more as
+ * 16-bit integers. The numeric form is not recorded: what one form wrote, the other misreads. */
 
 /* Writes the pattern; a short write leaves a truncated record, in silence. Nothing is written
  * for an unknown handle; an empty store is reported (KT_StsUnknownErr). */
 KTL_API void KTsWriteDTWPattern(FILE* pFile, int handle);
 KTL_API void KTwWriteDTWPattern(FILE* pFile, int handle);
 
-/* Reads a pattern into the store, under the handle that it had when it was written: restore into
- * an empty store, since of two equal handles the older one is found. Returns the handle, which
- * may be 0 or negative if the file says so (the number of patterns tells a handle of -1 from a
- * failure), or -1 with no pattern added: in silence for a stream that ends early or holds
- * anything else and when memory ran out, after a report (KT_StsNoMem) where that met the table
- * of 16-bit rows. A fixed record counts as soon as its float rows have come: where its 16-bit
- * rows then fail to come, KTwPatternsNumber stays one too high, which has no other effect. */
+/* Reads a pattern into the store, under the handle that it had when it was written: restore into an
+ * empty store, since of two equal handles the older one is found. Returns the handle, which may be
+ * 0 or negative if the file says so (the number of patterns tells a handle of -1 from a failure),
+ * or -1 with no pattern added: in silence for a stream that ends early or holds anything else and
+ * when memory ran out, after a report (KT_StsNoMem) where that met the table of 16-bit rows. A
+ * fixed record counts as soon as its float rows have come: where its 16-bit rows then fail to come,
+ * KTwPatternsNumber stays one too high, which has no other effect. */
 KTL_API int KTsReadDTWPattern(FILE* pFile);
 KTL_API int KTwReadDTWPattern(FILE* pFile);
 
@@ -697,63 +709,68 @@ typedef struct KTCodebook KTCodebook;
 /* split the leaf whose two farthest members are farthest apart next */
 #define KT_CB_SPLIT_WIDEST 0x200
 
-/* Trains a codebook of nSize cells on nVectors rows of nDim elements.
- *
- * pLabels: nVectors words, each vector's cell; may be null, and is not written on failure. nSize
- * below 2 gives one cell. flags: KT_CB_EUCLID and one of the KT_CB_SPLIT flags; without one a
- * codebook of at most two cells can be made.
+/* Trains a codebook.
+ *   ppVectors  nVectors rows of nDim elements
+ *   pLabels    receives nVectors words, each vector's cell; may be null, and is not written on
+ *              failure
+ *   nVectors   number of rows
+ *   nDim       elements per row, 1 or more
+ *   nSize      number of cells; below 2 gives one cell
+ *   flags      KT_CB_EUCLID and one of the KT_CB_SPLIT flags; without one a codebook of at most two
+ *              cells can be made
  *
  * Each split divides the members between the two farthest of them (the first such pair of the
  * list), then once more between the means of the two halves; of equal distances the right side
- * wins. The means of the first division stay as the children's centroids. KT_CB_SPLIT_LARGEST
- * goes on when the vectors of a leaf are all equal and makes empty cells; an empty cell's
- * centroid is a not-a-number in the float and 0 in the fixed flavour.
+ * wins. The means of the first division stay as the children's centroids. KT_CB_SPLIT_LARGEST goes
+ * on when the vectors of a leaf are all equal and makes empty cells; an empty cell's centroid is
+ * NaN in float and 0 in fixed point.
  *
- * Fixed flavour: distances are truncated to integers (sums of 64 bits), so that close vectors
- * tie; a mean is truncated toward zero. Nothing wraps or saturates.
+ * Fixed point: distances are truncated to integers (sums of 64 bits), so that close vectors tie; a
+ * mean is truncated toward zero. Nothing wraps or saturates.
  *
  * Returns the codebook, or null after a report: KT_StsBadArg without KT_CB_EUCLID, when nDim is
  * below 1, or when there is no leaf left to split (with KT_CB_SPLIT_WIDEST when there are fewer
- * distinct vectors than cells); KT_StsNoMem.
- */
+ * distinct vectors than cells); KT_StsNoMem. */
 KTL_API KTCodebook* KTsMakeCodebook(float** ppVectors, int* pLabels, int nVectors, int nDim,
                                     int nSize, int flags);
 KTL_API KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVectors, int nDim,
                                     int nSize, int flags);
 
-/* Quantises nVectors rows of nDim elements with a codebook of the same flavour.
+/* Quantises vectors.
+ *   pCodebook    a codebook of the same numeric form
+ *   ppVectors    nVectors rows of nDim elements
+ *   pIndex       receives nVectors words, each vector's cell; may be null
+ *   nVectors     number of rows
+ *   nDim         the codebook's; of shorter vectors the elements that exist are compared, of longer
+ *                ones as many as the codebook has
+ *   pDistortion  receives the mean distance of the vectors from their cells' centroids; 0 when
+ *                nVectors is 0 or less, of which there is no mean; may be null
  *
- * pIndex: nVectors words, each vector's cell; may be null. *pDistortion: the mean distance of
- * the vectors from their cells' centroids; 0 when nVectors is 0 or less, of which there is no
- * mean; may be null. nDim is the codebook's; of shorter vectors the elements that exist are
- * compared, of longer ones as many as the codebook has.
- *
- * Reports KT_StsBadArg, once for the call, when vectors reached no cell: their index is 0 and
- * they add nothing to the distortion. That is so for all of them when the codebook is null or of
- * the other flavour, or nDim is below 1. Both functions report under the name "KTsVQCodebook".
- */
+ * Reports KT_StsBadArg, once for the call, when vectors reached no cell: their index is 0 and they
+ * add nothing to the distortion. That is so for all of them when the codebook is null or of the
+ * other numeric form, or nDim is below 1. Both functions report under the name "KTsVQCodebook". */
 KTL_API void KTsVQCodebook(KTCodebook* pCodebook, float** ppVectors, int* pIndex, int nVectors,
                            int nDim, double* pDistortion);
 
-/* The fixed flavour: scaleMode is one of the library's scale modes, and pScale (null stands for
- * a word that holds 0) goes with it.
- *   KT_FixedScale  counts twice, in each distance and in the mean: a distance, truncated to an
- *                  integer, is shifted right by *pScale (left by -*pScale if that is negative)
- *                  before
- *                  it is compared and summed, and *pDistortion is the mean of such distances
- *                  times
- *                  2^-*pScale. Distances that the shift makes equal send a vector right.
- *   KT_AutoScale   distances are plain; *pDistortion fills 32 bits, and *pScale receives its
- *                  scale.
- *   any other      distances are plain; *pDistortion is truncated (KT_NoScale) or saturates (all
- *                  others); *pScale becomes 0.
- * *pDistortion is what KTdiConvertDown makes of the mean; where pDistortion is null *pScale is
- * not written. Distances saturate at 0x7FFFFFFF and are summed in double.
- */
+/* The same in fixed point. Distances saturate at 0x7FFFFFFF and are summed in double.
+ *   pDistortion  receives what KTdiConvertDown makes of the mean distance; may be null
+ *   scaleMode    the scale mode of distances and distortion
+ *                KT_FixedScale  counts twice, in each distance and in the mean: a distance,
+ *                               truncated to an integer, is shifted right by *pScale (left by
+ *                               -*pScale if that is negative) before it is compared and summed, and
+ *                               *pDistortion is the mean of such distances times 2^-*pScale.
+ *                               Distances that the shift makes equal send a vector right
+ *                KT_AutoScale   distances are plain; *pDistortion fills 32 bits, and *pScale
+ *                               receives its scale
+ *                any other      distances are plain; *pDistortion is truncated (KT_NoScale) or
+ *                               saturates (all others); *pScale becomes 0
+ *   pScale       goes with the mode; null stands for a word that holds 0. Not written where
+ *                pDistortion is null */
 KTL_API void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex, int nVectors,
                            int nDim, int* pDistortion, int scaleMode, int* pScale);
 
-/* Frees a codebook of either flavour; null is allowed. */
+/* Frees a codebook of either numeric form.
+ *   pCodebook  the codebook; null is allowed */
 KTL_API void KT_FreeCodebook(KTCodebook* pCodebook);
 
 /* ==== semicontinuous codebooks ================================================================ */
@@ -764,90 +781,102 @@ struct GaussMixServer;
  * form, which has to exist before such a model is made. Densities are Gaussian mixture servers
  * of one mixture; the codebook takes private copies. */
 
-/* Makes the thread's codebook of nSymbols densities from nVectors labelled vectors of nDim
- * elements: density q is built from the vectors with label q and inverted. Labels count from 0,
- * while KTsMakeCodebook numbers its cells from 1: subtract 1. A label that no vector has gives a
- * density of not-a-numbers; under KT_GAUSS_FULL such a density is singular. flags: KT_GAUSS_FULL,
- * KT_GAUSS_NORMALIZE. The fixed form stores means at meanScale and inverse covariances at
- * invCovScale. An existing codebook is left alone. Reports KT_StsNoMem, and KT_StsBadArg for a
- * label with fewer than two vectors under KT_GAUSS_FULL (not where nDim is 1: a single element is
- * not tested so). Any other singular covariance leaves the thread without a codebook, silently. */
+/* Makes the thread's codebook from labelled vectors: density q is built from the vectors with label
+ * q and inverted. An existing codebook is left alone.
+ *   ppVectors    nVectors rows of nDim elements
+ *   pLabels      nVectors labels, from 0 to nSymbols - 1. KTsMakeCodebook numbers its cells from 1:
+ *                subtract 1. A label that no vector has gives a density of NaN; under KT_GAUSS_FULL
+ *                such a density is singular
+ *   nVectors     number of rows
+ *   nDim         elements per row
+ *   nSymbols     number of densities
+ *   flags        KT_GAUSS_FULL, KT_GAUSS_NORMALIZE
+ *   meanScale    fixed point: the scale at which means are stored
+ *   invCovScale  fixed point: the scale at which inverse covariances are stored
+ * Reports KT_StsNoMem, and KT_StsBadArg for a label with fewer than two vectors under KT_GAUSS_FULL
+ * (not where nDim is 1: a single element is not tested so). Any other singular covariance leaves
+ * the thread without a codebook, silently. */
 KTL_API void KTsMakeSemicontCodebook(float** ppVectors, const int* pLabels, int nVectors, int nDim,
                                      int nSymbols, int flags);
 KTL_API void KTwMakeSemicontCodebook(short** ppVectors, const int* pLabels, int nVectors, int nDim,
                                      int nSymbols, int flags, int meanScale, int invCovScale);
 
-/* Sets the thread's codebook from nSymbols densities over vectors of nQuant elements; the
- * servers stay the caller's. flags is not looked at. Returns 1, or -1 when there is a codebook
- * already (free it first), when a server is null, of the other form or of fewer dimensions, or
- * when memory ran out. A density whose copy was reported as out of memory, like any negative
- * status that stood before, leaves the codebook empty; the result is 1 then too: look at
- * KTGetStatus. */
+/* Sets the thread's codebook from densities.
+ *   ppServers  nSymbols servers of one mixture each; they stay the caller's
+ *   nSymbols   number of densities
+ *   nQuant     elements of a vector
+ *   flags      not looked at
+ * Returns 1, or -1 when there is a codebook already (free it first), when a server is null, of the
+ * other numeric form or of fewer dimensions, or when memory ran out. A density whose copy was
+ * reported as out of memory, like any negative status that stood before, leaves the codebook empty;
+ * the result is 1 then too: look at KTGetStatus. */
 KTL_API int KTsInitSemicontCodebook(struct GaussMixServer** ppServers, int nSymbols, int nQuant,
                                     int flags);
 KTL_API int KTwInitSemicontCodebook(struct GaussMixServer** ppServers, int nSymbols, int nQuant,
                                     int flags);
 
-/* Releases the thread's codebook with its densities: 1; -1 when there is none, or while the
+/* Releases the thread's codebook with its densities. Returns 1; -1 when there is none, or while the
  * thread's status is negative. */
 KTL_API int KTsFreeSemicontCodebook(void);
 KTL_API int KTwFreeSemicontCodebook(void);
 
 /* Float to fixed and fixed to float. Only an empty source is accepted: one that holds densities
  * gives -1 and changes nothing. The target, released first if it holds any, becomes a codebook
- * without densities: 1. To take a codebook to the other form convert its densities with
- * KTswConvertGaussMixServer and hand them to the Init function. */
+ * without densities; the result is 1. To take a codebook to the other numeric form convert its
+ * densities with KTswConvertGaussMixServer and hand them to the Init function.
+ *   weightScale, meanScale, invCovScale  any; an empty codebook has nothing to scale */
 KTL_API int KTswConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale);
 KTL_API int KTwsConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale);
 
 /* ==== Kohonen quantiser ======================================================================= */
 
-/* The search step of a self-organising map (T. Kohonen, Self-Organized Formation of
- * Topologically Correct Feature Maps, 1982): the distances of one vector from all codes, and the
- * nearest ones. Nothing is allocated, checked or reported.
- *
- * pVector: nDim elements; ppCodes: nCodes rows of nDim elements. pDistances: nCodes words, the
- * distances in the order of the codes: squared ones, or Euclidean ones if bRoot is not 0. With
- * nCodes below 1 nothing is written.
- *
- * pIndices by nBest:
- *   0 or less  not touched, may be null;
- *   1          pIndices[0] is the nearest code, the first one of equals, and then pIndices[that
- *              code] is set to 0, so the
- *              array must reach that far: give it nCodes words;
- *   above 1    nCodes words: the nBest nearest in order of distance (at most nCodes - 1), then
- *              the other codes. At each
- *              place the first of the smallest that are left is exchanged with the code that
- *              stands there.
- * Distances are compared as 32-bit signed integers in both flavours.
+/* The search step of a self-organising map (T. Kohonen, Self-Organized Formation of Topologically
+ * Correct Feature Maps, 1982): the distances of one vector from all codes, and the nearest ones.
+ * Nothing is allocated, checked or reported.
+ *   pVector     nDim elements
+ *   ppCodes     nCodes rows of nDim elements
+ *   pDistances  receives nCodes words, the distances in the order of the codes
+ *   nDim        elements of a vector
+ *   nCodes      number of codes; below 1 nothing is written
+ *   pIndices    receives the order of the codes, by nBest
+ *               nBest 0 or less  not touched, may be null
+ *               nBest 1          pIndices[0] is the nearest code, the first one of equals, and then
+ *                                pIndices[that code] is set to 0, so the array must reach that far:
+ *                                give it nCodes words
+ *               nBest above 1    nCodes words: the nBest nearest in order of distance (at most
+ *                                nCodes - 1), then the other codes. At each place the first of the
+ *                                smallest that are left is exchanged with the code that stands
+ *                                there
+ *   nBest       how many of the nearest codes to find
+ *   bRoot       0: squared distances; any other: Euclidean ones
+ * Distances are compared as 32-bit signed integers in both numeric forms.
  *
  * Float: each squared distance is the sum of two sums in float, over the even and over the odd
  * elements. With nDim below 2, also 0 and below, it is the square of the difference of the first
- * elements, so there has to be one.
- */
+ * elements, so there has to be one. */
 KTL_API void KTsVQKohonen(const float* pVector, float** ppCodes, float* pDistances, int nDim,
                           int nCodes, int* pIndices, int nBest, int bRoot);
 
-/* Fixed: with scaleMode KT_AutoScale or KT_Saturate the exact squared distances, or their roots,
- * are rounded to float and converted by KTsibConvertDown with scaleMode and pScale. With any
- * other mode they are 32-bit sums, which wrap silently; roots are the truncated ones of the sums
- * read as unsigned. With KT_FixedScale they are shifted: right by *pScale from 1 up (31 and
- * above leave the sign), left by the low five bits of *pScale below 1, so -1 shifts left by 31.
- * pScale may be null, for a scale of 0.
- */
+/* Fixed point. With scaleMode KT_AutoScale or KT_Saturate the exact squared distances, or their
+ * roots, are rounded to float and converted by KTsibConvertDown. With any other mode they are
+ * 32-bit sums, which wrap silently; roots are the truncated ones of the sums read as unsigned.
+ *   scaleMode  the scale mode of the distances, as above; KT_FixedScale shifts them: right by
+ *              *pScale from 1 up (31 and above leave the sign), left by the low five bits of
+ *              *pScale below 1, so -1 shifts left by 31
+ *   pScale     goes with the mode; null stands for a scale of 0 */
 KTL_API void KTwVQKohonen(const short* pVector, short** ppCodes, int* pDistances, int nDim,
                           int nCodes, int* pIndices, int nBest, int bRoot, int scaleMode,
                           int* pScale);
 
 /* ==== Gaussian mixtures ======================================================================= */
 
-/* A mixture of nMix Gaussians in nDim dimensions: weights, means, and inverse covariances, full
- * or diagonal; 32-bit float or 16-bit fixed point. One block of memory, opaque to callers;
- * KTsFreeGaussMixServer frees it, in both flavours. A server serves one thread at a time, since
- * every evaluation writes into it; different servers may be used on different threads.
+/* A mixture of nMix Gaussians in nDim dimensions: weights, means, and inverse covariances, full or
+ * diagonal; 32-bit float or 16-bit fixed point. One block of memory, opaque to callers;
+ * KTsFreeGaussMixServer frees it, in both numeric forms. A server serves one thread at a time,
+ * since every evaluation writes into it; different servers may be used on different threads.
  *
- * The values are relative likelihoods: weight * exp(-q / 2), q being the quadratic form of
- * vector and mean. The power of 2 pi is left out everywhere, and the determinant enters with
+ * The values are relative likelihoods: weight * exp(-q / 2), q being the quadratic form of vector
+ * and mean. The power of 2 pi is left out everywhere, and the determinant enters with
  * KT_GAUSS_NORMALIZE only. */
 typedef struct GaussMixServer GaussMixServer;
 
@@ -866,22 +895,21 @@ typedef struct GaussMixServer GaussMixServer;
  *   pWeights       nMix weights; a weight of 0 keeps its mixture in the server, and evaluation
  *                  skips it
  *   ppMeans        nMix rows of nDim elements
- *   pppInverseCov  nMix tables of nDim rows of nDim elements, symmetric, both triangles; null
- *                  for a diagonal
- * server ppInverseCovD  nMix rows of nDim elements, the diagonals; null for a full server nDim,
- *                       nMix     1 or
- * more flags          KT_GAUSS_NORMALIZE or 0, other bits are ignored. Float: each weight that
- *                     evaluation
- * uses is multiplied by the root of the magnitude of its inverse covariance's determinant, 0 for
- * a singular
- * full matrix (a pivot below 1e-20). Fixed: only remembered scale          fixed flavour: a real
- * quadratic
- * form is the integer one * 2^scale. With means stored at meanScale and inverse covariances at
- * invCovScale that is 2 * meanScale + invCovScale Returns the server, which the caller frees, or
- * null. Reports -5 "One of InverseCov or InverseCovD must be NULL and the other non NULL"; -4
- * "insufficiency of memory for pointer ptr" for the block, also when it would exceed 2 GB, and
- * "insufficiency of memory for pointer  ptr2" for the thread's work table. nDim or nMix below 1,
- * or another array null, give null without a report. */
+ *   pppInverseCov  nMix tables of nDim rows of nDim elements, symmetric, both triangles; null for a
+ *                  diagonal server
+ *   ppInverseCovD  nMix rows of nDim elements, the diagonals; null for a full server
+ *   nDim, nMix     1 or more
+ *   flags          KT_GAUSS_NORMALIZE or 0, other bits are ignored. Float: each weight that
+ *                  evaluation uses is multiplied by the root of the magnitude of its inverse
+ *                  covariance's determinant, 0 for a singular full matrix (a pivot below 1e-20).
+ *                  Fixed: only remembered
+ *   scale          fixed point: a real quadratic form is the integer one * 2^scale. With means
+ *                  stored at meanScale and inverse covariances at invCovScale that is 2 * meanScale
+ *                  + invCovScale
+ * Returns the server, which the caller frees, or null. Reports -5 "One of InverseCov or InverseCovD
+ * must be NULL and the other non NULL"; -4 "insufficiency of memory for pointer ptr" for the block,
+ * also when it would exceed 2 GB, and "insufficiency of memory for pointer  ptr2" for the thread's
+ * work table. nDim or nMix below 1, or another array null, give null without a report. */
 KTL_API GaussMixServer* KTsInitGaussMixServer(const float* pWeights, float** ppMeans,
                                               float*** pppInverseCov, float** ppInverseCovD,
                                               int nDim, int nMix, int flags);
@@ -889,101 +917,122 @@ KTL_API GaussMixServer* KTwInitGaussMixServer(const short* pWeights, short** ppM
                                               short*** pppInverseCov, short** ppInverseCovD,
                                               int nDim, int nMix, int flags, int scale);
 
-/* Frees a server of either flavour; null is allowed. One function under two names. */
+/* Frees a server of either numeric form. One function under two names.
+ *   pServer  the server; null is allowed */
 KTL_API void KTsFreeGaussMixServer(GaussMixServer* pServer);
 KTL_API void KTwFreeGaussMixServer(GaussMixServer* pServer);
 
 /* Frees the calling thread's work tables, which full covariances and training grow and keep. */
 KTL_API void KTFreeGaussTbls(void);
 
-/* Writes a server of either flavour at the stream's position, as the tag "GAUS" and a 32-bit
- * little-endian image. The server is unchanged. Null arguments write nothing. Nothing is
- * reported: a failed write leaves the stream incomplete, and the stream's own error indicator is
- * all that tells. */
+/* Writes a server of either numeric form, as the tag "GAUS" and a 32-bit little-endian image. The
+ * server is unchanged. Null arguments write nothing.
+ *   pFile    the stream (KTOpenFile), written at its position
+ *   pServer  the server
+ * Nothing is reported: a failed write leaves the stream incomplete, and the stream's own error
+ * indicator is all that tells. */
 KTL_API void KTWriteGaussMixServer(FILE* pFile, GaussMixServer* pServer);
 
-/* Reads a server from the stream's position and leaves the stream right behind it. Returns the
- * server, which the caller frees, or null. The record stays as the file has it, but for
- * KT_GAUSS_BLOCK, which a float server gets and a fixed one loses. A stream that ends, another
- * tag, sizes that contradict each other, a fixed server without GAUSS_SERVER_FVR_W and a
- * KT_GAUSS_FULL that contradicts the stored covariance give null without a report and without a
- * change of the status. Reports -5 "One of InverseCov or InverseCovD must be NULL and the other
- * non NULL" when the record says so, and -4 "insufficiency of memory for pointer  ptr". Memory
- * is taken as data comes in, so a damaged size takes no more than the stream holds. */
+/* Reads a server. Returns it, for the caller to free, or null.
+ *   pFile  the stream (KTOpenFile), read from its position and left at the first byte after the
+ *          server
+ * The record stays as the file has it, but for KT_GAUSS_BLOCK, which a float server gets and a
+ * fixed one loses. A stream that ends, another tag, sizes that contradict each other, a fixed
+ * server without GAUSS_SERVER_FVR_W and a KT_GAUSS_FULL that contradicts the stored covariance give
+ * null without a report and without a change of the status. Reports -5 "One of InverseCov or
+ * InverseCovD must be NULL and the other non NULL" when the record says so, and -4 "insufficiency
+ * of memory for pointer  ptr". Memory is taken as data comes in, so a damaged size takes no more
+ * than the stream holds. */
 KTL_API GaussMixServer* KTReadGaussMixServer(FILE* pFile);
 
-/* The likelihood of pVector (nDim floats; nDim is the server's, and a larger one counts as that)
- * under a float server: the sum over mixtures of normalised weight * exp(-|q| / 2), exponents
- * rounded to float, sums in double. Mixtures whose weight is +0.0 contribute nothing. A raw
- * server is not refused, but its values mean nothing. Reports nothing; 0 for null and for a
- * fixed server. */
+/* The likelihood of a vector under a float server: the sum over mixtures of normalised
+ * weight * exp(-|q| / 2), exponents rounded to float, sums in double.
+ *   pServer  the server; a raw one is not refused, but its values mean nothing
+ *   pVector  nDim elements
+ *   nDim     the server's; a larger one counts as that
+ * Mixtures whose weight is +0.0 contribute nothing. Reports nothing; 0 for null and for a fixed
+ * server. */
 KTL_API double KTsEvalGaussMix(GaussMixServer* pServer, const float* pVector, int nDim);
 
-/* The same for a fixed server of two mixtures or more; the vector has the scale of the means.
- * Fixed point: the form of a diagonal server is summed as d * d * c in 32 bits and wraps
- * silently, so the caller's scales must keep it below 2^31; that of a full server is summed in
- * double and truncated to 32 bits. The exponentials have 30 fractional bits and an accuracy of
- * 0.1 per cent. Their products with the 16-bit weights are summed exactly in 64 bits, as S with
- * 30 fractional bits, and the result is KT_NoScale the low 32 bits of S >> 30; *pScale becomes 0
- * KT_FixedScale  the low 32 bits of S >> (30 + *pScale), from
- * *pScale of 2 on of its upper half, shifted on KT_AutoScale   30 significant bits of S, or all
- * it has;
- * *pScale receives the scale else           S >> 30, saturated to 32 bits; *pScale becomes 0 A
- * likelihood is
- * result * 2^*pScale, in units of the weights' scale. pScale may be null, which counts as 0. A
- * server of one mixture gives 0 and leaves *pScale alone, as do null and a float server. Reports
+/* The same for a fixed server of two mixtures or more; the vector has the scale of the means. A
+ * likelihood is result * 2^*pScale, in units of the weights' scale.
+ *   scaleMode  what becomes of S, the sum of the weighted exponentials with 30 fractional bits
+ *              KT_NoScale     the low 32 bits of S >> 30; *pScale becomes 0
+ *              KT_FixedScale  the low 32 bits of S >> (30 + *pScale), from *pScale of 2 on of its
+ *                             upper half, shifted on
+ *              KT_AutoScale   30 significant bits of S, or all it has; *pScale receives the scale
+ *              else           S >> 30, saturated to 32 bits; *pScale becomes 0
+ *   pScale     the scale of the result; null stands for a scale of 0
+ * Fixed point: the form of a diagonal server is summed as d * d * c in 32 bits and wraps silently,
+ * so the caller's scales must keep it below 2^31; that of a full server is summed in double and
+ * truncated to 32 bits. The exponentials have 30 fractional bits and an accuracy of 0.1 per cent.
+ * Their products with the 16-bit weights are summed exactly in 64 bits, as S.
+ *
+ * A server of one mixture gives 0 and leaves *pScale alone, as do null and a float server. Reports
  * nothing. */
 KTL_API int KTwEvalGaussMix(GaussMixServer* pServer, const short* pVector, int nDim, int scaleMode,
                             int* pScale);
 
-/* Inverts the matrices of a float server into a new one, covariances into inverse covariances
- * (or back). Diagonals element by element, full matrices by Gauss-Jordan elimination with column
- * pivots, in float. flags KT_GAUSS_NORMALIZE or 0. With it the weights of evaluation become
- * weight * sqrt(|det|) of the result (from a raw server) or weight * sqrt(|det|) of the source
- * (from one not marked raw) The result keeps the observation count and is not raw. Returns it,
- * the caller frees it; pServer stays the caller's. Null without a report when a density is
- * singular: an element or pivot below 1e-30, or a determinant below 1.38e-76; and for null and
- * fixed servers. Reports -4 "insufficiency of memory for pointer  ptr" for the new server, and
- * "insufficiency of memory for pointer  ptr2" for the thread's work table: in this one case
- * pServer is freed, before the report. */
+/* Inverts the matrices of a float server into a new one, covariances into inverse covariances (or
+ * back). Diagonals element by element, full matrices by Gauss-Jordan elimination with column
+ * pivots, in float.
+ *   pServer  the source; it stays the caller's
+ *   flags    KT_GAUSS_NORMALIZE or 0. With it the weights of evaluation become
+ *            weight * sqrt(|det|), det being the determinant of the result's matrices (from a raw
+ *            server) or of the source's (from one not marked raw)
+ * Returns the new server, which the caller frees; it keeps the observation count and is not raw.
+ * Null without a report when a density is singular: an element or pivot below 1e-30, or a
+ * determinant below 1.38e-76; and for null and fixed servers. Reports -4 "insufficiency of memory
+ * for pointer  ptr" for the new server, and "insufficiency of memory for pointer  ptr2" for the
+ * thread's work table: in this one case pServer is freed, before the report. */
 KTL_API GaussMixServer* KTsInvertGaussianCovMatrix(GaussMixServer* pServer, int flags);
 
-/* Estimates one Gaussian from nVectors (2 or more) rows of nDim elements: means and unbiased
- * covariances, from sums and sums of products in float (shorts are multiplied as 32-bit
- * integers). The result is a float server of one mixture of weight 1, marked KT_GAUSS_RAW:
- * KTsInvertGaussianCovMatrix makes it fit for evaluation. flags  KT_GAUSS_FULL for a full
- * covariance, or 0 for a diagonal one Returns the server, which the caller frees, or null after
- * the report -4 "insufficiency of memory for pointer  ptr". One vector gives infinities or
- * not-a-numbers, and so does none; nDim below 1 gives null without a report. */
+/* Estimates one Gaussian: means and unbiased covariances, from sums and sums of products in float
+ * (shorts are multiplied as 32-bit integers). The result is a float server of one mixture of weight
+ * 1, marked KT_GAUSS_RAW: KTsInvertGaussianCovMatrix makes it fit for evaluation.
+ *   ppVectors  nVectors rows of nDim elements
+ *   nVectors   2 or more; one vector gives infinities or NaN, and so does none
+ *   nDim       elements per row; below 1 gives null without a report
+ *   flags      KT_GAUSS_FULL for a full covariance, or 0 for a diagonal one
+ * Returns the server, which the caller frees, or null after the report -4 "insufficiency of memory
+ * for pointer  ptr". */
 KTL_API GaussMixServer* KTsBuildGaussMixServer(float** ppVectors, int nVectors, int nDim,
                                                int flags);
 KTL_API GaussMixServer* KTwBuildGaussMixServer(short** ppVectors, int nVectors, int nDim,
                                                int flags);
 
 /* Merges a further batch into an estimate: a new raw server that has, up to rounding, what one
- * build over all vectors would give, full or diagonal as pOld is. pOld, a raw float server of at
- * least nDim dimensions, is left as it is. Returns the server, which the caller frees; null when
- * the thread's status is negative after the batch was built (KTSetStatus(0) first if an earlier
- * failure left it so), for null and fixed servers and a larger nDim, and after the report -4
- * "insufficiency of memory for pointer  ptr" for the batch's server or the thread's work vector. */
+ * build over all vectors would give, full or diagonal as pOld is.
+ *   pOld       a raw float server of at least nDim dimensions; left as it is
+ *   ppVectors  the batch: nVectors rows of nDim elements
+ * Returns the server, which the caller frees; null when the thread's status is negative after the
+ * batch was built (KTSetStatus(0) first if an earlier failure left it so), for null and fixed
+ * servers and a larger nDim, and after the report -4 "insufficiency of memory for pointer  ptr" for
+ * the batch's server or the thread's work vector. */
 KTL_API GaussMixServer* KTsTrainGaussMixServer(GaussMixServer* pOld, float** ppVectors,
                                                int nVectors, int nDim);
 KTL_API GaussMixServer* KTwTrainGaussMixServer(GaussMixServer* pOld, short** ppVectors,
                                                int nVectors, int nDim);
 
-/* A fixed server from a float one, and back. A real value is stored * 2^scale going down; going
- * up an element becomes stored * 2^(-scale), so that what went down with the scale s comes back
- * with -s. One scale each for the weights, the means and all covariance elements. Down:
- * truncates toward zero and saturates at 32767 and -32767; the weights are those that evaluation
- * uses, the determinant factor included; the server's scale becomes 2 * meanScale + invCovScale.
- * Up: the weights become those of evaluation, and, from a server with KT_GAUSS_NORMALIZE, the
- * plain weights are restored by dividing by the root of the determinant unless that is 0. Both
- * keep the observation count and leave the source as it is. Return the new server, which the
- * caller frees, or null; null also for null. Reports, under the names
- * "KTswConvertGaussMixfServer" and "KTwsConvertGaussMixfServer": -5 "One of InverseCov or
+/* A fixed server from a float one, and back. A real value is stored * 2^scale going down; going up
+ * an element becomes stored * 2^(-scale), so that what went down with the scale s comes back with
+ * -s.
+ *   flser        the float server; left as it is
+ *   shser        the fixed server; left as it is
+ *   weightScale  one scale for all weights
+ *   meanScale    one scale for all means
+ *   invCovScale  one scale for all elements of covariances
+ * Down: truncates toward zero and saturates at 32767 and -32767; the weights are those that
+ * evaluation uses, the determinant factor included; the server's scale becomes 2 * meanScale +
+ * invCovScale. Up: the weights become those of evaluation, and, from a server with
+ * KT_GAUSS_NORMALIZE, the plain weights are restored by dividing by the root of the determinant
+ * unless that is 0. Both keep the observation count.
+ *
+ * Return the new server, which the caller frees, or null; null also for null. Reports, under the
+ * names "KTswConvertGaussMixfServer" and "KTwsConvertGaussMixfServer": -5 "One of InverseCov or
  * InverseCovD must be NULL and the other non NULL", "flser->flags&GAUSS_SERVER_FVR_W",
- * "shser->flags&GAUSS_SERVER_FVR_S"; under "KTsInitGaussMixServer": -4 "insufficiency of memory
- * for pointer  ptr", and for the determinant's copy "insufficiency of memory for pointer  ptr2". */
+ * "shser->flags&GAUSS_SERVER_FVR_S"; under "KTsInitGaussMixServer": -4 "insufficiency of memory for
+ * pointer  ptr", and for the determinant's copy "insufficiency of memory for pointer  ptr2". */
 KTL_API GaussMixServer* KTswConvertGaussMixServer(GaussMixServer* flser, int weightScale,
                                                   int meanScale, int invCovScale);
 KTL_API GaussMixServer* KTwsConvertGaussMixServer(GaussMixServer* shser, int weightScale,
