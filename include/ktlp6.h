@@ -73,28 +73,29 @@ extern "C" {
 
 /* ==== context and errors ====================================================================== */
 
-/* Status codes. 0 means no error; negative values are errors, but for the two trace markers,
- * which tell the story of an error and never replace the stored status. The numbers between -8
- * and -20 are not used. */
-#define KT_StsOk 0           /* no error */
-#define KT_StsBacktrace (-1) /* trace marker: a caller reports that a callee has already failed */
-/* a failure without a better class, for example a file that could not be read */
-#define KT_StsUnknownErr (-2)
+/* Status codes. 0 means no error; negative values are errors, but for the two trace markers, which
+ * tell the way of an error through the callers and never replace the stored status. The numbers
+ * between -8 and -20 are not used. */
+#define KT_StsOk 0             /* no error */
+#define KT_StsBacktrace (-1)   /* trace marker: a callee has already failed, a caller tells so */
+#define KT_StsUnknownErr (-2)  /* a failure without a better class, such as an unreadable file */
 #define KT_StsBadState (-3)    /* an object is in a state in which the operation cannot run */
 #define KT_StsNoMem (-4)       /* memory ran out */
 #define KT_StsBadArg (-5)      /* an argument was refused */
-#define KT_StsUnsupported (-6) /* no such operation in this flavour */
+#define KT_StsUnsupported (-6) /* no such operation for this object */
 #define KT_StsNoConverge (-7)  /* an iteration ended without converging */
 #define KT_StsAutotrace (-8)   /* trace marker: a call is traced */
 #define KT_StsOverflow (-20)   /* numeric overflow */
 #define KT_StsUnderflow (-21)  /* numeric underflow */
 
-/* Error modes, per thread: what a handler does with a report. */
-/* the default: the failure is reported where it happens, and the application is to end */
+/* Error modes, per thread: what a handler does with a report.
+ *   KT_ErrorModeLeaf    the default: the failure is reported where it happens, and the application
+ *                       is to end
+ *   KT_ErrorModeParent  report and continue; each caller on the way up may add a line of backtrace
+ *   KT_ErrorModeSilent  show nothing, only store the status */
 #define KT_ErrorModeLeaf 0
-/* report and continue; each caller on the way up may add a line of backtrace */
 #define KT_ErrorModeParent 1
-#define KT_ErrorModeSilent 2 /* show nothing, only store the status */
+#define KT_ErrorModeSilent 2
 
 /* Receives reports.
  *   status      what happened, a status code
@@ -413,11 +414,10 @@ KTL_API void KTsMelFiltering(KTMFCCFilters* filters, const float* pSpectrum, flo
 /* ==== front end: cepstra and liftering ======================================================== */
 
 /* Flags of the cepstrum, in any combination. */
-#define KT_CepsTimeInput 0x01 /* the input is samples; otherwise it is a magnitude spectrum */
-#define KT_CepsThreshold 0x04 /* values below the threshold are raised to it before the logarithm */
-/* filter, then take the logarithm; otherwise the logarithm comes first */
-#define KT_CepsFilterFirst 0x08
-#define KT_CepsZeroth 0x10 /* the output starts at coefficient 0; otherwise at coefficient 1 */
+#define KT_CepsTimeInput 0x01   /* the input is samples; otherwise it is a magnitude spectrum */
+#define KT_CepsThreshold 0x04   /* before the logarithm values are raised to the threshold */
+#define KT_CepsFilterFirst 0x08 /* filter, then logarithm; otherwise the logarithm comes first */
+#define KT_CepsZeroth 0x10      /* the output starts at coefficient 0; otherwise at coefficient 1 */
 
 /* Mel-frequency cepstrum of one frame: spectrum, floor, log10, mel filters, orthonormal DCT-II.
  *   filters  the bank; it fixes the length of the frame, N = 2^fftOrder. Null: nothing is done or
@@ -623,11 +623,10 @@ KTL_API int KTwPatternsNumber(void);
 
 /* ==== dynamic time warping: evaluation ======================================================== */
 
-/* delta counts as 0: paths join the first frames and the last frames */
-#define KT_DTW_FIXED_ENDS 0x01
+/* Flags of the evaluation. */
+#define KT_DTW_FIXED_ENDS 0x01    /* delta counts as 0: paths join the first and the last frames */
 #define KT_DTW_USE_THRESHOLD 0x40 /* threshold is used */
-/* local distance: sum of magnitudes; otherwise the root of the sum of squares */
-#define KT_DTW_NORM_L1 0x80
+#define KT_DTW_NORM_L1 0x80 /* local distance: sum of magnitudes; otherwise root of the squares */
 
 /* Compares a test utterance with stored patterns by dynamic time warping (F. Itakura, Minimum
  * Prediction Residual Principle Applied to Speech Recognition, 1975). Each test frame takes one
@@ -703,11 +702,10 @@ KTL_API int KTwReadDTWPattern(FILE* pFile);
  */
 typedef struct KTCodebook KTCodebook;
 
-#define KT_CB_EUCLID 0x004 /* Euclidean distance; the only one, and required */
-/* split the leaf with most members next; it wins over the other flag */
-#define KT_CB_SPLIT_LARGEST 0x100
-/* split the leaf whose two farthest members are farthest apart next */
-#define KT_CB_SPLIT_WIDEST 0x200
+/* Flags of training: the distance, and which leaf is split next. */
+#define KT_CB_EUCLID 0x004        /* Euclidean distance; the only one, and required */
+#define KT_CB_SPLIT_LARGEST 0x100 /* the leaf with most members; wins over the other flag */
+#define KT_CB_SPLIT_WIDEST 0x200  /* the leaf whose two farthest members are farthest apart */
 
 /* Trains a codebook.
  *   ppVectors  nVectors rows of nDim elements
@@ -882,14 +880,13 @@ typedef struct GaussMixServer GaussMixServer;
 
 /* Flags of a server. Callers pass KT_GAUSS_NORMALIZE and KT_GAUSS_FULL; the others are the
  * library's. */
-#define GAUSS_SERVER_FVR_W 0x10 /* fixed flavour */
-#define GAUSS_SERVER_FVR_S 0x20 /* float flavour */
-/* weights are multiplied by the root of the inverse covariance's determinant */
-#define KT_GAUSS_NORMALIZE 0x80
-#define KT_GAUSS_FULL 0x100       /* full inverse covariance */
-#define KT_GAUSS_DIAGONAL 0x200   /* diagonal inverse covariance */
-#define KT_GAUSS_RAW 0x1000       /* the matrices are covariances, not yet inverted */
-#define KT_GAUSS_BLOCK 0x40000000 /* left on a float server by the file reader */
+#define GAUSS_SERVER_FVR_W 0x10 /* a fixed server */
+#define GAUSS_SERVER_FVR_S 0x20 /* a float server */
+#define KT_GAUSS_NORMALIZE 0x80 /* weights times the root of the inverse covariance's determinant */
+#define KT_GAUSS_FULL 0x100     /* full inverse covariance */
+#define KT_GAUSS_DIAGONAL 0x200 /* diagonal inverse covariance */
+#define KT_GAUSS_RAW 0x1000     /* the matrices are covariances, not yet inverted */
+#define KT_GAUSS_BLOCK 0x40000000 /* set on a float server by the file reader */
 
 /* Makes a server from arrays, which are copied and stay the caller's.
  *   pWeights       nMix weights; a weight of 0 keeps its mixture in the server, and evaluation
@@ -1040,59 +1037,68 @@ KTL_API GaussMixServer* KTwsConvertGaussMixServer(GaussMixServer* shser, int wei
 
 /* ==== hidden Markov models: registry and classes ============================================== */
 
-/* A hidden Markov model lives inside the library as a "server" and is known to its thread by an
- * id, 1 or greater, the lowest that is free. One kind of record serves three flavours of output
- * (discrete symbols, one Gaussian mixture per state, weights over a codebook of densities shared
- * by all semicontinuous models), two numeric forms (float, fixed point) and two domains
- * (probabilities, costs). A cost is -log10 of a probability: larger is less likely. The
+/* A hidden Markov model lives inside the library as a "server" and is known to its thread by an id,
+ * 1 or greater, the lowest that is free. One kind of record serves three output kinds (discrete:
+ * symbols; continuous: one Gaussian mixture per state; semicontinuous: weights over a codebook of
+ * densities shared by all semicontinuous models), two numeric forms (float, fixed point) and two
+ * domains (probabilities, costs). A cost is -log10 of a probability: larger is less likely. The
  * algorithms are those of L. R. Rabiner, A Tutorial on Hidden Markov Models and Selected
  * Applications in Speech Recognition, 1989. */
 
 /* Status word of a server, as KTGetHMMParm gives it. The two domain bits are also the `flags` of
  * the Init functions; the library sets all others. */
 #define KT_HMM_LOGARITHMIC 0x00000001u    /* data are costs */
-#define KT_HMM_EXPONENTIAL 0x00000002u    /* data are probabilities (float form only) */
-#define HMM_SERVER_SHORT 0x00000010u      /* fixed-point form */
-#define HMM_SERVER_FLOAT 0x00000020u      /* float form */
+#define KT_HMM_EXPONENTIAL 0x00000002u    /* data are probabilities (float alone) */
+#define HMM_SERVER_SHORT 0x00000010u      /* fixed point */
+#define HMM_SERVER_FLOAT 0x00000020u      /* float */
 #define HMM_SERVER_TILED 0x00000100u      /* transitions are stored in tiles of four targets */
 #define HMM_SERVER_TRIANGULAR 0x00001000u /* left-to-right model, found from the matrix */
-/* transitions to the same state and the next two alone, found from it */
-#define HMM_SERVER_BANDED 0x00002000u
-#define HMM_SERVER_SEMICONT 0x00200000u /* semicontinuous flavour */
-#define HMM_SERVER_CONT 0x00400000u     /* continuous flavour */
-#define HMM_SERVER_DISCRETE 0x00800000u /* discrete flavour */
-#define HMM_SERVER_OWNS_MIXTURES 0x40000000u
+#define HMM_SERVER_BANDED 0x00002000u     /* transitions only to the same state and the next two */
+#define HMM_SERVER_SEMICONT 0x00200000u   /* semicontinuous outputs */
+#define HMM_SERVER_CONT 0x00400000u       /* continuous outputs */
+#define HMM_SERVER_DISCRETE 0x00800000u   /* discrete outputs */
+#define HMM_SERVER_OWNS_MIXTURES 0x40000000u /* mixtures are the model's own */
 
 /* Modes of KTSetHMMMode: whether a converting operation releases its source server (the default)
  * or leaves it. */
 #define KT_HMM_REPLACE 0x04000000
 #define KT_HMM_KEEP 0x08000000
 
-#define HMM_LOG_ZERO 0x1FFFFF /* the fixed-point cost of zero probability */
-#define HMM_TOPOLOGY_ZERO_COST                                                                     \
-    30.0f /* float costs from here on are no transition when a matrix is classified */
+/* The fixed-point cost of zero probability. */
+#define HMM_LOG_ZERO 0x1FFFFF
+
+/* Where a matrix is classified, float costs from here on are no transition. */
+#define HMM_TOPOLOGY_ZERO_COST 30.0f
 
 /* Chooses what KTsLogHMMServer, KTsExpHMMServer and the conversions do with their source on this
- * thread. KT_HMM_REPLACE wins when both are given; a value with neither changes nothing. */
+ * thread.
+ *   mode  KT_HMM_REPLACE or KT_HMM_KEEP; KT_HMM_REPLACE wins when both are given, and a value with
+ *         neither changes nothing */
 KTL_API void KTSetHMMMode(int mode);
 
-/* What a server is: each pointer may be null. nSymbols is the alphabet's size or the number of
- * codebook densities, nQuant the length of an observation vector (continuous, semicontinuous),
- * scale the power of two of fixed costs (real value = stored * 2^scale). Returns 0, or -1 for an
- * unknown id, with nothing written. Reports nothing. */
+/* What a server is. Each pointer may be null.
+ *   id        the server's id
+ *   nStates   receives the number of states
+ *   nSymbols  receives the alphabet's size or the number of codebook densities
+ *   nQuant    receives the length of an observation vector (continuous, semicontinuous)
+ *   scale     receives the scale of fixed costs (real value = stored * 2^scale)
+ *   status    receives the status word
+ * Returns 0, or -1 for an unknown id, with nothing written. Reports nothing. */
 KTL_API int KTGetHMMParm(int id, int* nStates, int* nSymbols, int* nQuant, int* scale, int* status);
 
-/* A class is a set of servers of one flavour, form and domain, evaluated together: the
+/* A class is a set of servers of one output kind, numeric form and domain, evaluated together: the
  * evaluation functions take the negated class id in place of a server's. It does not own its
  * members; a released server leaves all classes.
+ *   classId  the id of a class
+ *   hmm      the id of a server
  *
- * KTCreateHMMClass returns the new id, 1 or greater, the lowest free one; -1 when memory ran
- * out. KTDeleteHMMClass frees the class and leaves its members alone: 1, or -1 for an unknown
- * id. KTAddHMMToClass returns 1 when the server is a member afterwards, -1 for an unknown id,
- * when memory ran out, or, after
- *   the report KT_StsBadArg "wrong class for HMM server", when it is of another kind than the
- *   class's first member was.
- * KTRemoveHMMFromClass returns 1, also when the server was no member, or -1 for an unknown id. */
+ * KTCreateHMMClass returns the new id, 1 or greater, the lowest free one; -1 when memory ran out.
+ * KTDeleteHMMClass frees the class and leaves its members alone: 1, or -1 for an unknown id.
+ *
+ * KTAddHMMToClass returns 1 when the server is a member afterwards, -1 for an unknown id, when
+ * memory ran out, or, after the report KT_StsBadArg "wrong class for HMM server", when its output
+ * kind, numeric form or domain is not that of the class's first member. KTRemoveHMMFromClass
+ * returns 1, also when the server was no member, or -1 for an unknown id. */
 KTL_API int KTCreateHMMClass(void);
 KTL_API int KTDeleteHMMClass(int classId);
 KTL_API int KTAddHMMToClass(int classId, int hmm);
@@ -1102,24 +1108,29 @@ KTL_API int KTRemoveHMMFromClass(int classId, int hmm);
 
 struct GaussMixServer;
 
-/* Creation. trans[i][j] is the transition from state i to state j, initial[i] the initial value
- * of state i, out[i][k] the output of symbol (or the weight of density) k in state i:
- * probabilities or costs as `flags` says (weights of densities are always plain). All arrays are
- * copied and stay the caller's; so are the mixture servers, one for each state, of which the
- * model takes private copies. nStates and nSymbols are at least 1.
+/* Creation. All arrays are copied and stay the caller's; so are the mixture servers, of which the
+ * model takes private copies. Values are probabilities or costs as `flags` says.
+ *   trans     nStates rows of nStates elements: trans[i][j] is the transition from state i to state
+ *             j
+ *   out       nStates rows of nSymbols elements: out[i][k] is the output of symbol k in state i, or
+ *             the weight of density k there (weights of densities are always plain)
+ *   initial   nStates elements, the initial values
+ *   mixtures  nStates mixture servers, one for each state
+ *   nStates   number of states, 1 or more
+ *   nSymbols  size of the alphabet, or number of densities, 1 or more
+ *   nQuant    length of an observation vector
+ *   flags     float: KT_HMM_LOGARITHMIC (also when 0 is given) or KT_HMM_EXPONENTIAL; fixed:
+ *             KT_HMM_LOGARITHMIC or 0 (values without a domain)
+ *   scale     the scale of fixed costs, which are 16-bit values; 0x7FFE and 0x7FFF mean zero
+ *             probability
  *
- * flags: float forms take KT_HMM_LOGARITHMIC (also when 0 is given) or KT_HMM_EXPONENTIAL; fixed
- * forms KT_HMM_LOGARITHMIC or 0 (values without a domain). Fixed costs are 16-bit values at
- * `scale`; 0x7FFE and 0x7FFF mean zero probability.
- *
- * The result is the new id, or a negative value: -1 for wrong flags, missing arrays, "nStates<1"
- * or, of a discrete model, "nSymbols<1" (each KT_StsBadArg), when memory ran out for the server
- * or a mixture, and when the thread's status is negative. Memory that runs out for the
- * transitions, outputs or initial values alone is not told: the id then belongs to a server of
- * status 0 without states, which evaluates to the failure value. Semicontinuous forms, which
- * need this thread's codebook of the same numeric form first, also -2 (there is none), -3
- * (nSymbols is not its number of densities), -4 (nQuant is not its vectors' length), each with
- * the report KT_StsBadArg. */
+ * Returns the new id, or a negative value: -1 for wrong flags, missing arrays, "nStates<1" or, of a
+ * discrete model, "nSymbols<1" (each KT_StsBadArg), when memory ran out for the server or a
+ * mixture, and when the thread's status is negative. Memory that runs out for the transitions,
+ * outputs or initial values alone is not told: the id then belongs to a server of status 0 without
+ * states, which evaluates to the failure value. Semicontinuous models need this thread's codebook
+ * of the same numeric form first; they also give -2 (there is none), -3 (nSymbols is not its number
+ * of densities) and -4 (nQuant is not its vectors' length), each with the report KT_StsBadArg. */
 KTL_API int KTwInitHMMServer(const short* const* trans, const short* const* out,
                              const short* initial, int nStates, int nSymbols, int flags);
 KTL_API int KTsInitHMMServer(const float* const* trans, const float* const* out,
@@ -1137,8 +1148,8 @@ KTL_API int KTsInitSemicontHMMServer(const float* const* trans, const float* con
                                      const float* initial, int nStates, int nSymbols, int nQuant,
                                      int flags);
 
-/* Releases a server, with its private mixtures, and takes it out of every class. An unknown id
- * does nothing. */
+/* Releases a server, with its private mixtures, and takes it out of every class.
+ *   id    the server's id; an unknown one does nothing */
 KTL_API void KTFreeHMMServer(int id);
 
 /* Releases everything that the thread holds of this family: servers, classes, both
@@ -1146,25 +1157,29 @@ KTL_API void KTFreeHMMServer(int id);
  * call it by itself. */
 KTL_API void KTHMMFreeAll(void);
 
-/* A server of its own with the same contents, in no class: its id, or -1 for an unknown id or
- * when memory ran out. Under a negative status of the thread the copy is released again; the id,
- * which then belongs to nothing, is returned. */
+/* Makes a server of its own with the same contents, in no class.
+ *   hmm   the source's id
+ * Returns the new id, or -1 for an unknown id or when memory ran out. Under a negative status of
+ * the thread the copy is released again; the id, which then belongs to nothing, is returned. */
 KTL_API int KTCopyHMMServer(int hmm);
 
 /* A server's parameters in the shape in which the Init functions take them, by source state: the
- * inverse of creation. Every array may be null, and so may single rows of a table: what is null
- * is not delivered.
+ * inverse of creation. Every array may be null, and so may single rows of a table: what is null is
+ * not delivered. Elements are float for a float server, short for a fixed one.
+ *   hmm          the server's id
+ *   initial      receives nStates elements
+ *   trans        nStates pointers to rows that receive nStates elements
+ *   out          discrete models alone: nStates pointers to rows that receive nSymbols elements
+ *   semicontOut  semicontinuous models alone: the same, for the weights
+ *   mixtures     continuous models alone: nStates slots. Each one that is not null on entry is
+ *                overwritten with a new mixture server, which the caller frees with
+ *                KTsFreeGaussMixServer; with null, after a report, when memory ran out for it, and
+ *                from then on where the report's handler has released the server
  *
- * initial: nStates elements; trans: nStates pointers to rows of nStates; out (discrete models
- * alone) and semicontOut (semicontinuous ones alone): nStates pointers to rows of nSymbols;
- * float for a float server, short for a fixed one. Float values come as they are stored, costs
- * or probabilities. A transition that the model's topology does not store is 0.0 among
- * probabilities, the largest float among costs, and 0x7FFF in every fixed server. Fixed point:
- * stored values have 32 bits and are pinned to -0x7FFF and 0x7FFF, so that zero probability
- * comes back as 0x7FFF; weights have 16 bits and are copied. mixtures (continuous models alone):
- * nStates slots; each one that is not null on entry is overwritten with a new mixture server,
- * which the caller frees with KTsFreeGaussMixServer; null, after a report, when memory ran out
- * for it, and from then on where the report's handler has released the server.
+ * Float values come as they are stored, costs or probabilities. A transition that the model's
+ * topology does not store is 0.0 among probabilities, the largest float among costs, and 0x7FFF in
+ * every fixed server. Fixed point: stored values have 32 bits and are limited to -0x7FFF and
+ * 0x7FFF, so that zero probability comes back as 0x7FFF; weights have 16 bits and are copied.
  *
  * Returns 0, or -1 for an unknown id, with nothing written. Reports nothing of its own. */
 KTL_API int KTGetHMMProb(int hmm, void* initial, void** trans, void** out, void** semicontOut,
@@ -1172,16 +1187,18 @@ KTL_API int KTGetHMMProb(int hmm, void* initial, void** trans, void** out, void*
 
 /* ==== hidden Markov models: evaluation ======================================================== */
 
-/* Evaluation. `hmm` is a server's id, or the negated id of a class, whose members are scored by
- * ascending id; *pBest (may be null) receives the id of the best. nFrames is at least 1.
- *
- * Observations: discrete models take nFrames symbols, 0 .. nSymbols - 1; the others nFrames
- * pointers to frames of nQuant elements. A symbol outside the alphabet, a server of another
- * flavour or form, an id that does not exist, a negative status of the thread, or memory that
- * ran out end the call with the failure value, in silence. Semicontinuous operations need the
- * thread's codebook: with none, or one that does not agree with the server, they report
- * KT_StsBadArg ("_sSemicontCodebook->ccgPdfs==0", "nSymbols!=_sSemicontCodebook->nSymbols",
- * "nQuant!=_sSemicontCodebook->nQuant") and end with the failure value. */
+/* Evaluation of one server, or of a class, whose members are scored by ascending id.
+ *   hmm           a server's id, or the negated id of a class
+ *   observations  discrete models: nFrames symbols, 0 .. nSymbols - 1
+ *   frames        the others: nFrames pointers to frames of nQuant elements
+ *   nFrames       length of the sequence, 1 or more
+ *   pBest         receives the id of the best server; may be null
+ * A symbol outside the alphabet, a server of another output kind or numeric form, an id that does
+ * not exist, a negative status of the thread, or memory that ran out end the call with the failure
+ * value, in silence. Semicontinuous operations need the thread's codebook: with none, or one that
+ * does not agree with the server, they report KT_StsBadArg ("_sSemicontCodebook->ccgPdfs==0",
+ * "nSymbols!=_sSemicontCodebook->nSymbols", "nQuant!=_sSemicontCodebook->nQuant") and end with the
+ * failure value. */
 
 /* Forward: the total likelihood over all paths as a cost, -log10 P, of float servers in the
  * exponential domain (which is not tested). *pBest is set to 0 first; among equals it names the
@@ -1193,14 +1210,15 @@ KTL_API float KTsEvalContHMMForward(int hmm, const float* const* frames, int nFr
 KTL_API float KTsEvalSemicontHMMForward(int hmm, const float* const* frames, int nFrames,
                                         int* pBest);
 
-/* Viterbi: the cost of the best path of servers in the logarithmic domain (which is not tested);
- * among equals *pBest names the last server, and it is written only when a server is scored. The
+/* Viterbi: the cost of the best path of servers in the logarithmic domain (which is not tested).
+ * Among equals *pBest names the last server, and it is written only when a server is scored. The
  * failure value is the largest float, or 0x7FFFFFFF.
  *
  * The fixed-point operations return integers at the server's scale (value = stored * 2^scale).
  * Costs are 32-bit sums that wrap: a path of impossible steps adds 2 * HMM_LOG_ZERO a frame.
- * scaleMode KT_FixedScale shifts the result by *pScale, right when it is positive and left when
- * it is negative, without saturation; any other mode sets *pScale to 0. pScale may be null: 0. */
+ *   scaleMode  KT_FixedScale shifts the result by *pScale, right when it is positive and left when
+ *              it is negative, without saturation; any other mode sets *pScale to 0
+ *   pScale     goes with the mode; null stands for a scale of 0 */
 KTL_API float KTsEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest);
 KTL_API float KTsEvalContHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest);
 KTL_API float KTsEvalSemicontHMMViterbi(int hmm, const float* const* frames, int nFrames,
@@ -1214,106 +1232,118 @@ KTL_API int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int n
 
 /* ==== hidden Markov models: transforms and files ============================================== */
 
-/* Transforms. Each makes a new server and returns its id, in no class; the source is released,
- * or stays, as KTSetHMMMode says. -1 for an unknown id, when memory ran out (in silence), and
- * after a KT_StsBadArg report where one is named.
+/* Transforms. Each makes a new server and returns its id, in no class; the source is released, or
+ * stays, as KTSetHMMMode says. -1 for an unknown id, when memory ran out (in silence), and after a
+ * KT_StsBadArg report where one is named.
+ *   hmm   the source's id
  *
  * KTsExpHMMServer turns costs into probabilities, KTsLogHMMServer probabilities into costs, of
  * float servers: initial values, transitions and the outputs of discrete models; weights of
  * densities and mixtures are the same in both domains. The topology stays what it is. Refused:
  * "!(ser->status&HMM_SERVER_FLOAT)", "!(ser->status&KT_HMM_LOGARITHMIC)",
- * "!(ser->status&KT_HMM_EXPONENTIAL)". Probability 0 becomes an infinite cost; a cost of 30
- * becomes 1e-30. When memory runs out while transitions are being rewritten, a copy of the
- * source stays registered, of which only the initial values have been transformed. */
+ * "!(ser->status&KT_HMM_EXPONENTIAL)". Probability 0 becomes an infinite cost; a cost of 30 becomes
+ * 1e-30. When memory runs out while transitions are being rewritten, a copy of the source stays
+ * registered, of which only the initial values have been transformed. */
 KTL_API int KTsExpHMMServer(int hmm);
 KTL_API int KTsLogHMMServer(int hmm);
 
 /* Numeric form: KTswConvertHMMServer makes a fixed server from a float one, KTwsConvertHMMServer
  * the reverse. Both take servers of costs: KT_HMM_EXPONENTIAL is refused with
- * "ser->status&KT_HMM_EXPONENTIAL" (under the name KTswConvertHMMServer in both). A server that
- * is not of the form converted from gives -1 in silence. The last three scales go to
- * KTswConvertGaussMixServer and KTwsConvertGaussMixServer for each state of a continuous model
- * and mean nothing for others; where one of them leaves the thread's status negative, the result
- * is -1.
+ * "ser->status&KT_HMM_EXPONENTIAL" (under the name KTswConvertHMMServer in both). A server that is
+ * not of the form converted from gives -1 in silence.
+ *   scale  of initial values, transitions and outputs. Down: it becomes the server's scale. Up:
+ *          give the negated scale of the way down; the new server's scale is 0
+ *   weightScale, meanScale, invCovScale  go to KTswConvertGaussMixServer and
+ *          KTwsConvertGaussMixServer for each state of a continuous model and mean nothing for
+ *          others; where one of them leaves the thread's status negative, the result is -1
  *
- * Down: x becomes x * 2^(-scale), truncated toward zero, and `scale` becomes the server's scale.
- * x of 0x1FFFFF * 2^(-scale) or more (the unscaled x, compared with the scaled limit) becomes
- * HMM_LOG_ZERO, x below its negative -HMM_LOG_ZERO; what passes and leaves 32 bits becomes the
- * most negative integer. Weights of densities have the limit 32767 * 2^(-scale) and keep the low
- * 16 bits of the same words: beyond the limit 1.0 becomes -1 and -1.0 becomes 1. A banded model
- * with an odd number of states loses its transition from state 0 to state 2. Up: give the
- * negated scale of the way down. An integer of 0x7FFF or more (HMM_LOG_ZERO among them) becomes
- * the largest float, one of -0x7FFF or less its negative, any other v the float v * 2^(-scale).
- * The new server's scale is 0. */
+ * Down: x becomes x * 2^(-scale), truncated toward zero. x of 0x1FFFFF * 2^(-scale) or more (the
+ * unscaled x, compared with the scaled limit) becomes HMM_LOG_ZERO, x below its negative
+ * -HMM_LOG_ZERO; what passes and leaves 32 bits becomes the most negative integer. Weights of
+ * densities have the limit 32767 * 2^(-scale) and keep the low 16 bits of the same words: beyond
+ * the limit 1.0 becomes -1 and -1.0 becomes 1. A banded model with an odd number of states loses
+ * its transition from state 0 to state 2.
+ *
+ * Up: an integer of 0x7FFF or more (HMM_LOG_ZERO among them) becomes the largest float, one of
+ * -0x7FFF or less its negative, any other v the float v * 2^(-scale). */
 KTL_API int KTswConvertHMMServer(int hmm, int scale, int weightScale, int meanScale,
                                  int invCovScale);
 KTL_API int KTwsConvertHMMServer(int hmm, int scale, int weightScale, int meanScale,
                                  int invCovScale);
 
-/* The orders (KTsMaxOrder) of a model's parts, by which scales for KTswConvertHMMServer are
- * chosen. Each pointer may be null; an unknown id writes nothing. *pOrder: the largest among
- * initial values, transitions and, for a discrete model, outputs; costs above 40.0 (above
- * 0x10000
- *   in a fixed server) count as 0.
- * The others are written for continuous and semicontinuous models alone: the largest order of
- * the weights, the means and the inverse covariances, of the states' mixtures or of the thread's
- * codebook of the server's form (weights: of the server itself); -0x7FFFFFFF where there is
- * nothing. KT_StsNoMem, "insufficiency of memory for pointer  buff" ("bufs" for a fixed server),
- * when there is no scratch for the comparison of costs; nothing is written then. The scratch
- * stays until KTHMMFreeAll. */
+/* The orders (KTsMaxOrder) of a model's parts, by which scales for KTswConvertHMMServer are chosen.
+ * Each pointer may be null; an unknown id writes nothing.
+ *   hmm            the server's id
+ *   pOrder         receives the largest order among initial values, transitions and, for a discrete
+ *                  model, outputs; costs above 40.0 (above 0x10000 in a fixed server) count as 0
+ *   pWeightsOrder  receives the largest order of the weights, of the states' mixtures or,
+ *                  semicontinuous, of the server itself
+ *   pMeansOrder    receives the largest order of the means, of the states' mixtures or of the
+ *                  thread's codebook of the server's numeric form
+ *   pVarsOrder     receives the largest order of the inverse covariances, of the same
+ * The last three are written for continuous and semicontinuous models alone, with -0x7FFFFFFF where
+ * there is nothing. KT_StsNoMem, "insufficiency of memory for pointer  buff" ("bufs" for a fixed
+ * server), when there is no scratch for the comparison of costs; nothing is written then. The
+ * scratch stays until KTHMMFreeAll. */
 KTL_API void KTGetHMMScales(int hmm, int* pOrder, int* pWeightsOrder, int* pMeansOrder,
                             int* pVarsOrder);
 
-/* Files: one server after the other on a binary stream, each a header of 16 bytes with a name,
- * the record, and the arrays as they are stored, all as a 32-bit little-endian image that every
- * build reads and writes alike. Nothing is converted: form and domain come back as they were.
- * The semicontinuous codebook is not in the file.
+/* Files: one server after the other on a binary stream, each a header of 16 bytes with a name, the
+ * record, and the arrays as they are stored, all as a 32-bit little-endian image that every build
+ * reads and writes alike. Nothing is converted: numeric form and domain come back as they were. The
+ * semicontinuous codebook is not in the file.
+ *   stream  the stream (KTOpenFile), at the server's position
+ *   hmm     the id of the server to write; an unknown one writes nothing
+ *   name    written: at most 12 characters, or null; further ones are dropped. Read: room for 12
+ *           characters, or null; receives the name in the file, with its terminator unless it has
+ *           12 characters, and is filled even where what follows cannot be read
  *
- * KTWriteHMMServer: name is at most 12 characters, or null; further ones are dropped. An unknown
- * id writes nothing. A write that comes up short ends the operation in silence and leaves the
- * file incomplete. Continuous models: a negative status of the thread after a mixture gives a
+ * KTWriteHMMServer: a write that comes up short ends the operation in silence and leaves the file
+ * incomplete. Continuous models: a negative status of the thread after a mixture gives a
  * KT_StsBacktrace report, and the writing stops unless the handler returns 0.
  *
- * KTReadHMMServer: the id of a new server that stands on the stream's position, its tag and
- * status as they are on file, or -1 for everything that is not one, whole and consistent (the
- * project's docs/reliability.md lists what that is), and when memory ran out; nothing is
- * registered then. It reports nothing itself; the mixtures' reader may. name (room for 12
- * characters, or null) receives the name in the file, with its terminator unless it has 12
- * characters; it is filled even where what follows can't be read. A status of the thread that is
- * negative at the end releases the new server; its id is returned all the same. The caller frees
- * with KTFreeHMMServer. */
+ * KTReadHMMServer returns the id of a new server, its tag and status as they are on file, which the
+ * caller frees with KTFreeHMMServer. It returns -1 for everything that is not a server, whole and
+ * consistent (the project's docs/reliability.md lists what that is), and when memory ran out;
+ * nothing is registered then. It reports nothing itself; the mixtures' reader may. A status of the
+ * thread that is negative at the end releases the new server; its id is returned all the same. */
 KTL_API void KTWriteHMMServer(FILE* stream, int hmm, const char* name);
 KTL_API int KTReadHMMServer(FILE* stream, char* name);
 
 /* ==== hidden Markov models: training ========================================================== */
 
-/* Baum-Welch re-estimation from several observation sequences (L. R. Rabiner, A Tutorial on
- * Hidden Markov Models and Selected Applications in Speech Recognition, 1989; L. E. Baum et al.,
- * A Maximization Technique Occurring in the Statistical Analysis of Probabilistic Functions of
- * Markov Chains, 1970). `hmm` is the id of one float server of the operation's flavour in the
- * exponential domain (which is not tested); class ids are refused. The server is never changed:
- * the result is the id of a new one, which KTFreeHMMServer releases.
+/* Baum-Welch re-estimation from several observation sequences (L. R. Rabiner, A Tutorial on Hidden
+ * Markov Models and Selected Applications in Speech Recognition, 1989; L. E. Baum et al., A
+ * Maximization Technique Occurring in the Statistical Analysis of Probabilistic Functions of Markov
+ * Chains, 1970).
+ *   hmm             the id of one float server of the operation's output kind in the exponential
+ *                   domain (which is not tested); class ids are refused. The server is never
+ *                   changed
+ *   ppObservations  discrete models: nSequences rows; row q holds pFrames[q] symbols, 0 .. nSymbols
+ *                   - 1
+ *   pppFrames       the others: nSequences tables; pppFrames[q][t] is frame t, nQuant floats
+ *   pFrames         nSequences lengths
+ *   nSequences      number of sequences
+ *   maxIterations   iterations end after so many; below 1 stands for 1000
+ *   pTolerance      the goal: iterations end when the greatest change of a parameter falls below
+ *                   *pTolerance where that is above 0, otherwise below 1e-6. On success it receives
+ *                   the last change, so that comparing it with the goal tells whether the training
+ *                   converged. May be null
  *
- * nSequences sequences; pFrames[q] is the length of sequence q. Discrete: ppObservations[q]
- * holds that many symbols, 0 .. nSymbols - 1. The others: pppFrames[q][t] is frame t, nQuant
- * floats. A sequence that the model cannot produce, one with a symbol outside the alphabet and
- * an empty one have no influence. States that are never visited keep their transitions and
- * outputs; probabilities below 1e-20 become 0, and zeros stay zeros.
+ * A sequence that the model cannot produce, one with a symbol outside the alphabet and an empty one
+ * have no influence. States that are never visited keep their transitions and outputs;
+ * probabilities below 1e-20 become 0, and zeros stay zeros.
  *
- * Iterations end when the greatest change of a parameter falls below the goal, *pTolerance where
- * that is above 0, otherwise 1e-6, or after maxIterations (below 1: 1000). pTolerance may be
- * null; on success it receives the last change, so that comparing it with the goal tells whether
- * the training converged.
+ * Finite data give finite models. Values beyond the floats in the only frame of a sequence leave it
+ * without influence, as they do in longer ones. Where backward variables, products or sums leave
+ * the doubles or floats, occupancies come from the forward variables alone, which takes several
+ * times as long; what is then still no finite float (with numbers that are no probabilities) keeps
+ * the value before.
  *
- * Finite data give finite models. Values beyond the floats in the only frame of a sequence leave
- * it without influence, as they do in longer ones. Where backward variables, products or sums
- * leave the doubles or floats, occupancies come from the forward variables alone, which takes
- * several times as long; what is then still no finite float (with numbers that are no
- * probabilities) keeps the value before.
- *
- * -1: no such server, a server of another flavour or form, or memory ran out; everything made on
- * the way is released then. Nothing is reported, except by the mixture servers that continuous
- * training makes, which report KT_StsNoMem.
+ * Returns the id of a new server, which KTFreeHMMServer releases; -1: no such server, a server of
+ * another output kind or numeric form, or memory ran out; everything made on the way is released
+ * then. Nothing is reported, except by the mixture servers that continuous training makes, which
+ * report KT_StsNoMem.
  *
  * Discrete. Re-estimates start values, transitions and outputs; all of them enter the change. */
 KTL_API int KTsTrainHMMBaumWelch(int hmm, const int* const* ppObservations, const int* pFrames,
@@ -1348,35 +1378,38 @@ KTL_API int KTsTrainSemicontHMMBaumWelch(int hmm, const float* const* const* ppp
 
 /* ==== multilayer perceptrons ================================================================== */
 
-/* Feed-forward networks with one weighted layer after the other, in two flavours of one shape:
- * 32-bit float weights and data, or 16-bit weights, 32-bit net sums and 16-bit outputs. Servers
- * are opaque and own their memory. They hold scratch, so a server serves one thread at a time;
+/* Feed-forward networks with one weighted layer after the other, in two numeric forms of one shape:
+ * 32-bit float weights and data, or 16-bit weights, 32-bit net sums and 16-bit outputs. Servers are
+ * opaque and own their memory. They hold scratch, so a server serves one thread at a time;
  * different servers may be used on different threads.
  *
  * nLayers counts the input layer. pCounts[0] is the number of inputs and pCounts[l], l from 1 to
  * nLayers - 1, the number of neurons of layer l. Tables of layers are indexed by l - 1:
- * pppWeights[l - 1][j] is the row of neuron j of layer l, one weight per output of layer l - 1.
- * A neuron's net sum is the inner product of its row and those outputs; its output is the
- * activation of that.
+ * pppWeights[l - 1][j] is the row of neuron j of layer l, one weight per output of layer l - 1. A
+ * neuron's net sum is the inner product of its row and those outputs; its output is the activation
+ * of that.
  *
  * Sparse networks name the inputs of each neuron: row j of layer l has ppConnCounts[l - 1][j]
  * weights, and pppConnections[l - 1][j][i] is the index, in layer l - 1, of input i. They are
  * evaluated, but neither trained nor written to files. A dense network described as a sparse one
  * scores the same, and where the dense evaluation stops short the sparse one goes on:
- * - A connection may name any of the pCounts[0] inputs. Those from nInputs on count as 0; they
- *   are not read, and neither is anything outside the caller's array. The dense form looks at
- *   the first nInputs weights of a row only.
+ * - A connection may name any of the pCounts[0] inputs. Those from nInputs on count as 0; they are
+ *   not read, and neither is anything outside the caller's array. The dense evaluation looks at the
+ *   first nInputs weights of a row only.
  * - Every index is checked once, by the Init.
- * - Thresholds, with or without KT_MLP_THRESHOLD, play no part, unlike in the dense form.
- * - Float evaluation takes memory in each call and can fail for the want of it; the dense form
- *   cannot. */
+ * - Thresholds, with or without KT_MLP_THRESHOLD, play no part, unlike in a dense network.
+ * - Float evaluation takes memory in each call and can fail when there is none; that of a dense
+ *   network cannot. */
 typedef struct sMLPServer sMLPServer;
 typedef struct wMLPServer wMLPServer;
 
-/* Activations and derivatives of a layer: n elements from pIn to pOut. Training calls those of
- * an application with n = 1, and derivatives with the neuron's output, not its net sum. Fixed:
- * an input stands for pIn[i] * 2^(-inScale), and a result r is to be stored as r *
- * 2^(-outScale). */
+/* Activations and derivatives of a layer. Training calls those of an application with n = 1, and
+ * derivatives with the neuron's output, not its net sum.
+ *   pIn       n elements
+ *   pOut      receives n elements
+ *   n         number of elements
+ *   inScale   fixed point: an input stands for pIn[i] * 2^(-inScale)
+ *   outScale  fixed point: a result r is to be stored as r * 2^(-outScale) */
 typedef void (*KTMLPActivationFn)(const float* pIn, float* pOut, int n);
 typedef void (*KTMLPFixedActivationFn)(const int* pIn, short* pOut, int n, int inScale,
                                        int outScale);
@@ -1389,20 +1422,24 @@ typedef void (*KTMLPFixedActivationFn)(const int* pIn, short* pOut, int n, int i
 /* Makes a server. Weights, connections, counts and functions are copied, and the caller's arrays
  * can go at once.
  *   pppWeights      rows as above; only the live weights are read
- *   pppConnections, ppConnCounts  both null for a dense network
- *   pCounts         nLayers widths, 0 or more; nLayers of 1 gives a network without weights
- *   pActivation, pDerivative  nLayers - 1 functions each; with KT_MLP_SIGMOID or KT_MLP_ABS
- *                             ignored and may be null
+ *   pppConnections  as above; null for a dense network
+ *   ppConnCounts    as above; null for a dense network
+ *   pCounts         nLayers widths, 0 or more
+ *   pActivation     nLayers - 1 functions; with KT_MLP_SIGMOID or KT_MLP_ABS ignored and may be
+ *                   null
+ *   pDerivative     nLayers - 1 functions; with KT_MLP_SIGMOID or KT_MLP_ABS ignored and may be
+ *                   null
+ *   nLayers         number of layers, the input layer included; 1 gives a network without weights
  *   flags           KT_MLP_...
- *   weightScale     fixed: a weight is stored * 2^weightScale, -15 for weights in Q15
- *   pThresholds     one per neuron of all layers, in layer order, or null. NOT copied: the
- *                   vector stays the caller's, must
- *                   outlive the server, and what the caller changes in it changes the network
+ *   weightScale     fixed point: a weight is stored * 2^weightScale, -15 for weights in Q15
+ *   pThresholds     one per neuron of all layers, in layer order, or null. NOT copied: the vector
+ *                   stays the caller's, must outlive the server, and what the caller changes in it
+ *                   changes the network
  * Returns the server, freed by KT?FreeMLPServer, or null after a report: -4 "insufficiency of
- * memory for pointer pMLPserver" or "nomemory" (also for widths below 0, nLayers below 1 and
- * sizes beyond the address space), -5 "can't define type of activation and derivative function
- * to use" without a flag and with a function array missing, -5 "bad connections of a sparse
- * network" when pppConnections is missing or an index lies outside the layer before. */
+ * memory for pointer pMLPserver" or "nomemory" (also for widths below 0, nLayers below 1 and sizes
+ * beyond the address space), -5 "can't define type of activation and derivative function to use"
+ * without a flag and with a function array missing, -5 "bad connections of a sparse network" when
+ * pppConnections is missing or an index lies outside the layer before. */
 KTL_API sMLPServer* KTsInitMLPServer(float*** pppWeights, int*** pppConnections, int** ppConnCounts,
                                      const int* pCounts, const KTMLPActivationFn* pActivation,
                                      const KTMLPActivationFn* pDerivative, int nLayers, int flags,
@@ -1412,33 +1449,43 @@ KTL_API wMLPServer* KTwInitMLPServer(short*** pppWeights, int*** pppConnections,
                                      const KTMLPFixedActivationFn* pDerivative, int nLayers,
                                      int flags, int weightScale, const short* pThresholds);
 
-/* Frees a server, but not the thresholds; null is allowed. */
+/* Frees a server, but not the thresholds.
+ *   pServer  the server; null is allowed */
 KTL_API void KTsFreeMLPServer(sMLPServer* pServer);
 KTL_API void KTwFreeMLPServer(wMLPServer* pServer);
 
-/* Makes a weights table for a dense network of this shape, every weight being `value`: fill the
- * rows, hand it to KT?InitMLPServer, free it. Rows are padded to a multiple of 4 elements, and
- * the block begins on a 32-byte boundary. Returns the table, or null after the report -4
- * "nomemory". There is no random initialisation: a network that is to be trained wants rows that
- * differ. */
+/* Makes a weights table for a dense network: fill the rows, hand it to KT?InitMLPServer, free it.
+ *   pCounts  nLayers widths
+ *   nLayers  number of layers, the input layer included
+ *   value    what every weight is at first
+ * Rows are padded to a multiple of 4 elements, and the block begins on a 32-byte boundary. Returns
+ * the table, or null after the report -4 "nomemory". There is no random initialisation: a network
+ * that is to be trained wants rows that differ. */
 KTL_API float*** KTsSetWeightsStr(const int* pCounts, int nLayers, float value);
 KTL_API short*** KTwSetWeightsStr(const int* pCounts, int nLayers, short value);
 
-/* Frees a weights table; null is allowed. One function under two names. */
+/* Frees a weights table. One function under two names.
+ *   ppp   the table; null is allowed */
 KTL_API void KTsFreeWeightsStr(float*** ppp);
 KTL_API void KTwFreeWeightsStr(short*** ppp);
 
-/* Copies the pCounts[layer - 1] weights of one neuron out of a dense server, and into it.
- * `layer` counts from 1, `neuron` from 0. Nothing happens for a layer or a neuron that is not
- * there, and for a sparse server. */
+/* Copies the pCounts[layer - 1] weights of one neuron out of a dense server, and into it. Nothing
+ * happens for a layer or a neuron that is not there, and for a sparse server.
+ *   pServer  the server
+ *   layer    counts from 1
+ *   neuron   counts from 0
+ *   pDest    receives the weights
+ *   pSrc     the new weights */
 KTL_API void sMLPGetWeights(sMLPServer* pServer, int layer, int neuron, float* pDest);
 KTL_API void sMLPSetWeights(sMLPServer* pServer, int layer, int neuron, const float* pSrc);
 
-/* The logistic sigmoid 1 / (1 + exp(-x)), within a relative error of 3e-7: a table of
- * polynomials for x between -78 and 17, the formula from -104 to -78 and for 17, 1 above and 0
- * below. pOut may be pIn, here and in the three float functions that follow; where they overlap
- * otherwise, this one works upward from the first element, and those three downward from the
- * last. */
+/* The logistic sigmoid 1 / (1 + exp(-x)), within a relative error of 3e-7: a table of polynomials
+ * for x between -78 and 17, the formula from -104 to -78 and for 17, 1 above and 0 below.
+ *   pIn   n values
+ *   pOut  receives n values; may be pIn, here and in the three float functions that follow. Where
+ *         the arrays overlap otherwise, this one works upward from the first element, and those
+ *         three downward from the last
+ *   n     number of values */
 KTL_API void KTsSigmoidActivation(const float* pIn, float* pOut, int n);
 
 /* (1 - v) * v of the neuron's output v. */
@@ -1451,18 +1498,19 @@ KTL_API void KTsAbsActivation(const float* pIn, float* pOut, int n);
  * neuron's output, as it calls every derivative. */
 KTL_API void KTsAbsDerivative(const float* pIn, float* pOut, int n);
 
-/* The same in fixed point; scales as told at KTMLPFixedActivationFn. All work from the last
- * element to the first, and in double precision. pIn and pOut do not overlap.
+/* The same in fixed point. All work from the last element to the first, and in double precision.
+ * pIn and pOut do not overlap.
+ *   inScale   an input stands for pIn[i] * 2^(-inScale)
+ *   outScale  a result r is stored as r * 2^(-outScale)
+ *
  *   KTwSigmoidActivation  the formula; truncated and saturated to 16 bits, at any outScale. The
  *                         power of two of the input is that of a 32-bit integer, 1 << inScale,
- *                         with
- *                         counts modulo 32. With inScale 0 THE INPUT IS NOT READ: x is the
- *                         scaled
- *                         result of the element before, 0.0 for the last element, which comes
- *                         first.
+ *                         with counts modulo 32. With inScale 0 THE INPUT IS NOT READ: x is the
+ *                         scaled result of the element before, 0.0 for the last element, which
+ *                         comes first.
  *   KTwSigmoidDerivative  truncated, and not saturated: the low 16 bits
- *   KTwAbsActivation      the same; x is the low 16 bits of the input with their sign: larger
- *                         sums wrap
+ *   KTwAbsActivation      the same; x is the low 16 bits of the input with their sign: larger sums
+ *                         wrap
  *   KTwAbsDerivative      the same; the case is chosen by the sign of the whole 32 bits */
 KTL_API void KTwSigmoidActivation(const int* pIn, short* pOut, int n, int inScale, int outScale);
 KTL_API void KTwSigmoidDerivative(const int* pIn, short* pOut, int n, int inScale, int outScale);
@@ -1470,73 +1518,77 @@ KTL_API void KTwAbsActivation(const int* pIn, short* pOut, int n, int inScale, i
 KTL_API void KTwAbsDerivative(const int* pIn, short* pOut, int n, int inScale, int outScale);
 
 /* Evaluates a network.
- *   pInput    nInputs floats. nInputs, not pCounts[0], is the width of the first layer: with
- *             fewer, the rest of each row
- *             plays no part; more than pCounts[0] are not looked at
- *   pOutput   as many floats as the last layer has neurons, whatever nOutputs says
+ *   pServer   the network
+ *   pInput    nInputs floats
+ *   nInputs   the width of the first layer, in place of pCounts[0]: with fewer, the rest of each
+ *             row plays no part; more than pCounts[0] are not looked at
+ *   pOutput   receives as many floats as the last layer has neurons, whatever nOutputs says
+ *   nOutputs  not looked at
  * With KT_MLP_THRESHOLD the thresholds, if there are any, are subtracted from the net sums of a
- * dense network; a sparse one has none. A layer whose activation is null stores nothing. A
- * network of nLayers = 1 writes nothing. Products and sums are floats; a sum runs in 16 lanes,
- * column i in lane i % 16, which are then added as a tree. A dense server needs no memory and
- * cannot fail; a sparse one reports -4 "insufficiency of memory for pointer  outputPtr" and
- * leaves pOutput as it was. */
+ * dense network; a sparse one has none. A layer whose activation is null stores nothing. A network
+ * of nLayers = 1 writes nothing. Products and sums are floats; a sum runs in 16 lanes, column i in
+ * lane i % 16, which are then added as a tree. A dense server needs no memory and cannot fail; a
+ * sparse one reports -4 "insufficiency of memory for pointer  outputPtr" and leaves pOutput as it
+ * was. */
 KTL_API void KTsEvalMLPFeedForward(sMLPServer* pServer, const float* pInput, int nInputs,
                                    float* pOutput, int nOutputs);
 
-/* Evaluates a network in fixed point. Inputs, net sums and outputs of all layers have the scale
- * actScale: a value is stored * 2^actScale, -15 for Q15.
- *   pInput        nInputs words; nInputs as above
- *   pOutput       nOutputs words: that many results of the last layer, if it has them
- *   scaleMode     KT_FixedScale: results are brought from actScale to *pScaleFactor, by a shift
- *                 to the right that rounds
- *                 down, or one to the left that drops what goes beyond 16 bits. KT_NoScale:
- *                 *pScaleFactor becomes 0, and
- *                 results are shifted to the right by an actScale above 0, to the LEFT by the
- *                 low five bits of one below,
- *                 which for -15 leaves 0. Any other: *pScaleFactor becomes 0 and results are
- *                 copied
- *   pScaleFactor  may be null, which counts as 0
+/* Evaluates a network in fixed point.
+ *   pInput        nInputs words
+ *   pOutput       receives nOutputs words: that many results of the last layer, if it has them
+ *   nOutputs      number of results
+ *   scaleMode     how results are brought from actScale to the caller's scale
+ *                 KT_FixedScale  to *pScaleFactor, by a shift to the right that rounds down, or one
+ *                                to the left that drops what goes beyond 16 bits
+ *                 KT_NoScale     *pScaleFactor becomes 0, and results are shifted to the right by
+ *                                an actScale above 0, to the LEFT by the low five bits of one
+ *                                below, which for -15 leaves 0
+ *                 any other      *pScaleFactor becomes 0 and results are copied
+ *   pScaleFactor  goes with the mode; null stands for a scale of 0
+ *   actScale      the scale of inputs, net sums and outputs of all layers: a value is
+ *                 stored * 2^actScale, -15 for Q15
  * Fixed point: a product of a weight and an input, 32 bits, is shifted right by -weightScale
  * (modulo 32) before it is added, rounding down: (-1 * 1) >> 15 is -1. The 32-bit sums wrap.
  * Thresholds, 16 bits on the scale of the weights, are brought to actScale by a shift of
- * weightScale - actScale (to the left when positive) and subtracted with wrapping, as in the
- * float flavour and there too in dense networks only. The library's sigmoid saturates. With
- * actScale 0 it does not read the sums; see KTwSigmoidActivation. No failure. */
+ * weightScale - actScale (to the left when positive) and subtracted with wrapping, as in float and
+ * there too in dense networks only. The library's sigmoid saturates. With actScale 0 it does not
+ * read the sums; see KTwSigmoidActivation. No failure. */
 KTL_API void KTwEvalMLPFeedForward(wMLPServer* pServer, const short* pInput, int nInputs,
                                    short* pOutput, int nOutputs, int scaleMode, int* pScaleFactor,
                                    int actScale);
 
 /* Trains a dense float network in place by back-propagation with momentum, pattern by pattern.
- *   ppInputs       nPatterns rows of pCounts[0] floats, also when nInputs is smaller
- *   nInputs        the width of the first layer in the first error measure and for the first
- *                  pattern; from then on the
- *                  function takes the width of the LAST layer for it
- *   ppTargets      nPatterns rows of nOutputs floats; nOutputs is the width of the last layer
- *   learningRate, momentum  a weight changes by learningRate * delta * input + momentum * its
- *                           previous change
+ *   pServer         the network
+ *   ppInputs        nPatterns rows of pCounts[0] floats, also when nInputs is smaller
+ *   nPatterns       number of patterns
+ *   nInputs         the width of the first layer in the first error measure and for the first
+ *                   pattern; from then on the function takes the width of the LAST layer for it
+ *   ppTargets       nPatterns rows of nOutputs floats
+ *   nOutputs        the width of the last layer
+ *   learningRate    a weight changes by learningRate * delta * input + momentum * its previous
+ *                   change
+ *   maxEpochs       at most so many times through all patterns; 0 and below train nothing
  *   errorThreshold  training ends before an epoch when the error, the sum of the squared
- *                   differences of all outputs and
- *                  targets / (2 * nPatterns), is below it or within 1e-9 of it
- *   maxEpochs      at most so many times through all patterns; 0 and below train nothing
- *   pEpochs        receives the number of epochs run; may be null
+ *                   differences of all outputs and targets / (2 * nPatterns), is below it or within
+ *                   1e-9 of it
+ *   momentum        the share of the previous change, see learningRate
+ *   pEpochs         receives the number of epochs run; may be null
  *
  * What follows for users:
  * - A network whose first and last layers have the same width trains as expected. Where the last
  *   layer is narrower, only as many inputs as there are outputs are fed forward after the first
- *   pattern, so make the widths equal: give the network output neurons until there are as many
- *   as inputs, pad the targets of the further ones with a constant (0.5 is easy for a sigmoid),
- *   and leave their results out of account. Where it is wider, all inputs take part.
- * - With KT_MLP_THRESHOLD training takes each row's first weight as the threshold of its neuron
- *   and skips the first input, while evaluation, and with it the error, subtracts pThresholds.
- *   For a trained bias leave the flag off and give the network one more input, which is always
- *   1.
- * - Patterns come in their order, each epoch begins one pattern further on, and nothing is
- *   random: shuffle them before.
- * - The previous changes start at 0, except that where rows are padded (a width that is no
- *   multiple of 4) those of the last rows start at the weights themselves. With a momentum of 0
- *   that does not matter.
- * - The error of the last epoch is not measured: when *pEpochs is maxEpochs, evaluate to know
- *   it.
+ *   pattern, so make the widths equal: give the network output neurons until there are as many as
+ *   inputs, pad the targets of the further ones with a constant (0.5 is easy for a sigmoid), and
+ *   leave their results out of account. Where it is wider, all inputs take part.
+ * - With KT_MLP_THRESHOLD training takes each row's first weight as the threshold of its neuron and
+ *   skips the first input, while evaluation, and with it the error, subtracts pThresholds. For a
+ *   trained bias leave the flag off and give the network one more input, which is always 1.
+ * - Patterns come in their order, each epoch begins one pattern further on, and nothing is random:
+ *   shuffle them before.
+ * - The previous changes start at 0, except that where rows are padded (a width that is no multiple
+ *   of 4) those of the last rows start at the weights themselves. With a momentum of 0 that does
+ *   not matter.
+ * - The error of the last epoch is not measured: when *pEpochs is maxEpochs, evaluate to know it.
  *
  * Reports -6 "training of a sparse network is not supported"; -4 "insufficiency of memory for
  * pointer  pY", "... server2" (after the report of KTsInitMLPServer) and, as
@@ -1546,23 +1598,26 @@ KTL_API void KTsTrainMLPBackPropagation(sMLPServer* pServer, const float** ppInp
                                         float learningRate, int maxEpochs, float errorThreshold,
                                         float momentum, int* pEpochs);
 
-/* Writes a dense server at the stream's position: a header of 60 (float) or 64 bytes, the neuron
- * counts, the weights with their padding, 32-bit little-endian. Thresholds and functions of the
- * application are not stored: a network that is written with KT_MLP_THRESHOLD comes back without
- * thresholds, and one without KT_MLP_SIGMOID and KT_MLP_ABS does not come back. Reports -6 "a
- * sparse network cannot be written"; "input_output_error" as -4 for the header and the counts
- * and as -3 for the weights. Null arguments write nothing. */
+/* Writes a dense server: a header of 60 (float) or 64 bytes, the neuron counts, the weights with
+ * their padding, 32-bit little-endian.
+ *   stream   the stream (KTOpenFile), written at its position
+ *   pServer  the server
+ * Thresholds and functions of the application are not stored: a network that is written with
+ * KT_MLP_THRESHOLD comes back without thresholds, and one without KT_MLP_SIGMOID and KT_MLP_ABS
+ * does not come back. Reports -6 "a sparse network cannot be written"; "input_output_error" as -4
+ * for the header and the counts and as -3 for the weights. Null arguments write nothing. */
 KTL_API void KTsWriteMLPServer(FILE* stream, sMLPServer* pServer);
 KTL_API void KTwWriteMLPServer(FILE* stream, wMLPServer* pServer);
 
-/* Reads a server from the stream's position and leaves the stream right behind it. Returns the
- * server, which the caller frees, or null: without a report when the stream ends within the
- * header; after -5 "Bad sMLPServer identifier" (or wMLPServer); -4 "insufficiency of memory for
- * pointer  pMLPServer0. playerNeuronCounts"; -4 "nomemory" when the stream ends within the
- * counts, when memory does not suffice for the weights, or when the counts contradict each
- * other; -3 "input_output_error" when it ends within the weights; and what KT?InitMLPServer
- * reports. Memory is taken as data comes in, so damaged counts take no more than a few times
- * what the stream holds. */
+/* Reads a server. Returns it, for the caller to free, or null.
+ *   stream  the stream (KTOpenFile), read from its position and left at the first byte after the
+ *           server
+ * Null comes without a report when the stream ends within the header; after -5 "Bad sMLPServer
+ * identifier" (or wMLPServer); -4 "insufficiency of memory for pointer  pMLPServer0.
+ * playerNeuronCounts"; -4 "nomemory" when the stream ends within the counts, when memory does not
+ * suffice for the weights, or when the counts contradict each other; -3 "input_output_error" when
+ * it ends within the weights; and what KT?InitMLPServer reports. Memory is taken as data comes in,
+ * so damaged counts take no more than a few times what the stream holds. */
 KTL_API sMLPServer* KTsReadMLPServer(FILE* stream);
 KTL_API wMLPServer* KTwReadMLPServer(FILE* stream);
 
