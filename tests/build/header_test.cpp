@@ -41,22 +41,38 @@ std::vector<std::string> parametersOf(const std::string& list) {
     return names;
 }
 
-// "KTsLiftering: n" for each parameter that no comment above it in its section names at the head
-// of a row. A section begins with a banner.
+// From `start` to the end of the next `closing`.
+std::string upTo(const std::string& text, std::size_t start, const char* closing) {
+    return text.substr(start, text.find(closing, start) + std::string(closing).size() - start);
+}
+
+// Adds "KTsLiftering: n" for each parameter of a prototype that is no head.
+void addMissing(const std::string& prototype, const std::set<std::string>& heads,
+                std::vector<std::string>& missing) {
+    static const std::regex parts(R"((\w+)\(([^)]*)\);$)");
+    std::smatch match;
+    ASSERT_TRUE(std::regex_search(prototype, match, parts)) << prototype;
+    for (const std::string& name : parametersOf(match[2]))
+        if (!heads.contains(name)) missing.push_back(match[1].str() + ": " + name);
+}
+
+// The parameters that no comment above them in their section names at the head of a row. A section
+// begins with a banner.
 std::vector<std::string> unexplained(const std::string& header) {
-    static const std::regex piece(
-        R"(/\*[^*]*\*+(?:[^/*][^*]*\*+)*/|KTL_API\s[^;#(]*?(\w+)\s*\(([^;]*)\);)");
     std::vector<std::string> missing;
     std::set<std::string> heads;
-    for (std::sregex_iterator it(header.begin(), header.end(), piece), end; it != end; ++it) {
-        const std::string text = it->str();
-        if (text.rfind("/* ====", 0) == 0) {
+    for (std::size_t at = 0; at < header.size(); ++at) {
+        const bool startsLine = at == 0 || header[at - 1] == '\n';
+        if (header.compare(at, 7, "/* ====") == 0) {
             heads.clear();
-        } else if (text[0] == '/') {
-            addHeads(text, heads);
-        } else {
-            for (const std::string& name : parametersOf((*it)[2]))
-                if (!heads.contains(name)) missing.push_back((*it)[1].str() + ": " + name);
+        } else if (header.compare(at, 2, "/*") == 0) {
+            const std::string comment = upTo(header, at, "*/");
+            addHeads(comment, heads);
+            at += comment.size() - 1;
+        } else if (startsLine && header.compare(at, 8, "KTL_API ") == 0) {
+            const std::string prototype = upTo(header, at, ";");
+            addMissing(prototype, heads, missing);
+            at += prototype.size() - 1;
         }
     }
     return missing;
