@@ -1097,8 +1097,8 @@ KTL_API int KTGetHMMParm(int id, int* nStates, int* nSymbols, int* nQuant, int* 
  *
  * KTAddHMMToClass returns 1 when the server is a member afterwards, -1 for an unknown id, when
  * memory ran out, or, after the report KT_StsBadArg "wrong class for HMM server", when its output
- * kind, numeric form or domain is not that of the class's first member. KTRemoveHMMFromClass
- * returns 1, also when the server was no member, or -1 for an unknown id. */
+ * kind, numeric form or domain is not what that of the class's first member was.
+ * KTRemoveHMMFromClass returns 1, also when the server was no member, or -1 for an unknown id. */
 KTL_API int KTCreateHMMClass(void);
 KTL_API int KTDeleteHMMClass(int classId);
 KTL_API int KTAddHMMToClass(int classId, int hmm);
