@@ -1,10 +1,9 @@
 /* vsq.h - the signal kernels under ktlP6: transforms and vector operations.
  *
  * The kernels are a static library of their own, libvsq; libktlp6, shared or static, keeps its
- * kernels to itself, with caches and a status of their own. Each function checks its arguments
- * in the order given and reports a refusal through vsqError, which under the layer's settings,
- * that nothing can change, ends the process with exit code 1 and no text. So a caller checks
- * before it calls.
+ * kernels to itself, with caches and a status of their own. Each function checks its arguments in
+ * the order given and reports a refusal through vsqError. That ends the process with exit code 1
+ * and no text, and nothing can change it. So a caller checks before it calls.
  *
  * In names: s float, w 16-bit, c complex float (real and imaginary part interleaved), b block; a
  * digit is the number of array operands. Arrays need no alignment beyond their element's. Unless
@@ -98,12 +97,12 @@ void vsqsbMpy1(float val, float* dst, int n);
 void vsqsbMpy2(const float* src, float* dst, int n);
 
 /* vec[i] = natural logarithm of vec[i], within 2 units in the last place. 0 and -0 give minus
- * infinity (and are not refused), negative values and not-a-numbers a not-a-number, infinity
- * infinity. Refused: "len<=0", "vec==0". */
+ * infinity (and are not refused), negative values and NaN give NaN, infinity gives infinity.
+ * Refused: "len<=0", "vec==0". */
 void vsqsbLn1(float* vec, int len);
 
 /* vec[i] = e to the power vec[i], within 2 units in the last place; above 88.7228... infinity,
- * below -103.97 0, and between that and -87.34 the denormal results. Not-a-numbers stay.
+ * below -103.97 0, and between that and -87.34 the denormal results. NaN stays NaN.
  * Refused: "len<=0", "vec==0". */
 void vsqsbExp1(float* vec, int len);
 
@@ -118,9 +117,9 @@ void vsqsbSqrt2(const float* src, float* dst, int len);
 void vsqsbSqrt1(const float* src, float* dst, int len);
 
 /* relOp 0: every value below thresh becomes thresh; any other relOp: every value above it. The
- * bit patterns are compared: -0 lies below 0, a not-a-number outermost on the side of its sign
- * bit; and with a negative thresh only negative elements are ever replaced, so that relOp 1 then
- * lets positive values stand. Refused: "len<=0", "vec==0". */
+ * bit patterns are compared: -0 lies below 0, NaN outermost on the side of its sign bit; and with a
+ * negative thresh only negative elements are ever replaced, so that relOp 1 then lets positive
+ * values stand. Refused: "len<=0", "vec==0". */
 void vsqsbThresh1(float* vec, int len, float thresh, int relOp);
 
 /* vec[i] = 1 / vec[i], elements of magnitude below thresh counting as thresh with the element's
@@ -148,7 +147,7 @@ void vsqcbPowerSpectr(const float* src, float* spectr, int length);
 
 /* dst[i] = src[i] as a signed integer of wordSize bits, 8, 16 or 32. After rounding, a value
  * that does not fit becomes the most negative integer, or with VSQ_Saturate the nearer end of
- * the range; a not-a-number always the most negative one. dst holds len words and may be src.
+ * the range; NaN always the most negative one. dst holds len words and may be src.
  * Refused, status -5: "len<=0", "src==0", "dst==0", "flags is wrong" (any bit but those above),
  * "wordSize is wrong". */
 void vsqsbFloatToInt(const float* src, void* dst, int len, int wordSize, int flags);
@@ -177,7 +176,7 @@ double vsqsDotProd(const float* a, const float* b, int n);
 int vsqwDotProdExt(const short* a, const short* b, int n, int scaleMode, int* scaleFactor);
 
 /* Norms: exactly one of the first four; VSQ_NormRelative may stand beside it. */
-#define VSQ_NormMax 0x01      /* largest absolute value; not-a-numbers are passed over */
+#define VSQ_NormMax 0x01      /* largest absolute value; NaN is passed over */
 #define VSQ_NormSum 0x02      /* sum of absolute values */
 #define VSQ_NormRoot 0x04     /* square root of the sum of squares */
 #define VSQ_NormRelative 0x08 /* the norm of a - b divided by the norm of a */
@@ -221,20 +220,20 @@ void vsqsAutoCorr(const float* src, int n, float* dst, int nLags, int type);
  * the first call that needs it and then only read. Only a release asks for care: call it while
  * no other thread runs a transform. */
 
-/* Flags of the transforms. Exactly one of VSQ_Forw and VSQ_Inv, and exactly one of VSQ_RCPack
- * and VSQ_RCPerm.
- */
+/* Flags of the transforms. Exactly one of VSQ_Forw and VSQ_Inv, and exactly one of VSQ_RCPack and
+ * VSQ_RCPerm, which say how the spectrum is packed into N values:
+ *   VSQ_RCPack   X[0], re X[1], im X[1], ..., re X[N/2 - 1], im X[N/2 - 1], X[N/2]
+ *   VSQ_RCPerm   X[0], X[N/2], re X[1], im X[1], ..., re X[N/2 - 1], im X[N/2 - 1]
+ * VSQ_RoundMode0 and VSQ_RoundMode1 are for vsqwRealFftl only, and not both; results are truncated
+ * whichever is set. */
 #define VSQ_Forw 0x001 /* time to spectrum: X[k] = sum of x[n] exp(-2 pi i k n / N), not scaled */
 #define VSQ_Inv 0x002  /* spectrum to time, multiplied by 1 / N */
 #define VSQ_Init 0x004 /* only prepare the tables for this order */
 #define VSQ_Free 0x008 /* only release the tables for this order */
 #define VSQ_NoScale 0x010 /* VSQ_Inv without the factor 1 / N */
-#define VSQ_RCPack                                                                                 \
-    0x100 /* spectrum as X[0], re X[1], im X[1], ..., re X[N/2 - 1], im X[N/2 - 1], X[N/2] */
-#define VSQ_RCPerm                                                                                 \
-    0x200 /* spectrum as X[0], X[N/2], re X[1], im X[1], ..., re X[N/2 - 1], im X[N/2 - 1] */
-#define VSQ_RoundMode0                                                                             \
-    0x2000 /* vsqwRealFftl only, not both; results are truncated whichever is set */
+#define VSQ_RCPack 0x100
+#define VSQ_RCPerm 0x200
+#define VSQ_RoundMode0 0x2000
 #define VSQ_RoundMode1 0x4000
 
 /* The transform of N = 2^order reals, in place or from inSamps to outSamps (which may be the
@@ -249,7 +248,7 @@ void vsqsAutoCorr(const float* src, int n, float* dst, int nLags, int type);
  * made once more; then -4 "No working Twd memory". Method: a complex transform of N/2 points and
  * a split step; J. W. Cooley, P. A. W. Lewis, P. D. Welch, "The Fast Fourier Transform
  * Algorithm: Programming Considerations in the Calculation of Sine, Cosine and Laplace
- * Transforms", 1970; the radix passes order as they go, after T. G. Stockham (in W. T. Cochran
+ * Transforms", 1970; the radix passes sort as they go, after T. G. Stockham (in W. T. Cochran
  * et al., "What is the Fast Fourier Transform?", 1967). */
 void vsqsRealFftl(float* samps, int order, int flags);
 void vsqsRealFftlNip(const float* inSamps, float* outSamps, int order, int flags);
