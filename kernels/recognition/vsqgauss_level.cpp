@@ -1,3 +1,6 @@
+// Likelihoods of Gaussian mixtures, sums over training vectors, and Gauss-Jordan elimination.
+// Exponentials of all densities are taken together, and sums over vectors keep the vectors' order,
+// so that results do not depend on the register width.
 #include "recognition/vsqgauss_level.h"
 #include "recognition/quadratic_forms.h"
 #include "vectors/dot_product.h"

@@ -1,5 +1,5 @@
 // Inner loops of the Gaussian mixtures. "Padded rows" may be read to their n elements
-// rounded up to a multiple of 4; what stands behind the n does not count.
+// rounded up to a multiple of 4; what stands after the n does not count.
 #pragma once
 
 #include "levels/levelrecord.h"

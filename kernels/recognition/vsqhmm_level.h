@@ -31,7 +31,7 @@ struct HmmModel {
     const T* trans;
 };
 
-// Full and triangular models as their owner stores them. What lies a vector of hmmLanes behind the
+// Full and triangular models as their owner stores them. What lies a vector of hmmLanes after the
 // last element is readable.
 //   probabilities: for each source i = 0, 1, ... the targets 0 .. n - 1, or i .. n - 1 of a
 //   triangle

@@ -1,3 +1,6 @@
+// Forward and backward variables of a sequence, and the sums over frames that training forms of
+// them. Rows that run in the direction of the sums are fastest: models that are used often are
+// unpacked into both directions, others are read as they are stored.
 #include "recognition/vsqhmmtrain_level.h"
 #include "recognition/vsqhmm_range.h"
 #include "simd/pack.h"
@@ -16,8 +19,9 @@ VSQ_INLINE States none() {
     return splat<double, lanes>(0.0);
 }
 
-// --- reading and writing: rows may end within a group of lanes, and nothing behind them is touched
-// ---
+// --- reading and writing ---
+//
+// Rows may end within a group of lanes; nothing after them is touched.
 
 template <bool whole>
 VSQ_INLINE States widened(const float* p, int count) {
@@ -140,7 +144,7 @@ VSQ_INLINE FourStates sumOfEach(const States (&rows)[4]) {
     return lowHalves(first, second) + highHalves(first, second);
 }
 
-// Four sources' rows times the frame's outputs and values; sources behind the last one repeat it.
+// Four sources' rows times the frame's outputs and values; sources after the last one repeat it.
 template <bool triangular, bool padded>
 VSQ_INLINE FourStates leaving(const HmmStored& model, const float* outputs, const double* values,
                               int source) {
@@ -240,7 +244,7 @@ VSQ_INLINE int paddedTo8(int n) {
     return (n + lanes - 1) / lanes * lanes;
 }
 
-// Outputs of eight states; 0 behind the last one.
+// Outputs of eight states; 0 after the last one.
 VSQ_INLINE States outputsFrom(const float* outputs, int n, int j) {
     return j + lanes <= n ? widened<true>(outputs + j, 0) : widened<false>(outputs + j, n - j);
 }

@@ -1,3 +1,6 @@
+// Squared distances from a vector to many codes, and the winner. Float sums are formed as an even
+// and an odd one per code, the same at every level. Fixed-point sums are exact or wrap, in any
+// order.
 #include "recognition/vsqkohonen_level.h"
 #include "simd/pack.h"
 
@@ -93,7 +96,7 @@ VSQ_INLINE Squares squaresOf(const Words& a, const Words& b) {
 constexpr std::int16_t lastOnes[2 * group] = {0,  0,  0,  0,  0,  0,  0,  0,
                                               -1, -1, -1, -1, -1, -1, -1, -1};
 
-// The sum of the squares in words of type Sum. What is left behind whole groups is taken as the
+// The sum of the squares in words of type Sum. What is left after whole groups is taken as the
 // last whole group of the row, without the elements that have been taken already.
 template <class Sum>
 VSQ_INLINE Sum sumOfSquares(const short* a, const short* b, int nDim) {

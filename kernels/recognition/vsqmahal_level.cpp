@@ -1,3 +1,5 @@
+// Mahalanobis forms, one at a time and as panels: a panel gives each row of a codebook a lane and
+// adds in the order of the single form, so that both give the same bits.
 #include "recognition/vsqmahal_level.h"
 #include "recognition/quadratic_forms.h"
 

@@ -25,8 +25,8 @@ struct MelPlan {
 struct MelKernels {
     // out[row] = sum of spectrum[bin] * weight, in double: lane l of eight takes every eighth bin,
     // in ascending order, and the lanes are added as a tree. Says whether every result is a number:
-    // a weight of zero on an infinite bin or on a not-a-number gives a not-a-number in a row that
-    // does not know the bin.
+    // a weight of zero on an infinite bin or on a NaN gives a NaN in a row that does not know the
+    // bin.
     bool (*filter)(const MelPlan& plan, const float* spectrum, float* out);
 };
 VSQ_DECLARE_LEVELS(MelKernels, melKernels)

@@ -1,3 +1,6 @@
+// The sigmoid and the steps of perceptron training. The sigmoid is a polynomial per unit interval.
+// In fixed point a result that the polynomial's error leaves in doubt is computed again by the
+// formula, so that all results are those of the formula.
 #include "recognition/vsqmlp_level.h"
 #include "recognition/vsqmlp_table.h"
 #include "simd/pack.h"
@@ -118,7 +121,7 @@ VSQ_INLINE Doubles<N> mirrored(const Doubles<N>& value, const Floats<N>& x) {
     return selectNotBelowZero(x, splat<double, N>(1) - value, value);
 }
 
-// One element by the rules of its range. A not-a-number fails every comparison but the last one's
+// One element by the rules of its range. A NaN fails every comparison but the last one's
 // opposite and takes the formula, which keeps it.
 VSQ_INLINE float sigmoidOf(float x) {
     if (x > 17.0f) return 1.0f;

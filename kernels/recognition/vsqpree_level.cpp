@@ -1,3 +1,5 @@
+// Pre-emphasis in place, in overlapping blocks from the end to the start, so that every element is
+// filtered with its unfiltered predecessor. Fixed point goes through pair sums, which are exact.
 #include "recognition/vsqpree_level.h"
 #include "simd/pack.h"
 

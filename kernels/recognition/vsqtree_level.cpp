@@ -1,3 +1,6 @@
+// Loops of the tree codebook over float points: sides of planes, descents through a tree of planes,
+// and bounds for the farthest pair. What rounding leaves in doubt is said, not guessed; so sums may
+// have any order here.
 #include "recognition/vsqtree_level.h"
 #include "simd/pack.h"
 

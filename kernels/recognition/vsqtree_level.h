@@ -17,7 +17,7 @@ namespace vsq {
 // is computed with an error below margin = base + reach * (slope + reach * curve), which also
 // covers the rounding of the two distances themselves. v < -margin: R is nearer. v > margin + lead
 // + leadSlope * reach: L is nearer, by a whole unit where distances are truncated to integers.
-// Anything else, not-a-numbers included, is in doubt.
+// Anything else, NaNs included, is in doubt.
 struct Plane {
     float offset;
     float base, slope, curve;
@@ -40,7 +40,7 @@ struct PlaneTree {
 constexpr int pointBlock = 16;
 
 // Boxes around groups of points, in blocks of 16: for each coordinate k the 16 lower bounds at
-// block[32 * k] and the 16 upper ones behind them, and at block[32 * nDim] twice the largest
+// block[32 * k] and the 16 upper ones after them, and at block[32 * nDim] twice the largest
 // squared length of a group's points, seen from a mirror: a point in space that the caller has
 // chosen. An empty group has minus infinity there.
 constexpr int boxBlock = 16;

@@ -1,3 +1,6 @@
+// The cosine transform. Short lengths, and those that are no power of two up to a limit, are
+// products with a matrix; powers of two from 128 on go through the real Fourier transform. Tables
+// are made once for each form and length and found in lists without locks.
 #include "context/vsqmem.h"
 #include "levels/levels.h"
 #include "transforms/vsqffts.h"

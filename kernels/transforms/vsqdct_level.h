@@ -8,7 +8,7 @@ namespace vsq {
 // The direct form uses that cosines of even k are symmetric in j and those of odd k antisymmetric:
 // two products of half the size, with the sums and the differences of mirrored elements. `even` and
 // `odd` hold their matrices in rows of 16 results: for each row and each term 16 factors, zeros
-// behind the last result.
+// after the last result.
 struct DctMatrices {
     int n;
     const float* even; // for ceil(n / 2) results and terms
@@ -21,7 +21,7 @@ struct DctKernels {
     void (*inverse)(const float* src, float* dst, const DctMatrices& matrices);
 
     // The FFT form, n a power of two, 4 at least; the arrays do not overlap. `reorder` puts the
-    // even elements first and the odd ones behind them backwards; `restore` undoes it. `turn` makes
+    // even elements first and after them the odd ones backwards; `restore` undoes it. `turn` makes
     // the results from the spectrum of the reordered elements, packed with X[n/2] in element 1, and
     // `turnBack` the spectrum from the results. factors[k] and factors[n/2 + k] are sqrt(2/n)
     // cos(pi k / (2 n)) and sqrt(2/n) sin(pi k / (2 n)), with sqrt(1/n) for k = 0.

@@ -1,3 +1,5 @@
+// The float real transform: checks, tables, scratch and scaling. Scratch is on the stack as long as
+// it is small; when memory runs out, everything cached is released and the call tries once more.
 #include "transforms/vsqffts.h"
 
 #include "levels/levels.h"

@@ -1,3 +1,5 @@
+// The fixed-point real transform: the samples become floats, the float transform runs, and the
+// results are scaled and narrowed to 16 bits. So both numeric forms share tables and passes.
 #include "levels/levels.h"
 #include "transforms/vsqffts.h"
 
@@ -25,7 +27,7 @@ bool refusesArguments(const short* samps, int flags, int scaleMode, const int* s
 // --- results to 16 bits; both forms truncate toward zero and saturate ---
 
 // The smallest right shift, 0 or more, under which every value fits: |v| * 2^-shift below 32768,
-// where -32768 fits too. A not-a-number does not count; with an infinity the shift is that of the
+// where -32768 fits too. A NaN does not count; with an infinity the shift is that of the
 // largest float.
 int fittingShift(const float* values, std::ptrdiff_t n) {
     float highest = 0.0f, lowest = 0.0f;

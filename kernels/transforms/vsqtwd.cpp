@@ -1,3 +1,6 @@
+// The transforms' tables, one per order, built on first use and published by a compare-and-swap: no
+// lock, and a thread that loses the race frees its own copy. Also the working memory that calls
+// lend each other.
 #include "transforms/vsqtwd.h"
 
 #include "context/vsqcontext.h"

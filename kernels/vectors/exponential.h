@@ -45,7 +45,7 @@ VSQ_INLINE ReducedExp<lanes> reducedExp(const Pack<float, lanes>& x) {
 
 template <int lanes>
 VSQ_INLINE Pack<float, lanes> expOfAny(const Pack<float, lanes>& x) {
-    // Beyond these limits the results stay 0 and infinity. Not-a-numbers pass them, and all that
+    // Beyond these limits the results stay 0 and infinity. NaNs pass them, and all that
     // follows.
     const auto limited = larger(splat<float, lanes>(-104), smaller(splat<float, lanes>(89), x));
     const ReducedExp<lanes> reduced = reducedExp<lanes>(limited);

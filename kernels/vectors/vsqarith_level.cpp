@@ -1,3 +1,5 @@
+// Elementwise loops, left to the compiler: each element stands for itself, so that any register
+// width gives the same bits.
 #include "vectors/vsqarith_level.h"
 #include "simd/pack.h"
 

@@ -1,3 +1,6 @@
+// Autocorrelation: sums of a group of lags stay in registers while one stretch of the signal,
+// widened to double once, passes by. Each lag has its own order of additions, the same at every
+// level.
 #include "vectors/vsqcorr_level.h"
 #include "simd/pack.h"
 

@@ -1,3 +1,6 @@
+// Conversions in blocks of eight registers. Narrowing instructions saturate, so that only the few
+// values for which that is wrong are looked for. In place, blocks go upward or downward, so that no
+// element is read after a result has covered it.
 #include "vectors/vsqcvrts_level.h"
 #include "simd/pack.h"
 
@@ -91,7 +94,7 @@ VSQ_INLINE Pack<int, N> truncateTo(int, const Pack<T, N>& x) {
     return truncated(x);
 }
 
-// The smaller of limit and x is x for a not-a-number, which then truncates to the most negative
+// The smaller of limit and x is x for a NaN, which then truncates to the most negative
 // int.
 template <class T, int N>
 VSQ_INLINE Pack<short, N> clampTo(short, const Pack<T, N>& x) {

@@ -1,3 +1,5 @@
+// The inner product of 16-bit values, modulo 2^32: any order gives the same sum, so the compiler
+// arranges the loop.
 #include "vectors/vsqdotpw_level.h"
 #include "simd/pack.h"
 

@@ -1,3 +1,6 @@
+// Roots, thresholds, reciprocals and magnitudes, 16 floats at a time. Thresholds compare bit
+// patterns, not values. What is refused (a negative root, a zero divisor) is never computed, not
+// even in a lane that is thrown away, so that no floating-point exception is raised.
 #include "vectors/vsqmisc_level.h"
 #include "simd/pack.h"
 
@@ -92,7 +95,7 @@ bool reciprocal(float* vec, int n, float thresh) {
 }
 
 // Pairs are read in ascending runs into a buffer before anything is written, and so power and
-// magnitude work in place: dst[i] never lies behind the pair i, and the compiler may take the
+// magnitude work in place: dst[i] never lies after the pair i, and the compiler may take the
 // buffer apart from both arrays.
 constexpr int run = 128;
 

@@ -1,3 +1,5 @@
+// Sums and maxima for the norms. Floats: 16 double lanes and a tree, the same order at every level.
+// 16-bit values: exact integers, whose order does not matter, so the compiler arranges the loops.
 #include "vectors/vsqnorm_level.h"
 #include "simd/pack.h"
 
@@ -30,7 +32,7 @@ struct DifferencesOf {
     }
 };
 
-// Folds the values into 16 lanes; lanes behind the end see 0.
+// Folds the values into 16 lanes; lanes after the end see 0.
 template <class Values, class Fold>
 VSQ_INLINE Doubles folded(const Values& values, int n, const Fold& fold) {
     Doubles result = splat<double, lanes>(0);

@@ -11,7 +11,7 @@ namespace vsq {
 // Floats: differences, squares and sums in double, 16 lanes and a tree, the same order at every
 // level.
 struct NormKernels {
-    // largest magnitude; not-a-numbers count as 0
+    // largest magnitude; NaNs count as 0
     double (*largest)(const float* a, const float* b, int n);
     double (*sum)(const float* a, const float* b, int n);     // sum of magnitudes
     double (*squares)(const float* a, const float* b, int n); // sum of squares
