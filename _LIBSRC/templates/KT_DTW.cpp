@@ -94,7 +94,8 @@ class WorkArrays {
 public:
     // False when memory ran out.
     bool allocate(const Request& request, int maxColumns) {
-        rowLength = static_cast<std::ptrdiff_t>(maxColumns) + vsq::dtwRoomBefore + vsq::dtwRoomAfter;
+        rowLength =
+            static_cast<std::ptrdiff_t>(maxColumns) + vsq::dtwRoomBefore + vsq::dtwRoomAfter;
         cost = Scratch<float>(2 * rowLength);
         flat = Scratch<int>(2 * rowLength);
         bounds = Scratch<int>(2 * static_cast<std::ptrdiff_t>(request.nTest));
