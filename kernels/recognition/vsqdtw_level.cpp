@@ -221,6 +221,6 @@ double evaluate(const DtwGrid& grid) {
 
 } // namespace
 
-extern const DtwKernels dtwKernels{evaluate};
+extern const DtwKernels dtwKernels{.evaluate = evaluate};
 
 } // namespace vsq::VSQ_LEVEL

@@ -394,8 +394,18 @@ ScaledProduct determinant(float* const* a, int n) {
 
 } // namespace
 
-extern const GaussKernels gaussKernels{evaluateDiagonal, evaluateFull, formsW,    sumsS,     sumsW,
-                                       squaresS,         squaresW,     productsS, productsW, invert,
-                                       determinant};
+extern const GaussKernels gaussKernels{
+    .evaluateDiagonal = evaluateDiagonal,
+    .evaluateFull = evaluateFull,
+    .formsW = formsW,
+    .sumsS = sumsS,
+    .sumsW = sumsW,
+    .squaresS = squaresS,
+    .squaresW = squaresW,
+    .productsS = productsS,
+    .productsW = productsW,
+    .invert = invert,
+    .determinant = determinant,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -481,8 +481,15 @@ void storedPathInt(const HmmByTarget<int>& model, const int* const* rows, int nF
 
 } // namespace
 
-extern const HmmKernels hmmKernels{forwardFloat,    forwardDouble,      pathFloat,
-                                   pathInt,         storedForwardFloat, storedForwardDouble,
-                                   storedPathFloat, storedPathInt};
+extern const HmmKernels hmmKernels{
+    .forwardFloat = forwardFloat,
+    .forwardDouble = forwardDouble,
+    .pathFloat = pathFloat,
+    .pathInt = pathInt,
+    .storedForwardFloat = storedForwardFloat,
+    .storedForwardDouble = storedForwardDouble,
+    .storedPathFloat = storedPathFloat,
+    .storedPathInt = storedPathInt,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -669,8 +669,15 @@ void addFrames(const float* const* frames, const float* const* shares, int nComp
 
 } // namespace
 
-extern const HmmTrainKernels hmmTrainKernels{forwardBackward, occupancies, symbolOccupancies,
-                                             transitions,     arrivals,    componentShares,
-                                             densityShares,   addFrames};
+extern const HmmTrainKernels hmmTrainKernels{
+    .forwardBackward = forwardBackward,
+    .occupancies = occupancies,
+    .symbolOccupancies = symbolOccupancies,
+    .transitions = transitions,
+    .arrivals = arrivals,
+    .componentShares = componentShares,
+    .densityShares = densityShares,
+    .addFrames = addFrames,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -201,8 +201,14 @@ int firstSmallest(const void* values, int n) {
 
 } // namespace
 
-extern const KohonenKernels kohonenKernels{squaresOfFloats, squaresOfShorts, wrappingSquares,
-                                           integerRoots,    shiftRight,      shiftLeft,
-                                           firstSmallest};
+extern const KohonenKernels kohonenKernels{
+    .squaresOfFloats = squaresOfFloats,
+    .squaresOfShorts = squaresOfShorts,
+    .wrappingSquares = wrappingSquares,
+    .integerRoots = integerRoots,
+    .shiftRight = shiftRight,
+    .shiftLeft = shiftLeft,
+    .firstSmallest = firstSmallest,
+};
 
 } // namespace vsq::VSQ_LEVEL

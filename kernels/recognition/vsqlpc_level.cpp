@@ -233,6 +233,10 @@ bool durbin(const float* r, float* e, float* a, int order) {
 
 } // namespace
 
-extern const LpcKernels lpcKernels{floatPower, fixedPower, durbin};
+extern const LpcKernels lpcKernels{
+    .floatPower = floatPower,
+    .fixedPower = fixedPower,
+    .durbin = durbin,
+};
 
 } // namespace vsq::VSQ_LEVEL

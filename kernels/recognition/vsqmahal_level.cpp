@@ -123,7 +123,13 @@ double fullFixed(const short* x, const short* y, const short* const* c, int n) {
 
 } // namespace
 
-extern const MahalKernels mahalKernels{diagonal,  diagonalFixed, full,
-                                       fullFixed, fillPanel,     panelExponents};
+extern const MahalKernels mahalKernels{
+    .diagonal = diagonal,
+    .diagonalFixed = diagonalFixed,
+    .full = full,
+    .fullFixed = fullFixed,
+    .fillPanel = fillPanel,
+    .panelExponents = panelExponents,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -256,6 +256,9 @@ void rowsW(int* dst, const short* const* rows, const short* x, int nRows, int nC
 
 } // namespace
 
-extern const MatVecKernels matVecKernels{rowsS, rowsW};
+extern const MatVecKernels matVecKernels{
+    .rowsS = rowsS,
+    .rowsW = rowsW,
+};
 
 } // namespace vsq::VSQ_LEVEL

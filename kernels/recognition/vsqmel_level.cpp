@@ -57,6 +57,6 @@ bool filter(const MelPlan& plan, const float* spectrum, float* out) {
 
 } // namespace
 
-extern const MelKernels melKernels{filter};
+extern const MelKernels melKernels{.filter = filter};
 
 } // namespace vsq::VSQ_LEVEL

@@ -326,6 +326,12 @@ void sigmoidSlopes(const float* outputs, float* slopes, int n) {
 
 } // namespace
 
-extern const MlpKernels mlpKernels{sigmoid, sigmoidW, sigmoidSlopes, descend, weighDeltas};
+extern const MlpKernels mlpKernels{
+    .sigmoid = sigmoid,
+    .sigmoidW = sigmoidW,
+    .sigmoidSlopes = sigmoidSlopes,
+    .descend = descend,
+    .weighDeltas = weighDeltas,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -61,6 +61,10 @@ void shift(short* vec, int n, int alphaQ, int shift) {
 
 } // namespace
 
-extern const PreeKernels preeKernels{filter, saturate, shift};
+extern const PreeKernels preeKernels{
+    .filter = filter,
+    .saturate = saturate,
+    .shift = shift,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -174,8 +174,17 @@ void farBoxes(const float* p, const float* mirrored, float twice, const float* b
 
 } // namespace
 
-extern const TreeKernels treeKernels{pointOfFloats, pointOfShorts, addFloats,   addShorts,
-                                     sides,         descend,       squaresFrom, transposeBlock,
-                                     nextFar,       farBoxes};
+extern const TreeKernels treeKernels{
+    .pointOfFloats = pointOfFloats,
+    .pointOfShorts = pointOfShorts,
+    .addFloats = addFloats,
+    .addShorts = addShorts,
+    .sides = sides,
+    .descend = descend,
+    .squaresFrom = squaresFrom,
+    .transposeBlock = transposeBlock,
+    .nextFar = nextFar,
+    .farBoxes = farBoxes,
+};
 
 } // namespace vsq::VSQ_LEVEL

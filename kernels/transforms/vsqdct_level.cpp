@@ -108,6 +108,13 @@ void turnBack(const float* src, float* spectrum, const float* factors, int n) {
 
 } // namespace
 
-extern const DctKernels dctKernels{forward, inverse, reorder, restore, turn, turnBack};
+extern const DctKernels dctKernels{
+    .forward = forward,
+    .inverse = inverse,
+    .reorder = reorder,
+    .restore = restore,
+    .turn = turn,
+    .turnBack = turnBack,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -28,6 +28,11 @@ void multiply(const float* src, float* dst, int n) {
 
 } // namespace
 
-extern const ArithKernels arithKernels{set, setWords, scale, multiply};
+extern const ArithKernels arithKernels{
+    .set = set,
+    .setWords = setWords,
+    .scale = scale,
+    .multiply = multiply,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -122,6 +122,6 @@ void autoCorr(const float* src, int n, int firstLag, double* sums, int nLags) {
 
 } // namespace
 
-extern const CorrKernels corrKernels{autoCorr};
+extern const CorrKernels corrKernels{.autoCorr = autoCorr};
 
 } // namespace vsq::VSQ_LEVEL

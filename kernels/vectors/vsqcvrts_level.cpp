@@ -305,22 +305,22 @@ unsigned joinedIntMagnitudes(const int* src, int n) {
 } // namespace
 
 extern const CvrtsKernels cvrtsKernels{
-    truncate<float, short>,
-    truncate<double, short>,
-    truncate<float, int>,
-    truncate<double, int>,
-    clampFrames,
-    clamp<double, short>,
-    clamp<float, int>,
-    clamp<double, int>,
-    raise<short, float>,
-    raise<short, double>,
-    raise<int, float>,
-    raise<int, double>,
-    largestFloatExponent,
-    largestDoubleExponent,
-    joinedShortMagnitudes,
-    joinedIntMagnitudes,
+    .truncateFloatToShort = truncate<float, short>,
+    .truncateDoubleToShort = truncate<double, short>,
+    .truncateFloatToInt = truncate<float, int>,
+    .truncateDoubleToInt = truncate<double, int>,
+    .clampFloatToShort = clampFrames,
+    .clampDoubleToShort = clamp<double, short>,
+    .clampFloatToInt = clamp<float, int>,
+    .clampDoubleToInt = clamp<double, int>,
+    .shortToFloat = raise<short, float>,
+    .shortToDouble = raise<short, double>,
+    .intToFloat = raise<int, float>,
+    .intToDouble = raise<int, double>,
+    .largestFloatExponent = largestFloatExponent,
+    .largestDoubleExponent = largestDoubleExponent,
+    .joinedShortMagnitudes = joinedShortMagnitudes,
+    .joinedIntMagnitudes = joinedIntMagnitudes,
 };
 
 } // namespace vsq::VSQ_LEVEL

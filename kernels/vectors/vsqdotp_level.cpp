@@ -11,6 +11,6 @@ double dot(const float* a, const float* b, int n) {
 
 } // namespace
 
-extern const DotProductKernels dotProductKernels{dot};
+extern const DotProductKernels dotProductKernels{.dot = dot};
 
 } // namespace vsq::VSQ_LEVEL

@@ -16,6 +16,6 @@ int dot(const short* a, const short* b, int n) {
 
 } // namespace
 
-extern const WordDotProductKernels wordDotProductKernels{dot};
+extern const WordDotProductKernels wordDotProductKernels{.dot = dot};
 
 } // namespace vsq::VSQ_LEVEL

@@ -87,6 +87,9 @@ void exp(float* vec, int n) {
 
 } // namespace
 
-extern const LnExpKernels lnExpKernels{ln, exp};
+extern const LnExpKernels lnExpKernels{
+    .ln = ln,
+    .exp = exp,
+};
 
 } // namespace vsq::VSQ_LEVEL

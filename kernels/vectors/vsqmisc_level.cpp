@@ -131,6 +131,13 @@ void magnitude(const float* src, float* dst, int n) {
 
 } // namespace
 
-extern const MiscKernels miscKernels{root, raiseTo, lowerTo, reciprocal, magnitude, power};
+extern const MiscKernels miscKernels{
+    .root = root,
+    .raiseTo = raiseTo,
+    .lowerTo = lowerTo,
+    .reciprocal = reciprocal,
+    .magnitude = magnitude,
+    .power = power,
+};
 
 } // namespace vsq::VSQ_LEVEL

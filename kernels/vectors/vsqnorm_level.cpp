@@ -129,6 +129,13 @@ std::int64_t squaresWords(const short* a, const short* b, int n) {
 
 } // namespace
 
-extern const NormKernels normKernels{largest, sum, squares, largestWords, sumWords, squaresWords};
+extern const NormKernels normKernels{
+    .largest = largest,
+    .sum = sum,
+    .squares = squares,
+    .largestWords = largestWords,
+    .sumWords = sumWords,
+    .squaresWords = squaresWords,
+};
 
 } // namespace vsq::VSQ_LEVEL
