@@ -67,7 +67,8 @@ VSQ_INLINE Pack<float, group> sumsOfFour(const float* const* rows, int first, co
     return sumsOfRows(sums);
 }
 
-void rowsS(float* dst, const float* const* rows, int first, const float* x, int nRows, int nCols) {
+void rowsFloat(float* dst, const float* const* rows, int first, const float* x, int nRows,
+               int nCols) {
     int r = 0;
     // 16 sums are stored at once, since a load of more than one store has written would wait for
     // them.
@@ -244,7 +245,8 @@ unsigned countOfNegatives(const short* x, int nCols) {
     return count;
 }
 
-void rowsW(int* dst, const short* const* rows, const short* x, int nRows, int nCols, int shift) {
+void rowsFixed(int* dst, const short* const* rows, const short* x, int nRows, int nCols,
+               int shift) {
     const int count = shift & 31;
     if (count == 15)
         sumRows<UpperHalvesSummed>(dst, rows, x, nRows, nCols, count, countOfNegatives(x, nCols));
@@ -257,8 +259,8 @@ void rowsW(int* dst, const short* const* rows, const short* x, int nRows, int nC
 } // namespace
 
 extern const MatVecKernels matVecKernels{
-    .rowsS = rowsS,
-    .rowsW = rowsW,
+    .rowsFloat = rowsFloat,
+    .rowsFixed = rowsFixed,
 };
 
 } // namespace vsq::VSQ_LEVEL
