@@ -67,8 +67,8 @@ VSQ_INLINE Pairs squaresOfGroup(const float* vector, const float* const* codes, 
     return evenPlusOdd(first, second, std::make_integer_sequence<int, 2 * pairs>());
 }
 
-void squaresOfFloats(const float* vector, const float* const* codes, float* squares, int nDim,
-                     int nCodes) {
+void squaresFloat(const float* vector, const float* const* codes, float* squares, int nDim,
+                  int nCodes) {
     constexpr int together = 2 * pairs;
     int c = 0;
     for (; c + together <= nCodes; c += together)
@@ -123,8 +123,8 @@ VSQ_INLINE Sum sumOfSquares(const short* a, const short* b, int nDim) {
     return sumLanes(total);
 }
 
-void squaresOfShorts(const short* vector, const short* const* codes, void* squares, int nDim,
-                     int nCodes) {
+void squaresFixed(const short* vector, const short* const* codes, void* squares, int nDim,
+                  int nCodes) {
     for (int c = 0; c < nCodes; ++c) {
         const float rounded =
             float(std::int64_t(sumOfSquares<std::uint64_t>(codes[c], vector, nDim)));
@@ -202,8 +202,8 @@ int firstSmallest(const void* values, int n) {
 } // namespace
 
 extern const KohonenKernels kohonenKernels{
-    .squaresOfFloats = squaresOfFloats,
-    .squaresOfShorts = squaresOfShorts,
+    .squaresFloat = squaresFloat,
+    .squaresFixed = squaresFixed,
     .wrappingSquares = wrappingSquares,
     .integerRoots = integerRoots,
     .shiftRight = shiftRight,
