@@ -121,11 +121,11 @@ VSQ_INLINE void powerSpectrum(const Sums& sums, const typename Sums::Element* ta
     }
 }
 
-void floatPower(const float* table, int n, const float* coef, int nCoef, float* power) {
+void powerFloat(const float* table, int n, const float* coef, int nCoef, float* power) {
     powerSpectrum(FloatSums{1.0}, table, n, coef, nCoef, power);
 }
 
-void fixedPower(const short* table, int n, const short* coef, int nCoef, unsigned one, double unit,
+void powerFixed(const short* table, int n, const short* coef, int nCoef, unsigned one, double unit,
                 float* power) {
     powerSpectrum(FixedSums{one, unit}, table, n, coef, nCoef, power);
 }
@@ -234,8 +234,8 @@ bool durbin(const float* r, float* e, float* a, int order) {
 } // namespace
 
 extern const LpcKernels lpcKernels{
-    .floatPower = floatPower,
-    .fixedPower = fixedPower,
+    .powerFloat = powerFloat,
+    .powerFixed = powerFixed,
     .durbin = durbin,
 };
 
