@@ -385,7 +385,8 @@ void pathFloat(const HmmModel<float>& model, const float* const* rows, int nFram
     bestPathAny(model, rows, nFrames, state);
 }
 
-void pathInt(const HmmModel<int>& model, const int* const* rows, int nFrames, HmmPath<int>* state) {
+void pathFixed(const HmmModel<int>& model, const int* const* rows, int nFrames,
+               HmmPath<int>* state) {
     bestPathAny(model, rows, nFrames, state);
 }
 
@@ -474,8 +475,8 @@ void storedPathFloat(const HmmByTarget<float>& model, const float* const* rows, 
     storedPath(model, rows, nFrames, state);
 }
 
-void storedPathInt(const HmmByTarget<int>& model, const int* const* rows, int nFrames,
-                   HmmPath<int>* state) {
+void storedPathFixed(const HmmByTarget<int>& model, const int* const* rows, int nFrames,
+                     HmmPath<int>* state) {
     storedPath(model, rows, nFrames, state);
 }
 
@@ -485,11 +486,11 @@ extern const HmmKernels hmmKernels{
     .forwardFloat = forwardFloat,
     .forwardDouble = forwardDouble,
     .pathFloat = pathFloat,
-    .pathInt = pathInt,
+    .pathFixed = pathFixed,
     .storedForwardFloat = storedForwardFloat,
     .storedForwardDouble = storedForwardDouble,
     .storedPathFloat = storedPathFloat,
-    .storedPathInt = storedPathInt,
+    .storedPathFixed = storedPathFixed,
 };
 
 } // namespace vsq::VSQ_LEVEL
