@@ -51,13 +51,13 @@ constexpr int boxBlockSize(int nDim) {
 struct TreeKernels {
     // Writes one point: p[k] = src[k] * factor - centre[k] for k < nDim (the factor of shorts is
     // 1), zeros up to stride. Returns the sum of its squares.
-    float (*pointOfFloats)(const float* src, float factor, const float* centre, int nDim, float* p,
-                           int stride);
-    float (*pointOfShorts)(const short* src, const float* centre, int nDim, float* p, int stride);
+    float (*pointFloat)(const float* src, float factor, const float* centre, int nDim, float* p,
+                        int stride);
+    float (*pointFixed)(const short* src, const float* centre, int nDim, float* p, int stride);
 
     // sums[k] += src[k]
-    void (*addFloats)(const float* src, double* sums, int nDim);
-    void (*addShorts)(const short* src, double* sums, int nDim);
+    void (*addFloat)(const float* src, double* sums, int nDim);
+    void (*addFixed)(const short* src, double* sums, int nDim);
 
     // For the n points points[members[i] * stride]: labels[i] becomes 'L', 'R', or '?' in doubt.
     void (*sides)(const float* points, const float* reach, int stride, const int* members, int n,
