@@ -168,7 +168,7 @@ VSQ_INLINE void sigmoidBlock(const float* in, float* out, int count) {
         storePart(out, y, count);
 }
 
-void sigmoid(const float* in, float* out, int n) {
+void sigmoidFloat(const float* in, float* out, int n) {
     int i = 0;
     for (; i + blockLanes <= n; i += blockLanes)
         sigmoidBlock<blockLanes>(in + i, out + i, blockLanes);
@@ -176,7 +176,7 @@ void sigmoid(const float* in, float* out, int n) {
         sigmoidBlock<tailLanes>(in + i, out + i, n - i < tailLanes ? n - i : tailLanes);
 }
 
-// --- the sigmoid of words ---
+// --- the fixed sigmoid ---
 
 VSQ_INLINE short exactWord(int in, double inFactor, double outFactor) {
     const double y = 1.0 / (1.0 + __builtin_exp(-(double(in) * inFactor))) * outFactor;
@@ -230,7 +230,7 @@ VSQ_INLINE void sigmoidWordBlock(const int* in, short* out, const WordScales& sc
     }
 }
 
-void sigmoidW(const int* in, short* out, int n, int inBits, int outBits) {
+void sigmoidFixed(const int* in, short* out, int n, int inBits, int outBits) {
     const WordScales scales{inBits, 1.0 / double(1u << inBits), double(1u << outBits)};
     int i = 0;
     for (; i + blockLanes <= n; i += blockLanes)
@@ -327,8 +327,8 @@ void sigmoidSlopes(const float* outputs, float* slopes, int n) {
 } // namespace
 
 extern const MlpKernels mlpKernels{
-    .sigmoid = sigmoid,
-    .sigmoidW = sigmoidW,
+    .sigmoidFloat = sigmoidFloat,
+    .sigmoidFixed = sigmoidFixed,
     .sigmoidSlopes = sigmoidSlopes,
     .descend = descend,
     .weighDeltas = weighDeltas,
