@@ -23,7 +23,7 @@ VSQ_INLINE double diagonalForm(const T* x, const T* y, const T* c, int n) {
     return sumLanes(lanes);
 }
 
-double diagonal(const float* x, const float* y, const float* c, int n) {
+double diagonalFloat(const float* x, const float* y, const float* c, int n) {
     return diagonalForm(x, y, c, n);
 }
 
@@ -113,7 +113,7 @@ void panelExponents(const float* x, const double* panel, int nRows, int n, int n
     if (k < nRows) exponentsOfBlocks<1>(x, panel, blockStride, n, nRows - k, exponents + k);
 }
 
-double full(const float* x, const float* y, const float* const* c, int n) {
+double fullFloat(const float* x, const float* y, const float* const* c, int n) {
     return 2 * sumLanes(triangleLanes<ExactRows>(x, y, c, n));
 }
 
@@ -124,9 +124,9 @@ double fullFixed(const short* x, const short* y, const short* const* c, int n) {
 } // namespace
 
 extern const MahalKernels mahalKernels{
-    .diagonal = diagonal,
+    .diagonalFloat = diagonalFloat,
     .diagonalFixed = diagonalFixed,
-    .full = full,
+    .fullFloat = fullFloat,
     .fullFixed = fullFixed,
     .fillPanel = fillPanel,
     .panelExponents = panelExponents,

@@ -67,8 +67,8 @@ TEST(GaussKernels, DiagonalLikelihoodsHaveTheBitsOfTheirSteps) {
                            normWeights = someWeights(random, rows);
                 std::vector<double> forms;
                 for (const float* row : m.pointers)
-                    forms.push_back(
-                        vsq::kernels().mahal->diagonal(x.data(), row, c.pointers[forms.size()], n));
+                    forms.push_back(vsq::kernels().mahal->diagonalFloat(
+                        x.data(), row, c.pointers[forms.size()], n));
                 std::vector<float> densities;
                 const double expected = likelihoodOf(forms, weights, normWeights, densities);
                 ASSERT_EQ(vsq::kernels().gauss->evaluateDiagonal(
@@ -112,7 +112,7 @@ TEST(GaussKernels, FullLikelihoodsHaveTheBitsOfTheirSteps) {
                 std::vector<double> forms;
                 for (const float* row : m.pointers)
                     forms.push_back(
-                        vsq::kernels().mahal->full(x.data(), row, tables[forms.size()], n));
+                        vsq::kernels().mahal->fullFloat(x.data(), row, tables[forms.size()], n));
                 std::vector<float> densities;
                 const double expected = likelihoodOf(forms, weights, normWeights, densities);
                 ASSERT_EQ(vsq::kernels().gauss->evaluateFull(
