@@ -33,7 +33,7 @@ VSQ_INLINE Pack<float, N> scaled(const Pack<float, N>& x, float factor) {
     return x * splat<float, N>(factor);
 }
 
-void filter(float* vec, int n, float alpha) {
+void filterFloat(float* vec, int n, float alpha) {
     filterAll<32>(vec, n, [alpha](const auto& current, const auto& previous) VSQ_LAMBDA {
         return current - scaled(previous, alpha);
     });
@@ -43,7 +43,7 @@ constexpr int16_t one = 1 << 14;
 
 // The bounds of saturation lie 11 and 10 below the accumulator's 2^29; between them and there the
 // shift gives the same.
-void saturate(short* vec, int n, int alphaQ) {
+void saturateFixed(short* vec, int n, int alphaQ) {
     const auto minusAlpha = static_cast<int16_t>(-alphaQ);
     filterAll<32>(vec, n, [=](const auto& current, const auto& previous) VSQ_LAMBDA {
         return pairSums(current, one, previous, minusAlpha,
@@ -51,7 +51,7 @@ void saturate(short* vec, int n, int alphaQ) {
     });
 }
 
-void shift(short* vec, int n, int alphaQ, int shift) {
+void shiftFixed(short* vec, int n, int alphaQ, int shift) {
     const auto minusAlpha = static_cast<int16_t>(-alphaQ);
     filterAll<32>(vec, n, [=](const auto& current, const auto& previous) VSQ_LAMBDA {
         return pairSums(current, one, previous, minusAlpha,
@@ -62,9 +62,9 @@ void shift(short* vec, int n, int alphaQ, int shift) {
 } // namespace
 
 extern const PreeKernels preeKernels{
-    .filter = filter,
-    .saturate = saturate,
-    .shift = shift,
+    .filterFloat = filterFloat,
+    .saturateFixed = saturateFixed,
+    .shiftFixed = shiftFixed,
 };
 
 } // namespace vsq::VSQ_LEVEL
