@@ -6,12 +6,12 @@
 namespace vsq::VSQ_LEVEL {
 namespace {
 
-void set(float value, float* dst, int n) {
+void setFloat(float value, float* dst, int n) {
     for (int i = 0; i < n; ++i)
         dst[i] = value;
 }
 
-void setWords(short value, short* dst, int n) {
+void setFixed(short value, short* dst, int n) {
     for (int i = 0; i < n; ++i)
         dst[i] = value;
 }
@@ -29,8 +29,8 @@ void multiply(const float* src, float* dst, int n) {
 } // namespace
 
 extern const ArithKernels arithKernels{
-    .set = set,
-    .setWords = setWords,
+    .setFloat = setFloat,
+    .setFixed = setFixed,
     .scale = scale,
     .multiply = multiply,
 };
