@@ -18,7 +18,7 @@ using Lanes = Pack<float, lanes>;
 template <bool upper, class T>
 VSQ_INLINE Pack<T, 8> pairsOfQuarters(const Pack<T, 8>& x, const Pack<T, 8>& y) {
     if constexpr (isRegister<T, 8>)
-        return pick < upper ? quarterPairUpperLane : quarterPairLane > (x, y);
+        return pick<(upper ? quarterPairUpperLane : quarterPairLane)>(x, y);
     else if constexpr (upper)
         return {highHalves(x.lo, y.lo), highHalves(x.hi, y.hi)};
     else
