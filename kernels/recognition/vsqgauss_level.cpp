@@ -17,7 +17,7 @@ using Ints = Pack<std::int32_t, lanes>;
 // -|form| / 2 rounded to float; 0 where the bit pattern of the weight is 0.
 VSQ_INLINE Pack<float, 4> exponentsOf(const Four& forms, const float* weights) {
     const FourBits magnitudes =
-        bits<std::int64_t>(forms) & splat<std::int64_t, 4>(0x7FFFFFFFFFFFFFFF);
+        bits<std::int64_t>(forms) & splat<std::int64_t, 4>(INT64_MAX); // all but the sign
     const auto exponents = convert<float>(bits<double>(magnitudes) * splat<double, 4>(-0.5));
     const auto absent = bits<std::int32_t>(load<float, 4>(weights)) == splat<std::int32_t, 4>(0);
     return select(absent, splat<float, 4>(0), exponents);

@@ -73,7 +73,7 @@ struct BestPath<float> {
 
 template <>
 struct BestPath<int> {
-    static constexpr int none = 0x7FFFFFFF;
+    static constexpr int none = INT32_MAX;
     template <int n>
     static VSQ_INLINE Pack<int, n> along(const Pack<int, n>& from, const Pack<int, n>& transition) {
         return bits<int>(bits<unsigned>(from) + bits<unsigned>(transition)); // wraps

@@ -145,8 +145,9 @@ using Ints = Pack<std::int32_t, lanes>;
 // within 2^-18 of an integer from below, so that the truncation is exact.
 VSQ_INLINE Ints rootsOf(const Ints& words) {
     auto values = convert<double>(words);
-    values = select(values < splat<double, lanes>(0), values + splat<double, lanes>(4294967296.0),
-                    values);
+    constexpr double wordRange = 0x1p32; // a negative word stands for itself plus this
+    values =
+        select(values < splat<double, lanes>(0), values + splat<double, lanes>(wordRange), values);
     return truncated(squareRoot(values));
 }
 

@@ -94,8 +94,8 @@ VSQ_INLINE void exponentsOfBlocks(const float* x, const double* panel, std::ptrd
                                   int n, int rest, float* exponents) {
     const Blocks<count> forms = treeSum<count, 0, 1>(x, panel, blockStride, n);
     for (int b = 0; b < count; ++b) {
-        const auto form = bits<double>(bits<std::int64_t>(forms.sum[b]) &
-                                       splat<std::int64_t, lanes>(0x7FFFFFFFFFFFFFFF));
+        const auto form =
+            bits<double>(bits<std::int64_t>(forms.sum[b]) & splat<std::int64_t, lanes>(INT64_MAX));
         const auto exponent = convert<float>(form * splat<double, lanes>(-0.5));
         if (rest >= (b + 1) * lanes)
             store(exponents + b * lanes, exponent);

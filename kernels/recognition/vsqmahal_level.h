@@ -30,8 +30,8 @@ struct MahalKernels {
     void (*fillPanel)(const float* const* y, const float* const* c, int nRows, int n,
                       double* panel);
 
-    // exponents[k] = -|q| / 2 rounded to float, with q = diagonalFloat(x, y[k], c[k], n) bit for bit,
-    // for nRows rows of a panel that has been filled with rows of nPanel elements, n or more.
+    // exponents[k] = -|q| / 2 rounded to float, with q = diagonalFloat(x, y[k], c[k], n) bit for
+    // bit, for nRows rows of a panel that has been filled with rows of nPanel elements, n or more.
     void (*panelExponents)(const float* x, const double* panel, int nRows, int n, int nPanel,
                            float* exponents);
 };

@@ -121,12 +121,15 @@ VSQ_INLINE Doubles<N> mirrored(const Doubles<N>& value, const Floats<N>& x) {
     return selectNotBelowZero(x, splat<double, N>(1) - value, value);
 }
 
+// Beyond these the float nearest to the sigmoid is 1 or 0; below the table's end the formula holds.
+constexpr float oneAbove = 17.0f, zeroBelow = -104.0f, tableEnd = -78.0f;
+
 // One element by the rules of its range. A NaN fails every comparison but the last one's
 // opposite and takes the formula, which keeps it.
 VSQ_INLINE float sigmoidOf(float x) {
-    if (x > 17.0f) return 1.0f;
-    if (x < -104.0f) return 0.0f;
-    if (!(x > -78.0f && x < 17.0f)) return float(1.0 / (1.0 + __builtin_exp(-double(x))));
+    if (x > oneAbove) return 1.0f;
+    if (x < zeroBelow) return 0.0f;
+    if (!(x > tableEnd && x < oneAbove)) return float(1.0 / (1.0 + __builtin_exp(-double(x))));
     const double size = double(__builtin_fabsf(x));
     const int k = int(size);
     const double u = double(k) - size;
@@ -180,7 +183,7 @@ void sigmoidFloat(const float* in, float* out, int n) {
 
 VSQ_INLINE short exactWord(int in, double inFactor, double outFactor) {
     const double y = 1.0 / (1.0 + __builtin_exp(-(double(in) * inFactor))) * outFactor;
-    return short(y > 32767.0 ? 32767 : int(y));
+    return short(y > INT16_MAX ? INT16_MAX : int(y));
 }
 
 struct WordScales {

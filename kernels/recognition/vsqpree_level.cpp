@@ -39,7 +39,8 @@ void filterFloat(float* vec, int n, float alpha) {
     });
 }
 
-constexpr int16_t one = 1 << 14;
+constexpr int fractionBits = 14;
+constexpr int16_t one = 1 << fractionBits;
 
 // The bounds of saturation lie 11 and 10 below the accumulator's 2^29; between them and there the
 // shift gives the same.
@@ -47,7 +48,7 @@ void saturateFixed(short* vec, int n, int alphaQ) {
     const auto minusAlpha = static_cast<int16_t>(-alphaQ);
     filterAll<32>(vec, n, [=](const auto& current, const auto& previous) VSQ_LAMBDA {
         return pairSums(current, one, previous, minusAlpha,
-                        [](auto acc) VSQ_LAMBDA { return acc >> 14; });
+                        [](auto acc) VSQ_LAMBDA { return acc >> fractionBits; });
     });
 }
 

@@ -57,14 +57,14 @@ float factorOf(int k, int j, int n) {
 }
 
 std::ptrdiff_t matrixFloats(int results, int terms) {
-    return std::ptrdiff_t{(results + 15) / 16} * 16 * terms;
+    return std::ptrdiff_t{(results + dctRow - 1) / dctRow} * dctRow * terms;
 }
 
 // Forward, results are k = parity, parity + 2, ... and terms j; inverse the other way round.
 void fillMatrix(float* matrix, int n, Form form, int parity, int results, int terms) {
-    for (int row = 0; row < results; row += 16)
+    for (int row = 0; row < results; row += dctRow)
         for (int i = 0; i < terms; ++i)
-            for (int r = row; r < row + 16; ++r, ++matrix) {
+            for (int r = row; r < row + dctRow; ++r, ++matrix) {
                 const int k = 2 * (form == Form::forward ? r : i) + parity;
                 *matrix = r < results ? factorOf(k, form == Form::forward ? i : r, n) : 0.0f;
             }
@@ -236,7 +236,7 @@ void reportNoMemory(const char* funcName) {
 void convertBetween(const short* src, short* dst, float* a, float* b, int n, int flags) {
     vsqsbIntToFloat(src, a, n, 16, 0);
     vsqsDct(a, b, n, flags);
-    vsqsbFloatToInt(b, dst, n, 16, 0x1080);
+    vsqsbFloatToInt(b, dst, n, 16, VSQ_RoundToZero | VSQ_Saturate);
 }
 
 } // namespace

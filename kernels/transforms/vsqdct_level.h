@@ -5,10 +5,12 @@
 
 namespace vsq {
 
+inline constexpr int dctRow = 16; // results in a row of a matrix
+
 // The direct form uses that cosines of even k are symmetric in j and those of odd k antisymmetric:
 // two products of half the size, with the sums and the differences of mirrored elements. `even` and
-// `odd` hold their matrices in rows of 16 results: for each row and each term 16 factors, zeros
-// after the last result.
+// `odd` hold their matrices in rows of dctRow results: for each row and each term so many factors,
+// zeros after the last result.
 struct DctMatrices {
     int n;
     const float* even; // for ceil(n / 2) results and terms

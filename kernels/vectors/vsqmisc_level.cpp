@@ -33,7 +33,7 @@ VSQ_INLINE Floats get(const float* p, int count) {
 }
 
 VSQ_INLINE Floats absolute(const Floats& v) {
-    return bits<float>(bits<std::int32_t>(v) & splat<std::int32_t, lanes>(0x7FFFFFFF));
+    return bits<float>(bits<std::int32_t>(v) & splat<std::int32_t, lanes>(INT32_MAX));
 }
 
 bool root(const float* src, float* dst, int n) {

@@ -100,7 +100,8 @@ std::int64_t scaledNorm(const short* a, const short* b, int n, int flags, int bi
 
 // A scale factor as a left shift, held where every norm has long become 0 or saturated.
 int leftShiftOf(int scaleFactor) {
-    return scaleFactor > 200 ? -200 : scaleFactor < -200 ? 200 : -scaleFactor;
+    constexpr int most = 200;
+    return scaleFactor > most ? -most : scaleFactor < -most ? most : -scaleFactor;
 }
 
 int saturated(std::int64_t value) {
