@@ -1,6 +1,6 @@
 // Rows times a vector. Four rows go side by side, so that they share the loads of the vector and
 // the tree of last additions. 16-bit products are shifted before they are summed; the usual shifts
-// have forms that stay in 16-bit lanes, which are twice as many.
+// go in 16-bit lanes, which are twice as many.
 #include "recognition/vsqmatvec_level.h"
 #include "simd/shuffle.h"
 

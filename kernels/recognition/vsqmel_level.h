@@ -5,7 +5,7 @@
 
 namespace vsq {
 
-// Filters in the form that the kernel runs over. Groups of four rows share one number of blocks, a
+// Filters as the kernel runs over them. Groups of four rows share one number of blocks, a
 // block is eight bins, and what a row lacks is filled up with weights of zero; so there is no test
 // per filter and no tail per sum. The maker sees to it that no block leaves the spectrum:
 // firstBin[row] + 8 * nBlocks[group] is at most the number of bins the caller's spectrum has.

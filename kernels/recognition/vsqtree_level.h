@@ -71,7 +71,7 @@ struct TreeKernels {
     void (*squaresFrom)(const float* points, int stride, const int* members, int n,
                         const float* from, float* squares);
 
-    // Writes one block of the transposed form, of points[members[i] * stride] for 16 members.
+    // Writes one block, transposed, of points[members[i] * stride] for 16 members.
     void (*transposeBlock)(const float* points, int stride, const int* members, int nDim,
                            float* block);
 

@@ -1,4 +1,4 @@
-// The cosine transform's loops: products with the two half-size matrices of the direct form, and
+// The cosine transform's loops: products with the two half-size matrices of the direct method, and
 // the steps before and after the Fourier transform of the other one.
 #include "transforms/vsqdct_level.h"
 #include "simd/pack.h"

@@ -27,7 +27,7 @@ bool refusesArguments(const short* samps, int flags, int scaleMode, const int* s
                           funcName);
 }
 
-// --- results to 16 bits; both forms truncate toward zero and saturate ---
+// --- results to 16 bits: scaled or not, they are truncated toward zero and saturated ---
 
 // The smallest right shift, 0 or more, under which every value fits: |v| * 2^-shift below 32768,
 // where -32768 fits too. A NaN does not count; with an infinity the shift is that of the
