@@ -1,3 +1,6 @@
+// POSIX: the thread slot is a thread-local pointer. A thread's end is seen through a key's
+// destructor, and a table of all records lets an unloaded module release them. Messages and
+// questions go to the terminal.
 #include "platform.h"
 
 #include <atomic>
@@ -100,7 +103,7 @@ namespace {
 
 constinit std::atomic<bool> unloaded = false;
 
-void releaseTablesBehind(RecordTable& table) {
+void releaseTablesAfter(RecordTable& table) {
     for (RecordTable* next = table.rest.exchange(nullptr); next != nullptr;) {
         RecordTable* const gone = next;
         next = gone->rest;
@@ -116,7 +119,7 @@ void releaseTablesBehind(RecordTable& table) {
     for (RecordTable* table = &firstTable; table != nullptr; table = table->rest)
         for (std::atomic<void*>& record : table->records)
             if (record != threadSlot) std::free(record.exchange(nullptr));
-    releaseTablesBehind(firstTable);
+    releaseTablesAfter(firstTable);
 }
 
 } // namespace

@@ -1,3 +1,5 @@
+// Windows: the thread slot is a TLS index that the load notification serves; messages go to a
+// message box, a fatal exit through the system's dialogue.
 #include "platform.h"
 
 #include <atomic>

@@ -212,7 +212,7 @@ bool evaluateFloats(const float* coef, int nCoef, float* spec, int fftOrder) {
     }
     float own[mostDirect]; // the spectrum may take the place of the coefficients
     std::copy_n(coef, std::max(nCoef, 0), own);
-    vsq::kernels().lpc->floatPower(alignedArea<float>(lp.sLPTwiddle), n, own, nCoef, spec);
+    vsq::kernels().lpc->powerFloat(alignedArea<float>(lp.sLPTwiddle), n, own, nCoef, spec);
     takeRoots(spec, n);
     return true;
 }
@@ -263,7 +263,7 @@ bool evaluateIntegers(const short* coef, int nCoef, float* area, int fftOrder, i
     }
     const long long shift = 14LL - inScale;
     const unsigned one = shift >= 0 && shift < 32 ? 1u << shift : 0u;
-    vsq::kernels().lpc->fixedPower(alignedArea<short>(lp.wLPTwiddle), n, coef, nCoef, one,
+    vsq::kernels().lpc->powerFixed(alignedArea<short>(lp.wLPTwiddle), n, coef, nCoef, one,
                                    KTPower2(-28), area);
     takeRoots(area, n);
     return true;

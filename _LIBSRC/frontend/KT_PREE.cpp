@@ -35,16 +35,16 @@ void filterIntegers(short* vec, float alpha, int n, int scaleMode, int& scale) {
     const int alphaQ = KTswConvertDown(alpha, KT_FixedScale, &coefficientScale);
     const vsq::PreeKernels& kernels = *vsq::kernels().pree;
     if (scaleMode == KT_Saturate) {
-        kernels.saturate(vec, n, alphaQ);
+        kernels.saturateFixed(vec, n, alphaQ);
         scale = 0;
     } else if (scaleMode == KT_NoScale) {
-        kernels.shift(vec, n, alphaQ, fractionBits);
+        kernels.shiftFixed(vec, n, alphaQ, fractionBits);
         scale = 0;
         // KT_FixedScale; any mode beyond the four rescales only the first sample, and keeps the
         // scale as
     } else {
         // well
-        kernels.shift(vec, n, alphaQ, fractionBits + (scaleMode == KT_FixedScale ? scale : 0));
+        kernels.shiftFixed(vec, n, alphaQ, fractionBits + (scaleMode == KT_FixedScale ? scale : 0));
         vec[0] = rescaled(vec[0], scale);
     }
 }
@@ -63,7 +63,7 @@ void filterThroughFloats(short* vec, float alpha, int n, int scaleMode, int* pSc
 } // namespace
 
 void KTsPreemphasize(float* pVec, float alpha, int n) {
-    vsq::kernels().pree->filter(pVec, n, alpha);
+    vsq::kernels().pree->filterFloat(pVec, n, alpha);
 }
 
 // Integer path: a 32-bit accumulator in Q14 that cannot overflow; the shift rounds toward minus

@@ -16,12 +16,12 @@ double distanceOf(double form, int bRoot) {
 
 double KTsMahalanobis(const float* pVec1, const float* pVec2, const float* const* ppInvCov,
                       int nDim, int bRoot) {
-    return distanceOf(vsq::kernels().mahal->full(pVec1, pVec2, ppInvCov, nDim), bRoot);
+    return distanceOf(vsq::kernels().mahal->fullFloat(pVec1, pVec2, ppInvCov, nDim), bRoot);
 }
 
 double KTsMahalanobisD(const float* pVec1, const float* pVec2, const float* pInvCovD, int nDim,
                        int bRoot) {
-    return distanceOf(vsq::kernels().mahal->diagonal(pVec1, pVec2, pInvCovD, nDim), bRoot);
+    return distanceOf(vsq::kernels().mahal->diagonalFloat(pVec1, pVec2, pInvCovD, nDim), bRoot);
 }
 
 // Fixed point: differences (17 bits) and products are exact in double precision, sums as long as

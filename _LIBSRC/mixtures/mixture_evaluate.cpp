@@ -21,7 +21,7 @@ int fixedForm(const GaussMixServer* server, int mixture, const short* pVector, i
     }
     int form;
     const short* diagonal = diagonals<short>(server)[mixture];
-    vsq::kernels().gauss->formsW(pVector, &mean, &diagonal, nDim, 1, &form);
+    vsq::kernels().gauss->formsFixed(pVector, &mean, &diagonal, nDim, 1, &form);
     return form;
 }
 
@@ -30,8 +30,8 @@ namespace {
 // Into pWork: the integer forms. A mixture of weight 0 may get anything.
 void fixedForms(const GaussMixServer* server, const short* pVector, int nDim, int* work) {
     if (!isFull(server)) {
-        vsq::kernels().gauss->formsW(pVector, means<short>(server), diagonals<short>(server), nDim,
-                                     server->nMix, work);
+        vsq::kernels().gauss->formsFixed(pVector, means<short>(server), diagonals<short>(server),
+                                         nDim, server->nMix, work);
         return;
     }
     for (int k = 0; k < server->nMix; ++k)

@@ -16,25 +16,25 @@ struct Sums;
 template <>
 struct Sums<float> {
     static void values(const float* const* rows, int count, int n, float* sums) {
-        vsq::kernels().gauss->sumsS(rows, count, n, sums);
+        vsq::kernels().gauss->sumsFloat(rows, count, n, sums);
     }
     static void squares(const float* const* rows, int count, int n, float* sums) {
-        vsq::kernels().gauss->squaresS(rows, count, n, sums);
+        vsq::kernels().gauss->squaresFloat(rows, count, n, sums);
     }
     static void products(const float* const* rows, int count, int n, float* const* sums) {
-        vsq::kernels().gauss->productsS(rows, count, n, sums);
+        vsq::kernels().gauss->productsFloat(rows, count, n, sums);
     }
 };
 template <>
 struct Sums<short> {
     static void values(const short* const* rows, int count, int n, float* sums) {
-        vsq::kernels().gauss->sumsW(rows, count, n, sums);
+        vsq::kernels().gauss->sumsFixed(rows, count, n, sums);
     }
     static void squares(const short* const* rows, int count, int n, float* sums) {
-        vsq::kernels().gauss->squaresW(rows, count, n, sums);
+        vsq::kernels().gauss->squaresFixed(rows, count, n, sums);
     }
     static void products(const short* const* rows, int count, int n, float* const* sums) {
-        vsq::kernels().gauss->productsW(rows, count, n, sums);
+        vsq::kernels().gauss->productsFixed(rows, count, n, sums);
     }
 };
 

@@ -49,11 +49,11 @@ struct FixedForm {
     static constexpr int failure = 0x7FFFFFFF;
     static void advance(const vsq::HmmModel<int>& model, const int* const* rows, int n,
                         vsq::HmmPath<int>* state) {
-        vsq::kernels().hmm->pathInt(model, rows, n, state);
+        vsq::kernels().hmm->pathFixed(model, rows, n, state);
     }
     static void advance(const vsq::HmmByTarget<int>& model, const int* const* rows, int n,
                         vsq::HmmPath<int>* state) {
-        vsq::kernels().hmm->storedPathInt(model, rows, n, state);
+        vsq::kernels().hmm->storedPathFixed(model, rows, n, state);
     }
     static int sum(int a, int b) {
         return static_cast<int>(static_cast<unsigned>(a) + static_cast<unsigned>(b));

@@ -79,11 +79,11 @@ bool ktl::perc::isElementwise(KTMLPActivationFn function) {
 void KTsSigmoidActivation(const float* pIn, float* pOut, int n) {
     const vsq::MlpKernels& kernels = *vsq::kernels().mlp;
     if (pIn == pOut || areApart(pIn, pOut, n)) {
-        kernels.sigmoid(pIn, pOut, n);
+        kernels.sigmoidFloat(pIn, pOut, n);
         return;
     }
     for (int i = 0; i < n; ++i)
-        kernels.sigmoid(pIn + i, pOut + i, 1);
+        kernels.sigmoidFloat(pIn + i, pOut + i, 1);
 }
 
 void KTsSigmoidDerivative(const float* pIn, float* pOut, int n) {
@@ -109,7 +109,7 @@ void KTsAbsDerivative(const float* pIn, float* pOut, int n) {
 // it.
 void KTwSigmoidActivation(const int* pIn, short* pOut, int n, int inScale, int outScale) {
     if (inScale >= 1 && inScale <= 30 && outScale <= -1 && outScale >= -30) {
-        vsq::kernels().mlp->sigmoidW(pIn, pOut, n, inScale, -outScale);
+        vsq::kernels().mlp->sigmoidFixed(pIn, pOut, n, inScale, -outScale);
         return;
     }
     double x = 0.0;

@@ -144,7 +144,7 @@ short shiftedOutput(short value, long long shift) {
 
 void ownwMatVec(int* pDest, const short* const* ppRows, const short* pX, int nRows, int nCols,
                 int shift) {
-    vsq::kernels().matvec->rowsW(pDest, ppRows, pX, nRows, nCols, shift);
+    vsq::kernels().matvec->rowsFixed(pDest, ppRows, pX, nRows, nCols, shift);
 }
 
 void ownwScaleOutput(const short* pSrc, short* pDst, int n, int scale, int scaleMode,

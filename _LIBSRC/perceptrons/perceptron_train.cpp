@@ -87,12 +87,12 @@ double getErrSumMLPBackProp(const Training& t, float* pOutputBuffer) {
 void sumLayer(const sMLPServer* server, int layer, const float* x, int width, float* sums) {
     const float* const* rows = server->pppWeights[layer - 1];
     const int n = widthOf(server, layer);
-    const auto rowsS = vsq::kernels().matvec->rowsS;
+    const auto rowsFloat = vsq::kernels().matvec->rowsFloat;
     if ((server->flags & KT_MLP_THRESHOLD) == 0 || widthOf(server, layer - 1) == 0) {
-        rowsS(sums, rows, 0, x, n, width);
+        rowsFloat(sums, rows, 0, x, n, width);
         return;
     }
-    rowsS(sums, rows, 1, x + 1, n, width - 1);
+    rowsFloat(sums, rows, 1, x + 1, n, width - 1);
     for (int j = 0; j < n; ++j)
         sums[j] -= rows[j][0];
 }

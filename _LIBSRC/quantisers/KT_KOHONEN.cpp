@@ -18,7 +18,7 @@ const vsq::KohonenKernels& kernels() {
 // Below two elements the first ones are compared, whatever nDim says.
 void squaredDistances(const float* vector, float** codes, float* distances, int nDim, int nCodes) {
     if (nDim >= 2) {
-        kernels().squaresOfFloats(vector, codes, distances, nDim, nCodes);
+        kernels().squaresFloat(vector, codes, distances, nDim, nCodes);
         return;
     }
     for (int c = 0; c < nCodes; ++c) {
@@ -73,7 +73,7 @@ void chooseBest(const Word* distances, int nCodes, int* indices, int nBest) {
 void scaledDistances(const short* vector, short** codes, int* distances, int nDim, int nCodes,
                      bool wantsRoot, int scaleMode, int* scale) {
     auto* const floats = reinterpret_cast<float*>(distances);
-    kernels().squaresOfShorts(vector, codes, distances, nDim, nCodes);
+    kernels().squaresFixed(vector, codes, distances, nDim, nCodes);
     if (wantsRoot) vsqsbSqrt1(floats, floats, nCodes);
     KTsibConvertDown(floats, distances, nCodes, scaleMode, scale);
 }

@@ -31,7 +31,7 @@ struct FloatFlavour {
         return vsqsNorm(a, b, nDim, VSQ_NormRoot);
     }
     static void addTo(double* sums, const float* row, int nDim) {
-        vsq::kernels().tree->addFloats(row, sums, nDim);
+        vsq::kernels().tree->addFloat(row, sums, nDim);
     }
     // The mean of no members is 0 / 0, a not-a-number: no vector is at a distance from it that
     // compares.
@@ -52,7 +52,7 @@ struct FixedFlavour {
         return vsqwNormExt(a, b, nDim, VSQ_NormRoot, 0, nullptr);
     }
     static void addTo(double* sums, const short* row, int nDim) {
-        vsq::kernels().tree->addShorts(row, sums, nDim);
+        vsq::kernels().tree->addFixed(row, sums, nDim);
     }
     // The mean of no members is 0.
     static short mean(double sum, int count) {

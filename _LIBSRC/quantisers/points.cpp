@@ -40,11 +40,11 @@ float reachOf(float squares, int nDim) {
 }
 
 float makePoint(const float* row, const Frame& frame, int nDim, float* point, int stride) {
-    return kernels().pointOfFloats(row, frame.factor, frame.centre, nDim, point, stride);
+    return kernels().pointFloat(row, frame.factor, frame.centre, nDim, point, stride);
 }
 
 float makePoint(const short* row, const Frame& frame, int nDim, float* point, int stride) {
-    return kernels().pointOfShorts(row, frame.centre, nDim, point, stride);
+    return kernels().pointFixed(row, frame.centre, nDim, point, stride);
 }
 
 // For exact coordinates y, l, r: |y - r|^2 - |y - l|^2 = y . 2(l - r) + |r|^2 - |l|^2.
@@ -391,7 +391,7 @@ private:
         std::fill(centre, centre + 2 * std::ptrdiff_t(own.stride_), 0.0f);
         std::fill(own.sums_.get(), own.sums_.get() + nDim, 0.0);
         for (int i = 0; i < n; ++i)
-            kernels().addFloats(own.pointOf(members[i]), own.sums_.get(), nDim);
+            kernels().addFloat(own.pointOf(members[i]), own.sums_.get(), nDim);
         for (int k = 0; k < nDim; ++k)
             centre[k] = static_cast<float>(own.sums_[k] / n);
         kernels().squaresFrom(own.points_.get(), own.stride_, members, n, centre, fromMean);

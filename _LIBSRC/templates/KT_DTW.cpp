@@ -94,7 +94,8 @@ class WorkArrays {
 public:
     // False when memory ran out.
     bool allocate(const Request& request, int maxColumns) {
-        rowLength = static_cast<std::ptrdiff_t>(maxColumns) + vsq::dtwFront + vsq::dtwBehind;
+        rowLength =
+            static_cast<std::ptrdiff_t>(maxColumns) + vsq::dtwRoomBefore + vsq::dtwRoomAfter;
         cost = Scratch<float>(2 * rowLength);
         flat = Scratch<int>(2 * rowLength);
         bounds = Scratch<int>(2 * static_cast<std::ptrdiff_t>(request.nTest));
@@ -132,8 +133,8 @@ public:
         grid.pruneFrom = floatNotBelow(request.threshold);
         grid.clampTo = nearestFloat(request.threshold);
         for (int row = 0; row < 2; ++row) {
-            grid.cost[row] = cost.get() + row * rowLength + vsq::dtwFront;
-            grid.flat[row] = flat.get() + row * rowLength + vsq::dtwFront;
+            grid.cost[row] = cost.get() + row * rowLength + vsq::dtwRoomBefore;
+            grid.flat[row] = flat.get() + row * rowLength + vsq::dtwRoomBefore;
         }
         return vsq::kernels().dtw->evaluate(grid);
     }

@@ -1,3 +1,4 @@
+// The kernel layer's status, error mode and handler. They are one per process, in relaxed atomics.
 #include "context/vsqcontext.h"
 
 #include <cstdlib>

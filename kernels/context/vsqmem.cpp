@@ -1,3 +1,4 @@
+// Aligned blocks from malloc: the address that malloc gave stands right before the block.
 #include "context/vsqmem.h"
 
 #include <cstdint>

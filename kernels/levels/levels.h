@@ -3,7 +3,7 @@
 // A module M keeps its inner loops in vsqM_level.cpp, which is compiled once per level of
 // levels.list, each time into a namespace of the level's name (vsq::baseline, ...), and lists them
 // in a record of function pointers in vsqM_level.h. Here those records come together. Callers write
-// `vsq::kernels().arith->zero(dst, n)`.
+// `vsq::kernels().arith->setFloat(0, dst, n)`.
 //
 // Kernels reached through these tables check nothing: n may be 0, pointers are the caller's affair,
 // and no pointer needs any alignment beyond that of its element unless the record says so.

@@ -117,7 +117,7 @@ VSQ_INLINE Four sumEach(const Four* v) {
 // half of the diagonal
 //
 // Panels of 16 columns: for each row, its difference times the row's groups is added to the
-// columns' sums, which stay in registers; the columns' differences come last, once. Elements behind
+// columns' sums, which stay in registers; the columns' differences come last, once. Elements after
 // the diagonal are not looked at.
 
 // Differences are kept for so many rows at a time, on the stack.

@@ -1,3 +1,6 @@
+// The grid of time warping, row by row, eight columns at a time. Runs in which no path can survive
+// the pruning threshold take no local distances; frames of the pattern are laid out by dimension
+// only as far as the rows reach.
 #include "recognition/vsqdtw_level.h"
 #include "simd/shuffle.h"
 
@@ -38,7 +41,7 @@ VSQ_INLINE void transposed(const float* const* frame, int k, Quarter* columns) {
     columns[3] = pick<zipUpperLane>(highAC, highBD);
 }
 
-// Frames behind the last are the last again; nobody counts them.
+// Frames after the last are the last again; nobody counts them.
 VSQ_INLINE void arrangeRun(const DtwGrid& grid, long long stride, int j) {
     const float* frame[dtwRun];
     for (int lane = 0; lane < dtwRun; ++lane)
@@ -218,6 +221,6 @@ double evaluate(const DtwGrid& grid) {
 
 } // namespace
 
-extern const DtwKernels dtwKernels{evaluate};
+extern const DtwKernels dtwKernels{.evaluate = evaluate};
 
 } // namespace vsq::VSQ_LEVEL

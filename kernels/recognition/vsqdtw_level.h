@@ -15,7 +15,7 @@ constexpr float dtwDead = 3.4e+38f;
 // A pattern is compared by dimension: element k of frame j is at [k * dtwStride(nFrames) + j], in
 // double precision, so that a run of frames is one load. Kept so it would take more than twice the
 // memory. The stride is an odd number of cache lines, so that the dimensions do not compete for the
-// same ones; a run that begins at the last frame may read beyond the stride, hence the room behind
+// same ones; a run that begins at the last frame may read beyond the stride, hence the room after
 // the last dimension.
 constexpr long long dtwStride(int nFrames) {
     return nFrames > 0 ? ((static_cast<long long>(nFrames) + dtwRun - 1) / dtwRun | 1) * dtwRun : 0;
@@ -24,10 +24,10 @@ constexpr long long dtwPatternSize(int nFrames, int nDim) {
     return dtwStride(nFrames) * nDim + dtwRun;
 }
 
-// Room for a row of the grid: two columns in front of the first, a run and two columns behind the
+// Room for a row of the grid: two columns in front of the first, a run and two columns after the
 // last.
-constexpr int dtwFront = 2;
-constexpr int dtwBehind = dtwRun + 2;
+constexpr int dtwRoomBefore = 2;
+constexpr int dtwRoomAfter = dtwRun + 2;
 
 struct DtwGrid {
     const double* test;          // nRows frames of nDim elements, row after row

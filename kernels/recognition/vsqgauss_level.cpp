@@ -1,3 +1,6 @@
+// Likelihoods of Gaussian mixtures, sums over training vectors, and Gauss-Jordan elimination.
+// Exponentials of all densities are taken together, and sums over vectors keep the vectors' order,
+// so that results do not depend on the register width.
 #include "recognition/vsqgauss_level.h"
 #include "recognition/quadratic_forms.h"
 #include "vectors/dot_product.h"
@@ -14,7 +17,7 @@ using Ints = Pack<std::int32_t, lanes>;
 // -|form| / 2 rounded to float; 0 where the bit pattern of the weight is 0.
 VSQ_INLINE Pack<float, 4> exponentsOf(const Four& forms, const float* weights) {
     const FourBits magnitudes =
-        bits<std::int64_t>(forms) & splat<std::int64_t, 4>(0x7FFFFFFFFFFFFFFF);
+        bits<std::int64_t>(forms) & splat<std::int64_t, 4>(INT64_MAX); // all but the sign
     const auto exponents = convert<float>(bits<double>(magnitudes) * splat<double, 4>(-0.5));
     const auto absent = bits<std::int32_t>(load<float, 4>(weights)) == splat<std::int32_t, 4>(0);
     return select(absent, splat<float, 4>(0), exponents);
@@ -117,25 +120,26 @@ VSQ_INLINE Ints wide(const Pack<short, lanes>& v) {
 }
 
 // Products of 17-bit differences wrap as unsigned numbers do; so does the sum.
-VSQ_INLINE Ints termsW(const Ints& x, const Pack<short, lanes>& m, const Pack<short, lanes>& c) {
+VSQ_INLINE Ints termsFixed(const Ints& x, const Pack<short, lanes>& m,
+                           const Pack<short, lanes>& c) {
     const auto d = bits<std::uint32_t>(x - wide(m));
     return bits<std::int32_t>(d * d * bits<std::uint32_t>(wide(c)));
 }
 
-void formsW(const short* x, const short* const* m, const short* const* c, int n, int nRows,
-            int* forms) {
+void formsFixed(const short* x, const short* const* m, const short* const* c, int n, int nRows,
+                int* forms) {
     for (int k = 0; k < nRows; ++k) {
         Ints sum = splat<std::int32_t, lanes>(0);
         int i = 0;
         for (; i + lanes <= n; i += lanes)
             sum = bits<std::int32_t>(bits<std::uint32_t>(sum) +
-                                     bits<std::uint32_t>(termsW(wide(load<short, lanes>(x + i)),
-                                                                load<short, lanes>(m[k] + i),
-                                                                load<short, lanes>(c[k] + i))));
+                                     bits<std::uint32_t>(termsFixed(wide(load<short, lanes>(x + i)),
+                                                                    load<short, lanes>(m[k] + i),
+                                                                    load<short, lanes>(c[k] + i))));
         if (i < n)
             sum =
                 bits<std::int32_t>(bits<std::uint32_t>(sum) +
-                                   bits<std::uint32_t>(termsW(
+                                   bits<std::uint32_t>(termsFixed(
                                        wide(loadPart<short, lanes>(x + i, n - i)),
                                        loadPadded(m[k] + i, n - i), loadPadded(c[k] + i, n - i))));
         forms[k] = int(sumLanes(bits<std::uint32_t>(sum)));
@@ -279,22 +283,22 @@ VSQ_INLINE void addProducts(const T* const* vectors, int count, int n, float* co
         addBlock(vectors + t, count - t < blockVectors ? count - t : blockVectors, n, sums);
 }
 
-void sumsS(const float* const* vectors, int count, int n, float* sums) {
+void sumsFloat(const float* const* vectors, int count, int n, float* sums) {
     addTerms<Values>(vectors, count, n, sums);
 }
-void sumsW(const short* const* vectors, int count, int n, float* sums) {
+void sumsFixed(const short* const* vectors, int count, int n, float* sums) {
     addTerms<Values>(vectors, count, n, sums);
 }
-void squaresS(const float* const* vectors, int count, int n, float* sums) {
+void squaresFloat(const float* const* vectors, int count, int n, float* sums) {
     addTerms<Squares>(vectors, count, n, sums);
 }
-void squaresW(const short* const* vectors, int count, int n, float* sums) {
+void squaresFixed(const short* const* vectors, int count, int n, float* sums) {
     addTerms<Squares>(vectors, count, n, sums);
 }
-void productsS(const float* const* vectors, int count, int n, float* const* sums) {
+void productsFloat(const float* const* vectors, int count, int n, float* const* sums) {
     addProducts(vectors, count, n, sums);
 }
-void productsW(const short* const* vectors, int count, int n, float* const* sums) {
+void productsFixed(const short* const* vectors, int count, int n, float* const* sums) {
     addProducts(vectors, count, n, sums);
 }
 
@@ -391,8 +395,18 @@ ScaledProduct determinant(float* const* a, int n) {
 
 } // namespace
 
-extern const GaussKernels gaussKernels{evaluateDiagonal, evaluateFull, formsW,    sumsS,     sumsW,
-                                       squaresS,         squaresW,     productsS, productsW, invert,
-                                       determinant};
+extern const GaussKernels gaussKernels{
+    .evaluateDiagonal = evaluateDiagonal,
+    .evaluateFull = evaluateFull,
+    .formsFixed = formsFixed,
+    .sumsFloat = sumsFloat,
+    .sumsFixed = sumsFixed,
+    .squaresFloat = squaresFloat,
+    .squaresFixed = squaresFixed,
+    .productsFloat = productsFloat,
+    .productsFixed = productsFixed,
+    .invert = invert,
+    .determinant = determinant,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -1,5 +1,5 @@
 // Inner loops of the Gaussian mixtures. "Padded rows" may be read to their n elements
-// rounded up to a multiple of 4; what stands behind the n does not count.
+// rounded up to a multiple of 4; what stands after the n does not count.
 #pragma once
 
 #include "levels/levelrecord.h"
@@ -22,18 +22,18 @@ struct GaussKernels {
 
     // forms[k] = sum over i of (x[i] - m[k][i])^2 * c[k][i] in wrapping 32-bit arithmetic. Rows as
     // above.
-    void (*formsW)(const short* x, const short* const* m, const short* const* c, int n, int nRows,
-                   int* forms);
+    void (*formsFixed)(const short* x, const short* const* m, const short* const* c, int n,
+                       int nRows, int* forms);
 
     // Sums over `count` vectors of n elements, one vector after the other on top of what is there,
     // in float: sums[i] += x[i]; sums[i] += x[i] * x[i]; sums[i][j] += x[i] * x[j] for j <= i.
     // Products of shorts are exact 32-bit integers before they become floats.
-    void (*sumsS)(const float* const* vectors, int count, int n, float* sums);
-    void (*sumsW)(const short* const* vectors, int count, int n, float* sums);
-    void (*squaresS)(const float* const* vectors, int count, int n, float* sums);
-    void (*squaresW)(const short* const* vectors, int count, int n, float* sums);
-    void (*productsS)(const float* const* vectors, int count, int n, float* const* sums);
-    void (*productsW)(const short* const* vectors, int count, int n, float* const* sums);
+    void (*sumsFloat)(const float* const* vectors, int count, int n, float* sums);
+    void (*sumsFixed)(const short* const* vectors, int count, int n, float* sums);
+    void (*squaresFloat)(const float* const* vectors, int count, int n, float* sums);
+    void (*squaresFixed)(const short* const* vectors, int count, int n, float* sums);
+    void (*productsFloat)(const float* const* vectors, int count, int n, float* const* sums);
+    void (*productsFixed)(const short* const* vectors, int count, int n, float* const* sums);
 
     // Gauss-Jordan inversion in float of the symmetric matrix a (n rows of n, destroyed); b comes
     // as the identity and leaves as the inverse, rows and columns in a's order. `pivots` has room

@@ -1,3 +1,6 @@
+// Forward and best-path recursions over frames, one text for both: they differ in how a transition
+// and contributions combine. Full, triangular and banded models are walked as they are stored, or
+// in a padded shape that keeps small models in registers. Sums over states have one order.
 #include "recognition/vsqhmm_level.h"
 #include "recognition/vsqhmm_range.h"
 #include "simd/pack.h"
@@ -70,7 +73,7 @@ struct BestPath<float> {
 
 template <>
 struct BestPath<int> {
-    static constexpr int none = 0x7FFFFFFF;
+    static constexpr int none = INT32_MAX;
     template <int n>
     static VSQ_INLINE Pack<int, n> along(const Pack<int, n>& from, const Pack<int, n>& transition) {
         return bits<int>(bits<unsigned>(from) + bits<unsigned>(transition)); // wraps
@@ -249,7 +252,7 @@ __attribute__((noinline)) double rescale(HmmForward* state) {
     return power;
 }
 
-// Lanes that hold no state as ones: what lies behind the last state's output takes no part.
+// Lanes that hold no state as ones: what lies after the last state's output takes no part.
 template <int n>
 VSQ_INLINE Pack<std::int64_t, n> unusedLanes(int nStates, int first) {
     const int used = nStates - first < n ? nStates - first : n;
@@ -382,7 +385,8 @@ void pathFloat(const HmmModel<float>& model, const float* const* rows, int nFram
     bestPathAny(model, rows, nFrames, state);
 }
 
-void pathInt(const HmmModel<int>& model, const int* const* rows, int nFrames, HmmPath<int>* state) {
+void pathFixed(const HmmModel<int>& model, const int* const* rows, int nFrames,
+               HmmPath<int>* state) {
     bestPathAny(model, rows, nFrames, state);
 }
 
@@ -438,7 +442,7 @@ VSQ_INLINE const T* reachTargets(const HmmByTarget<T>& model, const T* current, 
             best[r] = Rule::join(best[r], Rule::along(here, at(rows[r] + i)));
     }
     for (int r = 0; r < count; ++r) {
-        // behind the last source stands something else
+        // after the last source stands something else
         for (int i = whole; i < sources[r]; i += lanes) {
             const int used = sources[r] - i < lanes ? sources[r] - i : lanes;
             const Vector<T> reached = Rule::along(at(current + i), at(rows[r] + i));
@@ -471,15 +475,22 @@ void storedPathFloat(const HmmByTarget<float>& model, const float* const* rows, 
     storedPath(model, rows, nFrames, state);
 }
 
-void storedPathInt(const HmmByTarget<int>& model, const int* const* rows, int nFrames,
-                   HmmPath<int>* state) {
+void storedPathFixed(const HmmByTarget<int>& model, const int* const* rows, int nFrames,
+                     HmmPath<int>* state) {
     storedPath(model, rows, nFrames, state);
 }
 
 } // namespace
 
-extern const HmmKernels hmmKernels{forwardFloat,    forwardDouble,      pathFloat,
-                                   pathInt,         storedForwardFloat, storedForwardDouble,
-                                   storedPathFloat, storedPathInt};
+extern const HmmKernels hmmKernels{
+    .forwardFloat = forwardFloat,
+    .forwardDouble = forwardDouble,
+    .pathFloat = pathFloat,
+    .pathFixed = pathFixed,
+    .storedForwardFloat = storedForwardFloat,
+    .storedForwardDouble = storedForwardDouble,
+    .storedPathFloat = storedPathFloat,
+    .storedPathFixed = storedPathFixed,
+};
 
 } // namespace vsq::VSQ_LEVEL

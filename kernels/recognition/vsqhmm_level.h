@@ -31,7 +31,7 @@ struct HmmModel {
     const T* trans;
 };
 
-// Full and triangular models as their owner stores them. What lies a vector of hmmLanes behind the
+// Full and triangular models as their owner stores them. What lies a vector of hmmLanes after the
 // last element is readable.
 //   probabilities: for each source i = 0, 1, ... the targets 0 .. n - 1, or i .. n - 1 of a
 //   triangle
@@ -81,8 +81,8 @@ struct HmmKernels {
     // sums wrap.
     void (*pathFloat)(const HmmModel<float>& model, const float* const* rows, int nFrames,
                       HmmPath<float>* state);
-    void (*pathInt)(const HmmModel<int>& model, const int* const* rows, int nFrames,
-                    HmmPath<int>* state);
+    void (*pathFixed)(const HmmModel<int>& model, const int* const* rows, int nFrames,
+                      HmmPath<int>* state);
 
     // The same on models as they are stored.
     void (*storedForwardFloat)(const HmmBySource& model, const float* const* rows, int nFrames,
@@ -91,8 +91,8 @@ struct HmmKernels {
                                 bool rescaleLast, HmmForward* state);
     void (*storedPathFloat)(const HmmByTarget<float>& model, const float* const* rows, int nFrames,
                             HmmPath<float>* state);
-    void (*storedPathInt)(const HmmByTarget<int>& model, const int* const* rows, int nFrames,
-                          HmmPath<int>* state);
+    void (*storedPathFixed)(const HmmByTarget<int>& model, const int* const* rows, int nFrames,
+                            HmmPath<int>* state);
 };
 VSQ_DECLARE_LEVELS(HmmKernels, hmmKernels)
 

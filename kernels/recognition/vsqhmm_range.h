@@ -11,6 +11,7 @@
 namespace vsq::VSQ_LEVEL {
 namespace {
 
+constexpr int exponentShift = 52, allOfField = 0x7FF;    // where the exponent field of a double is
 constexpr int unitField = 0x3FF;                         // the field of 1.0
 constexpr int lowestField = 0x37F, highestField = 0x47F; // 2^-128 and 2^128
 constexpr int clampedField = 0x2FF;                      // one step multiplies by 2^256 at the most
@@ -23,7 +24,7 @@ VSQ_INLINE std::uint64_t patternOf(double value) {
 }
 
 VSQ_INLINE int exponentField(double value) {
-    return static_cast<int>(patternOf(value) >> 52) & 0x7FF;
+    return static_cast<int>(patternOf(value) >> exponentShift) & allOfField;
 }
 
 VSQ_INLINE bool isInRange(double sum) {
@@ -49,7 +50,7 @@ VSQ_INLINE RangeFault bringIntoRange(double* sum, double* power, int* exponent) 
     if (__builtin_sadd_overflow(*exponent, unitField - field, &counted)) return RangeFault::beyond;
     *exponent = counted;
     const std::uint64_t pattern = static_cast<std::uint64_t>(2 * unitField - field)
-                                  << 52; // 2^(unitField - field)
+                                  << exponentShift; // 2^(unitField - field)
     std::memcpy(power, &pattern, sizeof pattern);
     *sum *= *power;
     return RangeFault::none;

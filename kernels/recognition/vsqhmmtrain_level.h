@@ -25,9 +25,9 @@ struct HmmUnpacked {
 
 // A model as it is stored, by source state.
 //   full: trans[i * nStates + j]
-//   triangular: behind each other a(i,i) .. a(i,nStates-1)
+//   triangular: row after row a(i,i) .. a(i,nStates-1)
 //   banded: trans[3 * i + j - i] for j up to i + 2
-// A register's length behind the arrays is readable.
+// A register's length after the arrays is readable.
 struct HmmStored {
     HmmTopology topology;
     int nStates;

@@ -1,3 +1,6 @@
+// Squared distances from a vector to many codes, and the winner. Float sums are formed as an even
+// and an odd one per code, the same at every level. Fixed-point sums are exact or wrap, in any
+// order.
 #include "recognition/vsqkohonen_level.h"
 #include "simd/pack.h"
 
@@ -64,8 +67,8 @@ VSQ_INLINE Pairs squaresOfGroup(const float* vector, const float* const* codes, 
     return evenPlusOdd(first, second, std::make_integer_sequence<int, 2 * pairs>());
 }
 
-void squaresOfFloats(const float* vector, const float* const* codes, float* squares, int nDim,
-                     int nCodes) {
+void squaresFloat(const float* vector, const float* const* codes, float* squares, int nDim,
+                  int nCodes) {
     constexpr int together = 2 * pairs;
     int c = 0;
     for (; c + together <= nCodes; c += together)
@@ -93,7 +96,7 @@ VSQ_INLINE Squares squaresOf(const Words& a, const Words& b) {
 constexpr std::int16_t lastOnes[2 * group] = {0,  0,  0,  0,  0,  0,  0,  0,
                                               -1, -1, -1, -1, -1, -1, -1, -1};
 
-// The sum of the squares in words of type Sum. What is left behind whole groups is taken as the
+// The sum of the squares in words of type Sum. What is left after whole groups is taken as the
 // last whole group of the row, without the elements that have been taken already.
 template <class Sum>
 VSQ_INLINE Sum sumOfSquares(const short* a, const short* b, int nDim) {
@@ -120,8 +123,8 @@ VSQ_INLINE Sum sumOfSquares(const short* a, const short* b, int nDim) {
     return sumLanes(total);
 }
 
-void squaresOfShorts(const short* vector, const short* const* codes, void* squares, int nDim,
-                     int nCodes) {
+void squaresFixed(const short* vector, const short* const* codes, void* squares, int nDim,
+                  int nCodes) {
     for (int c = 0; c < nCodes; ++c) {
         const float rounded =
             float(std::int64_t(sumOfSquares<std::uint64_t>(codes[c], vector, nDim)));
@@ -142,8 +145,9 @@ using Ints = Pack<std::int32_t, lanes>;
 // within 2^-18 of an integer from below, so that the truncation is exact.
 VSQ_INLINE Ints rootsOf(const Ints& words) {
     auto values = convert<double>(words);
-    values = select(values < splat<double, lanes>(0), values + splat<double, lanes>(4294967296.0),
-                    values);
+    constexpr double wordRange = 0x1p32; // a negative word stands for itself plus this
+    values =
+        select(values < splat<double, lanes>(0), values + splat<double, lanes>(wordRange), values);
     return truncated(squareRoot(values));
 }
 
@@ -198,8 +202,14 @@ int firstSmallest(const void* values, int n) {
 
 } // namespace
 
-extern const KohonenKernels kohonenKernels{squaresOfFloats, squaresOfShorts, wrappingSquares,
-                                           integerRoots,    shiftRight,      shiftLeft,
-                                           firstSmallest};
+extern const KohonenKernels kohonenKernels{
+    .squaresFloat = squaresFloat,
+    .squaresFixed = squaresFixed,
+    .wrappingSquares = wrappingSquares,
+    .integerRoots = integerRoots,
+    .shiftRight = shiftRight,
+    .shiftLeft = shiftLeft,
+    .firstSmallest = firstSmallest,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -11,13 +11,13 @@ namespace vsq {
 struct KohonenKernels {
     // squares[c] = (e0^2 + e2^2 + ...) + (e1^2 + e3^2 + ...) of the differences e = code - vector,
     // each of the two sums taken upward in float: these roundings are part of the result.
-    void (*squaresOfFloats)(const float* vector, const float* const* codes, float* squares,
-                            int nDim, int nCodes);
+    void (*squaresFloat)(const float* vector, const float* const* codes, float* squares, int nDim,
+                         int nCodes);
 
     // The same for 16-bit elements: the exact sum, rounded to float; squares is an array of float
     // or int.
-    void (*squaresOfShorts)(const short* vector, const short* const* codes, void* squares, int nDim,
-                            int nCodes);
+    void (*squaresFixed)(const short* vector, const short* const* codes, void* squares, int nDim,
+                         int nCodes);
 
     // The same as a 32-bit sum that wraps.
     void (*wrappingSquares)(const short* vector, const short* const* codes, int* squares, int nDim,

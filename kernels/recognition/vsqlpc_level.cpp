@@ -1,3 +1,6 @@
+// Spectra of linear predictors and Durbin's recursion. The power spectrum is a product with a
+// cosine and a sine table; symmetry lets one product serve bins k and n - k. The recursion is one
+// long chain of dependent steps, so that its additions are arranged to keep that chain short.
 #include "recognition/vsqlpc_level.h"
 #include "simd/pack.h"
 
@@ -10,7 +13,7 @@ using std::int16_t;
 using std::int32_t;
 using std::uint32_t;
 
-// What differs between the flavours: the sums' type and how a response becomes a power.
+// What differs between the numeric forms: the sums' type and how a response becomes a power.
 struct FloatSums {
     using Element = float;
     using Sum = double;
@@ -118,11 +121,11 @@ VSQ_INLINE void powerSpectrum(const Sums& sums, const typename Sums::Element* ta
     }
 }
 
-void floatPower(const float* table, int n, const float* coef, int nCoef, float* power) {
+void powerFloat(const float* table, int n, const float* coef, int nCoef, float* power) {
     powerSpectrum(FloatSums{1.0}, table, n, coef, nCoef, power);
 }
 
-void fixedPower(const short* table, int n, const short* coef, int nCoef, unsigned one, double unit,
+void powerFixed(const short* table, int n, const short* coef, int nCoef, unsigned one, double unit,
                 float* power) {
     powerSpectrum(FixedSums{one, unit}, table, n, coef, nCoef, power);
 }
@@ -138,7 +141,7 @@ struct Pending {
 };
 
 // The reflection coefficient, and in `pending` the next order's error; no value where its magnitude
-// is above 1: the recursion has lost stability. Comparisons with not-a-number do not show that.
+// is above 1: the recursion has lost stability. Comparisons with NaN do not show that.
 VSQ_INLINE bool reflect(Pending& pending, double& k, float& error) {
     k = pending.numerator / pending.error;
     if (__builtin_fabs(k) > 1.0) return false;
@@ -230,6 +233,10 @@ bool durbin(const float* r, float* e, float* a, int order) {
 
 } // namespace
 
-extern const LpcKernels lpcKernels{floatPower, fixedPower, durbin};
+extern const LpcKernels lpcKernels{
+    .powerFloat = powerFloat,
+    .powerFixed = powerFixed,
+    .durbin = durbin,
+};
 
 } // namespace vsq::VSQ_LEVEL

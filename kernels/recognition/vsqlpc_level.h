@@ -14,10 +14,10 @@ namespace vsq {
 // the kernels rely.
 struct LpcKernels {
     // Sums in double; each result is rounded once.
-    void (*floatPower)(const float* table, int n, const float* coef, int nCoef, float* power);
+    void (*powerFloat)(const float* table, int n, const float* coef, int nCoef, float* power);
     // Sums in 32 bits, which wrap; the sum of squares of re = one - ... and im, each rounded to
     // float first, times `unit`.
-    void (*fixedPower)(const short* table, int n, const short* coef, int nCoef, unsigned one,
+    void (*powerFixed)(const short* table, int n, const short* coef, int nCoef, unsigned one,
                        double unit, float* power);
 
     // The predictor a[1] to a[order] of a signal with the autocorrelation r[0] to r[order], and its

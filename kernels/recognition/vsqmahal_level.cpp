@@ -1,3 +1,5 @@
+// Mahalanobis forms, one at a time and as panels: a panel gives each row of a codebook a lane and
+// adds in the order of the single form, so that both give the same bits.
 #include "recognition/vsqmahal_level.h"
 #include "recognition/quadratic_forms.h"
 
@@ -21,7 +23,7 @@ VSQ_INLINE double diagonalForm(const T* x, const T* y, const T* c, int n) {
     return sumLanes(lanes);
 }
 
-double diagonal(const float* x, const float* y, const float* c, int n) {
+double diagonalFloat(const float* x, const float* y, const float* c, int n) {
     return diagonalForm(x, y, c, n);
 }
 
@@ -92,8 +94,8 @@ VSQ_INLINE void exponentsOfBlocks(const float* x, const double* panel, std::ptrd
                                   int n, int rest, float* exponents) {
     const Blocks<count> forms = treeSum<count, 0, 1>(x, panel, blockStride, n);
     for (int b = 0; b < count; ++b) {
-        const auto form = bits<double>(bits<std::int64_t>(forms.sum[b]) &
-                                       splat<std::int64_t, lanes>(0x7FFFFFFFFFFFFFFF));
+        const auto form =
+            bits<double>(bits<std::int64_t>(forms.sum[b]) & splat<std::int64_t, lanes>(INT64_MAX));
         const auto exponent = convert<float>(form * splat<double, lanes>(-0.5));
         if (rest >= (b + 1) * lanes)
             store(exponents + b * lanes, exponent);
@@ -111,7 +113,7 @@ void panelExponents(const float* x, const double* panel, int nRows, int n, int n
     if (k < nRows) exponentsOfBlocks<1>(x, panel, blockStride, n, nRows - k, exponents + k);
 }
 
-double full(const float* x, const float* y, const float* const* c, int n) {
+double fullFloat(const float* x, const float* y, const float* const* c, int n) {
     return 2 * sumLanes(triangleLanes<ExactRows>(x, y, c, n));
 }
 
@@ -121,7 +123,13 @@ double fullFixed(const short* x, const short* y, const short* const* c, int n) {
 
 } // namespace
 
-extern const MahalKernels mahalKernels{diagonal,  diagonalFixed, full,
-                                       fullFixed, fillPanel,     panelExponents};
+extern const MahalKernels mahalKernels{
+    .diagonalFloat = diagonalFloat,
+    .diagonalFixed = diagonalFixed,
+    .fullFloat = fullFloat,
+    .fullFixed = fullFixed,
+    .fillPanel = fillPanel,
+    .panelExponents = panelExponents,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -17,12 +17,12 @@ constexpr std::size_t panelSize(int nRows, int n) {
 
 struct MahalKernels {
     // Sum of c[i] * (x[i] - y[i])^2; the arrays have n elements.
-    double (*diagonal)(const float* x, const float* y, const float* c, int n);
+    double (*diagonalFloat)(const float* x, const float* y, const float* c, int n);
     double (*diagonalFixed)(const short* x, const short* y, const short* c, int n);
 
     // Sum over i and j of c[i][j] * (x[i] - y[i]) * (x[j] - y[j]). Row i of the n rows holds
     // elements 0 to i.
-    double (*full)(const float* x, const float* y, const float* const* c, int n);
+    double (*fullFloat)(const float* x, const float* y, const float* const* c, int n);
     double (*fullFixed)(const short* x, const short* y, const short* const* c, int n);
 
     // Rows y[k] and c[k] in the order in which panelExponents reads them: eight rows side by side,
@@ -30,8 +30,8 @@ struct MahalKernels {
     void (*fillPanel)(const float* const* y, const float* const* c, int nRows, int n,
                       double* panel);
 
-    // exponents[k] = -|q| / 2 rounded to float, with q = diagonal(x, y[k], c[k], n) bit for bit,
-    // for nRows rows of a panel that has been filled with rows of nPanel elements, n or more.
+    // exponents[k] = -|q| / 2 rounded to float, with q = diagonalFloat(x, y[k], c[k], n) bit for
+    // bit, for nRows rows of a panel that has been filled with rows of nPanel elements, n or more.
     void (*panelExponents)(const float* x, const double* panel, int nRows, int n, int nPanel,
                            float* exponents);
 };

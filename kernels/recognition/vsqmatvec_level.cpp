@@ -1,3 +1,6 @@
+// Rows times a vector. Four rows go side by side, so that they share the loads of the vector and
+// the tree of last additions. 16-bit products are shifted before they are summed; the usual shifts
+// go in 16-bit lanes, which are twice as many.
 #include "recognition/vsqmatvec_level.h"
 #include "simd/shuffle.h"
 
@@ -15,7 +18,7 @@ using Lanes = Pack<float, lanes>;
 template <bool upper, class T>
 VSQ_INLINE Pack<T, 8> pairsOfQuarters(const Pack<T, 8>& x, const Pack<T, 8>& y) {
     if constexpr (isRegister<T, 8>)
-        return pick < upper ? quarterPairUpperLane : quarterPairLane > (x, y);
+        return pick<(upper ? quarterPairUpperLane : quarterPairLane)>(x, y);
     else if constexpr (upper)
         return {highHalves(x.lo, y.lo), highHalves(x.hi, y.hi)};
     else
@@ -64,7 +67,8 @@ VSQ_INLINE Pack<float, group> sumsOfFour(const float* const* rows, int first, co
     return sumsOfRows(sums);
 }
 
-void rowsS(float* dst, const float* const* rows, int first, const float* x, int nRows, int nCols) {
+void rowsFloat(float* dst, const float* const* rows, int first, const float* x, int nRows,
+               int nCols) {
     int r = 0;
     // 16 sums are stored at once, since a load of more than one store has written would wait for
     // them.
@@ -241,7 +245,8 @@ unsigned countOfNegatives(const short* x, int nCols) {
     return count;
 }
 
-void rowsW(int* dst, const short* const* rows, const short* x, int nRows, int nCols, int shift) {
+void rowsFixed(int* dst, const short* const* rows, const short* x, int nRows, int nCols,
+               int shift) {
     const int count = shift & 31;
     if (count == 15)
         sumRows<UpperHalvesSummed>(dst, rows, x, nRows, nCols, count, countOfNegatives(x, nCols));
@@ -253,6 +258,9 @@ void rowsW(int* dst, const short* const* rows, const short* x, int nRows, int nC
 
 } // namespace
 
-extern const MatVecKernels matVecKernels{rowsS, rowsW};
+extern const MatVecKernels matVecKernels{
+    .rowsFloat = rowsFloat,
+    .rowsFixed = rowsFixed,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -14,13 +14,13 @@ struct MatVecKernels {
     // of the true one, to first order, since no product passes through more than n - 1 roundings
     // besides its own; here it is at most n / 16 + 5 of them, so these sums are at least as good as
     // those of a plain loop.
-    void (*rowsS)(float* dst, const float* const* rows, int first, const float* x, int nRows,
-                  int nCols);
+    void (*rowsFloat)(float* dst, const float* const* rows, int first, const float* x, int nRows,
+                      int nCols);
 
     // dst[r] = the sum over c below nCols of (rows[r][c] * x[c]) >> (shift modulo 32). Every
     // product is shifted before it is added; the 32-bit sum wraps.
-    void (*rowsW)(int* dst, const short* const* rows, const short* x, int nRows, int nCols,
-                  int shift);
+    void (*rowsFixed)(int* dst, const short* const* rows, const short* x, int nRows, int nCols,
+                      int shift);
 };
 VSQ_DECLARE_LEVELS(MatVecKernels, matVecKernels)
 

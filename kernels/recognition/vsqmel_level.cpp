@@ -1,3 +1,5 @@
+// Filtering a spectrum through mel bands: four bands at a time over blocks of eight bins, summed in
+// double. The sums of four rows grow together, since a single one would wait for each addition.
 #include "recognition/vsqmel_level.h"
 #include "simd/pack.h"
 
@@ -55,6 +57,6 @@ bool filter(const MelPlan& plan, const float* spectrum, float* out) {
 
 } // namespace
 
-extern const MelKernels melKernels{filter};
+extern const MelKernels melKernels{.filter = filter};
 
 } // namespace vsq::VSQ_LEVEL

@@ -5,7 +5,7 @@
 
 namespace vsq {
 
-// Filters in the form that the kernel runs over. Groups of four rows share one number of blocks, a
+// Filters as the kernel runs over them. Groups of four rows share one number of blocks, a
 // block is eight bins, and what a row lacks is filled up with weights of zero; so there is no test
 // per filter and no tail per sum. The maker sees to it that no block leaves the spectrum:
 // firstBin[row] + 8 * nBlocks[group] is at most the number of bins the caller's spectrum has.
@@ -25,8 +25,8 @@ struct MelPlan {
 struct MelKernels {
     // out[row] = sum of spectrum[bin] * weight, in double: lane l of eight takes every eighth bin,
     // in ascending order, and the lanes are added as a tree. Says whether every result is a number:
-    // a weight of zero on an infinite bin or on a not-a-number gives a not-a-number in a row that
-    // does not know the bin.
+    // a weight of zero on an infinite bin or on a NaN gives a NaN in a row that does not know the
+    // bin.
     bool (*filter)(const MelPlan& plan, const float* spectrum, float* out);
 };
 VSQ_DECLARE_LEVELS(MelKernels, melKernels)

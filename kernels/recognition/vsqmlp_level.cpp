@@ -1,3 +1,6 @@
+// The sigmoid and the steps of perceptron training. The sigmoid is a polynomial per unit interval.
+// In fixed point a result that the polynomial's error leaves in doubt is computed again by the
+// formula, so that all results are those of the formula.
 #include "recognition/vsqmlp_level.h"
 #include "recognition/vsqmlp_table.h"
 #include "simd/pack.h"
@@ -118,12 +121,15 @@ VSQ_INLINE Doubles<N> mirrored(const Doubles<N>& value, const Floats<N>& x) {
     return selectNotBelowZero(x, splat<double, N>(1) - value, value);
 }
 
-// One element by the rules of its range. A not-a-number fails every comparison but the last one's
+// Beyond these the float nearest to the sigmoid is 1 or 0; below the table's end the formula holds.
+constexpr float oneAbove = 17.0f, zeroBelow = -104.0f, tableEnd = -78.0f;
+
+// One element by the rules of its range. A NaN fails every comparison but the last one's
 // opposite and takes the formula, which keeps it.
 VSQ_INLINE float sigmoidOf(float x) {
-    if (x > 17.0f) return 1.0f;
-    if (x < -104.0f) return 0.0f;
-    if (!(x > -78.0f && x < 17.0f)) return float(1.0 / (1.0 + __builtin_exp(-double(x))));
+    if (x > oneAbove) return 1.0f;
+    if (x < zeroBelow) return 0.0f;
+    if (!(x > tableEnd && x < oneAbove)) return float(1.0 / (1.0 + __builtin_exp(-double(x))));
     const double size = double(__builtin_fabsf(x));
     const int k = int(size);
     const double u = double(k) - size;
@@ -165,7 +171,7 @@ VSQ_INLINE void sigmoidBlock(const float* in, float* out, int count) {
         storePart(out, y, count);
 }
 
-void sigmoid(const float* in, float* out, int n) {
+void sigmoidFloat(const float* in, float* out, int n) {
     int i = 0;
     for (; i + blockLanes <= n; i += blockLanes)
         sigmoidBlock<blockLanes>(in + i, out + i, blockLanes);
@@ -173,11 +179,11 @@ void sigmoid(const float* in, float* out, int n) {
         sigmoidBlock<tailLanes>(in + i, out + i, n - i < tailLanes ? n - i : tailLanes);
 }
 
-// --- the sigmoid of words ---
+// --- the fixed sigmoid ---
 
 VSQ_INLINE short exactWord(int in, double inFactor, double outFactor) {
     const double y = 1.0 / (1.0 + __builtin_exp(-(double(in) * inFactor))) * outFactor;
-    return short(y > 32767.0 ? 32767 : int(y));
+    return short(y > INT16_MAX ? INT16_MAX : int(y));
 }
 
 struct WordScales {
@@ -227,7 +233,7 @@ VSQ_INLINE void sigmoidWordBlock(const int* in, short* out, const WordScales& sc
     }
 }
 
-void sigmoidW(const int* in, short* out, int n, int inBits, int outBits) {
+void sigmoidFixed(const int* in, short* out, int n, int inBits, int outBits) {
     const WordScales scales{inBits, 1.0 / double(1u << inBits), double(1u << outBits)};
     int i = 0;
     for (; i + blockLanes <= n; i += blockLanes)
@@ -323,6 +329,12 @@ void sigmoidSlopes(const float* outputs, float* slopes, int n) {
 
 } // namespace
 
-extern const MlpKernels mlpKernels{sigmoid, sigmoidW, sigmoidSlopes, descend, weighDeltas};
+extern const MlpKernels mlpKernels{
+    .sigmoidFloat = sigmoidFloat,
+    .sigmoidFixed = sigmoidFixed,
+    .sigmoidSlopes = sigmoidSlopes,
+    .descend = descend,
+    .weighDeltas = weighDeltas,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -11,12 +11,12 @@ struct MlpKernels {
     // (excluded) to 17 (excluded) it is the polynomial of kSigmoidRows at -|x|, in double, or 1
     // less that for x >= 0, rounded once. Above 17 it is 1, below -104 it is 0; 17 itself and -104
     // to -78 take the formula with the C library's exp.
-    void (*sigmoid)(const float* in, float* out, int n);
+    void (*sigmoidFloat)(const float* in, float* out, int n);
 
     // out[i] = 2^outBits / (1 + exp(-in[i] * 2^-inBits)), truncated to an integer and not above
     // 32767, n elements; both counts from 1 to 30. The results are those of the formula in double
     // with the C library's exp.
-    void (*sigmoidW)(const int* in, short* out, int n, int inBits, int outBits);
+    void (*sigmoidFixed)(const int* in, short* out, int n, int inBits, int outBits);
 
     // slopes[i] = (1 - outputs[i]) * outputs[i] in double, rounded once, n elements; the two are
     // the same array or apart.

@@ -10,7 +10,7 @@ they make up for what the rounding took. Four rows are settled figures and are t
 measured over its interval, and the program fails when one is off by more than the bound.
 
 That is kSigmoidRows. kFineSigmoidRows are the rows of the first intervals again, with doubles for coefficients: results
-of the fixed-point flavour must be those of the formula, and the finer the rows, the fewer results they leave in doubt.
+of the fixed-point form must be those of the formula, and the finer the rows, the fewer results they leave in doubt.
 """
 import struct
 import sys

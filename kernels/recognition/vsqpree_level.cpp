@@ -1,3 +1,5 @@
+// Pre-emphasis in place, in overlapping blocks from the end to the start, so that every element is
+// filtered with its unfiltered predecessor. Fixed point goes through pair sums, which are exact.
 #include "recognition/vsqpree_level.h"
 #include "simd/pack.h"
 
@@ -31,25 +33,26 @@ VSQ_INLINE Pack<float, N> scaled(const Pack<float, N>& x, float factor) {
     return x * splat<float, N>(factor);
 }
 
-void filter(float* vec, int n, float alpha) {
+void filterFloat(float* vec, int n, float alpha) {
     filterAll<32>(vec, n, [alpha](const auto& current, const auto& previous) VSQ_LAMBDA {
         return current - scaled(previous, alpha);
     });
 }
 
-constexpr int16_t one = 1 << 14;
+constexpr int fractionBits = 14;
+constexpr int16_t one = 1 << fractionBits;
 
 // The bounds of saturation lie 11 and 10 below the accumulator's 2^29; between them and there the
 // shift gives the same.
-void saturate(short* vec, int n, int alphaQ) {
+void saturateFixed(short* vec, int n, int alphaQ) {
     const auto minusAlpha = static_cast<int16_t>(-alphaQ);
     filterAll<32>(vec, n, [=](const auto& current, const auto& previous) VSQ_LAMBDA {
         return pairSums(current, one, previous, minusAlpha,
-                        [](auto acc) VSQ_LAMBDA { return acc >> 14; });
+                        [](auto acc) VSQ_LAMBDA { return acc >> fractionBits; });
     });
 }
 
-void shift(short* vec, int n, int alphaQ, int shift) {
+void shiftFixed(short* vec, int n, int alphaQ, int shift) {
     const auto minusAlpha = static_cast<int16_t>(-alphaQ);
     filterAll<32>(vec, n, [=](const auto& current, const auto& previous) VSQ_LAMBDA {
         return pairSums(current, one, previous, minusAlpha,
@@ -59,6 +62,10 @@ void shift(short* vec, int n, int alphaQ, int shift) {
 
 } // namespace
 
-extern const PreeKernels preeKernels{filter, saturate, shift};
+extern const PreeKernels preeKernels{
+    .filterFloat = filterFloat,
+    .saturateFixed = saturateFixed,
+    .shiftFixed = shiftFixed,
+};
 
 } // namespace vsq::VSQ_LEVEL

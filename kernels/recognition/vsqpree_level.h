@@ -7,12 +7,12 @@
 namespace vsq {
 
 // Fixed point: acc = x[i] * 2^14 - alphaQ * x[i-1] is exact in 32 bits for alphaQ from 0 to 2^14,
-// and its shift rounds toward minus infinity. `saturate` narrows acc >> 14 with saturation; `shift`
-// keeps the low 16 bits of acc >> shift, shift from 0 to 31.
+// and its shift rounds toward minus infinity. `saturateFixed` narrows acc >> 14 with
+// saturation; `shiftFixed` keeps the low 16 bits of acc >> shift, shift from 0 to 31.
 struct PreeKernels {
-    void (*filter)(float* vec, int n, float alpha);
-    void (*saturate)(short* vec, int n, int alphaQ);
-    void (*shift)(short* vec, int n, int alphaQ, int shift);
+    void (*filterFloat)(float* vec, int n, float alpha);
+    void (*saturateFixed)(short* vec, int n, int alphaQ);
+    void (*shiftFixed)(short* vec, int n, int alphaQ, int shift);
 };
 VSQ_DECLARE_LEVELS(PreeKernels, preeKernels)
 

@@ -1,3 +1,6 @@
+// Loops of the tree codebook over float points: sides of planes, descents through a tree of planes,
+// and bounds for the farthest pair. What rounding leaves in doubt is said, not guessed; so sums may
+// have any order here.
 #include "recognition/vsqtree_level.h"
 #include "simd/pack.h"
 
@@ -24,25 +27,25 @@ VSQ_INLINE float finishPoint(int nDim, float* p, int stride) {
     return squaredLength(p, stride);
 }
 
-float pointOfFloats(const float* src, float factor, const float* centre, int nDim, float* p,
-                    int stride) {
+float pointFloat(const float* src, float factor, const float* centre, int nDim, float* p,
+                 int stride) {
     for (int k = 0; k < nDim; ++k)
         p[k] = src[k] * factor - centre[k];
     return finishPoint(nDim, p, stride);
 }
 
-float pointOfShorts(const short* src, const float* centre, int nDim, float* p, int stride) {
+float pointFixed(const short* src, const float* centre, int nDim, float* p, int stride) {
     for (int k = 0; k < nDim; ++k)
         p[k] = float(src[k]) - centre[k];
     return finishPoint(nDim, p, stride);
 }
 
-void addFloats(const float* src, double* sums, int nDim) {
+void addFloat(const float* src, double* sums, int nDim) {
     for (int k = 0; k < nDim; ++k)
         sums[k] += double(src[k]);
 }
 
-void addShorts(const short* src, double* sums, int nDim) {
+void addFixed(const short* src, double* sums, int nDim) {
     for (int k = 0; k < nDim; ++k)
         sums[k] += double(src[k]);
 }
@@ -171,8 +174,17 @@ void farBoxes(const float* p, const float* mirrored, float twice, const float* b
 
 } // namespace
 
-extern const TreeKernels treeKernels{pointOfFloats, pointOfShorts, addFloats,   addShorts,
-                                     sides,         descend,       squaresFrom, transposeBlock,
-                                     nextFar,       farBoxes};
+extern const TreeKernels treeKernels{
+    .pointFloat = pointFloat,
+    .pointFixed = pointFixed,
+    .addFloat = addFloat,
+    .addFixed = addFixed,
+    .sides = sides,
+    .descend = descend,
+    .squaresFrom = squaresFrom,
+    .transposeBlock = transposeBlock,
+    .nextFar = nextFar,
+    .farBoxes = farBoxes,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -17,7 +17,7 @@ namespace vsq {
 // is computed with an error below margin = base + reach * (slope + reach * curve), which also
 // covers the rounding of the two distances themselves. v < -margin: R is nearer. v > margin + lead
 // + leadSlope * reach: L is nearer, by a whole unit where distances are truncated to integers.
-// Anything else, not-a-numbers included, is in doubt.
+// Anything else, NaNs included, is in doubt.
 struct Plane {
     float offset;
     float base, slope, curve;
@@ -40,7 +40,7 @@ struct PlaneTree {
 constexpr int pointBlock = 16;
 
 // Boxes around groups of points, in blocks of 16: for each coordinate k the 16 lower bounds at
-// block[32 * k] and the 16 upper ones behind them, and at block[32 * nDim] twice the largest
+// block[32 * k] and the 16 upper ones after them, and at block[32 * nDim] twice the largest
 // squared length of a group's points, seen from a mirror: a point in space that the caller has
 // chosen. An empty group has minus infinity there.
 constexpr int boxBlock = 16;
@@ -51,13 +51,13 @@ constexpr int boxBlockSize(int nDim) {
 struct TreeKernels {
     // Writes one point: p[k] = src[k] * factor - centre[k] for k < nDim (the factor of shorts is
     // 1), zeros up to stride. Returns the sum of its squares.
-    float (*pointOfFloats)(const float* src, float factor, const float* centre, int nDim, float* p,
-                           int stride);
-    float (*pointOfShorts)(const short* src, const float* centre, int nDim, float* p, int stride);
+    float (*pointFloat)(const float* src, float factor, const float* centre, int nDim, float* p,
+                        int stride);
+    float (*pointFixed)(const short* src, const float* centre, int nDim, float* p, int stride);
 
     // sums[k] += src[k]
-    void (*addFloats)(const float* src, double* sums, int nDim);
-    void (*addShorts)(const short* src, double* sums, int nDim);
+    void (*addFloat)(const float* src, double* sums, int nDim);
+    void (*addFixed)(const short* src, double* sums, int nDim);
 
     // For the n points points[members[i] * stride]: labels[i] becomes 'L', 'R', or '?' in doubt.
     void (*sides)(const float* points, const float* reach, int stride, const int* members, int n,
@@ -71,7 +71,7 @@ struct TreeKernels {
     void (*squaresFrom)(const float* points, int stride, const int* members, int n,
                         const float* from, float* squares);
 
-    // Writes one block of the transposed form, of points[members[i] * stride] for 16 members.
+    // Writes one block, transposed, of points[members[i] * stride] for 16 members.
     void (*transposeBlock)(const float* points, int stride, const int* members, int nDim,
                            float* block);
 

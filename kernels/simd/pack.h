@@ -341,7 +341,7 @@ VSQ_INLINE Pack<T, N> squareRoot(const Pack<T, N>& a) {
 
 // --- float to integer and to narrower integers, defined for every value ---
 
-// Toward zero; what does not fit, not-a-number included, becomes the most negative int, as the x86
+// Toward zero; what does not fit, NaN included, becomes the most negative int, as the x86
 // instructions do it.
 template <class T, int N>
 VSQ_INLINE Pack<std::int32_t, N> truncated(const Pack<T, N>& a) {

@@ -20,7 +20,7 @@ VSQ_INLINE Pack<T, N> pick(const Pack<T, N>& a, const Pack<T, N>& b) {
     return pickLanes<laneOf>(a, b, std::make_integer_sequence<int, N>());
 }
 
-// Of the array that a and b are when they stand behind each other: every second element.
+// Of the array that a and b are when b follows a: every second element.
 constexpr int evenLane(int i, int) {
     return 2 * i;
 }

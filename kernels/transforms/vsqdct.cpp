@@ -1,3 +1,6 @@
+// The cosine transform. Short lengths, and those that are no power of two up to a limit, are
+// products with a matrix; powers of two from 128 on go through the real Fourier transform. Tables
+// are made once for each method and length and found in lists without locks.
 #include "context/vsqmem.h"
 #include "levels/levels.h"
 #include "transforms/vsqffts.h"
@@ -13,20 +16,20 @@ namespace {
 constexpr Module module{"vsqdct"};
 constexpr double pi = 3.141592653589793238462643383279502884;
 
-// Powers of two from here on take the FFT form; below, the product is faster.
-constexpr int fftFormFrom = 128;
+// Powers of two from here on go through the FFT; below, the product is faster.
+constexpr int fftFrom = 128;
 constexpr int stackFloats = 1024;
 
-// --- the tables: made once for each form and length, and then kept in lists that are only ever
+// --- the tables: made once for each method and length, and then kept in lists that are only ever
 // added to ---
 
-enum class Form { forward, inverse, fft, cosines };
+enum class Method { forward, inverse, fft, cosines };
 
 struct DctTable {
     DctTable* next;
     int n;
-    Form form;
-    DctMatrices matrices; // of the direct forms
+    Method method;
+    DctMatrices matrices; // of the direct methods
     const float* values;  // of the other two
 };
 
@@ -54,24 +57,24 @@ float factorOf(int k, int j, int n) {
 }
 
 std::ptrdiff_t matrixFloats(int results, int terms) {
-    return std::ptrdiff_t{(results + 15) / 16} * 16 * terms;
+    return std::ptrdiff_t{(results + dctRow - 1) / dctRow} * dctRow * terms;
 }
 
 // Forward, results are k = parity, parity + 2, ... and terms j; inverse the other way round.
-void fillMatrix(float* matrix, int n, Form form, int parity, int results, int terms) {
-    for (int row = 0; row < results; row += 16)
+void fillMatrix(float* matrix, int n, Method method, int parity, int results, int terms) {
+    for (int row = 0; row < results; row += dctRow)
         for (int i = 0; i < terms; ++i)
-            for (int r = row; r < row + 16; ++r, ++matrix) {
-                const int k = 2 * (form == Form::forward ? r : i) + parity;
-                *matrix = r < results ? factorOf(k, form == Form::forward ? i : r, n) : 0.0f;
+            for (int r = row; r < row + dctRow; ++r, ++matrix) {
+                const int k = 2 * (method == Method::forward ? r : i) + parity;
+                *matrix = r < results ? factorOf(k, method == Method::forward ? i : r, n) : 0.0f;
             }
 }
 
 void fillDirect(DctTable& table, float* room) {
     const int n = table.n, half = n / 2;
-    fillMatrix(room, n, table.form, 0, n - half, n - half);
+    fillMatrix(room, n, table.method, 0, n - half, n - half);
     float* odd = room + matrixFloats(n - half, n - half);
-    fillMatrix(odd, n, table.form, 1, half, half);
+    fillMatrix(odd, n, table.method, 1, half, half);
     table.matrices = {n, room, odd};
 }
 
@@ -94,43 +97,43 @@ void fillCosines(DctTable& table, float* room) {
     table.values = room;
 }
 
-std::ptrdiff_t tableFloats(int n, Form form) {
-    if (form == Form::fft) return n;
+std::ptrdiff_t tableFloats(int n, Method method) {
+    if (method == Method::fft) return n;
     // at most 2^33 floats, which malloc may refuse
-    if (form == Form::cosines) return std::ptrdiff_t{n} * 4;
+    if (method == Method::cosines) return std::ptrdiff_t{n} * 4;
     return matrixFloats(n - n / 2, n - n / 2) + matrixFloats(n / 2, n / 2);
 }
 
-DctTable* buildTable(int n, Form form) {
+DctTable* buildTable(int n, Method method) {
     constexpr std::ptrdiff_t header = 64 / sizeof(float);
     static_assert(sizeof(DctTable) <= 64);
-    if (form == Form::cosines && std::ptrdiff_t{n} > PTRDIFF_MAX / 32) return nullptr;
-    float* block = allocAligned<float>(header + tableFloats(n, form));
+    if (method == Method::cosines && std::ptrdiff_t{n} > PTRDIFF_MAX / 32) return nullptr;
+    float* block = allocAligned<float>(header + tableFloats(n, method));
     if (block == nullptr) return nullptr;
-    DctTable* table = new (block) DctTable{nullptr, n, form, {}, nullptr};
-    if (form == Form::fft)
+    DctTable* table = new (block) DctTable{nullptr, n, method, {}, nullptr};
+    if (method == Method::fft)
         fillFft(*table, block + header);
-    else if (form == Form::cosines)
+    else if (method == Method::cosines)
         fillCosines(*table, block + header);
     else
         fillDirect(*table, block + header);
     return table;
 }
 
-const DctTable* findTable(const DctTable* list, int n, Form form) {
-    while (list != nullptr && (list->n != n || list->form != form))
+const DctTable* findTable(const DctTable* list, int n, Method method) {
+    while (list != nullptr && (list->n != n || list->method != method))
         list = list->next;
     return list;
 }
 
-const DctTable* dctTable(int n, Form form) {
+const DctTable* dctTable(int n, Method method) {
     std::atomic<DctTable*>& list = lists[n % nLists];
     DctTable* head = list.load(std::memory_order_acquire);
-    if (const DctTable* found = findTable(head, n, form)) return found;
-    DctTable* made = buildTable(n, form);
+    if (const DctTable* found = findTable(head, n, method)) return found;
+    DctTable* made = buildTable(n, method);
     if (made == nullptr) return nullptr;
     do {
-        if (const DctTable* found = findTable(head, n, form)) { // another thread was quicker
+        if (const DctTable* found = findTable(head, n, method)) { // another thread was quicker
             freeAligned(made);
             return found;
         }
@@ -150,10 +153,10 @@ void releaseTables() {
         }
 }
 
-// --- the forms; each is false when memory for a table or scratch ran out ---
+// --- the methods; each is false when memory for a table or scratch ran out ---
 
 bool direct(const float* src, float* dst, int n, bool isForward) {
-    const DctTable* table = dctTable(n, isForward ? Form::forward : Form::inverse);
+    const DctTable* table = dctTable(n, isForward ? Method::forward : Method::inverse);
     if (table == nullptr) return false;
     (isForward ? kernels().dct->forward : kernels().dct->inverse)(src, dst, table->matrices);
     return true;
@@ -161,7 +164,7 @@ bool direct(const float* src, float* dst, int n, bool isForward) {
 
 // Lengths for which a matrix would be out of proportion: cosines by their angle, sums in double.
 bool directLong(const float* work, float* dst, int n, bool isForward) {
-    const DctTable* table = dctTable(n, Form::cosines);
+    const DctTable* table = dctTable(n, Method::cosines);
     if (table == nullptr) return false;
     const auto turn = 4ULL * static_cast<unsigned>(n);
     const double first = std::sqrt(1.0 / n), other = std::sqrt(2.0 / n);
@@ -183,7 +186,7 @@ bool directLong(const float* work, float* dst, int n, bool isForward) {
 // The work copy becomes the transform's input, dst its output.
 bool byFft(const float* src, float* dst, float* work, int n, bool isForward) {
     const int order = std::countr_zero(static_cast<unsigned>(n));
-    const DctTable* table = dctTable(n, Form::fft);
+    const DctTable* table = dctTable(n, Method::fft);
     const FftTables* fft = fftTables(order - 1);
     if (table == nullptr || fft == nullptr) return false;
     const DctKernels& kernel = *kernels().dct;
@@ -200,7 +203,7 @@ bool byFft(const float* src, float* dst, float* work, int n, bool isForward) {
 }
 
 bool transform(const float* src, float* dst, float* work, int n, bool isForward) {
-    if (n >= fftFormFrom && (n & (n - 1)) == 0) return byFft(src, dst, work, n, isForward);
+    if (n >= fftFrom && (n & (n - 1)) == 0) return byFft(src, dst, work, n, isForward);
     for (int i = 0; i < n; ++i)
         work[i] = src[i];
     return directLong(work, dst, n, isForward);
@@ -233,7 +236,7 @@ void reportNoMemory(const char* funcName) {
 void convertBetween(const short* src, short* dst, float* a, float* b, int n, int flags) {
     vsqsbIntToFloat(src, a, n, 16, 0);
     vsqsDct(a, b, n, flags);
-    vsqsbFloatToInt(b, dst, n, 16, 0x1080);
+    vsqsbFloatToInt(b, dst, n, 16, VSQ_RoundToZero | VSQ_Saturate);
 }
 
 } // namespace
@@ -248,7 +251,7 @@ void vsqsDct(const float* pSrc, float* pDst, int n, int flags) {
     }
     if (refuses(pSrc, pDst, n, flags, __func__)) return;
     const bool isForward = flags == VSQ_DctForw;
-    const bool isShort = n < fftFormFrom || (n <= dctDirectLimit && (n & (n - 1)) != 0);
+    const bool isShort = n < fftFrom || (n <= dctDirectLimit && (n & (n - 1)) != 0);
     const bool done =
         isShort ? direct(pSrc, pDst, n, isForward) : transformWithCopy(pSrc, pDst, n, isForward);
     if (!done) reportNoMemory(__func__);

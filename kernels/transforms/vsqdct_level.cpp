@@ -1,3 +1,5 @@
+// The cosine transform's loops: products with the two half-size matrices of the direct method, and
+// the steps before and after the Fourier transform of the other one.
 #include "transforms/vsqdct_level.h"
 #include "simd/pack.h"
 
@@ -6,34 +8,36 @@
 namespace vsq::VSQ_LEVEL {
 namespace {
 
-constexpr int mostRows = dctDirectLimit / 2 / 16;
-using Lanes = Pack<float, 16>;
+constexpr int lanes = dctRow;
+constexpr int mostRows = dctDirectLimit / 2 / lanes;
+using Lanes = Pack<float, lanes>;
 
-// results[16 r + lane] = sum over i of matrix[(r * terms + i) * 16 + lane] * x[i]. Four running
-// sums, i modulo 4, hide the additions' latency.
+// results[lanes * r + lane] = sum over i of matrix[(r * terms + i) * lanes + lane] * x[i]. Four
+// running sums, i modulo 4, hide the additions' latency.
 void multiply(const float* matrix, const float* x, float* results, int rows, int terms) {
-    for (int row = 0; row < rows; ++row, results += 16) {
+    for (int row = 0; row < rows; ++row, results += lanes) {
         Lanes sums[4];
         for (Lanes& sum : sums)
-            sum = splat<float, 16>(0.0f);
+            sum = splat<float, lanes>(0.0f);
         int i = 0;
-        for (; i + 4 <= terms; i += 4, matrix += 64)
+        for (; i + 4 <= terms; i += 4, matrix += 4 * lanes)
             for (int s = 0; s < 4; ++s)
-                sums[s] = sums[s] + load<float, 16>(matrix + 16 * s) * splat<float, 16>(x[i + s]);
-        for (int s = 0; i < terms; ++i, ++s, matrix += 16)
-            sums[s] = sums[s] + load<float, 16>(matrix) * splat<float, 16>(x[i]);
+                sums[s] = sums[s] +
+                          load<float, lanes>(matrix + lanes * s) * splat<float, lanes>(x[i + s]);
+        for (int s = 0; i < terms; ++i, ++s, matrix += lanes)
+            sums[s] = sums[s] + load<float, lanes>(matrix) * splat<float, lanes>(x[i]);
         store(results, (sums[0] + sums[1]) + (sums[2] + sums[3]));
     }
 }
 
 int rowsFor(int results) {
-    return (results + 15) / 16;
+    return (results + lanes - 1) / lanes;
 }
 
 void forward(const float* src, float* dst, const DctMatrices& matrices) {
     const int n = matrices.n, half = n / 2;
     float sums[dctDirectLimit / 2 + 1], differences[dctDirectLimit / 2 + 1];
-    alignas(64) float even[16 * (mostRows + 1)], odd[16 * (mostRows + 1)];
+    alignas(64) float even[lanes * (mostRows + 1)], odd[lanes * (mostRows + 1)];
     for (int j = 0; j < half; ++j) {
         sums[j] = src[j] + src[n - 1 - j];
         differences[j] = src[j] - src[n - 1 - j];
@@ -51,7 +55,7 @@ void forward(const float* src, float* dst, const DctMatrices& matrices) {
 void inverse(const float* src, float* dst, const DctMatrices& matrices) {
     const int n = matrices.n, half = n / 2;
     float evenTerms[dctDirectLimit / 2 + 1], oddTerms[dctDirectLimit / 2 + 1];
-    alignas(64) float symmetric[16 * (mostRows + 1)], antisymmetric[16 * (mostRows + 1)];
+    alignas(64) float symmetric[lanes * (mostRows + 1)], antisymmetric[lanes * (mostRows + 1)];
     for (int k = 0; k < half; ++k) {
         evenTerms[k] = src[2 * k];
         oddTerms[k] = src[2 * k + 1];
@@ -106,6 +110,13 @@ void turnBack(const float* src, float* spectrum, const float* factors, int n) {
 
 } // namespace
 
-extern const DctKernels dctKernels{forward, inverse, reorder, restore, turn, turnBack};
+extern const DctKernels dctKernels{
+    .forward = forward,
+    .inverse = inverse,
+    .reorder = reorder,
+    .restore = restore,
+    .turn = turn,
+    .turnBack = turnBack,
+};
 
 } // namespace vsq::VSQ_LEVEL

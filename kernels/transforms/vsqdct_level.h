@@ -5,10 +5,12 @@
 
 namespace vsq {
 
-// The direct form uses that cosines of even k are symmetric in j and those of odd k antisymmetric:
-// two products of half the size, with the sums and the differences of mirrored elements. `even` and
-// `odd` hold their matrices in rows of 16 results: for each row and each term 16 factors, zeros
-// behind the last result.
+inline constexpr int dctRow = 16; // results in a row of a matrix
+
+// The direct method uses that cosines of even k are symmetric in j and those of odd k
+// antisymmetric: two products of half the size, with the sums and the differences of mirrored
+// elements. `even` and `odd` hold their matrices in rows of dctRow results: for each row and each
+// term so many factors, zeros after the last result.
 struct DctMatrices {
     int n;
     const float* even; // for ceil(n / 2) results and terms
@@ -20,11 +22,11 @@ struct DctKernels {
     void (*forward)(const float* src, float* dst, const DctMatrices& matrices);
     void (*inverse)(const float* src, float* dst, const DctMatrices& matrices);
 
-    // The FFT form, n a power of two, 4 at least; the arrays do not overlap. `reorder` puts the
-    // even elements first and the odd ones behind them backwards; `restore` undoes it. `turn` makes
-    // the results from the spectrum of the reordered elements, packed with X[n/2] in element 1, and
-    // `turnBack` the spectrum from the results. factors[k] and factors[n/2 + k] are sqrt(2/n)
-    // cos(pi k / (2 n)) and sqrt(2/n) sin(pi k / (2 n)), with sqrt(1/n) for k = 0.
+    // The method by FFT, n a power of two, 4 at least; the arrays do not overlap. `reorder` puts
+    // the even elements first and after them the odd ones backwards; `restore` undoes it. `turn`
+    // makes the results from the spectrum of the reordered elements, packed with X[n/2] in element
+    // 1, and `turnBack` the spectrum from the results. factors[k] and factors[n/2 + k] are
+    // sqrt(2/n) cos(pi k / (2 n)) and sqrt(2/n) sin(pi k / (2 n)), with sqrt(1/n) for k = 0.
     void (*reorder)(const float* src, float* dst, int n);
     void (*restore)(const float* src, float* dst, int n);
     void (*turn)(const float* spectrum, float* dst, const float* factors, int n);

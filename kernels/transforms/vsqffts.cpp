@@ -1,3 +1,5 @@
+// The float real transform: checks, tables, scratch and scaling. Scratch is on the stack as long as
+// it is small; when memory runs out, everything cached is released and the call tries once more.
 #include "transforms/vsqffts.h"
 
 #include "levels/levels.h"
@@ -73,13 +75,12 @@ void run(const float* in, float* out, int order, int flags, const FftTables* tab
 } // namespace
 
 bool refusesFftFlags(const Module& caller, int flags, const char* funcName) {
-    return caller.refuses((flags & 1) && (flags & 2), "(flags & 1) && (flags & 2)", funcName) ||
-           caller.refuses((flags & 1) == 0 && (flags & 2) == 0, "(flags & 1)==0 && (flags & 2)==0",
-                          funcName) ||
-           caller.refuses((flags & 256) && (flags & 512), "(flags & 256) && (flags & 512)",
-                          funcName) ||
-           caller.refuses((flags & 256) == 0 && (flags & 512) == 0,
-                          "(flags & 256)==0 && (flags & 512)==0", funcName);
+    const bool forward = (flags & VSQ_Forw) != 0, inverse = (flags & VSQ_Inv) != 0;
+    const bool pack = (flags & VSQ_RCPack) != 0, perm = (flags & VSQ_RCPerm) != 0;
+    return caller.refuses(forward && inverse, "(flags & 1) && (flags & 2)", funcName) ||
+           caller.refuses(!forward && !inverse, "(flags & 1)==0 && (flags & 2)==0", funcName) ||
+           caller.refuses(pack && perm, "(flags & 256) && (flags & 512)", funcName) ||
+           caller.refuses(!pack && !perm, "(flags & 256)==0 && (flags & 512)==0", funcName);
 }
 
 bool realFft(const float* in, float* out, int order, int flags, const FftTables* tables) {

@@ -858,6 +858,9 @@ void inverse(const float* in, float* out, int shift, float scale, const FftTable
 
 } // namespace
 
-extern const FftsKernels fftsKernels{forward, inverse};
+extern const FftsKernels fftsKernels{
+    .forward = forward,
+    .inverse = inverse,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -1,3 +1,5 @@
+// The fixed-point real transform: the samples become floats, the float transform runs, and the
+// results are scaled and narrowed to 16 bits. So both numeric forms share tables and passes.
 #include "levels/levels.h"
 #include "transforms/vsqffts.h"
 
@@ -8,7 +10,10 @@ namespace vsq {
 namespace {
 
 constexpr Module module{"vsqfftw"};
-constexpr int truncateAndSaturate = 0x1080;
+constexpr int truncateAndSaturate = VSQ_RoundToZero | VSQ_Saturate;
+constexpr float aboveShorts = 32768.0f, belowShorts = -32769.0f; // the nearest that do not fit
+// brings even the largest float, just below 2^128, to 16 bits
+constexpr int largestShift = 128 - 15;
 // order 31 exceeds the conversions' int
 constexpr std::ptrdiff_t blockLength = std::ptrdiff_t{1} << 30;
 
@@ -16,16 +21,16 @@ bool refusesArguments(const short* samps, int flags, int scaleMode, const int* s
                       const char* funcName) {
     return module.refuses(samps == nullptr, "samps==0", funcName) ||
            refusesFftFlags(module, flags, funcName) ||
-           module.refuses((scaleMode & 0x0002) && (scaleMode & 0x0004),
+           module.refuses((scaleMode & VSQ_FIXED_SCALE) && (scaleMode & VSQ_AUTO_SCALE),
                           "(scaleMode & 0x0002) && (scaleMode & 0x0004)", funcName) ||
            module.refuses((scaleMode & VSQ_AUTO_SCALE) && scaleFactor == nullptr, "scaleFactor==0",
                           funcName);
 }
 
-// --- results to 16 bits; both forms truncate toward zero and saturate ---
+// --- results to 16 bits: scaled or not, they are truncated toward zero and saturated ---
 
 // The smallest right shift, 0 or more, under which every value fits: |v| * 2^-shift below 32768,
-// where -32768 fits too. A not-a-number does not count; with an infinity the shift is that of the
+// where -32768 fits too. A NaN does not count; with an infinity the shift is that of the
 // largest float.
 int fittingShift(const float* values, std::ptrdiff_t n) {
     float highest = 0.0f, lowest = 0.0f;
@@ -34,8 +39,8 @@ int fittingShift(const float* values, std::ptrdiff_t n) {
         lowest = values[i] < lowest ? values[i] : lowest;
     }
     int shift = 0;
-    while (shift < 113 &&
-           (std::ldexp(highest, -shift) >= 32768.0f || std::ldexp(lowest, -shift) <= -32769.0f))
+    while (shift < largestShift && (std::ldexp(highest, -shift) >= aboveShorts ||
+                                    std::ldexp(lowest, -shift) <= belowShorts))
         ++shift;
     return shift;
 }
@@ -119,7 +124,8 @@ void vsqwRealFftl(short* samps, int order, int flags, int scaleMode, int* scaleF
         return;
     }
     if (module.refuses(order < 0, "order<0") || module.refuses(order > 31, "order>31") ||
-        module.refuses((flags & 8192) && (flags & 16384), "(flags & 8192) && (flags & 16384)"))
+        module.refuses((flags & VSQ_RoundMode0) && (flags & VSQ_RoundMode1),
+                       "(flags & 8192) && (flags & 16384)"))
         return;
     const bool onlyPrepare = (flags & VSQ_Init) != 0;
     if (!onlyPrepare && refusesArguments(samps, flags, scaleMode, scaleFactor, __func__)) return;

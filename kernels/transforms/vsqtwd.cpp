@@ -1,3 +1,6 @@
+// The transforms' tables, one per order, built on first use and published by a compare-and-swap: no
+// lock, and a thread that loses the race frees its own copy. Also the working memory that calls
+// lend each other.
 #include "transforms/vsqtwd.h"
 
 #include "context/vsqcontext.h"
@@ -41,9 +44,10 @@ constinit Slots<FftTables> workingTables{};
 constinit WorkCache scratchCache;
 constinit WorkCache fixedCache;
 
+// The complex twiddles of long orders are followed by a table of a quarter turn in equal steps.
 constexpr int secondLevelFrom = 15;
 constexpr int secondLevelEntries = 4096;
-constexpr double secondLevelStep = 0.0003834951969714103;
+constexpr double secondLevelStep = 0.0003834951969714103; // 2 pi / 2^14
 
 int* buildBitRev(int order) {
     int* table = allocAligned<int>(std::ptrdiff_t{1} << order);

@@ -45,14 +45,15 @@ VSQ_INLINE ReducedExp<lanes> reducedExp(const Pack<float, lanes>& x) {
 
 template <int lanes>
 VSQ_INLINE Pack<float, lanes> expOfAny(const Pack<float, lanes>& x) {
-    // Beyond these limits the results stay 0 and infinity. Not-a-numbers pass them, and all that
-    // follows.
-    const auto limited = larger(splat<float, lanes>(-104), smaller(splat<float, lanes>(89), x));
+    // Beyond these limits the results stay 0 and infinity. NaNs pass them, and all that follows.
+    constexpr float zeroBelow = -104, infiniteAbove = 89;
+    const auto limited =
+        larger(splat<float, lanes>(zeroBelow), smaller(splat<float, lanes>(infiniteAbove), x));
     const ReducedExp<lanes> reduced = reducedExp<lanes>(limited);
     if constexpr (hasPowers) return timesPowers(reduced.mantissa, reduced.n);
     // 2^(the whole part of n) in two factors, each a normal float; only the second product may
     // round, to a denormal.
-    const auto bias = splat<std::int32_t, lanes>(127);
+    const auto bias = splat<std::int32_t, lanes>(127); // of a float's exponent
     const Pack<std::int32_t, lanes> whole =
         (bits<std::int32_t>(reduced.turns) - bits<std::int32_t>(splat<float, lanes>(rounder))) >> 3;
     const Pack<std::int32_t, lanes> half = whole >> 1;
@@ -66,9 +67,11 @@ struct Exp {
     VSQ_INLINE Pack<float, lanes> operator()(const Pack<float, lanes>& x) const {
         if constexpr (hasPowers) return expOfAny<lanes>(x);
         // Up to here the result is a normal float and the whole part of n a step in its exponent.
-        const Pack<std::int32_t, lanes> limit = bits<std::int32_t>(splat<float, lanes>(87));
+        constexpr float normalBelow = 87;
+        const Pack<std::int32_t, lanes> limit =
+            bits<std::int32_t>(splat<float, lanes>(normalBelow));
         const Pack<std::int32_t, lanes> magnitude =
-            bits<std::int32_t>(x) & splat<std::int32_t, lanes>(0x7FFFFFFF);
+            bits<std::int32_t>(x) & splat<std::int32_t, lanes>(INT32_MAX);
         if (__builtin_expect(anyBelow(limit, magnitude), false)) return expOfAny<lanes>(x);
         const ReducedExp<lanes> reduced = reducedExp<lanes>(x);
         const auto exponent =

@@ -5,7 +5,7 @@ namespace vsq {
 
 // Where the product leaves the middle of a double's range its size is kept apart, in steps of
 // 2^400, so that no order of factors overflows or underflows on the way. Factors are floats once,
-// up to 2^149 in size either way; 0, infinity and not-a-number stay themselves. For level sources
+// up to 2^149 in size either way; 0, infinity and NaN stay themselves. For level sources
 // too: nothing here is ever a function of its own, not even a constructor.
 struct ScaledProduct {
     double part; // of the empty product: 1

@@ -1,3 +1,4 @@
+// Elementwise products: argument checks in front of the kernels.
 #include "context/vsqcontext.h"
 #include "levels/levels.h"
 

@@ -1,15 +1,17 @@
+// Elementwise loops, left to the compiler: each element stands for itself, so that any register
+// width gives the same bits.
 #include "vectors/vsqarith_level.h"
 #include "simd/pack.h"
 
 namespace vsq::VSQ_LEVEL {
 namespace {
 
-void set(float value, float* dst, int n) {
+void setFloat(float value, float* dst, int n) {
     for (int i = 0; i < n; ++i)
         dst[i] = value;
 }
 
-void setWords(short value, short* dst, int n) {
+void setFixed(short value, short* dst, int n) {
     for (int i = 0; i < n; ++i)
         dst[i] = value;
 }
@@ -26,6 +28,11 @@ void multiply(const float* src, float* dst, int n) {
 
 } // namespace
 
-extern const ArithKernels arithKernels{set, setWords, scale, multiply};
+extern const ArithKernels arithKernels{
+    .setFloat = setFloat,
+    .setFixed = setFixed,
+    .scale = scale,
+    .multiply = multiply,
+};
 
 } // namespace vsq::VSQ_LEVEL

@@ -6,8 +6,8 @@
 namespace vsq {
 
 struct ArithKernels {
-    void (*set)(float value, float* dst, int n);           // dst[i] = value
-    void (*setWords)(short value, short* dst, int n);      // dst[i] = value
+    void (*setFloat)(float value, float* dst, int n);      // dst[i] = value
+    void (*setFixed)(short value, short* dst, int n);      // dst[i] = value
     void (*scale)(float factor, float* dst, int n);        // dst[i] *= factor
     void (*multiply)(const float* src, float* dst, int n); // dst[i] *= src[i]
 };

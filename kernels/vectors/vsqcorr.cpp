@@ -1,3 +1,4 @@
+// Autocorrelation of floats: the checks and the division of the sums. The kernel gives plain sums.
 #include "context/vsqcontext.h"
 #include "levels/levels.h"
 

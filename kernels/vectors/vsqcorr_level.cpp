@@ -1,3 +1,6 @@
+// Autocorrelation: sums of a group of lags stay in registers while one stretch of the signal,
+// widened to double once, passes by. Each lag has its own order of additions, the same at every
+// level.
 #include "vectors/vsqcorr_level.h"
 #include "simd/pack.h"
 
@@ -119,6 +122,6 @@ void autoCorr(const float* src, int n, int firstLag, double* sums, int nLags) {
 
 } // namespace
 
-extern const CorrKernels corrKernels{autoCorr};
+extern const CorrKernels corrKernels{.autoCorr = autoCorr};
 
 } // namespace vsq::VSQ_LEVEL

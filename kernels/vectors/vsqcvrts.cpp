@@ -1,3 +1,6 @@
+// The public conversions. 16-bit and 32-bit truncation, which frames use, runs over the kernels;
+// the other rounding modes and 8-bit values go one by one, because the rounding mode is the C
+// library's.
 #include "context/vsqcontext.h"
 #include "levels/levels.h"
 
@@ -13,16 +16,15 @@ constexpr vsq::Module module{"vsqcvrts"};
 
 constexpr int unknownFlags = ~(VSQ_Saturate | VSQ_RoundToZero | VSQ_RoundDown);
 
-// The fraction's fate for the modes that are not the block kernels' truncation. Not-a-number stays
-// one.
+// The fraction's fate for the modes that are not the block kernels' truncation. NaN stays NaN.
 double rounded(double value, int flags) {
     if (flags & VSQ_RoundToZero) return std::trunc(value);
     if (flags & VSQ_RoundDown) return std::floor(value);
     return std::nearbyint(value);
 }
 
-// What does not fit becomes the nearer end of the range if values saturate, and not-a-number then
-// the smallest value; otherwise both become the most negative value, as in the recognition layer's
+// What does not fit becomes the nearer end of the range if values saturate, and NaN then the
+// smallest value; otherwise both become the most negative value, as in the recognition layer's
 // block conversions.
 template <class T>
 T fitted(double whole, bool saturates) {
@@ -31,7 +33,8 @@ T fitted(double whole, bool saturates) {
     return saturates && whole > 0 ? Range::max() : Range::min();
 }
 
-// Elements by their bytes: in place an array holds one type in front and another one behind.
+// Elements by their bytes: converted in place, an array holds results at its beginning and still
+// elements of the other type after them.
 template <class T>
 T elementAt(const void* array, int i) {
     T value;

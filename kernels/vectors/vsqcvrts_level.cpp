@@ -1,3 +1,6 @@
+// Conversions in blocks of eight registers. Narrowing instructions saturate, so that only the few
+// values for which that is wrong are looked for. In place, blocks go upward or downward, so that no
+// element is read after a result has covered it.
 #include "vectors/vsqcvrts_level.h"
 #include "simd/pack.h"
 
@@ -72,9 +75,9 @@ VSQ_INLINE bool anyAbove(const Pack<int, N>& v, int limit) {
 // the short range, and what does not even fit 32 bits and has become the most negative int. Where
 // arrays are long the few that end elsewhere are looked for, which costs less than to replace them
 // beforehand in every register.
+constexpr bool hasIntMaximum = registerBytes > 16; // SSE2 has no maximum of 32-bit integers
 template <int N>
-// SSE2 has no maximum of 32-bit integers
-constexpr bool looksFirst = N == wide&& registerBytes > 16;
+constexpr bool looksFirst = hasIntMaximum && (N == wide);
 
 // In a truncation they are those between the two ranges, which are to become the most negative
 // value.
@@ -82,28 +85,28 @@ template <class T, int N>
 VSQ_INLINE Pack<short, N> truncateTo(short, const Pack<T, N>& x) {
     if constexpr (looksFirst<N>) {
         const Pack<int, N> whole = truncated(x);
-        if (__builtin_expect(!anyAbove(whole, 32767), true)) return narrowed(whole);
+        if (__builtin_expect(!anyAbove(whole, INT16_MAX), true)) return narrowed(whole);
     }
-    return narrowed(truncated(select(x < splat<T, N>(T(32768)), x, splat<T, N>(T(-32768)))));
+    return narrowed(
+        truncated(select(x < splat<T, N>(T(INT16_MAX + 1)), x, splat<T, N>(T(INT16_MIN)))));
 }
 template <class T, int N>
 VSQ_INLINE Pack<int, N> truncateTo(int, const Pack<T, N>& x) {
     return truncated(x);
 }
 
-// The smaller of limit and x is x for a not-a-number, which then truncates to the most negative
-// int.
+// The smaller of limit and x is x for a NaN, which then truncates to the most negative int.
 template <class T, int N>
 VSQ_INLINE Pack<short, N> clampTo(short, const Pack<T, N>& x) {
-    return narrowed(truncated(smaller(splat<T, N>(T(32767)), x)));
+    return narrowed(truncated(smaller(splat<T, N>(T(INT16_MAX)), x)));
 }
 template <int N>
 VSQ_INLINE Pack<int, N> clampTo(int, const Pack<double, N>& x) {
-    return truncated(smaller(splat<double, N>(2147483647.0), x));
+    return truncated(smaller(splat<double, N>(INT32_MAX), x));
 }
 template <int N>
 VSQ_INLINE Pack<int, N> clampTo(int, const Pack<float, N>& x) { // no float is 2^31 - 1
-    return select(splat<float, N>(2147483648.0f) <= x, splat<int, N>(INT32_MAX), truncated(x));
+    return select(splat<float, N>(0x1p31f) <= x, splat<int, N>(INT32_MAX), truncated(x));
 }
 
 // Whether products with the factor, a power of two, come out the same in float as in double
@@ -250,12 +253,17 @@ VSQ_INLINE int largestMasked(const void* src, std::ptrdiff_t count, Word mask) {
     return largest;
 }
 
+// The exponent fields, and how far they stand above bit 0 of the topmost 16 bits.
+constexpr int32_t floatField = 0x7F800000;
+constexpr int64_t doubleField = 0x7FF0000000000000;
+constexpr int floatFieldShift = 7, doubleFieldShift = 4;
+
 int largestFloatExponent(const float* src, int n) {
-    return largestMasked<int32_t, 64>(src, std::ptrdiff_t(2) * n, 0x7F800000) >> 7;
+    return largestMasked<int32_t, 64>(src, std::ptrdiff_t(2) * n, floatField) >> floatFieldShift;
 }
 
 int largestDoubleExponent(const double* src, int n) {
-    return largestMasked<int64_t, 64>(src, std::ptrdiff_t(4) * n, 0x7FF0000000000000) >> 4;
+    return largestMasked<int64_t, 64>(src, std::ptrdiff_t(4) * n, doubleField) >> doubleFieldShift;
 }
 
 // All magnitudes or'ed together: their highest set bit is that of the largest one. The most
@@ -302,22 +310,22 @@ unsigned joinedIntMagnitudes(const int* src, int n) {
 } // namespace
 
 extern const CvrtsKernels cvrtsKernels{
-    truncate<float, short>,
-    truncate<double, short>,
-    truncate<float, int>,
-    truncate<double, int>,
-    clampFrames,
-    clamp<double, short>,
-    clamp<float, int>,
-    clamp<double, int>,
-    raise<short, float>,
-    raise<short, double>,
-    raise<int, float>,
-    raise<int, double>,
-    largestFloatExponent,
-    largestDoubleExponent,
-    joinedShortMagnitudes,
-    joinedIntMagnitudes,
+    .truncateFloatToShort = truncate<float, short>,
+    .truncateDoubleToShort = truncate<double, short>,
+    .truncateFloatToInt = truncate<float, int>,
+    .truncateDoubleToInt = truncate<double, int>,
+    .clampFloatToShort = clampFrames,
+    .clampDoubleToShort = clamp<double, short>,
+    .clampFloatToInt = clamp<float, int>,
+    .clampDoubleToInt = clamp<double, int>,
+    .shortToFloat = raise<short, float>,
+    .shortToDouble = raise<short, double>,
+    .intToFloat = raise<int, float>,
+    .intToDouble = raise<int, double>,
+    .largestFloatExponent = largestFloatExponent,
+    .largestDoubleExponent = largestDoubleExponent,
+    .joinedShortMagnitudes = joinedShortMagnitudes,
+    .joinedIntMagnitudes = joinedIntMagnitudes,
 };
 
 } // namespace vsq::VSQ_LEVEL

@@ -7,9 +7,9 @@
 namespace vsq {
 
 // Downward, `truncate...` multiplies by the factor (1.0 for none) and drops the fraction; what does
-// not fit the target, not-a-number included, becomes the target's most negative value. `clamp...`
+// not fit the target, NaN included, becomes the target's most negative value. `clamp...`
 // drops the fraction too, but values beyond the target's range become the nearer end of it, and
-// not-a-number the smallest value. Upward, each element is multiplied by the factor; the product is
+// NaN the smallest value. Upward, each element is multiplied by the factor; the product is
 // rounded once, to the destination's type.
 struct CvrtsKernels {
     void (*truncateFloatToShort)(const float* src, short* dst, int n, double factor);

@@ -1,3 +1,4 @@
+// The inner product of floats: argument checks in front of the kernel.
 #include "context/vsqcontext.h"
 #include "levels/levels.h"
 

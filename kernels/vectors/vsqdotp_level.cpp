@@ -1,3 +1,4 @@
+// The inner product of floats; dot_product.h holds it, since other kernels take it inline.
 #include "vectors/vsqdotp_level.h"
 #include "vectors/dot_product.h"
 
@@ -10,6 +11,6 @@ double dot(const float* a, const float* b, int n) {
 
 } // namespace
 
-extern const DotProductKernels dotProductKernels{dot};
+extern const DotProductKernels dotProductKernels{.dot = dot};
 
 } // namespace vsq::VSQ_LEVEL

@@ -1,3 +1,4 @@
+// The inner product of 16-bit values: argument checks and the shift of the result.
 #include "context/vsqcontext.h"
 #include "levels/levels.h"
 

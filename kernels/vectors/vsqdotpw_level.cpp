@@ -1,3 +1,5 @@
+// The inner product of 16-bit values, modulo 2^32: any order gives the same sum, so the compiler
+// arranges the loop.
 #include "vectors/vsqdotpw_level.h"
 #include "simd/pack.h"
 
@@ -14,6 +16,6 @@ int dot(const short* a, const short* b, int n) {
 
 } // namespace
 
-extern const WordDotProductKernels wordDotProductKernels{dot};
+extern const WordDotProductKernels wordDotProductKernels{.dot = dot};
 
 } // namespace vsq::VSQ_LEVEL

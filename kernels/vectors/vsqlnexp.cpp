@@ -1,3 +1,4 @@
+// Natural logarithm and exponential in place: argument checks in front of the kernels.
 #include "context/vsqcontext.h"
 #include "levels/levels.h"
 

@@ -55,7 +55,7 @@ VSQ_INLINE Floats<n> lnOfAny(const Floats<n>& x) {
     const Ints<n> isTiny = x < constant(0x1p-126f);
     const Words<n> pattern = bits<std::uint32_t>(select(isTiny, x * constant(0x1p23f), x));
     const Floats<n> ln = lnOfNormal<n>(pattern, select(isTiny, constant(23), constant(0)));
-    // not-a-numbers stay
+    // NaNs stay
     const Floats<n> positive = select(x < constant(__builtin_inff()), ln, x + x);
     const Floats<n> atZero = select(x == constant(0), constant(-__builtin_inff()), positive);
     return select(x < constant(0), constant(__builtin_nanf("")), atZero);
@@ -87,6 +87,9 @@ void exp(float* vec, int n) {
 
 } // namespace
 
-extern const LnExpKernels lnExpKernels{ln, exp};
+extern const LnExpKernels lnExpKernels{
+    .ln = ln,
+    .exp = exp,
+};
 
 } // namespace vsq::VSQ_LEVEL

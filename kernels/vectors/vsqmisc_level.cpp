@@ -1,3 +1,6 @@
+// Roots, thresholds, reciprocals and magnitudes, 16 floats at a time. Thresholds compare bit
+// patterns, not values. What is refused (a negative root, a zero divisor) is never computed, not
+// even in a lane that is thrown away, so that no floating-point exception is raised.
 #include "vectors/vsqmisc_level.h"
 #include "simd/pack.h"
 
@@ -30,7 +33,7 @@ VSQ_INLINE Floats get(const float* p, int count) {
 }
 
 VSQ_INLINE Floats absolute(const Floats& v) {
-    return bits<float>(bits<std::int32_t>(v) & splat<std::int32_t, lanes>(0x7FFFFFFF));
+    return bits<float>(bits<std::int32_t>(v) & splat<std::int32_t, lanes>(INT32_MAX));
 }
 
 bool root(const float* src, float* dst, int n) {
@@ -92,7 +95,7 @@ bool reciprocal(float* vec, int n, float thresh) {
 }
 
 // Pairs are read in ascending runs into a buffer before anything is written, and so power and
-// magnitude work in place: dst[i] never lies behind the pair i, and the compiler may take the
+// magnitude work in place: dst[i] never lies after the pair i, and the compiler may take the
 // buffer apart from both arrays.
 constexpr int run = 128;
 
@@ -128,6 +131,13 @@ void magnitude(const float* src, float* dst, int n) {
 
 } // namespace
 
-extern const MiscKernels miscKernels{root, raiseTo, lowerTo, reciprocal, magnitude, power};
+extern const MiscKernels miscKernels{
+    .root = root,
+    .raiseTo = raiseTo,
+    .lowerTo = lowerTo,
+    .reciprocal = reciprocal,
+    .magnitude = magnitude,
+    .power = power,
+};
 
 } // namespace vsq::VSQ_LEVEL

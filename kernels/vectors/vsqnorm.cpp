@@ -38,14 +38,14 @@ bool hasRoot(int flags) {
 // The sum under the norm, of a or of a - b.
 double sumUnder(const float* a, const float* b, int n, int flags) {
     const vsq::NormKernels& kernels = *vsq::kernels().norm;
-    if (flags & VSQ_NormMax) return kernels.largest(a, b, n);
-    return (flags & VSQ_NormSum ? kernels.sum : kernels.squares)(a, b, n);
+    if (flags & VSQ_NormMax) return kernels.largestFloat(a, b, n);
+    return (flags & VSQ_NormSum ? kernels.sumFloat : kernels.squaresFloat)(a, b, n);
 }
 
 std::int64_t sumUnder(const short* a, const short* b, int n, int flags) {
     const vsq::NormKernels& kernels = *vsq::kernels().norm;
-    if (flags & VSQ_NormMax) return kernels.largestWords(a, b, n);
-    return (flags & VSQ_NormSum ? kernels.sumWords : kernels.squaresWords)(a, b, n);
+    if (flags & VSQ_NormMax) return kernels.largestFixed(a, b, n);
+    return (flags & VSQ_NormSum ? kernels.sumFixed : kernels.squaresFixed)(a, b, n);
 }
 
 // The square root, truncated; value below 2^63. The double root is off by one at most, where value
@@ -100,7 +100,8 @@ std::int64_t scaledNorm(const short* a, const short* b, int n, int flags, int bi
 
 // A scale factor as a left shift, held where every norm has long become 0 or saturated.
 int leftShiftOf(int scaleFactor) {
-    return scaleFactor > 200 ? -200 : scaleFactor < -200 ? 200 : -scaleFactor;
+    constexpr int most = 200;
+    return scaleFactor > most ? -most : scaleFactor < -most ? most : -scaleFactor;
 }
 
 int saturated(std::int64_t value) {

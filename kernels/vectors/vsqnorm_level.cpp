@@ -1,3 +1,5 @@
+// Sums and maxima for the norms. Floats: 16 double lanes and a tree, the same order at every level.
+// 16-bit values: exact integers, whose order does not matter, so the compiler arranges the loops.
 #include "vectors/vsqnorm_level.h"
 #include "simd/pack.h"
 
@@ -30,7 +32,7 @@ struct DifferencesOf {
     }
 };
 
-// Folds the values into 16 lanes; lanes behind the end see 0.
+// Folds the values into 16 lanes; lanes after the end see 0.
 template <class Values, class Fold>
 VSQ_INLINE Doubles folded(const Values& values, int n, const Fold& fold) {
     Doubles result = splat<double, lanes>(0);
@@ -46,19 +48,19 @@ VSQ_INLINE Doubles folded(const float* a, const float* b, int n, const Fold& fol
     return b == nullptr ? folded(ValuesOf{a}, n, fold) : folded(DifferencesOf{a, b}, n, fold);
 }
 
-double largest(const float* a, const float* b, int n) {
+double largestFloat(const float* a, const float* b, int n) {
     return largestLane(folded(a, b, n, [](const Doubles& most, const Doubles& value) VSQ_LAMBDA {
         return larger(absolute(value), most);
     }));
 }
 
-double sum(const float* a, const float* b, int n) {
+double sumFloat(const float* a, const float* b, int n) {
     return sumLanes(folded(a, b, n, [](const Doubles& total, const Doubles& value) VSQ_LAMBDA {
         return total + absolute(value);
     }));
 }
 
-double squares(const float* a, const float* b, int n) {
+double squaresFloat(const float* a, const float* b, int n) {
     return sumLanes(folded(a, b, n, [](const Doubles& total, const Doubles& value) VSQ_LAMBDA {
         return total + value * value;
     }));
@@ -73,7 +75,7 @@ VSQ_INLINE std::int32_t magnitudeAt(const short* a, const short* b, int i) {
     return value < 0 ? -value : value;
 }
 
-std::int64_t largestWords(const short* a, const short* b, int n) {
+std::int64_t largestFixed(const short* a, const short* b, int n) {
     std::int32_t most = 0;
     const auto scan = [&](auto&& at) VSQ_LAMBDA {
         for (int i = 0; i < n; ++i) {
@@ -102,7 +104,7 @@ VSQ_INLINE std::int64_t sumOfMagnitudes(int n, const At& at) {
     return total;
 }
 
-std::int64_t sumWords(const short* a, const short* b, int n) {
+std::int64_t sumFixed(const short* a, const short* b, int n) {
     if (b == nullptr)
         return sumOfMagnitudes(n, [a](int i) VSQ_LAMBDA { return magnitudeAt(a, nullptr, i); });
     return sumOfMagnitudes(n, [a, b](int i) VSQ_LAMBDA { return magnitudeAt(a, b, i); });
@@ -119,7 +121,7 @@ VSQ_INLINE std::int64_t sumOfSquares(int n, const At& at) {
     return std::int64_t(total);
 }
 
-std::int64_t squaresWords(const short* a, const short* b, int n) {
+std::int64_t squaresFixed(const short* a, const short* b, int n) {
     if (b == nullptr)
         return sumOfSquares(n, [a](int i) VSQ_LAMBDA { return magnitudeAt(a, nullptr, i); });
     return sumOfSquares(n, [a, b](int i) VSQ_LAMBDA { return magnitudeAt(a, b, i); });
@@ -127,6 +129,13 @@ std::int64_t squaresWords(const short* a, const short* b, int n) {
 
 } // namespace
 
-extern const NormKernels normKernels{largest, sum, squares, largestWords, sumWords, squaresWords};
+extern const NormKernels normKernels{
+    .largestFloat = largestFloat,
+    .sumFloat = sumFloat,
+    .squaresFloat = squaresFloat,
+    .largestFixed = largestFixed,
+    .sumFixed = sumFixed,
+    .squaresFixed = squaresFixed,
+};
 
 } // namespace vsq::VSQ_LEVEL

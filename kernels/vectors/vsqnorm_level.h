@@ -11,14 +11,14 @@ namespace vsq {
 // Floats: differences, squares and sums in double, 16 lanes and a tree, the same order at every
 // level.
 struct NormKernels {
-    // largest magnitude; not-a-numbers count as 0
-    double (*largest)(const float* a, const float* b, int n);
-    double (*sum)(const float* a, const float* b, int n);     // sum of magnitudes
-    double (*squares)(const float* a, const float* b, int n); // sum of squares
+    // largest magnitude; NaNs count as 0
+    double (*largestFloat)(const float* a, const float* b, int n);
+    double (*sumFloat)(const float* a, const float* b, int n);     // sum of magnitudes
+    double (*squaresFloat)(const float* a, const float* b, int n); // sum of squares
     // 16-bit values: exact, below 2^17, 2^48 and 2^63.
-    std::int64_t (*largestWords)(const short* a, const short* b, int n);
-    std::int64_t (*sumWords)(const short* a, const short* b, int n);
-    std::int64_t (*squaresWords)(const short* a, const short* b, int n);
+    std::int64_t (*largestFixed)(const short* a, const short* b, int n);
+    std::int64_t (*sumFixed)(const short* a, const short* b, int n);
+    std::int64_t (*squaresFixed)(const short* a, const short* b, int n);
 };
 VSQ_DECLARE_LEVELS(NormKernels, normKernels)
 

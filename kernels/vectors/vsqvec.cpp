@@ -31,11 +31,11 @@ void vsqwbZero(short* dst, int n) {
 }
 
 void vsqsbSet(float val, float* dst, int n) {
-    if (!isRefused(dst, n)) vsq::kernels().arith->set(val, dst, n);
+    if (!isRefused(dst, n)) vsq::kernels().arith->setFloat(val, dst, n);
 }
 
 void vsqwbSet(short val, short* dst, int n) {
-    if (!isRefused(dst, n)) vsq::kernels().arith->setWords(val, dst, n);
+    if (!isRefused(dst, n)) vsq::kernels().arith->setFixed(val, dst, n);
 }
 
 void vsqsbCopy(const float* src, float* dst, int n) {

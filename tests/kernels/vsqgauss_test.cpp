@@ -67,8 +67,8 @@ TEST(GaussKernels, DiagonalLikelihoodsHaveTheBitsOfTheirSteps) {
                            normWeights = someWeights(random, rows);
                 std::vector<double> forms;
                 for (const float* row : m.pointers)
-                    forms.push_back(
-                        vsq::kernels().mahal->diagonal(x.data(), row, c.pointers[forms.size()], n));
+                    forms.push_back(vsq::kernels().mahal->diagonalFloat(
+                        x.data(), row, c.pointers[forms.size()], n));
                 std::vector<float> densities;
                 const double expected = likelihoodOf(forms, weights, normWeights, densities);
                 ASSERT_EQ(vsq::kernels().gauss->evaluateDiagonal(
@@ -112,7 +112,7 @@ TEST(GaussKernels, FullLikelihoodsHaveTheBitsOfTheirSteps) {
                 std::vector<double> forms;
                 for (const float* row : m.pointers)
                     forms.push_back(
-                        vsq::kernels().mahal->full(x.data(), row, tables[forms.size()], n));
+                        vsq::kernels().mahal->fullFloat(x.data(), row, tables[forms.size()], n));
                 std::vector<float> densities;
                 const double expected = likelihoodOf(forms, weights, normWeights, densities);
                 ASSERT_EQ(vsq::kernels().gauss->evaluateFull(
@@ -135,8 +135,8 @@ TEST(GaussKernels, WordFormsWrapAndNothingElseIsWritten) {
                 const PaddedRows<short> m(random, rows, n, 32767), c(random, rows, n, 32767);
                 support::Guarded<short> x(std::size_t(n), -32768);
                 support::Guarded<int> out{std::size_t(rows)};
-                vsq::kernels().gauss->formsW(x.data(), m.pointers.data(), c.pointers.data(), n,
-                                             rows, out.data());
+                vsq::kernels().gauss->formsFixed(x.data(), m.pointers.data(), c.pointers.data(), n,
+                                                 rows, out.data());
                 EXPECT_TRUE(out.intact());
                 for (std::size_t k = 0; k < std::size_t(rows); ++k) {
                     std::uint32_t sum = 0;
@@ -162,9 +162,9 @@ TEST(GaussKernels, SumsWriteTheirElementsOnly) {
                 products.emplace_back(std::size_t(i) + 1, 0.5f);
             for (auto& row : products)
                 rows.push_back(row.data());
-            vsq::kernels().gauss->sumsS(x.pointers.data(), 11, n, sums.data());
-            vsq::kernels().gauss->squaresS(x.pointers.data(), 11, n, squares.data());
-            vsq::kernels().gauss->productsS(x.pointers.data(), 11, n, rows.data());
+            vsq::kernels().gauss->sumsFloat(x.pointers.data(), 11, n, sums.data());
+            vsq::kernels().gauss->squaresFloat(x.pointers.data(), 11, n, squares.data());
+            vsq::kernels().gauss->productsFloat(x.pointers.data(), 11, n, rows.data());
             EXPECT_TRUE(sums.intact());
             EXPECT_TRUE(squares.intact());
             for (int i = 0; i < n; ++i) {

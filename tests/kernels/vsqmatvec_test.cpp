@@ -64,8 +64,8 @@ TEST(FloatRows, AreSummedInSixteenLanesOnEveryLevel) {
             for (const int rows : {0, 1, 2, 3, 4, 5, 7, 8, 9, 16, 21}) {
                 const Rows<float> table(rows, cols, draw), x(1, cols, draw);
                 Guarded<float> sums(std::size_t(rows), -1.0f);
-                vsq::kernels().matvec->rowsS(sums.data(), table.pointers.data(), 0, x.pointers[0],
-                                             rows, cols);
+                vsq::kernels().matvec->rowsFloat(sums.data(), table.pointers.data(), 0,
+                                                 x.pointers[0], rows, cols);
                 EXPECT_TRUE(sums.intact());
                 for (int r = 0; r < rows; ++r)
                     ASSERT_EQ(sums[std::size_t(r)],
@@ -85,7 +85,8 @@ TEST(FloatRows, StayWithinTheBoundOfTheirRoundings) {
         for (const int cols : {1, 15, 16, 17, 39, 64, 128, 1000, 4097}) {
             const Rows<float> table(5, cols, draw), x(1, cols, draw);
             float sums[5];
-            vsq::kernels().matvec->rowsS(sums, table.pointers.data(), 0, x.pointers[0], 5, cols);
+            vsq::kernels().matvec->rowsFloat(sums, table.pointers.data(), 0, x.pointers[0], 5,
+                                             cols);
             for (int r = 0; r < 5; ++r) {
                 long double sum = 0, size = 0;
                 for (int c = 0; c < cols; ++c) {
@@ -107,7 +108,7 @@ TEST(FloatRows, MayBeginAtALaterColumn) {
         const std::vector<float> row = {1, 2, 4, 8, 16}, x = {1, 10, 100};
         const float* pointers[5] = {row.data(), row.data(), row.data(), row.data(), row.data()};
         Guarded<float> sums(5);
-        vsq::kernels().matvec->rowsS(sums.data(), pointers, 2, x.data(), 5, 3);
+        vsq::kernels().matvec->rowsFloat(sums.data(), pointers, 2, x.data(), 5, 3);
         EXPECT_EQ(sums.values(), std::vector<float>(5, 4.0f + 80.0f + 1600.0f));
     });
 }
@@ -118,13 +119,13 @@ TEST(FloatRows, WithoutColumnsGiveZeroAndWithoutRowsNothing) {
         const float* pointers[6] = {row, row, row, row, row, row};
         for (const int cols : {0, -1, -100}) {
             Guarded<float> sums(6, -1.0f);
-            vsq::kernels().matvec->rowsS(sums.data(), pointers, 0, row, 6, cols);
+            vsq::kernels().matvec->rowsFloat(sums.data(), pointers, 0, row, 6, cols);
             EXPECT_EQ(sums.values(), std::vector<float>(6, 0.0f));
             EXPECT_TRUE(sums.intact());
         }
         for (const int rows : {0, -1}) {
             Guarded<float> none(3, -1.0f);
-            vsq::kernels().matvec->rowsS(none.data(), pointers, 0, row, rows, 1);
+            vsq::kernels().matvec->rowsFloat(none.data(), pointers, 0, row, rows, 1);
             EXPECT_EQ(none.values(), std::vector<float>(3, -1.0f));
         }
     });
@@ -141,7 +142,8 @@ TEST(FloatRows, KeepWhatIsNoNumberToTheirRow) {
             table.storage[1][std::size_t(cols) - 1] = std::numeric_limits<float>::quiet_NaN();
             table.storage[4][0] = std::numeric_limits<float>::infinity();
             float sums[6];
-            vsq::kernels().matvec->rowsS(sums, table.pointers.data(), 0, x.pointers[0], 6, cols);
+            vsq::kernels().matvec->rowsFloat(sums, table.pointers.data(), 0, x.pointers[0], 6,
+                                             cols);
             for (const int r : {0, 2, 3, 5})
                 EXPECT_EQ(sums[r], sumInLanes(table.pointers[std::size_t(r)], x.pointers[0], cols));
             EXPECT_TRUE(std::isnan(sums[1]));
@@ -161,8 +163,8 @@ TEST(WordRows, AreExactForEveryShiftOnEveryLevel) {
                 for (std::size_t c = 0; c < std::size_t(cols); c += 3) // the largest product
                     x.storage[0][c] = table.storage[0][c] = table.storage[4][c] = -32768;
                 Guarded<int> sums(6, -1);
-                vsq::kernels().matvec->rowsW(sums.data(), table.pointers.data(), x.pointers[0], 6,
-                                             cols, shift);
+                vsq::kernels().matvec->rowsFixed(sums.data(), table.pointers.data(), x.pointers[0],
+                                                 6, cols, shift);
                 EXPECT_TRUE(sums.intact());
                 for (std::size_t r = 0; r < 6; ++r)
                     ASSERT_EQ(sums[r], sumOfShifted(table.pointers[r], x.pointers[0], cols, shift))
@@ -180,8 +182,8 @@ TEST(WordRows, OfEveryNumberAreSummed) {
             for (const int cols : {5, 32, 39}) {
                 const Rows<short> table(rows, cols, draw), x(1, cols, draw);
                 Guarded<int> sums(std::size_t(rows), -1);
-                vsq::kernels().matvec->rowsW(sums.data(), table.pointers.data(), x.pointers[0],
-                                             rows, cols, 15);
+                vsq::kernels().matvec->rowsFixed(sums.data(), table.pointers.data(), x.pointers[0],
+                                                 rows, cols, 15);
                 EXPECT_TRUE(sums.intact());
                 for (std::size_t r = 0; r < std::size_t(rows); ++r)
                     ASSERT_EQ(sums[r], sumOfShifted(table.pointers[r], x.pointers[0], cols, 15));
@@ -200,8 +202,8 @@ TEST(WordRows, OfExtremesAreExact) {
                     x(1, cols, [v] { return short(v); });
                 for (const int shift : {0, 1, 8, 14, 15, 16, 31}) {
                     int sums[5];
-                    vsq::kernels().matvec->rowsW(sums, table.pointers.data(), x.pointers[0], 5,
-                                                 cols, shift);
+                    vsq::kernels().matvec->rowsFixed(sums, table.pointers.data(), x.pointers[0], 5,
+                                                     cols, shift);
                     for (const int sum : sums)
                         ASSERT_EQ(sum, int(std::uint32_t((w * v) >> shift) * std::uint32_t(cols)))
                             << w << ' ' << v << ' ' << shift;
@@ -214,7 +216,7 @@ TEST(WordRows, ShiftEachProductBeforeItIsAdded) {
     support::onEveryLevel([] {
         const Rows<short> table(1, 40, [] { return short(-1); }), x(1, 40, [] { return short(1); });
         int sum = 0;
-        vsq::kernels().matvec->rowsW(&sum, table.pointers.data(), x.pointers[0], 1, 40, 15);
+        vsq::kernels().matvec->rowsFixed(&sum, table.pointers.data(), x.pointers[0], 1, 40, 15);
         EXPECT_EQ(sum, -40); // each (-1 * 1) >> 15 is -1
     });
 }
@@ -225,13 +227,13 @@ TEST(WordRows, WithoutColumnsGiveZeroAndWithoutRowsNothing) {
         const short* pointers[6] = {row, row, row, row, row, row};
         for (const int cols : {0, -1, -100}) {
             Guarded<int> sums(6, -1);
-            vsq::kernels().matvec->rowsW(sums.data(), pointers, row, 6, cols, 15);
+            vsq::kernels().matvec->rowsFixed(sums.data(), pointers, row, 6, cols, 15);
             EXPECT_EQ(sums.values(), std::vector<int>(6, 0));
             EXPECT_TRUE(sums.intact());
         }
         for (const int rows : {0, -1}) {
             Guarded<int> none(3, -1);
-            vsq::kernels().matvec->rowsW(none.data(), pointers, row, rows, 1, 15);
+            vsq::kernels().matvec->rowsFixed(none.data(), pointers, row, rows, 1, 15);
             EXPECT_EQ(none.values(), std::vector<int>(3, -1));
         }
     });

@@ -130,7 +130,7 @@ TEST(SigmoidKernel, RoundsThePolynomialOnce) {
     const std::vector<float> x = sigmoidArguments();
     support::onEveryLevel([&] {
         std::vector<float> y(x.size());
-        vsq::kernels().mlp->sigmoid(x.data(), y.data(), int(x.size()));
+        vsq::kernels().mlp->sigmoidFloat(x.data(), y.data(), int(x.size()));
         for (std::size_t i = 0; i < x.size(); ++i) {
             const long double value = unroundedSigmoid(x[i]);
             ASSERT_LE(std::fabs(y[i] - value), halfUnit(value) * 1.000001L + value * 0x1p-50L)
@@ -144,7 +144,7 @@ TEST(SigmoidKernel, GivesTheSameBitsOnEveryLevel) {
     std::vector<float> first;
     support::onEveryLevel([&] {
         std::vector<float> y(x.size());
-        vsq::kernels().mlp->sigmoid(x.data(), y.data(), int(x.size()));
+        vsq::kernels().mlp->sigmoidFloat(x.data(), y.data(), int(x.size()));
         if (first.empty()) first = y;
         EXPECT_EQ(y, first);
     });
@@ -161,14 +161,14 @@ TEST(SigmoidKernel, TreatsEachElementByItselfAndWritesNothingElse) {
                 Guarded<float> x{std::size_t(n)}, y{std::size_t(n)};
                 for (std::size_t i = 0; i < x.size(); ++i)
                     x[i] = pool[random() % (far ? pool.size() : 4000)];
-                vsq::kernels().mlp->sigmoid(x.data(), y.data(), n);
+                vsq::kernels().mlp->sigmoidFloat(x.data(), y.data(), n);
                 EXPECT_TRUE(y.intact());
                 for (std::size_t i = 0; i < x.size(); ++i) {
                     float alone = -1;
-                    vsq::kernels().mlp->sigmoid(&x[i], &alone, 1);
+                    vsq::kernels().mlp->sigmoidFloat(&x[i], &alone, 1);
                     ASSERT_EQ(y[i], alone) << x[i] << ' ' << n;
                 }
-                vsq::kernels().mlp->sigmoid(x.data(), x.data(), n); // in place
+                vsq::kernels().mlp->sigmoidFloat(x.data(), x.data(), n); // in place
                 EXPECT_EQ(x.values(), y.values());
             }
     });
@@ -179,18 +179,18 @@ TEST(SigmoidKernel, HasItsLimits) {
         const std::vector<float> x = {0.0f,    -0.0f,  17.5f,     1e30f,     infinity,
                                       -105.0f, -1e30f, -infinity, notANumber};
         std::vector<float> y(x.size());
-        vsq::kernels().mlp->sigmoid(x.data(), y.data(), int(x.size()));
+        vsq::kernels().mlp->sigmoidFloat(x.data(), y.data(), int(x.size()));
         EXPECT_EQ(std::vector<float>(y.begin(), y.end() - 1),
                   (std::vector<float>{0.5f, 0.5f, 1, 1, 1, 0, 0, 0}));
         EXPECT_TRUE(std::isnan(y.back()));
         float kept = 5;
-        vsq::kernels().mlp->sigmoid(x.data(), &kept, 0);
-        vsq::kernels().mlp->sigmoid(x.data(), &kept, -4);
+        vsq::kernels().mlp->sigmoidFloat(x.data(), &kept, 0);
+        vsq::kernels().mlp->sigmoidFloat(x.data(), &kept, -4);
         EXPECT_EQ(kept, 5.0f);
     });
 }
 
-// --- the sigmoid of words ---
+// --- the fixed sigmoid ---
 
 namespace {
 
@@ -211,8 +211,8 @@ TEST(WordSigmoidKernel, IsTheFormulaForAllScales) {
                     in[i] = i < 100 ? int(random()) : int(random()) >> (random() % 31);
                 in[0] = INT32_MIN, in[1] = INT32_MAX, in[2] = 0, in[3] = -1, in[4] = 1;
                 Guarded<short> out(in.size());
-                vsq::kernels().mlp->sigmoidW(in.data(), out.data(), int(in.size()), inBits,
-                                             outBits);
+                vsq::kernels().mlp->sigmoidFixed(in.data(), out.data(), int(in.size()), inBits,
+                                                 outBits);
                 EXPECT_TRUE(out.intact());
                 for (std::size_t i = 0; i < in.size(); ++i)
                     ASSERT_EQ(out[i], formula(in[i], inBits, outBits))
@@ -229,7 +229,7 @@ TEST(WordSigmoidKernel, IsTheFormulaInSmallSteps) {
         for (int i = -(17 << 15); i <= 17 << 15; i += 5)
             in.push_back(i);
         std::vector<short> out(in.size());
-        vsq::kernels().mlp->sigmoidW(in.data(), out.data(), int(in.size()), 15, 15);
+        vsq::kernels().mlp->sigmoidFixed(in.data(), out.data(), int(in.size()), 15, 15);
         for (std::size_t i = 0; i < in.size(); ++i)
             ASSERT_EQ(out[i], formula(in[i], 15, 15)) << in[i];
     });
@@ -244,7 +244,7 @@ TEST(WordSigmoidKernel, WritesNothingBesideItsElements) {
                 for (std::size_t i = 0; i < in.size(); ++i)
                     in[i] = int(random() % unsigned(2 * range)) - range;
                 Guarded<short> out{in.size(), short(-1)};
-                vsq::kernels().mlp->sigmoidW(in.data(), out.data(), n, 15, 15);
+                vsq::kernels().mlp->sigmoidFixed(in.data(), out.data(), n, 15, 15);
                 EXPECT_TRUE(out.intact());
                 for (std::size_t i = 0; i < in.size(); ++i)
                     ASSERT_EQ(out[i], formula(in[i], 15, 15));

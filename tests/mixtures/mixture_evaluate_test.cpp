@@ -81,10 +81,10 @@ TEST(SEval, UsesTheFormsOfTheDistances) {
                     for (const auto& row : mixture.matrices[k])
                         rows.push_back(row.data());
                 const double q =
-                    full ? vsq::kernels().mahal->full(x.data(), mixture.means[k].data(),
-                                                      rows.data(), nDim)
-                         : vsq::kernels().mahal->diagonal(x.data(), mixture.means[k].data(),
-                                                          mixture.diagonals[k].data(), nDim);
+                    full ? vsq::kernels().mahal->fullFloat(x.data(), mixture.means[k].data(),
+                                                           rows.data(), nDim)
+                         : vsq::kernels().mahal->diagonalFloat(x.data(), mixture.means[k].data(),
+                                                               mixture.diagonals[k].data(), nDim);
                 exponents.push_back(float(-std::fabs(q) * 0.5));
             }
             vsq::kernels().lnexp->exp(exponents.data(), 6);

@@ -665,8 +665,8 @@ TEST_F(Viterbi, StoredCostsGiveTheSameBits) {
         anyCost, 1, [=](auto... arguments) { kernels()->pathFloat(arguments...); },
         [=](auto... arguments) { kernels()->storedPathFloat(arguments...); });
     expectTheSameBits<int>(
-        anyWord, 2, [=](auto... arguments) { kernels()->pathInt(arguments...); },
-        [=](auto... arguments) { kernels()->storedPathInt(arguments...); });
+        anyWord, 2, [=](auto... arguments) { kernels()->pathFixed(arguments...); },
+        [=](auto... arguments) { kernels()->storedPathFixed(arguments...); });
 }
 
 // Models and sequences on both sides of what is unpacked, with and without memory for it.
