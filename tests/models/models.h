@@ -185,6 +185,9 @@ Rows<T> outputsOf(const Rows<T>& out, const std::vector<int>& symbols) {
 inline float sum(float a, float b) {
     return a + b;
 }
+inline double sum(double a, double b) {
+    return a + b;
+}
 inline int sum(int a, int b) { // wraps
     return static_cast<int>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
 }
