@@ -10,6 +10,7 @@
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <numeric>
 
 using namespace models;
 using support::secondsOf;
@@ -227,9 +228,10 @@ TEST_F(Viterbi, SemicontinuousFixed) {
                 Rows<int> outputs;
                 for (const auto& frame : frames) {
                     outputs.emplace_back();
+                    const auto values = fixedDensitiesOf(densities, frame.data(), dim);
                     for (const auto& weights : model.out) {
                         const int likelihood =
-                            fixedLikelihoodOf(weights, densities, frame.data(), dim);
+                            std::inner_product(weights.begin(), weights.end(), values.begin(), 0);
                         positive += likelihood > 0;
                         outputs.back().push_back(oracle::log10Fixed(likelihood, -24, -scale));
                     }

@@ -135,16 +135,15 @@ inline int fixedLikelihoodOf(const GaussMixServer* mixture, const short* x, int 
     return oracle::dotMix(densities, weights, 1, scale);
 }
 
-inline int fixedLikelihoodOf(const std::vector<short>& weights, const Servers& codebook,
-                             const short* x, int nDim) {
-    int sum = 0;
-    for (std::size_t k = 0; k < weights.size(); ++k) {
-        const GaussMixServer* density = codebook.table[k];
+// The densities of a codebook, with 14 fractional bits, and a state's weights on them.
+inline std::vector<int> fixedDensitiesOf(const Servers& codebook, const short* x, int nDim) {
+    std::vector<int> values;
+    for (const GaussMixServer* density : codebook.table) {
         const int form = -std::abs(int(formOf(density, 0, x, nDim)));
         const int value = oracle::expFix(form, 1 - density->scale, 14);
-        sum += weights[k] * (value * ktl::gauss::weights<short>(density)[0] >> 14);
+        values.push_back(value * ktl::gauss::weights<short>(density)[0] >> 14);
     }
-    return sum;
+    return values;
 }
 
 // The densities of the thread's codebook, `count` of them, for every frame; rows have their
