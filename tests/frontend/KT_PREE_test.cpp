@@ -3,6 +3,7 @@
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/guarded.h"
+#include "support/random.h"
 #include "support/reports.h"
 
 #include <gtest/gtest.h>
@@ -77,15 +78,6 @@ std::vector<short> randomShorts(std::size_t n, int seed) {
     return x;
 }
 
-std::vector<float> randomFloats(std::size_t n, int seed) {
-    std::mt19937 random(static_cast<unsigned>(seed));
-    std::uniform_real_distribution<float> amplitude(-30000.0f, 30000.0f);
-    std::vector<float> x(n);
-    for (float& v : x)
-        v = amplitude(random);
-    return x;
-}
-
 enum class Path { integers, floats };
 
 void checkFixed(const std::vector<short>& x, float alpha, int mode, int scale, Path path) {
@@ -112,7 +104,8 @@ TEST_F(Preemphasis, FloatEqualsTheDefinitionAtEveryLength) {
     support::onEveryLevel([] {
         for (int n = 0; n < 200; ++n)
             for (float alpha : {0.0f, 0.5f, 0.97f, 1.0f, -0.5f, 3.0f}) {
-                const std::vector<float> x = randomFloats(std::size_t(n), n);
+                const std::vector<float> x =
+                    support::randomFloats(std::size_t(n), -30000, 30000, unsigned(n));
                 support::Guarded<float> got(x);
                 KTsPreemphasize(got.data(), alpha, n);
                 ASSERT_EQ(got.values(), filtered(x, alpha)) << n;

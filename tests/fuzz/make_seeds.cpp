@@ -1,6 +1,6 @@
 // Writes the seed corpora: make_seeds DIRECTORY puts a few small valid files of every kind into
 // DIRECTORY/hmm, mixture, dtw and mlp. The same files on every run.
-#include "models/hmm_models.h"
+#include "models/stored_models.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -35,10 +35,10 @@ private:
 template <class T>
 void addModels(Corpus& corpus, std::mt19937& random, unsigned otherDomain) {
     Codebook<T> codebook(random, 4, 2);
-    for (const Flavour flavour : allFlavours)
+    for (const OutputKind kind : allKinds)
         for (const Shape shape : allShapes)
             for (const unsigned domain : {1u, otherDomain}) {
-                auto model = randomModel<T>(random, flavour, shape, 4 + int(shape), domain, 4, 2);
+                auto model = randomModel<T>(random, kind, shape, 4 + int(shape), domain, 4, 2);
                 const int id = model.create();
                 corpus.add([=](FILE* stream) { KTWriteHMMServer(stream, id, "seed"); });
             }

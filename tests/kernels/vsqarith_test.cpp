@@ -1,29 +1,20 @@
 #include "support/every_level.h"
 #include "support/guarded.h"
 #include "support/kernel_reports.h"
+#include "support/random.h"
 
 #include <gtest/gtest.h>
-
-#include <random>
 
 namespace {
 
 using support::expectRefused;
 using support::Guarded;
-
-std::vector<float> randomFloats(int n, unsigned seed) {
-    std::mt19937 engine(seed);
-    std::uniform_real_distribution<float> values(-100, 100);
-    std::vector<float> result(static_cast<std::size_t>(n));
-    for (float& value : result)
-        value = values(engine);
-    return result;
-}
+using support::randomFloats;
 
 TEST(Arith, Mpy1MultipliesEveryElementOnEveryLevel) {
     support::onEveryLevel([] {
         for (int n = 1; n < 200; ++n) {
-            std::vector<float> expected = randomFloats(n, 1);
+            std::vector<float> expected = randomFloats(n, -100, 100, 1);
             Guarded<float> a(expected);
             for (float& value : expected)
                 value *= 0.3f;
@@ -37,8 +28,8 @@ TEST(Arith, Mpy1MultipliesEveryElementOnEveryLevel) {
 TEST(Arith, Mpy2MultipliesElementByElementOnEveryLevel) {
     support::onEveryLevel([] {
         for (int n = 1; n < 200; ++n) {
-            const std::vector<float> factors = randomFloats(n, 2);
-            std::vector<float> expected = randomFloats(n, 3);
+            const std::vector<float> factors = randomFloats(n, -100, 100, 2);
+            std::vector<float> expected = randomFloats(n, -100, 100, 3);
             Guarded<float> a(expected);
             for (std::size_t i = 0; i < expected.size(); ++i)
                 expected[i] *= factors[i];
@@ -51,7 +42,7 @@ TEST(Arith, Mpy2MultipliesElementByElementOnEveryLevel) {
 
 TEST(Arith, Mpy2OfAnArrayWithItselfSquaresIt) {
     support::onEveryLevel([] {
-        std::vector<float> a = randomFloats(99, 4), expected = a;
+        std::vector<float> a = randomFloats(99, -100, 100, 4), expected = a;
         for (float& value : expected)
             value *= value;
         vsqsbMpy2(a.data(), a.data(), 99);

@@ -2,26 +2,18 @@
 #include "support/every_level.h"
 #include "support/guarded.h"
 #include "support/kernel_reports.h"
+#include "support/random.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
-#include <random>
 
 namespace {
 
 using support::expectRefused;
 using support::Guarded;
-
-std::vector<float> randomFloats(int n, unsigned seed) {
-    std::mt19937 engine(seed);
-    std::uniform_real_distribution<float> values(-30000, 30000);
-    std::vector<float> result(static_cast<std::size_t>(n));
-    for (float& value : result)
-        value = values(engine);
-    return result;
-}
+using support::randomFloats;
 
 struct Sum {
     long double value = 0, magnitude = 0;
@@ -61,7 +53,7 @@ TEST(AutoCorr, EveryLengthAndLagCountOnEveryLevel) {
     support::onEveryLevel([] {
         for (int n = 1; n < 60; ++n)
             for (int nLags = 1; nLags <= n; ++nLags)
-                expectAutoCorr(randomFloats(n, unsigned(n)), nLags, nLags % 3);
+                expectAutoCorr(randomFloats(n, -30000, 30000, unsigned(n)), nLags, nLags % 3);
     });
 }
 
@@ -69,13 +61,13 @@ TEST(AutoCorr, LongSignalsAndManyLags) {
     support::onEveryLevel([] {
         for (int n : {240, 400, 511, 512, 513, 525, 1024, 1029, 2000})
             for (int nLags : {1, 13, 16, 17, 64, 65, 130, n / 2})
-                expectAutoCorr(randomFloats(n, unsigned(n)), nLags, (n + nLags) % 3);
+                expectAutoCorr(randomFloats(n, -30000, 30000, unsigned(n)), nLags, (n + nLags) % 3);
     });
 }
 
 TEST(AutoCorr, LagsMayBeAsManyAsSamples) {
     for (int n : {1, 2, 16, 100, 700})
-        expectAutoCorr(randomFloats(n, 3), n, 0);
+        expectAutoCorr(randomFloats(n, -30000, 30000, 3), n, 0);
 }
 
 TEST(AutoCorr, TypesDivideByNothingByNAndByTheNumberOfProducts) {
@@ -92,7 +84,7 @@ TEST(AutoCorr, TypesDivideByNothingByNAndByTheNumberOfProducts) {
 
 TEST(AutoCorr, AllLevelsGiveTheSameBits) {
     for (int n : {13, 400, 1500}) {
-        const std::vector<float> source = randomFloats(n, 9);
+        const std::vector<float> source = randomFloats(n, -30000, 30000, 9);
         std::vector<float> expected(13), actual(13);
         vsq::selectLevel(vsq::Level::baseline);
         vsqsAutoCorr(source.data(), n, expected.data(), 13, 1);

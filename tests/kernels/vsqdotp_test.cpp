@@ -1,6 +1,7 @@
 // Inner products of floats and of 16-bit values.
 #include "support/every_level.h"
 #include "support/kernel_reports.h"
+#include "support/random.h"
 
 #include <gtest/gtest.h>
 
@@ -11,21 +12,13 @@
 namespace {
 
 using support::expectRefused;
-
-std::vector<float> randomFloats(int n, unsigned seed) {
-    std::mt19937 engine(seed);
-    std::uniform_real_distribution<float> values(-100, 100);
-    std::vector<float> result(static_cast<std::size_t>(n));
-    for (float& value : result)
-        value = values(engine);
-    return result;
-}
+using support::randomFloats;
 
 TEST(DotProd, SumsProductsInDoubleOnEveryLevel) {
     support::onEveryLevel([] {
         for (int n = 1; n < 200; ++n) {
-            const std::vector<float> a = randomFloats(n, unsigned(n)),
-                                     b = randomFloats(n, unsigned(n + 700));
+            const std::vector<float> a = randomFloats(n, -100, 100, unsigned(n)),
+                                     b = randomFloats(n, -100, 100, unsigned(n + 700));
             long double expected = 0, magnitude = 0;
             for (std::size_t i = 0; i < a.size(); ++i) {
                 expected += static_cast<long double>(a[i]) * b[i];
@@ -39,7 +32,8 @@ TEST(DotProd, SumsProductsInDoubleOnEveryLevel) {
 
 TEST(DotProd, AllLevelsGiveTheSameBits) {
     for (int n : {1, 15, 16, 17, 31, 400, 4096, 5003}) {
-        const std::vector<float> a = randomFloats(n, 1), b = randomFloats(n, 2);
+        const std::vector<float> a = randomFloats(n, -100, 100, 1),
+                                 b = randomFloats(n, -100, 100, 2);
         vsq::selectLevel(vsq::Level::baseline);
         const double expected = vsqsDotProd(a.data(), b.data(), n);
         support::onEveryLevel(

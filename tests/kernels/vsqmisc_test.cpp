@@ -2,6 +2,7 @@
 #include "support/every_level.h"
 #include "support/guarded.h"
 #include "support/kernel_reports.h"
+#include "support/random.h"
 
 #include <gtest/gtest.h>
 
@@ -9,12 +10,12 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <random>
 
 namespace {
 
 using support::expectRefused;
 using support::Guarded;
+using support::randomFloats;
 
 constexpr float infinity = std::numeric_limits<float>::infinity();
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
@@ -31,15 +32,6 @@ void expectSame(const std::vector<float>& actual, const std::vector<float>& expe
     for (std::size_t i = 0; i < actual.size(); ++i)
         EXPECT_EQ(pattern(actual[i]), pattern(expected[i]))
             << i << ": " << actual[i] << ", not " << expected[i];
-}
-
-std::vector<float> randomFloats(int n, float low, float high, unsigned seed) {
-    std::mt19937 engine(seed);
-    std::uniform_real_distribution<float> values(low, high);
-    std::vector<float> result(static_cast<std::size_t>(n));
-    for (float& value : result)
-        value = values(engine);
-    return result;
 }
 
 // --- roots ---

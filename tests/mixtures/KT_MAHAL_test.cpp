@@ -1,5 +1,6 @@
 #include "support/every_level.h"
 #include "support/guarded.h"
+#include "support/random.h"
 #include "support/reports.h"
 
 #include "ktlp6.h"
@@ -13,15 +14,9 @@
 
 namespace {
 
-std::mt19937 generator(41);
+using support::randomFloats;
 
-std::vector<float> randomFloats(int n, float low, float high) {
-    std::uniform_real_distribution<float> value(low, high);
-    std::vector<float> result(static_cast<std::size_t>(n));
-    for (float& x : result)
-        x = value(generator);
-    return result;
-}
+std::mt19937 generator(41);
 
 std::vector<short> randomShorts(int n, int low, int high) {
     std::uniform_int_distribution<int> value(low, high);
@@ -80,8 +75,8 @@ double floatUlp(long double value) {
 TEST(Mahalanobis, DiagonalIsWithinAFloatUlpOfTheExactValue) {
     support::onEveryLevel([] {
         for (int n = 1; n <= 200; ++n) {
-            const auto x = randomFloats(n, -9, 9), y = randomFloats(n, -9, 9),
-                       c = randomFloats(n, 0.01f, 5);
+            const auto x = randomFloats(n, -9, 9, generator), y = randomFloats(n, -9, 9, generator),
+                       c = randomFloats(n, 0.01f, 5, generator);
             const long double exact = exactDiagonal(x.data(), y.data(), c.data(), n);
             EXPECT_NEAR(KTsMahalanobisD(x.data(), y.data(), c.data(), n, 0), double(exact),
                         floatUlp(exact));
@@ -96,9 +91,9 @@ TEST(Mahalanobis, DiagonalIsWithinAFloatUlpOfTheExactValue) {
 TEST(Mahalanobis, FullIsWithinAFloatUlpOfTheExactValue) {
     support::onEveryLevel([] {
         for (int n = 1; n <= 70; ++n) {
-            const auto x = randomFloats(n, -9, 9), y = randomFloats(n, -9, 9);
+            const auto x = randomFloats(n, -9, 9, generator), y = randomFloats(n, -9, 9, generator);
             Triangle<float> c(n, [](int count) {
-                auto row = randomFloats(count, -0.05f, 0.05f);
+                auto row = randomFloats(count, -0.05f, 0.05f, generator);
                 row.back() = 2; // dominates: a form far from 0, so that cancellation plays no part
                 return row;
             });
@@ -136,9 +131,9 @@ TEST(Mahalanobis, EveryElementOfTheTriangleCountsOnce) {
 
 TEST(Mahalanobis, AllLevelsGiveTheSameBits) {
     for (int n : {1, 5, 13, 16, 17, 31, 32, 39, 64, 255, 256, 257, 272, 600}) {
-        const auto x = randomFloats(n, -9, 9), y = randomFloats(n, -9, 9),
-                   d = randomFloats(n, 0.01f, 5);
-        Triangle<float> c(n, [](int count) { return randomFloats(count, -1, 1); });
+        const auto x = randomFloats(n, -9, 9, generator), y = randomFloats(n, -9, 9, generator),
+                   d = randomFloats(n, 0.01f, 5, generator);
+        Triangle<float> c(n, [](int count) { return randomFloats(count, -1, 1, generator); });
         vsq::selectLevel(vsq::Level::baseline);
         const double full = KTsMahalanobis(x.data(), y.data(), c.pointers.data(), n, 0);
         const double diagonal = KTsMahalanobisD(x.data(), y.data(), d.data(), n, 0);
@@ -151,9 +146,9 @@ TEST(Mahalanobis, AllLevelsGiveTheSameBits) {
 
 TEST(Mahalanobis, DimensionsBeyondOneStripOfTheTriangle) {
     for (int n : {255, 256, 257, 300, 512, 513, 700}) {
-        const auto x = randomFloats(n, -9, 9), y = randomFloats(n, -9, 9);
+        const auto x = randomFloats(n, -9, 9, generator), y = randomFloats(n, -9, 9, generator);
         Triangle<float> c(n, [](int count) {
-            auto row = randomFloats(count, -0.01f, 0.01f);
+            auto row = randomFloats(count, -0.01f, 0.01f, generator);
             row.back() = 2;
             return row;
         });
@@ -167,9 +162,10 @@ TEST(Mahalanobis, DimensionsBeyondOneStripOfTheTriangle) {
 TEST(Mahalanobis, EqualVectorsGiveExactlyZero) {
     support::onEveryLevel([] {
         for (int n : {1, 2, 7, 8, 13, 39, 300}) {
-            const auto x = randomFloats(n, -1e6f, 1e6f), d = randomFloats(n, -5, 5);
+            const auto x = randomFloats(n, -1e6f, 1e6f, generator),
+                       d = randomFloats(n, -5, 5, generator);
             const auto w = randomShorts(n, -32768, 32767), wd = randomShorts(n, -32768, 32767);
-            Triangle<float> c(n, [](int count) { return randomFloats(count, -5, 5); });
+            Triangle<float> c(n, [](int count) { return randomFloats(count, -5, 5, generator); });
             Triangle<short> wc(n, [](int count) { return randomShorts(count, -32768, 32767); });
             for (int root = 0; root < 2; ++root) {
                 EXPECT_EQ(KTsMahalanobis(x.data(), x.data(), c.pointers.data(), n, root), 0.0);
@@ -328,12 +324,12 @@ TEST(Mahalanobis, SeveralRowsAtOnceGiveTheSameBitsAsOneByOne) {
     support::onEveryLevel([] {
         for (int n : {1, 12, 13, 16, 39, 40})
             for (int rows : {0, 1, 7, 8, 9, 15, 16, 17, 25}) {
-                const auto x = randomFloats(n, -9, 9);
+                const auto x = randomFloats(n, -9, 9, generator);
                 std::vector<std::vector<float>> means, weights;
                 std::vector<const float*> ppMeans, ppWeights;
                 for (int k = 0; k < rows; ++k) {
-                    means.push_back(randomFloats(n, -9, 9));
-                    weights.push_back(randomFloats(n, 0.1f, 5));
+                    means.push_back(randomFloats(n, -9, 9, generator));
+                    weights.push_back(randomFloats(n, 0.1f, 5, generator));
                 }
                 for (int k = 0; k < rows; ++k) {
                     ppMeans.push_back(means[std::size_t(k)].data());

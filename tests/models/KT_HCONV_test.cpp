@@ -1,4 +1,4 @@
-#include "models/hmm_models.h"
+#include "models/stored_models.h"
 #include "support/alloc_faults.h"
 #include "support/reports.h"
 
@@ -41,20 +41,12 @@ protected:
 
 // What a server really stores, in order.
 template <class W>
-std::vector<W> valuesAt(const void* block, std::size_t n, std::uintptr_t alignment) {
-    const auto address =
-        (reinterpret_cast<std::uintptr_t>(block) + alignment - 1) & ~(alignment - 1);
-    std::vector<W> values(n);
-    std::memcpy(values.data(), reinterpret_cast<const void*>(address), n * sizeof(W));
-    return values;
-}
-template <class W>
 std::vector<W> transitionsOf(int id, std::size_t n) {
-    return valuesAt<W>(KTFindHMMServer(id)->transitions, n, std::is_same_v<W, float> ? 16 : 8);
+    return storedAt<W>(KTFindHMMServer(id)->transitions, n, std::is_same_v<W, float> ? 16 : 8);
 }
 template <class W>
 std::vector<W> initialsOf(int id, std::size_t n) {
-    return valuesAt<W>(KTFindHMMServer(id)->initials, n, std::is_same_v<W, float> ? 16 : 8);
+    return storedAt<W>(KTFindHMMServer(id)->initials, n, std::is_same_v<W, float> ? 16 : 8);
 }
 template <class W>
 std::vector<W> outputsOf(int id, std::size_t n) {
@@ -79,16 +71,16 @@ TEST_F(HmmTransforms, WithoutARegistryOrAServerEverythingFailsInSilence) {
 }
 
 TEST_F(HmmTransforms, ExpRefusesAServerOfProbabilitiesAndLeavesItInPlace) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 2, 2, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 3, 2, 2, 0);
     const int id = model.create();
     EXPECT_EQ(KTsExpHMMServer(id), -1);
     expectOneReport("!(ser->status&KT_HMM_LOGARITHMIC)", "KTsExpHMMServer");
-    EXPECT_EQ(query<float>(id, 3, 2, Flavour::discrete).trans, model.trans);
+    EXPECT_EQ(query<float>(id, 3, 2, OutputKind::discrete).trans, model.trans);
     EXPECT_EQ(KTGetContext()->nHMMServers, 1);
 }
 
 TEST_F(HmmTransforms, LogRefusesAServerOfCosts) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 3, 1, 2, 0);
     const int id = model.create();
     EXPECT_EQ(KTsLogHMMServer(id), -1);
     expectOneReport("!(ser->status&KT_HMM_EXPONENTIAL)", "KTsLogHMMServer");
@@ -96,7 +88,7 @@ TEST_F(HmmTransforms, LogRefusesAServerOfCosts) {
 }
 
 TEST_F(HmmTransforms, BothRefuseFixedServers) {
-    auto model = randomModel<short>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
+    auto model = randomModel<short>(random, OutputKind::discrete, Shape::full, 3, 1, 2, 0);
     const int id = model.create();
     EXPECT_EQ(KTsExpHMMServer(id), -1);
     expectOneReport("!(ser->status&HMM_SERVER_FLOAT)", "KTsExpHMMServer");
@@ -105,7 +97,7 @@ TEST_F(HmmTransforms, BothRefuseFixedServers) {
 }
 
 TEST_F(HmmTransforms, ConversionsRefuseProbabilitiesUnderOneName) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 2, 2, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 3, 2, 2, 0);
     const int id = model.create();
     EXPECT_EQ(KTswConvertHMMServer(id, -8, 0, 0, 0), -1);
     expectOneReport("ser->status&KT_HMM_EXPONENTIAL", "KTswConvertHMMServer");
@@ -115,8 +107,8 @@ TEST_F(HmmTransforms, ConversionsRefuseProbabilitiesUnderOneName) {
 }
 
 TEST_F(HmmTransforms, ConversionsOfTheWrongFormFailInSilence) {
-    auto floats = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
-    auto fixed = randomModel<short>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
+    auto floats = randomModel<float>(random, OutputKind::discrete, Shape::full, 3, 1, 2, 0);
+    auto fixed = randomModel<short>(random, OutputKind::discrete, Shape::full, 3, 1, 2, 0);
     EXPECT_EQ(KTwsConvertHMMServer(floats.create(), 0, 0, 0, 0), -1);
     EXPECT_EQ(KTswConvertHMMServer(fixed.create(), 0, 0, 0, 0), -1);
     EXPECT_EQ(reports.count(), 0u);
@@ -126,7 +118,7 @@ TEST_F(HmmTransforms, ConversionsOfTheWrongFormFailInSilence) {
 // --- keep and replace ---
 
 TEST_F(HmmTransforms, TheDefaultModeReleasesTheSource) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 2, 2, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 3, 2, 2, 0);
     const int id = model.create(), made = KTsLogHMMServer(id);
     EXPECT_GT(made, 0);
     EXPECT_NE(made, id);
@@ -136,7 +128,7 @@ TEST_F(HmmTransforms, TheDefaultModeReleasesTheSource) {
 
 TEST_F(HmmTransforms, KeepLeavesEverySourceAlive) {
     KTSetHMMMode(KT_HMM_KEEP);
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 2, 2, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 3, 2, 2, 0);
     const int id = model.create(), costs = KTsLogHMMServer(id), back = KTsExpHMMServer(costs),
               fixed = KTswConvertHMMServer(costs, -8, 0, 0, 0),
               again = KTwsConvertHMMServer(fixed, 8, 0, 0, 0);
@@ -153,7 +145,7 @@ TEST_F(HmmTransforms, KeepLeavesEverySourceAlive) {
 // comes back.
 TEST_F(HmmTransforms, AStatusThatWasNegativeBefore) {
     KTSetHMMMode(KT_HMM_KEEP);
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 2, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 2, 0);
     const int id = model.create();
     KTSetStatus(-4);
     EXPECT_EQ(KTswConvertHMMServer(id, -8, 0, 0, 0), 2);
@@ -176,7 +168,7 @@ void viaKernels(Floats& values, bool toCosts) {
     }
 }
 
-void expectDomainChange(Model<float>& model) {
+void expectDomainChange(KindModel<float>& model) {
     const bool toCosts = model.domain == 2;
     const int id = model.create();
     const int made = toCosts ? KTsLogHMMServer(id) : KTsExpHMMServer(id);
@@ -184,7 +176,7 @@ void expectDomainChange(Model<float>& model) {
     Floats initials(model.initial);
     viaKernels(initials, toCosts);
     EXPECT_EQ(initialsOf<float>(made, initials.size()), initials);
-    Model<float> other; // the same matrix in the order of the other domain
+    KindModel<float> other; // the same matrix in the order of the other domain
     other.n = model.n;
     other.shape = model.shape;
     other.domain = model.domain ^ 3u;
@@ -192,11 +184,11 @@ void expectDomainChange(Model<float>& model) {
     Floats transitions = storedTransitions(other);
     viaKernels(transitions, toCosts);
     EXPECT_EQ(transitionsOf<float>(made, transitions.size()), transitions);
-    if (model.flavour == Flavour::discrete) {
+    if (model.kind == OutputKind::discrete) {
         Floats outputs = storedDiscrete(model); // padding included
         viaKernels(outputs, toCosts);
         EXPECT_EQ(outputsOf<float>(made, outputs.size()), outputs);
-    } else if (model.flavour == Flavour::semicontinuous) {
+    } else if (model.kind == OutputKind::semicontinuous) {
         EXPECT_EQ(outputsOf<float>(made, storedWeights(model).size()), storedWeights(model));
     } else {
         const Floats frame(std::size_t(model.nQuant), 0.5f);
@@ -211,13 +203,13 @@ void expectDomainChange(Model<float>& model) {
 
 TEST_F(HmmTransforms, EveryKindOfModelChangesItsDomain) {
     Codebook<float> codebook(random, 5, 3);
-    for (const Flavour flavour : allFlavours)
+    for (const OutputKind kind : allKinds)
         for (const Shape shape : allShapes)
             for (const unsigned domain : {1u, 2u})
                 for (int n = 1; n <= 7; ++n) {
                     SCOPED_TRACE(testing::Message()
-                                 << int(flavour) << " " << int(shape) << " " << domain << " " << n);
-                    auto model = randomModel<float>(random, flavour, shape, n, domain, 5, 3);
+                                 << int(kind) << " " << int(shape) << " " << domain << " " << n);
+                    auto model = randomModel<float>(random, kind, shape, n, domain, 5, 3);
                     expectDomainChange(model);
                 }
     EXPECT_EQ(reports.count(), 0u);
@@ -225,16 +217,16 @@ TEST_F(HmmTransforms, EveryKindOfModelChangesItsDomain) {
 
 TEST_F(HmmTransforms, ZerosAndLimitCostsOfARoundTrip) {
     KTSetHMMMode(KT_HMM_KEEP);
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 2, 1, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 2, 1, 0);
     model.initial = {1.0f, 0.0f};
     const int costs = KTsLogHMMServer(model.create());
-    const Floats initials = query<float>(costs, 2, 1, Flavour::discrete).initial;
+    const Floats initials = query<float>(costs, 2, 1, OutputKind::discrete).initial;
     EXPECT_EQ(initials[0], 0.0f);
     EXPECT_EQ(initials[1], std::numeric_limits<float>::infinity()); // the logarithm of 0, scaled
-    auto second = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+    auto second = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     second.initial = {30.0f, 1.0f};
     const Floats back =
-        query<float>(KTsExpHMMServer(second.create()), 2, 1, Flavour::discrete).initial;
+        query<float>(KTsExpHMMServer(second.create()), 2, 1, OutputKind::discrete).initial;
     // the factor is off ln(10) by at most 2^-24 relative, its product rounds once, and the
     // exponential adds 2 ulp
     EXPECT_NEAR(back[0], 1e-30, 1e-30 * (30 * 2.302585 * 0x1p-23 + 0x1p-21));
@@ -243,13 +235,13 @@ TEST_F(HmmTransforms, ZerosAndLimitCostsOfARoundTrip) {
 
 // A probability of 1e-31 has a cost beyond what counts as present; the shape stays.
 TEST_F(HmmTransforms, TheTopologyIsNotFoundAgain) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 4, 2, 1, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 4, 2, 1, 0);
     for (std::size_t i = 0; i < 4; ++i)
         for (std::size_t j = 0; j < i; ++j)
             model.trans[i][j] = 1e-33f;
     const int made = KTsLogHMMServer(model.create());
     EXPECT_EQ(unsigned(parametersOf(made).status) & 0x3000u, 0u);
-    EXPECT_GT(query<float>(made, 4, 1, Flavour::discrete).trans[3][0], 30.0f);
+    EXPECT_GT(query<float>(made, 4, 1, OutputKind::discrete).trans[3][0], 30.0f);
 }
 
 TEST_F(HmmTransforms, TilesComeAndGoWithTheCosts) {
@@ -257,18 +249,18 @@ TEST_F(HmmTransforms, TilesComeAndGoWithTheCosts) {
     KTGetContext()->hmmMode |= HMM_MODE_TILED;
     for (const Shape shape : allShapes)
         for (int n = 1; n <= 6; ++n) {
-            auto model = randomModel<float>(random, Flavour::discrete, shape, n, 2, 2, 0);
+            auto model = randomModel<float>(random, OutputKind::discrete, shape, n, 2, 2, 0);
             const int costs = KTsLogHMMServer(model.create());
             EXPECT_NE(unsigned(parametersOf(costs).status) & HMM_SERVER_TILED, 0u);
-            const Rows<float> trans = query<float>(costs, n, 2, Flavour::discrete).trans;
+            const Rows<float> trans = query<float>(costs, n, 2, OutputKind::discrete).trans;
             KTSetHMMMode(KT_HMM_KEEP);
             const int fixed = KTswConvertHMMServer(costs, -8, 0, 0, 0);
             EXPECT_EQ(unsigned(parametersOf(fixed).status) & HMM_SERVER_TILED, 0u);
-            const auto fixedTrans = query<short>(fixed, n, 2, Flavour::discrete).trans;
+            const auto fixedTrans = query<short>(fixed, n, 2, OutputKind::discrete).trans;
             const bool odd = n % 2 == 1 && model.shape == Shape::banded;
             for (int i = 0; i < n; ++i)
                 for (int j = 0; j < n; ++j)
-                    if (stored(model.shape, i, j) && !(odd && i == 0 && j == 2)) {
+                    if (allows(model.shape, i, j) && !(odd && i == 0 && j == 2)) {
                         EXPECT_EQ(fixedTrans[std::size_t(i)][std::size_t(j)],
                                   short(trans[std::size_t(i)][std::size_t(j)] * 256.0f));
                     }
@@ -293,7 +285,7 @@ int fixedOracle(float x, int scale) {
     return std::fabs(scaled) < 2147483648.0 ? int(scaled) : INT32_MIN;
 }
 
-Ints fixedInitials(const Model<float>& model, int scale) {
+Ints fixedInitials(const KindModel<float>& model, int scale) {
     Ints wanted;
     for (const float x : model.initial)
         wanted.push_back(fixedOracle(x, scale));
@@ -301,7 +293,7 @@ Ints fixedInitials(const Model<float>& model, int scale) {
     return wanted;
 }
 
-Ints fixedTransitions(const Model<float>& model, int scale) {
+Ints fixedTransitions(const KindModel<float>& model, int scale) {
     Ints wanted =
         fixedByTarget(model, logZero, logZero, [=](float x) { return fixedOracle(x, scale); });
     if (model.shape == Shape::banded && model.n % 2 == 1) {
@@ -311,9 +303,9 @@ Ints fixedTransitions(const Model<float>& model, int scale) {
     return wanted;
 }
 
-Ints fixedDiscrete(const Model<float>& model, int scale) {
+Ints fixedDiscrete(const KindModel<float>& model, int scale) {
     Ints wanted;
-    for (std::size_t k = 0; k < std::size_t(model.nSymbols); ++k) {
+    for (std::size_t k = 0; k < std::size_t(model.m); ++k) {
         for (const Floats& row : model.out)
             wanted.push_back(fixedOracle(row[k], scale));
         padTo(wanted, 2, logZero);
@@ -323,13 +315,13 @@ Ints fixedDiscrete(const Model<float>& model, int scale) {
 
 TEST_F(HmmTransforms, EveryKindOfFloatModelBecomesFixed) {
     Codebook<float> codebook(random, 5, 3);
-    for (const Flavour flavour : allFlavours)
+    for (const OutputKind kind : allKinds)
         for (const Shape shape : allShapes)
             for (const int scale : {-8, 0, 3, -20})
                 for (int n = 1; n <= 7; ++n) {
                     SCOPED_TRACE(testing::Message()
-                                 << int(flavour) << " " << int(shape) << " " << scale << " " << n);
-                    auto model = randomModel<float>(random, flavour, shape, n, 1, 5, 3);
+                                 << int(kind) << " " << int(shape) << " " << scale << " " << n);
+                    auto model = randomModel<float>(random, kind, shape, n, 1, 5, 3);
                     const int made = KTswConvertHMMServer(model.create(), scale, -14, -10, -9);
                     ASSERT_GT(made, 0);
                     const Parameters p = parametersOf(made);
@@ -337,12 +329,12 @@ TEST_F(HmmTransforms, EveryKindOfFloatModelBecomesFixed) {
                     EXPECT_EQ(p.scale, scale);
                     EXPECT_EQ(p.nStates, n);
                     EXPECT_EQ(p.nQuant, model.nQuant);
-                    EXPECT_EQ(p.nSymbols, model.nSymbols);
+                    EXPECT_EQ(p.nSymbols, model.m);
                     EXPECT_EQ(initialsOf<std::int32_t>(made, std::size_t(n + n % 2)),
                               fixedInitials(model, scale));
                     const Ints transitions = fixedTransitions(model, scale);
                     EXPECT_EQ(transitionsOf<std::int32_t>(made, transitions.size()), transitions);
-                    if (flavour == Flavour::discrete) {
+                    if (kind == OutputKind::discrete) {
                         const Ints outputs = fixedDiscrete(model, scale);
                         EXPECT_EQ(outputsOf<std::int32_t>(made, outputs.size()), outputs);
                     }
@@ -352,7 +344,7 @@ TEST_F(HmmTransforms, EveryKindOfFloatModelBecomesFixed) {
 }
 
 TEST_F(HmmTransforms, ACostOfOneAtScaleMinusEightIs256) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     model.initial = {1.0f, -1.999f / 256};
     const int made = KTswConvertHMMServer(model.create(), -8, 0, 0, 0);
     EXPECT_EQ(initialsOf<std::int32_t>(made, 2), (Ints{256, -1})); // truncated toward zero
@@ -387,7 +379,7 @@ TEST_F(HmmTransforms, TheLimitIsComparedWithTheUnscaledValue) {
         {1.0f, INT32_MIN, INT32_MIN}, // the power is infinite
     };
     for (const auto& c : cases) {
-        auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+        auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
         model.initial[1] = c.x;
         const int made = KTswConvertHMMServer(model.create(), c.scale, 0, 0, 0);
         EXPECT_EQ(initialsOf<std::int32_t>(made, 2)[1], c.wanted) << c.x << " at " << c.scale;
@@ -397,10 +389,11 @@ TEST_F(HmmTransforms, TheLimitIsComparedWithTheUnscaledValue) {
 
 TEST_F(HmmTransforms, ABandOfThreeStatesLosesItsLeapAndOneOfFourKeepsIt) {
     for (const int n : {3, 4}) {
-        auto model = randomModel<float>(random, Flavour::discrete, Shape::banded, n, 1, 1, 0);
+        auto model = randomModel<float>(random, OutputKind::discrete, Shape::banded, n, 1, 1, 0);
         model.trans[0][2] = 2.0f;
         const int made = KTswConvertHMMServer(model.create(), -8, 0, 0, 0);
-        EXPECT_EQ(query<short>(made, n, 1, Flavour::discrete).trans[0][2], n == 3 ? 0x7FFF : 512);
+        EXPECT_EQ(query<short>(made, n, 1, OutputKind::discrete).trans[0][2],
+                  n == 3 ? 0x7FFF : 512);
         KTFreeHMMServer(made);
     }
 }
@@ -409,7 +402,7 @@ TEST_F(HmmTransforms, ABandOfThreeStatesLosesItsLeapAndOneOfFourKeepsIt) {
 
 std::vector<short> convertedWeights(std::mt19937& random, const Floats& weights, int scale) {
     Codebook<float> codebook(random, int(weights.size()), 2);
-    auto model = randomModel<float>(random, Flavour::semicontinuous, Shape::full, 1, 1,
+    auto model = randomModel<float>(random, OutputKind::semicontinuous, Shape::full, 1, 1,
                                     int(weights.size()), 2);
     model.out = {weights};
     const int made = KTswConvertHMMServer(model.create(), scale, 0, 0, 0);
@@ -432,7 +425,7 @@ TEST_F(HmmTransforms, WeightsBeyondTheLimitTurnTheirSign) {
 
 TEST_F(HmmTransforms, WeightsComeBackUp) {
     Codebook<short> codebook(random, 5, 2);
-    auto model = randomModel<short>(random, Flavour::semicontinuous, Shape::full, 2, 1, 5, 2);
+    auto model = randomModel<short>(random, OutputKind::semicontinuous, Shape::full, 2, 1, 5, 2);
     model.out = {{0, 1, -1, 0x7FFE, 0x7FFF}, {-0x7FFE, -0x7FFF, -0x8000, 4096, 2}};
     const int made = KTwsConvertHMMServer(model.create(), 14, 0, 0, 0);
     const float p = 0x1p-14f;
@@ -450,18 +443,18 @@ float floatOracle(int v, int scale) {
 
 TEST_F(HmmTransforms, EveryKindOfFixedModelBecomesFloat) {
     Codebook<short> codebook(random, 5, 3);
-    for (const Flavour flavour : allFlavours)
+    for (const OutputKind kind : allKinds)
         for (const Shape shape : allShapes)
             for (const unsigned domain : {0u, 1u})
                 for (int n = 1; n <= 7; ++n) {
                     SCOPED_TRACE(testing::Message()
-                                 << int(flavour) << " " << int(shape) << " " << domain << " " << n);
-                    auto model = randomModel<short>(random, flavour, shape, n, domain, 5, 3);
-                    Model<float> wanted;
+                                 << int(kind) << " " << int(shape) << " " << domain << " " << n);
+                    auto model = randomModel<short>(random, kind, shape, n, domain, 5, 3);
+                    KindModel<float> wanted;
                     wanted.n = n;
                     wanted.shape = model.shape;
                     wanted.domain = domain;
-                    wanted.nSymbols = model.nSymbols;
+                    wanted.m = model.m;
                     const auto up = [](const std::vector<short>& row) {
                         Floats values;
                         for (const short v : row)
@@ -480,7 +473,7 @@ TEST_F(HmmTransforms, EveryKindOfFixedModelBecomesFloat) {
                     EXPECT_EQ(initialsOf<float>(made, std::size_t(n)), wanted.initial);
                     const Floats transitions = storedTransitions(wanted);
                     EXPECT_EQ(transitionsOf<float>(made, transitions.size()), transitions);
-                    if (flavour == Flavour::discrete) {
+                    if (kind == OutputKind::discrete) {
                         EXPECT_EQ(outputsOf<float>(made, storedDiscrete(wanted).size()),
                                   storedDiscrete(wanted));
                     }
@@ -490,7 +483,7 @@ TEST_F(HmmTransforms, EveryKindOfFixedModelBecomesFloat) {
 }
 
 TEST_F(HmmTransforms, FixedValuesFrom7FFFOnAreTheLargestFloat) {
-    auto model = randomModel<short>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+    auto model = randomModel<short>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     KTSetHMMMode(KT_HMM_KEEP);
     const int id = model.create();
     int* stored = hmm::ints(KTFindHMMServer(id)->initials);
@@ -511,15 +504,15 @@ TEST_F(HmmTransforms, FixedValuesFrom7FFFOnAreTheLargestFloat) {
 
 TEST_F(HmmTransforms, DownAndUpTruncatesCostsToMultiplesOfTheScale) {
     for (const int n : {1, 2, 4, 6, 8}) { // odd bands lose a transition
-        auto model = randomModel<float>(random, Flavour::discrete, Shape::banded, n, 1, 3, 0);
+        auto model = randomModel<float>(random, OutputKind::discrete, Shape::banded, n, 1, 3, 0);
         const int back =
             KTwsConvertHMMServer(KTswConvertHMMServer(model.create(), -8, 0, 0, 0), 8, 0, 0, 0);
-        const auto answer = query<float>(back, n, 3, Flavour::discrete);
+        const auto answer = query<float>(back, n, 3, OutputKind::discrete);
         const auto truncated = [](float x) { return std::trunc(x * 256.0f) / 256.0f; };
         for (std::size_t i = 0; i < std::size_t(n); ++i) {
             EXPECT_EQ(answer.initial[i], truncated(model.initial[i]));
             for (std::size_t j = 0; j < std::size_t(n); ++j)
-                EXPECT_EQ(answer.trans[i][j], stored(model.shape, int(i), int(j))
+                EXPECT_EQ(answer.trans[i][j], allows(model.shape, int(i), int(j))
                                                   ? truncated(model.trans[i][j])
                                                   : largest);
             for (std::size_t k = 0; k < 3; ++k)
@@ -530,7 +523,7 @@ TEST_F(HmmTransforms, DownAndUpTruncatesCostsToMultiplesOfTheScale) {
 
 TEST_F(HmmTransforms, MixturesAreConvertedWithTheirOwnScales) {
     KTSetHMMMode(KT_HMM_KEEP);
-    auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 3, 1, 0, 4);
+    auto model = randomModel<float>(random, OutputKind::continuous, Shape::full, 3, 1, 0, 4);
     const int id = model.create(), fixed = KTswConvertHMMServer(id, -8, -14, -10, -9);
     const int back = KTwsConvertHMMServer(fixed, 8, 14, 10, 9);
     for (std::size_t i = 0; i < 3; ++i) {
@@ -552,7 +545,7 @@ TEST_F(HmmTransforms, MixturesAreConvertedWithTheirOwnScales) {
 }
 
 TEST_F(HmmTransforms, TheSecondReservedWordIsCarried) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     const int id = model.create();
     KTFindHMMServer(id)->reserved1 = 4711;
     KTFindHMMServer(id)->tag = 5;
@@ -588,9 +581,9 @@ TEST_F(HmmTransforms, EveryAllocationMayFail) {
     KTSetHMMMode(KT_HMM_KEEP);
     Codebook<float> codebook(random, 3, 2);
     Codebook<short> fixedCodebook(random, 3, 2);
-    for (const Flavour flavour : allFlavours) {
-        auto model = randomModel<float>(random, flavour, Shape::banded, 4, 1, 3, 2);
-        auto fixedModel = randomModel<short>(random, flavour, Shape::banded, 4, 1, 3, 2);
+    for (const OutputKind kind : allKinds) {
+        auto model = randomModel<float>(random, kind, Shape::banded, 4, 1, 3, 2);
+        auto fixedModel = randomModel<short>(random, kind, Shape::banded, 4, 1, 3, 2);
         const int id = model.create(), fixed = fixedModel.create();
         const long blocks = support::alloc::liveBlocks();
         failEveryAllocation([=] { return KTsExpHMMServer(id); }, 1);
@@ -609,17 +602,17 @@ TEST_F(HmmTransforms, TheCopyThatAFailedRewriteLeavesHasTransformedInitials) {
     KTSetHMMMode(KT_HMM_KEEP);
     for (const bool toCosts : {false, true}) {
         auto model =
-            randomModel<float>(random, Flavour::discrete, Shape::full, 3, toCosts ? 2 : 1, 2, 0);
+            randomModel<float>(random, OutputKind::discrete, Shape::full, 3, toCosts ? 2 : 1, 2, 0);
         const int id = model.create();
         const auto transform = toCosts ? KTsLogHMMServer : KTsExpHMMServer;
         const int whole = transform(id), left = whole + 1;
         support::alloc::arm(5); // behind the copy's record and its three arrays
         EXPECT_EQ(transform(id), -1);
         support::alloc::disarm();
-        const auto answer = query<float>(left, 3, 2, Flavour::discrete);
+        const auto answer = query<float>(left, 3, 2, OutputKind::discrete);
         EXPECT_EQ(answer.trans, model.trans);
         EXPECT_EQ(answer.out, model.out);
-        EXPECT_EQ(answer.initial, query<float>(whole, 3, 2, Flavour::discrete).initial);
+        EXPECT_EQ(answer.initial, query<float>(whole, 3, 2, OutputKind::discrete).initial);
         EXPECT_NE(answer.initial, model.initial);
         EXPECT_EQ(unsigned(parametersOf(left).status), model.status());
         EXPECT_NE(KTFindHMMServer(id), nullptr);
@@ -630,272 +623,12 @@ TEST_F(HmmTransforms, TheCopyThatAFailedRewriteLeavesHasTransformedInitials) {
 TEST_F(HmmTransforms, FailingTilesReleaseTheNewServer) {
     KTSetHMMMode(KT_HMM_KEEP);
     KTGetContext()->hmmMode |= HMM_MODE_TILED;
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 2, 2, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 3, 2, 2, 0);
     const int id = model.create();
     failEveryAllocation([=] { return KTsLogHMMServer(id); }, 1);
-    auto fixedModel = randomModel<short>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
+    auto fixedModel = randomModel<short>(random, OutputKind::discrete, Shape::full, 3, 1, 2, 0);
     const int fixed = fixedModel.create();
     failEveryAllocation([=] { return KTwsConvertHMMServer(fixed, 8, 0, 0, 0); }, 0);
-}
-
-// --- scales ---
-
-int floatOrder(const Floats& values) {
-    int order = -126;
-    for (const float v : values) {
-        std::uint32_t bits;
-        std::memcpy(&bits, &v, sizeof bits);
-        order = std::max(order, int((bits >> 23) & 0xFF) - 126);
-    }
-    return order;
-}
-int intOrder(const Ints& values) {
-    unsigned bits = 0;
-    for (const int v : values)
-        bits |= v < 0 ? 0u - unsigned(v) : unsigned(v);
-    int order = 0;
-    for (; bits != 0; bits >>= 1)
-        ++order;
-    return order;
-}
-
-template <class W>
-std::vector<W> without(std::vector<W> values, W limit) {
-    for (W& v : values)
-        if (v > limit) v = 0;
-    return values;
-}
-
-int orderOf(int id) {
-    int order = 12345;
-    KTGetHMMScales(id, &order, nullptr, nullptr, nullptr);
-    return order;
-}
-
-TEST_F(HmmTransforms, AllPointersNullDoNothing) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
-    const int id = model.create();
-    KTGetHMMScales(id, nullptr, nullptr, nullptr, nullptr);
-    EXPECT_EQ(KTGetContext()->hmmScalesLen, 0);
-    EXPECT_EQ(reports.count(), 0u);
-}
-
-TEST_F(HmmTransforms, OrdersOfEveryFloatModel) {
-    Codebook<float> codebook(random, 5, 3);
-    for (const Flavour flavour : allFlavours)
-        for (const Shape shape : allShapes)
-            for (const unsigned domain : {1u, 2u})
-                for (int n = 1; n <= 7; ++n) {
-                    auto model = randomModel<float>(random, flavour, shape, n, domain, 5, 3);
-                    Floats all = model.initial;
-                    Floats transitions = storedTransitions(model);
-                    if (model.shape == Shape::banded) transitions.pop_back();
-                    all.insert(all.end(), transitions.begin(), transitions.end());
-                    for (const auto& row : model.out)
-                        if (flavour == Flavour::discrete)
-                            all.insert(all.end(), row.begin(), row.end());
-                    const int wanted = floatOrder(domain == 1 ? without(all, 40.0f) : all);
-                    EXPECT_EQ(orderOf(model.create()), wanted)
-                        << int(flavour) << int(shape) << domain << n;
-                }
-}
-
-TEST_F(HmmTransforms, OrdersOfEveryFixedModel) {
-    Codebook<short> codebook(random, 5, 3);
-    for (const Flavour flavour : allFlavours)
-        for (const Shape shape : allShapes)
-            for (const unsigned domain : {0u, 1u})
-                for (int n = 1; n <= 7; ++n) {
-                    auto model = randomModel<short>(random, flavour, shape, n, domain, 5, 3);
-                    Ints all = storedTransitions(model);
-                    for (const short v : model.initial)
-                        all.push_back(widened(v, domain));
-                    for (const auto& row : model.out)
-                        for (const short v : row)
-                            if (flavour == Flavour::discrete) all.push_back(widened(v, domain));
-                    const int wanted = intOrder(domain == 1 ? without(all, 0x10000) : all);
-                    EXPECT_EQ(orderOf(model.create()), wanted)
-                        << int(flavour) << int(shape) << domain << n;
-                }
-}
-
-TEST_F(HmmTransforms, CostsAboveFortyAreIgnored) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
-    model.trans = {{50.0f, 1.5f}, {1.25f, 50.0f}};
-    model.initial = {50.0f, 0.5f};
-    model.out = {{50.0f}, {0.25f}};
-    EXPECT_EQ(orderOf(model.create()), 1); // 1.5 < 2
-    model.trans[0][0] = 40.0f;
-    EXPECT_EQ(orderOf(model.create()), 6); // 40 < 64 is still a cost
-}
-
-TEST_F(HmmTransforms, FixedCostsAbove10000AreIgnored) {
-    auto model = randomModel<short>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
-    model.trans = {{3, 3}, {3, 3}};
-    model.initial = {3, 3};
-    model.out = {{3}, {3}};
-    const int id = model.create();
-    int* stored = hmm::ints(KTFindHMMServer(id)->initials);
-    stored[0] = 0x10001;
-    EXPECT_EQ(orderOf(id), 2);
-    stored[0] = 0x10000;
-    EXPECT_EQ(orderOf(id), 17);
-}
-
-TEST_F(HmmTransforms, TiledCostsAreMeasuredPlain) {
-    for (const Shape shape : allShapes) {
-        auto model = randomModel<float>(random, Flavour::discrete, shape, 5, 1, 1, 0);
-        const int order = orderOf(model.create());
-        KTHMMFreeAll();
-        KTSetHMMMode(0);
-        KTGetContext()->hmmMode |= HMM_MODE_TILED;
-        EXPECT_EQ(orderOf(model.create()), order);
-        EXPECT_EQ(KTGetContext()->hmmScalesLen,
-                  int(std::max<std::size_t>(
-                      storedTransitions(model).size() - (shape == Shape::banded), 8)));
-        KTHMMFreeAll();
-    }
-}
-
-// The last element of a float band is a duplicate and is not looked at.
-TEST_F(HmmTransforms, TheDuplicateOfABandIsLeftOut) {
-    for (const unsigned domain : {1u, 2u}) {
-        auto model = randomModel<float>(random, Flavour::discrete, Shape::banded, 4, domain, 1, 0);
-        const int id = model.create(), order = orderOf(id);
-        hmm::floats(KTFindHMMServer(id)->transitions)[9] = 39.0f;
-        EXPECT_EQ(orderOf(id), order);
-    }
-}
-
-TEST_F(HmmTransforms, TheScratchGrowsAndStays) {
-    const KTContext* context = KTGetContext();
-    auto small = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
-    orderOf(small.create());
-    EXPECT_EQ(context->hmmScalesLen, 9); // 3 x 3 transitions against 2 x 4 outputs
-    auto wide = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 1, 5, 0);
-    orderOf(wide.create());
-    EXPECT_EQ(context->hmmScalesLen, 20);
-    const int* buffer = context->hmmScalesBuffer;
-    auto fixed = randomModel<short>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
-    orderOf(fixed.create());
-    EXPECT_EQ(context->hmmScalesLen, 20);
-    EXPECT_EQ(context->hmmScalesBuffer, buffer);
-    auto probabilities = randomModel<float>(random, Flavour::discrete, Shape::full, 8, 2, 2, 0);
-    orderOf(probabilities.create()); // read where it stands
-    EXPECT_EQ(context->hmmScalesLen, 20);
-    KTHMMFreeAll();
-    EXPECT_EQ(context->hmmScalesBuffer, nullptr);
-    EXPECT_EQ(context->hmmScalesLen, 0);
-}
-
-TEST_F(HmmTransforms, NoMemoryForTheScratchIsReported) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
-    auto fixedModel = randomModel<short>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
-    const int id = model.create(), fixed = fixedModel.create();
-    support::alloc::arm(1);
-    EXPECT_EQ(orderOf(id), 12345);
-    support::alloc::disarm();
-    expectOneReport("insufficiency of memory for pointer  buff", "KTGetHMMScales", -4);
-    support::alloc::arm(1);
-    EXPECT_EQ(orderOf(fixed), 12345);
-    support::alloc::disarm();
-    expectOneReport("insufficiency of memory for pointer  bufs", "KTGetHMMScales", -4);
-    EXPECT_EQ(KTGetContext()->hmmScalesLen, 0);
-    orderOf(id);
-    KTFreeHMMServer(fixed);
-    auto larger = randomModel<float>(random, Flavour::discrete, Shape::full, 9, 1, 2, 0);
-    const int largerId = larger.create();
-    support::alloc::arm(1); // a failed growth gives up what there was
-    EXPECT_EQ(orderOf(largerId), 12345);
-    support::alloc::disarm();
-    EXPECT_EQ(KTGetContext()->hmmScalesLen, 0);
-    EXPECT_EQ(KTGetContext()->hmmScalesBuffer, nullptr);
-}
-
-TEST_F(HmmTransforms, NothingMoreIsWrittenForDiscreteModels) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
-    int weights = 7, means = 7, vars = 7;
-    KTGetHMMScales(model.create(), nullptr, &weights, &means, &vars);
-    EXPECT_EQ(weights, 7);
-    EXPECT_EQ(means, 7);
-    EXPECT_EQ(vars, 7);
-}
-
-template <class T>
-int plainOrder(const T* values, int n) {
-    if constexpr (std::is_same_v<T, float>)
-        return floatOrder(Floats(values, values + n));
-    else
-        return intOrder(Ints(values, values + n));
-}
-
-struct PartOrders {
-    int weights = -0x7FFFFFFF, means = -0x7FFFFFFF, vars = -0x7FFFFFFF;
-};
-
-template <class T>
-void addMixture(const GaussMixServer* s, int nMix, int nQuant, PartOrders& orders) {
-    const T* weights = static_cast<const T*>(s->pWeights);
-    if constexpr (std::is_same_v<T, float>) weights = s->pNormWeights;
-    orders.weights = std::max(orders.weights, plainOrder(weights, nMix));
-    for (int k = 0; k < nMix; ++k) {
-        orders.means = std::max(orders.means, plainOrder(static_cast<T**>(s->ppMeans)[k], nQuant));
-        if (s->ppInverseCovD != nullptr)
-            orders.vars =
-                std::max(orders.vars, plainOrder(static_cast<T**>(s->ppInverseCovD)[k], nQuant));
-        for (int i = 0; s->pppInverseCov != nullptr && i < nQuant; ++i)
-            orders.vars = std::max(orders.vars,
-                                   plainOrder(static_cast<T***>(s->pppInverseCov)[k][i], nQuant));
-    }
-}
-
-template <class T>
-void expectPartOrders(std::mt19937& random, bool full) {
-    Codebook<T> codebook(random, 5, 3, full);
-    auto semicontinuous = randomModel<T>(random, Flavour::semicontinuous, Shape::full, 3, 1, 5, 3);
-    PartOrders wanted;
-    const SemicontCodebook* book =
-        std::is_same_v<T, float> ? KTGetContext()->sSemicont : KTGetContext()->wSemicont;
-    for (int k = 0; k < 5; ++k)
-        addMixture<T>(book->ccgPdfs[k], 1, 3, wanted);
-    const auto weights = storedWeights(semicontinuous);
-    wanted.weights = plainOrder(weights.data(), int(weights.size()));
-    int order = 0, w = 0, m = 0, v = 0;
-    KTGetHMMScales(semicontinuous.create(), &order, &w, &m, &v);
-    EXPECT_EQ(w, wanted.weights);
-    EXPECT_EQ(m, wanted.means);
-    EXPECT_EQ(v, wanted.vars);
-
-    auto continuous = randomModel<T>(random, Flavour::continuous, Shape::full, 4, 1, 0, 3);
-    PartOrders states;
-    for (const Server& mixture : continuous.mixtures)
-        addMixture<T>(mixture.get(), mixture->nMix, 3, states);
-    KTGetHMMScales(continuous.create(), nullptr, &w, &m, &v);
-    EXPECT_EQ(w, states.weights);
-    EXPECT_EQ(m, states.means);
-    EXPECT_EQ(v, states.vars);
-}
-
-TEST_F(HmmTransforms, OrdersOfWeightsMeansAndCovariances) {
-    for (const bool full : {false, true}) {
-        expectPartOrders<float>(random, full);
-        expectPartOrders<short>(random, full);
-    }
-}
-
-TEST_F(HmmTransforms, WithoutACodebookThereIsNothingToMeasure) {
-    int id;
-    {
-        Codebook<float> codebook(random, 2, 3);
-        auto model = randomModel<float>(random, Flavour::semicontinuous, Shape::full, 3, 1, 2, 3);
-        model.out = {{0.5f, 0.75f}, {0.5f, 0.5f}, {0.25f, 0.5f}};
-        id = model.create();
-    }
-    int w = 0, m = 0, v = 0;
-    KTGetHMMScales(id, nullptr, &w, &m, &v);
-    EXPECT_EQ(w, 0);
-    EXPECT_EQ(m, -0x7FFFFFFF);
-    EXPECT_EQ(v, -0x7FFFFFFF);
 }
 
 } // namespace

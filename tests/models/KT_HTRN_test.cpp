@@ -1,13 +1,11 @@
-#include "models/flat_mixtures.h"
 #include "models/training.h"
+#include "quantisers/density_codebook.h"
 
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/reports.h"
 
-#include <cstdio>
 #include <cstring>
-#include <utility>
 
 namespace {
 
@@ -19,89 +17,6 @@ using Training = training::HmmTest;
 constexpr double tolerance = 1e-5;
 
 const std::size_t sizes[] = {1, 2, 3, 4, 6, 9, 10, 17};
-
-oracle::DiscreteHmm randomDiscrete(std::mt19937& random, std::size_t n, std::size_t symbols,
-                                   Topology topology) {
-    return {randomChain(random, n, topology), randomRows(random, n, symbols)};
-}
-
-SymbolData drawData(std::mt19937& random, const oracle::DiscreteHmm& model, int count) {
-    std::vector<std::vector<int>> sequences;
-    for (int q = 0; q < count; ++q)
-        sequences.push_back(drawSymbols(random, model, 1 + int(random() % 30)));
-    return SymbolData(sequences);
-}
-
-oracle::Components randomMixture(std::mt19937& random, std::size_t nMix, std::size_t nDim,
-                                 bool isDiagonal) {
-    std::uniform_real_distribution<float> spread(0.5f, 2.0f), small(-0.2f, 0.2f);
-    oracle::Components c{
-        randomRow(random, nMix), randomFrames(random, int(nMix), nDim), {}, isDiagonal};
-    for (std::size_t m = 0; m < nMix; ++m) {
-        Rows inverse(nDim, Row(nDim, 0.0));
-        for (std::size_t i = 0; i < nDim; ++i) {
-            inverse[i][i] = double(spread(random));
-            for (std::size_t j = 0; !isDiagonal && j < i; ++j)
-                inverse[i][j] = inverse[j][i] = double(small(random)) / double(nDim);
-        }
-        c.inverses.push_back(inverse);
-    }
-    return c;
-}
-
-oracle::ContinuousHmm randomContinuous(std::mt19937& random, std::size_t n, std::size_t nDim,
-                                       Topology topology, std::size_t mostComponents = 3) {
-    oracle::ContinuousHmm model{randomChain(random, n, topology), {}};
-    for (std::size_t i = 0; i < n; ++i)
-        model.states.push_back(
-            randomMixture(random, 1 + random() % mostComponents, nDim, random() % 2 == 0));
-    return model;
-}
-
-FrameData frameData(std::mt19937& random, int count, std::size_t nDim) {
-    std::vector<Rows> sequences;
-    for (int q = 0; q < count; ++q)
-        sequences.push_back(randomFrames(random, 1 + int(random() % 30), nDim));
-    return FrameData(sequences);
-}
-
-// A codebook of single densities, weight 1 each.
-struct Codebook {
-    Codebook(std::mt19937& random, std::size_t nSymbols, std::size_t nDim) {
-        for (std::size_t k = 0; k < nSymbols; ++k)
-            densities.push_back(randomMixture(random, 1, nDim, k % 2 == 0));
-        install();
-    }
-    void install() const {
-        std::vector<GaussMixServer*> servers;
-        for (const auto& density : densities)
-            servers.push_back(makeMixture(density));
-        EXPECT_EQ(KTsInitSemicontCodebook(servers.data(), int(servers.size()),
-                                          int(densities[0].means[0].size()), 0),
-                  1);
-        for (GaussMixServer* server : servers)
-            KTsFreeGaussMixServer(server);
-    }
-    // By frame and density.
-    Rows logDensities(const Rows& frames) const {
-        Rows result;
-        for (const Row& x : frames) {
-            Row row;
-            for (const auto& d : densities)
-                row.push_back(std::log(d.weights[0]) +
-                              oracle::logDensity(x, d.means[0], d.inverses[0], d.isDiagonal));
-            result.push_back(row);
-        }
-        return result;
-    }
-    std::vector<Rows> logDensities(const FrameData& data) const {
-        std::vector<Rows> result;
-        for (const Rows& frames : data.sequences)
-            result.push_back(logDensities(frames));
-        return result;
-    }
-    std::vector<oracle::Components> densities;
-};
 
 int serverCount() {
     return KTGetContext()->nHMMServers;
@@ -400,88 +315,6 @@ TEST_F(Training, SymbolsThatNeverOccurGetZero) {
         EXPECT_EQ(outputs[2], 0.0);
 }
 
-TEST_F(Training, UnvisitedStatesKeepWhatTheyHave) {
-    std::mt19937 random(15);
-    auto model = randomDiscrete(random, 4, 3, Topology::full);
-    model.chain.pi = {0.5, 0.5, 0.0, 0.0};
-    for (std::size_t i = 0; i < 2; ++i)
-        model.chain.a[i] = {0.25, 0.75, 0.0, 0.0};
-    const SymbolData data = drawData(random, model, 4);
-    const auto trained = discreteOf(data.train(makeDiscrete(model), 5));
-    for (std::size_t i : {2u, 3u}) {
-        EXPECT_EQ(trained.chain.a[i], model.chain.a[i]);
-        EXPECT_EQ(trained.b[i], model.b[i]);
-        EXPECT_EQ(trained.chain.pi[i], 0.0);
-    }
-    // a state of which nothing follows keeps its transitions, and its outputs are estimated
-    const SymbolData single(std::vector<std::vector<int>>{{1}});
-    const auto after = discreteOf(single.train(makeDiscrete(model), 1));
-    EXPECT_EQ(after.chain.a[0], model.chain.a[0]);
-    EXPECT_EQ(after.b[0], (Row{0.0, 1.0, 0.0}));
-}
-
-TEST_F(Training, ZeroTransitionsStayZero) {
-    std::mt19937 random(16);
-    auto model = randomDiscrete(random, 5, 4, Topology::full);
-    model.chain.a[1][3] = model.chain.a[4][0] = model.chain.a[2][2] = 0.0;
-    const SymbolData data = drawData(random, model, 6);
-    const auto trained = chainOf(data.train(makeDiscrete(model), 4));
-    EXPECT_EQ(trained.a[1][3], 0.0);
-    EXPECT_EQ(trained.a[4][0], 0.0);
-    EXPECT_EQ(trained.a[2][2], 0.0);
-}
-
-TEST_F(Training, ProbabilitiesBelowTheFloorBecomeZero) {
-    // symbol 1 is all but impossible in state 0: its share of the occurrence is 1e-25
-    const oracle::DiscreteHmm model{{{0.5, 0.5}, {{1.0, 0.0}, {0.0, 1.0}}},
-                                    {{1.0, double(1e-25f)}, {1.0, 1.0}}};
-    const SymbolData data(std::vector<std::vector<int>>{{0}, {1}});
-    const auto trained = discreteOf(data.train(makeDiscrete(model), 1));
-    EXPECT_EQ(trained.b[0][1], 0.0);
-    EXPECT_GT(trained.b[1][1], 0.0);
-    const auto kept =
-        discreteOf(data.train(makeDiscrete({model.chain, {{1.0, double(1e-19f)}, {1.0, 1.0}}}), 1));
-    EXPECT_NEAR(kept.b[0][1] * 1e19, 2.0, 1e-5);
-}
-
-TEST_F(Training, BandKeepsItsLastTransitionTwice) {
-    std::mt19937 random(17);
-    const auto check = [](int id) {
-        const HMMServer& server = *KTFindHMMServer(id);
-        ASSERT_NE(server.status & HMM_SERVER_BANDED, 0u);
-        const float* a = hmm::floats(server.transitions);
-        const int last = 3 * server.nStates - 3;
-        EXPECT_EQ(a[last], a[last - 1]);
-        EXPECT_GT(a[last], 0.0f);
-    };
-    auto model = randomDiscrete(random, 4, 3, Topology::banded);
-    model.chain.a[3][3] = 0.5; // so that it changes, to 1
-    const SymbolData data = drawData(random, model, 6);
-    const int id = data.train(makeDiscrete(model), 2);
-    check(id);
-    EXPECT_NEAR(chainOf(id).a[3][3], 1.0, 1e-6);
-    const FrameData frames = frameData(random, 4, 2);
-    check(frames.trainContinuous(makeContinuous(randomContinuous(random, 5, 2, Topology::banded)),
-                                 2));
-    const Codebook codebook(random, 3, 2);
-    check(frames.trainSemicontinuous(
-        makeSemicontinuous({randomChain(random, 3, Topology::banded), randomRows(random, 3, 3)}, 2),
-        2));
-}
-
-// A file may bring a band whose second copy differs; the copy takes no part in the change.
-TEST_F(Training, SecondCopyOfABandsLastTransitionIsNoChange) {
-    std::mt19937 random(17);
-    const int id = makeDiscrete(randomDiscrete(random, 4, 3, Topology::banded));
-    hmm::floats(KTFindHMMServer(id)->transitions)[9] += 0.5f;
-    float change = 1.0f;
-    const int copy = SymbolData(std::vector<std::vector<int>>{}).train(id, 1, &change);
-    ASSERT_GT(copy, 0);
-    EXPECT_EQ(change, 0.0f);
-    const float* a = hmm::floats(KTFindHMMServer(copy)->transitions);
-    EXPECT_EQ(a[9], a[8]);
-}
-
 // --- what is refused ---
 
 TEST_F(Training, RefusesWhatIsNoServerOfItsKind) {
@@ -533,73 +366,6 @@ TEST_F(Training, StatusOfTheThreadIsNeitherReadNorChanged) {
         EXPECT_GT(frames.trainContinuous(continuous, 2), 0);
         EXPECT_EQ(KTGetStatus(), status);
     }
-}
-
-// --- a band's last transition, which is stored twice ---
-
-// The server as a file brings it back whose copy behind the one that the recursions read says
-// something else.
-int withOtherCopy(int id, float other) {
-    HMMServer* server = KTFindHMMServer(id);
-    float& copy = hmm::floats(server->transitions)[hmm::TransitionMap::of(*server).duplicate()];
-    const float kept = std::exchange(copy, other);
-    std::FILE* file = std::tmpfile();
-    KTWriteHMMServer(file, id, "band");
-    copy = kept;
-    std::rewind(file);
-    const int read = KTReadHMMServer(file, nullptr);
-    std::fclose(file);
-    return read;
-}
-
-// Training gives what it gives for a band whose two copies are the one that the recursions read.
-template <class Train>
-void expectOneCopyIsUsed(int id, const Train& train) {
-    const int twofold = withOtherCopy(id, 0.03125f);
-    ASSERT_GT(twofold, 0);
-    for (int iterations : {1, 2}) {
-        float expected = 1e-37f, change = 1e-37f;
-        const std::vector<float> one = allOf(train(id, iterations, &expected));
-        EXPECT_EQ(allOf(train(twofold, iterations, &change)), one);
-        EXPECT_EQ(change, expected);
-    }
-}
-
-TEST_F(Training, BandWithTwoLastTransitionsUsesOne) {
-    std::mt19937 random(33);
-    for (std::size_t n : {3u, 4u, 9u}) {
-        SCOPED_TRACE(n);
-        const auto model = randomDiscrete(random, n, 5, Topology::banded);
-        const SymbolData symbols = drawData(random, model, 5);
-        const FrameData frames = frameData(random, 5, 3);
-        const Codebook codebook(random, 5, 3);
-        expectOneCopyIsUsed(makeDiscrete(model), [&](int id, int iterations, float* change) {
-            return symbols.train(id, iterations, change);
-        });
-        expectOneCopyIsUsed(makeContinuous(randomContinuous(random, n, 3, Topology::banded)),
-                            [&](int id, int iterations, float* change) {
-                                return frames.trainContinuous(id, iterations, change);
-                            });
-        expectOneCopyIsUsed(makeSemicontinuous({model.chain, model.b}, 3),
-                            [&](int id, int iterations, float* change) {
-                                return frames.trainSemicontinuous(id, iterations, change);
-                            });
-        KTHMMFreeAll();
-    }
-}
-
-// A last state that is never left keeps the transition that the recursions read, in both places.
-TEST_F(Training, BandWithTwoLastTransitionsKeepsOne) {
-    std::mt19937 random(34);
-    const auto model = randomDiscrete(random, 4, 5, Topology::banded);
-    const int id = makeDiscrete(model), twofold = withOtherCopy(id, 0.03125f);
-    const SymbolData data(std::vector<std::vector<int>>{{0}, {3}});
-    float change = 1.0f;
-    const int trained = data.train(twofold, 1, &change);
-    EXPECT_EQ(allOf(trained), allOf(data.train(id, 1)));
-    const HMMServer* server = KTFindHMMServer(trained);
-    EXPECT_EQ(hmm::floats(server->transitions)[8], 1.0f);
-    EXPECT_EQ(hmm::floats(server->transitions)[9], 1.0f);
 }
 
 // --- continuous ---
@@ -752,42 +518,6 @@ TEST_F(Training, NormalisedModelsCompareAgainWhenTheyAreBuiltAnew) {
     EXPECT_EQ(narrowOnes(trained), 0);
     EXPECT_EQ(narrowOnes(again), 20);
     EXPECT_EQ(narrowOnes(marked), 20);
-}
-
-TEST_F(Training, FlatView) {
-    std::mt19937 random(25);
-    std::vector<GaussMixServer*> mixtures = {makeMixture(randomMixture(random, 2, 3, true)),
-                                             makeMixture(randomMixture(random, 1, 3, false)),
-                                             makeMixture(randomMixture(random, 3, 3, true))};
-    FlatMixtures* view = ownsFlattenMixtures(mixtures.data(), 3, 3);
-    ASSERT_NE(view, nullptr);
-    EXPECT_EQ(view->codebook.nSymbols, 6);
-    EXPECT_EQ(view->codebook.nQuant, 3);
-    EXPECT_EQ(view->codebook.status, 0x20);
-    EXPECT_EQ(view->isSingle, 0);
-    EXPECT_EQ(std::vector<int>(view->pComponentStart, view->pComponentStart + 4),
-              (std::vector<int>{0, 2, 3, 6}));
-    const float* weights = ownsSemicontWeights(&view->codebook);
-    for (int i = 0, k = 0; i < 3; ++i)
-        for (int m = 0; m < mixtures[std::size_t(i)]->nMix; ++m, ++k) {
-            const GaussMixServer *mixture = mixtures[std::size_t(i)],
-                                 *density = view->codebook.ccgPdfs[k];
-            EXPECT_EQ(weights[k], mixture->pNormWeights[m]);
-            EXPECT_EQ(weights[8 + k], 1.0f); // the second run
-            EXPECT_EQ(density->nMix, 1);
-            EXPECT_EQ(ktl::gauss::isFull(density), ktl::gauss::isFull(mixture));
-            EXPECT_EQ(ktl::gauss::means<float>(density)[0][2],
-                      ktl::gauss::means<float>(mixture)[m][2]);
-        }
-    ownsFreeFlatMixtures(view);
-    view = ownsFlattenMixtures(mixtures.data() + 1, 1, 3);
-    ASSERT_NE(view, nullptr);
-    EXPECT_EQ(view->isSingle, 1);
-    ownsFreeFlatMixtures(view);
-    ownsFreeFlatMixtures(nullptr);
-    EXPECT_EQ(ownsFlattenMixtures(mixtures.data(), 3, 4), nullptr); // the mixtures are shorter
-    for (GaussMixServer* mixture : mixtures)
-        KTsFreeGaussMixServer(mixture);
 }
 
 // --- semicontinuous ---

@@ -1,16 +1,16 @@
 #include "models/codebooks.h"
 #include "models/evaluation.h"
-#include "models/log10_fixed.h"
+#include "oracle/log10_fixed.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/reports.h"
 #include "support/timing.h"
-#include "vsq.h"
 
 #include <climits>
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <numeric>
 
 using namespace models;
 using support::secondsOf;
@@ -29,18 +29,31 @@ int evaluateFixed(int hmm, const std::vector<int>& symbols, int* pBest = nullptr
     return KTwEvalHMMViterbi(hmm, symbols.data(), int(symbols.size()), pBest, 0, nullptr);
 }
 
-// What a float model costs a path for a likelihood.
-float costOf(float likelihood) {
-    vsqsbLn1(&likelihood, 1);
-    return likelihood * -0.4342945f;
-}
-
 // The minimum over all paths of a short sequence, the recursion for a long one.
 template <class T>
 T bestCost(const Rows<T>& trans, const std::vector<T>& initial, const Rows<T>& outputs,
            Shape shape) {
     return outputs.size() <= 5 ? bestOfAllPaths(trans, initial, outputs, shape)
                                : bestPath(trans, initial, outputs, shape);
+}
+
+// The same in double, for outputs that are known up to an error.
+Uncertain bestCost(const Model<float>& model, const Rows<Uncertain>& outputs, Shape shape) {
+    Rows<double> values;
+    double error = 0;
+    for (const auto& row : outputs) {
+        values.emplace_back();
+        double worst = 0;
+        for (const Uncertain& output : row) {
+            values.back().push_back(output.value);
+            worst = std::max(worst, output.error);
+        }
+        error += worst;
+    }
+    const double cost =
+        bestCost(wide(model.trans), wide(Rows<float>{model.initial})[0], values, shape);
+    // each frame adds twice, each time with half a unit of the largest sum
+    return {cost, error + double(outputs.size()) * std::ldexp(1.0, std::ilogb(cost) + 1 - 23)};
 }
 
 // Below, at and above the number of frames whose outputs are computed at once, and a few that all
@@ -128,12 +141,13 @@ TEST_F(Viterbi, ContinuousFloat) {
                 const auto frames = framesOf<float>(random, length, dim);
                 const auto outputs =
                     valuesOf(frames, servers, [](GaussMixServer* server, const float* x) {
-                        return costOf(static_cast<float>(KTsEvalGaussMix(server, x, dim)));
+                        return costOf(likelihoodOf(server, x, dim));
                     });
+                const Uncertain expected = bestCost(model, outputs, shape);
                 const int id = model.continuous(servers.table.data(), dim, 0);
                 int best = 0;
-                EXPECT_EQ(KTsEvalContHMMViterbi(id, pointers(frames).data(), length, &best),
-                          bestCost(model.trans, model.initial, outputs, shape));
+                EXPECT_NEAR(KTsEvalContHMMViterbi(id, pointers(frames).data(), length, &best),
+                            expected.value, expected.error);
                 EXPECT_EQ(best, id);
                 KTFreeHMMServer(id);
             }
@@ -151,11 +165,9 @@ TEST_F(Viterbi, ContinuousFixed) {
                 int positive = 0; // otherwise there is nothing to tell apart
                 const auto outputs =
                     valuesOf(frames, servers, [&](GaussMixServer* server, const short* x) {
-                        int sf = -16;
-                        int cost = KTwEvalGaussMix(server, x, dim, 1, &sf);
-                        positive += cost > 0;
-                        ownwLog10Scaled(&cost, 1, -28, -scale);
-                        return cost;
+                        const int likelihood = fixedLikelihoodOf(server, x, dim);
+                        positive += likelihood > 0;
+                        return oracle::log10Fixed(likelihood, -28, -scale);
                     });
                 EXPECT_GT(positive, 2 * length);
                 const int id =
@@ -183,20 +195,18 @@ TEST_F(Viterbi, SemicontinuousFloat) {
                 auto model = costsOf(probabilities);
                 model.out = probabilities.out; // weights stay linear
                 const auto frames = framesOf<float>(random, length, dim);
-                const auto outputs =
-                    weightedOf(densitiesOf(frames, m, dim), model.out, [](double likelihood) {
-                        return costOf(static_cast<float>(likelihood));
-                    });
+                Rows<Uncertain> outputs;
+                for (const auto& frame : frames) {
+                    outputs.emplace_back();
+                    for (const auto& weights : model.out)
+                        outputs.back().push_back(
+                            costOf(likelihoodOf(weights, densities, frame.data(), dim)));
+                }
+                const Uncertain expected = bestCost(model, outputs, shape);
                 const int id = model.semicont(dim, 0);
                 int best = 0;
-                const float cost =
-                    KTsEvalSemicontHMMViterbi(id, pointers(frames).data(), length, &best);
-                const float expected = bestCost(model.trans, model.initial, outputs, shape);
-                // the order of the six products may move the last bit of a float likelihood: 2^-24
-                // * log10(e) for each frame, and as many roundings of a cost as there are frames,
-                // each of half a unit of the largest
-                const double unit = std::ldexp(1.0, std::ilogb(expected) - 23);
-                EXPECT_NEAR(cost, expected, length * (0x1p-24 + unit));
+                EXPECT_NEAR(KTsEvalSemicontHMMViterbi(id, pointers(frames).data(), length, &best),
+                            expected.value, expected.error);
                 EXPECT_EQ(best, id);
             }
     }
@@ -215,12 +225,17 @@ TEST_F(Viterbi, SemicontinuousFixed) {
                 model.out = fixedWeights(random, 4, m);
                 const auto frames = framesOf<short>(random, length, dim);
                 int positive = 0;
-                const auto outputs =
-                    weightedOf(densitiesOf(frames, m, dim), model.out, [&](int cost) {
-                        positive += cost > 0;
-                        ownwLog10Scaled(&cost, 1, -24, -scale);
-                        return cost;
-                    });
+                Rows<int> outputs;
+                for (const auto& frame : frames) {
+                    outputs.emplace_back();
+                    const auto values = fixedDensitiesOf(densities, frame.data(), dim);
+                    for (const auto& weights : model.out) {
+                        const int likelihood =
+                            std::inner_product(weights.begin(), weights.end(), values.begin(), 0);
+                        positive += likelihood > 0;
+                        outputs.back().push_back(oracle::log10Fixed(likelihood, -24, -scale));
+                    }
+                }
                 EXPECT_GT(positive, 2 * length);
                 const int id = model.semicont(dim, KT_HMM_LOGARITHMIC, scale);
                 int best = 0;

@@ -1,5 +1,6 @@
 #include "ktlp6.h"
 #include "models/log10_fixed.h"
+#include "oracle/log10_fixed.h"
 #include "support/guarded.h"
 
 #include <gtest/gtest.h>
@@ -88,6 +89,17 @@ TEST(FixedLogarithm, NothingToDo) {
     ownwLog10Scaled(&untouched, 0, -24, 8);
     ownwLog10Scaled(&untouched, -3, -24, 8);
     EXPECT_EQ(untouched, 5);
+}
+
+// The reference of other tests and the decimal one agree where both know the logarithm.
+TEST(FixedLogarithm, TheReferenceOfTestsIsTheDecimalOne) {
+    std::ifstream golden(std::string(KTL_SOURCE_DIR) + "/tests/golden/log10_scaled.txt");
+    int x = 0, sfIn = 0, sfOut = 0, expected = 0;
+    while (golden >> x >> sfIn >> sfOut >> expected)
+        if (sfOut < 25) {
+            ASSERT_EQ(oracle::log10Fixed(x, sfIn, sfOut), expected)
+                << x << ' ' << sfIn << ' ' << sfOut;
+        }
 }
 
 // Scales beyond every table and word are no licence for undefined shifts.

@@ -1,4 +1,4 @@
-#include "models/hmm_models.h"
+#include "models/stored_models.h"
 #include "support/alloc_faults.h"
 #include "support/reports.h"
 #include "support/streams.h"
@@ -46,11 +46,11 @@ int readFrom(const Bytes& bytes, char* name = nullptr) {
 // --- the image, by the description of the format ---
 
 template <class T>
-Bytes outputsImage(const Model<T>& model, int id) {
+Bytes outputsImage(const KindModel<T>& model, int id) {
     Bytes bytes;
-    if (model.flavour == Flavour::discrete) putAll(bytes, storedDiscrete(model));
-    if (model.flavour == Flavour::semicontinuous) putAll(bytes, storedWeights(model));
-    if (model.flavour == Flavour::continuous) {
+    if (model.kind == OutputKind::discrete) putAll(bytes, storedDiscrete(model));
+    if (model.kind == OutputKind::semicontinuous) putAll(bytes, storedWeights(model));
+    if (model.kind == OutputKind::continuous) {
         const Stream stream(std::tmpfile());
         for (int i = 0; i < model.n; ++i)
             KTWriteGaussMixServer(stream.get(), KTFindHMMServer(id)->mixtures[i]);
@@ -60,7 +60,7 @@ Bytes outputsImage(const Model<T>& model, int id) {
 }
 
 template <class T>
-Bytes imageOf(const Model<T>& model, int id, const std::string& name, int tag = 0,
+Bytes imageOf(const KindModel<T>& model, int id, const std::string& name, int tag = 0,
               const std::vector<std::int32_t>& stateWords = {}) {
     const auto initials = storedInitials(model);
     const auto transitions = storedTransitions(model);
@@ -69,7 +69,7 @@ Bytes imageOf(const Model<T>& model, int id, const std::string& name, int tag = 
     Bytes bytes;
     support::putText(bytes, "HMM ", 4);
     support::putText(bytes, name, 12);
-    for (const int word : {id, tag, model.n, model.nSymbols})
+    for (const int word : {id, tag, model.n, model.m})
         put(bytes, std::int32_t(word));
     put(bytes, std::uint32_t(0x50 + 4 * initials.size()));
     put(bytes, outputsAt);
@@ -88,7 +88,7 @@ Bytes imageOf(const Model<T>& model, int id, const std::string& name, int tag = 
 
 // Written as described; read back into a server that writes the same again, but for its id.
 template <class T>
-void expectRoundTrip(Model<T>& model) {
+void expectRoundTrip(KindModel<T>& model) {
     const int id = model.create();
     ASSERT_GT(id, 0);
     const Bytes image = imageOf(model, id, "some name");
@@ -102,7 +102,7 @@ void expectRoundTrip(Model<T>& model) {
     // a mixture that was read says so in its flags, and its tail is that of its new place: its
     // image is taken anew
     EXPECT_EQ(written(second, "some name"), imageOf(model, second, "some name"));
-    const auto answer = query<T>(second, model.n, model.nSymbols, model.flavour);
+    const auto answer = query<T>(second, model.n, model.m, model.kind);
     EXPECT_EQ(answer.initial, model.initial);
     KTFreeHMMServer(id);
     KTFreeHMMServer(second);
@@ -112,13 +112,13 @@ template <class T>
 void roundTripAll(std::mt19937& random, std::initializer_list<unsigned> domains) {
     Codebook<T> codebook(random, 6, 3);
     ASSERT_TRUE(codebook.made);
-    for (const Flavour flavour : allFlavours)
+    for (const OutputKind kind : allKinds)
         for (const Shape shape : allShapes)
             for (const unsigned domain : domains)
                 for (int n = 1; n <= 9; ++n) {
                     SCOPED_TRACE(testing::Message()
-                                 << int(flavour) << " " << int(shape) << " " << domain << " " << n);
-                    auto model = randomModel<T>(random, flavour, shape, n, domain, 6, 3);
+                                 << int(kind) << " " << int(shape) << " " << domain << " " << n);
+                    auto model = randomModel<T>(random, kind, shape, n, domain, 6, 3);
                     expectRoundTrip(model);
                 }
 }
@@ -133,7 +133,7 @@ TEST_F(HmmFile, EveryFixedModelHasTheDescribedImage) {
 }
 
 TEST_F(HmmFile, PositionsOfABandOfFiveCostStates) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::banded, 5, 1, 3, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::banded, 5, 1, 3, 0);
     const Bytes bytes = written(model.create());
     EXPECT_EQ(wordAt(bytes, atInitials), 0x50u);
     EXPECT_EQ(wordAt(bytes, atTransitions), 0x70u);
@@ -144,7 +144,7 @@ TEST_F(HmmFile, PositionsOfABandOfFiveCostStates) {
 TEST_F(HmmFile, TilesAreWrittenPlainAndReadBackTiled) {
     for (const Shape shape : allShapes)
         for (int n = 1; n <= 9; ++n) {
-            auto model = randomModel<float>(random, Flavour::discrete, shape, n, 1, 2, 0);
+            auto model = randomModel<float>(random, OutputKind::discrete, shape, n, 1, 2, 0);
             const Bytes plain = written(model.create());
             KTGetContext()->hmmMode |= HMM_MODE_TILED;
             const int tiled = model.create();
@@ -154,8 +154,8 @@ TEST_F(HmmFile, TilesAreWrittenPlainAndReadBackTiled) {
             EXPECT_EQ(bytes, plain);
             const int second = readFrom(plain);
             EXPECT_NE(unsigned(parametersOf(second).status) & HMM_SERVER_TILED, 0u);
-            EXPECT_EQ(query<float>(second, n, 2, Flavour::discrete).trans,
-                      query<float>(tiled, n, 2, Flavour::discrete).trans);
+            EXPECT_EQ(query<float>(second, n, 2, OutputKind::discrete).trans,
+                      query<float>(tiled, n, 2, OutputKind::discrete).trans);
             KTGetContext()->hmmMode &= ~HMM_MODE_TILED;
         }
 }
@@ -163,7 +163,7 @@ TEST_F(HmmFile, TilesAreWrittenPlainAndReadBackTiled) {
 // --- names ---
 
 TEST_F(HmmFile, NamesOfTwelveAndMoreCharactersFillTheField) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     const int id = model.create();
     for (const char* given : {"abcdefghijkl", "abcdefghijklmno"}) {
         const Bytes bytes = written(id, given);
@@ -176,7 +176,7 @@ TEST_F(HmmFile, NamesOfTwelveAndMoreCharactersFillTheField) {
 }
 
 TEST_F(HmmFile, ShorterNamesAreFilledWithZerosAndComeBackTerminated) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     const int id = model.create();
     const Bytes bytes = written(id, "ab");
     EXPECT_EQ(std::string(bytes.begin() + 4, bytes.begin() + 16),
@@ -201,7 +201,7 @@ TEST_F(HmmFile, TheNameComesEvenWhereTheRecordDoesNot) {
 // --- what a server keeps ---
 
 TEST_F(HmmFile, TagAndStateWordsSurviveReadCopyAndWrite) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::triangular, 5, 1, 3, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::triangular, 5, 1, 3, 0);
     const std::vector<std::int32_t> words{1, -2, 3, -4, 0x7FFFFFFF};
     const int id = model.create();
     Bytes image = imageOf(model, id, "tagged", 0x1234, words);
@@ -224,7 +224,7 @@ TEST_F(HmmFile, TagAndStateWordsSurviveReadCopyAndWrite) {
 }
 
 TEST_F(HmmFile, StateWordsOfAContinuousModelStandBehindItsMixtures) {
-    auto model = randomModel<short>(random, Flavour::continuous, Shape::full, 3, 1, 0, 2);
+    auto model = randomModel<short>(random, OutputKind::continuous, Shape::full, 3, 1, 0, 2);
     const std::vector<std::int32_t> words{7, 8, 9};
     const int id = model.create();
     const Bytes image = imageOf(model, id, "", 0, words);
@@ -235,7 +235,7 @@ TEST_F(HmmFile, StateWordsOfAContinuousModelStandBehindItsMixtures) {
 }
 
 TEST_F(HmmFile, ContinuousModelsScoreAsBefore) {
-    auto model = randomModel<float>(random, Flavour::continuous, Shape::banded, 4, 2, 0, 3);
+    auto model = randomModel<float>(random, OutputKind::continuous, Shape::banded, 4, 2, 0, 3);
     const int id = model.create(), second = readFrom(written(id));
     const float a[] = {0.5f, -1.0f, 0.25f}, b[] = {0.0f, 1.0f, 0.5f};
     const float* frames[] = {a, b, a};
@@ -250,14 +250,14 @@ TEST_F(HmmFile, ContinuousModelsScoreAsBefore) {
 // server.
 template <class T>
 void expectOwnMixtures(std::mt19937& random, unsigned domain) {
-    auto model = randomModel<T>(random, Flavour::continuous, Shape::full, 2, domain, 0, 2);
+    auto model = randomModel<T>(random, OutputKind::continuous, Shape::full, 2, domain, 0, 2);
     Bytes image = written(model.create());
     const std::uint32_t status = model.status() & ~HMM_SERVER_OWNS_MIXTURES;
     setWordAt(image, atStatus, status);
     const long before = support::alloc::liveBlocks();
     KTSetHMMMode(KT_HMM_KEEP);
     const int id = readFrom(image), copy = KTCopyHMMServer(id), copyOfCopy = KTCopyHMMServer(copy);
-    const int changed = domain == 1 && Model<T>::isFloat
+    const int changed = domain == 1 && KindModel<T>::isFloat
                             ? KTswConvertHMMServer(id, -8, -14, -10, -9)
                         : domain == 1 ? KTwsConvertHMMServer(id, 8, 14, 10, 9)
                                       : KTsLogHMMServer(id);
@@ -268,7 +268,7 @@ void expectOwnMixtures(std::mt19937& random, unsigned domain) {
     EXPECT_EQ(unsigned(parametersOf(changed).status) & HMM_SERVER_OWNS_MIXTURES, 0u);
     EXPECT_NE(KTFindHMMServer(copy)->mixtures[0], KTFindHMMServer(id)->mixtures[0]);
     KTFreeHMMServer(id);
-    const auto answer = query<T>(copyOfCopy, 2, 0, Flavour::continuous);
+    const auto answer = query<T>(copyOfCopy, 2, 0, OutputKind::continuous);
     EXPECT_EQ(answer.initial, model.initial);
     EXPECT_EQ(written(copy).size(), image.size());
     for (const int each : {copy, copyOfCopy, changed})
@@ -284,7 +284,7 @@ TEST_F(HmmFile, MixturesOfAFileAlwaysBelongToItsServer) {
 }
 
 TEST_F(HmmFile, AServerWhoseFileDoesNotNameItsMixturesItsOwnCanBeTrained) {
-    auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 2, 2, 0, 2);
+    auto model = randomModel<float>(random, OutputKind::continuous, Shape::full, 2, 2, 0, 2);
     const int id = model.create();
     Bytes image = written(id);
     setWordAt(image, atStatus, model.status() & ~HMM_SERVER_OWNS_MIXTURES);
@@ -305,7 +305,7 @@ TEST_F(HmmFile, AServerWhoseFileDoesNotNameItsMixturesItsOwnCanBeTrained) {
 template <class T>
 void expectTiledBitKept(std::mt19937& random, Shape shape, int n, unsigned domain) {
     SCOPED_TRACE(testing::Message() << int(shape) << " " << n << " " << domain);
-    auto model = randomModel<T>(random, Flavour::discrete, shape, n, domain, 3, 0);
+    auto model = randomModel<T>(random, OutputKind::discrete, shape, n, domain, 3, 0);
     const int plain = model.create();
     Bytes image = written(plain);
     setWordAt(image, atStatus, model.status() | HMM_SERVER_TILED);
@@ -320,12 +320,12 @@ void expectTiledBitKept(std::mt19937& random, Shape shape, int n, unsigned domai
     const std::vector<int> symbols{0, 2, 1, 1};
     for (const int each : {id, copy}) {
         EXPECT_EQ(unsigned(parametersOf(each).status), model.status() | HMM_SERVER_TILED);
-        EXPECT_EQ(query<T>(each, n, 3, Flavour::discrete).trans,
-                  query<T>(plain, n, 3, Flavour::discrete).trans);
+        EXPECT_EQ(query<T>(each, n, 3, OutputKind::discrete).trans,
+                  query<T>(plain, n, 3, OutputKind::discrete).trans);
         Bytes again = written(each); // plain again, and the bit says so
         setWordAt(again, 16, wordAt(written(plain), 16));
         EXPECT_EQ(again, written(plain));
-        if constexpr (Model<T>::isFloat) {
+        if constexpr (KindModel<T>::isFloat) {
             EXPECT_EQ(KTsEvalHMMViterbi(each, symbols.data(), 4, nullptr),
                       KTsEvalHMMViterbi(plain, symbols.data(), 4, nullptr));
             EXPECT_EQ(KTsEvalHMMForward(each, symbols.data(), 4, nullptr),
@@ -339,12 +339,12 @@ void expectTiledBitKept(std::mt19937& random, Shape shape, int n, unsigned domai
         KTGetHMMScales(plain, &expectedOrder, nullptr, nullptr, nullptr);
         EXPECT_EQ(order, expectedOrder);
     }
-    if constexpr (Model<T>::isFloat) {
+    if constexpr (KindModel<T>::isFloat) {
         const auto transform = domain == 1 ? KTsExpHMMServer : KTsLogHMMServer;
         const int ofPlain = transform(plain), ofTiled = transform(id);
         EXPECT_EQ(parametersOf(ofTiled).status, parametersOf(ofPlain).status);
-        EXPECT_EQ(query<T>(ofTiled, n, 3, Flavour::discrete).trans,
-                  query<T>(ofPlain, n, 3, Flavour::discrete).trans);
+        EXPECT_EQ(query<T>(ofTiled, n, 3, OutputKind::discrete).trans,
+                  query<T>(ofPlain, n, 3, OutputKind::discrete).trans);
     }
 }
 
@@ -361,10 +361,10 @@ TEST_F(HmmFile, OneStreamHoldsSeveralServers) {
     Codebook<float> codebook(random, 4, 2);
     const Stream stream(std::tmpfile());
     std::fputs("prologue", stream.get());
-    std::vector<Model<float>> models;
+    std::vector<KindModel<float>> models;
     std::vector<long> ends;
-    for (const Flavour flavour : allFlavours) {
-        models.push_back(randomModel<float>(random, flavour, Shape::banded, 5, 1, 4, 2));
+    for (const OutputKind kind : allKinds) {
+        models.push_back(randomModel<float>(random, kind, Shape::banded, 5, 1, 4, 2));
         KTWriteHMMServer(stream.get(), models.back().create(), "x");
         ends.push_back(std::ftell(stream.get()));
     }
@@ -389,7 +389,7 @@ TEST_F(HmmFile, AnUnknownServerWritesNothing) {
 }
 
 TEST_F(HmmFile, AServerOfNeitherFormEndsBehindTheHeader) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     const int id = model.create();
     HMMServer* server = KTFindHMMServer(id);
     const unsigned status = server->status;
@@ -404,8 +404,8 @@ TEST_F(HmmFile, AServerOfNeitherFormEndsBehindTheHeader) {
 
 TEST_F(HmmFile, AWriteThatComesUpShortEndsInSilence) {
     Codebook<float> codebook(random, 4, 2);
-    for (const Flavour flavour : allFlavours) {
-        auto model = randomModel<float>(random, flavour, Shape::full, 3, 1, 4, 2);
+    for (const OutputKind kind : allKinds) {
+        auto model = randomModel<float>(random, kind, Shape::full, 3, 1, 4, 2);
         const int id = model.create();
         const Stream readOnly(std::fopen(KTL_SOURCE_DIR "/exports.txt", "rb"));
         ASSERT_TRUE(readOnly);
@@ -422,7 +422,7 @@ int countingHandler(int, const char*, const char*, const char*, int) {
 }
 
 TEST_F(HmmFile, ANegativeStatusAfterAMixtureIsTracedBack) {
-    auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 3, 1, 0, 2);
+    auto model = randomModel<float>(random, OutputKind::continuous, Shape::full, 3, 1, 0, 2);
     const int id = model.create();
     const Bytes whole = written(id);
     KTSetStatus(-4);
@@ -461,7 +461,7 @@ TEST_F(HmmFile, ReadingMakesTheRegistry) {
 }
 
 TEST_F(HmmFile, OtherMagicBytesAreRefusedAndThePositionStays) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     Bytes bytes = written(model.create());
     bytes[3] = 0;
     const Stream stream = streamOf(bytes);
@@ -473,7 +473,7 @@ TEST_F(HmmFile, OtherMagicBytesAreRefusedAndThePositionStays) {
 }
 
 TEST_F(HmmFile, AHeaderAlmostWithItsRecordIsRefused) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     Bytes bytes = written(model.create());
     bytes.resize(16 + 63);
     expectRefused(bytes);
@@ -483,9 +483,9 @@ template <class T>
 std::vector<Bytes> someImages(std::mt19937& random) {
     Codebook<T> codebook(random, 5, 3);
     std::vector<Bytes> images;
-    for (const Flavour flavour : allFlavours)
+    for (const OutputKind kind : allKinds)
         for (const Shape shape : allShapes) {
-            auto model = randomModel<T>(random, flavour, shape, 5, 1, 5, 3);
+            auto model = randomModel<T>(random, kind, shape, 5, 1, 5, 3);
             const int id = model.create();
             images.push_back(imageOf(model, id, "fuzz", 0,
                                      shape == Shape::full ? std::vector<std::int32_t>(5, 9)
@@ -509,8 +509,8 @@ TEST_F(HmmFile, EveryTruncationIsRefused) {
 
 TEST_F(HmmFile, CountsAndStatusWordsThatMakeNoSenseAreRefused) {
     Codebook<float> codebook(random, 5, 3);
-    for (const Flavour flavour : allFlavours) {
-        auto model = randomModel<float>(random, flavour, Shape::full, 4, 1, 5, 3);
+    for (const OutputKind kind : allKinds) {
+        auto model = randomModel<float>(random, kind, Shape::full, 4, 1, 5, 3);
         const Bytes image = written(model.create());
         const auto with = [&](std::size_t at, std::uint32_t value) {
             Bytes changed = image;
@@ -521,7 +521,7 @@ TEST_F(HmmFile, CountsAndStatusWordsThatMakeNoSenseAreRefused) {
         for (const std::uint32_t n :
              {0u, 0xFFFFFFFFu, 0x80000000u, 0x7FFFFFFFu, 0x7FFFFFFCu, 0x40000000u})
             expectRefused(with(atStates, n));
-        if (flavour != Flavour::continuous)
+        if (kind != OutputKind::continuous)
             for (const std::uint32_t n :
                  {0u, 0xFFFFFFFFu, 0x80000000u, 0x7FFFFFFFu, 0x7FFFFFFCu, 0x40000000u})
                 expectRefused(with(atSymbols, n));
@@ -533,7 +533,7 @@ TEST_F(HmmFile, CountsAndStatusWordsThatMakeNoSenseAreRefused) {
 }
 
 TEST_F(HmmFile, BitsThatDoNotMatterAreTakenOver) {
-    auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 2, 1, 0, 2);
+    auto model = randomModel<float>(random, OutputKind::continuous, Shape::full, 2, 1, 0, 2);
     Bytes image = written(model.create());
     setWordAt(image, atStatus, wordAt(image, atStatus) | 0x80000400u | HMM_SERVER_TILED);
     setWordAt(image, atTag, 77);
@@ -546,14 +546,14 @@ TEST_F(HmmFile, BitsThatDoNotMatterAreTakenOver) {
         EXPECT_EQ(KTFindHMMServer(id)->tag, 77);
     }
     EXPECT_EQ(unsigned(parametersOf(id).status), model.status() | 0x80000400u | HMM_SERVER_TILED);
-    EXPECT_EQ(query<float>(id, 2, 0, Flavour::continuous).trans, model.trans);
+    EXPECT_EQ(query<float>(id, 2, 0, OutputKind::continuous).trans, model.trans);
     EXPECT_GT(KTCopyHMMServer(id), 0);
 }
 
-// A record without a flavour has no outputs; nothing can be evaluated with it, but it can be
+// A record without an output kind has no outputs; nothing can be evaluated with it, but it can be
 // carried.
-TEST_F(HmmFile, WithoutAFlavourThereAreNoOutputs) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+TEST_F(HmmFile, WithoutAnOutputKindThereAreNoOutputs) {
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     Bytes image = written(model.create());
     setWordAt(image, atStatus, wordAt(image, atStatus) & ~0x800000u);
     const int id = readFrom(image);
@@ -566,7 +566,7 @@ TEST_F(HmmFile, WithoutAFlavourThereAreNoOutputs) {
 }
 
 TEST_F(HmmFile, AHugePromiseTakesNoMoreMemoryThanTheStreamHolds) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::banded, 4, 1, 5, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::banded, 4, 1, 5, 0);
     Bytes image = written(model.create());
     image.resize(2000);
     setWordAt(image, atStates, 0x10000000u);
@@ -578,10 +578,10 @@ TEST_F(HmmFile, AHugePromiseTakesNoMoreMemoryThanTheStreamHolds) {
 }
 
 TEST_F(HmmFile, LargeServersComeInPieces) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 300, 2, 300, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 300, 2, 300, 0);
     expectRoundTrip(model);
     auto fixedModel =
-        randomModel<short>(random, Flavour::discrete, Shape::triangular, 501, 1, 400, 0);
+        randomModel<short>(random, OutputKind::discrete, Shape::triangular, 501, 1, 400, 0);
     expectRoundTrip(fixedModel);
     const int id = model.create();
     const Bytes image = written(id);
@@ -591,7 +591,7 @@ TEST_F(HmmFile, LargeServersComeInPieces) {
 }
 
 TEST_F(HmmFile, AMixtureThatCanNotBeReadReleasesTheOnesBefore) {
-    auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 3, 1, 0, 2);
+    auto model = randomModel<float>(random, OutputKind::continuous, Shape::full, 3, 1, 0, 2);
     Bytes image = written(model.create());
     const Bytes tag{'G', 'A', 'U', 'S'};
     const auto last = std::find_end(image.begin(), image.end(), tag.begin(), tag.end());
@@ -601,7 +601,7 @@ TEST_F(HmmFile, AMixtureThatCanNotBeReadReleasesTheOnesBefore) {
 }
 
 TEST_F(HmmFile, AStatusThatWasNegativeBeforeReleasesTheServer) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     const Bytes image = written(model.create());
     KTSetStatus(-4);
     EXPECT_EQ(readFrom(image), 2); // the id comes back all the same
@@ -613,7 +613,7 @@ TEST_F(HmmFile, EveryAllocationMayFail) {
     std::vector<Bytes> images = someImages<float>(random);
     for (const Bytes& image : someImages<short>(random))
         images.push_back(image);
-    auto large = randomModel<float>(random, Flavour::discrete, Shape::full, 300, 1, 300, 0);
+    auto large = randomModel<float>(random, OutputKind::discrete, Shape::full, 300, 1, 300, 0);
     images.push_back(written(large.create()));
     const KTContext* context = KTGetContext();
     for (const unsigned mode : {0u, HMM_MODE_TILED}) {
@@ -645,7 +645,7 @@ TEST_F(HmmFile, EveryAllocationMayFail) {
 TEST_F(HmmFile, WritingTilesWithoutMemoryEndsBehindTheHeader) {
     KTSetHMMMode(0);
     KTGetContext()->hmmMode |= HMM_MODE_TILED;
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 3, 1, 2, 0);
     const int id = model.create();
     const Stream stream(std::tmpfile());
     std::fputc('x', stream.get());
@@ -656,7 +656,7 @@ TEST_F(HmmFile, WritingTilesWithoutMemoryEndsBehindTheHeader) {
 }
 
 TEST_F(HmmFile, WithoutMemoryForTheRegistryReadingFails) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 1, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 1, 0);
     const Stream stream = streamOf(written(model.create()));
     KTHMMFreeAll();
     support::alloc::arm(1);

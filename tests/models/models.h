@@ -76,6 +76,15 @@ struct Model {
     }
 };
 
+// What stands in a server's block, whose values begin at the next multiple of the alignment.
+template <class T>
+std::vector<T> storedAt(const void* block, std::size_t count, std::uintptr_t alignment) {
+    const auto address = reinterpret_cast<std::uintptr_t>(block);
+    const auto* first =
+        reinterpret_cast<const T*>((address + alignment - 1) / alignment * alignment);
+    return std::vector<T>(first, first + count);
+}
+
 // A model of one state: initial and transition value as given, outputs of the symbols.
 template <class T>
 Model<T> oneState(T initial, T stay, std::vector<T> outputs) {
@@ -174,6 +183,9 @@ Rows<T> outputsOf(const Rows<T>& out, const std::vector<int>& symbols) {
 }
 
 inline float sum(float a, float b) {
+    return a + b;
+}
+inline double sum(double a, double b) {
     return a + b;
 }
 inline int sum(int a, int b) { // wraps

@@ -1,4 +1,4 @@
-#include "models/hmm_models.h"
+#include "models/stored_models.h"
 #include "support/alloc_faults.h"
 #include "support/guarded.h"
 #include "support/reports.h"
@@ -37,40 +37,40 @@ TEST_F(HmmProb, WithoutARegistryNothingHappens) {
 }
 
 TEST_F(HmmProb, AllPointersNullGiveZero) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 1, 2, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 3, 1, 2, 0);
     EXPECT_EQ(KTGetHMMProb(model.create(), nullptr, nullptr, nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(reports.count(), 0u);
 }
 
 TEST_F(HmmProb, RowTwoOfAFloatCostTriangle) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::triangular, 4, 1, 2, 0);
-    const auto answer = query<float>(model.create(), 4, 2, Flavour::discrete);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::triangular, 4, 1, 2, 0);
+    const auto answer = query<float>(model.create(), 4, 2, OutputKind::discrete);
     EXPECT_EQ(answer.trans[2],
               (std::vector<float>{largest, largest, model.trans[2][2], model.trans[2][3]}));
 }
 
 // Three upper triangular states are stored as a band, which for its last row is the same.
 TEST_F(HmmProb, RowTwoOfThreeUpperTriangularCostStates) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::triangular, 3, 1, 2, 0);
-    const auto answer = query<float>(model.create(), 3, 2, Flavour::discrete);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::triangular, 3, 1, 2, 0);
+    const auto answer = query<float>(model.create(), 3, 2, OutputKind::discrete);
     EXPECT_EQ(answer.trans[2], (std::vector<float>{largest, largest, model.trans[2][2]}));
 }
 
 TEST_F(HmmProb, RowsOfAFloatProbabilityBand) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::banded, 4, 2, 2, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::banded, 4, 2, 2, 0);
     const auto& a = model.trans;
-    const auto answer = query<float>(model.create(), 4, 2, Flavour::discrete);
+    const auto answer = query<float>(model.create(), 4, 2, OutputKind::discrete);
     EXPECT_EQ(answer.trans[0], (std::vector<float>{a[0][0], a[0][1], a[0][2], 0.0f}));
     EXPECT_EQ(answer.trans[2], (std::vector<float>{0.0f, 0.0f, a[2][2], a[2][3]}));
     EXPECT_EQ(answer.trans[3], (std::vector<float>{0.0f, 0.0f, 0.0f, a[3][3]}));
 }
 
 TEST_F(HmmProb, AFixedCostOf7FFEComesBackAs7FFF) {
-    auto model = randomModel<short>(random, Flavour::discrete, Shape::full, 2, 1, 2, 0);
+    auto model = randomModel<short>(random, OutputKind::discrete, Shape::full, 2, 1, 2, 0);
     model.trans[0][1] = 0x7FFE;
     model.initial[1] = 0x7FFE;
     model.out[1][0] = 0x7FFF;
-    const auto answer = query<short>(model.create(), 2, 2, Flavour::discrete);
+    const auto answer = query<short>(model.create(), 2, 2, OutputKind::discrete);
     EXPECT_EQ(answer.trans[0][1], 0x7FFF);
     EXPECT_EQ(answer.initial[1], 0x7FFF);
     EXPECT_EQ(answer.out[1][0], 0x7FFF);
@@ -78,15 +78,15 @@ TEST_F(HmmProb, AFixedCostOf7FFEComesBackAs7FFF) {
 
 // What a fixed server doesn't store is 0x7FFF even where the values have no domain.
 TEST_F(HmmProb, AbsentFixedTransitionsWithoutADomain) {
-    auto model = randomModel<short>(random, Flavour::discrete, Shape::banded, 4, 0, 2, 0);
-    const auto answer = query<short>(model.create(), 4, 2, Flavour::discrete);
+    auto model = randomModel<short>(random, OutputKind::discrete, Shape::banded, 4, 0, 2, 0);
+    const auto answer = query<short>(model.create(), 4, 2, OutputKind::discrete);
     EXPECT_EQ(answer.trans[0][3], 0x7FFF);
     EXPECT_EQ(answer.trans[3][0], 0x7FFF);
     EXPECT_EQ(answer.trans[1][2], model.trans[1][2]);
 }
 
 TEST_F(HmmProb, FixedValuesArePinnedAtBothEnds) {
-    auto model = randomModel<short>(random, Flavour::discrete, Shape::full, 2, 0, 1, 0);
+    auto model = randomModel<short>(random, OutputKind::discrete, Shape::full, 2, 0, 1, 0);
     const int id = model.create();
     int* stored = reinterpret_cast<int*>(
         (reinterpret_cast<std::uintptr_t>(KTFindHMMServer(id)->initials) + 7) & ~std::uintptr_t(7));
@@ -94,12 +94,12 @@ TEST_F(HmmProb, FixedValuesArePinnedAtBothEnds) {
     const short wanted[] = {0x7FFE, 0x7FFF, 0x7FFF, 0x7FFF, -0x7FFE, -0x7FFF, -0x7FFF, -0x7FFF};
     for (std::size_t i = 0; i < 8; ++i) {
         stored[0] = given[i];
-        EXPECT_EQ(query<short>(id, 2, 1, Flavour::discrete).initial[0], wanted[i]) << given[i];
+        EXPECT_EQ(query<short>(id, 2, 1, OutputKind::discrete).initial[0], wanted[i]) << given[i];
     }
 }
 
 TEST_F(HmmProb, ANullRowIsLeftOutAndTheOthersAreFilled) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 3, 1, 5, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 3, 1, 5, 0);
     const int id = model.create();
     support::Guarded<float> first(3, -1.0f), last(3, -1.0f), outRow(5, -1.0f);
     void* rows[] = {first.data(), nullptr, last.data()};
@@ -111,18 +111,18 @@ TEST_F(HmmProb, ANullRowIsLeftOutAndTheOthersAreFilled) {
     EXPECT_TRUE(first.intact() && last.intact() && outRow.intact());
 }
 
-TEST_F(HmmProb, OutputsOfOtherFlavoursAreIgnored) {
+TEST_F(HmmProb, OutputsOfOtherKindsAreIgnored) {
     Codebook<float> codebook(random, 3, 2);
     ASSERT_TRUE(codebook.made);
-    for (const Flavour flavour : allFlavours) {
-        auto model = randomModel<float>(random, flavour, Shape::full, 2, 1, 3, 2);
+    for (const OutputKind kind : allKinds) {
+        auto model = randomModel<float>(random, kind, Shape::full, 2, 1, 3, 2);
         support::Guarded<float> out(3, -1.0f), weights(3, -1.0f);
         void* outRows[] = {out.data(), nullptr};
         void* weightRows[] = {weights.data(), nullptr};
         GaussMixServer* slots[] = {nullptr, nullptr};
         ASSERT_EQ(KTGetHMMProb(model.create(), nullptr, nullptr, outRows, weightRows, slots), 0);
-        EXPECT_EQ(out[0] != -1.0f, flavour == Flavour::discrete);
-        EXPECT_EQ(weights[0] != -1.0f, flavour == Flavour::semicontinuous);
+        EXPECT_EQ(out[0] != -1.0f, kind == OutputKind::discrete);
+        EXPECT_EQ(weights[0] != -1.0f, kind == OutputKind::semicontinuous);
         EXPECT_EQ(slots[0], nullptr);
     }
 }
@@ -138,22 +138,22 @@ T absentResult(unsigned domain) {
 }
 
 template <class T>
-void expectReadBack(Model<T>& model) {
+void expectReadBack(KindModel<T>& model) {
     const int id = model.create();
     ASSERT_GT(id, 0);
     EXPECT_EQ(unsigned(parametersOf(id).status), model.status());
-    const auto answer = query<T>(id, model.n, model.nSymbols, model.flavour);
+    const auto answer = query<T>(id, model.n, model.m, model.kind);
     EXPECT_EQ(answer.result, 0);
     EXPECT_EQ(answer.initial, model.initial);
     for (int i = 0; i < model.n; ++i)
         for (int j = 0; j < model.n; ++j) {
             const auto row = std::size_t(i), column = std::size_t(j);
-            EXPECT_EQ(answer.trans[row][column], stored(model.shape, i, j)
+            EXPECT_EQ(answer.trans[row][column], allows(model.shape, i, j)
                                                      ? model.trans[row][column]
                                                      : absentResult<T>(model.domain))
                 << i << ", " << j;
         }
-    if (model.flavour != Flavour::continuous) {
+    if (model.kind != OutputKind::continuous) {
         EXPECT_EQ(answer.out, model.out);
     }
     KTFreeHMMServer(id);
@@ -165,14 +165,14 @@ void readBackAll(std::mt19937& random, std::initializer_list<unsigned> domains) 
         const int nSymbols = 1 + int(random() % 9), nQuant = 1 + int(random() % 5);
         Codebook<T> codebook(random, nSymbols, nQuant);
         ASSERT_TRUE(codebook.made);
-        for (const Flavour flavour : allFlavours)
+        for (const OutputKind kind : allKinds)
             for (const Shape shape : allShapes)
                 for (const unsigned domain : domains)
                     for (int n = 1; n <= 9; ++n) {
-                        SCOPED_TRACE(testing::Message() << int(flavour) << " " << int(shape) << " "
+                        SCOPED_TRACE(testing::Message() << int(kind) << " " << int(shape) << " "
                                                         << domain << " " << n << " states");
                         auto model =
-                            randomModel<T>(random, flavour, shape, n, domain, nSymbols, nQuant);
+                            randomModel<T>(random, kind, shape, n, domain, nSymbols, nQuant);
                         expectReadBack(model);
                     }
     }
@@ -192,21 +192,21 @@ TEST_F(HmmProb, TiledTransitionsAreReadBack) {
     KTGetContext()->hmmMode |= HMM_MODE_TILED;
     for (const Shape shape : allShapes)
         for (int n = 1; n <= 9; ++n) {
-            auto model = randomModel<float>(random, Flavour::discrete, shape, n, 1, 2, 0);
+            auto model = randomModel<float>(random, OutputKind::discrete, shape, n, 1, 2, 0);
             const int id = model.create();
             ASSERT_NE(unsigned(parametersOf(id).status) & HMM_SERVER_TILED, 0u);
-            const auto answer = query<float>(id, n, 2, Flavour::discrete);
+            const auto answer = query<float>(id, n, 2, OutputKind::discrete);
             for (std::size_t i = 0; i < std::size_t(n); ++i)
                 for (std::size_t j = 0; j < std::size_t(n); ++j)
                     EXPECT_EQ(answer.trans[i][j],
-                              stored(model.shape, int(i), int(j)) ? model.trans[i][j] : largest);
+                              allows(model.shape, int(i), int(j)) ? model.trans[i][j] : largest);
         }
 }
 
 // --- mixtures ---
 
 TEST_F(HmmProb, MixturesAreGivenForTheSlotsThatAreNotNull) {
-    auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 3, 1, 0, 4);
+    auto model = randomModel<float>(random, OutputKind::continuous, Shape::full, 3, 1, 0, 4);
     const int id = model.create();
     GaussMixServer* const wanted = model.mixtures[0].get(); // any address but null asks
     GaussMixServer* slots[] = {wanted, nullptr, wanted};
@@ -224,7 +224,7 @@ TEST_F(HmmProb, MixturesAreGivenForTheSlotsThatAreNotNull) {
 }
 
 TEST_F(HmmProb, NormalisedWeightsComeOverUnchanged) {
-    auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 2, 1, 0, 3);
+    auto model = randomModel<float>(random, OutputKind::continuous, Shape::full, 2, 1, 0, 3);
     for (Server& mixture : model.mixtures)
         mixture =
             randomMixture<float>(random, 3, 2, &mixture == &model.mixtures[0], KT_GAUSS_NORMALIZE);
@@ -242,7 +242,7 @@ TEST_F(HmmProb, NormalisedWeightsComeOverUnchanged) {
 }
 
 TEST_F(HmmProb, FixedMixturesKeepTheirScale) {
-    auto model = randomModel<short>(random, Flavour::continuous, Shape::full, 2, 1, 0, 3);
+    auto model = randomModel<short>(random, OutputKind::continuous, Shape::full, 2, 1, 0, 3);
     const int id = model.create();
     GaussMixServer* slots[] = {model.mixtures[0].get(), model.mixtures[1].get()};
     ASSERT_EQ(KTGetHMMProb(id, nullptr, nullptr, nullptr, nullptr, slots), 0);
@@ -258,7 +258,7 @@ TEST_F(HmmProb, FixedMixturesKeepTheirScale) {
 }
 
 TEST_F(HmmProb, AMixtureForWhichMemoryRanOutIsNull) {
-    auto model = randomModel<float>(random, Flavour::continuous, Shape::full, 2, 1, 0, 3);
+    auto model = randomModel<float>(random, OutputKind::continuous, Shape::full, 2, 1, 0, 3);
     const int id = model.create();
     const long before = support::alloc::liveBlocks();
     GaussMixServer* slots[2];
@@ -280,12 +280,12 @@ TEST_F(HmmProb, AMixtureForWhichMemoryRanOutIsNull) {
 
 // A server that lacks an array, as after a creation that ran out of memory, delivers what it has.
 TEST_F(HmmProb, MissingArraysAreLeftOut) {
-    auto model = randomModel<float>(random, Flavour::discrete, Shape::full, 2, 1, 2, 0);
+    auto model = randomModel<float>(random, OutputKind::discrete, Shape::full, 2, 1, 2, 0);
     const int id = model.create();
     HMMServer* server = KTFindHMMServer(id);
     void* const transitions = server->transitions;
     server->transitions = nullptr;
-    const auto answer = query<float>(id, 2, 2, Flavour::discrete);
+    const auto answer = query<float>(id, 2, 2, OutputKind::discrete);
     server->transitions = transitions;
     EXPECT_EQ(answer.result, 0);
     EXPECT_EQ(answer.initial, model.initial);

@@ -292,6 +292,91 @@ struct FrameData {
     std::vector<int> lengths;
 };
 
+// --- random models and data ---
+
+inline oracle::DiscreteHmm randomDiscrete(std::mt19937& random, std::size_t n, std::size_t symbols,
+                                          Topology topology) {
+    return {randomChain(random, n, topology), randomRows(random, n, symbols)};
+}
+
+inline SymbolData drawData(std::mt19937& random, const oracle::DiscreteHmm& model, int count) {
+    std::vector<std::vector<int>> sequences;
+    for (int q = 0; q < count; ++q)
+        sequences.push_back(drawSymbols(random, model, 1 + int(random() % 30)));
+    return SymbolData(sequences);
+}
+
+inline oracle::Components randomMixture(std::mt19937& random, std::size_t nMix, std::size_t nDim,
+                                        bool isDiagonal) {
+    std::uniform_real_distribution<float> spread(0.5f, 2.0f), small(-0.2f, 0.2f);
+    oracle::Components c{
+        randomRow(random, nMix), randomFrames(random, int(nMix), nDim), {}, isDiagonal};
+    for (std::size_t m = 0; m < nMix; ++m) {
+        Rows inverse(nDim, Row(nDim, 0.0));
+        for (std::size_t i = 0; i < nDim; ++i) {
+            inverse[i][i] = double(spread(random));
+            for (std::size_t j = 0; !isDiagonal && j < i; ++j)
+                inverse[i][j] = inverse[j][i] = double(small(random)) / double(nDim);
+        }
+        c.inverses.push_back(inverse);
+    }
+    return c;
+}
+
+inline oracle::ContinuousHmm randomContinuous(std::mt19937& random, std::size_t n, std::size_t nDim,
+                                              Topology topology, std::size_t mostComponents = 3) {
+    oracle::ContinuousHmm model{randomChain(random, n, topology), {}};
+    for (std::size_t i = 0; i < n; ++i)
+        model.states.push_back(
+            randomMixture(random, 1 + random() % mostComponents, nDim, random() % 2 == 0));
+    return model;
+}
+
+inline FrameData frameData(std::mt19937& random, int count, std::size_t nDim) {
+    std::vector<Rows> sequences;
+    for (int q = 0; q < count; ++q)
+        sequences.push_back(randomFrames(random, 1 + int(random() % 30), nDim));
+    return FrameData(sequences);
+}
+
+// A codebook of single densities, weight 1 each.
+struct Codebook {
+    Codebook(std::mt19937& random, std::size_t nSymbols, std::size_t nDim) {
+        for (std::size_t k = 0; k < nSymbols; ++k)
+            densities.push_back(randomMixture(random, 1, nDim, k % 2 == 0));
+        install();
+    }
+    void install() const {
+        std::vector<GaussMixServer*> servers;
+        for (const auto& density : densities)
+            servers.push_back(makeMixture(density));
+        EXPECT_EQ(KTsInitSemicontCodebook(servers.data(), int(servers.size()),
+                                          int(densities[0].means[0].size()), 0),
+                  1);
+        for (GaussMixServer* server : servers)
+            KTsFreeGaussMixServer(server);
+    }
+    // By frame and density.
+    Rows logDensities(const Rows& frames) const {
+        Rows result;
+        for (const Row& x : frames) {
+            Row row;
+            for (const auto& d : densities)
+                row.push_back(std::log(d.weights[0]) +
+                              oracle::logDensity(x, d.means[0], d.inverses[0], d.isDiagonal));
+            result.push_back(row);
+        }
+        return result;
+    }
+    std::vector<Rows> logDensities(const FrameData& data) const {
+        std::vector<Rows> result;
+        for (const Rows& frames : data.sequences)
+            result.push_back(logDensities(frames));
+        return result;
+    }
+    std::vector<oracle::Components> densities;
+};
+
 // Every test begins and ends without servers.
 class HmmTest : public testing::Test {
 protected:

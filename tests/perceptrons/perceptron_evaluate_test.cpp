@@ -1,5 +1,4 @@
 // Feed-forward evaluation, and the sums under it.
-#include "frame/row_products.h"
 #include "perceptrons/perceptrons.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
@@ -120,41 +119,6 @@ std::vector<short> reference(const Network<short>& network, std::vector<short> x
 }
 
 } // namespace
-
-// The helper that perceptrons and semicontinuous models share.
-TEST(FloatSums, AreThePlainSums) {
-    std::mt19937 random(1);
-    for (const int cols : {0, 1, 2, 3, 15, 16, 17, 70})
-        for (const int rows : {0, 1, 3, 4, 6}) {
-            std::vector<std::vector<float>> table;
-            std::vector<const float*> pointers;
-            for (int r = 0; r < rows; ++r)
-                table.push_back(randomVector<float>(random, cols, 3));
-            for (const auto& row : table)
-                pointers.push_back(row.data());
-            const std::vector<float> x = randomVector<float>(random, cols, 3);
-            const Bounded expected =
-                referenceLayer(table, Doubles(x.begin(), x.end()), Doubles(x.size(), 0.0));
-            std::vector<float> first;
-            support::onEveryLevel([&] {
-                support::Guarded<float> sums(std::size_t(rows), -1.0f);
-                ownsMatVec(sums.data(), pointers.data(), x.data(), rows, cols);
-                EXPECT_TRUE(sums.intact());
-                expectNear(sums.values(), expected);
-                if (first.empty()) first = sums.values();
-                EXPECT_EQ(sums.values(), first); // the same bits on every level
-            });
-        }
-}
-
-TEST(FloatSums, TakeLaneByLaneWhatIsExact) {
-    const std::vector<float> row = {1, 2, 4, 8, 16}, x = {1, 10, 100, 1000, 10000};
-    const float* pointers[] = {row.data(), row.data() + 1};
-    float sums[2];
-    ownsMatVec(sums, pointers, x.data(), 2, 4);
-    EXPECT_EQ(sums[0], 1.0f + 20 + 400 + 8000);
-    EXPECT_EQ(sums[1], 2.0f + 40 + 800 + 16000);
-}
 
 TEST(FixedSums, AreExactForEveryShift) {
     std::mt19937 random(2);

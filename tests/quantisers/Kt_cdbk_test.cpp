@@ -1,226 +1,22 @@
-#include "quantisers/Kt_cdbk.h"
-#include "quantisers/points.h"
+#include "quantisers/trees.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/guarded.h"
 #include "support/reports.h"
-#include "vsq.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <ctime>
-#include <functional>
-#include <limits>
-#include <memory>
-#include <random>
+
+using namespace trees;
 
 namespace {
 
 constexpr int largest = KT_CB_EUCLID | KT_CB_SPLIT_LARGEST;
 constexpr int widest = KT_CB_EUCLID | KT_CB_SPLIT_WIDEST;
 constexpr const char* source = "..\\_LIBSRC\\Kt_cdbk";
-
-// --- both flavours under one name ---
-
-template <class T>
-constexpr bool isFloat = std::is_same_v<T, float>;
-
-double distanceOf(const float* a, const float* b, int n) {
-    return vsqsNorm(a, b, n, VSQ_NormRoot);
-}
-int distanceOf(const short* a, const short* b, int n) {
-    return vsqwNormExt(a, b, n, VSQ_NormRoot, 0, nullptr);
-}
-
-KTCodebook* make(float** rows, int* labels, int n, int nDim, int nSize, int flags) {
-    return KTsMakeCodebook(rows, labels, n, nDim, nSize, flags);
-}
-KTCodebook* make(short** rows, int* labels, int n, int nDim, int nSize, int flags) {
-    return KTwMakeCodebook(rows, labels, n, nDim, nSize, flags);
-}
-
-double quantise(KTCodebook* codebook, float** rows, int* index, int n, int nDim) {
-    double distortion = -1;
-    KTsVQCodebook(codebook, rows, index, n, nDim, &distortion);
-    return distortion;
-}
-double quantise(KTCodebook* codebook, short** rows, int* index, int n, int nDim) {
-    int distortion = -1;
-    KTwVQCodebook(codebook, rows, index, n, nDim, &distortion, KT_NoScale, nullptr);
-    return distortion;
-}
-
-double spreadOf(const KTCluster& cluster, float) {
-    return cluster.spread.wide;
-}
-double spreadOf(const KTCluster& cluster, short) {
-    return cluster.spread.halves[0];
-}
-
-struct Freed {
-    void operator()(KTCodebook* codebook) const { KT_FreeCodebook(codebook); }
-};
-using Codebook = std::unique_ptr<KTCodebook, Freed>;
-
-template <class T>
-struct Rows {
-    Rows() = default;
-    Rows(std::initializer_list<std::vector<T>> values)
-        : Rows(std::vector<std::vector<T>>(values)) {}
-    explicit Rows(std::vector<std::vector<T>> values) : rows(std::move(values)) {
-        for (auto& row : rows)
-            pointers.push_back(row.data());
-    }
-    int count() const { return int(rows.size()); }
-    int nDim() const { return int(rows.front().size()); }
-    T** get() { return pointers.data(); }
-
-    std::vector<std::vector<T>> rows;
-    std::vector<T*> pointers;
-};
-
-template <class T>
-Codebook train(Rows<T>& set, int nSize, int flags, int* labels = nullptr) {
-    return Codebook(make(set.get(), labels, set.count(), set.nDim(), nSize, flags));
-}
-
-// --- the plain form of it all ---
-
-template <class T>
-struct Leaf {
-    std::vector<int> members;
-    std::vector<T> centroid;
-    double spread = 0;
-    int far1 = 0, far2 = 0, cell = 0, count = 0, level = 1;
-    unsigned node = 1;
-    std::unique_ptr<Leaf> left, right;
-};
-
-template <class T>
-struct Reference {
-    using Node = Leaf<T>;
-    Rows<T>& set;
-    int nDim;
-    Node root;
-    int depth = 0, status = 0;
-    std::vector<int> labels;
-    std::vector<const Node*> cells;
-
-    explicit Reference(Rows<T>& rows) : set(rows), nDim(rows.nDim()) {}
-
-    double between(const T* a, const T* b) const { return distanceOf(a, b, nDim); }
-
-    void farthest(Node& node) const {
-        node.count = int(node.members.size());
-        double best = 0;
-        for (int a = 0; a < node.count; ++a)
-            for (int b = a + 1; b < node.count; ++b) {
-                const double d = between(set.pointers[std::size_t(node.members[std::size_t(a)])],
-                                         set.pointers[std::size_t(node.members[std::size_t(b)])]);
-                if (d > best) {
-                    best = d;
-                    node.far1 = a;
-                    node.far2 = b;
-                }
-            }
-        node.spread = best;
-    }
-
-    std::vector<T> mean(const std::vector<int>& members) const {
-        std::vector<T> result;
-        for (int k = 0; k < nDim; ++k) {
-            double sum = 0;
-            for (int m : members)
-                sum += set.rows[std::size_t(m)][std::size_t(k)];
-            if constexpr (isFloat<T>)
-                result.push_back(float(sum) / float(members.size()));
-            else
-                result.push_back(members.empty() ? short(0)
-                                                 : short(int(sum / double(members.size()))));
-        }
-        return result;
-    }
-
-    void divide(const Node& node, const T* leftSeed, const T* rightSeed, std::vector<int>& left,
-                std::vector<int>& right) const {
-        left.clear();
-        right.clear();
-        for (int m : node.members) {
-            const T* row = set.pointers[std::size_t(m)];
-            const double dL = between(row, leftSeed), dR = between(row, rightSeed);
-            (dR <= dL ? right : left).push_back(m);
-        }
-    }
-
-    void split(Node& node) const {
-        node.left = std::make_unique<Node>();
-        node.right = std::make_unique<Node>();
-        Node &l = *node.left, &r = *node.right;
-        const T* a = set.pointers[std::size_t(node.members[std::size_t(node.far1)])];
-        const T* b = set.pointers[std::size_t(node.members[std::size_t(node.far2)])];
-        divide(node, a, b, l.members, r.members);
-        l.centroid = mean(l.members);
-        r.centroid = mean(r.members);
-        divide(node, l.centroid.data(), r.centroid.data(), l.members, r.members);
-        farthest(l);
-        farthest(r);
-        node.members.clear();
-        l.level = r.level = node.level + 1;
-        l.node = 2 * node.node;
-        r.node = l.node + 1;
-    }
-
-    template <class Visit>
-    static void eachLeaf(Node& node, const Visit& visit) {
-        if (!node.left) return visit(node);
-        eachLeaf(*node.left, visit);
-        eachLeaf(*node.right, visit);
-    }
-
-    void train(int nSize, int flags) {
-        for (int i = 0; i < set.count(); ++i)
-            root.members.push_back(i);
-        farthest(root);
-        root.centroid = mean(root.members);
-        for (int i = 1; i < nSize; ++i) {
-            Node* best = nullptr;
-            double most = 0;
-            eachLeaf(root, [&](Node& leaf) {
-                const double size = flags & KT_CB_SPLIT_LARGEST ? leaf.count : leaf.spread;
-                if (size > most) {
-                    most = size;
-                    best = &leaf;
-                }
-            });
-            if (best == nullptr) {
-                status = KT_StsBadArg;
-                return;
-            }
-            split(*best);
-        }
-        labels.assign(set.rows.size(), 0);
-        eachLeaf(root, [&](Node& leaf) {
-            cells.push_back(&leaf);
-            leaf.cell = int(cells.size());
-            depth = std::max(depth, leaf.level);
-            for (int m : leaf.members)
-                labels[std::size_t(m)] = leaf.cell;
-        });
-    }
-
-    const Node& quantise(const T* row) const {
-        const Node* node = &root;
-        while (node->left) {
-            const double dL = between(row, node->left->centroid.data());
-            const double dR = between(row, node->right->centroid.data());
-            node = dR <= dL ? node->right.get() : node->left.get();
-        }
-        return *node;
-    }
-};
 
 template <class T>
 bool sameBits(T a, T b) {
@@ -294,74 +90,10 @@ void expectAsPlain(Rows<T>& set, int nSize, int flags, Rows<T>* tested = nullptr
     EXPECT_EQ(reports.count(), 0u);
 }
 
-// --- sets of vectors ---
-
-using Random = std::mt19937;
-
-template <class T>
-Rows<T> fill(int n, int nDim, const std::function<double(int, int)>& value) {
-    std::vector<std::vector<T>> rows(static_cast<std::size_t>(n),
-                                     std::vector<T>(static_cast<std::size_t>(nDim)));
-    for (int i = 0; i < n; ++i)
-        for (int k = 0; k < nDim; ++k)
-            rows[std::size_t(i)][std::size_t(k)] = static_cast<T>(value(i, k));
-    return Rows<T>(std::move(rows));
-}
-
-constexpr int kinds = 8;
-
-// Kinds of sets, most of them full of equal distances.
-template <class T>
-Rows<T> someSet(int kind, int n, int nDim, Random& random) {
-    std::normal_distribution<double> normal;
-    const double unit = isFloat<T> ? 1 : 1000;
-    const auto integer = [&](int most) { return double(random() % unsigned(most + 1)); };
-    switch (kind) {
-    case 0: // a cloud
-        return fill<T>(n, nDim, [&](int, int) { return unit * normal(random); });
-    case 1: // small integers: a grid
-        return fill<T>(n, nDim, [&](int, int) { return integer(3); });
-    case 2: // corners of a cube
-        return fill<T>(n, nDim, [&](int, int) { return 100 * integer(1); });
-    case 3: { // few distinct vectors, each many times
-        Rows<T> few = fill<T>(5, nDim, [&](int, int) { return unit * normal(random); });
-        std::vector<std::vector<T>> rows;
-        for (int i = 0; i < n; ++i)
-            rows.push_back(few.rows[random() % 5]);
-        return Rows<T>(std::move(rows));
-    }
-    case 4: // a cloud far from the origin
-        return fill<T>(n, nDim, [&](int, int) { return 20 * unit + unit * 0.1 * normal(random); });
-    case 5: // clouds in two places and an outlier
-        return fill<T>(n, nDim, [&](int i, int) {
-            return i == n / 2 ? 30 * unit : unit * (i % 2) * 5 + unit * normal(random);
-        });
-    case 6: { // on a sphere: radii tell nothing
-        Rows<T> rows = fill<T>(n, nDim, [&](int, int) { return 0; });
-        for (auto& row : rows.rows) {
-            std::vector<double> direction;
-            double length = 0;
-            for (int k = 0; k < nDim; ++k) {
-                direction.push_back(normal(random));
-                length += direction.back() * direction.back();
-            }
-            for (int k = 0; k < nDim; ++k)
-                row[std::size_t(k)] =
-                    static_cast<T>(10 * unit * direction[std::size_t(k)] / std::sqrt(length));
-        }
-        return rows;
-    }
-    default: // extremes
-        return fill<T>(n, nDim, [&](int, int) {
-            return isFloat<T> ? (integer(1) - 0.5) * 6e38 : integer(1) * 65535 - 32768;
-        });
-    }
-}
-
 template <class T>
 class Tree : public testing::Test {};
-using Flavours = testing::Types<float, short>;
-TYPED_TEST_SUITE(Tree, Flavours);
+using NumericForms = testing::Types<float, short>;
+TYPED_TEST_SUITE(Tree, NumericForms);
 
 // --- against the plain form ---
 
@@ -425,65 +157,6 @@ TEST(TreeFloat, HoldsForTinyHugeAndMissingNumbers) {
     }
 }
 
-constexpr float inf = std::numeric_limits<float>::infinity();
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-
-// Sets in which vectors are missing, infinite, far out or of magnitudes of their own.
-constexpr int oddKinds = 9;
-Rows<float> oddSet(int kind, int n, int nDim, Random& random) {
-    std::normal_distribution<float> normal;
-    Rows<float> set = fill<float>(n, nDim, [&](int, int) { return normal(random); });
-    const auto some = [&] { return std::size_t(random() % unsigned(n)); };
-    const auto element = [&]() -> float& { return set.rows[some()][random() % unsigned(nDim)]; };
-    const auto scale = [](std::vector<float>& row, double by) {
-        for (float& value : row)
-            value = float(value * by);
-    };
-    switch (kind) {
-    case 0: // a few missing elements
-        for (int i = 0; i < 3; ++i)
-            element() = nan;
-        break;
-    case 1: // every other vector misses one
-        for (std::size_t i = 0; i < set.rows.size(); i += 2)
-            set.rows[i][0] = nan;
-        break;
-    case 2: // infinite and missing elements
-        for (int i = 0; i < 4; ++i)
-            element() = i == 0 ? nan : i % 2 == 0 ? inf : -inf;
-        break;
-    case 3: // nothing finite, one infinity common to all
-        for (auto& row : set.rows)
-            row[0] = inf;
-        break;
-    // nothing finite, each with infinities of its own; now and then every pair has one in common
-    case 4:
-        for (auto& row : set.rows)
-            for (unsigned k = 0; k < unsigned(nDim) / 2 + random() % 2; ++k)
-                row[random() % unsigned(nDim)] = random() % 4 == 0 ? -inf : inf;
-        break;
-    case 5: // one vector far out
-        scale(set.rows[some()], 1e30);
-        break;
-    case 6: // two magnitudes
-        for (std::size_t i = 0; i < set.rows.size(); i += 2)
-            scale(set.rows[i], 1e25);
-        break;
-    case 7: // all magnitudes
-        for (auto& row : set.rows)
-            scale(row, std::pow(10, int(random() % 80) - 43));
-        break;
-    default: // corners as far out as floats go, and a tight crowd away from the origin
-        for (auto& row : set.rows)
-            for (float& value : row)
-                value = random() % 2 ? 3e38f : -3e38f;
-        for (std::size_t i = 0; i < set.rows.size(); i += 3)
-            for (float& value : set.rows[i])
-                value = 1000 + 1e-3f * float(random() % 4);
-    }
-    return Rows<float>(std::move(set.rows));
-}
-
 TEST(TreeFloat, EqualsThePlainFormWhateverTheNumbersAre) {
     Random random(12);
     for (int round = 0; round < 180; ++round) {
@@ -496,126 +169,6 @@ TEST(TreeFloat, EqualsThePlainFormWhateverTheNumbersAre) {
         expectAsPlain(set, nSize, flags);
         expectAsPlain(set, nSize, flags, &tested);
         if (HasFatalFailure()) return;
-    }
-}
-
-// --- the farthest pair alone ---
-
-template <class T>
-double rowDistance(const ktl::codebook::Vectors& v, int a, int b) {
-    const auto* const* rows = static_cast<const T* const*>(v.ppVectors);
-    return distanceOf(rows[a], rows[b], v.nDim);
-}
-
-TYPED_TEST(Tree, FarthestPairIsTheFirstOneOfTheDoubleLoop) {
-    using T = TypeParam;
-    Random random(6);
-    int ties = 0;
-    for (int round = 0; round < 480; ++round) {
-        const int kind = round % kinds, n = 2 + int(random() % 300), nDim = 1 + int(random() % 16);
-        Rows<T> set = someSet<T>(kind, n, nDim, random);
-        std::vector<int> members; // a list out of order, not of all
-        for (int i = 0; i < n; ++i)
-            if (random() % 8 != 0) members.push_back(i);
-        std::shuffle(members.begin(), members.end(), random);
-        Reference<T> plain(set);
-        Leaf<T> want;
-        want.members = members;
-        plain.farthest(want);
-
-        const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<T>,
-                                             isFloat<T> ? 0. : 1.};
-        ktl::codebook::Points<T> points;
-        ASSERT_TRUE(points.take(vectors, set.get()));
-        const auto got = points.farthest(members.data(), int(members.size()));
-        ASSERT_EQ(got.spread, want.spread) << "round " << round;
-        ASSERT_EQ(got.first, want.far1) << "round " << round;
-        ASSERT_EQ(got.second, want.far2) << "round " << round;
-        for (std::size_t a = 0; a < members.size() && want.spread > 0; ++a)
-            for (std::size_t b = a + 1; b < members.size(); ++b)
-                ties += rowDistance<T>(vectors, members[a], members[b]) == want.spread;
-    }
-    EXPECT_GT(ties, 4800); // the sets are full of them
-}
-
-// a plain loop over 2 * 10^10 pairs would time out
-TYPED_TEST(Tree, FarthestPairOfManyEqualVectorsIsQuick) {
-    using T = TypeParam;
-    const int n = 200000;
-    std::vector<T> one(13, T(7)), other(13, T(9));
-    std::vector<T*> rows(std::size_t(n), one.data());
-    const ktl::codebook::Vectors vectors{rows.data(), n, 13, rowDistance<T>, isFloat<T> ? 0. : 1.};
-    std::vector<int> members;
-    for (int i = 0; i < n; ++i)
-        members.push_back(i);
-    ktl::codebook::Points<T> points;
-    ASSERT_TRUE(points.take(vectors, rows.data()));
-    EXPECT_EQ(points.farthest(members.data(), n).second, 0);
-    for (int i = 3; i < n; i += 2)
-        rows[std::size_t(i)] = other.data();
-    ASSERT_TRUE(points.take(vectors, rows.data()));
-    const auto pair = points.farthest(members.data(), n);
-    EXPECT_EQ(pair.first, 0);
-    EXPECT_EQ(pair.second, 3);
-}
-
-TEST(TreeFloat, FarthestPairIsTheFirstOneWhateverTheNumbersAre) {
-    Random random(13);
-    for (int round = 0; round < 450; ++round) {
-        const int kind = round % oddKinds, n = 2 + int(random() % 120),
-                  nDim = 1 + int(random() % 70);
-        Rows<float> set = oddSet(kind, n, nDim, random);
-        std::vector<int> members(set.rows.size());
-        for (int i = 0; i < n; ++i)
-            members[std::size_t(i)] = i;
-        std::shuffle(members.begin(), members.end(), random);
-        Reference<float> plain(set);
-        const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<float>, 0.0};
-        ktl::codebook::Points<float> points;
-        ASSERT_TRUE(points.take(vectors, set.get()));
-        bool hasOwnFrame = false;
-        // and of ever shorter lists, in whatever frame the last search has left
-        while (!members.empty()) {
-            Leaf<float> want;
-            want.members = members;
-            plain.farthest(want);
-            const auto got = points.farthest(members.data(), int(members.size()), hasOwnFrame);
-            ASSERT_EQ(got.spread, want.spread) << "round " << round << " of " << members.size();
-            ASSERT_EQ(got.first, want.far1) << "round " << round << " of " << members.size();
-            ASSERT_EQ(got.second, want.far2) << "round " << round << " of " << members.size();
-            hasOwnFrame = got.hasOwnFrame;
-            members.resize(members.size() / 2);
-        }
-    }
-}
-
-// Sets of which the radii tell nothing, of sizes for which the search has boxes; full of equal
-// distances but for the sphere.
-TYPED_TEST(Tree, FarthestPairOfManyIsTheFirstOneOnEveryLevel) {
-    using T = TypeParam;
-    Random random(17);
-    for (int round = 0; round < 3; ++round) {
-        const int n = 2300 + int(random() % 200), nDim = 15 + int(random() % 4);
-        const int kind = round == 1 ? 7 : 6;
-        SCOPED_TRACE(testing::Message() << "round " << round << " n " << n << " nDim " << nDim);
-        Rows<T> set = someSet<T>(kind, n, nDim, random);
-        if (round == 0) // corners whose integer distances are the same for many pairs
-            set = fill<T>(n, nDim, [&](int, int) { return double(random() % 2); });
-        Leaf<T> want;
-        for (int i = 0; i < n; ++i)
-            want.members.push_back(i);
-        std::shuffle(want.members.begin(), want.members.end(), random);
-        Reference<T>(set).farthest(want);
-        support::onEveryLevel([&] {
-            const ktl::codebook::Vectors vectors{set.get(), n, nDim, rowDistance<T>,
-                                                 isFloat<T> ? 0. : 1.};
-            ktl::codebook::Points<T> points;
-            ASSERT_TRUE(points.take(vectors, set.get()));
-            const auto got = points.farthest(want.members.data(), n);
-            EXPECT_EQ(got.spread, want.spread);
-            EXPECT_EQ(got.first, want.far1);
-            EXPECT_EQ(got.second, want.far2);
-        });
     }
 }
 
@@ -861,12 +414,12 @@ TYPED_TEST(Tree, AnIncompleteDescentGivesIndexZeroAndOneReport) {
     ASSERT_EQ(reports.count(), 1u);
     EXPECT_EQ(reports[0].status, KT_StsBadArg);
     EXPECT_EQ(reports[0].message, "VQ is not performed for some input vectors.");
-    EXPECT_EQ(reports[0].function, "KTsVQCodebook"); // in both flavours
+    EXPECT_EQ(reports[0].function, "KTsVQCodebook"); // in both numeric forms
     EXPECT_EQ(reports[0].source, source);
     codebook->depth = depth;
 }
 
-TYPED_TEST(Tree, OnlyACompleteCodebookOfTheFlavourQuantises) {
+TYPED_TEST(Tree, OnlyACompleteCodebookOfTheFormQuantises) {
     support::CapturedReports reports;
     Rows<TypeParam> set{{0}, {8}};
     Codebook codebook = train(set, 2, widest);
@@ -962,7 +515,7 @@ TEST(TreeFloat, EveryFailedAllocationIsReportedWhateverTheNumbersAre) {
     }
 }
 
-// --- the scale of the fixed flavour ---
+// --- the scale of the fixed form ---
 
 // What the scale mode makes of a distance, and of the mean distance.
 int scaledDistance(const short* a, const short* b, int n, int mode, int scale) {

@@ -4,6 +4,7 @@
 
 #include "mixtures/mixtures.h"
 #include "models/model.h"
+#include "models/models.h"
 
 #include <cfloat>
 #include <cstdint>
@@ -13,15 +14,12 @@
 
 namespace models {
 
-using mixtures::Rows;
 using mixtures::Server;
 
-enum class Flavour { discrete, continuous, semicontinuous };
-enum class Shape { full, triangular, banded };
+enum class OutputKind { discrete, continuous, semicontinuous };
 
-inline constexpr Flavour allFlavours[] = {Flavour::discrete, Flavour::continuous,
-                                          Flavour::semicontinuous};
-inline constexpr Shape allShapes[] = {Shape::full, Shape::triangular, Shape::banded};
+inline constexpr OutputKind allKinds[] = {OutputKind::discrete, OutputKind::continuous,
+                                          OutputKind::semicontinuous};
 
 // The least that matrices of few states are stored as: one state is full, two upper triangular,
 // three banded.
@@ -35,56 +33,31 @@ inline unsigned shapeBits(Shape shape) {
     return shape == Shape::banded ? 0x2000u : shape == Shape::triangular ? 0x1000u : 0u;
 }
 
-inline bool stored(Shape shape, int i, int j) {
-    return shape == Shape::full || (j >= i && (shape == Shape::triangular || j <= i + 2));
-}
-
+// A model of any output kind and domain; a continuous one has no symbols and outputs.
 template <class T>
-struct Model {
-    static constexpr bool isFloat = std::is_same_v<T, float>;
-
-    Flavour flavour = Flavour::discrete;
-    Shape shape = Shape::full;
-    int n = 0, nSymbols = 0, nQuant = 0, scale = 0;
+struct KindModel : Model<T> {
+    OutputKind kind = OutputKind::discrete;
+    int nQuant = 0, scale = 0;
     unsigned domain = 0; // 1: costs, 2: probabilities, 0 (fixed point): neither
-    Rows<T> trans, out;
-    std::vector<T> initial;
     std::vector<Server> mixtures;
 
     bool costs() const { return domain == 1; }
     unsigned status() const {
-        const unsigned kind = flavour == Flavour::discrete     ? 0x800000u
-                              : flavour == Flavour::continuous ? 0x40400000u
-                                                               : 0x200000u;
-        return kind | (isFloat ? 0x20u : 0x10u) | domain | shapeBits(shape);
+        const unsigned kindBits = kind == OutputKind::discrete     ? 0x800000u
+                                  : kind == OutputKind::continuous ? 0x40400000u
+                                                                   : 0x200000u;
+        return kindBits | (Model<T>::isFloat ? 0x20u : 0x10u) | domain | shapeBits(this->shape);
     }
 
     // A server of it; the thread's codebook has to be there for a semicontinuous one.
-    int create() {
-        auto transRows = mixtures::pointers(trans), outRows = mixtures::pointers(out);
+    int create() const {
+        const int flags = int(domain);
+        if (kind == OutputKind::discrete) return this->discrete(flags);
+        if (kind == OutputKind::semicontinuous) return this->semicont(nQuant, flags, scale);
         std::vector<GaussMixServer*> servers;
         for (const Server& server : mixtures)
             servers.push_back(server.get());
-        const int flags = int(domain);
-        if constexpr (isFloat) {
-            if (flavour == Flavour::discrete)
-                return KTsInitHMMServer(transRows.data(), outRows.data(), initial.data(), n,
-                                        nSymbols, flags);
-            if (flavour == Flavour::continuous)
-                return KTsInitContHMMServer(transRows.data(), initial.data(), servers.data(), n,
-                                            nQuant, flags);
-            return KTsInitSemicontHMMServer(transRows.data(), outRows.data(), initial.data(), n,
-                                            nSymbols, nQuant, flags);
-        } else {
-            if (flavour == Flavour::discrete)
-                return KTwInitHMMServer(transRows.data(), outRows.data(), initial.data(), n,
-                                        nSymbols, flags);
-            if (flavour == Flavour::continuous)
-                return KTwInitContHMMServer(transRows.data(), initial.data(), servers.data(), n,
-                                            nQuant, flags, scale);
-            return KTwInitSemicontHMMServer(transRows.data(), outRows.data(), initial.data(), n,
-                                            nSymbols, nQuant, flags, scale);
-        }
+        return this->continuous(servers.data(), nQuant, flags, scale);
     }
 };
 
@@ -168,10 +141,10 @@ T presentInput(std::mt19937& random, unsigned domain) {
 }
 
 template <class T>
-Model<T> randomModel(std::mt19937& random, Flavour flavour, Shape wanted, int n, unsigned domain,
-                     int nSymbols, int nQuant) {
-    Model<T> m;
-    m.flavour = flavour;
+KindModel<T> randomModel(std::mt19937& random, OutputKind kind, Shape wanted, int n,
+                         unsigned domain, int nSymbols, int nQuant) {
+    KindModel<T> m;
+    m.kind = kind;
     m.shape = storedShape(wanted, n);
     m.n = n;
     m.domain = domain;
@@ -180,18 +153,18 @@ Model<T> randomModel(std::mt19937& random, Flavour flavour, Shape wanted, int n,
     for (int i = 0; i < n; ++i) {
         m.initial.push_back(presentInput<T>(random, domain));
         for (int j = 0; j < n; ++j)
-            if (stored(m.shape, i, j))
+            if (allows(m.shape, i, j))
                 m.trans[std::size_t(i)][std::size_t(j)] = presentInput<T>(random, domain);
     }
-    if (flavour != Flavour::discrete) m.nQuant = nQuant;
-    if (flavour != Flavour::discrete && !Model<T>::isFloat) m.scale = -8;
-    if (flavour == Flavour::continuous) {
-        m.nSymbols = 0; // what a fresh record holds
+    if (kind != OutputKind::discrete) m.nQuant = nQuant;
+    if (kind != OutputKind::discrete && !Model<T>::isFloat) m.scale = -8;
+    if (kind == OutputKind::continuous) {
+        m.m = 0; // what a fresh record holds
         for (int i = 0; i < n; ++i)
             m.mixtures.push_back(randomMixture<T>(random, nQuant, 1 + i % 3, i % 2 == 1));
         return m;
     }
-    m.nSymbols = nSymbols;
+    m.m = nSymbols;
     for (int i = 0; i < n; ++i) {
         m.out.emplace_back();
         for (int k = 0; k < nSymbols; ++k)
@@ -208,7 +181,7 @@ using Word = std::conditional_t<std::is_same_v<T, float>, float, std::int32_t>;
 template <class T>
 Word<T> widened(T value, unsigned domain) {
     if constexpr (!std::is_same_v<T, float>)
-        if (domain == 1 && value >= 0x7FFE) return 0x1FFFFF;
+        if (domain == 1) return widened(value);
     return value;
 }
 
@@ -231,7 +204,7 @@ void padTo(std::vector<T>& values, int multiple, T filler) {
 }
 
 template <class T>
-std::vector<Word<T>> storedInitials(const Model<T>& m) {
+std::vector<Word<T>> storedInitials(const KindModel<T>& m) {
     std::vector<Word<T>> values;
     for (const T v : m.initial)
         values.push_back(widened(v, m.domain));
@@ -239,7 +212,7 @@ std::vector<Word<T>> storedInitials(const Model<T>& m) {
     return values;
 }
 
-inline std::vector<float> storedByDiagonals(const Model<float>& m) {
+inline std::vector<float> storedByDiagonals(const KindModel<float>& m) {
     std::vector<float> values;
     for (int distance = 0; distance < 3; ++distance)
         for (int i = 0; i + distance < m.n; ++i)
@@ -248,19 +221,19 @@ inline std::vector<float> storedByDiagonals(const Model<float>& m) {
     return values;
 }
 
-inline std::vector<float> storedTransitions(const Model<float>& m) {
+inline std::vector<float> storedTransitions(const KindModel<float>& m) {
     if (m.costs() && m.shape == Shape::banded) return storedByDiagonals(m);
     std::vector<float> values;
     if (m.costs()) {
         for (int j = m.n - 1; j >= 0; --j)
             for (int i = 0; i < m.n; ++i)
-                if (stored(m.shape, i, j))
+                if (allows(m.shape, i, j))
                     values.push_back(m.trans[std::size_t(i)][std::size_t(j)]);
         return values;
     }
     for (int i = 0; i < m.n; ++i)
         for (int j = 0; j < m.n; ++j)
-            if (stored(m.shape, i, j)) values.push_back(m.trans[std::size_t(i)][std::size_t(j)]);
+            if (allows(m.shape, i, j)) values.push_back(m.trans[std::size_t(i)][std::size_t(j)]);
     if (m.shape == Shape::banded) values.push_back(m.trans.back().back());
     return values;
 }
@@ -268,8 +241,8 @@ inline std::vector<float> storedTransitions(const Model<float>& m) {
 // Fixed rows by target; `element` gives what stands for a transition, `pad` and `missing` fill the
 // rest.
 template <class T, class Element>
-std::vector<std::int32_t> fixedByTarget(const Model<T>& m, std::int32_t pad, std::int32_t missing,
-                                        Element element) {
+std::vector<std::int32_t> fixedByTarget(const KindModel<T>& m, std::int32_t pad,
+                                        std::int32_t missing, Element element) {
     std::vector<std::int32_t> values;
     if (m.shape == Shape::banded) {
         for (int distance = 0; distance < 3; ++distance) {
@@ -283,23 +256,23 @@ std::vector<std::int32_t> fixedByTarget(const Model<T>& m, std::int32_t pad, std
     }
     for (int j = m.n - 1; j >= 0; --j) {
         for (int i = 0; i < m.n; ++i)
-            if (stored(m.shape, i, j))
+            if (allows(m.shape, i, j))
                 values.push_back(element(m.trans[std::size_t(i)][std::size_t(j)]));
         padTo(values, 2, pad);
     }
     return values;
 }
 
-inline std::vector<std::int32_t> storedTransitions(const Model<short>& m) {
+inline std::vector<std::int32_t> storedTransitions(const KindModel<short>& m) {
     return fixedByTarget(m, transitionPad(m.domain), m.costs() ? 0x1FFFFF : 0,
                          [&](short v) { return widened(v, m.domain); });
 }
 
 // Rows per symbol.
 template <class T>
-std::vector<Word<T>> storedDiscrete(const Model<T>& m) {
+std::vector<Word<T>> storedDiscrete(const KindModel<T>& m) {
     std::vector<Word<T>> values;
-    for (int k = 0; k < m.nSymbols; ++k) {
+    for (int k = 0; k < m.m; ++k) {
         for (int i = 0; i < m.n; ++i)
             values.push_back(widened(m.out[std::size_t(i)][std::size_t(k)], m.domain));
         padTo(values, Model<T>::isFloat ? 4 : 2, vectorPad<T>(m.domain));
@@ -308,7 +281,7 @@ std::vector<Word<T>> storedDiscrete(const Model<T>& m) {
 }
 
 template <class T>
-std::vector<T> storedWeights(const Model<T>& m) {
+std::vector<T> storedWeights(const KindModel<T>& m) {
     std::vector<T> values;
     for (const auto& row : m.out) {
         values.insert(values.end(), row.begin(), row.end());
@@ -327,7 +300,7 @@ struct Answer {
 };
 
 template <class T>
-Answer<T> query(int id, int n, int nSymbols, Flavour flavour) {
+Answer<T> query(int id, int n, int nSymbols, OutputKind kind) {
     const auto states = static_cast<std::size_t>(n), symbols = static_cast<std::size_t>(nSymbols);
     Answer<T> a{0, std::vector<T>(states), Rows<T>(states, std::vector<T>(states)),
                 Rows<T>(states, std::vector<T>(symbols))};
@@ -337,8 +310,8 @@ Answer<T> query(int id, int n, int nSymbols, Flavour flavour) {
         out.push_back(a.out[i].data());
     }
     a.result = KTGetHMMProb(id, a.initial.data(), trans.data(),
-                            flavour == Flavour::discrete ? out.data() : nullptr,
-                            flavour == Flavour::semicontinuous ? out.data() : nullptr, nullptr);
+                            kind == OutputKind::discrete ? out.data() : nullptr,
+                            kind == OutputKind::semicontinuous ? out.data() : nullptr, nullptr);
     return a;
 }
 
