@@ -1,6 +1,7 @@
 #include "frame/KT_ALLOC.h"
 
 #include "frame/KT_ERROR.h"
+#include "frame/blocks.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -12,11 +13,6 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_ALLOC"};
 
 constexpr std::uint64_t rowAlignment = 32;
 
-char* nextRowBoundary(char* p) {
-    const auto address = reinterpret_cast<std::uintptr_t>(p);
-    return p + (-address & (rowAlignment - 1));
-}
-
 // The block of a table, its row pointers set; null when it is not to be had.
 template <class T>
 T** allocTable(int nRows, int nCols) {
@@ -24,12 +20,12 @@ T** allocTable(int nRows, int nCols) {
     if (nRows < 0 || nCols < 0) return nullptr;
     const auto rows = static_cast<std::uint64_t>(nRows);
     const std::uint64_t rowBytes =
-        (static_cast<std::uint64_t>(nCols) * sizeof(T) + reserve) & ~reserve;
+        ktl::roundUp(static_cast<std::uint64_t>(nCols) * sizeof(T), rowAlignment);
     if (rows > (PTRDIFF_MAX - reserve) / (rowBytes + sizeof(T*))) return nullptr;
     const std::uint64_t size = rows * (rowBytes + sizeof(T*)) + reserve;
     auto* table = static_cast<T**>(std::malloc(static_cast<std::size_t>(size)));
     if (table == nullptr) return nullptr;
-    char* row = nextRowBoundary(reinterpret_cast<char*>(table + nRows));
+    char* row = ktl::aligned<char>(table + nRows, rowAlignment);
     for (int i = 0; i < nRows; ++i, row += rowBytes)
         table[i] = reinterpret_cast<T*>(row);
     return table;

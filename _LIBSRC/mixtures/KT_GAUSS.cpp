@@ -32,9 +32,7 @@ std::int64_t countBytes(const Shape& shape, int elementBytes, int vectorBytes, i
 }
 
 unsigned char* alignedStart(GaussMixServer* server) {
-    auto* base = reinterpret_cast<unsigned char*>(server);
-    const auto address = reinterpret_cast<std::uintptr_t>(base) + naturalReserve;
-    return base + naturalReserve - (address & (blockAlignment - 1));
+    return aligned<unsigned char>(server + 1, blockAlignment);
 }
 
 // Hands out the block's arrays one behind the other.
@@ -141,18 +139,13 @@ WorkMatrix workMatrix(int n) {
     const auto wide = static_cast<std::size_t>(n);
     const auto stride = static_cast<std::size_t>(padded(n));
     const std::size_t head = wide * (sizeof(float*) + sizeof(int)) + blockAlignment - 1;
-    if (n > context->gaussBufferLen) {
-        std::free(context->gaussBuffer);
-        context->gaussBufferLen = 0;
-        context->gaussBuffer = std::malloc(head + wide * stride * sizeof(float));
-        if (context->gaussBuffer == nullptr) return {};
-        context->gaussBufferLen = n;
-    }
-    auto* base = static_cast<unsigned char*>(context->gaussBuffer);
-    auto* rows = reinterpret_cast<float**>(base);
+    if (n > context->gaussBufferLen &&
+        !renewBlock(context->gaussBuffer, context->gaussBufferLen, n, std::free,
+                    [=] { return std::malloc(head + wide * stride * sizeof(float)); }))
+        return {};
+    auto* rows = static_cast<float**>(context->gaussBuffer);
     auto* pivots = reinterpret_cast<int*>(rows + n);
-    const auto end = reinterpret_cast<std::uintptr_t>(base) + head;
-    auto* row = reinterpret_cast<float*>(base + head - (end & (blockAlignment - 1)));
+    auto* row = aligned<float>(pivots + n, blockAlignment);
     for (int i = 0; i < n; ++i, row += stride)
         rows[i] = row;
     return {rows, pivots};

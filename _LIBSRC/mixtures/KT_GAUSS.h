@@ -1,6 +1,7 @@
 // Gaussian mixture servers, as the semicontinuous codebook and the HMM modules use them.
 #pragma once
 
+#include "frame/blocks.h"
 #include "frame/types.h"
 
 #include <cstddef>
@@ -31,8 +32,7 @@ namespace ktl::gauss {
 
 // n rounded up to a multiple of 4.
 constexpr int padded(int n) {
-    constexpr int missing[] = {0, 3, 2, 1};
-    return n + missing[n & 3];
+    return roundUp(n, 4);
 }
 
 template <class T>

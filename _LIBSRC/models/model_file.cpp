@@ -307,8 +307,7 @@ void KTWriteHMMServer(FILE* stream, int hmm, const char* name) {
 }
 
 int KTReadHMMServer(FILE* stream, char* name) {
-    KTInitHMMRegistry();
-    if (stream == nullptr || (KTGetContext()->hmmMode & HMM_MODE_READY) == 0) return -1;
+    if (!ktl::startRegistry() || stream == nullptr) return -1;
     if (!readHeader(stream, name)) return -1;
     HMMServer* server = ownNewHMMRecord();
     if (server == nullptr) return -1;

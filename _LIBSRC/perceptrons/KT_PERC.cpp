@@ -49,7 +49,7 @@ T*** allocPointers(const int* pCounts, int nLayers) {
     const std::ptrdiff_t neurons = neuronCount(pCounts, nLayers);
     if (neurons < 0) return nullptr;
     const std::size_t entries = std::size_t(neurons) + std::size_t(std::max(nLayers - 1, 1)) + 1;
-    return static_cast<T***>(std::calloc(entries, sizeof(T**)));
+    return zeroed<T**>(entries);
 }
 
 // Sets the layer and row pointers of a table to the rows of `block`; widthOf(l, j) is the stride of
@@ -267,7 +267,7 @@ Server<T>* refuse(Server<T>* server, int status, const char* message, const char
 
 template <class T>
 Server<T>* makeServer(const Network<T>& network, const char* funcName) {
-    auto* server = static_cast<Server<T>*>(std::calloc(1, sizeof(Server<T>)));
+    auto* server = zeroed<Server<T>>();
     if (server == nullptr)
         return refuse<T>(server, KT_StsNoMem, "insufficiency of memory for pointer  pMLPserver",
                          funcName);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "frame/KT_ERROR.h"
+#include "frame/blocks.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -74,7 +75,7 @@ struct Flavour<short> {
 
 // The length of a weight row of a dense server: n live weights and up to 3 of padding.
 constexpr std::int64_t paddedRow(int n) {
-    return (std::int64_t(n) + 3) & ~std::int64_t(3);
+    return roundUp(std::int64_t(n), 4);
 }
 
 // Neurons of all weighted layers; -1 when a count is negative, nLayers is below 1, or memory could

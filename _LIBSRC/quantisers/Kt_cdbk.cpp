@@ -82,7 +82,7 @@ void freeCluster(KTCluster* cluster) {
 // A new leaf, which belongs to the codebook at once; null when memory ran out.
 template <class Sample>
 KTCluster* addCluster(KTCodebook& codebook) {
-    auto* cluster = static_cast<KTCluster*>(std::calloc(1, sizeof(KTCluster)));
+    auto* cluster = ktl::zeroed<KTCluster>();
     if (cluster == nullptr) return nullptr;
     cluster->isLeaf = 1;
     cluster->pOlder = codebook.pNewest;
@@ -103,7 +103,7 @@ public:
 
     // The codebook with its root, which holds all vectors; null when memory ran out.
     KTCodebook* start(int nSize) {
-        codebook = static_cast<KTCodebook*>(std::calloc(1, sizeof(KTCodebook)));
+        codebook = ktl::zeroed<KTCodebook>();
         if (codebook == nullptr) return nullptr;
         codebook->nSize = nSize;
         codebook->nDim = set.nDim;

@@ -5,7 +5,6 @@
 #include "frame/KT_ERROR.h"
 #include "frame/scratch.h"
 #include "mixtures/KT_GAUSS.h"
-#include "models/layout.h"
 
 #include "levels/levels.h"
 
@@ -25,7 +24,7 @@ using ktl::gauss::weights;
 struct FloatForm {
     using Element = float;
     static constexpr int bit = HMM_SERVER_FLOAT;
-    static constexpr std::size_t alignment = hmm::floatAlignment;
+    static constexpr std::size_t alignment = ktl::floatAlignment;
     static SemicontCodebook* codebook(const KTContext* context) { return context->sSemicont; }
     static bool matches(const GaussMixServer* server) { return ktl::gauss::isFloat(server); }
     static bool prepare(SemicontCodebook* codebook) { return ownsPreparePdfs(codebook); }
@@ -40,7 +39,7 @@ struct FloatForm {
 struct FixedForm {
     using Element = short;
     static constexpr int bit = HMM_SERVER_SHORT;
-    static constexpr std::size_t alignment = hmm::fixedAlignment;
+    static constexpr std::size_t alignment = ktl::fixedAlignment;
     static SemicontCodebook* codebook(const KTContext* context) { return context->wSemicont; }
     static bool matches(const GaussMixServer* server) { return !ktl::gauss::isFloat(server); }
     static bool prepare(SemicontCodebook*) { return true; }
@@ -55,9 +54,7 @@ struct FixedForm {
 // The thread's codebook of a form, with the registry made where there is none; null on exhaustion.
 template <class Form>
 SemicontCodebook* startedCodebook() {
-    KTInitHMMRegistry();
-    const KTContext* context = KTGetContext();
-    return (context->hmmMode & HMM_MODE_READY) != 0 ? Form::codebook(context) : nullptr;
+    return ktl::startRegistry() ? Form::codebook(KTGetContext()) : nullptr;
 }
 
 void freeServers(GaussMixServer** servers, int n) {
@@ -69,7 +66,7 @@ void freeServers(GaussMixServer** servers, int n) {
 // A zeroed table of server pointers; never empty, so that null means that memory ran out.
 GaussMixServer** newServerTable(int n) {
     if (n < 0) return nullptr;
-    return static_cast<GaussMixServer**>(std::calloc(std::size_t(n) + 1, sizeof(GaussMixServer*)));
+    return ktl::zeroed<GaussMixServer*>(std::size_t(n) + 1);
 }
 
 // Empties a codebook, complete or half built with n densities.
@@ -99,14 +96,14 @@ int fill(SemicontCodebook* codebook, int n, int nQuant, Make make, Weight weight
         empty(&made, n);
         return 1;
     }
-    made.pWeights = hmm::allocateArray(std::size_t(n), sizeof(typename Form::Element));
+    made.pWeights = ktl::allocateArray(std::size_t(n), sizeof(typename Form::Element));
     made.nSymbols = n;
     made.nQuant = nQuant;
     if (made.pWeights == nullptr || !Form::prepare(&made)) {
         empty(&made, n);
         return -1;
     }
-    auto* first = hmm::aligned<typename Form::Element>(made.pWeights, Form::alignment);
+    auto* first = ktl::aligned<typename Form::Element>(made.pWeights, Form::alignment);
     for (int k = 0; k < n; ++k)
         first[k] = weight(made, k);
     made.status = SEMICONT_OWNS_PDFS | Form::bit;
@@ -130,7 +127,7 @@ int initialise(GaussMixServer** ppServers, int nSymbols, int nQuant) {
 template <class Form>
 int release() {
     const KTContext* context = KTGetContext();
-    if ((context->hmmMode & HMM_MODE_READY) == 0) return -1;
+    if (!ktl::registryReady(context)) return -1;
     SemicontCodebook* codebook = Form::codebook(context);
     if (codebook->status == 0) return -1;
     if ((codebook->status & SEMICONT_OWNS_PDFS) == 0) {
@@ -237,7 +234,7 @@ bool ownsPreparePdfs(SemicontCodebook* codebook) {
     codebook->nFull = static_cast<int>(std::count_if(density, density + n, ktl::gauss::isFull));
     if (codebook->nFull == n) return true;
     const ktl::Scratch<const float*> rows(2 * std::size_t(n));
-    codebook->pPanel = hmm::allocateArray(vsq::panelSize(n, length), sizeof(double));
+    codebook->pPanel = ktl::allocateArray(vsq::panelSize(n, length), sizeof(double));
     if (!rows || codebook->pPanel == nullptr) return false;
     const float** mean = rows.get();
     const float** diagonal = mean + n;
@@ -247,20 +244,20 @@ bool ownsPreparePdfs(SemicontCodebook* codebook) {
         diagonal[k] = full ? nullptr : diagonals<float>(density[k])[0];
     }
     vsq::kernels().mahal->fillPanel(mean, diagonal, n, length,
-                                    hmm::aligned<double>(codebook->pPanel, 64));
+                                    ktl::aligned<double>(codebook->pPanel, 64));
     return true;
 }
 
 const double* ownsSemicontPanel(const SemicontCodebook* codebook) {
-    return hmm::aligned<const double>(codebook->pPanel, 64);
+    return ktl::aligned<const double>(codebook->pPanel, 64);
 }
 
 const float* ownsSemicontWeights(const SemicontCodebook* codebook) {
-    return hmm::floats(codebook->pWeights);
+    return ktl::floats(codebook->pWeights);
 }
 
 const short* ownwSemicontWeights(const SemicontCodebook* codebook) {
-    return hmm::aligned<short>(codebook->pWeights, hmm::fixedAlignment);
+    return ktl::aligned<short>(codebook->pWeights, ktl::fixedAlignment);
 }
 
 void KTsMakeSemicontCodebook(float** ppVectors, const int* pLabels, int nVectors, int nDim,

@@ -28,8 +28,8 @@ const vsq::TreeKernels& kernels() {
 } // namespace
 
 int strideFor(int nDim) {
-    return static_cast<int>((static_cast<unsigned>(nDim) + 15u) / 16u *
-                            16u); // negative where no int holds it
+    // negative where no int holds it
+    return static_cast<int>(roundUp(static_cast<unsigned>(nDim), 16));
 }
 
 float reachOf(float squares, int nDim) {

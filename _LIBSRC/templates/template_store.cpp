@@ -59,7 +59,7 @@ struct Store<wPattern> : Reports<'w'> {
 template <class Pattern>
 PatternIndex<Pattern>* indexOf(const Pattern* head) {
     if (head != nullptr) return head->links.index;
-    return static_cast<PatternIndex<Pattern>*>(std::calloc(1, sizeof(PatternIndex<Pattern>)));
+    return zeroed<PatternIndex<Pattern>>();
 }
 
 template <class Pattern>
@@ -218,7 +218,7 @@ void give(T* pOut, T value) {
 } // namespace
 
 template <class Pattern>
-NewRecord<Pattern>::NewRecord() : record(static_cast<Pattern*>(std::calloc(1, sizeof(Pattern)))) {
+NewRecord<Pattern>::NewRecord() : record(zeroed<Pattern>()) {
 }
 template class NewRecord<sPattern>;
 template class NewRecord<wPattern>;
