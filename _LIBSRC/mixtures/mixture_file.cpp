@@ -3,8 +3,6 @@
 #include "frame/stream.h"
 #include "mixtures/mixture_block.h"
 
-#include <array>
-
 namespace ktl::gauss {
 namespace {
 
@@ -29,7 +27,7 @@ enum Word {
     wordCount
 };
 constexpr std::uint32_t presentPointer = 0x30; // stands for any pointer that is not null
-using Record = std::array<std::uint32_t, wordCount>;
+using Record = Words<wordCount>;
 
 // The payload's arrays in file order: values(array, count) for elements, table(count) for pointers.
 template <class T, class Visitor>
@@ -109,11 +107,6 @@ void writeServer(FILE* stream, const GaussMixServer* server) {
     encoder.values(meaningless, imageReserve - imageStart(server));
 }
 
-bool readTag(FILE* stream) {
-    char read[sizeof tag];
-    return readElements(stream, read, sizeof read) && std::memcmp(read, tag, sizeof tag) == 0;
-}
-
 // Flags are kept as they are, so they have to say what is there: a fixed server is told from a
 // float one by its own bit, and training takes the shape of a covariance from its bit.
 template <class T>
@@ -163,7 +156,7 @@ void KTWriteGaussMixServer(FILE* pFile, GaussMixServer* pServer) {
 
 GaussMixServer* KTReadGaussMixServer(FILE* pFile) {
     Record record;
-    if (pFile == nullptr || !readTag(pFile) || !ktl::readElements(pFile, record.data(), wordCount))
+    if (pFile == nullptr || !ktl::readTag(pFile, tag) || !ktl::readWords(pFile, record))
         return nullptr;
     if ((record[wordInverseCov] == 0) == (record[wordInverseCovD] == 0)) {
         module.report(KT_StsBadArg, bothOrNeither);
