@@ -1,4 +1,5 @@
 #include "frame/KT_CONVERT.h"
+#include "frame/numeric.h"
 
 #include "levels/levels.h"
 
@@ -130,8 +131,8 @@ FoundScale findScale(int order, OrderLimits limits, int bits) {
 
 template <class Src, class Dst>
 void convertDown(const Src* src, Dst* dst, int n, int scaleMode, int* pScale, OrderLimits limits) {
-    int ownScale = 0;
-    int& scale = pScale != nullptr ? *pScale : ownScale;
+    const ktl::CallScale callScale(pScale);
+    int& scale = *callScale;
     if (scaleMode == KT_FixedScale) {
         truncateBlock(src, dst, n, ownFactorOfScale(scale));
     } else if (scaleMode == KT_NoScale) {
@@ -170,8 +171,8 @@ Dst clampValue(double value) {
 
 template <class Dst, class Src>
 Dst convertValueDown(Src value, int scaleMode, int* pScale, OrderLimits limits) {
-    int ownScale = 0;
-    int& scale = pScale != nullptr ? *pScale : ownScale;
+    const ktl::CallScale callScale(pScale);
+    int& scale = *callScale;
     if (scaleMode == KT_FixedScale) return truncateBits<Dst>(value * ownFactorOfScale(scale));
     if (scaleMode == KT_AutoScale) {
         const FoundScale found = findScale(maxOrder(&value, 1), limits, magnitudeBits<Dst>);

@@ -4,6 +4,7 @@
 // before or after the filters. The fixed-point flavour converts to float, goes the same road and
 // converts back.
 #include "frame/KT_ERROR.h"
+#include "frame/numeric.h"
 #include "frame/scratch.h"
 #include "frontend/mel.h"
 #include "vsq.h"
@@ -272,7 +273,7 @@ void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps
 void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh,
                      int flags, int inScale, int outMode, int* pOutScale) {
     if (filters == nullptr) return;
-    int noScale = 0;
+    const ktl::CallScale outScale(pOutScale);
     CepsBuffers& buffers = KTGetContext()->Ceps;
     fitCapacities(buffers, {filters->nFilters, filters->fftLen, nCeps});
     if (!takeFixedBuffers(buffers, "KTwCepstralMFCC")) return;
@@ -285,8 +286,7 @@ void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps
         if (KTGetStatus() < 0) module.backtrace();
         return;
     }
-    KTswbConvertDown(buffers.tempCeps, pCeps, nCeps, outMode,
-                     pOutScale != nullptr ? pOutScale : &noScale);
+    KTswbConvertDown(buffers.tempCeps, pCeps, nCeps, outMode, outScale.get());
 }
 
 void KTsLiftering(float* pCeps, int n, int L) {

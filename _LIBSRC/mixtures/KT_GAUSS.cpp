@@ -85,7 +85,7 @@ void setPointers(GaussMixServer* server, bool full) {
     const int dimPad = padded(server->nDim), mixPad = padded(server->nMix);
     Cutter cutter(alignedStart(server));
     if constexpr (std::is_same_v<T, float>) server->pNormWeights = cutter.take<float>(mixPad);
-    server->pWork = cutter.take<typename Flavour<T>::Work>(mixPad);
+    server->pWork = cutter.take<typename Form<T>::Sum>(mixPad);
     server->pWeights = cutter.take<T>(mixPad);
     cutRows<T>(cutter, server->ppMeans, server, dimPad, mixPad);
     if (full)
@@ -115,7 +115,7 @@ GaussMixServer* createServer(const Shape& shape) {
     if (server == nullptr) return nullptr;
     server->nDim = shape.nDim;
     server->nMix = shape.nMix;
-    server->flags = Flavour<T>::flag | (shape.full ? KT_GAUSS_FULL : KT_GAUSS_DIAGONAL);
+    server->flags = Form<T>::flag | (shape.full ? KT_GAUSS_FULL : KT_GAUSS_DIAGONAL);
     server->nObservations = 1;
     server->nBytes = static_cast<int>(imageReserve + dataBytes<T>(shape, 4));
     setPointers<T>(server, shape.full);

@@ -13,6 +13,7 @@
 #pragma once
 
 #include "frame/KT_ERROR.h"
+#include "frame/numeric.h"
 #include "mixtures/KT_GAUSS.h"
 
 #include "vectors/scaledproduct.h"
@@ -30,19 +31,17 @@ inline constexpr char bothOrNeither[] =
 inline constexpr char noBlock[] = "insufficiency of memory for pointer  ptr";
 inline constexpr char noTable[] = "insufficiency of memory for pointer  ptr2";
 
-// What depends on the flavour alone.
+// What depends on the numeric form alone; T is the type of an element, Sum that of a work element.
 template <class T>
-struct Flavour;
+struct Form;
 template <>
-struct Flavour<float> {
-    using Work = float;
+struct Form<float> : FloatForm {
     static constexpr int flag = GAUSS_SERVER_FVR_S;
     // per padded mixture: normalised weight, work element, weight
     static constexpr int vectorBytes = 12;
 };
 template <>
-struct Flavour<short> {
-    using Work = int;
+struct Form<short> : FixedForm {
     static constexpr int flag = GAUSS_SERVER_FVR_W;
     static constexpr int vectorBytes = 6; // work element, weight
 };
@@ -60,7 +59,7 @@ inline Shape shapeOf(const GaussMixServer* server) {
 bool representable(const Shape& shape, int elementBytes, int vectorBytes);
 template <class T>
 bool representable(const Shape& shape) {
-    return representable(shape, int(sizeof(T)), Flavour<T>::vectorBytes);
+    return representable(shape, int(sizeof(T)), Form<T>::vectorBytes);
 }
 
 // Bytes of the data behind the record when a pointer takes `pointerBytes`; the shape is
@@ -68,7 +67,7 @@ bool representable(const Shape& shape) {
 std::size_t dataBytes(const Shape& shape, int elementBytes, int vectorBytes, int pointerBytes);
 template <class T>
 std::size_t dataBytes(const Shape& shape, int pointerBytes) {
-    return dataBytes(shape, int(sizeof(T)), Flavour<T>::vectorBytes, pointerBytes);
+    return dataBytes(shape, int(sizeof(T)), Form<T>::vectorBytes, pointerBytes);
 }
 
 // The image's record and alignment reserve: 48 bytes and 15.

@@ -32,7 +32,7 @@ using Record = Words<wordCount>;
 // The payload's arrays in file order: values(array, count) for elements, table(count) for pointers.
 template <class T, class Visitor>
 void visitPayload(const GaussMixServer* server, Visitor& visitor) {
-    using Work = typename Flavour<T>::Work;
+    using Work = typename Form<T>::Sum;
     const Shape shape = shapeOf(server);
     const int mixPad = padded(shape.nMix);
     if constexpr (std::is_same_v<T, float>) visitor.values(server->pNormWeights, mixPad);
@@ -111,7 +111,7 @@ void writeServer(FILE* stream, const GaussMixServer* server) {
 // float one by its own bit, and training takes the shape of a covariance from its bit.
 template <class T>
 bool flagsAgree(int flags, const Shape& shape) {
-    return (flags & Flavour<T>::flag) != 0 && ((flags & KT_GAUSS_FULL) != 0) == shape.full;
+    return (flags & Form<T>::flag) != 0 && ((flags & KT_GAUSS_FULL) != 0) == shape.full;
 }
 
 template <class T>

@@ -99,7 +99,7 @@ T*** allocDenseTable(const int* pCounts, int nLayers) {
 // --- construction ---
 
 template <class T>
-using Server = typename Flavour<T>::Server;
+using Server = typename Form<T>::Server;
 
 template <class T>
 void freeServer(Server<T>* server) {
@@ -208,7 +208,7 @@ bool makeLayers(Server<T>* server, const Network<T>& network) {
     const int widest = *std::max_element(network.pCounts, network.pCounts + network.nLayers);
     if (widest > INT32_MAX - 3) return false;
     server->nBufLen = widest + 3;
-    server->pNet = allocBuffer<typename Flavour<T>::Sum>(server->nBufLen);
+    server->pNet = allocBuffer<typename Form<T>::Sum>(server->nBufLen);
     if (server->pNet == nullptr) return false;
     server->pLayerOut = allocBuffer<T>(server->nBufLen);
     server->nLayers = network.nLayers;
@@ -218,7 +218,7 @@ bool makeLayers(Server<T>* server, const Network<T>& network) {
 
 template <class T>
 bool allocFunctions(Server<T>* server) {
-    using Function = typename Flavour<T>::Function;
+    using Function = typename Form<T>::Function;
     server->ppActivation = allocPlain<Function>(server->nLayers - 1);
     if (server->ppActivation == nullptr) return false;
     server->ppDerivative = allocPlain<Function>(server->nLayers - 1);
@@ -281,7 +281,7 @@ Server<T>* makeServer(const Network<T>& network, const char* funcName) {
     if (!chooseFunctions<T>(server, network))
         return refuse<T>(server, KT_StsBadArg, noFunctions, funcName);
     server->pThresholds = network.pThresholds;
-    std::memcpy(server->identifier, Flavour<T>::identifier, sizeof Flavour<T>::identifier);
+    std::memcpy(server->identifier, Form<T>::identifier, sizeof Form<T>::identifier);
     return server;
 }
 

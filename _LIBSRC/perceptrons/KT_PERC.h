@@ -2,7 +2,7 @@
 #pragma once
 
 #include "frame/KT_ERROR.h"
-#include "frame/blocks.h"
+#include "frame/numeric.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -55,20 +55,18 @@ inline constexpr Module module{"..\\_LIBSRC\\KT_PERC"};
 
 inline constexpr char noMemory[] = "nomemory";
 
-// What depends on the flavour alone; T is the type of a weight.
+// What depends on the numeric form alone; T is the type of a weight.
 template <class T>
-struct Flavour;
+struct Form;
 template <>
-struct Flavour<float> {
+struct Form<float> : FloatForm {
     using Server = sMLPServer;
-    using Sum = float;
     using Function = KTMLPActivationFn;
     static constexpr char identifier[] = "sMLPServer";
 };
 template <>
-struct Flavour<short> {
+struct Form<short> : FixedForm {
     using Server = wMLPServer;
-    using Sum = int;
     using Function = KTMLPFixedActivationFn;
     static constexpr char identifier[] = "wMLPServer";
 };
@@ -93,8 +91,8 @@ struct Network {
     int*** pppConnections;
     int** ppConnCounts;
     const int* pCounts;
-    const typename Flavour<T>::Function* pActivation;
-    const typename Flavour<T>::Function* pDerivative;
+    const typename Form<T>::Function* pActivation;
+    const typename Form<T>::Function* pDerivative;
     int nLayers;
     int flags;
     const T* pThresholds;

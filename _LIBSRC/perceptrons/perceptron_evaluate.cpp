@@ -172,8 +172,7 @@ void KTsEvalMLPFeedForward(sMLPServer* pServer, const float* pInput, int nInputs
 void KTwEvalMLPFeedForward(wMLPServer* pServer, const short* pInput, int nInputs, short* pOutput,
                            int nOutputs, int scaleMode, int* pScaleFactor, int actScale) {
     if (pServer == nullptr || pServer->pLayerOut == nullptr) return;
-    int ownScale = 0;
-    int* pScale = pScaleFactor != nullptr ? pScaleFactor : &ownScale;
+    const ktl::CallScale callScale(pScaleFactor);
     int width = inputWidth(pServer, nInputs);
     std::copy_n(pInput, width, pServer->pLayerOut);
     if (pServer->ppConnCounts != nullptr)
@@ -189,5 +188,5 @@ void KTwEvalMLPFeedForward(wMLPServer* pServer, const short* pInput, int nInputs
         width = n;
     }
     ownwScaleOutput(pServer->pLayerOut, pOutput, std::min(nOutputs, pServer->nBufLen), actScale,
-                    scaleMode, pScale);
+                    scaleMode, callScale.get());
 }

@@ -35,7 +35,7 @@ struct Header {
 constexpr std::int64_t mostWithoutWeights = 65536;
 
 template <class T>
-using Server = typename Flavour<T>::Server;
+using Server = typename Form<T>::Server;
 
 // --- writing ---
 
@@ -126,8 +126,7 @@ template <class T>
 Server<T>* readServer(FILE* stream, const char* badIdentifier, const char* funcName) {
     Header<T> header;
     if (stream == nullptr || !readHeader(stream, header)) return nullptr;
-    if (std::memcmp(header.identifier, Flavour<T>::identifier, sizeof Flavour<T>::identifier) !=
-        0) {
+    if (std::memcmp(header.identifier, Form<T>::identifier, sizeof Form<T>::identifier) != 0) {
         module.report(KT_StsBadArg, badIdentifier, funcName);
         return nullptr;
     }

@@ -3,6 +3,7 @@
 #include "quantisers/density_codebook.h"
 
 #include "frame/KT_ERROR.h"
+#include "frame/numeric.h"
 #include "frame/scratch.h"
 #include "mixtures/KT_GAUSS.h"
 
@@ -21,10 +22,8 @@ using ktl::gauss::means;
 using ktl::gauss::weights;
 
 // The two numeric forms: where the thread keeps the codebook, and how its densities are made.
-struct FloatForm {
-    using Element = float;
+struct FloatCodebook : ktl::FloatForm {
     static constexpr int bit = HMM_SERVER_FLOAT;
-    static constexpr std::size_t alignment = ktl::floatAlignment;
     static SemicontCodebook* codebook(const KTContext* context) { return context->sSemicont; }
     static bool matches(const GaussMixServer* server) { return ktl::gauss::isFloat(server); }
     static bool prepare(SemicontCodebook* codebook) { return ownsPreparePdfs(codebook); }
@@ -36,10 +35,8 @@ struct FloatForm {
     }
 };
 
-struct FixedForm {
-    using Element = short;
+struct FixedCodebook : ktl::FixedForm {
     static constexpr int bit = HMM_SERVER_SHORT;
-    static constexpr std::size_t alignment = ktl::fixedAlignment;
     static SemicontCodebook* codebook(const KTContext* context) { return context->wSemicont; }
     static bool matches(const GaussMixServer* server) { return !ktl::gauss::isFloat(server); }
     static bool prepare(SemicontCodebook*) { return true; }
@@ -187,7 +184,7 @@ GaussMixServer* inverted(GaussMixServer* raw, int flags) {
     return server;
 }
 
-// A covariance of fewer than two vectors is not-a-numbers. As a diagonal it is kept; a full one has
+// A covariance of fewer than two vectors is NaN. As a diagonal it is kept; a full one has
 // no pivot, and the missing density would go unnoticed.
 bool cannotBeInverted(int count, int nDim, int flags) {
     return count < 2 && nDim > 1 && (flags & KT_GAUSS_FULL) != 0;
@@ -281,22 +278,22 @@ void KTwMakeSemicontCodebook(short** ppVectors, const int* pLabels, int nVectors
 }
 
 int KTsInitSemicontCodebook(GaussMixServer** ppServers, int nSymbols, int nQuant, int) {
-    return initialise<FloatForm>(ppServers, nSymbols, nQuant);
+    return initialise<FloatCodebook>(ppServers, nSymbols, nQuant);
 }
 
 int KTwInitSemicontCodebook(GaussMixServer** ppServers, int nSymbols, int nQuant, int) {
-    return initialise<FixedForm>(ppServers, nSymbols, nQuant);
+    return initialise<FixedCodebook>(ppServers, nSymbols, nQuant);
 }
 
 int KTsFreeSemicontCodebook(void) {
-    return release<FloatForm>();
+    return release<FloatCodebook>();
 }
 int KTwFreeSemicontCodebook(void) {
-    return release<FixedForm>();
+    return release<FixedCodebook>();
 }
 
 int KTswConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale) {
-    return convertCodebook<FloatForm, FixedForm>(
+    return convertCodebook<FloatCodebook, FixedCodebook>(
         [=](GaussMixServer* server) {
             return KTswConvertGaussMixServer(server, weightScale, meanScale, invCovScale);
         },
@@ -307,7 +304,7 @@ int KTswConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale)
 }
 
 int KTwsConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale) {
-    return convertCodebook<FixedForm, FloatForm>(
+    return convertCodebook<FixedCodebook, FloatCodebook>(
         [=](GaussMixServer* server) {
             return KTwsConvertGaussMixServer(server, weightScale, meanScale, invCovScale);
         },

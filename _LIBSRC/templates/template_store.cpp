@@ -2,7 +2,7 @@
 // each.
 #include "templates/KT_DTW.h"
 
-#include "frame/KT_ALLOC.h"
+#include "frame/numeric.h"
 #include "frame/scratch.h"
 
 #include <cstdlib>
@@ -44,12 +44,12 @@ struct Reports {
 template <class Pattern>
 struct Store;
 template <>
-struct Store<sPattern> : Reports<'s'> {
+struct Store<sPattern> : Reports<FloatForm::letter> {
     static sPattern*& head(KTContext* context) { return context->sPatternList; }
     static int& count(KTContext* context) { return context->nFloatPatterns; }
 };
 template <>
-struct Store<wPattern> : Reports<'w'> {
+struct Store<wPattern> : Reports<FixedForm::letter> {
     static wPattern*& head(KTContext* context) { return context->wPatternList; }
     static int& count(KTContext* context) { return context->nFixedPatterns; }
 };
