@@ -1,3 +1,6 @@
+// Tables of aligned rows in one block, so that one free releases a table and a row is ready for
+// whole-register loads; aligned blocks by name; and the streams of applications whose runtime is
+// not the library's.
 #include "frame/KT_ALLOC.h"
 
 #include "frame/KT_ERROR.h"

@@ -5,8 +5,8 @@
 
 #include "context/vsqmem.h"
 
-// A table of nRows rows of nCols elements in one block: the row pointers, and behind them the rows,
-// each of which begins on a 32-byte boundary. The result is also the address to free. Row stride:
+// A table of nRows rows of nCols elements in one block: the row pointers, and after them the
+// rows, each of which begins on a 32-byte boundary. The result is also the address to free. Row stride:
 // nCols rounded up to a multiple of 8 floats or 16 shorts. nRows of 0 gives a table that may only
 // be freed. Null after a report (-4) when memory ran out or the size is beyond the address space,
 // negative counts included.

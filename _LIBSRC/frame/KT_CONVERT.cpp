@@ -1,3 +1,6 @@
+// Arrays and values from one numeric form into the other, by powers of two. Every factor is exact,
+// down to the denormals, so that a conversion rounds once at most; how far a result may go, and what
+// becomes of what does not fit, is the scale mode's matter.
 #include "frame/KT_CONVERT.h"
 #include "frame/numeric.h"
 
@@ -152,7 +155,7 @@ void convertDown(const Src* src, Dst* dst, int n, int scaleMode, int* pScale, Or
 }
 
 // Truncation of one value keeps the low bits of the magnitude that fit the target and then applies
-// the sign. From 2^31 on, and for a not-a-number, the result is the target's most negative value.
+// the sign. From 2^31 on, and for NaN, the result is the target's most negative value.
 template <class Dst>
 Dst truncateBits(double value) {
     const double magnitude = value < 0 ? -value : value;

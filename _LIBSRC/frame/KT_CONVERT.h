@@ -1,4 +1,4 @@
-// Conversions between the numeric flavours, beyond the exported ones of ktlp6.h.
+// Conversions between the numeric forms, beyond the exported ones of ktlp6.h.
 #pragma once
 
 #include "frame/types.h"

@@ -1,3 +1,5 @@
+// Rows times a vector through the kernels' table. One function, so that perceptrons and
+// semicontinuous models sum in the same order and give the same bits.
 #include "frame/row_products.h"
 
 #include "levels/levels.h"

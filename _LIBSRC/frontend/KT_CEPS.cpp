@@ -1,8 +1,8 @@
 // Mel-frequency cepstra of one frame, and their liftering.
 //
-// The road: spectrum, floor, logarithm, mel filters, orthonormal DCT-II; floor and logarithm come
-// before or after the filters. The fixed-point flavour converts to float, goes the same road and
-// converts back.
+// The steps: spectrum, floor, logarithm, mel filters, orthonormal DCT-II; floor and logarithm come
+// before or after the filters. The fixed form converts to float, takes the same steps and converts
+// back.
 #include "frame/KT_ERROR.h"
 #include "frame/numeric.h"
 #include "frame/scratch.h"
@@ -35,9 +35,9 @@ void releaseStaging(CepsBuffers& ceps) {
     }
 }
 
-// The three capacities belong to all six buffers, of which each flavour takes its own when it first
-// needs them: a buffer that is there has the room that the capacities say. Where one of them does
-// not do, all buffers go.
+// The three capacities belong to all six buffers, of which each numeric form takes its own when it
+// first needs them: a buffer that is there has the room that the capacities say. If one capacity is
+// too small, all buffers are released.
 void fitCapacities(CepsBuffers& ceps, const Sizes& wanted) {
     if (wanted.nFilters <= ceps.nFilters && wanted.fftLen <= ceps.fftLen &&
         wanted.nCeps <= ceps.nCeps)
@@ -106,8 +106,8 @@ struct Frame {
     }
 };
 
-// The logarithm is taken over the bins that the filters reach plus one, but never behind the
-// spectrum.
+// The logarithm is taken over the bins that the filters reach plus one, but never past the
+// spectrum's end.
 int logRange(const KTMFCCFilters& filters, int nBins) {
     int nLog = nBins;
     if (filters.firstBin < nBins && filters.lastBin < nBins)
@@ -229,7 +229,7 @@ bool transformFrame(const Frame& frame, int skip, int nOut, float* pCeps, const 
     return true;
 }
 
-// The whole road in float. False after any report, whose handler may have released the buffers and
+// All steps in float. False after any report, whose handler may have released the buffers and
 // cleared the status.
 bool cepstrum(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh,
               int flags) {

@@ -166,7 +166,7 @@ void invert(float* magnitude, int n, float gain) {
     vsqsbMpy1(gain, magnitude, n);
 }
 
-// --- float flavour: magnitudes of A, false after a report ---
+// --- float: magnitudes of A, false after a report ---
 
 bool transformFloats(const float* coef, int nCoef, float* spec, int fftOrder) {
     KTContext* pKTContext = KTGetContext();
@@ -206,7 +206,7 @@ bool evaluateFloats(const float* coef, int nCoef, float* spec, int fftOrder) {
     return true;
 }
 
-// --- fixed-point flavour: the same, into the float area of the context's buffer ---
+// --- fixed: the same, into the float area of the context's buffer ---
 
 // -2^(-inScale), of which 16 bits are kept; where the scale leaves no such integer, 0.
 short minusOneAt(int inScale) {

@@ -41,10 +41,9 @@ void filterIntegers(short* vec, float alpha, int n, int scaleMode, int& scale) {
     } else if (scaleMode == KT_NoScale) {
         kernels.shift(vec, n, alphaQ, fractionBits);
         scale = 0;
-        // KT_FixedScale; any mode beyond the four rescales only the first sample, and keeps the
-        // scale as
     } else {
-        // well
+        // KT_FixedScale; any mode beyond the four rescales only the first sample, and keeps the
+        // scale as well.
         kernels.shift(vec, n, alphaQ, fractionBits + (scaleMode == KT_FixedScale ? scale : 0));
         vec[0] = rescaled(vec[0], scale);
     }

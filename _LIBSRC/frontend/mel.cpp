@@ -195,7 +195,7 @@ private:
 };
 
 // Sets the common length of the leading filters from the number of bins of each: the linear ones,
-// and the mel filters behind them as long as they are no longer and the length is at most 4.
+// and the mel filters after them as long as they are no longer and the length is at most 4.
 void shareLength(KTMFCCFilters& filters, const FilterEdges* edges, int nLinear) {
     filters.commonLen = filters.nCommon = 0;
     if (nLinear == 0) return;
@@ -311,7 +311,8 @@ void planRow(const KTMFCCFilters& filters, int i, const float* source, int nBloc
     }
 }
 
-// Fills the plan's arrays: `room` doubles, cleared here, and bins and block counts behind disFft.
+// Fills the plan's arrays: `room` doubles, cleared here, and the bins and block counts that follow
+// those of disFft.
 void makePlan(KTMFCCFilters& filters, double* weights, std::size_t room) {
     const int nGroups = groupsOf(filters.nFilters);
     int* firstBin = filters.disFft + filters.nFilters;

@@ -35,7 +35,7 @@ unsigned char* alignedStart(GaussMixServer* server) {
     return aligned<unsigned char>(server + 1, blockAlignment);
 }
 
-// Hands out the block's arrays one behind the other.
+// Hands out the block's arrays one after the other.
 class Cutter {
 public:
     explicit Cutter(unsigned char* start) : next(start) {}

@@ -1,14 +1,13 @@
 // The block of a mixture server: sizes, layout, construction. For the KT_GAUSS modules themselves.
 //
-// Behind the record, from a 16-byte boundary on, stand without gaps
-//     float flavour: pNormWeights, pWork, pWeights, each padded(nMix) floats
-//     fixed flavour: pWork as padded(nMix) ints, pWeights as padded(nMix) shorts
+// After the record, from a 16-byte boundary on, stand without gaps
+//     float form: pNormWeights, pWork, pWeights, each padded(nMix) floats
+//     fixed form: pWork as padded(nMix) ints, pWeights as padded(nMix) shorts
 // and in both the mean row table (padded(nMix) pointers), the mean rows (nMix * padded(nDim)
 // elements), and the covariance:
 //     diagonal: a table of padded(nMix) pointers, nMix rows
 //     full: a table of padded(nMix) pointers, per mixture a table of padded(nDim) row pointers,
-//     then nMix *
-//     nDim rows
+//     then nMix * nDim rows
 // Files hold the same with pointers of 32 bits; nBytes is the size of that image, on every build.
 #pragma once
 
@@ -62,7 +61,7 @@ bool representable(const Shape& shape) {
     return representable(shape, int(sizeof(T)), Form<T>::vectorBytes);
 }
 
-// Bytes of the data behind the record when a pointer takes `pointerBytes`; the shape is
+// Bytes of the data after the record when a pointer takes `pointerBytes`; the shape is
 // representable.
 std::size_t dataBytes(const Shape& shape, int elementBytes, int vectorBytes, int pointerBytes);
 template <class T>
@@ -73,7 +72,7 @@ std::size_t dataBytes(const Shape& shape, int pointerBytes) {
 // The image's record and alignment reserve: 48 bytes and 15.
 inline constexpr int imageReserve = 0x3f;
 
-// A zeroed block with its pointers, dimensions, flags (flavour, full or diagonal) and nBytes set
+// A zeroed block with its pointers, dimensions, flags (numeric form, full or diagonal) and nBytes set
 // and nObservations 1; null for a shape that is not representable or when memory ran out, and no
 // report.
 template <class T>

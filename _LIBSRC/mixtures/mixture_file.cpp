@@ -7,7 +7,7 @@ namespace ktl::gauss {
 namespace {
 
 constexpr char tag[4] = {'G', 'A', 'U', 'S'};
-constexpr int longestTail = 15; // meaningless bytes behind a payload
+constexpr int longestTail = 15; // meaningless bytes after a payload
 
 // The record's words, in file order; pointers of the writer's memory, of which readers look at null
 // or not null only.
@@ -90,7 +90,7 @@ Record recordOf(const GaussMixServer* server, int payloadBytes) {
             unsigned(server->nObservations), unsigned(payloadBytes)};
 }
 
-// How far the image's data start behind a block's base: its record, and up to 15 bytes to the next
+// How far the image's data start after a block's base: its record, and up to 15 bytes to the next
 // boundary.
 int imageStart(const void* base) {
     return imageReserve - int((reinterpret_cast<std::uintptr_t>(base) + imageReserve) & 0xf);

@@ -42,7 +42,7 @@ T* blockOf(T*** ppp) {
 }
 
 // The pointer array of a table: nLayers - 1 layer pointers into its own tail, where the row
-// pointers of all layers lie one layer after the other. Entries behind what the layers need keep
+// pointers of all layers lie one layer after the other. Entries after what the layers need keep
 // blockOf right where there is no layer or no neuron.
 template <class T>
 T*** allocPointers(const int* pCounts, int nLayers) {
@@ -146,7 +146,7 @@ Source*** copyPackedRows(const Network<T>& network, Source*** source) {
     return ppp;
 }
 
-// A copy of the counts of connections: nLayers - 1 row pointers, and the rows behind them, in one
+// A copy of the counts of connections: nLayers - 1 row pointers, and the rows after them, in one
 // block.
 template <class T>
 int** copyConnCounts(const Network<T>& network) {

@@ -15,9 +15,8 @@ struct sMLPServer {
     float*** pppWeights;
     const float* pThresholds; // the caller's: one per neuron of all weighted layers; may be null
     std::uint32_t flags;
-    // sparse servers: [l - 1][j][i] is an index into the outputs of layer l - 1; else
+    // sparse servers: [l - 1][j][i] is an index into the outputs of layer l - 1; else null
     int*** pppConnections;
-    // null
     int** ppConnCounts; // [l - 1][j]: inputs of neuron j; not null marks a sparse server
     int* playerNeuronCounts;
     int nLayers;
@@ -99,7 +98,7 @@ struct Network {
     bool wholeRows;
 };
 
-// The constructors behind the exported ones; reports carry `funcName`.
+// What the exported constructors call; reports carry `funcName`.
 sMLPServer* initServer(const Network<float>& network, const char* funcName);
 wMLPServer* initServer(const Network<short>& network, int weightScale, const char* funcName);
 
@@ -109,7 +108,7 @@ bool isElementwise(KTMLPActivationFn function);
 
 } // namespace ktl::perc
 
-// The sums of the fixed flavour: pDest[r] = sum over c below nCols of (ppRows[r][c] * pX[c]) >>
+// The sums of the fixed form: pDest[r] = sum over c below nCols of (ppRows[r][c] * pX[c]) >>
 // (shift modulo 32), each product shifted before it is added, in 32 bits that wrap.
 void ownwMatVec(int* pDest, const short* const* ppRows, const short* pX, int nRows, int nCols,
                 int shift);

@@ -1,6 +1,6 @@
 // The search step of a self-organising map.
 //
-// Fixed flavour: squared distances are 32-bit sums of squares of 17-bit differences and wrap, or,
+// Fixed form: squared distances are 32-bit sums of squares of 17-bit differences and wrap, or,
 // where the result is scaled to its own size, exact sums rounded to float. The caller's array of
 // 32-bit words holds those floats until they are converted in place; it is read and written as
 // words through the kernels, never as both types at once.

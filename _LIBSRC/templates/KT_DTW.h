@@ -1,4 +1,4 @@
-// Stored patterns of dynamic time warping. Each thread has two stores, one per flavour, that know
+// Stored patterns of dynamic time warping. Each thread has two stores, one per numeric form, that know
 // nothing of each other.
 #pragma once
 

@@ -1,4 +1,4 @@
-// The pattern stores: creation, lookup, release. One text for both flavours over a description of
+// The pattern stores: creation, lookup, release. One text for both numeric forms over a description of
 // each.
 #include "templates/KT_DTW.h"
 
@@ -11,7 +11,7 @@
 namespace ktl::dtw {
 namespace {
 
-// A text in which the flavour's letter stands for each '@'.
+// A text in which the numeric form's letter stands for each '@'.
 template <std::size_t n>
 struct Text {
     char chars[n];
@@ -40,7 +40,7 @@ struct Reports {
     static constexpr Text freeAllName{"KT@PatternFreeAll", letter};
 };
 
-// What tells the flavours apart: what their reports say, and where the context keeps the store.
+// What tells the numeric forms apart: what their reports say, and where the context keeps the store.
 template <class Pattern>
 struct Store;
 template <>
