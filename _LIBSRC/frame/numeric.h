@@ -1,5 +1,5 @@
-// The two numeric forms as policies, and the scale that a caller passes with the fixed one. A family
-// extends the pair by what it does differently:
+// The two numeric forms as policies, and the scale that a caller passes with the fixed one. A
+// family extends the pair by what it does differently:
 //     struct FloatTree : ktl::FloatForm { static constexpr int training = 1; ... };
 #pragma once
 

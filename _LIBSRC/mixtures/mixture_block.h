@@ -72,9 +72,9 @@ std::size_t dataBytes(const Shape& shape, int pointerBytes) {
 // The image's record and alignment reserve: 48 bytes and 15.
 inline constexpr int imageReserve = 0x3f;
 
-// A zeroed block with its pointers, dimensions, flags (numeric form, full or diagonal) and nBytes set
-// and nObservations 1; null for a shape that is not representable or when memory ran out, and no
-// report.
+// A zeroed block with its pointers, dimensions, flags (numeric form, full or diagonal) and nBytes
+// set and nObservations 1; null for a shape that is not representable or when memory ran out, and
+// no report.
 template <class T>
 GaussMixServer* createServer(const Shape& shape);
 

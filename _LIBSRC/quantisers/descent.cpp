@@ -1,6 +1,6 @@
-// A finished tree as quantising walks it: planes in the place of pairs of distances, the nodes level
-// by level in arrays, and many vectors at once. A vector stops where a plane leaves a doubt, and the
-// distances themselves take it on from there.
+// A finished tree as quantising walks it: planes in the place of pairs of distances, the nodes
+// level by level in arrays, and many vectors at once. A vector stops where a plane leaves a doubt,
+// and the distances themselves take it on from there.
 #include "quantisers/descent.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// The pattern stores: creation, lookup, release. One text for both numeric forms over a description of
-// each.
+// The pattern stores: creation, lookup, release. One text for both numeric forms over a description
+// of each.
 #include "templates/KT_DTW.h"
 
 #include "frame/numeric.h"
@@ -40,7 +40,8 @@ struct Reports {
     static constexpr Text freeAllName{"KT@PatternFreeAll", letter};
 };
 
-// What tells the numeric forms apart: what their reports say, and where the context keeps the store.
+// What tells the numeric forms apart: what their reports say, and where the context keeps the
+// store.
 template <class Pattern>
 struct Store;
 template <>
