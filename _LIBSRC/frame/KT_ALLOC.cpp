@@ -1,6 +1,5 @@
 // Tables of aligned rows in one block, so that one free releases a table and a row is ready for
-// whole-register loads; aligned blocks by name; and the streams of applications whose runtime is
-// not the library's.
+// whole-register loads; and the streams of applications whose runtime is not the library's.
 #include "frame/KT_ALLOC.h"
 
 #include "frame/KT_ERROR.h"
@@ -53,16 +52,6 @@ short** KTwAlloc2(int nRows, int nCols) {
 
 void KTFree2(void* pTable) {
     std::free(pTable);
-}
-
-float* ownAllocFloats(int n) {
-    return vsq::allocAligned<float>(n);
-}
-float* ownAllocComplex(int n) {
-    return static_cast<float*>(vsq::allocAligned(n, 2 * sizeof(float)));
-}
-void ownFreeAligned(void* p) {
-    vsq::freeAligned(p);
 }
 
 // Forwarders: an application whose runtime is not the library's must open and close its streams

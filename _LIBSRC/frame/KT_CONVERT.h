@@ -8,4 +8,6 @@ int KTdMaxOrder(const double* pSrc, int n);
 int KTiMaxOrder(const int* pSrc, int n);
 
 // 2^(-scale), the factor of a scale in both directions of conversion.
-double ownFactorOfScale(int scale);
+namespace ktl {
+double factorOfScale(int scale);
+}

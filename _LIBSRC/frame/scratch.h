@@ -50,11 +50,12 @@ struct Scratch : Held<T, freePlain> {
     explicit Scratch(Count n) : Held<T, freePlain>(allocPlain<T>(n)) {}
 };
 
-// The same, aligned for whole-register loads; take() hands over a block for ownFreeAligned.
+// The same, aligned for whole-register loads; take() hands over a block for vsq::freeAligned.
 template <class T>
-struct AlignedScratch : Held<T, ownFreeAligned> {
+struct AlignedScratch : Held<T, vsq::freeAligned> {
     AlignedScratch() = default;
-    explicit AlignedScratch(std::ptrdiff_t n) : Held<T, ownFreeAligned>(vsq::allocAligned<T>(n)) {}
+    explicit AlignedScratch(std::ptrdiff_t n)
+        : Held<T, vsq::freeAligned>(vsq::allocAligned<T>(n)) {}
 };
 
 // A table of aligned rows, float or short: table[row][column]. Has reported when it says false.

@@ -30,7 +30,7 @@ struct Sizes {
 void releaseStaging(CepsBuffers& ceps) {
     for (float** buffer : {&ceps.filterOutput, &ceps.filterDctInput, &ceps.filterDctOutput,
                            &ceps.fftOut, &ceps.tempVect, &ceps.tempCeps}) {
-        ownFreeAligned(*buffer);
+        vsq::freeAligned(*buffer);
         *buffer = nullptr;
     }
 }
@@ -67,21 +67,21 @@ int spectrumRoom(const CepsBuffers& ceps) {
 }
 
 bool takeFloatBuffers(CepsBuffers& ceps, const char* funcName) {
-    return take(ceps, ceps.filterOutput, ownAllocFloats, ceps.nFilters,
+    return take(ceps, ceps.filterOutput, ktl::allocFloats, ceps.nFilters,
                 "insufficiency of memory for pointer  pKTcontext->Ceps.filterOutput", funcName) &&
-           take(ceps, ceps.filterDctInput, ownAllocFloats, ceps.nFilters,
+           take(ceps, ceps.filterDctInput, ktl::allocFloats, ceps.nFilters,
                 "insufficiency of memory for pointer  pKTcontext->Ceps.filterDctInput", funcName) &&
-           take(ceps, ceps.filterDctOutput, ownAllocFloats, ceps.nFilters,
+           take(ceps, ceps.filterDctOutput, ktl::allocFloats, ceps.nFilters,
                 "insufficiency of memory for pointer  pKTcontext->Ceps.filterDctOutput",
                 funcName) &&
-           take(ceps, ceps.fftOut, ownAllocComplex, spectrumRoom(ceps),
+           take(ceps, ceps.fftOut, ktl::allocComplex, spectrumRoom(ceps),
                 "insufficiency of memory for pointer  pKTcontext->Ceps.fftOut", funcName);
 }
 
 bool takeFixedBuffers(CepsBuffers& ceps, const char* funcName) {
-    return take(ceps, ceps.tempVect, ownAllocFloats, spectrumRoom(ceps),
+    return take(ceps, ceps.tempVect, ktl::allocFloats, spectrumRoom(ceps),
                 "insufficiency of memory for pointer  pKTcontext->Ceps.tempVect", funcName) &&
-           take(ceps, ceps.tempCeps, ownAllocFloats, ceps.nCeps,
+           take(ceps, ceps.tempCeps, ktl::allocFloats, ceps.nCeps,
                 "insufficiency of memory for pointer  pKTcontext->Ceps.tempCeps", funcName);
 }
 
@@ -314,7 +314,7 @@ void KTFreeCepsTbls(void) {
     CepsBuffers& ceps = KTGetContext()->Ceps;
     releaseStaging(ceps);
     for (void** spare : {&ceps.spare0, &ceps.spare1, &ceps.spare2, &ceps.spare3, &ceps.spare4}) {
-        ownFreeAligned(*spare);
+        vsq::freeAligned(*spare);
         *spare = nullptr;
     }
     ceps.fftLen = ceps.nFilters = ceps.nCeps = 0;

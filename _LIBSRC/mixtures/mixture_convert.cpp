@@ -28,7 +28,7 @@ short saturated(float value, int scale, double factor) {
 }
 
 void convertDown(const float* src, short* dst, std::ptrdiff_t n, int scale) {
-    const double factor = ownFactorOfScale(scale);
+    const double factor = ktl::factorOfScale(scale);
     for (std::ptrdiff_t i = 0; i < n; ++i)
         dst[i] = saturated(src[i], scale, factor);
 }

@@ -71,7 +71,7 @@ void layRows(T*** ppp, T* block, const int* pCounts, int nLayers, const Width& w
 template <class T>
 void freeTable(T*** ppp) {
     if (ppp == nullptr) return;
-    if (ppp[0] != nullptr) ownFreeAligned(blockOf(ppp));
+    if (ppp[0] != nullptr) vsq::freeAligned(blockOf(ppp));
     std::free(ppp);
 }
 
@@ -92,7 +92,7 @@ T*** allocTable(const int* pCounts, int nLayers, std::int64_t count, const Width
 
 template <class T>
 T*** allocDenseTable(const int* pCounts, int nLayers) {
-    return allocTable<T>(pCounts, nLayers, ownPaddedWeightCount(pCounts, nLayers),
+    return allocTable<T>(pCounts, nLayers, paddedWeightCount(pCounts, nLayers),
                          [=](int l, int) { return paddedRow(pCounts[l - 1]); });
 }
 
@@ -108,8 +108,8 @@ void freeServer(Server<T>* server) {
     freeTable(server->pppConnections);
     std::free(server->ppConnCounts);
     std::free(server->playerNeuronCounts);
-    ownFreeAligned(server->pNet);
-    ownFreeAligned(server->pLayerOut);
+    vsq::freeAligned(server->pNet);
+    vsq::freeAligned(server->pLayerOut);
     std::free(server->ppActivation);
     std::free(server->ppDerivative);
     std::free(server);
@@ -294,7 +294,7 @@ T*** setWeightsTable(const int* pCounts, int nLayers, T value, const char* funcN
         module.report(KT_StsNoMem, noMemory, funcName);
         return nullptr;
     }
-    std::fill_n(blockOf(ppp), ownPaddedWeightCount(pCounts, nLayers), value);
+    std::fill_n(blockOf(ppp), paddedWeightCount(pCounts, nLayers), value);
     return ppp;
 }
 
@@ -317,7 +317,7 @@ std::ptrdiff_t neuronCount(const int* pCounts, int nLayers) {
     return std::ptrdiff_t(total);
 }
 
-std::ptrdiff_t ownPaddedWeightCount(const int* pCounts, int nLayers) {
+std::ptrdiff_t paddedWeightCount(const int* pCounts, int nLayers) {
     if (nLayers < 1 || pCounts[0] < 0) return -1;
     std::int64_t total = 0;
     for (int l = 1; l < nLayers; ++l)

@@ -80,7 +80,7 @@ constexpr std::int64_t paddedRow(int n) {
 std::ptrdiff_t neuronCount(const int* pCounts, int nLayers);
 
 // Elements of a dense weight block; -1 as above.
-std::ptrdiff_t ownPaddedWeightCount(const int* pCounts, int nLayers);
+std::ptrdiff_t paddedWeightCount(const int* pCounts, int nLayers);
 
 // What a constructor is given. The rows are copied; wholeRows says that they have padding, which is
 // copied with them.
@@ -106,14 +106,14 @@ wMLPServer* initServer(const Network<short>& network, int weightScale, const cha
 // user functions are called neuron by neuron.
 bool isElementwise(KTMLPActivationFn function);
 
-} // namespace ktl::perc
-
 // The sums of the fixed form: pDest[r] = sum over c below nCols of (ppRows[r][c] * pX[c]) >>
 // (shift modulo 32), each product shifted before it is added, in 32 bits that wrap.
-void ownwMatVec(int* pDest, const short* const* ppRows, const short* pX, int nRows, int nCols,
-                int shift);
+void rowSums(int* pDest, const short* const* ppRows, const short* pX, int nRows, int nCols,
+             int shift);
 
 // The outputs of the last layer, on the scale `scale`, as KTwEvalMLPFeedForward returns them;
 // pScaleFactor is not null.
-void ownwScaleOutput(const short* pSrc, short* pDst, int n, int scale, int scaleMode,
-                     int* pScaleFactor);
+void scaleOutput(const short* pSrc, short* pDst, int n, int scale, int scaleMode,
+                 int* pScaleFactor);
+
+} // namespace ktl::perc

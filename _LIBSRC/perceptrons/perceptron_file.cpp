@@ -61,8 +61,7 @@ void writeServer(FILE* stream, const Server<T>* server, const char* funcName) {
         module.report(KT_StsNoMem, ioError, funcName);
         return;
     }
-    const std::ptrdiff_t weights =
-        ownPaddedWeightCount(server->playerNeuronCounts, server->nLayers);
+    const std::ptrdiff_t weights = paddedWeightCount(server->playerNeuronCounts, server->nLayers);
     if (!writeElements(stream, server->pppWeights[0][0], std::size_t(weights)))
         module.report(KT_StsBadState, ioError, funcName);
 }
@@ -91,7 +90,7 @@ bool plausible(const int* pCounts, int nLayers, std::int64_t weights) {
 // The weights table with the stream's block in it; has reported when it is null.
 template <class T>
 T*** readTable(FILE* stream, const int* pCounts, int nLayers, const char* funcName) {
-    const std::ptrdiff_t count = ownPaddedWeightCount(pCounts, nLayers);
+    const std::ptrdiff_t count = paddedWeightCount(pCounts, nLayers);
     Scratch<T> block;
     const bool sized = count >= 0 && plausible(pCounts, nLayers, count);
     const Arrival arrival =

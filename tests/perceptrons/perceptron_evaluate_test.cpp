@@ -138,7 +138,7 @@ TEST(FloatSums, AreThePlainSums) {
             std::vector<float> first;
             support::onEveryLevel([&] {
                 support::Guarded<float> sums(std::size_t(rows), -1.0f);
-                ownsMatVec(sums.data(), pointers.data(), x.data(), rows, cols);
+                ktl::rowProducts(sums.data(), pointers.data(), x.data(), rows, cols);
                 EXPECT_TRUE(sums.intact());
                 expectNear(sums.values(), expected);
                 if (first.empty()) first = sums.values();
@@ -151,7 +151,7 @@ TEST(FloatSums, TakeLaneByLaneWhatIsExact) {
     const std::vector<float> row = {1, 2, 4, 8, 16}, x = {1, 10, 100, 1000, 10000};
     const float* pointers[] = {row.data(), row.data() + 1};
     float sums[2];
-    ownsMatVec(sums, pointers, x.data(), 2, 4);
+    ktl::rowProducts(sums, pointers, x.data(), 2, 4);
     EXPECT_EQ(sums[0], 1.0f + 20 + 400 + 8000);
     EXPECT_EQ(sums[1], 2.0f + 40 + 800 + 16000);
 }
@@ -176,7 +176,7 @@ TEST(FixedSums, AreExactForEveryShift) {
             const std::vector<int> expected = referenceSums(table, x, shift);
             support::onEveryLevel([&] {
                 support::Guarded<int> sums(3, -1);
-                ownwMatVec(sums.data(), pointers.data(), x.data(), 3, cols, shift);
+                ktl::perc::rowSums(sums.data(), pointers.data(), x.data(), 3, cols, shift);
                 EXPECT_TRUE(sums.intact());
                 ASSERT_EQ(sums.values(), expected) << cols << ' ' << shift;
             });
@@ -188,7 +188,7 @@ TEST(FixedSums, ShiftEachProductBeforeItIsAdded) {
     const short* pointer = row.data();
     support::onEveryLevel([&] {
         int sum;
-        ownwMatVec(&sum, &pointer, x.data(), 1, 40, 15);
+        ktl::perc::rowSums(&sum, &pointer, x.data(), 1, 40, 15);
         EXPECT_EQ(sum, -40); // each (-1 * 1) >> 15 is -1
     });
 }
@@ -198,9 +198,9 @@ TEST(FixedSums, Wrap) {
     const short* pointer = row.data();
     support::onEveryLevel([&] {
         int sum;
-        ownwMatVec(&sum, &pointer, x.data(), 1, 8, 0);
+        ktl::perc::rowSums(&sum, &pointer, x.data(), 1, 8, 0);
         EXPECT_EQ(sum, 0); // 8 * 2^30
-        ownwMatVec(&sum, &pointer, x.data(), 1, 3, 0);
+        ktl::perc::rowSums(&sum, &pointer, x.data(), 1, 3, 0);
         EXPECT_EQ(sum, wrapped(std::int64_t(3) << 30));
     });
 }
@@ -533,8 +533,8 @@ struct Scaled {
 };
 Scaled scaleOutput(const std::vector<short>& values, int scale, int mode, int wanted) {
     Scaled result{std::vector<short>(values.size(), short(-7)), wanted};
-    ownwScaleOutput(values.data(), result.values.data(), int(values.size()), scale, mode,
-                    &result.scale);
+    ktl::perc::scaleOutput(values.data(), result.values.data(), int(values.size()), scale, mode,
+                           &result.scale);
     return result;
 }
 
