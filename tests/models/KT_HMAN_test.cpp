@@ -294,7 +294,7 @@ TEST_F(Creation, UnderANegativeStatus) {
         KTSetStatus(0);
         EXPECT_EQ(KTGetContext()->nHMMServers, 0);
     }
-    EXPECT_EQ(support::alloc::liveBlocks(), before + 3); // the registry's table of ids
+    EXPECT_EQ(support::alloc::liveBlocks(), before + 1); // the registry's table of ids
 }
 
 // The mixtures of a continuous server are its own.
@@ -370,7 +370,7 @@ TEST_F(Creation, AllocationFailuresOfTheFirstServer) {
                       KTHMMFreeAll();
                       EXPECT_EQ(support::alloc::liveBlocks(), before);
                   }),
-              4 + 1 + 3 + 3); // registry, record, table of ids, arrays
+              4 + 1 + 1 + 3); // registry, record, table of ids, arrays
 }
 
 // --- copies ---
