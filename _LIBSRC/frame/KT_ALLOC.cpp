@@ -1,6 +1,9 @@
+// Tables of aligned rows in one block, so that one free releases a table and a row is ready for
+// whole-register loads; and the streams of applications whose runtime is not the library's.
 #include "frame/KT_ALLOC.h"
 
 #include "frame/KT_ERROR.h"
+#include "frame/blocks.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -12,11 +15,6 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_ALLOC"};
 
 constexpr std::uint64_t rowAlignment = 32;
 
-char* nextRowBoundary(char* p) {
-    const auto address = reinterpret_cast<std::uintptr_t>(p);
-    return p + (-address & (rowAlignment - 1));
-}
-
 // The block of a table, its row pointers set; null when it is not to be had.
 template <class T>
 T** allocTable(int nRows, int nCols) {
@@ -24,12 +22,12 @@ T** allocTable(int nRows, int nCols) {
     if (nRows < 0 || nCols < 0) return nullptr;
     const auto rows = static_cast<std::uint64_t>(nRows);
     const std::uint64_t rowBytes =
-        (static_cast<std::uint64_t>(nCols) * sizeof(T) + reserve) & ~reserve;
+        ktl::roundUp(static_cast<std::uint64_t>(nCols) * sizeof(T), rowAlignment);
     if (rows > (PTRDIFF_MAX - reserve) / (rowBytes + sizeof(T*))) return nullptr;
     const std::uint64_t size = rows * (rowBytes + sizeof(T*)) + reserve;
     auto* table = static_cast<T**>(std::malloc(static_cast<std::size_t>(size)));
     if (table == nullptr) return nullptr;
-    char* row = nextRowBoundary(reinterpret_cast<char*>(table + nRows));
+    char* row = ktl::aligned<char>(table + nRows, rowAlignment);
     for (int i = 0; i < nRows; ++i, row += rowBytes)
         table[i] = reinterpret_cast<T*>(row);
     return table;
@@ -54,16 +52,6 @@ short** KTwAlloc2(int nRows, int nCols) {
 
 void KTFree2(void* pTable) {
     std::free(pTable);
-}
-
-float* ownAllocFloats(int n) {
-    return vsq::allocAligned<float>(n);
-}
-float* ownAllocComplex(int n) {
-    return static_cast<float*>(vsq::allocAligned(n, 2 * sizeof(float)));
-}
-void ownFreeAligned(void* p) {
-    vsq::freeAligned(p);
 }
 
 // Forwarders: an application whose runtime is not the library's must open and close its streams

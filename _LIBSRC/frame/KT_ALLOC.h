@@ -5,7 +5,7 @@
 
 #include "context/vsqmem.h"
 
-// A table of nRows rows of nCols elements in one block: the row pointers, and behind them the rows,
+// A table of nRows rows of nCols elements in one block: the row pointers, and after them the rows,
 // each of which begins on a 32-byte boundary. The result is also the address to free. Row stride:
 // nCols rounded up to a multiple of 8 floats or 16 shorts. nRows of 0 gives a table that may only
 // be freed. Null after a report (-4) when memory ran out or the size is beyond the address space,
@@ -14,14 +14,15 @@ float** KTsAlloc2(int nRows, int nCols);
 short** KTwAlloc2(int nRows, int nCols);
 void KTFree2(void* pTable); // a table of either kind; null is allowed
 
-// Aligned blocks of n elements: null when memory ran out, and no report, because each caller has a
-// text of its own.
-float* ownAllocFloats(int n);
-float* ownAllocComplex(int n); // n pairs of real and imaginary part
-void ownFreeAligned(void* p);  // null is allowed
+namespace ktl {
 
-// The same for records of a module's own.
-template <class T>
-T* ownAllocRecords(int n) {
-    return vsq::allocAligned<T>(n);
+// Aligned blocks by name, for vsq::freeAligned: null when memory ran out, and no report, because
+// each caller has a text of its own.
+inline float* allocFloats(int n) {
+    return vsq::allocAligned<float>(n);
 }
+inline float* allocComplex(int n) { // n pairs of real and imaginary part
+    return static_cast<float*>(vsq::allocAligned(n, 2 * sizeof(float)));
+}
+
+} // namespace ktl

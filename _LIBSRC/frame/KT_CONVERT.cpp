@@ -1,4 +1,8 @@
+// Arrays and values from one numeric form into the other, by powers of two. Every factor is exact,
+// down to the denormals, so that a conversion rounds once at most; how far a result may go, and
+// what becomes of what does not fit, is the scale mode's matter.
 #include "frame/KT_CONVERT.h"
+#include "frame/numeric.h"
 
 #include "levels/levels.h"
 
@@ -130,17 +134,17 @@ FoundScale findScale(int order, OrderLimits limits, int bits) {
 
 template <class Src, class Dst>
 void convertDown(const Src* src, Dst* dst, int n, int scaleMode, int* pScale, OrderLimits limits) {
-    int ownScale = 0;
-    int& scale = pScale != nullptr ? *pScale : ownScale;
+    const ktl::CallScale callScale(pScale);
+    int& scale = *callScale;
     if (scaleMode == KT_FixedScale) {
-        truncateBlock(src, dst, n, ownFactorOfScale(scale));
+        truncateBlock(src, dst, n, ktl::factorOfScale(scale));
     } else if (scaleMode == KT_NoScale) {
         truncateBlock(src, dst, n, 1.0);
         scale = 0;
     } else if (scaleMode == KT_AutoScale) {
         const FoundScale found = findScale(maxOrder(src, n), limits, magnitudeBits<Dst>);
         if (found.usable)
-            truncateBlock(src, dst, n, ownFactorOfScale(found.scale));
+            truncateBlock(src, dst, n, ktl::factorOfScale(found.scale));
         else
             std::fill_n(dst, std::max(n, 0), Dst(0));
         scale = found.scale;
@@ -151,7 +155,7 @@ void convertDown(const Src* src, Dst* dst, int n, int scaleMode, int* pScale, Or
 }
 
 // Truncation of one value keeps the low bits of the magnitude that fit the target and then applies
-// the sign. From 2^31 on, and for a not-a-number, the result is the target's most negative value.
+// the sign. From 2^31 on, and for NaN, the result is the target's most negative value.
 template <class Dst>
 Dst truncateBits(double value) {
     const double magnitude = value < 0 ? -value : value;
@@ -170,13 +174,13 @@ Dst clampValue(double value) {
 
 template <class Dst, class Src>
 Dst convertValueDown(Src value, int scaleMode, int* pScale, OrderLimits limits) {
-    int ownScale = 0;
-    int& scale = pScale != nullptr ? *pScale : ownScale;
-    if (scaleMode == KT_FixedScale) return truncateBits<Dst>(value * ownFactorOfScale(scale));
+    const ktl::CallScale callScale(pScale);
+    int& scale = *callScale;
+    if (scaleMode == KT_FixedScale) return truncateBits<Dst>(value * ktl::factorOfScale(scale));
     if (scaleMode == KT_AutoScale) {
         const FoundScale found = findScale(maxOrder(&value, 1), limits, magnitudeBits<Dst>);
         scale = found.scale;
-        return found.usable ? truncateBits<Dst>(value * ownFactorOfScale(found.scale)) : Dst(0);
+        return found.usable ? truncateBits<Dst>(value * ktl::factorOfScale(found.scale)) : Dst(0);
     }
     scale = 0;
     return scaleMode == KT_NoScale ? truncateBits<Dst>(value) : clampValue<Dst>(value);
@@ -189,7 +193,7 @@ double KTPower2(int exponent) {
     return high[static_cast<unsigned>(k >> 6)] * low[static_cast<unsigned>(k & 63)];
 }
 
-double ownFactorOfScale(int scale) {
+double ktl::factorOfScale(int scale) {
     return KTPower2(scale == INT_MIN ? INT_MAX : -scale);
 }
 
@@ -243,23 +247,23 @@ int KTdiConvertDown(double value, int scaleMode, int* pScale) {
 }
 
 void KTwsbConvertUp(const short* pSrc, float* pDst, int n, int scale) {
-    vsq::kernels().cvrts->shortToFloat(pSrc, pDst, n, ownFactorOfScale(scale));
+    vsq::kernels().cvrts->shortToFloat(pSrc, pDst, n, ktl::factorOfScale(scale));
 }
 void KTwdbConvertUp(const short* pSrc, double* pDst, int n, int scale) {
-    vsq::kernels().cvrts->shortToDouble(pSrc, pDst, n, ownFactorOfScale(scale));
+    vsq::kernels().cvrts->shortToDouble(pSrc, pDst, n, ktl::factorOfScale(scale));
 }
 void KTisbConvertUp(const int* pSrc, float* pDst, int n, int scale) {
-    vsq::kernels().cvrts->intToFloat(pSrc, pDst, n, ownFactorOfScale(scale));
+    vsq::kernels().cvrts->intToFloat(pSrc, pDst, n, ktl::factorOfScale(scale));
 }
 void KTidbConvertUp(const int* pSrc, double* pDst, int n, int scale) {
-    vsq::kernels().cvrts->intToDouble(pSrc, pDst, n, ownFactorOfScale(scale));
+    vsq::kernels().cvrts->intToDouble(pSrc, pDst, n, ktl::factorOfScale(scale));
 }
 
 double KTwdConvertUp(short value, int scale) {
-    return value * ownFactorOfScale(scale);
+    return value * ktl::factorOfScale(scale);
 }
 double KTidConvertUp(int value, int scale) {
-    return value * ownFactorOfScale(scale);
+    return value * ktl::factorOfScale(scale);
 }
 double KTwsConvertUp(short value, int scale) {
     return KTwdConvertUp(value, scale);

@@ -1,4 +1,4 @@
-// Conversions between the numeric flavours, beyond the exported ones of ktlp6.h.
+// Conversions between the numeric forms, beyond the exported ones of ktlp6.h.
 #pragma once
 
 #include "frame/types.h"
@@ -8,4 +8,6 @@ int KTdMaxOrder(const double* pSrc, int n);
 int KTiMaxOrder(const int* pSrc, int n);
 
 // 2^(-scale), the factor of a scale in both directions of conversion.
-double ownFactorOfScale(int scale);
+namespace ktl {
+double factorOfScale(int scale);
+}

@@ -1,3 +1,6 @@
+// The way of a report: from the module that makes it to the thread's handler, and the three
+// handlers of the library. Status, mode and handler are the thread's own. A handler may do
+// anything, so that nothing here is touched after it was called.
 #include "frame/KT_ERROR.h"
 
 #include <cstdio>

@@ -1,3 +1,5 @@
+// The life of the thread's record. The loading thread gets one when the module is loaded, another
+// thread when it starts or, where its start was not seen, at its first call.
 #include "frame/context.h"
 
 #include <new>

@@ -94,3 +94,25 @@ inline KTContext* KTGetContext() {
         return ktlFirstContext();
     return static_cast<KTContext*>(record);
 }
+
+// The bit of hmmMode that tells that the thread's registry of models exists, and with it the two
+// codebooks of densities, which are always there or missing together.
+inline constexpr unsigned HMM_MODE_READY = 0x01000000u;
+
+// Creates the registry where there is none. On exhaustion HMM_MODE_READY stays clear, and nothing
+// is reported. The codebooks start it as well as the models do.
+void KTInitHMMRegistry();
+
+namespace ktl {
+
+inline bool registryReady(const KTContext* context = KTGetContext()) {
+    return (context->hmmMode & HMM_MODE_READY) != 0;
+}
+
+// The same, with the registry made where there is none; false when memory ran out.
+inline bool startRegistry() {
+    KTInitHMMRegistry();
+    return registryReady();
+}
+
+} // namespace ktl

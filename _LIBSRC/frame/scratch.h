@@ -3,6 +3,7 @@
 #pragma once
 
 #include "frame/KT_ALLOC.h"
+#include "frame/blocks.h"
 
 #include <concepts>
 #include <cstdint>
@@ -11,18 +12,6 @@
 #include <utility>
 
 namespace ktl {
-
-// Room for `count` elements from malloc; null when memory ran out, for a size beyond the address
-// space and for a negative count. A count of 0 gives a block all the same, so that null always
-// means failure.
-template <class T, std::integral Count>
-T* allocPlain(Count count) {
-    if (std::cmp_less(count, 0) ||
-        std::cmp_greater(count, PTRDIFF_MAX / static_cast<std::ptrdiff_t>(sizeof(T))))
-        return nullptr;
-    const std::size_t size = static_cast<std::size_t>(count) * sizeof(T);
-    return static_cast<T*>(std::malloc(size != 0 ? size : 1));
-}
 
 // The guards' common part: one block, and the function that releases it.
 template <class T, void (*release)(void*)>
@@ -61,11 +50,12 @@ struct Scratch : Held<T, freePlain> {
     explicit Scratch(Count n) : Held<T, freePlain>(allocPlain<T>(n)) {}
 };
 
-// The same, aligned for whole-register loads; take() hands over a block for ownFreeAligned.
+// The same, aligned for whole-register loads; take() hands over a block for vsq::freeAligned.
 template <class T>
-struct AlignedScratch : Held<T, ownFreeAligned> {
+struct AlignedScratch : Held<T, vsq::freeAligned> {
     AlignedScratch() = default;
-    explicit AlignedScratch(std::ptrdiff_t n) : Held<T, ownFreeAligned>(vsq::allocAligned<T>(n)) {}
+    explicit AlignedScratch(std::ptrdiff_t n)
+        : Held<T, vsq::freeAligned>(vsq::allocAligned<T>(n)) {}
 };
 
 // A table of aligned rows, float or short: table[row][column]. Has reported when it says false.
@@ -82,22 +72,5 @@ private:
             return KTwAlloc2(nRows, nCols);
     }
 };
-
-// The growth rule of the context's buffers: where the capacity does not do, the old block goes,
-// both fields become 0, and only success stores them again. False when memory ran out; the caller
-// reports.
-//     growBuffer<float>(context->buff, context->buffLen, n)
-template <class T, class Pointer>
-bool growBuffer(Pointer& buffer, int& capacity, int wanted) {
-    if (wanted <= capacity) return true;
-    std::free(buffer);
-    buffer = nullptr;
-    capacity = 0;
-    T* grown = allocPlain<T>(wanted);
-    if (grown == nullptr) return false;
-    buffer = grown;
-    capacity = wanted;
-    return true;
-}
 
 } // namespace ktl

@@ -1,9 +1,10 @@
 // Mel-frequency cepstra of one frame, and their liftering.
 //
-// The road: spectrum, floor, logarithm, mel filters, orthonormal DCT-II; floor and logarithm come
-// before or after the filters. The fixed-point flavour converts to float, goes the same road and
-// converts back.
+// The steps: spectrum, floor, logarithm, mel filters, orthonormal DCT-II; floor and logarithm come
+// before or after the filters. The fixed form converts to float, takes the same steps and converts
+// back.
 #include "frame/KT_ERROR.h"
+#include "frame/numeric.h"
 #include "frame/scratch.h"
 #include "frontend/mel.h"
 #include "vsq.h"
@@ -29,14 +30,14 @@ struct Sizes {
 void releaseStaging(CepsBuffers& ceps) {
     for (float** buffer : {&ceps.filterOutput, &ceps.filterDctInput, &ceps.filterDctOutput,
                            &ceps.fftOut, &ceps.tempVect, &ceps.tempCeps}) {
-        ownFreeAligned(*buffer);
+        vsq::freeAligned(*buffer);
         *buffer = nullptr;
     }
 }
 
-// The three capacities belong to all six buffers, of which each flavour takes its own when it first
-// needs them: a buffer that is there has the room that the capacities say. Where one of them does
-// not do, all buffers go.
+// The three capacities belong to all six buffers, of which each numeric form takes its own when it
+// first needs them: a buffer that is there has the room that the capacities say. If one capacity is
+// too small, all buffers are released.
 void fitCapacities(CepsBuffers& ceps, const Sizes& wanted) {
     if (wanted.nFilters <= ceps.nFilters && wanted.fftLen <= ceps.fftLen &&
         wanted.nCeps <= ceps.nCeps)
@@ -66,21 +67,21 @@ int spectrumRoom(const CepsBuffers& ceps) {
 }
 
 bool takeFloatBuffers(CepsBuffers& ceps, const char* funcName) {
-    return take(ceps, ceps.filterOutput, ownAllocFloats, ceps.nFilters,
+    return take(ceps, ceps.filterOutput, ktl::allocFloats, ceps.nFilters,
                 "insufficiency of memory for pointer  pKTcontext->Ceps.filterOutput", funcName) &&
-           take(ceps, ceps.filterDctInput, ownAllocFloats, ceps.nFilters,
+           take(ceps, ceps.filterDctInput, ktl::allocFloats, ceps.nFilters,
                 "insufficiency of memory for pointer  pKTcontext->Ceps.filterDctInput", funcName) &&
-           take(ceps, ceps.filterDctOutput, ownAllocFloats, ceps.nFilters,
+           take(ceps, ceps.filterDctOutput, ktl::allocFloats, ceps.nFilters,
                 "insufficiency of memory for pointer  pKTcontext->Ceps.filterDctOutput",
                 funcName) &&
-           take(ceps, ceps.fftOut, ownAllocComplex, spectrumRoom(ceps),
+           take(ceps, ceps.fftOut, ktl::allocComplex, spectrumRoom(ceps),
                 "insufficiency of memory for pointer  pKTcontext->Ceps.fftOut", funcName);
 }
 
 bool takeFixedBuffers(CepsBuffers& ceps, const char* funcName) {
-    return take(ceps, ceps.tempVect, ownAllocFloats, spectrumRoom(ceps),
+    return take(ceps, ceps.tempVect, ktl::allocFloats, spectrumRoom(ceps),
                 "insufficiency of memory for pointer  pKTcontext->Ceps.tempVect", funcName) &&
-           take(ceps, ceps.tempCeps, ownAllocFloats, ceps.nCeps,
+           take(ceps, ceps.tempCeps, ktl::allocFloats, ceps.nCeps,
                 "insufficiency of memory for pointer  pKTcontext->Ceps.tempCeps", funcName);
 }
 
@@ -105,8 +106,8 @@ struct Frame {
     }
 };
 
-// The logarithm is taken over the bins that the filters reach plus one, but never behind the
-// spectrum.
+// The logarithm is taken over the bins that the filters reach plus one, but never past the
+// spectrum's end.
 int logRange(const KTMFCCFilters& filters, int nBins) {
     int nLog = nBins;
     if (filters.firstBin < nBins && filters.lastBin < nBins)
@@ -228,7 +229,7 @@ bool transformFrame(const Frame& frame, int skip, int nOut, float* pCeps, const 
     return true;
 }
 
-// The whole road in float. False after any report, whose handler may have released the buffers and
+// All steps in float. False after any report, whose handler may have released the buffers and
 // cleared the status.
 bool cepstrum(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps, float thresh,
               int flags) {
@@ -272,7 +273,7 @@ void KTsCepstralMFCC(KTMFCCFilters* filters, float* pIn, float* pCeps, int nCeps
 void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps, int thresh,
                      int flags, int inScale, int outMode, int* pOutScale) {
     if (filters == nullptr) return;
-    int noScale = 0;
+    const ktl::CallScale outScale(pOutScale);
     CepsBuffers& buffers = KTGetContext()->Ceps;
     fitCapacities(buffers, {filters->nFilters, filters->fftLen, nCeps});
     if (!takeFixedBuffers(buffers, "KTwCepstralMFCC")) return;
@@ -285,8 +286,7 @@ void KTwCepstralMFCC(KTMFCCFilters* filters, short* pIn, short* pCeps, int nCeps
         if (KTGetStatus() < 0) module.backtrace();
         return;
     }
-    KTswbConvertDown(buffers.tempCeps, pCeps, nCeps, outMode,
-                     pOutScale != nullptr ? pOutScale : &noScale);
+    KTswbConvertDown(buffers.tempCeps, pCeps, nCeps, outMode, outScale.get());
 }
 
 void KTsLiftering(float* pCeps, int n, int L) {
@@ -314,7 +314,7 @@ void KTFreeCepsTbls(void) {
     CepsBuffers& ceps = KTGetContext()->Ceps;
     releaseStaging(ceps);
     for (void** spare : {&ceps.spare0, &ceps.spare1, &ceps.spare2, &ceps.spare3, &ceps.spare4}) {
-        ownFreeAligned(*spare);
+        vsq::freeAligned(*spare);
         *spare = nullptr;
     }
     ceps.fftLen = ceps.nFilters = ceps.nCeps = 0;

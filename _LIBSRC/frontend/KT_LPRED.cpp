@@ -30,15 +30,9 @@ int paddedLength(long long n) {
 // Makes `table` one of nRows rows of at least `length` floats. A table that is there and long
 // enough stays.
 bool growTable(float**& table, int& capacity, int nRows, int length) {
-    if (length >= 0 && capacity >= length) return true;
-    KTFree2(table);
-    table = nullptr;
-    capacity = 0;
-    float** grown = KTsAlloc2(nRows, length);
-    if (grown == nullptr) return false;
-    table = grown;
-    capacity = length;
-    return true;
+    return (length >= 0 && capacity >= length) ||
+           ktl::renewBlock(table, capacity, length, KTFree2,
+                           [=] { return KTsAlloc2(nRows, length); });
 }
 
 int lagsOf(int order) {

@@ -34,17 +34,16 @@ constexpr signed char fixedLimits[largestOrder + 1] = {0,  1,  3,  7,  15, 13, 1
 
 constexpr int mostDirect = 22; // the largest of the limits
 
-constexpr int transformFlags = 0x201; // forward, the Nyquist term in element 1
-constexpr int fixedRoundMode = 0x2000;
+// The Nyquist term comes in element 1.
+constexpr int transformFlags = VSQ_Forw | VSQ_RCPerm;
 
 // --- aligned areas inside plain blocks ---
 
-constexpr std::uintptr_t alignment = 32;
+constexpr std::size_t alignment = 32;
 
 template <class T>
 T* alignedArea(void* block) {
-    const auto address = reinterpret_cast<std::uintptr_t>(block);
-    return reinterpret_cast<T*>((address + alignment - 1) & ~(alignment - 1));
+    return ktl::aligned<T>(block, alignment);
 }
 
 // --- twiddle tables ---
@@ -113,13 +112,8 @@ void* calcTwiddle(int limit, int n, const char* funcName) {
 template <class Calc>
 bool renewTable(void*& table, int& order, int& length, int fftOrder, int nCoef, Calc calc) {
     if (order == fftOrder && length == nCoef) return true;
-    std::free(table);
-    table = nullptr;
-    order = length = 0;
-    void* const made = calc();
-    if (made == nullptr) return false; // what a report's handler may have stored meanwhile stays
-    table = made;
-    order = fftOrder;
+    length = 0;
+    if (!ktl::renewBlock(table, order, fftOrder, std::free, calc)) return false;
     length = nCoef;
     return true;
 }
@@ -127,14 +121,9 @@ bool renewTable(void*& table, int& order, int& length, int fftOrder, int nCoef, 
 // A work buffer of at least this order's size; there is none at first, though the stored order says
 // 0.
 bool growBuffer(void*& buffer, int& order, int fftOrder, std::int64_t size) {
-    if (buffer != nullptr && order >= fftOrder) return true;
-    std::free(buffer);
-    buffer = nullptr;
-    order = 0;
-    buffer = ktl::allocPlain<char>(size);
-    if (buffer == nullptr) return false;
-    order = fftOrder;
-    return true;
+    return (buffer != nullptr && order >= fftOrder) ||
+           ktl::renewBlock(buffer, order, fftOrder, std::free,
+                           [=] { return ktl::allocPlain<char>(size); });
 }
 
 // --- the transform's input ---
@@ -177,7 +166,7 @@ void invert(float* magnitude, int n, float gain) {
     vsqsbMpy1(gain, magnitude, n);
 }
 
-// --- float flavour: magnitudes of A, false after a report ---
+// --- float: magnitudes of A, false after a report ---
 
 bool transformFloats(const float* coef, int nCoef, float* spec, int fftOrder) {
     KTContext* pKTContext = KTGetContext();
@@ -217,7 +206,7 @@ bool evaluateFloats(const float* coef, int nCoef, float* spec, int fftOrder) {
     return true;
 }
 
-// --- fixed-point flavour: the same, into the float area of the context's buffer ---
+// --- fixed: the same, into the float area of the context's buffer ---
 
 // -2^(-inScale), of which 16 bits are kept; where the scale leaves no such integer, 0.
 short minusOneAt(int inScale) {
@@ -240,7 +229,7 @@ bool transformIntegers(const short* coef, int nCoef, float* area, int fftOrder, 
     const int n = 1 << fftOrder;
     short* v = reinterpret_cast<short*>(area);
     fillInput(v, minusOneAt(inScale), coef, nCoef, 2 * std::int64_t(n));
-    vsqwRealFftl(v, fftOrder + 1, transformFlags | fixedRoundMode, 0, nullptr);
+    vsqwRealFftl(v, fftOrder + 1, transformFlags | VSQ_RoundMode0, 0, nullptr);
     if (KTGetStatus() < 0) {
         module.backtrace("KTwLPSpectrum");
         return false;

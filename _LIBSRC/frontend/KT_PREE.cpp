@@ -1,6 +1,7 @@
 // Pre-emphasis, y[i] = x[i] - alpha * x[i-1], in place and block by block: no state crosses from
 // one call to the next.
 #include "frame/KT_ERROR.h"
+#include "frame/numeric.h"
 #include "frame/scratch.h"
 
 #include "levels/levels.h"
@@ -40,10 +41,9 @@ void filterIntegers(short* vec, float alpha, int n, int scaleMode, int& scale) {
     } else if (scaleMode == KT_NoScale) {
         kernels.shiftFixed(vec, n, alphaQ, fractionBits);
         scale = 0;
-        // KT_FixedScale; any mode beyond the four rescales only the first sample, and keeps the
-        // scale as
     } else {
-        // well
+        // KT_FixedScale; any mode beyond the four rescales only the first sample, and keeps the
+        // scale as well.
         kernels.shiftFixed(vec, n, alphaQ, fractionBits + (scaleMode == KT_FixedScale ? scale : 0));
         vec[0] = rescaled(vec[0], scale);
     }
@@ -71,12 +71,11 @@ void KTsPreemphasize(float* pVec, float alpha, int n) {
 // toward zero.
 void KTwPreemphasize(short* pVec, float alpha, int n, int scaleMode, int* pScale) {
     if (n <= 0) return;
-    int ownScale = 0;
-    int* const scale = pScale != nullptr ? pScale : &ownScale;
+    const ktl::CallScale scale(pScale);
     if (fitsIntegers(alpha, scaleMode, *scale))
         filterIntegers(pVec, alpha, n, scaleMode, *scale);
     else
-        filterThroughFloats(pVec, alpha, n, scaleMode, scale);
+        filterThroughFloats(pVec, alpha, n, scaleMode, scale.get());
 }
 
 void KTFreePreemphasizeTbls(void) {

@@ -34,18 +34,11 @@ struct FilterEdges {
     double right;
 };
 
-KTMFCCFilters* ownAllocFilters(int n) {
-    return ownAllocRecords<KTMFCCFilters>(n);
-}
-FilterEdges* ownAllocFilterEdges(int n) {
-    return ownAllocRecords<FilterEdges>(n);
-}
-
 void releaseFilters(void* filters) {
     KTsFreeMFCCFilters(static_cast<KTMFCCFilters*>(filters));
 }
 using FiltersGuard = ktl::Held<KTMFCCFilters, releaseFilters>;
-using EdgesGuard = ktl::Held<FilterEdges, ownFreeAligned>;
+using EdgesGuard = ktl::Held<FilterEdges, vsq::freeAligned>;
 
 // --- mel scale ---
 
@@ -195,7 +188,7 @@ private:
 };
 
 // Sets the common length of the leading filters from the number of bins of each: the linear ones,
-// and the mel filters behind them as long as they are no longer and the length is at most 4.
+// and the mel filters after them as long as they are no longer and the length is at most 4.
 void shareLength(KTMFCCFilters& filters, const FilterEdges* edges, int nLinear) {
     filters.commonLen = filters.nCommon = 0;
     if (nLinear == 0) return;
@@ -311,7 +304,8 @@ void planRow(const KTMFCCFilters& filters, int i, const float* source, int nBloc
     }
 }
 
-// Fills the plan's arrays: `room` doubles, cleared here, and bins and block counts behind disFft.
+// Fills the plan's arrays: `room` doubles, cleared here, and the bins and block counts that follow
+// those of disFft.
 void makePlan(KTMFCCFilters& filters, double* weights, std::size_t room) {
     const int nGroups = groupsOf(filters.nFilters);
     int* firstBin = filters.disFft + filters.nFilters;
@@ -359,11 +353,11 @@ void dctTwiddles(float* twiddles, int n) {
 }
 
 bool allocateDct(KTMFCCFilters& filters, int n) {
-    filters.dctIn = ownAllocComplex(n);
+    filters.dctIn = ktl::allocComplex(n);
     if (!have(filters.dctIn, "insufficiency of memory for pointer  filters->dctIn")) return false;
-    filters.dctSrc = ownAllocFloats(n);
+    filters.dctSrc = ktl::allocFloats(n);
     if (!have(filters.dctSrc, "insufficiency of memory for pointer  filters->dctSrc")) return false;
-    filters.dctOut = ownAllocComplex(n);
+    filters.dctOut = ktl::allocComplex(n);
     return have(filters.dctOut, "insufficiency of memory for pointer  filters->dctOut");
 }
 
@@ -406,15 +400,15 @@ WeightRoom weightRoom(const KTMFCCFilters& filters) {
 
 bool allocateBins(KTMFCCFilters& filters, const WeightRoom& room) {
     // 2^31 bins are more than an int counts, and their weights more than can be had.
-    filters.FilWeight = filters.fftOrder == 31 ? nullptr : ownAllocFloats(room.nFloats);
+    filters.FilWeight = filters.fftOrder == 31 ? nullptr : ktl::allocFloats(room.nFloats);
     if (!have(filters.FilWeight, "insufficiency of memory for pointer  filters->FilWeight"))
         return false;
     const std::int64_t planInts =
         std::int64_t{groupsOf(filters.nFilters)} * (MelPlan::rowsPerGroup + 1);
     const std::int64_t nInts = filters.nFilters + planInts;
-    filters.disFft = nInts <= INT_MAX ? ownAllocRecords<int>(static_cast<int>(nInts)) : nullptr;
+    filters.disFft = nInts <= INT_MAX ? vsq::allocAligned<int>(static_cast<int>(nInts)) : nullptr;
     if (!have(filters.disFft, "insufficiency of memory for pointer  filters->disFft")) return false;
-    filters.adrFft = ownAllocRecords<const float*>(filters.nFilters);
+    filters.adrFft = vsq::allocAligned<const float*>(filters.nFilters);
     return have(filters.adrFft, "insufficiency of memory for pointer  filters->adrFft");
 }
 
@@ -439,14 +433,14 @@ bool fillBank(KTMFCCFilters& filters, const BankRequest& request, const FilterEd
 // The record for a sound request, or null after a report; what was allocated until then is
 // released.
 KTMFCCFilters* designBank(const BankRequest& request, const MelScale& scale) {
-    FiltersGuard filters(ownAllocFilters(1));
+    FiltersGuard filters(vsq::allocAligned<KTMFCCFilters>(1));
     if (!have(filters.get(), "insufficiency of memory for pointer  filters")) return nullptr;
     filters[0] = {};
-    const EdgesGuard edges(ownAllocFilterEdges(request.nFilters));
+    const EdgesGuard edges(vsq::allocAligned<FilterEdges>(request.nFilters));
     if (!have(edges.get(), "insufficiency of memory for pointer  tempFilter")) return nullptr;
     if (!allocateDct(filters[0], request.nFilters)) return nullptr;
     dctTwiddles(filters[0].dctIn, request.nFilters);
-    filters[0].FilLength = ownAllocRecords<int>(request.nFilters);
+    filters[0].FilLength = vsq::allocAligned<int>(request.nFilters);
     if (!have(filters[0].FilLength, "insufficiency of memory for pointer  filters->FilLength"))
         return nullptr;
     storeSizes(filters[0], request.fftOrder, request.nFilters);
@@ -494,14 +488,14 @@ KTMFCCFilters* KTwMFCCInit(int fftOrder, int nFilters, int lowFreq, int highFreq
 
 void KTsFreeMFCCFilters(KTMFCCFilters* filters) {
     if (filters == nullptr) return;
-    ownFreeAligned(filters->FilWeight);
-    ownFreeAligned(filters->FilLength);
-    ownFreeAligned(filters->disFft);
-    ownFreeAligned(filters->adrFft);
-    ownFreeAligned(filters->dctSrc);
-    ownFreeAligned(filters->dctIn);
-    ownFreeAligned(filters->dctOut);
-    ownFreeAligned(filters);
+    vsq::freeAligned(filters->FilWeight);
+    vsq::freeAligned(filters->FilLength);
+    vsq::freeAligned(filters->disFft);
+    vsq::freeAligned(filters->adrFft);
+    vsq::freeAligned(filters->dctSrc);
+    vsq::freeAligned(filters->dctIn);
+    vsq::freeAligned(filters->dctOut);
+    vsq::freeAligned(filters);
 }
 
 void KTwFreeMFCCFilters(KTMFCCFilters* filters) {

@@ -6,7 +6,7 @@
 
 #include "levels/levels.h"
 
-// Float in both data flavours. Every array is an aligned block of its own, freed by
+// Float in both numeric forms. Every array is an aligned block of its own, freed by
 // KTsFreeMFCCFilters. A spectrum has fftLen bins, of which a caller gives the first fftLen/2 + 1;
 // the others mirror them.
 struct KTMFCCFilters {
@@ -27,10 +27,10 @@ struct KTMFCCFilters {
     float* dctOut; // nFilters complex: its spectrum
     int dctOrder;  // base-2 logarithm of nFilters where that is a power of two, otherwise 0
 
-    // Behind the fields that the design is about: what makes filtering fast and safe.
-    // one more than the highest bin that has a weight: what filtering reads of a spectrum
+    // Beyond what the design is about: what makes filtering fast and safe.
+    // One more than the highest bin that has a weight: what filtering reads of a spectrum.
     int nReached;
-    // no rows where the spectrum is too short for whole blocks; its arrays stand behind
+    // No rows where the spectrum is too short for whole blocks. Its arrays follow FilWeight's
+    // weights and disFft's bins in the same blocks.
     vsq::MelPlan plan;
-    // FilWeight's weights and disFft's bins, in the same blocks
 };

@@ -32,12 +32,10 @@ std::int64_t countBytes(const Shape& shape, int elementBytes, int vectorBytes, i
 }
 
 unsigned char* alignedStart(GaussMixServer* server) {
-    auto* base = reinterpret_cast<unsigned char*>(server);
-    const auto address = reinterpret_cast<std::uintptr_t>(base) + naturalReserve;
-    return base + naturalReserve - (address & (blockAlignment - 1));
+    return aligned<unsigned char>(server + 1, blockAlignment);
 }
 
-// Hands out the block's arrays one behind the other.
+// Hands out the block's arrays one after the other.
 class Cutter {
 public:
     explicit Cutter(unsigned char* start) : next(start) {}
@@ -87,7 +85,7 @@ void setPointers(GaussMixServer* server, bool full) {
     const int dimPad = padded(server->nDim), mixPad = padded(server->nMix);
     Cutter cutter(alignedStart(server));
     if constexpr (std::is_same_v<T, float>) server->pNormWeights = cutter.take<float>(mixPad);
-    server->pWork = cutter.take<typename Flavour<T>::Work>(mixPad);
+    server->pWork = cutter.take<typename Form<T>::Sum>(mixPad);
     server->pWeights = cutter.take<T>(mixPad);
     cutRows<T>(cutter, server->ppMeans, server, dimPad, mixPad);
     if (full)
@@ -117,7 +115,7 @@ GaussMixServer* createServer(const Shape& shape) {
     if (server == nullptr) return nullptr;
     server->nDim = shape.nDim;
     server->nMix = shape.nMix;
-    server->flags = Flavour<T>::flag | (shape.full ? KT_GAUSS_FULL : KT_GAUSS_DIAGONAL);
+    server->flags = Form<T>::flag | (shape.full ? KT_GAUSS_FULL : KT_GAUSS_DIAGONAL);
     server->nObservations = 1;
     server->nBytes = static_cast<int>(imageReserve + dataBytes<T>(shape, 4));
     setPointers<T>(server, shape.full);
@@ -141,18 +139,13 @@ WorkMatrix workMatrix(int n) {
     const auto wide = static_cast<std::size_t>(n);
     const auto stride = static_cast<std::size_t>(padded(n));
     const std::size_t head = wide * (sizeof(float*) + sizeof(int)) + blockAlignment - 1;
-    if (n > context->gaussBufferLen) {
-        std::free(context->gaussBuffer);
-        context->gaussBufferLen = 0;
-        context->gaussBuffer = std::malloc(head + wide * stride * sizeof(float));
-        if (context->gaussBuffer == nullptr) return {};
-        context->gaussBufferLen = n;
-    }
-    auto* base = static_cast<unsigned char*>(context->gaussBuffer);
-    auto* rows = reinterpret_cast<float**>(base);
+    if (n > context->gaussBufferLen &&
+        !renewBlock(context->gaussBuffer, context->gaussBufferLen, n, std::free,
+                    [=] { return std::malloc(head + wide * stride * sizeof(float)); }))
+        return {};
+    auto* rows = static_cast<float**>(context->gaussBuffer);
     auto* pivots = reinterpret_cast<int*>(rows + n);
-    const auto end = reinterpret_cast<std::uintptr_t>(base) + head;
-    auto* row = reinterpret_cast<float*>(base + head - (end & (blockAlignment - 1)));
+    auto* row = aligned<float>(pivots + n, blockAlignment);
     for (int i = 0; i < n; ++i, row += stride)
         rows[i] = row;
     return {rows, pivots};

@@ -1,12 +1,13 @@
 // Gaussian mixture servers, as the semicontinuous codebook and the HMM modules use them.
 #pragma once
 
+#include "frame/blocks.h"
 #include "frame/types.h"
 
 #include <cstddef>
 
-// A mixture of nMix Gaussians in nDim dimensions: this record, and behind it in the same block the
-// arrays that it points to. One free releases it. T is float in the float flavour and short in the
+// A mixture of nMix Gaussians in nDim dimensions: this record, and after it in the same block the
+// arrays that it points to. One free releases it. T is float in the float form and short in the
 // fixed one; the tables hold real T*, so the fields are reached through the views below. Every row
 // has padded(nDim) elements, the last ones zero.
 struct GaussMixServer {
@@ -15,14 +16,14 @@ struct GaussMixServer {
     // T***: nMix tables of nDim rows of a symmetric matrix; null for a diagonal server
     void* pppInverseCov;
     void* ppInverseCovD; // T**: nMix diagonals; null for a full server
-    // float flavour: the weights as evaluation uses them; null in the fixed flavour
+    // float form: the weights as evaluation uses them; null in the fixed form
     float* pNormWeights;
     void* pWork; // one float or int per mixture, written by every evaluation
     int nDim;
     int nMix;
     int flags;
-    int scale;         // fixed flavour: a quadratic form is its integer * 2^scale; float flavour: 0
-    int nObservations; // training vectors behind the server; 1 for an initialised one
+    int scale;         // fixed form: a quadratic form is its integer * 2^scale; float form: 0
+    int nObservations; // training vectors that made the server; 1 for an initialised one
     int nBytes;        // size of the 32-bit image of the block, the same on every build
 };
 static_assert(sizeof(void*) != 4 || sizeof(GaussMixServer) == 48, "the record of a 32-bit build");
@@ -31,8 +32,7 @@ namespace ktl::gauss {
 
 // n rounded up to a multiple of 4.
 constexpr int padded(int n) {
-    constexpr int missing[] = {0, 3, 2, 1};
-    return n + missing[n & 3];
+    return roundUp(n, 4);
 }
 
 template <class T>

@@ -1,18 +1,18 @@
 // The block of a mixture server: sizes, layout, construction. For the KT_GAUSS modules themselves.
 //
-// Behind the record, from a 16-byte boundary on, stand without gaps
-//     float flavour: pNormWeights, pWork, pWeights, each padded(nMix) floats
-//     fixed flavour: pWork as padded(nMix) ints, pWeights as padded(nMix) shorts
+// After the record, from a 16-byte boundary on, stand without gaps
+//     float form: pNormWeights, pWork, pWeights, each padded(nMix) floats
+//     fixed form: pWork as padded(nMix) ints, pWeights as padded(nMix) shorts
 // and in both the mean row table (padded(nMix) pointers), the mean rows (nMix * padded(nDim)
 // elements), and the covariance:
 //     diagonal: a table of padded(nMix) pointers, nMix rows
 //     full: a table of padded(nMix) pointers, per mixture a table of padded(nDim) row pointers,
-//     then nMix *
-//     nDim rows
+//     then nMix * nDim rows
 // Files hold the same with pointers of 32 bits; nBytes is the size of that image, on every build.
 #pragma once
 
 #include "frame/KT_ERROR.h"
+#include "frame/numeric.h"
 #include "mixtures/KT_GAUSS.h"
 
 #include "vectors/scaledproduct.h"
@@ -30,19 +30,17 @@ inline constexpr char bothOrNeither[] =
 inline constexpr char noBlock[] = "insufficiency of memory for pointer  ptr";
 inline constexpr char noTable[] = "insufficiency of memory for pointer  ptr2";
 
-// What depends on the flavour alone.
+// What depends on the numeric form alone; T is the type of an element, Sum that of a work element.
 template <class T>
-struct Flavour;
+struct Form;
 template <>
-struct Flavour<float> {
-    using Work = float;
+struct Form<float> : FloatForm {
     static constexpr int flag = GAUSS_SERVER_FVR_S;
     // per padded mixture: normalised weight, work element, weight
     static constexpr int vectorBytes = 12;
 };
 template <>
-struct Flavour<short> {
-    using Work = int;
+struct Form<short> : FixedForm {
     static constexpr int flag = GAUSS_SERVER_FVR_W;
     static constexpr int vectorBytes = 6; // work element, weight
 };
@@ -60,23 +58,23 @@ inline Shape shapeOf(const GaussMixServer* server) {
 bool representable(const Shape& shape, int elementBytes, int vectorBytes);
 template <class T>
 bool representable(const Shape& shape) {
-    return representable(shape, int(sizeof(T)), Flavour<T>::vectorBytes);
+    return representable(shape, int(sizeof(T)), Form<T>::vectorBytes);
 }
 
-// Bytes of the data behind the record when a pointer takes `pointerBytes`; the shape is
+// Bytes of the data after the record when a pointer takes `pointerBytes`; the shape is
 // representable.
 std::size_t dataBytes(const Shape& shape, int elementBytes, int vectorBytes, int pointerBytes);
 template <class T>
 std::size_t dataBytes(const Shape& shape, int pointerBytes) {
-    return dataBytes(shape, int(sizeof(T)), Flavour<T>::vectorBytes, pointerBytes);
+    return dataBytes(shape, int(sizeof(T)), Form<T>::vectorBytes, pointerBytes);
 }
 
 // The image's record and alignment reserve: 48 bytes and 15.
 inline constexpr int imageReserve = 0x3f;
 
-// A zeroed block with its pointers, dimensions, flags (flavour, full or diagonal) and nBytes set
-// and nObservations 1; null for a shape that is not representable or when memory ran out, and no
-// report.
+// A zeroed block with its pointers, dimensions, flags (numeric form, full or diagonal) and nBytes
+// set and nObservations 1; null for a shape that is not representable or when memory ran out, and
+// no report.
 template <class T>
 GaussMixServer* createServer(const Shape& shape);
 

@@ -28,20 +28,20 @@ short saturated(float value, int scale, double factor) {
 }
 
 void convertDown(const float* src, short* dst, std::ptrdiff_t n, int scale) {
-    const double factor = ownFactorOfScale(scale);
+    const double factor = ktl::factorOfScale(scale);
     for (std::ptrdiff_t i = 0; i < n; ++i)
         dst[i] = saturated(src[i], scale, factor);
 }
 
 // One report's worth of checks, the same for both directions. Where flags were lost, what is there
 // decides.
-bool acceptable(const GaussMixServer* server, bool wrongFlavour, const char* refusal,
+bool acceptable(const GaussMixServer* server, bool wrongForm, const char* refusal,
                 const char* funcName) {
     if ((server->pppInverseCov == nullptr) == (server->ppInverseCovD == nullptr)) {
         module.report(KT_StsBadArg, bothOrNeither, funcName);
         return false;
     }
-    if (wrongFlavour) {
+    if (wrongForm) {
         module.report(KT_StsBadArg, refusal, funcName);
         return false;
     }

@@ -3,13 +3,11 @@
 #include "frame/stream.h"
 #include "mixtures/mixture_block.h"
 
-#include <array>
-
 namespace ktl::gauss {
 namespace {
 
 constexpr char tag[4] = {'G', 'A', 'U', 'S'};
-constexpr int longestTail = 15; // meaningless bytes behind a payload
+constexpr int longestTail = 15; // meaningless bytes after a payload
 
 // The record's words, in file order; pointers of the writer's memory, of which readers look at null
 // or not null only.
@@ -29,12 +27,12 @@ enum Word {
     wordCount
 };
 constexpr std::uint32_t presentPointer = 0x30; // stands for any pointer that is not null
-using Record = std::array<std::uint32_t, wordCount>;
+using Record = Words<wordCount>;
 
 // The payload's arrays in file order: values(array, count) for elements, table(count) for pointers.
 template <class T, class Visitor>
 void visitPayload(const GaussMixServer* server, Visitor& visitor) {
-    using Work = typename Flavour<T>::Work;
+    using Work = typename Form<T>::Sum;
     const Shape shape = shapeOf(server);
     const int mixPad = padded(shape.nMix);
     if constexpr (std::is_same_v<T, float>) visitor.values(server->pNormWeights, mixPad);
@@ -92,7 +90,7 @@ Record recordOf(const GaussMixServer* server, int payloadBytes) {
             unsigned(server->nObservations), unsigned(payloadBytes)};
 }
 
-// How far the image's data start behind a block's base: its record, and up to 15 bytes to the next
+// How far the image's data start after a block's base: its record, and up to 15 bytes to the next
 // boundary.
 int imageStart(const void* base) {
     return imageReserve - int((reinterpret_cast<std::uintptr_t>(base) + imageReserve) & 0xf);
@@ -109,16 +107,11 @@ void writeServer(FILE* stream, const GaussMixServer* server) {
     encoder.values(meaningless, imageReserve - imageStart(server));
 }
 
-bool readTag(FILE* stream) {
-    char read[sizeof tag];
-    return readElements(stream, read, sizeof read) && std::memcmp(read, tag, sizeof tag) == 0;
-}
-
 // Flags are kept as they are, so they have to say what is there: a fixed server is told from a
 // float one by its own bit, and training takes the shape of a covariance from its bit.
 template <class T>
 bool flagsAgree(int flags, const Shape& shape) {
-    return (flags & Flavour<T>::flag) != 0 && ((flags & KT_GAUSS_FULL) != 0) == shape.full;
+    return (flags & Form<T>::flag) != 0 && ((flags & KT_GAUSS_FULL) != 0) == shape.full;
 }
 
 template <class T>
@@ -163,7 +156,7 @@ void KTWriteGaussMixServer(FILE* pFile, GaussMixServer* pServer) {
 
 GaussMixServer* KTReadGaussMixServer(FILE* pFile) {
     Record record;
-    if (pFile == nullptr || !readTag(pFile) || !ktl::readElements(pFile, record.data(), wordCount))
+    if (pFile == nullptr || !ktl::readTag(pFile, tag) || !ktl::readWords(pFile, record))
         return nullptr;
     if ((record[wordInverseCov] == 0) == (record[wordInverseCovD] == 0)) {
         module.report(KT_StsBadArg, bothOrNeither);

@@ -1,4 +1,5 @@
 // The fixed exponential and the 64-bit dot product of the fixed mixtures.
+#include "frame/numeric.h"
 #include "mixtures/KT_GAUSS.h"
 #include "mixtures/exponential_fixed_table.h"
 
@@ -82,15 +83,14 @@ void ktl::gauss::fixedDensities(int* forms, const short* weights, int nMix, int 
 
 int KTwDotMix(const int* pValues, const short* pWeights, int nMix, int scaleMode, int* pScale) {
     if (nMix < 2) return 0;
-    int unscaled = 0;
-    if (pScale == nullptr) pScale = &unscaled;
+    const ktl::CallScale scale(pScale);
     std::uint64_t wrapped =
         0; // exact: below 131,072 mixtures no sum of a 32-bit by a 16-bit value reaches 2^63
     for (int k = 0; k < nMix; ++k)
         wrapped += std::uint64_t(std::int64_t(pValues[k]) * pWeights[k]);
     const auto sum = std::int64_t(wrapped);
-    if (scaleMode == KT_FixedScale) return fixedScale(sum, *pScale);
-    if (scaleMode == KT_AutoScale) return autoScale(sum, pScale);
-    *pScale = 0;
+    if (scaleMode == KT_FixedScale) return fixedScale(sum, *scale);
+    if (scaleMode == KT_AutoScale) return autoScale(sum, scale.get());
+    *scale = 0;
     return scaleMode == KT_NoScale ? lowWord(sum >> 30) : saturate(sum);
 }

@@ -10,7 +10,7 @@
 namespace ktl::gauss {
 namespace {
 
-// What differs between the flavours of the input: the kernels that sum it.
+// What differs between the numeric forms of the input: the kernels that sum it.
 template <class T>
 struct Sums;
 template <>

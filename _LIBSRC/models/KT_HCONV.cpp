@@ -144,7 +144,7 @@ public:
     static constexpr short weightFiller = 0;
 
     Down(int scale, const MixtureScales& scalesOfMixtures)
-        : recordScale(scale), factor(ownFactorOfScale(scale)), mixtureScales(scalesOfMixtures) {}
+        : recordScale(scale), factor(ktl::factorOfScale(scale)), mixtureScales(scalesOfMixtures) {}
 
     int value(float x) const { return pinned(x, 2097151.0); }
     short weight(float x) const { return static_cast<short>(pinned(x, 32767.0)); }
@@ -187,7 +187,7 @@ public:
     static constexpr float weightFiller = 0.0f;
 
     Up(int scale, const MixtureScales& scalesOfMixtures)
-        : factor(narrowed(ownFactorOfScale(scale))), mixtureScales(scalesOfMixtures) {}
+        : factor(narrowed(ktl::factorOfScale(scale))), mixtureScales(scalesOfMixtures) {}
 
     float value(int v) const {
         if (v >= 0x7FFF) return hmm::absentCost;

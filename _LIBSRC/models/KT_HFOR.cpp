@@ -201,7 +201,7 @@ float evaluate(int hmm, const Outputs& outputs, int nFrames, int* pBest) {
 // caller's caller.
 bool begin(int*& pBest, int& unwanted) {
     if (pBest == nullptr) pBest = &unwanted;
-    if ((KTGetContext()->hmmMode & HMM_MODE_READY) == 0) return false;
+    if (!ktl::registryReady()) return false;
     *pBest = 0;
     return true;
 }

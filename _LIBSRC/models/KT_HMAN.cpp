@@ -11,10 +11,6 @@ namespace {
 
 constexpr ktl::Module module{"..\\_LIBSRC\\KT_HMAN"};
 
-bool ready() {
-    return (KTGetContext()->hmmMode & HMM_MODE_READY) != 0;
-}
-
 // --- domain flags ---
 
 bool refusesFixed(int flags, const char* funcName) {
@@ -57,7 +53,7 @@ constexpr CodebookTexts fixedTexts{"_wSemicontCodebook->status==0",
 
 // 0, or the Init's failure value after its report; -1 where there is not even a registry.
 int checkCodebook(bool isFixed, int nSymbols, int nQuant, const char* funcName) {
-    if (!ready()) return -1;
+    if (!ktl::registryReady()) return -1;
     const SemicontCodebook* codebook =
         isFixed ? KTGetContext()->wSemicont : KTGetContext()->sSemicont;
     const CodebookTexts& texts = isFixed ? fixedTexts : floatTexts;
@@ -139,8 +135,7 @@ bool takeOver(HMMServer* server, const Request& request) {
 }
 
 int create(const Request& request, const char* funcName) {
-    KTInitHMMRegistry();
-    if (!ready() || refusesSizes(request, funcName)) return -1;
+    if (!ktl::startRegistry() || refusesSizes(request, funcName)) return -1;
     HMMServer* server = ownNewHMMRecord();
     if (server == nullptr) return -1;
     server->nQuant = request.nQuant;
@@ -222,7 +217,7 @@ bool copyContents(const HMMServer* source, HMMServer* target) {
 } // namespace
 
 HMMServer* ownNewHMMRecord() {
-    return static_cast<HMMServer*>(std::calloc(1, sizeof(HMMServer)));
+    return ktl::zeroed<HMMServer>();
 }
 
 GaussMixServer* ownCopyMixture(const GaussMixServer* source) {
@@ -336,7 +331,7 @@ void KTFreeHMMServer(int id) {
 }
 
 void KTHMMFreeAll(void) {
-    if (!ready()) return;
+    if (!ktl::registryReady()) return;
     KTContext* context = KTGetContext();
     KTsFreeSemicontCodebook();
     KTwFreeSemicontCodebook();

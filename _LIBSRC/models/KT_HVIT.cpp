@@ -257,10 +257,6 @@ bool evaluateSemicont(int hmm, const typename Form::Feature* const* frames, int 
                           best);
 }
 
-bool ready() {
-    return (KTGetContext()->hmmMode & HMM_MODE_READY) != 0;
-}
-
 // The result at the caller's scale: a shift by *pScale in the fixed mode, as it stands in any
 // other. Nothing saturates.
 int scaled(int best, int scaleMode, int* pScale) {
@@ -277,30 +273,34 @@ int scaled(int best, int scaleMode, int* pScale) {
 
 float KTsEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest) {
     float best = FloatForm::failure;
-    const bool done = ready() && evaluate<FloatForm>(hmm, Discrete<FloatForm>{observations},
-                                                     nFrames, pBest, &best);
+    const bool done =
+        ktl::registryReady() &&
+        evaluate<FloatForm>(hmm, Discrete<FloatForm>{observations}, nFrames, pBest, &best);
     return done ? best : FloatForm::failure;
 }
 
 float KTsEvalContHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest) {
     float best = FloatForm::failure;
     const bool done =
-        ready() && evaluate<FloatForm>(hmm, Continuous<FloatForm>(frames), nFrames, pBest, &best);
+        ktl::registryReady() &&
+        evaluate<FloatForm>(hmm, Continuous<FloatForm>(frames), nFrames, pBest, &best);
     return done ? best : FloatForm::failure;
 }
 
 float KTsEvalSemicontHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest) {
     float best = FloatForm::failure;
-    const bool done = ready() && evaluateSemicont<FloatForm>(hmm, frames, nFrames, pBest,
-                                                             "KTsEvalSemicontHMMViterbi", &best);
+    const bool done =
+        ktl::registryReady() && evaluateSemicont<FloatForm>(hmm, frames, nFrames, pBest,
+                                                            "KTsEvalSemicontHMMViterbi", &best);
     return done ? best : FloatForm::failure;
 }
 
 int KTwEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest, int scaleMode,
                       int* pScale) {
     int best = FixedForm::failure;
-    const bool done = ready() && evaluate<FixedForm>(hmm, Discrete<FixedForm>{observations},
-                                                     nFrames, pBest, &best);
+    const bool done =
+        ktl::registryReady() &&
+        evaluate<FixedForm>(hmm, Discrete<FixedForm>{observations}, nFrames, pBest, &best);
     return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
 }
 
@@ -308,14 +308,16 @@ int KTwEvalContHMMViterbi(int hmm, const short* const* frames, int nFrames, int*
                           int scaleMode, int* pScale) {
     int best = FixedForm::failure;
     const bool done =
-        ready() && evaluate<FixedForm>(hmm, Continuous<FixedForm>(frames), nFrames, pBest, &best);
+        ktl::registryReady() &&
+        evaluate<FixedForm>(hmm, Continuous<FixedForm>(frames), nFrames, pBest, &best);
     return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
 }
 
 int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest,
                               int scaleMode, int* pScale) {
     int best = FixedForm::failure;
-    const bool done = ready() && evaluateSemicont<FixedForm>(hmm, frames, nFrames, pBest,
-                                                             "KTwEvalSemicontHMMViterbi", &best);
+    const bool done =
+        ktl::registryReady() && evaluateSemicont<FixedForm>(hmm, frames, nFrames, pBest,
+                                                            "KTwEvalSemicontHMMViterbi", &best);
     return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
 }

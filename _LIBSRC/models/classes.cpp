@@ -12,14 +12,8 @@ namespace {
 
 constexpr ktl::Module module{"..\\_LIBSRC\\KT_HMAN"};
 
-bool ready(const KTContext* context) {
-    return (context->hmmMode & HMM_MODE_READY) != 0;
-}
-
-template <class T>
-T* zeroed() {
-    return static_cast<T*>(std::calloc(1, sizeof(T)));
-}
+using ktl::registryReady;
+using ktl::zeroed;
 
 void freeChunks(HMMClass* group) {
     for (HMMClassChunk* chunk = group->head; chunk != nullptr;) {
@@ -82,8 +76,7 @@ Place find(const HMMClass* group, int id) {
 bool growTable(HMMClass* group) {
     if (group->nChunks < group->chunkRoom) return true;
     const int room = group->chunkRoom == 0 ? 4 : 2 * group->chunkRoom;
-    auto** grown =
-        static_cast<HMMClassChunk**>(std::calloc(std::size_t(room), sizeof(HMMClassChunk*)));
+    auto** grown = zeroed<HMMClassChunk*>(std::size_t(room));
     if (grown == nullptr) return false;
     if (group->nChunks > 0)
         std::memcpy(grown, group->chunks, std::size_t(group->nChunks) * sizeof(HMMClassChunk*));
@@ -248,7 +241,7 @@ HMMServer* nextHMMInClass(HMMClass* group) {
 
 HMMClass* KTFindHMMClass(int classId) {
     const KTContext* context = KTGetContext();
-    if (!ready(context)) return nullptr;
+    if (!registryReady(context)) return nullptr;
     HMMClass* group = context->hmmClassList->next;
     while (group != context->hmmClassList && group->id < classId)
         group = group->next;
@@ -279,10 +272,9 @@ void KTFreeHMMClasses() {
 }
 
 int KTCreateHMMClass(void) {
-    KTInitHMMRegistry();
-    KTContext* context = KTGetContext();
-    HMMClass* group = ready(context) ? zeroed<HMMClass>() : nullptr;
+    HMMClass* group = ktl::startRegistry() ? zeroed<HMMClass>() : nullptr;
     if (group == nullptr) return -1;
+    KTContext* context = KTGetContext();
     HMMClass* before = context->hmmClassList;
     while (before->next->id == before->id + 1)
         before = before->next;

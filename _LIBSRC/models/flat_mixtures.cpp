@@ -39,8 +39,7 @@ bool takeWeights(GaussMixServer* const* mixtures, FlatMixtures* view) {
 }
 
 bool takeDensities(GaussMixServer* const* mixtures, FlatMixtures* view) {
-    view->codebook.ccgPdfs = static_cast<GaussMixServer**>(
-        std::calloc(std::size_t(view->codebook.nSymbols) + 1, sizeof(GaussMixServer*)));
+    view->codebook.ccgPdfs = ktl::zeroed<GaussMixServer*>(std::size_t(view->codebook.nSymbols) + 1);
     if (view->codebook.ccgPdfs == nullptr) return false;
     GaussMixServer** density = view->codebook.ccgPdfs;
     for (int i = 0; i < view->nStates; ++i)
@@ -59,12 +58,12 @@ bool takeDensities(GaussMixServer* const* mixtures, FlatMixtures* view) {
 
 FlatMixtures* ownsFlattenMixtures(GaussMixServer* const* mixtures, int nStates, int nQuant) {
     if (mixtures == nullptr || nStates < 1) return nullptr;
-    auto* view = static_cast<FlatMixtures*>(std::calloc(1, sizeof(FlatMixtures)));
+    auto* view = ktl::zeroed<FlatMixtures>();
     if (view == nullptr) return nullptr;
     view->nStates = nStates;
     view->codebook.nQuant = nQuant;
     view->codebook.status = HMM_SERVER_FLOAT;
-    view->pComponentStart = static_cast<int*>(std::calloc(std::size_t(nStates) + 1, sizeof(int)));
+    view->pComponentStart = ktl::zeroed<int>(std::size_t(nStates) + 1);
     if (view->pComponentStart == nullptr || !countComponents(mixtures, view) ||
         !takeWeights(mixtures, view) || !takeDensities(mixtures, view) || KTGetStatus() < 0 ||
         !ownsPreparePdfs(&view->codebook)) {

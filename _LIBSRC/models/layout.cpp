@@ -134,12 +134,6 @@ std::size_t TransitionMap::duplicate() const {
     return order == Order::byTarget ? 3 * std::size_t(n) - 3 : size();
 }
 
-void* allocateArray(std::size_t count, std::size_t elementSize) {
-    constexpr std::size_t slack = floatAlignment + 64;
-    if (count > (PTRDIFF_MAX - slack) / elementSize) return nullptr;
-    return std::calloc(1, count * elementSize + slack);
-}
-
 OutputShape OutputShape::of(unsigned status, int nStates, int nSymbols) {
     const bool fixed = (status & HMM_SERVER_SHORT) != 0;
     if ((status & HMM_SERVER_DISCRETE) != 0)

@@ -6,6 +6,7 @@
 // conversion and file goes through the one map given here.
 #pragma once
 
+#include "frame/blocks.h"
 #include "models/model.h"
 
 #include <cstddef>
@@ -27,10 +28,10 @@ enum class Order {
 inline constexpr int mostCount = 0x1FFFFFFF;
 
 constexpr int even(int n) {
-    return n + (n & 1);
+    return ktl::roundUp(n, 2);
 }
 constexpr int multipleOf4(int n) {
-    return (n + 3) & ~3;
+    return ktl::roundUp(n, 4);
 }
 
 inline Topology topologyOf(unsigned status) {
@@ -77,31 +78,19 @@ struct TransitionMap {
     std::size_t duplicate() const;
 };
 
-// First elements on the boundary that the kernels expect: 16 bytes in the float form, 8 in the
-// fixed one.
-inline constexpr std::size_t floatAlignment = 16, fixedAlignment = 8;
-
-template <class T>
-T* aligned(void* block, std::size_t alignment) {
-    const auto address = reinterpret_cast<std::uintptr_t>(block);
-    return reinterpret_cast<T*>((address + alignment - 1) & ~std::uintptr_t(alignment - 1));
-}
+using ktl::aligned;
+using ktl::allocateArray;
+using ktl::fixedAlignment;
+using ktl::floatAlignment;
+using ktl::floats;
 
 inline std::size_t alignmentOf(unsigned status) {
     return (status & HMM_SERVER_SHORT) != 0 ? fixedAlignment : floatAlignment;
 }
 
-inline float* floats(void* block) {
-    return aligned<float>(block, floatAlignment);
-}
 inline int* ints(void* block) {
     return aligned<int>(block, fixedAlignment);
 }
-
-// A zeroed block with room for `count` elements behind its aligned start and for a register's
-// length beyond them, so that vector loops may read whole groups; null when memory ran out or the
-// size is beyond the address space.
-void* allocateArray(std::size_t count, std::size_t elementSize);
 
 // The stored lengths of a model's vectors and rows.
 inline int initialsLength(unsigned status, int nStates) {

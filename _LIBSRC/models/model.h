@@ -1,6 +1,7 @@
 // The record of a hidden Markov model, the thread's registry of them, and their classes.
 #pragma once
 
+#include "frame/blocks.h"
 #include "frame/context.h"
 
 #include <cstddef>
@@ -39,20 +40,15 @@ struct HMMServer {
 static_assert(sizeof(void*) != 4 || offsetof(HMMServer, nHolds) == 64,
               "the record of a 32-bit build");
 
-// Bits of KTContext::hmmMode beside the public KT_HMM_REPLACE and KT_HMM_KEEP.
-inline constexpr unsigned HMM_MODE_READY = 0x01000000u; // the registry exists
-inline constexpr unsigned HMM_MODE_TILED =
-    0x00000100u; // keep logarithmic float transitions tiled; set by nothing yet
+// A bit of KTContext::hmmMode beside HMM_MODE_READY and the public KT_HMM_REPLACE and KT_HMM_KEEP:
+// keep logarithmic float transitions tiled. Nothing sets it yet.
+inline constexpr unsigned HMM_MODE_TILED = 0x00000100u;
 
 inline constexpr unsigned hmmDomainBits = KT_HMM_LOGARITHMIC | KT_HMM_EXPONENTIAL;
 inline constexpr unsigned hmmFormBits = HMM_SERVER_SHORT | HMM_SERVER_FLOAT;
 inline constexpr unsigned hmmTopologyBits = HMM_SERVER_TRIANGULAR | HMM_SERVER_BANDED;
 
 // --- registry (KT_HREG) ---
-
-// Creates the thread's registry where there is none. On exhaustion HMM_MODE_READY stays clear, and
-// nothing is reported.
-void KTInitHMMRegistry();
 
 // Gives a record the lowest free id and links it; returns the id, or -1 when memory ran out (the
 // record is then still the caller's). Constant time.
@@ -180,8 +176,7 @@ void ownFreeMixtures(GaussMixServer** mixtures);
 template <class Make>
 bool ownFillMixtures(HMMServer* server, int nStates, Make make) {
     if (nStates < 0) return false;
-    auto* mixtures = static_cast<GaussMixServer**>(
-        std::calloc(std::size_t(nStates) + 1, sizeof(GaussMixServer*)));
+    auto* mixtures = ktl::zeroed<GaussMixServer*>(std::size_t(nStates) + 1);
     if (mixtures == nullptr) return false;
     for (int i = 0; i < nStates; ++i) {
         mixtures[i] = make(i);

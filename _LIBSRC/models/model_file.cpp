@@ -43,7 +43,7 @@ enum Word {
     wordReserved1,
     wordCount
 };
-using Record = std::array<std::uint32_t, wordCount>;
+using Record = ktl::Words<wordCount>;
 
 constexpr std::uint32_t bodyPosition = sizeof(Header) + 4 * wordCount;
 static_assert(bodyPosition == 0x50);
@@ -141,7 +141,7 @@ bool writeBody(FILE* stream, const HMMServer* server, void* plainTransitions) {
     const auto words = [=](void* block) {
         return hmm::aligned<const std::uint32_t>(block, alignment);
     };
-    return ktl::writeElements(stream, record.data(), record.size()) &&
+    return ktl::writeWords(stream, record) &&
            ktl::writeElements(stream, words(server->initials), nInitials) &&
            ktl::writeElements(stream, words(plainTransitions), nTransitions) &&
            writeOutputs(stream, server) &&
@@ -159,28 +159,20 @@ bool writeHeader(FILE* stream, const char* name) {
 
 // --- reading ---
 
-constexpr std::size_t firstPiece = std::size_t(1) << 18; // bytes that are allocated on a mere claim
+using Block = ktl::Held<char, ktl::freePlain>;
 
-// An array of `count` elements behind the aligned start of its block; null when the stream held
-// fewer or memory ran out. Memory grows with what has come, to twice as much at most.
+// An array of `count` elements at the aligned start of its block; null when the stream held fewer
+// or memory ran out.
 template <class T>
 void* readArray(FILE* stream, std::size_t count, std::size_t alignment) {
-    std::size_t room = std::min(count, firstPiece / sizeof(T)), filled = 0;
-    void* block = hmm::allocateArray(room, sizeof(T));
-    while (block != nullptr &&
-           ktl::readElements(stream, hmm::aligned<T>(block, alignment) + filled, room - filled)) {
-        if (room == count) return block;
-        filled = room;
-        room = std::min(count, 2 * room);
-        void* grown = hmm::allocateArray(room, sizeof(T));
-        if (grown != nullptr)
-            std::memcpy(hmm::aligned<T>(grown, alignment), hmm::aligned<T>(block, alignment),
-                        filled * sizeof(T));
-        std::free(block);
-        block = grown;
-    }
-    std::free(block);
-    return nullptr;
+    Block block;
+    const auto allocate = [](std::uint64_t n) {
+        return Block(static_cast<char*>(hmm::allocateArray(std::size_t(n), sizeof(T))));
+    };
+    const auto first = [=](const Block& b) { return hmm::aligned<T>(b.get(), alignment); };
+    const bool isComplete =
+        ktl::readClaimed<T>(stream, count, block, allocate, first) == ktl::Arrival::complete;
+    return isComplete ? block.take() : nullptr;
 }
 
 // A table of small size is read to its place; a larger one first as an array that grows, since its
@@ -188,9 +180,8 @@ void* readArray(FILE* stream, std::size_t count, std::size_t alignment) {
 template <class T>
 void* readTable(FILE* stream, const hmm::OutputShape& shape, std::size_t alignment) {
     const std::size_t n = shape.elements();
-    const bool isLarge = n > firstPiece / sizeof(T);
-    ktl::Held<char, ktl::freePlain> array(
-        isLarge ? static_cast<char*>(readArray<T>(stream, n, alignment)) : nullptr);
+    const bool isLarge = n > ktl::claimedPiece<T>;
+    Block array(isLarge ? static_cast<char*>(readArray<T>(stream, n, alignment)) : nullptr);
     if (isLarge && !array) return nullptr;
     void* outputs = hmm::allocateOutputs(shape, alignment);
     if (outputs == nullptr) return nullptr;
@@ -307,13 +298,12 @@ void KTWriteHMMServer(FILE* stream, int hmm, const char* name) {
 }
 
 int KTReadHMMServer(FILE* stream, char* name) {
-    KTInitHMMRegistry();
-    if (stream == nullptr || (KTGetContext()->hmmMode & HMM_MODE_READY) == 0) return -1;
+    if (!ktl::startRegistry() || stream == nullptr) return -1;
     if (!readHeader(stream, name)) return -1;
     HMMServer* server = ownNewHMMRecord();
     if (server == nullptr) return -1;
     Record record;
-    bool complete = ktl::readElements(stream, record.data(), record.size());
+    bool complete = ktl::readWords(stream, record);
     if (complete) {
         takeRecord(record, server);
         complete = isPlausible(server) && readBody(stream, server, record[wordStateWords] != 0);

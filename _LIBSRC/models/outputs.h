@@ -42,8 +42,8 @@ void mixtureRow(const HMMServer* server, const float* frame, T* row) {
 
 // Semicontinuous models, float: every state's weights on the frame's densities.
 inline void weightedRow(const HMMServer* server, const float* densities, float* row) {
-    ownsMatVec(row, outputRows<const float>(server->outputs), densities, server->nStates,
-               server->nSymbols);
+    ktl::rowProducts(row, outputRows<const float>(server->outputs), densities, server->nStates,
+                     server->nSymbols);
 }
 
 } // namespace hmm

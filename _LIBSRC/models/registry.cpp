@@ -25,20 +25,15 @@ bool makePlace(ktl::IdTable<HMMServer>& table, int id) {
     return table.covers(id) || (table.capacity() <= HMM_CHUNK_LAST_KEY && table.grow());
 }
 
-template <class T>
-T* zeroed() {
-    return static_cast<T*>(std::calloc(1, sizeof(T)));
-}
-
 } // namespace
 
 void KTInitHMMRegistry() {
     KTContext* context = KTGetContext();
-    if ((context->hmmMode & HMM_MODE_READY) != 0) return;
-    HMMClass* classes = zeroed<HMMClass>();
-    Registry* servers = zeroed<Registry>();
-    SemicontCodebook* floatCodebook = zeroed<SemicontCodebook>();
-    SemicontCodebook* fixedCodebook = zeroed<SemicontCodebook>();
+    if (ktl::registryReady(context)) return;
+    auto* classes = ktl::zeroed<HMMClass>();
+    auto* servers = ktl::zeroed<Registry>();
+    auto* floatCodebook = ktl::zeroed<SemicontCodebook>();
+    auto* fixedCodebook = ktl::zeroed<SemicontCodebook>();
     if (classes == nullptr || servers == nullptr || floatCodebook == nullptr ||
         fixedCodebook == nullptr) {
         std::free(classes);
@@ -97,7 +92,7 @@ void KTUnregisterHMMServer(HMMServer* server) {
 
 HMMServer* KTFindHMMServer(int id) {
     const KTContext* context = KTGetContext();
-    if ((context->hmmMode & HMM_MODE_READY) == 0) return nullptr;
+    if (!ktl::registryReady(context)) return nullptr;
     return reinterpret_cast<const Registry*>(context->hmmServerList)->table.find(id);
 }
 

@@ -42,14 +42,14 @@ T* blockOf(T*** ppp) {
 }
 
 // The pointer array of a table: nLayers - 1 layer pointers into its own tail, where the row
-// pointers of all layers lie one layer after the other. Entries behind what the layers need keep
+// pointers of all layers lie one layer after the other. Entries after what the layers need keep
 // blockOf right where there is no layer or no neuron.
 template <class T>
 T*** allocPointers(const int* pCounts, int nLayers) {
     const std::ptrdiff_t neurons = neuronCount(pCounts, nLayers);
     if (neurons < 0) return nullptr;
     const std::size_t entries = std::size_t(neurons) + std::size_t(std::max(nLayers - 1, 1)) + 1;
-    return static_cast<T***>(std::calloc(entries, sizeof(T**)));
+    return zeroed<T**>(entries);
 }
 
 // Sets the layer and row pointers of a table to the rows of `block`; widthOf(l, j) is the stride of
@@ -71,7 +71,7 @@ void layRows(T*** ppp, T* block, const int* pCounts, int nLayers, const Width& w
 template <class T>
 void freeTable(T*** ppp) {
     if (ppp == nullptr) return;
-    if (ppp[0] != nullptr) ownFreeAligned(blockOf(ppp));
+    if (ppp[0] != nullptr) vsq::freeAligned(blockOf(ppp));
     std::free(ppp);
 }
 
@@ -92,14 +92,14 @@ T*** allocTable(const int* pCounts, int nLayers, std::int64_t count, const Width
 
 template <class T>
 T*** allocDenseTable(const int* pCounts, int nLayers) {
-    return allocTable<T>(pCounts, nLayers, ownPaddedWeightCount(pCounts, nLayers),
+    return allocTable<T>(pCounts, nLayers, paddedWeightCount(pCounts, nLayers),
                          [=](int l, int) { return paddedRow(pCounts[l - 1]); });
 }
 
 // --- construction ---
 
 template <class T>
-using Server = typename Flavour<T>::Server;
+using Server = typename Form<T>::Server;
 
 template <class T>
 void freeServer(Server<T>* server) {
@@ -108,8 +108,8 @@ void freeServer(Server<T>* server) {
     freeTable(server->pppConnections);
     std::free(server->ppConnCounts);
     std::free(server->playerNeuronCounts);
-    ownFreeAligned(server->pNet);
-    ownFreeAligned(server->pLayerOut);
+    vsq::freeAligned(server->pNet);
+    vsq::freeAligned(server->pLayerOut);
     std::free(server->ppActivation);
     std::free(server->ppDerivative);
     std::free(server);
@@ -146,7 +146,7 @@ Source*** copyPackedRows(const Network<T>& network, Source*** source) {
     return ppp;
 }
 
-// A copy of the counts of connections: nLayers - 1 row pointers, and the rows behind them, in one
+// A copy of the counts of connections: nLayers - 1 row pointers, and the rows after them, in one
 // block.
 template <class T>
 int** copyConnCounts(const Network<T>& network) {
@@ -208,7 +208,7 @@ bool makeLayers(Server<T>* server, const Network<T>& network) {
     const int widest = *std::max_element(network.pCounts, network.pCounts + network.nLayers);
     if (widest > INT32_MAX - 3) return false;
     server->nBufLen = widest + 3;
-    server->pNet = allocBuffer<typename Flavour<T>::Sum>(server->nBufLen);
+    server->pNet = allocBuffer<typename Form<T>::Sum>(server->nBufLen);
     if (server->pNet == nullptr) return false;
     server->pLayerOut = allocBuffer<T>(server->nBufLen);
     server->nLayers = network.nLayers;
@@ -218,7 +218,7 @@ bool makeLayers(Server<T>* server, const Network<T>& network) {
 
 template <class T>
 bool allocFunctions(Server<T>* server) {
-    using Function = typename Flavour<T>::Function;
+    using Function = typename Form<T>::Function;
     server->ppActivation = allocPlain<Function>(server->nLayers - 1);
     if (server->ppActivation == nullptr) return false;
     server->ppDerivative = allocPlain<Function>(server->nLayers - 1);
@@ -267,7 +267,7 @@ Server<T>* refuse(Server<T>* server, int status, const char* message, const char
 
 template <class T>
 Server<T>* makeServer(const Network<T>& network, const char* funcName) {
-    auto* server = static_cast<Server<T>*>(std::calloc(1, sizeof(Server<T>)));
+    auto* server = zeroed<Server<T>>();
     if (server == nullptr)
         return refuse<T>(server, KT_StsNoMem, "insufficiency of memory for pointer  pMLPserver",
                          funcName);
@@ -281,7 +281,7 @@ Server<T>* makeServer(const Network<T>& network, const char* funcName) {
     if (!chooseFunctions<T>(server, network))
         return refuse<T>(server, KT_StsBadArg, noFunctions, funcName);
     server->pThresholds = network.pThresholds;
-    std::memcpy(server->identifier, Flavour<T>::identifier, sizeof Flavour<T>::identifier);
+    std::memcpy(server->identifier, Form<T>::identifier, sizeof Form<T>::identifier);
     return server;
 }
 
@@ -294,7 +294,7 @@ T*** setWeightsTable(const int* pCounts, int nLayers, T value, const char* funcN
         module.report(KT_StsNoMem, noMemory, funcName);
         return nullptr;
     }
-    std::fill_n(blockOf(ppp), ownPaddedWeightCount(pCounts, nLayers), value);
+    std::fill_n(blockOf(ppp), paddedWeightCount(pCounts, nLayers), value);
     return ppp;
 }
 
@@ -317,7 +317,7 @@ std::ptrdiff_t neuronCount(const int* pCounts, int nLayers) {
     return std::ptrdiff_t(total);
 }
 
-std::ptrdiff_t ownPaddedWeightCount(const int* pCounts, int nLayers) {
+std::ptrdiff_t paddedWeightCount(const int* pCounts, int nLayers) {
     if (nLayers < 1 || pCounts[0] < 0) return -1;
     std::int64_t total = 0;
     for (int l = 1; l < nLayers; ++l)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "frame/KT_ERROR.h"
+#include "frame/numeric.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -14,9 +15,8 @@ struct sMLPServer {
     float*** pppWeights;
     const float* pThresholds; // the caller's: one per neuron of all weighted layers; may be null
     std::uint32_t flags;
-    // sparse servers: [l - 1][j][i] is an index into the outputs of layer l - 1; else
+    // sparse servers: [l - 1][j][i] is an index into the outputs of layer l - 1; else null
     int*** pppConnections;
-    // null
     int** ppConnCounts; // [l - 1][j]: inputs of neuron j; not null marks a sparse server
     int* playerNeuronCounts;
     int nLayers;
@@ -54,27 +54,25 @@ inline constexpr Module module{"..\\_LIBSRC\\KT_PERC"};
 
 inline constexpr char noMemory[] = "nomemory";
 
-// What depends on the flavour alone; T is the type of a weight.
+// What depends on the numeric form alone; T is the type of a weight.
 template <class T>
-struct Flavour;
+struct Form;
 template <>
-struct Flavour<float> {
+struct Form<float> : FloatForm {
     using Server = sMLPServer;
-    using Sum = float;
     using Function = KTMLPActivationFn;
     static constexpr char identifier[] = "sMLPServer";
 };
 template <>
-struct Flavour<short> {
+struct Form<short> : FixedForm {
     using Server = wMLPServer;
-    using Sum = int;
     using Function = KTMLPFixedActivationFn;
     static constexpr char identifier[] = "wMLPServer";
 };
 
 // The length of a weight row of a dense server: n live weights and up to 3 of padding.
 constexpr std::int64_t paddedRow(int n) {
-    return (std::int64_t(n) + 3) & ~std::int64_t(3);
+    return roundUp(std::int64_t(n), 4);
 }
 
 // Neurons of all weighted layers; -1 when a count is negative, nLayers is below 1, or memory could
@@ -82,7 +80,7 @@ constexpr std::int64_t paddedRow(int n) {
 std::ptrdiff_t neuronCount(const int* pCounts, int nLayers);
 
 // Elements of a dense weight block; -1 as above.
-std::ptrdiff_t ownPaddedWeightCount(const int* pCounts, int nLayers);
+std::ptrdiff_t paddedWeightCount(const int* pCounts, int nLayers);
 
 // What a constructor is given. The rows are copied; wholeRows says that they have padding, which is
 // copied with them.
@@ -92,15 +90,15 @@ struct Network {
     int*** pppConnections;
     int** ppConnCounts;
     const int* pCounts;
-    const typename Flavour<T>::Function* pActivation;
-    const typename Flavour<T>::Function* pDerivative;
+    const typename Form<T>::Function* pActivation;
+    const typename Form<T>::Function* pDerivative;
     int nLayers;
     int flags;
     const T* pThresholds;
     bool wholeRows;
 };
 
-// The constructors behind the exported ones; reports carry `funcName`.
+// What the exported constructors call; reports carry `funcName`.
 sMLPServer* initServer(const Network<float>& network, const char* funcName);
 wMLPServer* initServer(const Network<short>& network, int weightScale, const char* funcName);
 
@@ -108,14 +106,14 @@ wMLPServer* initServer(const Network<short>& network, int weightScale, const cha
 // user functions are called neuron by neuron.
 bool isElementwise(KTMLPActivationFn function);
 
-} // namespace ktl::perc
-
-// The sums of the fixed flavour: pDest[r] = sum over c below nCols of (ppRows[r][c] * pX[c]) >>
+// The sums of the fixed form: pDest[r] = sum over c below nCols of (ppRows[r][c] * pX[c]) >>
 // (shift modulo 32), each product shifted before it is added, in 32 bits that wrap.
-void ownwMatVec(int* pDest, const short* const* ppRows, const short* pX, int nRows, int nCols,
-                int shift);
+void rowSums(int* pDest, const short* const* ppRows, const short* pX, int nRows, int nCols,
+             int shift);
 
 // The outputs of the last layer, on the scale `scale`, as KTwEvalMLPFeedForward returns them;
 // pScaleFactor is not null.
-void ownwScaleOutput(const short* pSrc, short* pDst, int n, int scale, int scaleMode,
-                     int* pScaleFactor);
+void scaleOutput(const short* pSrc, short* pDst, int n, int scale, int scaleMode,
+                 int* pScaleFactor);
+
+} // namespace ktl::perc

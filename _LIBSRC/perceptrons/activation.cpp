@@ -51,8 +51,8 @@ double square(double x) {
     return x * x;
 }
 
-// The derivative by the sign that goes with x, which in the fixed flavour is not always x's own. A
-// not-a-number stays.
+// The derivative by the sign that goes with x, which in the fixed form is not always x's own. A
+// NaN stays.
 double absDerivative(double x, double sign) {
     if (sign > 0.0) return -1.0 / square(x + 1.0);
     if (sign < 0.0) return 1.0 / square(1.0 - x);

@@ -36,7 +36,7 @@ void evalDense(sMLPServer* server, const float* pInput, int nInputs, float* pOut
     for (int l = 1; l <= last; ++l) {
         const int n = server->playerNeuronCounts[l];
         float* dst = l == last ? pOutput : server->pLayerOut;
-        ownsMatVec(server->pNet, server->pppWeights[l - 1], x, n, width);
+        ktl::rowProducts(server->pNet, server->pppWeights[l - 1], x, n, width);
         if (usesThresholds(server))
             for (int j = 0; j < n; ++j)
                 server->pNet[j] -= *thresholds++;
@@ -54,7 +54,7 @@ float sparseSum(const float* row, const int* connections, int count, const float
     for (int i = 0; i < count; ++i)
         gathered[i] = x[connections[i]];
     float sum;
-    ownsMatVec(&sum, &row, gathered, 1, count);
+    ktl::rowProducts(&sum, &row, gathered, 1, count);
     return sum;
 }
 
@@ -129,8 +129,8 @@ void sumLayer(wMLPServer* server, int l, int width, const short* thresholds, int
         sumSparse(server, l);
         return;
     }
-    ownwMatVec(server->pNet, server->pppWeights[l - 1], server->pLayerOut, n, width,
-               int(0u - unsigned(server->weightScale)));
+    ktl::perc::rowSums(server->pNet, server->pppWeights[l - 1], server->pLayerOut, n, width,
+                       int(0u - unsigned(server->weightScale)));
     if (usesThresholds(server))
         subtractThresholds(server->pNet, thresholds, n, (long long)server->weightScale - actScale);
 }
@@ -142,13 +142,13 @@ short shiftedOutput(short value, long long shift) {
 
 } // namespace
 
-void ownwMatVec(int* pDest, const short* const* ppRows, const short* pX, int nRows, int nCols,
-                int shift) {
+void ktl::perc::rowSums(int* pDest, const short* const* ppRows, const short* pX, int nRows,
+                        int nCols, int shift) {
     vsq::kernels().matvec->rowsFixed(pDest, ppRows, pX, nRows, nCols, shift);
 }
 
-void ownwScaleOutput(const short* pSrc, short* pDst, int n, int scale, int scaleMode,
-                     int* pScaleFactor) {
+void ktl::perc::scaleOutput(const short* pSrc, short* pDst, int n, int scale, int scaleMode,
+                            int* pScaleFactor) {
     long long shift = 0; // to the left
     if (scaleMode == KT_FixedScale)
         shift = (long long)scale - *pScaleFactor;
@@ -172,8 +172,7 @@ void KTsEvalMLPFeedForward(sMLPServer* pServer, const float* pInput, int nInputs
 void KTwEvalMLPFeedForward(wMLPServer* pServer, const short* pInput, int nInputs, short* pOutput,
                            int nOutputs, int scaleMode, int* pScaleFactor, int actScale) {
     if (pServer == nullptr || pServer->pLayerOut == nullptr) return;
-    int ownScale = 0;
-    int* pScale = pScaleFactor != nullptr ? pScaleFactor : &ownScale;
+    const ktl::CallScale callScale(pScaleFactor);
     int width = inputWidth(pServer, nInputs);
     std::copy_n(pInput, width, pServer->pLayerOut);
     if (pServer->ppConnCounts != nullptr)
@@ -188,6 +187,6 @@ void KTwEvalMLPFeedForward(wMLPServer* pServer, const short* pInput, int nInputs
         if (thresholds != nullptr) thresholds += n;
         width = n;
     }
-    ownwScaleOutput(pServer->pLayerOut, pOutput, std::min(nOutputs, pServer->nBufLen), actScale,
-                    scaleMode, pScale);
+    ktl::perc::scaleOutput(pServer->pLayerOut, pOutput, std::min(nOutputs, pServer->nBufLen),
+                           actScale, scaleMode, callScale.get());
 }

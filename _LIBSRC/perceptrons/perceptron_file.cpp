@@ -18,67 +18,35 @@ constexpr char ioError[] = "input_output_error";
 constexpr char noCounts[] = "insufficiency of memory for pointer  pMLPServer0. playerNeuronCounts";
 constexpr char sparseRefused[] = "a sparse network cannot be written";
 
-// Offsets in the header; the words behind the two function tables stand 4 bytes further on in the
-// fixed flavour.
-constexpr int atFlags = 20, atLayers = 36, atWeightScale = 48, identifierBytes = 12;
+// The words of the record after its identifier. Those after the two function tables stand one
+// further on in the fixed form, which has a scale there; the last one is the buffers' length.
+enum Word { wordFlags = 2, wordLayers = 6, wordWeightScale = 9 };
 template <class T>
-constexpr int headerBytes = std::is_same_v<T, float> ? 60 : 64;
+constexpr std::size_t wordCount = std::is_same_v<T, float> ? 12 : 13;
+
+template <class T>
+struct Header {
+    char identifier[12];
+    Words<wordCount<T>> words;
+};
 
 // A network file may claim any sizes. Rows and inputs that no stored weight stands for are limited
 // to this number.
 constexpr std::int64_t mostWithoutWeights = 65536;
 
-constexpr std::size_t pieceBytes = 0x10000;
-
 template <class T>
-using Server = typename Flavour<T>::Server;
-
-// --- elements and words ---
-
-void setWordAt(unsigned char* bytes, std::uint32_t word) {
-    for (int i = 0; i < 4; ++i)
-        bytes[i] = static_cast<unsigned char>(word >> 8 * i);
-}
-
-int wordAt(const unsigned char* bytes) {
-    std::uint32_t word = 0;
-    for (int i = 0; i < 4; ++i)
-        word |= std::uint32_t(bytes[i]) << 8 * i;
-    return int(word);
-}
-
-enum class Outcome { complete, streamEnded, noMemory };
-
-// `count` elements from a stream that may hold fewer: memory grows with what has really come, at
-// most to twice as much.
-template <class U>
-Outcome readGrowing(FILE* stream, std::ptrdiff_t count, Scratch<U>& elements) {
-    constexpr auto firstPiece = std::ptrdiff_t(pieceBytes / sizeof(U));
-    std::ptrdiff_t filled = 0;
-    do {
-        const std::ptrdiff_t room = std::min(count, std::max(firstPiece, 2 * filled));
-        Scratch<U> grown(room);
-        if (!grown) return Outcome::noMemory;
-        std::copy_n(elements.get(), filled, grown.get());
-        elements = std::move(grown);
-        if (!ktl::readElements(stream, elements.get() + filled, std::size_t(room - filled)))
-            return Outcome::streamEnded;
-        filled = room;
-    } while (filled < count);
-    return Outcome::complete;
-}
+using Server = typename Form<T>::Server;
 
 // --- writing ---
 
 template <class T>
-void encodeHeader(const Server<T>* server, unsigned char* header) {
-    std::memset(header, 0, headerBytes<T>);
-    std::memcpy(header, server->identifier, identifierBytes);
-    setWordAt(header + atFlags, server->flags);
-    setWordAt(header + atLayers, unsigned(server->nLayers));
-    if constexpr (std::is_same_v<T, short>)
-        setWordAt(header + atWeightScale, unsigned(server->weightScale));
-    setWordAt(header + headerBytes<T> - 4, unsigned(server->nBufLen));
+bool writeHeader(FILE* stream, const Server<T>* server) {
+    Words<wordCount<T>> words{};
+    words[wordFlags] = server->flags;
+    words[wordLayers] = unsigned(server->nLayers);
+    if constexpr (std::is_same_v<T, short>) words[wordWeightScale] = unsigned(server->weightScale);
+    words.back() = unsigned(server->nBufLen);
+    return writeTag(stream, server->identifier) && writeWords(stream, words);
 }
 
 template <class T>
@@ -88,15 +56,12 @@ void writeServer(FILE* stream, const Server<T>* server, const char* funcName) {
         module.report(KT_StsUnsupported, sparseRefused, funcName);
         return;
     }
-    unsigned char header[headerBytes<T>];
-    encodeHeader<T>(server, header);
-    if (!writeElements(stream, header, sizeof header) ||
+    if (!writeHeader<T>(stream, server) ||
         !writeElements(stream, server->playerNeuronCounts, std::size_t(server->nLayers))) {
         module.report(KT_StsNoMem, ioError, funcName);
         return;
     }
-    const std::ptrdiff_t weights =
-        ownPaddedWeightCount(server->playerNeuronCounts, server->nLayers);
+    const std::ptrdiff_t weights = paddedWeightCount(server->playerNeuronCounts, server->nLayers);
     if (!writeElements(stream, server->pppWeights[0][0], std::size_t(weights)))
         module.report(KT_StsBadState, ioError, funcName);
 }
@@ -125,15 +90,16 @@ bool plausible(const int* pCounts, int nLayers, std::int64_t weights) {
 // The weights table with the stream's block in it; has reported when it is null.
 template <class T>
 T*** readTable(FILE* stream, const int* pCounts, int nLayers, const char* funcName) {
-    const std::ptrdiff_t count = ownPaddedWeightCount(pCounts, nLayers);
+    const std::ptrdiff_t count = paddedWeightCount(pCounts, nLayers);
     Scratch<T> block;
     const bool sized = count >= 0 && plausible(pCounts, nLayers, count);
-    const Outcome outcome = sized ? readGrowing(stream, count, block) : Outcome::noMemory;
-    if (outcome == Outcome::streamEnded) {
+    const Arrival arrival =
+        sized ? readClaimed(stream, std::uint64_t(count), block) : Arrival::noMemory;
+    if (arrival == Arrival::streamEnded) {
         module.report(KT_StsBadState, ioError, funcName);
         return nullptr;
     }
-    T*** ppp = outcome == Outcome::complete ? makeTable(pCounts, nLayers, T(0)) : nullptr;
+    T*** ppp = arrival == Arrival::complete ? makeTable(pCounts, nLayers, T(0)) : nullptr;
     if (ppp == nullptr)
         module.report(KT_StsNoMem, noMemory, funcName);
     else
@@ -141,33 +107,40 @@ T*** readTable(FILE* stream, const int* pCounts, int nLayers, const char* funcNa
     return ppp;
 }
 
-sMLPServer* construct(const Network<float>& network, const unsigned char*) {
+sMLPServer* construct(const Network<float>& network, const Header<float>&) {
     return initServer(network, "KTsInitMLPServer");
 }
-wMLPServer* construct(const Network<short>& network, const unsigned char* header) {
-    return initServer(network, wordAt(header + atWeightScale), "KTwInitMLPServer");
+wMLPServer* construct(const Network<short>& network, const Header<short>& header) {
+    return initServer(network, int(header.words[wordWeightScale]), "KTwInitMLPServer");
+}
+
+// The identifier is looked at when the whole record is there.
+template <class T>
+bool readHeader(FILE* stream, Header<T>& header) {
+    return readElements(stream, header.identifier, sizeof header.identifier) &&
+           readWords(stream, header.words);
 }
 
 template <class T>
 Server<T>* readServer(FILE* stream, const char* badIdentifier, const char* funcName) {
-    unsigned char header[headerBytes<T>];
-    if (stream == nullptr || std::fread(header, 1, sizeof header, stream) != sizeof header)
-        return nullptr;
-    if (std::memcmp(header, Flavour<T>::identifier, sizeof Flavour<T>::identifier) != 0) {
+    Header<T> header;
+    if (stream == nullptr || !readHeader(stream, header)) return nullptr;
+    if (std::memcmp(header.identifier, Form<T>::identifier, sizeof Form<T>::identifier) != 0) {
         module.report(KT_StsBadArg, badIdentifier, funcName);
         return nullptr;
     }
-    const int nLayers = wordAt(header + atLayers);
+    const int nLayers = int(header.words[wordLayers]);
     Scratch<int> counts;
-    const Outcome outcome = nLayers < 0 ? Outcome::noMemory : readGrowing(stream, nLayers, counts);
-    if (outcome != Outcome::complete) {
-        module.report(KT_StsNoMem, outcome == Outcome::noMemory ? noCounts : noMemory, funcName);
+    const Arrival arrival =
+        nLayers < 0 ? Arrival::noMemory : readClaimed(stream, std::uint64_t(nLayers), counts);
+    if (arrival != Arrival::complete) {
+        module.report(KT_StsNoMem, arrival == Arrival::noMemory ? noCounts : noMemory, funcName);
         return nullptr;
     }
     T*** ppp = readTable<T>(stream, counts.get(), nLayers, funcName);
     if (ppp == nullptr) return nullptr;
     Server<T>* server = construct(Network<T>{ppp, nullptr, nullptr, counts.get(), nullptr, nullptr,
-                                             nLayers, wordAt(header + atFlags), nullptr, true},
+                                             nLayers, int(header.words[wordFlags]), nullptr, true},
                                   header);
     freeTable(ppp);
     return server;

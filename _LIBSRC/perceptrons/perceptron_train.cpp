@@ -63,7 +63,7 @@ void apply(KTMLPActivationFn function, const float* in, float* out, int n) {
 
 // Sets the first `count` weights of the block, the count of the live ones. Rows that have padding
 // make the block longer: its tail keeps what it holds, on purpose.
-void ownsSetAllWeights(sMLPServer* server, float value) {
+void setLiveWeights(sMLPServer* server, float value) {
     std::ptrdiff_t count = 0;
     for (int l = 1; l < server->nLayers; ++l)
         count += std::ptrdiff_t(widthOf(server, l)) * widthOf(server, l - 1);
@@ -206,7 +206,7 @@ void KTsTrainMLPBackPropagation(sMLPServer* pServer, const float** ppInputs, int
         module.report(KT_StsNoMem, noServer2);
         return;
     }
-    ownsSetAllWeights(server2.server, 0.0f);
+    setLiveWeights(server2.server, 0.0f);
     // what a layer without a function keeps
     std::fill_n(pY.get(), neurons + pServer->nBufLen, 0.0f);
     ktl::AlignedScratch<float> o(lastWidth);

@@ -1,9 +1,10 @@
 // The search step of a self-organising map.
 //
-// Fixed flavour: squared distances are 32-bit sums of squares of 17-bit differences and wrap, or,
+// Fixed form: squared distances are 32-bit sums of squares of 17-bit differences and wrap, or,
 // where the result is scaled to its own size, exact sums rounded to float. The caller's array of
 // 32-bit words holds those floats until they are converted in place; it is read and written as
 // words through the kernels, never as both types at once.
+#include "frame/numeric.h"
 #include "frame/types.h"
 
 #include "levels/levels.h"
@@ -106,10 +107,10 @@ void KTsVQKohonen(const float* pVector, float** ppCodes, float* pDistances, int 
 void KTwVQKohonen(const short* pVector, short** ppCodes, int* pDistances, int nDim, int nCodes,
                   int* pIndices, int nBest, int bRoot, int scaleMode, int* pScale) {
     if (nCodes <= 0) return;
-    int noScale = 0;
-    int* const scale = pScale != nullptr ? pScale : &noScale;
+    const ktl::CallScale scale(pScale);
     if (scaleMode == KT_AutoScale || scaleMode == KT_Saturate)
-        scaledDistances(pVector, ppCodes, pDistances, nDim, nCodes, bRoot != 0, scaleMode, scale);
+        scaledDistances(pVector, ppCodes, pDistances, nDim, nCodes, bRoot != 0, scaleMode,
+                        scale.get());
     else
         integerDistances(pVector, ppCodes, pDistances, nDim, nCodes, bRoot != 0, scaleMode, *scale);
     chooseBest(pDistances, nCodes, pIndices, nBest);

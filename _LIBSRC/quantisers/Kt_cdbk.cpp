@@ -1,11 +1,13 @@
 // Tree codebooks: training, quantising, release.
 //
-// Fixed flavour: distances are the kernels' integer norms (64-bit sums, the root truncated,
+// Fixed form: distances are the kernels' integer norms (64-bit sums, the root truncated,
 // saturated at 0x7FFFFFFF), so close vectors tie, and ties go right. A centroid is the mean in
 // double, truncated toward zero; it never leaves the range of its members, so nothing saturates or
 // wraps.
 #include "quantisers/Kt_cdbk.h"
+
 #include "frame/KT_ERROR.h"
+#include "frame/numeric.h"
 #include "quantisers/descent.h"
 #include "quantisers/points.h"
 #include "vsq.h"
@@ -20,10 +22,9 @@ using namespace ktl::codebook;
 constexpr ktl::Module module{"..\\_LIBSRC\\Kt_cdbk"};
 constexpr const char* notConstructed = "codebook of given size can not be constructed";
 
-// --- what the two flavours do differently ---
+// --- what the two numeric forms do differently ---
 
-struct FloatFlavour {
-    using Sample = float;
+struct FloatTree : ktl::FloatForm {
     static constexpr int training = 1;
     static constexpr double unit = 0;
 
@@ -33,7 +34,7 @@ struct FloatFlavour {
     static void addTo(double* sums, const float* row, int nDim) {
         vsq::kernels().tree->addFloat(row, sums, nDim);
     }
-    // The mean of no members is 0 / 0, a not-a-number: no vector is at a distance from it that
+    // The mean of no members is 0 / 0, NaN: no vector is at a distance from it that
     // compares.
     static float mean(double sum, int count) {
         if (count == 0) return std::numeric_limits<float>::quiet_NaN();
@@ -43,8 +44,7 @@ struct FloatFlavour {
     static double spreadOf(const KTCluster& cluster) { return cluster.spread.wide; }
 };
 
-struct FixedFlavour {
-    using Sample = short;
+struct FixedTree : ktl::FixedForm {
     static constexpr int training = 2;
     static constexpr double unit = 1;
 
@@ -64,11 +64,10 @@ struct FixedFlavour {
     static double spreadOf(const KTCluster& cluster) { return cluster.spread.halves[0]; }
 };
 
-template <class Flavour>
+template <class Tree>
 double distanceOfRows(const Vectors& vectors, int first, int second) {
-    const auto* const* rows =
-        static_cast<const typename Flavour::Sample* const*>(vectors.ppVectors);
-    return Flavour::distance(rows[first], rows[second], vectors.nDim);
+    const auto* const* rows = static_cast<const typename Tree::Element* const*>(vectors.ppVectors);
+    return Tree::distance(rows[first], rows[second], vectors.nDim);
 }
 
 // --- records ---
@@ -82,7 +81,7 @@ void freeCluster(KTCluster* cluster) {
 // A new leaf, which belongs to the codebook at once; null when memory ran out.
 template <class Sample>
 KTCluster* addCluster(KTCodebook& codebook) {
-    auto* cluster = static_cast<KTCluster*>(std::calloc(1, sizeof(KTCluster)));
+    auto* cluster = ktl::zeroed<KTCluster>();
     if (cluster == nullptr) return nullptr;
     cluster->isLeaf = 1;
     cluster->pOlder = codebook.pNewest;
@@ -93,21 +92,21 @@ KTCluster* addCluster(KTCodebook& codebook) {
 
 // --- training ---
 
-template <class Flavour>
+template <class Tree>
 class Training {
 public:
-    using Sample = typename Flavour::Sample;
+    using Sample = typename Tree::Element;
 
     Training(Sample** ppVectors, int nVectors, int nDim)
-        : rows(ppVectors), set{ppVectors, nVectors, nDim, distanceOfRows<Flavour>, Flavour::unit} {}
+        : rows(ppVectors), set{ppVectors, nVectors, nDim, distanceOfRows<Tree>, Tree::unit} {}
 
     // The codebook with its root, which holds all vectors; null when memory ran out.
     KTCodebook* start(int nSize) {
-        codebook = static_cast<KTCodebook*>(std::calloc(1, sizeof(KTCodebook)));
+        codebook = ktl::zeroed<KTCodebook>();
         if (codebook == nullptr) return nullptr;
         codebook->nSize = nSize;
         codebook->nDim = set.nDim;
-        codebook->flags = Flavour::training;
+        codebook->flags = Tree::training;
         codebook->ppCentroids = ktl::allocPlain<void*>(nSize > 1 ? nSize : 1);
         codebook->pRoot = addCluster<Sample>(*codebook);
         sums = ktl::Scratch<double>(2 * std::int64_t(set.nDim));
@@ -139,7 +138,7 @@ public:
             codebook->depth = leaf->level > codebook->depth ? leaf->level : codebook->depth;
         }
         if (hasDescent(set.nDim)) {
-            codebook->pDescent = makeDescent<Sample>(*codebook, points.common(), Flavour::unit);
+            codebook->pDescent = makeDescent<Sample>(*codebook, points.common(), Tree::unit);
             if (codebook->pDescent == nullptr) return KT_StsNoMem;
         }
         if (pLabels != nullptr) writeLabels(pLabels);
@@ -186,7 +185,7 @@ private:
         for (KTCluster** link = &firstLeaf; *link != nullptr; link = &(*link)->pNextLeaf) {
             const KTCluster& leaf = **link;
             const double size = isLargest(flags)  ? leaf.nMembers
-                                : isWidest(flags) ? Flavour::spreadOf(leaf)
+                                : isWidest(flags) ? Tree::spreadOf(leaf)
                                                   : 0.0;
             if (size > most) {
                 most = size;
@@ -234,7 +233,7 @@ private:
 
     // A cluster that holds all of its parent's members splits as its parent did: the same list
     // gives the same pair, the same means and the same sides. Vectors that are all equal, or none
-    // of which compares (a not-a-number in a mean), would otherwise cost a whole split for each
+    // of which compares (NaN in a mean), would otherwise cost a whole split for each
     // empty cell.
     bool repeatParentsSplit(KTCluster* cluster, KTCluster* left, KTCluster* right) {
         const bool isRight = (cluster->node & 1) != 0;
@@ -279,16 +278,14 @@ private:
     void label(KTCluster* cluster, const Sample* left, const Sample* right) {
         const int* const members = cluster->pMembers;
         const int nDim = set.nDim;
-        points.label(
-            members, cluster->nMembers,
-            planeBetween(left, right, points.frame(), nDim, Flavour::unit, points.normal()));
+        points.label(members, cluster->nMembers,
+                     planeBetween(left, right, points.frame(), nDim, Tree::unit, points.normal()));
         char* const labels = points.labels();
         for (int i = 0; i < cluster->nMembers; ++i) {
             if (labels[i] != '?') continue;
             const Sample* const row = rows[members[i]];
-            labels[i] = Flavour::distance(row, right, nDim) <= Flavour::distance(row, left, nDim)
-                            ? 'R'
-                            : 'L';
+            labels[i] =
+                Tree::distance(row, right, nDim) <= Tree::distance(row, left, nDim) ? 'R' : 'L';
         }
     }
 
@@ -300,12 +297,12 @@ private:
         std::fill_n(sums.get(), 2 * static_cast<std::size_t>(nDim), 0.0);
         for (int i = 0; i < cluster->nMembers; ++i) {
             const int side = left == nullptr || points.labels()[i] != 'L';
-            Flavour::addTo(sumsOf[side], rows[cluster->pMembers[i]], nDim);
+            Tree::addTo(sumsOf[side], rows[cluster->pMembers[i]], nDim);
             ++counts[side];
         }
         for (int k = 0; k < nDim; ++k) {
-            if (left != nullptr) left[k] = Flavour::mean(sumsOf[0][k], counts[0]);
-            right[k] = Flavour::mean(sumsOf[1][k], counts[1]);
+            if (left != nullptr) left[k] = Tree::mean(sumsOf[0][k], counts[0]);
+            right[k] = Tree::mean(sumsOf[1][k], counts[1]);
         }
     }
 
@@ -327,7 +324,7 @@ private:
         cluster->iFar1 = pair.first;
         cluster->iFar2 = pair.second;
         cluster->hasOwnFrame = pair.hasOwnFrame;
-        Flavour::setSpread(*cluster, pair.spread);
+        Tree::setSpread(*cluster, pair.spread);
     }
 
     static Sample* centroidOf(KTCluster* cluster) {
@@ -342,8 +339,8 @@ private:
     ktl::Scratch<double> sums;
 };
 
-template <class Flavour>
-KTCodebook* make(typename Flavour::Sample** ppVectors, int* pLabels, int nVectors, int nDim,
+template <class Tree>
+KTCodebook* make(typename Tree::Element** ppVectors, int* pLabels, int nVectors, int nDim,
                  int nSize, int flags, const char* funcName) {
     if ((flags & KT_CB_EUCLID) == 0) {
         module.report(KT_StsBadArg, "No distance is choosen in input flags.", funcName);
@@ -353,7 +350,7 @@ KTCodebook* make(typename Flavour::Sample** ppVectors, int* pLabels, int nVector
         module.report(KT_StsBadArg, notConstructed, funcName);
         return nullptr;
     }
-    Training<Flavour> training(ppVectors, nVectors > 0 ? nVectors : 0, nDim);
+    Training<Tree> training(ppVectors, nVectors > 0 ? nVectors : 0, nDim);
     KTCodebook* const codebook = training.start(nSize);
     if (codebook == nullptr) {
         module.report(KT_StsNoMem, "insufficiency of memory for pointer  codebook", funcName);
@@ -436,7 +433,7 @@ double meanOf(double total, int count) {
     return count > 0 ? total / count : 0.0;
 }
 
-// Both flavours report under the float one's name, which logs have always had.
+// Both forms report under the float one's name, which logs have always had.
 void reportMissing(const Quantising& call) {
     if (!call.hasAll)
         module.report(KT_StsBadArg, "VQ is not performed for some input vectors.", "KTsVQCodebook");
@@ -446,20 +443,20 @@ void reportMissing(const Quantising& call) {
 
 KTCodebook* KTsMakeCodebook(float** ppVectors, int* pLabels, int nVectors, int nDim, int nSize,
                             int flags) {
-    return make<FloatFlavour>(ppVectors, pLabels, nVectors, nDim, nSize, flags, "KTsMakeCodebook");
+    return make<FloatTree>(ppVectors, pLabels, nVectors, nDim, nSize, flags, "KTsMakeCodebook");
 }
 
 KTCodebook* KTwMakeCodebook(short** ppVectors, int* pLabels, int nVectors, int nDim, int nSize,
                             int flags) {
-    return make<FixedFlavour>(ppVectors, pLabels, nVectors, nDim, nSize, flags, "KTwMakeCodebook");
+    return make<FixedTree>(ppVectors, pLabels, nVectors, nDim, nSize, flags, "KTwMakeCodebook");
 }
 
 void KTsVQCodebook(KTCodebook* pCodebook, float** ppVectors, int* pIndex, int nVectors, int nDim,
                    double* pDistortion) {
     Quantising call{pCodebook, pIndex, nVectors, nDim, pDistortion != nullptr};
     double total = 0;
-    if (canQuantise(pCodebook, FloatFlavour::training | KT_CB_EUCLID, nDim))
-        total = quantise(call, ppVectors, true, FloatFlavour::distance);
+    if (canQuantise(pCodebook, FloatTree::training | KT_CB_EUCLID, nDim))
+        total = quantise(call, ppVectors, true, FloatTree::distance);
     else
         quantiseNone(call);
     if (pDistortion != nullptr) *pDistortion = meanOf(total, nVectors);
@@ -471,8 +468,7 @@ void KTsVQCodebook(KTCodebook* pCodebook, float** ppVectors, int* pIndex, int nV
 // finds its own scale.
 void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex, int nVectors, int nDim,
                    int* pDistortion, int scaleMode, int* pScale) {
-    int noScale = 0;
-    int* const scale = pScale != nullptr ? pScale : &noScale;
+    const ktl::CallScale scale(pScale);
     const bool isPlain = scaleMode != KT_FixedScale || *scale == 0;
     int shift = isPlain ? 0 : *scale;
     const auto distance = [&](const short* a, const short* b, int n) {
@@ -480,14 +476,14 @@ void KTwVQCodebook(KTCodebook* pCodebook, short** ppVectors, int* pIndex, int nV
     };
     Quantising call{pCodebook, pIndex, nVectors, nDim, pDistortion != nullptr};
     double total = 0;
-    if (!canQuantise(pCodebook, FixedFlavour::training | KT_CB_EUCLID, nDim))
+    if (!canQuantise(pCodebook, FixedTree::training | KT_CB_EUCLID, nDim))
         quantiseNone(call);
     else if (isPlain)
-        total = quantise(call, ppVectors, true, FixedFlavour::distance);
+        total = quantise(call, ppVectors, true, FixedTree::distance);
     else
         total = quantise(call, ppVectors, false, distance);
     if (pDistortion != nullptr)
-        *pDistortion = KTdiConvertDown(meanOf(total, nVectors), scaleMode, scale);
+        *pDistortion = KTdiConvertDown(meanOf(total, nVectors), scaleMode, scale.get());
     reportMissing(call);
 }
 

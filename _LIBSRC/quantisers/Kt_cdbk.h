@@ -5,8 +5,8 @@
 #include "frame/types.h"
 
 struct KTCluster {
-    // The distance between the two farthest members: a double in the float flavour; in the fixed
-    // flavour the 32-bit integer distance in the low half, the other half 0.
+    // The distance between the two farthest members: a double in the float form; in the fixed
+    // form the 32-bit integer distance in the low half, the other half 0.
     union {
         double wide;
         int halves[2];

@@ -3,9 +3,9 @@
 #include "quantisers/density_codebook.h"
 
 #include "frame/KT_ERROR.h"
+#include "frame/numeric.h"
 #include "frame/scratch.h"
 #include "mixtures/KT_GAUSS.h"
-#include "models/layout.h"
 
 #include "levels/levels.h"
 
@@ -22,10 +22,8 @@ using ktl::gauss::means;
 using ktl::gauss::weights;
 
 // The two numeric forms: where the thread keeps the codebook, and how its densities are made.
-struct FloatForm {
-    using Element = float;
+struct FloatCodebook : ktl::FloatForm {
     static constexpr int bit = HMM_SERVER_FLOAT;
-    static constexpr std::size_t alignment = hmm::floatAlignment;
     static SemicontCodebook* codebook(const KTContext* context) { return context->sSemicont; }
     static bool matches(const GaussMixServer* server) { return ktl::gauss::isFloat(server); }
     static bool prepare(SemicontCodebook* codebook) { return ownsPreparePdfs(codebook); }
@@ -37,10 +35,8 @@ struct FloatForm {
     }
 };
 
-struct FixedForm {
-    using Element = short;
+struct FixedCodebook : ktl::FixedForm {
     static constexpr int bit = HMM_SERVER_SHORT;
-    static constexpr std::size_t alignment = hmm::fixedAlignment;
     static SemicontCodebook* codebook(const KTContext* context) { return context->wSemicont; }
     static bool matches(const GaussMixServer* server) { return !ktl::gauss::isFloat(server); }
     static bool prepare(SemicontCodebook*) { return true; }
@@ -55,9 +51,7 @@ struct FixedForm {
 // The thread's codebook of a form, with the registry made where there is none; null on exhaustion.
 template <class Form>
 SemicontCodebook* startedCodebook() {
-    KTInitHMMRegistry();
-    const KTContext* context = KTGetContext();
-    return (context->hmmMode & HMM_MODE_READY) != 0 ? Form::codebook(context) : nullptr;
+    return ktl::startRegistry() ? Form::codebook(KTGetContext()) : nullptr;
 }
 
 void freeServers(GaussMixServer** servers, int n) {
@@ -69,7 +63,7 @@ void freeServers(GaussMixServer** servers, int n) {
 // A zeroed table of server pointers; never empty, so that null means that memory ran out.
 GaussMixServer** newServerTable(int n) {
     if (n < 0) return nullptr;
-    return static_cast<GaussMixServer**>(std::calloc(std::size_t(n) + 1, sizeof(GaussMixServer*)));
+    return ktl::zeroed<GaussMixServer*>(std::size_t(n) + 1);
 }
 
 // Empties a codebook, complete or half built with n densities.
@@ -99,14 +93,14 @@ int fill(SemicontCodebook* codebook, int n, int nQuant, Make make, Weight weight
         empty(&made, n);
         return 1;
     }
-    made.pWeights = hmm::allocateArray(std::size_t(n), sizeof(typename Form::Element));
+    made.pWeights = ktl::allocateArray(std::size_t(n), sizeof(typename Form::Element));
     made.nSymbols = n;
     made.nQuant = nQuant;
     if (made.pWeights == nullptr || !Form::prepare(&made)) {
         empty(&made, n);
         return -1;
     }
-    auto* first = hmm::aligned<typename Form::Element>(made.pWeights, Form::alignment);
+    auto* first = ktl::aligned<typename Form::Element>(made.pWeights, Form::alignment);
     for (int k = 0; k < n; ++k)
         first[k] = weight(made, k);
     made.status = SEMICONT_OWNS_PDFS | Form::bit;
@@ -130,7 +124,7 @@ int initialise(GaussMixServer** ppServers, int nSymbols, int nQuant) {
 template <class Form>
 int release() {
     const KTContext* context = KTGetContext();
-    if ((context->hmmMode & HMM_MODE_READY) == 0) return -1;
+    if (!ktl::registryReady(context)) return -1;
     SemicontCodebook* codebook = Form::codebook(context);
     if (codebook->status == 0) return -1;
     if ((codebook->status & SEMICONT_OWNS_PDFS) == 0) {
@@ -190,7 +184,7 @@ GaussMixServer* inverted(GaussMixServer* raw, int flags) {
     return server;
 }
 
-// A covariance of fewer than two vectors is not-a-numbers. As a diagonal it is kept; a full one has
+// A covariance of fewer than two vectors is NaN. As a diagonal it is kept; a full one has
 // no pivot, and the missing density would go unnoticed.
 bool cannotBeInverted(int count, int nDim, int flags) {
     return count < 2 && nDim > 1 && (flags & KT_GAUSS_FULL) != 0;
@@ -237,7 +231,7 @@ bool ownsPreparePdfs(SemicontCodebook* codebook) {
     codebook->nFull = static_cast<int>(std::count_if(density, density + n, ktl::gauss::isFull));
     if (codebook->nFull == n) return true;
     const ktl::Scratch<const float*> rows(2 * std::size_t(n));
-    codebook->pPanel = hmm::allocateArray(vsq::panelSize(n, length), sizeof(double));
+    codebook->pPanel = ktl::allocateArray(vsq::panelSize(n, length), sizeof(double));
     if (!rows || codebook->pPanel == nullptr) return false;
     const float** mean = rows.get();
     const float** diagonal = mean + n;
@@ -247,20 +241,20 @@ bool ownsPreparePdfs(SemicontCodebook* codebook) {
         diagonal[k] = full ? nullptr : diagonals<float>(density[k])[0];
     }
     vsq::kernels().mahal->fillPanel(mean, diagonal, n, length,
-                                    hmm::aligned<double>(codebook->pPanel, 64));
+                                    ktl::aligned<double>(codebook->pPanel, 64));
     return true;
 }
 
 const double* ownsSemicontPanel(const SemicontCodebook* codebook) {
-    return hmm::aligned<const double>(codebook->pPanel, 64);
+    return ktl::aligned<const double>(codebook->pPanel, 64);
 }
 
 const float* ownsSemicontWeights(const SemicontCodebook* codebook) {
-    return hmm::floats(codebook->pWeights);
+    return ktl::floats(codebook->pWeights);
 }
 
 const short* ownwSemicontWeights(const SemicontCodebook* codebook) {
-    return hmm::aligned<short>(codebook->pWeights, hmm::fixedAlignment);
+    return ktl::aligned<short>(codebook->pWeights, ktl::fixedAlignment);
 }
 
 void KTsMakeSemicontCodebook(float** ppVectors, const int* pLabels, int nVectors, int nDim,
@@ -284,22 +278,22 @@ void KTwMakeSemicontCodebook(short** ppVectors, const int* pLabels, int nVectors
 }
 
 int KTsInitSemicontCodebook(GaussMixServer** ppServers, int nSymbols, int nQuant, int) {
-    return initialise<FloatForm>(ppServers, nSymbols, nQuant);
+    return initialise<FloatCodebook>(ppServers, nSymbols, nQuant);
 }
 
 int KTwInitSemicontCodebook(GaussMixServer** ppServers, int nSymbols, int nQuant, int) {
-    return initialise<FixedForm>(ppServers, nSymbols, nQuant);
+    return initialise<FixedCodebook>(ppServers, nSymbols, nQuant);
 }
 
 int KTsFreeSemicontCodebook(void) {
-    return release<FloatForm>();
+    return release<FloatCodebook>();
 }
 int KTwFreeSemicontCodebook(void) {
-    return release<FixedForm>();
+    return release<FixedCodebook>();
 }
 
 int KTswConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale) {
-    return convertCodebook<FloatForm, FixedForm>(
+    return convertCodebook<FloatCodebook, FixedCodebook>(
         [=](GaussMixServer* server) {
             return KTswConvertGaussMixServer(server, weightScale, meanScale, invCovScale);
         },
@@ -310,7 +304,7 @@ int KTswConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale)
 }
 
 int KTwsConvertSemicontCodebook(int weightScale, int meanScale, int invCovScale) {
-    return convertCodebook<FixedForm, FloatForm>(
+    return convertCodebook<FixedCodebook, FloatCodebook>(
         [=](GaussMixServer* server) {
             return KTwsConvertGaussMixServer(server, weightScale, meanScale, invCovScale);
         },

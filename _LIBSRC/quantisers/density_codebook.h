@@ -12,15 +12,14 @@ struct SemicontCodebook {
     int nSymbols; // number of densities
     int nQuant;   // length of the feature vectors
     // 0: empty; SEMICONT_OWNS_PDFS with HMM_SERVER_FLOAT or HMM_SERVER_SHORT: holds densities of
-    int status;
     // its own
+    int status;
     int reserved;
     GaussMixServer** ccgPdfs; // nSymbols servers of one mixture
     void* spare0;
     void* spare1;
-    // raw block; the nSymbols weights begin at its first 16-byte (float) or 8-byte (short)
+    // raw block; the nSymbols weights begin at its first boundary of 16 bytes (float) or 8 (short)
     void* pWeights;
-    // boundary
     void* pFurther; // released with the codebook; nothing sets it
 
     // Of a float codebook, what evaluation reads instead of the densities' own rows: a panel of

@@ -1,3 +1,6 @@
+// A finished tree as quantising walks it: planes in the place of pairs of distances, the nodes
+// level by level in arrays, and many vectors at once. A vector stops where a plane leaves a doubt,
+// and the distances themselves take it on from there.
 #include "quantisers/descent.h"
 
 #include <algorithm>
@@ -71,7 +74,7 @@ int clustersOf(const KTCodebook& codebook) {
 
 template <class Sample>
 KTDescent* makeDescent(const KTCodebook& codebook, const Frame& frame, double unit) {
-    auto* const descent = static_cast<KTDescent*>(std::calloc(1, sizeof(KTDescent)));
+    auto* const descent = zeroed<KTDescent>();
     if (descent == nullptr) return nullptr;
     descent->nDim = codebook.nDim;
     descent->tree.stride = strideFor(codebook.nDim);
@@ -105,7 +108,7 @@ template <class Sample>
 void descendWhileSure(const KTDescent& descent, const Sample* const* rows, int count,
                       const KTCluster** nodes) {
     constexpr int group = vsq::descendGroup;
-    alignas(64) float points[group * ((longestOfDescent + 15) / 16 * 16)];
+    alignas(64) float points[group * roundUp(longestOfDescent, 16)];
     float reach[group];
     int reached[group];
     const Frame frame{descent.centre, descent.factor};

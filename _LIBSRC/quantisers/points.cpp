@@ -1,3 +1,6 @@
+// Float copies of the training set with bounds on their errors: labels by planes, and the farthest
+// pair by a search that throws out whole boxes of points. Nothing here decides within a bound's
+// margin; what is left goes to the exact distance, so that the tree is the plain loops' own.
 #include "quantisers/points.h"
 
 #include <algorithm>
@@ -28,8 +31,8 @@ const vsq::TreeKernels& kernels() {
 } // namespace
 
 int strideFor(int nDim) {
-    return static_cast<int>((static_cast<unsigned>(nDim) + 15u) / 16u *
-                            16u); // negative where no int holds it
+    // negative where no int holds it
+    return static_cast<int>(roundUp(static_cast<unsigned>(nDim), 16));
 }
 
 float reachOf(float squares, int nDim) {
@@ -68,7 +71,7 @@ vsq::Plane planeBetween(const Sample* left, const Sample* right, const Frame& fr
                  length = std::sqrt(normalSquares);
     const double offset = rightSquares - leftSquares;
     vsq::Plane plane{};
-    if (!(leftSquares < farOut * farOut && rightSquares < farOut * farOut)) { // not-a-number too
+    if (!(leftSquares < farOut * farOut && rightSquares < farOut * farOut)) { // NaN too
         plane.base = std::numeric_limits<float>::infinity();
         return plane;
     }
@@ -446,7 +449,7 @@ private:
         cuts.above = squareCut(best.spread + own.set_.unit);
     }
 
-    // An overflow or a not-a-number counts as farthest out.
+    // An overflow or NaN counts as farthest out.
     static double radiusOf(float square) {
         return square <= std::numeric_limits<float>::max() ? std::sqrt(double(square)) : infinity;
     }
@@ -595,7 +598,7 @@ private:
 
     Extent widestOf(int first, int last) const {
         const int nDim = own.set_.nDim;
-        double* const bounds = own.sums_.get(); // lower ones, and behind them upper ones
+        double* const bounds = own.sums_.get(); // lower ones, and after them upper ones
         for (int slot = first; slot < last; ++slot) {
             const float* const point = own.pointOf(members[placeAt(slot)]);
             for (int k = 0; k < nDim; ++k) {
@@ -614,7 +617,7 @@ private:
         return own.boxes_.get() + std::ptrdiff_t(block) * vsq::boxBlockSize(own.set_.nDim);
     }
 
-    // One block of boxes for each group of 256 candidates; behind them, in blocks too, the boxes
+    // One block of boxes for each group of 256 candidates; after them, in blocks too, the boxes
     // around these.
     void fillBoxes() {
         const int nBlocks = (count + vsq::pointBlock - 1) / vsq::pointBlock;

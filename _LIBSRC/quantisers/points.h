@@ -14,7 +14,7 @@
 
 namespace ktl::codebook {
 
-// The vectors as rows of either flavour, and their distance; integer distances are exact in a
+// The vectors as rows of either numeric form, and their distance; integer distances are exact in a
 // double.
 struct Vectors {
     const void* ppVectors;
@@ -32,7 +32,7 @@ struct FarPair {
 };
 
 // A coordinate of a point is element * factor - centre. The factor is a power of two; it is 1 in
-// the fixed flavour.
+// the fixed form.
 struct Frame {
     const float* centre; // nDim floats
     float factor;
@@ -81,7 +81,7 @@ public:
     FarPair farthest(const int* members, int n, bool hasOwnFrame = false);
 
 private:
-    // missing: an element is a not-a-number
+    // missing: an element is NaN
     enum Kind : unsigned char { finite, infinite, missing };
     struct Candidate {
         double radius;
@@ -125,7 +125,7 @@ private:
     Scratch<Candidate> candidates_;
     Scratch<int> slots_;    // candidates in the order of blocks_
     Scratch<int> order_;    // the smallest place of each block
-    Scratch<float> boxes_;  // around blocks, and behind them around whole blocks of those boxes
+    Scratch<float> boxes_;  // around blocks, and after them around whole blocks of those boxes
     Scratch<int> boxOrder_; // the smallest place of each of the latter
     Scratch<char> labels_;
     Scratch<Kind> kinds_;

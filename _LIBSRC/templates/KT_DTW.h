@@ -1,5 +1,5 @@
-// Stored patterns of dynamic time warping. Each thread has two stores, one per flavour, that know
-// nothing of each other.
+// Stored patterns of dynamic time warping. Each thread has two stores, one per numeric form, that
+// know nothing of each other.
 #pragma once
 
 #include "frame/KT_ERROR.h"

@@ -49,11 +49,11 @@ public:
     void enter(Pattern* record) {
         Pattern* const oldest = find(record->handle);
         if (oldest == nullptr) setPlace(record->handle, record);
-        Pattern* const behind = oldest != nullptr ? oldest : record;
+        Pattern* const after = oldest != nullptr ? oldest : record;
         Pattern* const before = oldest != nullptr ? oldest->links.prevTwin : record;
-        record->links.nextTwin = behind;
+        record->links.nextTwin = after;
         record->links.prevTwin = before;
-        before->links.nextTwin = behind->links.prevTwin = record;
+        before->links.nextTwin = after->links.prevTwin = record;
         ++size;
     }
 

@@ -15,12 +15,16 @@ using ktl::dtw::patternCount;
 
 constexpr char magic[4] = {'D', 'T', 'W', ' '};
 
+// The words of a record. Only a fixed-point one has a scale.
+enum Word { wordHandle, wordIsFirst, wordDim, wordVectors, wordScale };
+using FloatRecord = ktl::Words<wordScale>;
+using FixedRecord = ktl::Words<wordScale + 1>;
+
 // --- writing; false at the first shortfall ---
 
-template <std::size_t n>
-bool writeHead(FILE* pFile, const int (&fields)[n]) {
-    return std::fwrite(magic, 1, sizeof magic, pFile) == sizeof magic &&
-           ktl::writeElements(pFile, fields, n);
+template <class Record>
+bool writeHead(FILE* pFile, const Record& record) {
+    return ktl::writeTag(pFile, magic) && ktl::writeWords(pFile, record);
 }
 
 // Rows in memory are padded, the file's are not.
@@ -33,11 +37,9 @@ bool writeRows(FILE* pFile, const T* const* rows, int nVectors, int nDim) {
 
 // --- reading ---
 
-template <std::size_t n>
-bool readHead(FILE* pFile, int (&fields)[n]) {
-    char found[sizeof magic];
-    return std::fread(found, 1, sizeof found, pFile) == sizeof found &&
-           std::memcmp(found, magic, sizeof magic) == 0 && ktl::readElements(pFile, fields, n);
+template <class Record>
+bool readHead(FILE* pFile, Record& record) {
+    return ktl::readTag(pFile, magic) && ktl::readWords(pFile, record);
 }
 
 // The stream's next vectors as a table of the size that the record claims; null without them.
@@ -57,14 +59,15 @@ T** readTable(FILE* pFile, const Pattern& pattern, bool& noTable) {
     return rows.take();
 }
 
-// A header may be anything: so may handles, but only a pattern of no vectors may have vectors of no
+// A head may be anything: so may handles, but only a pattern of no vectors may have vectors of no
 // elements.
-template <class Pattern>
-bool acceptHeader(Pattern& pattern, int handle, int nDim, int nVectors) {
-    pattern.handle = handle;
-    pattern.nDim = nDim;
-    pattern.nVectors = nVectors;
-    return nDim >= 0 && nVectors >= 0 && (nDim > 0 || nVectors == 0);
+template <class Pattern, class Record>
+bool acceptHead(Pattern& pattern, const Record& head) {
+    pattern.handle = int(head[wordHandle]);
+    pattern.nDim = int(head[wordDim]);
+    pattern.nVectors = int(head[wordVectors]);
+    return pattern.nDim >= 0 && pattern.nVectors >= 0 &&
+           (pattern.nDim > 0 || pattern.nVectors == 0);
 }
 
 // The handle of a record that has joined its store, or -1.
@@ -79,23 +82,25 @@ int join(NewRecord<Pattern>& record) {
 void KTsWriteDTWPattern(FILE* pFile, int handle) {
     const sPattern* p = KTsPatternPtrGet(handle);
     if (p == nullptr || pFile == nullptr) return;
-    const int header[] = {p->handle, p->isFirst, p->nDim, p->nVectors};
-    if (writeHead(pFile, header)) writeRows(pFile, p->pData, p->nVectors, p->nDim);
+    const FloatRecord head{unsigned(p->handle), unsigned(p->isFirst), unsigned(p->nDim),
+                           unsigned(p->nVectors)};
+    if (writeHead(pFile, head)) writeRows(pFile, p->pData, p->nVectors, p->nDim);
 }
 
 void KTwWriteDTWPattern(FILE* pFile, int handle) {
     const wPattern* p = KTwPatternPtrGet(handle);
     if (p == nullptr || pFile == nullptr) return;
-    const int header[] = {p->handle, p->isFirst, p->nDim, p->nVectors, p->scale};
-    if (writeHead(pFile, header) && writeRows(pFile, p->pFloatData, p->nVectors, p->nDim))
+    const FixedRecord head{unsigned(p->handle), unsigned(p->isFirst), unsigned(p->nDim),
+                           unsigned(p->nVectors), unsigned(p->scale)};
+    if (writeHead(pFile, head) && writeRows(pFile, p->pFloatData, p->nVectors, p->nDim))
         writeRows(pFile, p->pData, p->nVectors, p->nDim);
 }
 
 int KTsReadDTWPattern(FILE* pFile) {
-    int header[4]; // handle, isFirst, nDim, nVectors
-    if (pFile == nullptr || !readHead(pFile, header)) return -1;
+    FloatRecord head;
+    if (pFile == nullptr || !readHead(pFile, head)) return -1;
     NewRecord<sPattern> record;
-    if (!record || !acceptHeader(*record, header[0], header[2], header[3])) return -1;
+    if (!record || !acceptHead(*record, head)) return -1;
     bool noTable;
     record->pData = readTable<float>(pFile, *record, noTable);
     return record->pData != nullptr ? join(record) : -1;
@@ -104,11 +109,11 @@ int KTsReadDTWPattern(FILE* pFile) {
 // The record counts from its float table on: where only its 16-bit part fails to come, the store's
 // number stays one too high.
 int KTwReadDTWPattern(FILE* pFile) {
-    int header[5]; // handle, isFirst, nDim, nVectors, scale
-    if (pFile == nullptr || !readHead(pFile, header)) return -1;
+    FixedRecord head;
+    if (pFile == nullptr || !readHead(pFile, head)) return -1;
     NewRecord<wPattern> record;
-    if (!record || !acceptHeader(*record, header[0], header[2], header[3])) return -1;
-    record->scale = header[4];
+    if (!record || !acceptHead(*record, head)) return -1;
+    record->scale = int(head[wordScale]);
     bool noTable;
     record->pFloatData = readTable<float>(pFile, *record, noTable);
     if (record->pFloatData == nullptr) return -1;

@@ -1,8 +1,8 @@
-// The pattern stores: creation, lookup, release. One text for both flavours over a description of
-// each.
+// The pattern stores: creation, lookup, release. One text for both numeric forms over a description
+// of each.
 #include "templates/KT_DTW.h"
 
-#include "frame/KT_ALLOC.h"
+#include "frame/numeric.h"
 #include "frame/scratch.h"
 
 #include <cstdlib>
@@ -11,7 +11,7 @@
 namespace ktl::dtw {
 namespace {
 
-// A text in which the flavour's letter stands for each '@'.
+// A text in which the numeric form's letter stands for each '@'.
 template <std::size_t n>
 struct Text {
     char chars[n];
@@ -40,16 +40,17 @@ struct Reports {
     static constexpr Text freeAllName{"KT@PatternFreeAll", letter};
 };
 
-// What tells the flavours apart: what their reports say, and where the context keeps the store.
+// What tells the numeric forms apart: what their reports say, and where the context keeps the
+// store.
 template <class Pattern>
 struct Store;
 template <>
-struct Store<sPattern> : Reports<'s'> {
+struct Store<sPattern> : Reports<FloatForm::letter> {
     static sPattern*& head(KTContext* context) { return context->sPatternList; }
     static int& count(KTContext* context) { return context->nFloatPatterns; }
 };
 template <>
-struct Store<wPattern> : Reports<'w'> {
+struct Store<wPattern> : Reports<FixedForm::letter> {
     static wPattern*& head(KTContext* context) { return context->wPatternList; }
     static int& count(KTContext* context) { return context->nFixedPatterns; }
 };
@@ -59,7 +60,7 @@ struct Store<wPattern> : Reports<'w'> {
 template <class Pattern>
 PatternIndex<Pattern>* indexOf(const Pattern* head) {
     if (head != nullptr) return head->links.index;
-    return static_cast<PatternIndex<Pattern>*>(std::calloc(1, sizeof(PatternIndex<Pattern>)));
+    return zeroed<PatternIndex<Pattern>>();
 }
 
 template <class Pattern>
@@ -218,7 +219,7 @@ void give(T* pOut, T value) {
 } // namespace
 
 template <class Pattern>
-NewRecord<Pattern>::NewRecord() : record(static_cast<Pattern*>(std::calloc(1, sizeof(Pattern)))) {
+NewRecord<Pattern>::NewRecord() : record(zeroed<Pattern>()) {
 }
 template class NewRecord<sPattern>;
 template class NewRecord<wPattern>;

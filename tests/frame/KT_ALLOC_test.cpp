@@ -141,7 +141,7 @@ TEST(Table, ASizeBeyondTheAddressSpaceIsReportedAsExhaustion) {
 
 TEST(AlignedBlock, CarriesTheRawAddressInTheWordInFront) {
     for (int n = 0; n < 50; ++n) {
-        float* block = ownAllocFloats(n);
+        float* block = ktl::allocFloats(n);
         ASSERT_NE(block, nullptr);
         EXPECT_TRUE(onBoundary(block, vsq::blockAlignment));
         std::uintptr_t raw;
@@ -151,7 +151,7 @@ TEST(AlignedBlock, CarriesTheRawAddressInTheWordInFront) {
         EXPECT_LT(gap, sizeof raw + vsq::blockAlignment);
         for (int i = 0; i < n; ++i)
             block[i] = 1.0f;
-        ownFreeAligned(block);
+        vsq::freeAligned(block);
     }
 }
 
@@ -161,36 +161,36 @@ TEST(AlignedBlock, IsAlignedOnAtLeast32Bytes) {
 }
 
 TEST(AlignedBlock, OfComplexHasRoomForPairs) {
-    float* block = ownAllocComplex(17);
+    float* block = ktl::allocComplex(17);
     ASSERT_NE(block, nullptr);
     std::memset(block, 0, 17 * 8); // the address sanitizer watches
-    ownFreeAligned(block);
+    vsq::freeAligned(block);
 }
 
 TEST(AlignedBlock, OfRecordsHasRoomForTheirSize) {
     struct Edges {
         double left, centre, right;
     };
-    Edges* block = ownAllocRecords<Edges>(9);
+    Edges* block = vsq::allocAligned<Edges>(9);
     ASSERT_NE(block, nullptr);
     std::memset(block, 0, 9 * 24);
-    ownFreeAligned(block);
+    vsq::freeAligned(block);
 }
 
 TEST(AlignedBlock, FreeingNullIsHarmless) {
-    ownFreeAligned(nullptr);
+    vsq::freeAligned(nullptr);
 }
 
 TEST(AlignedBlock, ExhaustionGivesNullAndNoReport) {
     support::CapturedReports reports;
     float* block = nullptr;
-    for (auto* allocate : {ownAllocFloats, ownAllocComplex}) {
+    for (auto* allocate : {ktl::allocFloats, ktl::allocComplex}) {
         const int failures = support::alloc::failEach([&] { block = allocate(8); },
                                                       [&] { EXPECT_EQ(block, nullptr); });
         EXPECT_EQ(failures, 1);
-        ownFreeAligned(block);
+        vsq::freeAligned(block);
     }
-    EXPECT_EQ(ownAllocFloats(-1), nullptr);
+    EXPECT_EQ(ktl::allocFloats(-1), nullptr);
     EXPECT_EQ(vsq::allocAligned(PTRDIFF_MAX, 8), nullptr);
     EXPECT_EQ(vsq::allocAligned(PTRDIFF_MAX, 1), nullptr);
     EXPECT_EQ(reports.count(), 0u);

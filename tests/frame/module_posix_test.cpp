@@ -223,6 +223,6 @@ TEST(SharedModule, HidesWhatIsNotExported) {
     Module module;
     EXPECT_NE(module.get<void*>("KTGetStatus"), nullptr);
     for (const char* name :
-         {"KTsAlloc2", "_Z9KTsAlloc2ii", "ownAllocFloats", "vsqError", "ktlFirstContext"})
+         {"KTsAlloc2", "_Z9KTsAlloc2ii", "allocFloats", "vsqError", "ktlFirstContext"})
         EXPECT_EQ(module.get<void*>(name), nullptr) << name;
 }

@@ -163,6 +163,6 @@ TEST(SharedModule, RefusesToLoadWithoutASlot) {
 TEST(SharedModule, HidesWhatIsNotExported) {
     Module module;
     EXPECT_NE(module.get<void*>("KTGetStatus"), nullptr);
-    for (const char* name : {"KTsAlloc2", "ownAllocFloats", "vsqError", "DllMain"})
+    for (const char* name : {"KTsAlloc2", "allocFloats", "vsqError", "DllMain"})
         EXPECT_EQ(module.get<void*>(name), nullptr) << name;
 }

@@ -294,7 +294,7 @@ TEST_F(Creation, UnderANegativeStatus) {
         KTSetStatus(0);
         EXPECT_EQ(KTGetContext()->nHMMServers, 0);
     }
-    EXPECT_EQ(support::alloc::liveBlocks(), before + 1); // the table of ids
+    EXPECT_EQ(support::alloc::liveBlocks(), before + 1); // the registry's table of ids
 }
 
 // The mixtures of a continuous server are its own.

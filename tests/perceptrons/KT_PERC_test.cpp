@@ -23,7 +23,7 @@ void expectReport(const support::CapturedReports& reports, std::size_t i, int st
 }
 
 std::ptrdiff_t paddedCount(const std::vector<int>& counts) {
-    return ktl::perc::ownPaddedWeightCount(counts.data(), int(counts.size()));
+    return ktl::perc::paddedWeightCount(counts.data(), int(counts.size()));
 }
 
 template <class T>

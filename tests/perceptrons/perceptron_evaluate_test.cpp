@@ -140,7 +140,7 @@ TEST(FixedSums, AreExactForEveryShift) {
             const std::vector<int> expected = referenceSums(table, x, shift);
             support::onEveryLevel([&] {
                 support::Guarded<int> sums(3, -1);
-                ownwMatVec(sums.data(), pointers.data(), x.data(), 3, cols, shift);
+                ktl::perc::rowSums(sums.data(), pointers.data(), x.data(), 3, cols, shift);
                 EXPECT_TRUE(sums.intact());
                 ASSERT_EQ(sums.values(), expected) << cols << ' ' << shift;
             });
@@ -152,7 +152,7 @@ TEST(FixedSums, ShiftEachProductBeforeItIsAdded) {
     const short* pointer = row.data();
     support::onEveryLevel([&] {
         int sum;
-        ownwMatVec(&sum, &pointer, x.data(), 1, 40, 15);
+        ktl::perc::rowSums(&sum, &pointer, x.data(), 1, 40, 15);
         EXPECT_EQ(sum, -40); // each (-1 * 1) >> 15 is -1
     });
 }
@@ -162,9 +162,9 @@ TEST(FixedSums, Wrap) {
     const short* pointer = row.data();
     support::onEveryLevel([&] {
         int sum;
-        ownwMatVec(&sum, &pointer, x.data(), 1, 8, 0);
+        ktl::perc::rowSums(&sum, &pointer, x.data(), 1, 8, 0);
         EXPECT_EQ(sum, 0); // 8 * 2^30
-        ownwMatVec(&sum, &pointer, x.data(), 1, 3, 0);
+        ktl::perc::rowSums(&sum, &pointer, x.data(), 1, 3, 0);
         EXPECT_EQ(sum, wrapped(std::int64_t(3) << 30));
     });
 }
@@ -497,8 +497,8 @@ struct Scaled {
 };
 Scaled scaleOutput(const std::vector<short>& values, int scale, int mode, int wanted) {
     Scaled result{std::vector<short>(values.size(), short(-7)), wanted};
-    ownwScaleOutput(values.data(), result.values.data(), int(values.size()), scale, mode,
-                    &result.scale);
+    ktl::perc::scaleOutput(values.data(), result.values.data(), int(values.size()), scale, mode,
+                           &result.scale);
     return result;
 }
 

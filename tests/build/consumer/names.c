@@ -2,18 +2,18 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
-int ownAllocFloats(void);
-int ownsMatVec(void);
+int allocFloats(void);
+int rowProducts(void);
 int ktlFirstContext(void);
 int vsqError(void);
 int vsqsbCopy(void);
 int hmm(void);
 int platform(void);
 
-int ownAllocFloats(void) {
+int allocFloats(void) {
     return 1;
 }
-int ownsMatVec(void) {
+int rowProducts(void) {
     return 2;
 }
 int ktlFirstContext(void) {
