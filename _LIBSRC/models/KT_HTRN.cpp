@@ -2,7 +2,6 @@
 // outputs.
 #include "models/training.h"
 
-#include "models/evaluation.h"
 #include "models/flat_mixtures.h"
 #include "models/outputs.h"
 

@@ -1,6 +1,6 @@
 #include "models/forward_backward.h"
 
-#include "models/evaluation.h"
+#include "models/outputs.h"
 
 #include <algorithm>
 #include <cfloat>

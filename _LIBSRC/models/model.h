@@ -48,7 +48,12 @@ inline constexpr unsigned hmmDomainBits = KT_HMM_LOGARITHMIC | KT_HMM_EXPONENTIA
 inline constexpr unsigned hmmFormBits = HMM_SERVER_SHORT | HMM_SERVER_FLOAT;
 inline constexpr unsigned hmmTopologyBits = HMM_SERVER_TRIANGULAR | HMM_SERVER_BANDED;
 
-// --- registry (KT_HREG) ---
+// --- registry (registry.cpp) ---
+
+// Whether the thread has a registry.
+inline bool hasHMMRegistry(const KTContext* context = KTGetContext()) {
+    return (context->hmmMode & HMM_MODE_READY) != 0;
+}
 
 // Creates the thread's registry where there is none. On exhaustion HMM_MODE_READY stays clear, and
 // nothing is reported.
@@ -71,7 +76,7 @@ void KTGetHMMServerInfo(int id, int* tag, void** transitions, void** outputs, vo
 // Frees both sentinels and what hangs off them; every server and class is gone by then.
 void KTFreeHMMRegistry();
 
-// --- classes (KT_HCLASS) ---
+// --- classes (classes.cpp) ---
 
 // the next step delivers the first member
 inline constexpr unsigned HMM_CLASS_REWOUND = 0x80000000u;
@@ -118,7 +123,7 @@ void rewindHMMClass(HMMClass* group);
 void removeFromHMMClass(HMMClass* group, int id); // nothing happens where the id is no member
 HMMServer* nextHMMInClass(HMMClass* group);       // null at the end
 
-// --- creation (KT_HMAN) ---
+// --- creation (KT_HMAN.cpp) ---
 
 // Whether a server's mixtures are released, and copied, with it. Its status says so, except that a
 // file's status word is kept as it is, and mixtures that are made for a server belong to it all the
@@ -194,9 +199,9 @@ bool ownFillMixtures(HMMServer* server, int nStates, Make make) {
     return true;
 }
 
-// --- parameter setting (KT_HINT) ---
+// --- parameter setting (KT_HINT.cpp) ---
 
-// Stores a model's arrays in the layouts of KT_HLAYOUT.h and commits tag, counts and status
+// Stores a model's arrays in the layouts of layout.h and commits tag, counts and status
 // (topology included). `trans` and `out` are row tables of the form that the status says. Negative
 // counts and status keep what the record holds, null arrays are left as they are. Failures show in
 // the thread's status; an array for which memory ran out is silently missing, and nothing is

@@ -22,8 +22,8 @@
 //     proceed(next)                       before the next iteration; false when memory ran out
 #pragma once
 
-#include "models/evaluation.h"
 #include "models/forward_backward.h"
+#include "models/outputs.h"
 
 #include <cmath>
 
