@@ -12,10 +12,6 @@ namespace {
 
 constexpr ktl::Module module{"..\\_LIBSRC\\KT_HMAN"};
 
-bool ready(const KTContext* context) {
-    return (context->hmmMode & HMM_MODE_READY) != 0;
-}
-
 template <class T>
 T* zeroed() {
     return static_cast<T*>(std::calloc(1, sizeof(T)));
@@ -119,7 +115,7 @@ bool addFirst(HMMClass* group, HMMServer* server) {
     return true;
 }
 
-// Halves a full chunk: the upper entries move to a new one behind it.
+// Halves a full chunk: the upper entries move to a new one after it.
 bool split(HMMClass* group, const Place& place) {
     constexpr int half = HMM_CHUNK_CAPACITY / 2;
     HMMClassChunk *chunk = place.chunk, *upper = newChunk(group, place.index + 1);
@@ -162,8 +158,7 @@ bool add(HMMClass* group, HMMServer* server) {
     return true;
 }
 
-// The member under the cursor goes or stands above the one that goes: the cursor steps to the
-// member before.
+// Before a member goes: a cursor on it, or on one after it in its chunk, steps to the member before.
 void stepCursorBack(HMMClass* group, const Place& place) {
     if (group->cursorChunk != place.chunk || group->cursorIndex < place.position) return;
     if (place.position > 0 || group->cursorIndex > 0) {
@@ -181,8 +176,7 @@ void stepCursorBack(HMMClass* group, const Place& place) {
 void dropChunk(HMMClass* group, const Place& place) {
     if (place.before == nullptr) {
         group->head = place.chunk->next;
-        // the cursor must not be left on the chunk that goes; with nothing left there is nowhere
-        // for it to stand
+        // the cursor leaves the chunk that is freed; in an empty class it is null
         if (group->cursorChunk == place.chunk || group->head == nullptr)
             group->cursorChunk = group->head;
     } else {
@@ -248,7 +242,7 @@ HMMServer* nextHMMInClass(HMMClass* group) {
 
 HMMClass* KTFindHMMClass(int classId) {
     const KTContext* context = KTGetContext();
-    if (!ready(context)) return nullptr;
+    if (!hasHMMRegistry(context)) return nullptr;
     HMMClass* group = context->hmmClassList->next;
     while (group != context->hmmClassList && group->id < classId)
         group = group->next;
@@ -281,7 +275,7 @@ void KTFreeHMMClasses() {
 int KTCreateHMMClass(void) {
     KTInitHMMRegistry();
     KTContext* context = KTGetContext();
-    HMMClass* group = ready(context) ? zeroed<HMMClass>() : nullptr;
+    HMMClass* group = hasHMMRegistry(context) ? zeroed<HMMClass>() : nullptr;
     if (group == nullptr) return -1;
     HMMClass* before = context->hmmClassList;
     while (before->next->id == before->id + 1)

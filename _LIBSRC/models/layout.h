@@ -77,8 +77,8 @@ struct TransitionMap {
     std::size_t duplicate() const;
 };
 
-// First elements on the boundary that the kernels expect: 16 bytes in the float form, 8 in the
-// fixed one.
+// First elements on the boundary that the kernels expect: 16 bytes in float, 8 in fixed
+// point.
 inline constexpr std::size_t floatAlignment = 16, fixedAlignment = 8;
 
 template <class T>
@@ -98,7 +98,7 @@ inline int* ints(void* block) {
     return aligned<int>(block, fixedAlignment);
 }
 
-// A zeroed block with room for `count` elements behind its aligned start and for a register's
+// A zeroed block with room for `count` elements after its aligned start and for a register's
 // length beyond them, so that vector loops may read whole groups; null when memory ran out or the
 // size is beyond the address space.
 void* allocateArray(std::size_t count, std::size_t elementSize);
@@ -148,7 +148,7 @@ void rewriteTransitions(const TransitionMap& from, const T* source, const Transi
     rewriteTransitions(from, source, to, target, [](T element) { return element; });
 }
 
-// What the lanes hold that no transition or output fills: the largest float.
+// The cost of what does not exist, and what fills padding: the largest float.
 inline constexpr float absentCost = 3.40282346638528859811704183484516925e+38f;
 
 } // namespace hmm

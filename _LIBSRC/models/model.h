@@ -30,7 +30,7 @@ struct HMMServer {
     int reserved0;
     int reserved1; // carried by copies and conversions
 
-    // Of this process alone, behind what files hold: the operations in progress that keep the bare
+    // Of this process alone, after what files hold: the operations in progress that keep the bare
     // record, see HeldHMMServer; and whether the mixtures are the server's own where the status
     // does not say so.
     int nHolds;
@@ -46,6 +46,7 @@ inline constexpr unsigned HMM_MODE_TILED =
 
 inline constexpr unsigned hmmDomainBits = KT_HMM_LOGARITHMIC | KT_HMM_EXPONENTIAL;
 inline constexpr unsigned hmmFormBits = HMM_SERVER_SHORT | HMM_SERVER_FLOAT;
+inline constexpr unsigned hmmKindBits = HMM_SERVER_DISCRETE | HMM_SERVER_CONT | HMM_SERVER_SEMICONT;
 inline constexpr unsigned hmmTopologyBits = HMM_SERVER_TRIANGULAR | HMM_SERVER_BANDED;
 
 // --- registry (registry.cpp) ---
@@ -73,7 +74,7 @@ HMMServer* KTFindHMMServer(int id); // null for an unknown id, or when there is 
 void KTGetHMMServerInfo(int id, int* tag, void** transitions, void** outputs, void** initials,
                         int* nStates, int* nSymbols, int* nQuant, int* scale, unsigned* status);
 
-// Frees both sentinels and what hangs off them; every server and class is gone by then.
+// Frees the registry, the codebooks included; every server and class is gone by then.
 void KTFreeHMMRegistry();
 
 // --- classes (classes.cpp) ---
@@ -81,7 +82,10 @@ void KTFreeHMMRegistry();
 // the next step delivers the first member
 inline constexpr unsigned HMM_CLASS_REWOUND = 0x80000000u;
 inline constexpr unsigned HMM_CLASS_AT_END = 0x40000000u; // the cursor has passed the last member
-inline constexpr unsigned HMM_CLASS_KEY_MASK = 0x00E000F3u;
+// What all members of a class have in common: output kind, numeric form and domain, with two bits
+// beside the form's that only files may bring.
+inline constexpr unsigned HMM_CLASS_KEY_MASK = hmmKindBits | hmmFormBits | 0xC0u | hmmDomainBits;
+static_assert(HMM_CLASS_KEY_MASK == 0x00E000F3u);
 inline constexpr int HMM_CHUNK_CAPACITY = 64;
 inline constexpr int HMM_CHUNK_LAST_KEY = 0x1FFFFFFF;
 

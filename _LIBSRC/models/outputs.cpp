@@ -100,10 +100,10 @@ void exponentsOf(const SemicontCodebook* codebook, const float* frame, int nPdfs
 
 short fixedDensity(const GaussMixServer* server, const short* frame, int nDim) {
     const auto plan = ktl::gauss::planExponent(server->scale);
-    const int form = ktl::gauss::fixedForm(server, 0, frame, nDim);
-    // at most 2^14, except where a scale above 1 has shifted the form beyond 32 bits: then the
-    // product wraps
-    const int density = KTexpFix(ktl::gauss::exponentOf(form, plan.shift), plan.frac, 14);
+    const int quadratic = ktl::gauss::fixedForm(server, 0, frame, nDim);
+    // at most 2^14, except where a scale above 1 has shifted the quadratic form beyond 32 bits:
+    // then the product wraps
+    const int density = KTexpFix(ktl::gauss::exponentOf(quadratic, plan.shift), plan.frac, 14);
     const auto product =
         static_cast<unsigned>(density) * static_cast<unsigned>(int(weights<short>(server)[0]));
     return static_cast<short>(static_cast<int>(product) >> 14);
