@@ -16,11 +16,10 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_HVIT"};
 
 constexpr float minusLog10OfE = -0.4342945f;
 
-// Fractional bits that fixed-point output values have where the logarithm takes them: values of
-// mixtures come with 12 and are shifted left, sums of weights times densities have them both.
-constexpr int mixtureShift = 16;
-constexpr int mixtureBits = 12 + mixtureShift;
-constexpr int weightBits = 10, densityBits = 14;
+// Fractional bits of fixed-point output values, where their logarithm is taken: those of the density
+// and those of its weight. The densities of a mixture are asked for with 16.
+constexpr int mixtureBits = 16, mixtureWeightBits = 12;
+constexpr int densityBits = 14, densityWeightBits = 10;
 
 // --- output values as costs, in both numeric forms ---
 
@@ -81,17 +80,17 @@ struct FixedCosts {
 
     static void scoreMixtures(const HMMServer* server, const short* frame, int* row) {
         for (int i = 0; i < server->nStates; ++i) {
-            int scale = -mixtureShift;
+            int scale = -mixtureBits;
             row[i] =
                 KTwEvalGaussMix(server->mixtures[i], frame, server->nQuant, KT_FixedScale, &scale);
         }
-        toCosts(server, row, mixtureBits);
+        toCosts(server, row, mixtureBits + mixtureWeightBits);
     }
     static void scoreWeights(const HMMServer* server, const short* densities, int* row) {
         const short* const* weights = hmm::outputRows<const short>(server->outputs);
         for (int i = 0; i < server->nStates; ++i)
             row[i] = vsqwDotProdExt(weights[i], densities, server->nSymbols, 0, nullptr);
-        toCosts(server, row, weightBits + densityBits);
+        toCosts(server, row, densityBits + densityWeightBits);
     }
     static void advance(const vsq::HmmModel<int>& model, const int* const* rows, int n,
                         vsq::HmmPath<int>* state) {
