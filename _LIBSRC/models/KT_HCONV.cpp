@@ -77,8 +77,8 @@ void* transitionsOfDomain(const HMMServer* server, unsigned newStatus) {
     return block;
 }
 
-// Changes a copy in place whose id the caller does not have yet. False when memory ran out for the rewritten
-// transitions: the initial values alone have changed then.
+// Changes a copy in place, whose id the caller does not have yet. False when memory ran out for the
+// rewritten transitions: the initial values alone have changed then.
 template <class Domain>
 bool changeDomain(HMMServer* server) {
     const unsigned newStatus = (server->status ^ hmmDomainBits) & ~HMM_SERVER_TILED;

@@ -1,7 +1,7 @@
 // Cost of the best state path through a model, or through the best model of a class: the Viterbi
 // recursion on costs, -log10 of probabilities, in float and in fixed point. One text serves all
-// output kinds, topologies and numeric forms. A. J. Viterbi, Error Bounds for Convolutional Codes and
-// an Asymptotically Optimum Decoding Algorithm, 1967.
+// output kinds, topologies and numeric forms. A. J. Viterbi, Error Bounds for Convolutional Codes
+// and an Asymptotically Optimum Decoding Algorithm, 1967.
 #include "models/log10_fixed.h"
 #include "models/outputs.h"
 
@@ -16,7 +16,7 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_HVIT"};
 
 constexpr float minusLog10OfE = -0.4342945f;
 
-// Fractional bits of fixed-point output values, where their logarithm is taken: those of the density
+// Fractional bits of fixed-point output values when their logarithm is taken: those of a density
 // and those of its weight. The densities of a mixture are asked for with 16.
 constexpr int mixtureBits = 16, mixtureWeightBits = 12;
 constexpr int densityBits = 14, densityWeightBits = 10;

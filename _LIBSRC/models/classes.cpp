@@ -158,7 +158,8 @@ bool add(HMMClass* group, HMMServer* server) {
     return true;
 }
 
-// Before a member goes: a cursor on it, or on one after it in its chunk, steps to the member before.
+// Before a member goes: a cursor on it steps to the member before; a cursor on a later one of the
+// chunk moves with its member.
 void stepCursorBack(HMMClass* group, const Place& place) {
     if (group->cursorChunk != place.chunk || group->cursorIndex < place.position) return;
     if (place.position > 0 || group->cursorIndex > 0) {

@@ -1,5 +1,5 @@
-// The forward-backward recursion on registered models. Where backward values leave the doubles, they
-// are formed once more, from occupancies that come from the forward values alone.
+// The forward-backward recursion on registered models. Where backward values leave the doubles,
+// they are formed once more, from occupancies that come from the forward values alone.
 #include "models/forward_backward.h"
 
 #include "models/outputs.h"

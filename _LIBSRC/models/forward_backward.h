@@ -8,9 +8,9 @@
 
 #include "levels/levels.h"
 
-// With N states and T = nFrames: pAlphaBeta takes T rows of N forward values and after them T rows of
-// N backward values; pScales takes the T factors, each applied to its frame's forward values and to
-// the backward values of the frame before. alpha(t, i) * beta(t, i) divided by the result is the
+// With N states and T = nFrames: pAlphaBeta takes T rows of N forward values and after them T rows
+// of N backward values; pScales takes the T factors, each applied to its frame's forward values and
+// to the backward values of the frame before. alpha(t, i) * beta(t, i) divided by the result is the
 // occupancy of state i at frame t. pOutProbs holds T rows of N output values; symbols are 0 ..
 // nSymbols - 1.
 //

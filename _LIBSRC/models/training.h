@@ -1,8 +1,8 @@
 // What all three trainers share: Baum-Welch re-estimation of start values and transitions,
 // iteration by iteration on fresh copies of the model. How outputs are scored and re-estimated
-// differs by output kind; the kind's estimator does that. L. E. Baum, T. Petrie, G. Soules, N. Weiss, A Maximization
-// Technique Occurring in the Statistical Analysis of Probabilistic Functions of Markov Chains,
-// 1970.
+// differs by output kind; the kind's estimator does that. L. E. Baum, T. Petrie, G. Soules, N.
+// Weiss, A Maximization Technique Occurring in the Statistical Analysis of Probabilistic Functions
+// of Markov Chains, 1970.
 //
 // An estimator has
 //     Sequence                            one observation sequence as the caller passes it

@@ -139,7 +139,8 @@ void Counts::formArrivals(const HMMServer* current, const vsq::HmmOutputs& outpu
         }
 }
 
-// Denominators that are not finite become 0, by which nothing is divided; false when there were any.
+// Denominators that are not finite become 0, by which nothing is divided; false when there were
+// any.
 bool Counts::dropInfinite() {
     bool isFinite = true;
     const auto check = [&](double& occupancy) {

@@ -1,5 +1,5 @@
-// A model's stored transitions in the padded shape that the kernels read fastest: rows by source, or
-// the three diagonals of a band.
+// A model's stored transitions in the padded shape that the kernels read fastest: rows by source,
+// or the three diagonals of a band.
 #pragma once
 
 #include "models/layout.h"
