@@ -25,7 +25,7 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_HCONV"};
 constexpr float minusLn10 = -2.3025851f, minusLog10OfE = -0.4342945f;
 
 // Releases the source of a transform unless the mode keeps it.
-void settleSource(const HeldHMMServer& source) {
+void releaseUnlessKept(const HeldHMMServer& source) {
     const HMMServer* server = source.get(); // null once a report's handler has released it
     if (server != nullptr && (KTGetContext()->hmmMode & KT_HMM_KEEP) == 0)
         KTFreeHMMServer(server->id);
@@ -77,8 +77,8 @@ void* transitionsOfDomain(const HMMServer* server, unsigned newStatus) {
     return block;
 }
 
-// Changes a server in place that nobody knows of yet. False when memory ran out for the rewritten
-// transitions: the initial values alone have changed then.
+// Changes a copy in place, whose id the caller does not have yet. False when memory ran out for the
+// rewritten transitions: the initial values alone have changed then.
 template <class Domain>
 bool changeDomain(HMMServer* server) {
     const unsigned newStatus = (server->status ^ hmmDomainBits) & ~HMM_SERVER_TILED;
@@ -113,14 +113,13 @@ int transformed(int hmm) {
     // gone again where the thread's status was negative before
     HMMServer* copy = KTFindHMMServer(id);
     if (copy == nullptr) return -1;
-    // the copy stays registered here, its initial values transformed; the only failure that leaves
-    // a server behind
+    // the only failure that leaves a server registered: the copy, its initial values transformed
     if (!changeDomain<Domain>(copy)) return -1;
     if (!ownTileIfWanted(copy)) {
         KTFreeHMMServer(id);
         return -1;
     }
-    settleSource(held);
+    releaseUnlessKept(held);
     return id;
 }
 
@@ -320,7 +319,7 @@ int converted(int hmm, const Direction& direction) {
         module.report(KT_StsBadArg, "ser->status&KT_HMM_EXPONENTIAL", "KTswConvertHMMServer");
         return -1;
     }
-    if ((source->status & Direction::form) == 0) return -1; // its arrays can't be read as this form
+    if ((source->status & Direction::form) == 0) return -1; // arrays of the other form
     const HeldHMMServer held(source);
     HMMServer* target = ownNewHMMRecord();
     if (target == nullptr) return -1;
@@ -329,7 +328,7 @@ int converted(int hmm, const Direction& direction) {
         return -1;
     }
     const int id = ownRegisterComplete(target);
-    if (id > 0) settleSource(held);
+    if (id > 0) releaseUnlessKept(held);
     return id;
 }
 

@@ -14,7 +14,7 @@ constexpr int HMM_FIXED_PAD =
     0x1FFFFFFF; // fills fixed transition rows of costs; larger than any sum that wins
 
 // What differs between the numeric forms: the caller's and the stored element, which transitions
-// count as present, and what fills the places that nothing is stored in.
+// count as present, and what fills places without a value.
 struct FloatForm {
     using Input = float;
     using Stored = float;

@@ -53,7 +53,7 @@ constexpr CodebookTexts fixedTexts{"_wSemicontCodebook->status==0",
 
 // 0, or the Init's failure value after its report; -1 where there is not even a registry.
 int checkCodebook(bool isFixed, int nSymbols, int nQuant, const char* funcName) {
-    if (!ktl::registryReady()) return -1;
+    if (!hasHMMRegistry()) return -1;
     const SemicontCodebook* codebook =
         isFixed ? KTGetContext()->wSemicont : KTGetContext()->sSemicont;
     const CodebookTexts& texts = isFixed ? fixedTexts : floatTexts;
@@ -77,7 +77,7 @@ int checkCodebook(bool isFixed, int nSymbols, int nQuant, const char* funcName) 
 
 // A server's own copy of a mixture. What a mixture's flags bring along (normalisation) is done
 // anew.
-GaussMixServer* ownMixture(const GaussMixServer* source, int flags) {
+GaussMixServer* copyAnew(const GaussMixServer* source, int flags) {
     using namespace ktl::gauss;
     if (source == nullptr) return nullptr;
     if (isFloat(source))
@@ -91,7 +91,7 @@ GaussMixServer* ownMixture(const GaussMixServer* source, int flags) {
 
 // --- creation ---
 
-// What an Init was asked for; arrays are of the form that `kind` says.
+// What an Init was asked for; arrays are of the numeric form that `status` says.
 struct Request {
     const void* trans;
     const void* out;
@@ -101,7 +101,7 @@ struct Request {
     int nSymbols; // -1 for a continuous model
     int nQuant;
     int scale;
-    unsigned kind; // form, flavour and domain bits
+    unsigned status; // numeric form, output kind and domain
 };
 
 // A model without states, or a discrete one without symbols, is refused: no reader accepts its
@@ -110,21 +110,21 @@ bool refusesSizes(const Request& request, const char* funcName) {
     const char* refusal = nullptr;
     if (request.nStates < 1)
         refusal = "nStates<1";
-    else if ((request.kind & HMM_SERVER_DISCRETE) != 0 && request.nSymbols < 1)
+    else if ((request.status & HMM_SERVER_DISCRETE) != 0 && request.nSymbols < 1)
         refusal = "nSymbols<1";
     if (refusal != nullptr) module.report(KT_StsBadArg, refusal, funcName);
     return refusal != nullptr;
 }
 
-// False when memory ran out for the mixtures. After a report of the setter's the request's arrays
-// and mixtures may be gone, as the server may.
-bool takeOver(HMMServer* server, const Request& request) {
+// False when memory ran out for the mixtures. Once the setter has reported, nothing is touched: the
+// handler may have released the server, and the request's arrays and mixtures.
+bool setParameters(HMMServer* server, const Request& request) {
     const bool isSet =
         KTSetHMMServerParm(server->id, 0, request.trans, request.out, request.initial,
-                           request.nStates, request.nSymbols, static_cast<int>(request.kind));
-    if (!isSet || (request.kind & HMM_SERVER_CONT) == 0) return true;
+                           request.nStates, request.nSymbols, static_cast<int>(request.status));
+    if (!isSet || (request.status & HMM_SERVER_CONT) == 0) return true;
     const auto make = [](const GaussMixServer* source) {
-        return source != nullptr ? ownMixture(source, source->flags | KT_GAUSS_BLOCK) : nullptr;
+        return source != nullptr ? copyAnew(source, source->flags | KT_GAUSS_BLOCK) : nullptr;
     };
     if (request.mixtures == nullptr ||
         !ownFillMixtures(server, request.nStates, [&](int i) { return make(request.mixtures[i]); }))
@@ -135,7 +135,7 @@ bool takeOver(HMMServer* server, const Request& request) {
 }
 
 int create(const Request& request, const char* funcName) {
-    if (!ktl::startRegistry() || refusesSizes(request, funcName)) return -1;
+    if (!startHMMRegistry() || refusesSizes(request, funcName)) return -1;
     HMMServer* server = ownNewHMMRecord();
     if (server == nullptr) return -1;
     server->nQuant = request.nQuant;
@@ -146,7 +146,7 @@ int create(const Request& request, const char* funcName) {
         return -1;
     }
     const HeldHMMServer held(server);
-    const bool complete = takeOver(server, request);
+    const bool complete = setParameters(server, request);
     if (held.get() == nullptr) return -1; // a report's handler has released it
     if (complete && KTGetStatus() >= 0) return id;
     KTFreeHMMServer(id);
@@ -155,7 +155,7 @@ int create(const Request& request, const char* funcName) {
 
 // --- release and copy ---
 
-// A copy of the elements behind the aligned start; the source may be missing, as after a failed
+// A copy of the elements after the aligned start; the source may be missing, as after a failed
 // allocation.
 bool copyArray(void* source, void*& target, std::size_t count, std::size_t elementSize,
                std::size_t alignment) {
@@ -222,8 +222,8 @@ HMMServer* ownNewHMMRecord() {
 
 GaussMixServer* ownCopyMixture(const GaussMixServer* source) {
     if (source == nullptr || !ktl::gauss::isFloat(source))
-        return source != nullptr ? ownMixture(source, source->flags) : nullptr;
-    GaussMixServer* copy = ownMixture(source, source->flags & ~KT_GAUSS_NORMALIZE);
+        return source != nullptr ? copyAnew(source, source->flags) : nullptr;
+    GaussMixServer* copy = copyAnew(source, source->flags & ~KT_GAUSS_NORMALIZE);
     if (copy == nullptr) return nullptr;
     std::memcpy(copy->pNormWeights, source->pNormWeights,
                 std::size_t(source->nMix) * sizeof(float));
@@ -331,7 +331,7 @@ void KTFreeHMMServer(int id) {
 }
 
 void KTHMMFreeAll(void) {
-    if (!ktl::registryReady()) return;
+    if (!hasHMMRegistry()) return;
     KTContext* context = KTGetContext();
     KTsFreeSemicontCodebook();
     KTwFreeSemicontCodebook();

@@ -1,8 +1,8 @@
-// Baum-Welch training of the three flavours: how each scores its frames and re-estimates its
-// outputs.
+// Baum-Welch training of the three output kinds: how each scores its frames and re-estimates its
+// outputs. A kind scores in training otherwise than in evaluation: all components or densities of a
+// frame at once, and their shares stay for the counts.
 #include "models/training.h"
 
-#include "models/evaluation.h"
 #include "models/flat_mixtures.h"
 #include "models/outputs.h"
 
@@ -32,7 +32,7 @@ float probability(double numerator, double denominator) {
 }
 
 // Rows of floats with their pointers, one for each frame of the longest sequence, readable and zero
-// up to a whole group of lanes behind their length.
+// up to a whole group of lanes after their length.
 class FrameRows {
 public:
     bool allocate(int nFrames, int length) {
@@ -61,7 +61,7 @@ private:
 
 // --- discrete: a row of outputs for each symbol ---
 
-class Discrete {
+class DiscreteEstimator {
 public:
     using Sequence = const int*;
     static constexpr unsigned kind = HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT;
@@ -71,8 +71,8 @@ public:
                                paddedToLanes(model->nStates));
     }
 
-    void begin(const HMMServer*, HMMServer*) { outNum.clear(); }
-    void review(const HMMServer*) const {}
+    void startIteration(HMMServer*) { outNum.clear(); }
+    void reportDisagreement(const HMMServer*) const {}
 
     bool score(const HMMServer* current, const HMMServer*, const int* symbols, int nFrames,
                vsq::HmmOutputs* outputs) const {
@@ -109,7 +109,7 @@ public:
         return greatest;
     }
 
-    bool proceed(const HMMServer*) const { return true; }
+    bool prepareToScore(const HMMServer*) const { return true; }
 
 private:
     Numbers outNum; // nSymbols rows of padded states
@@ -117,19 +117,19 @@ private:
 
 // --- continuous: a mixture for each state, all of them scored as one list of components ---
 
-class Continuous {
+class ContinuousEstimator {
 public:
     using Sequence = const float* const*;
     static constexpr unsigned kind = HMM_SERVER_CONT | HMM_SERVER_FLOAT;
 
-    Continuous() = default;
-    Continuous(const Continuous&) = delete;
-    Continuous& operator=(const Continuous&) = delete;
-    ~Continuous() { ownsFreeFlatMixtures(view); }
+    ContinuousEstimator() = default;
+    ContinuousEstimator(const ContinuousEstimator&) = delete;
+    ContinuousEstimator& operator=(const ContinuousEstimator&) = delete;
+    ~ContinuousEstimator() { ownsFreeFlatMixtures(view); }
 
     bool prepare(const HMMServer* model, int longest) {
         // a copy would share its mixtures
-        if (!ownsMixtures(model) || !proceed(model)) return false;
+        if (!ownsMixtures(model) || !prepareToScore(model)) return false;
         const auto components = std::size_t(view->codebook.nSymbols);
         means = ktl::Scratch<float*>(components);
         return means && outProbs.allocate(longest, model->nStates) &&
@@ -138,7 +138,7 @@ public:
     }
 
     // The new model's means become the accumulators of their own re-estimates.
-    void begin(const HMMServer*, HMMServer* next) {
+    void startIteration(HMMServer* next) {
         gammaComp.clear();
         float** mean = means.get();
         for (int i = 0; i < next->nStates; ++i)
@@ -147,7 +147,7 @@ public:
         for (int m = 0; m < view->codebook.nSymbols; ++m)
             std::fill_n(means[m], next->nQuant, 0.0f);
     }
-    void review(const HMMServer*) const {}
+    void reportDisagreement(const HMMServer*) const {}
 
     bool score(const HMMServer* current, const HMMServer*, const float* const* frames, int nFrames,
                vsq::HmmOutputs* outputs) const {
@@ -212,8 +212,8 @@ public:
         return greatest;
     }
 
-    // The view of the model that the next iteration scores with.
-    bool proceed(const HMMServer* model) {
+    // The view of its mixtures that the next iteration scores with.
+    bool prepareToScore(const HMMServer* model) {
         const hmm::OwnStatus ownStatus;
         ownsFreeFlatMixtures(view);
         view = ownsFlattenMixtures(model->mixtures, model->nStates, model->nQuant);
@@ -271,7 +271,7 @@ private:
 
 // --- semicontinuous: a row of weights over the codebook's densities for each state ---
 
-class Semicontinuous {
+class SemicontinuousEstimator {
 public:
     using Sequence = const float* const*;
     static constexpr unsigned kind = HMM_SERVER_SEMICONT | HMM_SERVER_FLOAT;
@@ -283,15 +283,15 @@ public:
                weightNum.allocate(std::size_t(model->nStates), paddedToLanes(nSymbols));
     }
 
-    void begin(const HMMServer*, HMMServer*) { weightNum.clear(); }
-    void review(const HMMServer* current) const { hmm::compareWithCodebook(current); }
+    void startIteration(HMMServer*) { weightNum.clear(); }
+    void reportDisagreement(const HMMServer* current) const { hmm::compareWithCodebook(current); }
 
     // A codebook that does not agree with the server is read as far as both go; what is beyond it
     // counts as densities that never respond.
     bool score(const HMMServer* current, const HMMServer* next, const float* const* frames,
                int nFrames, vsq::HmmOutputs* outputs) const {
         const SemicontCodebook* codebook = KTGetContext()->sSemicont;
-        // a report's handler may have replaced the codebook, whose densities still stand there
+        // rows may still hold densities of a codebook that a report's handler has replaced
         for (int t = 0; codebook->nSymbols < current->nSymbols && t < nFrames; ++t)
             std::fill_n(densities.row(t), current->nSymbols, 0.0f);
         KTsEvalPdfsFrames(codebook, frames, densities.get(), nFrames,
@@ -312,7 +312,7 @@ public:
             static_cast<std::ptrdiff_t>(paddedToLanes(current->nSymbols)));
     }
 
-    // The states' weights, which every count carries as a factor, come in here.
+    // Every count lacks the factor of its weight, which comes in here.
     bool finish(const HMMServer* current, HMMServer* next, const Counts& counts) const {
         bool isFinite = true;
         for (int i = 0; i < next->nStates; ++i) {
@@ -338,7 +338,7 @@ public:
         return greatest;
     }
 
-    bool proceed(const HMMServer*) const { return true; }
+    bool prepareToScore(const HMMServer*) const { return true; }
 
 private:
     FrameRows outProbs;  // per frame: the states' output values
@@ -347,7 +347,7 @@ private:
     Numbers weightNum;
 };
 
-// Where the registry has a server of this id, and the id is not a class's.
+// The server of an id; null for an unknown one and for that of a class.
 const HMMServer* serverToTrain(int hmm) {
     return hmm > 0 ? KTFindHMMServer(hmm) : nullptr;
 }
@@ -358,8 +358,8 @@ int KTsTrainHMMBaumWelch(int hmm, const int* const* ppObservations, const int* p
                          int nSequences, int maxIterations, float* pTolerance) {
     const HMMServer* model = serverToTrain(hmm);
     if (model == nullptr) return -1;
-    Discrete flavour;
-    return hmm::train(flavour, model, {ppObservations, pFrames, nSequences}, maxIterations,
+    DiscreteEstimator estimator;
+    return hmm::train(estimator, model, {ppObservations, pFrames, nSequences}, maxIterations,
                       pTolerance);
 }
 
@@ -367,19 +367,20 @@ int KTsTrainContHMMBaumWelch(int hmm, const float* const* const* pppFrames, cons
                              int nSequences, int maxIterations, float* pTolerance) {
     const HMMServer* model = serverToTrain(hmm);
     if (model == nullptr) return -1;
-    Continuous flavour;
-    return hmm::train(flavour, model, {pppFrames, pFrames, nSequences}, maxIterations, pTolerance);
+    ContinuousEstimator estimator;
+    return hmm::train(estimator, model, {pppFrames, pFrames, nSequences}, maxIterations,
+                      pTolerance);
 }
 
 int KTsTrainSemicontHMMBaumWelch(int hmm, const float* const* const* pppFrames, const int* pFrames,
                                  int nSequences, int maxIterations, float* pTolerance) {
     const HMMServer* model = serverToTrain(hmm);
-    if (model == nullptr || !hmm::evaluable(model, Semicontinuous::kind)) return -1;
+    if (model == nullptr || !hmm::evaluable(model, SemicontinuousEstimator::kind)) return -1;
     const HeldHMMServer held(model);
-    hmm::CodebookDisagreement(model).report(module,
-                                            // and the training goes on
-                                            "KTsTrainSemicontHMMBaumWelch");
-    if (held.get() == nullptr) return -1; // unless the handler of a report has released the model
-    Semicontinuous flavour;
-    return hmm::train(flavour, model, {pppFrames, pFrames, nSequences}, maxIterations, pTolerance);
+    // training goes on after these reports, unless a handler has released the model
+    hmm::CodebookDisagreement(model).report(module, "KTsTrainSemicontHMMBaumWelch");
+    if (held.get() == nullptr) return -1;
+    SemicontinuousEstimator estimator;
+    return hmm::train(estimator, model, {pppFrames, pFrames, nSequences}, maxIterations,
+                      pTolerance);
 }

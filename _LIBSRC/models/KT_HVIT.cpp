@@ -1,7 +1,7 @@
 // Cost of the best state path through a model, or through the best model of a class: the Viterbi
-// recursion on costs, -log10 of probabilities, in float and in fixed point. One text serves the
-// flavours, topologies and numeric forms. A. J. Viterbi, Error Bounds for Convolutional Codes and
-// an Asymptotically Optimum Decoding Algorithm, 1967.
+// recursion on costs, -log10 of probabilities, in float and in fixed point. One text serves all
+// output kinds, topologies and numeric forms. A. J. Viterbi, Error Bounds for Convolutional Codes
+// and an Asymptotically Optimum Decoding Algorithm, 1967.
 #include "models/log10_fixed.h"
 #include "models/outputs.h"
 
@@ -16,17 +16,45 @@ constexpr ktl::Module module{"..\\_LIBSRC\\KT_HVIT"};
 
 constexpr float minusLog10OfE = -0.4342945f;
 
-// --- the numeric forms ---
+// Fractional bits of fixed-point output values when their logarithm is taken: those of a density
+// and those of its weight. The densities of a mixture are asked for with 16.
+constexpr int mixtureBits = 16, mixtureWeightBits = 12;
+constexpr int densityBits = 14, densityWeightBits = 10;
 
-struct FloatForm {
+// --- output values as costs, in both numeric forms ---
+
+// Turns likelihoods of a frame's states into costs.
+void toCosts(const HMMServer* server, float* row) {
+    vsqsbLn1(row, server->nStates);
+    vsqsbMpy1(minusLog10OfE, row, server->nStates);
+}
+
+// The same in fixed point, with the fractional bits of the server's scale; any word is a scale.
+void toCosts(const HMMServer* server, int* row, int fractionalBits) {
+    const int bitsOfCosts = static_cast<int>(0u - static_cast<unsigned>(server->scale));
+    ownwLog10Scaled(row, server->nStates, -fractionalBits, bitsOfCosts);
+}
+
+struct FloatCosts {
     using Cost = float;
     using Feature = float;
-    static constexpr unsigned bit = HMM_SERVER_FLOAT;
-    static constexpr bool isFixed = false;
-    static constexpr hmm::Order straight = hmm::Order::byTarget;
+    using Stored = float;
+    using OfMixtures = float;
+    using OfWeights = float;
+    static constexpr unsigned form = HMM_SERVER_FLOAT;
+    static constexpr hmm::Order storedOrder = hmm::Order::byTarget;
     static constexpr int rowUnit = 1; // lengths of stored rows are multiples of it
     static constexpr float none = std::numeric_limits<float>::infinity();
     static constexpr float failure = hmm::absentCost;
+
+    static void scoreMixtures(const HMMServer* server, const float* frame, float* row) {
+        hmm::mixtureRow(server, frame, row);
+        toCosts(server, row);
+    }
+    static void scoreWeights(const HMMServer* server, const float* densities, float* row) {
+        hmm::weightedRow(server, densities, row);
+        toCosts(server, row);
+    }
     static void advance(const vsq::HmmModel<float>& model, const float* const* rows, int n,
                         vsq::HmmPath<float>* state) {
         vsq::kernels().hmm->pathFloat(model, rows, n, state);
@@ -38,15 +66,32 @@ struct FloatForm {
     static float sum(float a, float b) { return a + b; }
 };
 
-struct FixedForm {
+struct FixedCosts {
     using Cost = int;
     using Feature = short;
-    static constexpr unsigned bit = HMM_SERVER_SHORT;
-    static constexpr bool isFixed = true;
-    static constexpr hmm::Order straight = hmm::Order::fixed;
+    using Stored = int;
+    using OfMixtures = int;
+    using OfWeights = int;
+    static constexpr unsigned form = HMM_SERVER_SHORT;
+    static constexpr hmm::Order storedOrder = hmm::Order::fixed;
     static constexpr int rowUnit = 2;
     static constexpr int none = 0x7FFFFFFF;
     static constexpr int failure = 0x7FFFFFFF;
+
+    static void scoreMixtures(const HMMServer* server, const short* frame, int* row) {
+        for (int i = 0; i < server->nStates; ++i) {
+            int scale = -mixtureBits;
+            row[i] =
+                KTwEvalGaussMix(server->mixtures[i], frame, server->nQuant, KT_FixedScale, &scale);
+        }
+        toCosts(server, row, mixtureBits + mixtureWeightBits);
+    }
+    static void scoreWeights(const HMMServer* server, const short* densities, int* row) {
+        const short* const* weights = hmm::outputRows<const short>(server->outputs);
+        for (int i = 0; i < server->nStates; ++i)
+            row[i] = vsqwDotProdExt(weights[i], densities, server->nSymbols, 0, nullptr);
+        toCosts(server, row, densityBits + densityWeightBits);
+    }
     static void advance(const vsq::HmmModel<int>& model, const int* const* rows, int n,
                         vsq::HmmPath<int>* state) {
         vsq::kernels().hmm->pathFixed(model, rows, n, state);
@@ -60,202 +105,77 @@ struct FixedForm {
     }
 };
 
-// Turns likelihoods of a frame's states into costs.
-void toCosts(const HMMServer* server, float* row) {
-    vsqsbLn1(row, server->nStates);
-    vsqsbMpy1(minusLog10OfE, row, server->nStates);
-}
-
-// The number of fractional bits of a scale; any word is a scale.
-int negated(int scale) {
-    return static_cast<int>(0u - static_cast<unsigned>(scale));
-}
-
-// --- output costs by flavour ---
-
-template <class Form>
-struct Discrete {
-    static constexpr unsigned kind = HMM_SERVER_DISCRETE | Form::bit;
-    static constexpr bool computes = false; // the stored rows are read in place
-    const int* observations;
-
-    bool accepts(const HMMServer*) const { return true; }
-    bool rows(const HMMServer* server, int first, int count, typename Form::Cost*,
-              hmm::RowRun<typename Form::Cost>& run) const {
-        return hmm::discreteRows(server, observations + first, count, run);
-    }
-};
-
-// Flavours whose output costs are computed, into rows of the scratch.
-template <class Form, class Flavour>
-struct Computed {
-    using Cost = typename Form::Cost;
-    static constexpr bool computes = true;
-
-    bool rows(const HMMServer* server, int first, int count, Cost* room,
-              hmm::RowRun<Cost>& run) const {
-        hmm::pointAtRows<const Cost>(room, server->nStates, count, run);
-        for (int t = 0; t < count; ++t)
-            static_cast<const Flavour*>(this)->row(
-                server, first + t, room + std::ptrdiff_t(t) * vsq::hmmStride(server->nStates));
-        return true;
-    }
-};
-
-template <class Form>
-struct Continuous : Computed<Form, Continuous<Form>> {
-    static constexpr unsigned kind = HMM_SERVER_CONT | Form::bit;
-    const typename Form::Feature* const* frames;
-
-    explicit Continuous(const typename Form::Feature* const* framesOfCall) : frames(framesOfCall) {}
-    bool accepts(const HMMServer*) const { return true; }
-    void row(const HMMServer* server, int t, float* costs) const {
-        hmm::mixtureRow(server, frames[t], costs);
-        toCosts(server, costs);
-    }
-    void row(const HMMServer* server, int t, int* costs) const {
-        for (int i = 0; i < server->nStates; ++i) {
-            int scale = -16;
-            costs[i] = KTwEvalGaussMix(server->mixtures[i], frames[t], server->nQuant,
-                                       KT_FixedScale, &scale);
-        }
-        ownwLog10Scaled(costs, server->nStates, -28, negated(server->scale));
-    }
-};
-
-template <class Form>
-struct Semicontinuous : Computed<Form, Semicontinuous<Form>> {
-    static constexpr unsigned kind = HMM_SERVER_SEMICONT | Form::bit;
-    const SemicontCodebook* codebook;
-    const hmm::DensityTable<typename Form::Feature>* densities;
-    const char* funcName;
-
-    Semicontinuous(const SemicontCodebook* book,
-                   const hmm::DensityTable<typename Form::Feature>* table, const char* name)
-        : codebook(book), densities(table), funcName(name) {}
-    bool accepts(const HMMServer* server) const {
-        return hmm::agreesWithCodebook(module, server, codebook, funcName);
-    }
-    void row(const HMMServer* server, int t, float* costs) const {
-        hmm::weightedRow(server, densities->row(t), costs);
-        toCosts(server, costs);
-    }
-    void row(const HMMServer* server, int t, int* costs) const {
-        const short* const* weights = hmm::outputRows<const short>(server->outputs);
-        for (int i = 0; i < server->nStates; ++i)
-            costs[i] = vsqwDotProdExt(weights[i], densities->row(t), server->nSymbols, 0, nullptr);
-        ownwLog10Scaled(costs, server->nStates, -24, negated(server->scale));
-    }
-};
-
 // --- the recursion over one server ---
 
 // Element by element: for orders that no kernel reads, where there is no memory to unpack them.
-template <class Form>
-void advancePlainly(const hmm::TransitionMap& map, const typename Form::Cost* stored,
-                    const typename Form::Cost* const* rows, int n,
-                    vsq::HmmPath<typename Form::Cost>* state) {
+template <class Costs>
+void advanceEachElement(const hmm::TransitionMap& map, const typename Costs::Cost* stored,
+                        const typename Costs::Cost* const* rows, int n,
+                        vsq::HmmPath<typename Costs::Cost>* state) {
     for (int t = 0; t < n; ++t, std::swap(state->current, state->other))
         for (int j = 0; j < map.n; ++j) {
-            typename Form::Cost best = Form::none;
+            typename Costs::Cost best = Costs::none;
             for (int i = 0; i < map.n; ++i)
                 if (hmm::stores(map.topology, i, j))
-                    best = std::min(best, Form::sum(state->current[i], stored[map.position(i, j)]));
-            state->other[j] = Form::sum(rows[t][j], best);
+                    best =
+                        std::min(best, Costs::sum(state->current[i], stored[map.position(i, j)]));
+            state->other[j] = Costs::sum(rows[t][j], best);
         }
 }
 
-template <class Form, class Outputs>
-class Evaluation {
-    using Cost = typename Form::Cost;
-
+// The recursion over the frames of a server, and the best server so far.
+template <class Costs>
+class Path {
 public:
-    Evaluation(const Outputs& outputsOfCall, int frameCount)
-        : outputs(outputsOfCall), nFrames(frameCount) {}
+    using Number = typename Costs::Cost;
+    using Stored = Number;
+    static constexpr hmm::Order storedOrder = Costs::storedOrder;
 
-    // The server's cost; false when it cannot be evaluated or memory ran out.
-    bool run(const HMMServer* server, Cost* cost) {
-        const Cost* stored =
-            hmm::aligned<const Cost>(server->transitions, hmm::alignmentOf(server->status));
-        if (!room.reserve(server, stored, nFrames, Outputs::computes, Form::straight)) return false;
+    explicit Path(int* pBest) : pId(pBest) {}
+    Number cost() const { return best; }
+
+    void open(const HMMServer* server, const Number* stored, Number* vectors, int) {
         const int stride = vsq::hmmStride(server->nStates);
-        asStored = {hmm::kernelTopology(server->status), server->nStates, Form::rowUnit, stored};
-        state = {room.vectors, room.vectors + stride};
-        std::fill_n(room.vectors, 2 * std::ptrdiff_t(stride), Cost(0));
-        if (!allFrames(server)) return false;
-        *cost = *std::min_element(state.current, state.current + server->nStates);
+        asStored = {hmm::kernelTopology(server->status), server->nStates, Costs::rowUnit, stored};
+        state = {vectors, vectors + stride};
+        std::fill_n(vectors, 2 * std::ptrdiff_t(stride), Number(0));
+    }
+
+    void start(const HMMServer* server, const Number* outputs) {
+        const auto* initials =
+            hmm::aligned<const Number>(server->initials, hmm::alignmentOf(server->status));
+        std::transform(initials, initials + server->nStates, outputs, state.current, Costs::sum);
+    }
+
+    bool advance(const vsq::HmmModel<Number>& model, const Number* const* rows, int n, bool) {
+        Costs::advance(model, rows, n, &state);
         return true;
+    }
+
+    bool advanceStored(const HMMServer* server, const Number* const* rows, int n, bool) {
+        if (hmm::orderOf(server->status) == storedOrder)
+            Costs::advance(asStored, rows, n, &state);
+        else
+            advanceEachElement<Costs>(hmm::TransitionMap::of(*server), asStored.trans, rows, n,
+                                      &state);
+        return true;
+    }
+
+    // Among equal costs the last server wins: the comparison is "not greater".
+    void close(const HMMServer* server) {
+        const Number cost = *std::min_element(state.current, state.current + server->nStates);
+        if (cost <= best) {
+            best = cost;
+            if (pId != nullptr) *pId = server->id;
+        }
     }
 
 private:
-    bool allFrames(const HMMServer* server) {
-        const Cost* initials =
-            hmm::aligned<const Cost>(server->initials, hmm::alignmentOf(server->status));
-        for (int first = 0; first < nFrames; first += room.run) {
-            const int count = std::min(room.run, nFrames - first);
-            hmm::RowRun<Cost> run;
-            if (!outputs.rows(server, first, count, room.outputs, run)) return false;
-            const int skipped = first == 0 ? 1 : 0;
-            if (first == 0)
-                std::transform(initials, initials + server->nStates, run[0], state.current,
-                               Form::sum);
-            if (count > skipped) follow(server, run.data() + skipped, count - skipped);
-        }
-        return true;
-    }
-
-    // The recursion over a run of frames.
-    void follow(const HMMServer* server, const Cost* const* rows, int n) {
-        if (room.isUnpacked)
-            Form::advance(room.model, rows, n, &state);
-        else if (hmm::orderOf(server->status) == Form::straight)
-            Form::advance(asStored, rows, n, &state);
-        else
-            advancePlainly<Form>(hmm::TransitionMap::of(*server), asStored.trans, rows, n, &state);
-    }
-
-    Outputs outputs;
-    int nFrames;
-    hmm::Room<Cost, Cost> room;
-    vsq::HmmByTarget<Cost> asStored{};
-    vsq::HmmPath<Cost> state{};
+    int* pId; // where the best server's id goes
+    Number best = Costs::failure;
+    vsq::HmmByTarget<Number> asStored{};
+    vsq::HmmPath<Number> state{};
 };
-
-// Walks the servers; among equal scores the last one wins: the comparison is "not greater". False
-// when the operation is to leave with the plain failure value: an unknown server or class, a
-// negative status, a server that cannot be evaluated, no memory. A walk over no servers leaves
-// `best` as it is and is a result.
-template <class Form, class Outputs>
-bool evaluate(int hmm, const Outputs& outputs, int nFrames, int* pBest, typename Form::Cost* best) {
-    hmm::ServerWalk walk(hmm);
-    if (!walk.isKnown() || nFrames < 1) return false;
-    Evaluation<Form, Outputs> evaluation(outputs, nFrames);
-    while (const HMMServer* server = walk.next()) {
-        typename Form::Cost cost;
-        if (KTGetStatus() < 0 || !outputs.accepts(server) ||
-            !hmm::evaluable(server, Outputs::kind) || !evaluation.run(server, &cost))
-            return false;
-        if (cost <= *best) {
-            *best = cost;
-            if (pBest != nullptr) *pBest = server->id;
-        }
-    }
-    return true;
-}
-
-template <class Form>
-bool evaluateSemicont(int hmm, const typename Form::Feature* const* frames, int nFrames, int* pBest,
-                      const char* funcName, typename Form::Cost* best) {
-    // An empty codebook is reported before anything else is looked at; in both forms under the
-    // float operation's name.
-    const SemicontCodebook* codebook =
-        hmm::codebookWithDensities(module, Form::isFixed, "KTsEvalSemicontHMMViterbi");
-    if (codebook == nullptr || !hmm::ServerWalk(hmm).isKnown() || nFrames < 1) return false;
-    hmm::DensityTable<typename Form::Feature> densities;
-    if (!densities.evaluate(codebook, frames, nFrames)) return false;
-    return evaluate<Form>(hmm, Semicontinuous<Form>(codebook, &densities, funcName), nFrames, pBest,
-                          best);
-}
 
 // The result at the caller's scale: a shift by *pScale in the fixed mode, as it stands in any
 // other. Nothing saturates.
@@ -269,55 +189,54 @@ int scaled(int best, int scaleMode, int* pScale) {
     return shift > -32 ? static_cast<int>(static_cast<unsigned>(best) << -shift) : 0;
 }
 
+template <class Outputs>
+float pathCost(int hmm, Outputs outputs, int nFrames, int* pBest) {
+    Path<FloatCosts> path(pBest);
+    const bool isDone = hasHMMRegistry() && hmm::evaluateAll(hmm, path, outputs, nFrames);
+    return isDone ? path.cost() : FloatCosts::failure;
+}
+
+template <class Outputs>
+int pathCost(int hmm, Outputs outputs, int nFrames, int* pBest, int scaleMode, int* pScale) {
+    Path<FixedCosts> path(pBest);
+    const bool isDone = hasHMMRegistry() && hmm::evaluateAll(hmm, path, outputs, nFrames);
+    return isDone ? scaled(path.cost(), scaleMode, pScale) : FixedCosts::failure;
+}
+
+// An empty codebook is reported before anything else is looked at; in both numeric forms under the
+// float operation's name.
+constexpr hmm::CodebookChecks floatChecks{module, "KTsEvalSemicontHMMViterbi",
+                                          "KTsEvalSemicontHMMViterbi", false};
+constexpr hmm::CodebookChecks fixedChecks{module, "KTsEvalSemicontHMMViterbi",
+                                          "KTwEvalSemicontHMMViterbi", false};
+
 } // namespace
 
 float KTsEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest) {
-    float best = FloatForm::failure;
-    const bool done =
-        ktl::registryReady() &&
-        evaluate<FloatForm>(hmm, Discrete<FloatForm>{observations}, nFrames, pBest, &best);
-    return done ? best : FloatForm::failure;
+    return pathCost(hmm, hmm::Discrete<FloatCosts>(observations), nFrames, pBest);
 }
 
 float KTsEvalContHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest) {
-    float best = FloatForm::failure;
-    const bool done =
-        ktl::registryReady() &&
-        evaluate<FloatForm>(hmm, Continuous<FloatForm>(frames), nFrames, pBest, &best);
-    return done ? best : FloatForm::failure;
+    return pathCost(hmm, hmm::Continuous<FloatCosts>(frames), nFrames, pBest);
 }
 
 float KTsEvalSemicontHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest) {
-    float best = FloatForm::failure;
-    const bool done =
-        ktl::registryReady() && evaluateSemicont<FloatForm>(hmm, frames, nFrames, pBest,
-                                                            "KTsEvalSemicontHMMViterbi", &best);
-    return done ? best : FloatForm::failure;
+    return pathCost(hmm, hmm::Semicontinuous<FloatCosts>(frames, floatChecks), nFrames, pBest);
 }
 
 int KTwEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest, int scaleMode,
                       int* pScale) {
-    int best = FixedForm::failure;
-    const bool done =
-        ktl::registryReady() &&
-        evaluate<FixedForm>(hmm, Discrete<FixedForm>{observations}, nFrames, pBest, &best);
-    return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
+    return pathCost(hmm, hmm::Discrete<FixedCosts>(observations), nFrames, pBest, scaleMode,
+                    pScale);
 }
 
 int KTwEvalContHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest,
                           int scaleMode, int* pScale) {
-    int best = FixedForm::failure;
-    const bool done =
-        ktl::registryReady() &&
-        evaluate<FixedForm>(hmm, Continuous<FixedForm>(frames), nFrames, pBest, &best);
-    return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
+    return pathCost(hmm, hmm::Continuous<FixedCosts>(frames), nFrames, pBest, scaleMode, pScale);
 }
 
 int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest,
                               int scaleMode, int* pScale) {
-    int best = FixedForm::failure;
-    const bool done =
-        ktl::registryReady() && evaluateSemicont<FixedForm>(hmm, frames, nFrames, pBest,
-                                                            "KTwEvalSemicontHMMViterbi", &best);
-    return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
+    return pathCost(hmm, hmm::Semicontinuous<FixedCosts>(frames, fixedChecks), nFrames, pBest,
+                    scaleMode, pScale);
 }

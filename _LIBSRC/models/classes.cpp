@@ -12,7 +12,7 @@ namespace {
 
 constexpr ktl::Module module{"..\\_LIBSRC\\KT_HMAN"};
 
-using ktl::registryReady;
+
 using ktl::zeroed;
 
 void freeChunks(HMMClass* group) {
@@ -112,7 +112,7 @@ bool addFirst(HMMClass* group, HMMServer* server) {
     return true;
 }
 
-// Halves a full chunk: the upper entries move to a new one behind it.
+// Halves a full chunk: the upper entries move to a new one after it.
 bool split(HMMClass* group, const Place& place) {
     constexpr int half = HMM_CHUNK_CAPACITY / 2;
     HMMClassChunk *chunk = place.chunk, *upper = newChunk(group, place.index + 1);
@@ -155,8 +155,8 @@ bool add(HMMClass* group, HMMServer* server) {
     return true;
 }
 
-// The member under the cursor goes or stands above the one that goes: the cursor steps to the
-// member before.
+// Before a member goes: a cursor on it steps to the member before; a cursor on a later one of the
+// chunk moves with its member.
 void stepCursorBack(HMMClass* group, const Place& place) {
     if (group->cursorChunk != place.chunk || group->cursorIndex < place.position) return;
     if (place.position > 0 || group->cursorIndex > 0) {
@@ -174,8 +174,7 @@ void stepCursorBack(HMMClass* group, const Place& place) {
 void dropChunk(HMMClass* group, const Place& place) {
     if (place.before == nullptr) {
         group->head = place.chunk->next;
-        // the cursor must not be left on the chunk that goes; with nothing left there is nowhere
-        // for it to stand
+        // the cursor leaves the chunk that is freed; in an empty class it is null
         if (group->cursorChunk == place.chunk || group->head == nullptr)
             group->cursorChunk = group->head;
     } else {
@@ -241,7 +240,7 @@ HMMServer* nextHMMInClass(HMMClass* group) {
 
 HMMClass* KTFindHMMClass(int classId) {
     const KTContext* context = KTGetContext();
-    if (!registryReady(context)) return nullptr;
+    if (!hasHMMRegistry(context)) return nullptr;
     HMMClass* group = context->hmmClassList->next;
     while (group != context->hmmClassList && group->id < classId)
         group = group->next;
@@ -272,7 +271,7 @@ void KTFreeHMMClasses() {
 }
 
 int KTCreateHMMClass(void) {
-    HMMClass* group = ktl::startRegistry() ? zeroed<HMMClass>() : nullptr;
+    HMMClass* group = startHMMRegistry() ? zeroed<HMMClass>() : nullptr;
     if (group == nullptr) return -1;
     KTContext* context = KTGetContext();
     HMMClass* before = context->hmmClassList;

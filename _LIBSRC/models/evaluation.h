@@ -1,18 +1,29 @@
-// What the evaluations of hidden Markov models share: the walk over one server or a class, scratch
-// that grows, the codebook check and the table of frame densities, and models and outputs in the
-// shape that the recursions take.
+// The evaluation of a model, or of every model of a class, over a sequence of frames. What it
+// computes is a recursion's matter, what the frames are an output kind's:
+//
+// A recursion (KT_HFOR.cpp, KT_HVIT.cpp) has
+//     Number, Stored, storedOrder     element of its vectors; element and order of the stored
+//                                     transitions that its kernels read
+//     open(server, stored, vectors, nFrames)   before a server's frames; two vectors of its stride
+//     start(server, row)              the first frame, of which `row` has the output values
+//     advance(model, rows, n, isLast) n more frames on unpacked transitions; isLast: none follow.
+//                                     False when the server cannot produce the sequence
+//     advanceStored(server, rows, n, isLast)   the same on the transitions as they are stored
+//     close(server)                   all frames are done: the server's result against the best
+//
+// An output kind (outputs.h) has
+//     kind, Element, isComputed       status bits of its servers; element of the output values;
+//                                     whether they are computed or stand in the server
+//     prepare(hmm, nFrames)           what is done once for a call; false when that fails
+//     accepts(server)                 false after a report
+//     rows(server, first, count, block, rows)  `count` frames from `first` on: a pointer to the
+//                                     output values of each, `block` is for those that are computed
 #pragma once
 
-#include "frame/KT_ERROR.h"
 #include "frame/scratch.h"
-#include "mixtures/KT_GAUSS.h"
-#include "models/layout.h"
-#include "quantisers/density_codebook.h"
+#include "models/unpacked_model.h"
 
-#include "levels/levels.h"
-
-#include <algorithm>
-#include <cstring>
+#include <array>
 
 namespace hmm {
 
@@ -61,73 +72,12 @@ private:
     std::size_t capacity = 0;
 };
 
-// Whether a server is of the flavour and form that an operation serves, with nothing missing that
-// it reads.
+// Whether a server is of the output kind and numeric form that an operation serves, with nothing
+// missing that it reads.
 inline bool evaluable(const HMMServer* server, unsigned kind) {
     return (server->status & kind) == kind && server->nStates > 0 &&
            server->transitions != nullptr && server->initials != nullptr &&
            (server->outputs != nullptr || server->mixtures != nullptr);
-}
-
-inline vsq::HmmTopology kernelTopology(unsigned status) {
-    switch (topologyOf(status)) {
-    case Topology::banded:
-        return vsq::HmmTopology::banded;
-    case Topology::triangular:
-        return vsq::HmmTopology::triangular;
-    default:
-        return vsq::HmmTopology::full;
-    }
-}
-
-// Elements of a server's transitions in the kernels' shape.
-inline std::size_t modelSize(const HMMServer* server) {
-    const bool banded = topologyOf(server->status) == Topology::banded;
-    return (banded ? 3 : std::size_t(server->nStates)) *
-           std::size_t(vsq::hmmStride(server->nStates));
-}
-
-// The columns of the targets first .. end - 1, at most hmmLanes, from their stored rows.
-template <class T, class Stored>
-void unpackTargets(const TransitionMap& map, const Stored* stored, int first, int end, int stride,
-                   T* room) {
-    const bool isTriangle = map.topology == Topology::triangular;
-    const std::ptrdiff_t step = map.order == Order::tiled ? 4 : 1;
-    const Stored* rows[vsq::hmmLanes];
-    for (int j = first; j < end; ++j)
-        rows[j - first] = stored + map.position(0, j);
-    for (int i = 0; i < (isTriangle ? end : map.n); ++i) {
-        T* target = room + std::ptrdiff_t(i) * stride;
-        for (int j = isTriangle && i > first ? i : first; j < end; ++j)
-            target[j] = rows[j - first][i * step];
-    }
-}
-
-// Brings a server's stored transitions into the kernels' shape. `room` has modelSize(server)
-// elements.
-template <class T, class Stored>
-vsq::HmmModel<T> unpackModel(const HMMServer* server, const Stored* stored, T* room) {
-    const TransitionMap map = TransitionMap::of(*server);
-    const int n = server->nStates, stride = vsq::hmmStride(n);
-    std::memset(room, 0, modelSize(server) * sizeof(T));
-    if (map.topology == Topology::banded) {
-        const int step = map.order == Order::bySource ? 3 : 1;
-        for (int distance = 0; distance < 3; ++distance) {
-            const Stored* diagonal = distance < n ? stored + map.position(0, distance) : stored;
-            for (int j = distance; j < n; ++j)
-                room[distance * stride + j] = diagonal[std::ptrdiff_t(j - distance) * step];
-        }
-    } else if (map.order == Order::bySource) {
-        for (int i = 0; i < n; ++i) {
-            const int first = map.topology == Topology::triangular ? i : 0;
-            const Stored* row = stored + map.position(i, first);
-            std::copy_n(row, n - first, room + std::ptrdiff_t(i) * stride + first);
-        }
-    } else {
-        for (int j = 0; j < n; j += vsq::hmmLanes)
-            unpackTargets(map, stored, j, std::min(j + vsq::hmmLanes, n), stride, room);
-    }
-    return {kernelTopology(server->status), n, stride, room};
 }
 
 // A full or triangular model is unpacked where that pays: for more frames than it costs, and where
@@ -141,95 +91,117 @@ inline constexpr std::size_t mostUnpackedBytes = std::size_t(1) << 18;
 inline constexpr int framesPerRun = 64;
 inline constexpr int runBytes = 1 << 16;
 
+// The output values of a run: one pointer for each frame. What follows a row is readable up to a
+// kernel's stride.
+template <class T>
+using RowRun = std::array<const T*, framesPerRun>;
+
 // What the recursion over one server works with, server after server of a call. Number is the
 // recursion's, Element that of the output values.
 template <class Number, class Element>
-class Room {
+class Workspace {
 public:
-    // Two vectors of the server's stride; `run` rows of it for output values that are computed,
-    // zero at first.
-    Number* vectors = nullptr;
-    Element* outputs = nullptr;
-    int run = framesPerRun; // frames that are handed to the recursion at once
+    Number* vectors = nullptr;  // two of the server's stride
+    Element* outputs = nullptr; // framesAtOnce rows of it for computed output values, zero at first
+    int framesAtOnce = framesPerRun;
 
     // Whether `model` holds the transitions; otherwise they are read as they are stored.
     bool isUnpacked = false;
     vsq::HmmModel<Number> model{};
 
-    // `straight` is the order in which a kernel reads stored transitions. False when memory ran
-    // out: for want of room to unpack alone only where nothing else would do.
+    // `kernelOrder` is the order in which a kernel reads stored transitions. False when memory ran
+    // out; without memory to unpack, a model that can be read as it is stored still is.
     template <class Stored>
-    bool reserve(const HMMServer* server, const Stored* stored, int nFrames, bool computes,
-                 Order straight) {
+    bool reserve(const HMMServer* server, const Stored* stored, int nFrames, bool isComputed,
+                 Order kernelOrder) {
         const auto stride = std::size_t(vsq::hmmStride(server->nStates));
         const std::size_t mostRows = std::max<std::size_t>(runBytes / sizeof(Number) / stride, 1);
-        run = computes ? int(std::min(mostRows, std::size_t(std::min(nFrames, framesPerRun))))
-                       : framesPerRun;
-        const std::size_t count = stride * (2 + (computes ? std::size_t(run) : 0));
-        const std::size_t unpacked = unpackedSize(server, nFrames, straight);
+        framesAtOnce = isComputed
+                           ? int(std::min(mostRows, std::size_t(std::min(nFrames, framesPerRun))))
+                           : framesPerRun;
+        const std::size_t count = stride * (2 + (isComputed ? std::size_t(framesAtOnce) : 0));
+        const std::size_t unpacked = unpackedSize(server, nFrames, kernelOrder);
         vectors = scratch.reserve<Number>(count + unpacked);
         isUnpacked = vectors != nullptr && unpacked > 0;
         if (vectors == nullptr && unpacked > 0 && topologyOf(server->status) != Topology::banded)
             vectors = scratch.reserve<Number>(count);
         if (vectors == nullptr) return false;
         outputs = reinterpret_cast<Element*>(vectors + 2 * stride);
-        if (computes) std::fill_n(outputs, stride * std::size_t(run), Element(0));
+        if (isComputed) std::fill_n(outputs, stride * std::size_t(framesAtOnce), Element(0));
         if (isUnpacked) model = unpackModel(server, stored, vectors + count);
         return true;
     }
 
 private:
     // A band has three elements for each state, and an order that no kernel reads leaves no choice.
-    static std::size_t unpackedSize(const HMMServer* server, int nFrames, Order straight) {
+    static std::size_t unpackedSize(const HMMServer* server, int nFrames, Order kernelOrder) {
         if (nFrames < 2) return 0;
         const std::size_t size = modelSize(server);
         const bool isBand = topologyOf(server->status) == Topology::banded;
-        if (isBand || orderOf(server->status) != straight) return size;
+        if (isBand || orderOf(server->status) != kernelOrder) return size;
         return nFrames > fewFrames && size <= mostUnpackedBytes / sizeof(Number) ? size : 0;
     }
 
     GrowingScratch scratch;
 };
 
-// --- semicontinuous: the thread's codebook and its densities for all frames of a call ---
+// One call's work on server after server: feeds the recursion with the frames, run by run.
+template <class Recursion, class Outputs>
+class Evaluation {
+    using Element = typename Outputs::Element;
+    using Stored = typename Recursion::Stored;
 
-// The codebook with densities, or null after the report "_sSemicontCodebook->ccgPdfs==0" ("_w" in
-// the fixed form).
-const SemicontCodebook* codebookWithDensities(const ktl::Module& module, bool isFixed,
-                                              const char* funcName);
-
-// Where a server and the float codebook differ. A report's handler may release the server, so both
-// answers are known before either is reported.
-struct CodebookDisagreement {
-    explicit CodebookDisagreement(const HMMServer* server);
-    void report(const ktl::Module& module, const char* funcName) const;
-
-    bool inSymbols, inLengths;
-};
-
-// Whether a server's counts are the codebook's; reports where they are not.
-bool agreesWithCodebook(const ktl::Module& module, const HMMServer* server,
-                        const SemicontCodebook* codebook, const char* funcName);
-
-// nFrames rows of nSymbols4 densities; the frames are float or short as the codebook is.
-template <class T>
-class DensityTable {
 public:
-    bool evaluate(const SemicontCodebook* codebook, const T* const* frames, int nFrames);
-    const T* row(int t) const { return rows[t]; }
+    Evaluation(Recursion& recursionOfCall, const Outputs& outputsOfCall, int frameCount)
+        : recursion(recursionOfCall), outputs(outputsOfCall), nFrames(frameCount) {}
+
+    // False when the server cannot be evaluated, or memory ran out.
+    bool run(const HMMServer* server) {
+        const Stored* stored =
+            aligned<const Stored>(server->transitions, alignmentOf(server->status));
+        if (!space.reserve(server, stored, nFrames, Outputs::isComputed, Recursion::storedOrder))
+            return false;
+        recursion.open(server, stored, space.vectors, nFrames);
+        for (int first = 0; first < nFrames; first += space.framesAtOnce)
+            if (!runFrom(server, first)) return false;
+        recursion.close(server);
+        return true;
+    }
 
 private:
-    ktl::AlignedScratch<char> block; // row pointers and rows
-    T** rows = nullptr;
+    bool runFrom(const HMMServer* server, int first) {
+        const int count = std::min(space.framesAtOnce, nFrames - first);
+        RowRun<Element> rows;
+        if (!outputs.rows(server, first, count, space.outputs, rows)) return false;
+        const int started = first == 0 ? 1 : 0;
+        if (first == 0) recursion.start(server, rows[0]);
+        const Element* const* others = rows.data() + started;
+        const bool isLast = first + count == nFrames;
+        if (count == started) return true;
+        return space.isUnpacked ? recursion.advance(space.model, others, count - started, isLast)
+                                : recursion.advanceStored(server, others, count - started, isLast);
+    }
+
+    Recursion& recursion;
+    const Outputs& outputs;
+    int nFrames;
+    Workspace<typename Recursion::Number, Element> space;
 };
 
-} // namespace hmm
+// Evaluates all servers of an id. False when the operation is to leave with the plain failure
+// value: an unknown server or class, a negative status, a server that cannot be evaluated, no
+// memory. No servers are a result.
+template <class Recursion, class Outputs>
+bool evaluateAll(int hmm, Recursion& recursion, Outputs& outputs, int nFrames) {
+    if (!outputs.prepare(hmm, nFrames)) return false;
+    ServerWalk walk(hmm);
+    if (!walk.isKnown() || nFrames < 1) return false;
+    Evaluation<Recursion, Outputs> evaluation(recursion, outputs, nFrames);
+    while (const HMMServer* server = walk.next())
+        if (KTGetStatus() < 0 || !outputs.accepts(server) || !evaluable(server, Outputs::kind) ||
+            !evaluation.run(server))
+            return false;
+    return true;
+}
 
-// Weighted densities of a codebook: ppOut[t][k] for frame t and density k, nPdfs of them, the rows
-// padded to a multiple of 4 elements that come out as 0. A full density decays twice as fast as its
-// diagonal twin in the float form; the fixed form has the factor 1/2 in both. Fixed densities have
-// 14 fractional bits.
-void KTsEvalPdfsFrames(const SemicontCodebook* pCodebook, const float* const* ppFrames,
-                       float** ppOut, int nFrames, int nPdfs, int nDim);
-void KTwEvalPdfsFrames(const SemicontCodebook* pCodebook, const short* const* ppFrames,
-                       short** ppOut, int nFrames, int nPdfs, int nDim);
+} // namespace hmm

@@ -1,3 +1,5 @@
+// Lists the components of all states' mixtures as densities of one component each. The list points
+// into the mixtures and copies only the weights, as evaluation uses them.
 #include "models/flat_mixtures.h"
 
 #include "mixtures/KT_GAUSS.h"
@@ -25,8 +27,8 @@ bool countComponents(GaussMixServer* const* mixtures, FlatMixtures* view) {
     return true;
 }
 
-// Two runs: the weights of all components as evaluation uses them, and as many ones.
-bool takeWeights(GaussMixServer* const* mixtures, FlatMixtures* view) {
+// Two arrays in one block: the weights of all components as evaluation uses them, and as many ones.
+bool gatherWeights(GaussMixServer* const* mixtures, FlatMixtures* view) {
     const int run = hmm::multipleOf4(view->codebook.nSymbols + 1);
     view->codebook.pWeights = hmm::allocateArray(2 * std::size_t(run), sizeof(float));
     if (view->codebook.pWeights == nullptr) return false;
@@ -38,7 +40,7 @@ bool takeWeights(GaussMixServer* const* mixtures, FlatMixtures* view) {
     return true;
 }
 
-bool takeDensities(GaussMixServer* const* mixtures, FlatMixtures* view) {
+bool gatherDensities(GaussMixServer* const* mixtures, FlatMixtures* view) {
     view->codebook.ccgPdfs = ktl::zeroed<GaussMixServer*>(std::size_t(view->codebook.nSymbols) + 1);
     if (view->codebook.ccgPdfs == nullptr) return false;
     GaussMixServer** density = view->codebook.ccgPdfs;
@@ -65,7 +67,7 @@ FlatMixtures* ownsFlattenMixtures(GaussMixServer* const* mixtures, int nStates, 
     view->codebook.status = HMM_SERVER_FLOAT;
     view->pComponentStart = ktl::zeroed<int>(std::size_t(nStates) + 1);
     if (view->pComponentStart == nullptr || !countComponents(mixtures, view) ||
-        !takeWeights(mixtures, view) || !takeDensities(mixtures, view) || KTGetStatus() < 0 ||
+        !gatherWeights(mixtures, view) || !gatherDensities(mixtures, view) || KTGetStatus() < 0 ||
         !ownsPreparePdfs(&view->codebook)) {
         ownsFreeFlatMixtures(view);
         return nullptr;

@@ -5,15 +5,14 @@
 #include "quantisers/density_codebook.h"
 
 struct FlatMixtures {
-    // `nSymbols` densities of length `nQuant`; the status is that of a float
+    // nSymbols densities of length nQuant, as a float codebook that owns no densities
     SemicontCodebook codebook;
-    // codebook that owns nothing
     int isSingle; // 1 when no state has more than one component
     int nStates;
     int* pComponentStart; // components of state i: pComponentStart[i] .. pComponentStart[i + 1] - 1
 };
 
-// Null when memory ran out, and for mixtures that are no float mixtures of at least nQuant
+// Null when memory ran out, and for mixtures that are fixed or have fewer than nQuant
 // dimensions. ownsFreeFlatMixtures releases the view; null is allowed.
 FlatMixtures* ownsFlattenMixtures(GaussMixServer* const* mixtures, int nStates, int nQuant);
 void ownsFreeFlatMixtures(FlatMixtures* pView);

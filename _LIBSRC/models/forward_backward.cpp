@@ -1,6 +1,8 @@
+// The forward-backward recursion on registered models. Where backward values leave the doubles,
+// they are formed once more, from occupancies that come from the forward values alone.
 #include "models/forward_backward.h"
 
-#include "models/evaluation.h"
+#include "models/outputs.h"
 
 #include <algorithm>
 #include <cfloat>
@@ -10,22 +12,22 @@
 
 namespace {
 
-// the forward evaluation's: they are one family
+// reports carry the name of the forward evaluation
 constexpr ktl::Module module{"..\\_LIBSRC\\KT_HFOR"};
 
 constexpr int noExponent = 0x7FFFFFFF;
 
-// The record of an id; null, with the exponent marked, where there is nothing to evaluate.
-HMMServer* begin(int hmm, double* pScales, int T, int* pExponent) {
+// The record of an id, or null. The exponent is that of a failure until an evaluation succeeds.
+HMMServer* findServer(int hmm, double* pScales, int nFrames, int* pExponent) {
     *pExponent = noExponent;
     HMMServer* server = KTFindHMMServer(hmm);
-    if (server != nullptr && T > 0) pScales[0] = 1.0;
+    if (server != nullptr && nFrames > 0) pScales[0] = 1.0;
     return server;
 }
 
 // Also the value where there is no server to evaluate.
 double failure() {
-    return ktl::registryReady() ? 0.0 : -1.0;
+    return hasHMMRegistry() ? 0.0 : -1.0;
 }
 
 // Backward values from occupancies.
@@ -41,9 +43,9 @@ void divideByForward(const vsq::HmmLattice& lattice, int nStates, double likelih
 
 // The lattice in the caller's array, whose rows have no padding.
 double evaluate(const HMMServer* server, const vsq::HmmOutputs& outputs, double* pAlphaBeta,
-                double* pScales, int T, int* pExponent) {
-    const std::ptrdiff_t half = std::ptrdiff_t(T) * server->nStates;
-    const vsq::HmmLattice lattice{pAlphaBeta, pAlphaBeta + half, pScales, server->nStates, T};
+                double* pScales, int nFrames, int* pExponent) {
+    const std::ptrdiff_t half = std::ptrdiff_t(nFrames) * server->nStates;
+    const vsq::HmmLattice lattice{pAlphaBeta, pAlphaBeta + half, pScales, server->nStates, nFrames};
     const double likelihood = hmm::forwardBackward(server, outputs, lattice, pExponent);
     if (likelihood > 0.0 && !hmm::isBackwardFinite(lattice, server->nStates)) {
         hmm::occupanciesFromForward(server, lattice, 1.0 / likelihood, nullptr);
@@ -102,8 +104,8 @@ void shareOut(const HMMServer* server, const double* alpha, const double* occupa
 
 } // namespace
 
-// What is no number stays none on the way back, since every state leads to itself: the first frame
-// tells.
+// What is not finite stays so on the way back, since every state leads to itself: looking at the
+// first frame is enough.
 bool isBackwardFinite(const vsq::HmmLattice& lattice, int nStates) {
     return std::all_of(lattice.beta, lattice.beta + nStates,
                        [](double beta) { return std::isfinite(beta); });
@@ -129,8 +131,8 @@ vsq::HmmStored storedModel(const HMMServer* server, const vsq::HmmUnpacked& unpa
             floats(server->initials), unpacked};
 }
 
-bool inAlphabet(const HMMServer* server, const int* pObservations, int T) {
-    for (int t = 0; t < T; ++t)
+bool inAlphabet(const HMMServer* server, const int* pObservations, int nFrames) {
+    for (int t = 0; t < nFrames; ++t)
         if (pObservations[t] < 0 || pObservations[t] >= server->nSymbols) return false;
     return true;
 }
@@ -155,31 +157,31 @@ double forwardBackward(const HMMServer* server, const vsq::HmmOutputs& outputs,
 } // namespace hmm
 
 double KTsEvalHMMForwardBackward(int hmm, const int* pObservations, double* pAlphaBeta,
-                                 double* pScales, int T, int* pExponent) {
-    const HMMServer* server = begin(hmm, pScales, T, pExponent);
+                                 double* pScales, int nFrames, int* pExponent) {
+    const HMMServer* server = findServer(hmm, pScales, nFrames, pExponent);
     if (server == nullptr || !hmm::evaluable(server, HMM_SERVER_DISCRETE | HMM_SERVER_FLOAT) ||
-        !hmm::inAlphabet(server, pObservations, T))
+        !hmm::inAlphabet(server, pObservations, nFrames))
         return failure();
     const vsq::HmmOutputs outputs{hmm::outputRows<const float>(server->outputs), pObservations,
                                   nullptr, 0};
-    return evaluate(server, outputs, pAlphaBeta, pScales, T, pExponent);
+    return evaluate(server, outputs, pAlphaBeta, pScales, nFrames, pExponent);
 }
 
 double KTsEvalContHMMForwardBackward(int hmm, double* pAlphaBeta, double* pScales,
-                                     const float* pOutProbs, int T, int* pExponent) {
-    const HMMServer* server = begin(hmm, pScales, T, pExponent);
+                                     const float* pOutProbs, int nFrames, int* pExponent) {
+    const HMMServer* server = findServer(hmm, pScales, nFrames, pExponent);
     if (server == nullptr) return failure();
     const vsq::HmmOutputs outputs{nullptr, nullptr, pOutProbs, server->nStates};
-    return evaluate(server, outputs, pAlphaBeta, pScales, T, pExponent);
+    return evaluate(server, outputs, pAlphaBeta, pScales, nFrames, pExponent);
 }
 
 double KTsEvalSemicontHMMForwardBackward(int hmm, double* pAlphaBeta, double* pScales,
-                                         const float* pOutProbs, int T, int* pExponent) {
-    const HMMServer* server = begin(hmm, pScales, T, pExponent);
+                                         const float* pOutProbs, int nFrames, int* pExponent) {
+    const HMMServer* server = findServer(hmm, pScales, nFrames, pExponent);
     if (server == nullptr) return failure();
     const HeldHMMServer held(server);
     hmm::compareWithCodebook(server);
     if (held.get() == nullptr) return failure(); // the handler of a report has released it
     const vsq::HmmOutputs outputs{nullptr, nullptr, pOutProbs, server->nStates};
-    return evaluate(server, outputs, pAlphaBeta, pScales, T, pExponent);
+    return evaluate(server, outputs, pAlphaBeta, pScales, nFrames, pExponent);
 }

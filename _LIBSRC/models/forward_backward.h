@@ -8,9 +8,9 @@
 
 #include "levels/levels.h"
 
-// With N states and T frames: pAlphaBeta takes T rows of N forward values and behind them T rows of
-// N backward values; pScales takes the T factors, each applied to its frame's forward values and to
-// the backward values of the frame before. alpha(t, i) * beta(t, i) divided by the result is the
+// With N states and T = nFrames: pAlphaBeta takes T rows of N forward values and after them T rows
+// of N backward values; pScales takes the T factors, each applied to its frame's forward values and
+// to the backward values of the frame before. alpha(t, i) * beta(t, i) divided by the result is the
 // occupancy of state i at frame t. pOutProbs holds T rows of N output values; symbols are 0 ..
 // nSymbols - 1.
 //
@@ -23,14 +23,14 @@
 // the last frame are then formed from the occupancies: 0 where the forward value is 0, and never
 // beyond the doubles.
 double KTsEvalHMMForwardBackward(int hmm, const int* pObservations, double* pAlphaBeta,
-                                 double* pScales, int T, int* pExponent);
+                                 double* pScales, int nFrames, int* pExponent);
 double KTsEvalContHMMForwardBackward(int hmm, double* pAlphaBeta, double* pScales,
-                                     const float* pOutProbs, int T, int* pExponent);
+                                     const float* pOutProbs, int nFrames, int* pExponent);
 
 // Also compares the server with the thread's codebook; each disagreement is reported as
 // KT_StsBadArg, and the evaluation goes on.
 double KTsEvalSemicontHMMForwardBackward(int hmm, double* pAlphaBeta, double* pScales,
-                                         const float* pOutProbs, int T, int* pExponent);
+                                         const float* pOutProbs, int nFrames, int* pExponent);
 
 namespace hmm {
 
@@ -44,7 +44,7 @@ inline TransitionMap sourceMap(const HMMServer* server) {
     return {topologyOf(server->status), Order::bySource, server->nStates};
 }
 
-// Whether all backward values of a complete lattice are numbers.
+// Whether all backward values of a complete lattice are finite.
 bool isBackwardFinite(const vsq::HmmLattice& lattice, int nStates);
 
 // Fills beta's rows with occupancies, alpha * beta * weight, weight being 1 / likelihood, from the
@@ -55,7 +55,7 @@ void occupanciesFromForward(const HMMServer* server, const vsq::HmmLattice& latt
                             double* moves);
 
 vsq::HmmStored storedModel(const HMMServer* server, const vsq::HmmUnpacked& unpacked = {});
-bool inAlphabet(const HMMServer* server, const int* pObservations, int T);
+bool inAlphabet(const HMMServer* server, const int* pObservations, int nFrames);
 void compareWithCodebook(const HMMServer* server);
 
 } // namespace hmm

@@ -1,3 +1,5 @@
+// The map of stored transitions, order by order and topology by topology, and the blocks that hold
+// a model's arrays.
 #include "models/layout.h"
 
 #include <algorithm>

@@ -137,7 +137,7 @@ void rewriteTransitions(const TransitionMap& from, const T* source, const Transi
     rewriteTransitions(from, source, to, target, [](T element) { return element; });
 }
 
-// What the lanes hold that no transition or output fills: the largest float.
+// The cost of what does not exist, and what fills padding: the largest float.
 inline constexpr float absentCost = 3.40282346638528859811704183484516925e+38f;
 
 } // namespace hmm

@@ -31,7 +31,7 @@ struct HMMServer {
     int reserved0;
     int reserved1; // carried by copies and conversions
 
-    // Of this process alone, behind what files hold: the operations in progress that keep the bare
+    // Of this process alone, after what files hold: the operations in progress that keep the bare
     // record, see HeldHMMServer; and whether the mixtures are the server's own where the status
     // does not say so.
     int nHolds;
@@ -46,9 +46,10 @@ inline constexpr unsigned HMM_MODE_TILED = 0x00000100u;
 
 inline constexpr unsigned hmmDomainBits = KT_HMM_LOGARITHMIC | KT_HMM_EXPONENTIAL;
 inline constexpr unsigned hmmFormBits = HMM_SERVER_SHORT | HMM_SERVER_FLOAT;
+inline constexpr unsigned hmmKindBits = HMM_SERVER_DISCRETE | HMM_SERVER_CONT | HMM_SERVER_SEMICONT;
 inline constexpr unsigned hmmTopologyBits = HMM_SERVER_TRIANGULAR | HMM_SERVER_BANDED;
 
-// --- registry (KT_HREG) ---
+// --- registry (registry.cpp) ---
 
 // Gives a record the lowest free id and links it; returns the id, or -1 when memory ran out (the
 // record is then still the caller's). Constant time.
@@ -64,15 +65,18 @@ HMMServer* KTFindHMMServer(int id); // null for an unknown id, or when there is 
 void KTGetHMMServerInfo(int id, int* tag, void** transitions, void** outputs, void** initials,
                         int* nStates, int* nSymbols, int* nQuant, int* scale, unsigned* status);
 
-// Frees both sentinels and what hangs off them; every server and class is gone by then.
+// Frees the registry, the codebooks included; every server and class is gone by then.
 void KTFreeHMMRegistry();
 
-// --- classes (KT_HCLASS) ---
+// --- classes (classes.cpp) ---
 
 // the next step delivers the first member
 inline constexpr unsigned HMM_CLASS_REWOUND = 0x80000000u;
 inline constexpr unsigned HMM_CLASS_AT_END = 0x40000000u; // the cursor has passed the last member
-inline constexpr unsigned HMM_CLASS_KEY_MASK = 0x00E000F3u;
+// What all members of a class have in common: output kind, numeric form and domain, with two bits
+// beside the form's that only files may bring.
+inline constexpr unsigned HMM_CLASS_KEY_MASK = hmmKindBits | hmmFormBits | 0xC0u | hmmDomainBits;
+static_assert(HMM_CLASS_KEY_MASK == 0x00E000F3u);
 inline constexpr int HMM_CHUNK_CAPACITY = 64;
 inline constexpr int HMM_CHUNK_LAST_KEY = 0x1FFFFFFF;
 
@@ -114,7 +118,7 @@ void rewindHMMClass(HMMClass* group);
 void removeFromHMMClass(HMMClass* group, int id); // nothing happens where the id is no member
 HMMServer* nextHMMInClass(HMMClass* group);       // null at the end
 
-// --- creation (KT_HMAN) ---
+// --- creation (KT_HMAN.cpp) ---
 
 // Whether a server's mixtures are released, and copied, with it. Its status says so, except that a
 // file's status word is kept as it is, and mixtures that are made for a server belong to it all the
@@ -189,9 +193,9 @@ bool ownFillMixtures(HMMServer* server, int nStates, Make make) {
     return true;
 }
 
-// --- parameter setting (KT_HINT) ---
+// --- parameter setting (KT_HINT.cpp) ---
 
-// Stores a model's arrays in the layouts of KT_HLAYOUT.h and commits tag, counts and status
+// Stores a model's arrays in the layouts of layout.h and commits tag, counts and status
 // (topology included). `trans` and `out` are row tables of the form that the status says. Negative
 // counts and status keep what the record holds, null arrays are left as they are. Failures show in
 // the thread's status; an array for which memory ran out is silently missing, and nothing is

@@ -48,8 +48,8 @@ using Record = ktl::Words<wordCount>;
 constexpr std::uint32_t bodyPosition = sizeof(Header) + 4 * wordCount;
 static_assert(bodyPosition == 0x50);
 
-// The flavour that decides about the outputs; 0 where there are none.
-unsigned flavourOf(unsigned status) {
+// The output kind; 0 where there are no outputs.
+unsigned outputKindOf(unsigned status) {
     return status & (HMM_SERVER_DISCRETE | HMM_SERVER_CONT | HMM_SERVER_SEMICONT);
 }
 bool hasTable(unsigned status) {
@@ -100,7 +100,7 @@ Record recordOf(const HMMServer* server, std::size_t nInitials, std::size_t nTra
     return record;
 }
 
-// Rows lie one behind the other, so a table goes out at once.
+// Rows follow each other, so a table is written at once.
 bool writeTable(FILE* stream, const HMMServer* server) {
     const auto shape = hmm::OutputShape::of(server->status, server->nStates, server->nSymbols);
     if (shape.rows <= 0) return true;
@@ -129,7 +129,7 @@ bool writeOutputs(FILE* stream, const HMMServer* server) {
     return (server->status & HMM_SERVER_CONT) == 0 || writeMixtures(stream, server);
 }
 
-// Both flavours' elements are 32-bit words here. The result only ends the writing.
+// In both numeric forms elements are 32-bit words here. The result only ends the writing.
 bool writeBody(FILE* stream, const HMMServer* server, void* plainTransitions) {
     const unsigned plainStatus = server->status & ~HMM_SERVER_TILED;
     const std::size_t alignment = hmm::alignmentOf(plainStatus);
@@ -209,11 +209,11 @@ bool isRepresentable(const HMMServer* server) {
             padded(server->nSymbols) * padded(server->nStates) <= mostElements);
 }
 
-// The status has to name one form, and no more than one flavour: beyond that nobody can say what
-// follows, or how long it is.
+// The status has to name one numeric form, and no more than one output kind: otherwise nobody can
+// say what follows, or how long it is.
 bool isPlausible(const HMMServer* server) {
-    const unsigned form = server->status & hmmFormBits, flavour = flavourOf(server->status);
-    if ((form != HMM_SERVER_SHORT && form != HMM_SERVER_FLOAT) || (flavour & (flavour - 1)) != 0)
+    const unsigned form = server->status & hmmFormBits, kind = outputKindOf(server->status);
+    if ((form != HMM_SERVER_SHORT && form != HMM_SERVER_FLOAT) || (kind & (kind - 1)) != 0)
         return false;
     if (server->nStates < 1 || (hasTable(server->status) && server->nSymbols < 1)) return false;
     return isRepresentable(server);
@@ -298,7 +298,7 @@ void KTWriteHMMServer(FILE* stream, int hmm, const char* name) {
 }
 
 int KTReadHMMServer(FILE* stream, char* name) {
-    if (!ktl::startRegistry() || stream == nullptr) return -1;
+    if (!startHMMRegistry() || stream == nullptr) return -1;
     if (!readHeader(stream, name)) return -1;
     HMMServer* server = ownNewHMMRecord();
     if (server == nullptr) return -1;

@@ -9,7 +9,7 @@
 
 namespace {
 
-// The list's sentinel with the table behind it: KTContext::hmmServerList points at the sentinel.
+// The list's sentinel with the table after it: KTContext::hmmServerList points at the sentinel.
 struct Registry {
     HMMServer sentinel;
     ktl::IdTable<HMMServer> table;
@@ -21,7 +21,7 @@ Registry* registryOf(KTContext* context) {
 
 // Whether an id has a place in the table, grown where it has not. A class holds no id above
 // HMM_CHUNK_LAST_KEY.
-bool makePlace(ktl::IdTable<HMMServer>& table, int id) {
+bool ensurePlace(ktl::IdTable<HMMServer>& table, int id) {
     return table.covers(id) || (table.capacity() <= HMM_CHUNK_LAST_KEY && table.grow());
 }
 
@@ -29,7 +29,7 @@ bool makePlace(ktl::IdTable<HMMServer>& table, int id) {
 
 void KTInitHMMRegistry() {
     KTContext* context = KTGetContext();
-    if (ktl::registryReady(context)) return;
+    if (hasHMMRegistry(context)) return;
     auto* classes = ktl::zeroed<HMMClass>();
     auto* servers = ktl::zeroed<Registry>();
     auto* floatCodebook = ktl::zeroed<SemicontCodebook>();
@@ -67,7 +67,7 @@ int KTRegisterHMMServer(HMMServer* server) {
     KTContext* context = KTGetContext();
     auto& table = registryOf(context)->table;
     HMMServer* before = context->hmmServerCursor;
-    if (!makePlace(table, before->id + 1)) return -1;
+    if (!ensurePlace(table, before->id + 1)) return -1;
     server->id = before->id + 1;
     server->prev = before;
     server->next = before->next;
@@ -92,7 +92,7 @@ void KTUnregisterHMMServer(HMMServer* server) {
 
 HMMServer* KTFindHMMServer(int id) {
     const KTContext* context = KTGetContext();
-    if (!ktl::registryReady(context)) return nullptr;
+    if (!hasHMMRegistry(context)) return nullptr;
     return reinterpret_cast<const Registry*>(context->hmmServerList)->table.find(id);
 }
 

@@ -108,8 +108,8 @@ private:
                 largest, Form::order(values + done, static_cast<int>(std::min(n - done, run))));
     }
 
-    // The rows lie one behind the other. Their padding is a large cost, so among costs it counts as
-    // absent; otherwise it has to stay out.
+    // Rows follow each other, with padding. Among costs the padding is one of the large values that
+    // are left out; otherwise the rows are looked at without it.
     void considerOutputs() {
         const Element* const* rows = hmm::outputRows<const Element>(server->outputs);
         if (scratch != nullptr) return consider(rows[0], outputs.elements());
@@ -154,7 +154,7 @@ struct MixtureOrders {
     int vars = lowestOrder;
 };
 
-// Takes in the first nMix Gaussians of a mixture, nQuant dimensions of them.
+// Considers the first nMix Gaussians of a mixture, nQuant dimensions of them.
 template <class T>
 void consider(const GaussMixServer* mixture, int nMix, int nQuant, MixtureOrders* orders) {
     using namespace ktl::gauss;

@@ -1,29 +1,30 @@
-// The frame of all three trainers: Baum-Welch re-estimation of start values and transitions,
-// iteration by iteration on fresh copies of the model. What differs is how outputs are scored and
-// re-estimated; a flavour supplies that. L. E. Baum, T. Petrie, G. Soules, N. Weiss, A Maximization
-// Technique Occurring in the Statistical Analysis of Probabilistic Functions of Markov Chains,
-// 1970.
+// What all three trainers share: Baum-Welch re-estimation of start values and transitions,
+// iteration by iteration on fresh copies of the model. How outputs are scored and re-estimated
+// differs by output kind; the kind's estimator does that. L. E. Baum, T. Petrie, G. Soules, N.
+// Weiss, A Maximization Technique Occurring in the Statistical Analysis of Probabilistic Functions
+// of Markov Chains, 1970.
 //
-// A flavour has
+// An estimator has
 //     Sequence                            one observation sequence as the caller passes it
 //     kind                                the status bits of the servers that it trains
 //     prepare(model, longest)             storage for a whole call; false when memory ran out
-//     begin(current, next)                an iteration starts
-//     review(current)                     what is to be reported before a sequence; a handler may
-//                                         release the models
-//     score(current, next, sequence, n, outputs)    the sequence's output values; false for one
-//     that can't be
+//     startIteration(next)                clears what is counted
+//     reportDisagreement(current)         reports before each sequence where the codebook is not
+//                                         the model's; a handler may release the models
+//     score(current, next, sequence, nFrames, outputs)
+//                                         the sequence's output values; false where it cannot be
 //                                         used
-//     count(current, counts, sequence, n, weight)   the outputs' numerators, from a sequence's
-//     lattice, whose
+//     count(current, counts, sequence, nFrames, weight)
+//                                         the outputs' numerators, from a sequence's lattice, whose
 //                                         beta it may overwrite
-//     finish(current, next, counts)       new outputs; false when one of them is no finite float
+//     finish(current, next, counts)       the new outputs; false when one is not finite
 //     change(current, next)               the greatest difference between old and new outputs
-//     proceed(next)                       before the next iteration; false when memory ran out
+//     prepareToScore(model)               before a model is the current one; false when memory ran
+//                                         out
 #pragma once
 
-#include "models/evaluation.h"
 #include "models/forward_backward.h"
+#include "models/outputs.h"
 
 #include <cmath>
 
@@ -54,8 +55,8 @@ private:
     std::size_t count = 0;
 };
 
-// Puts a re-estimate in the place of the copied value, which stays where the new one is no finite
-// float: false then.
+// Replaces the copied value by its re-estimate. One that is not finite is refused: false, and the
+// copied value stays.
 inline bool replace(float& stored, float value) {
     if (!std::isfinite(value)) return false;
     stored = value;
@@ -70,7 +71,7 @@ struct TransitionRow {
     std::size_t summed;
 };
 
-// What every flavour counts.
+// What is counted whatever the output kind.
 struct Counts {
     int nStates = 0;
     std::size_t stride = 0; // nStates, padded for the kernels
@@ -84,15 +85,15 @@ struct Counts {
     Numbers gammaSeq;   // per state, one sequence: over all frames but the last
     // a full model's transitions in both directions, and a row; otherwise empty
     Numbers unpacked;
-    bool careful = false; // nothing that is counted may leave its range, whatever it costs
+    bool careful = false; // slower sums, none of which leaves its range
 
     bool allocate(const HMMServer* model, int longest);
-    void begin(const HMMServer* current); // an iteration
+    void startIteration(const HMMServer* current);
     vsq::HmmLattice lattice(int nFrames) const;
     vsq::HmmUnpacked unpackedModel(const HMMServer* current) const;
 
     // Adds one sequence, whose lattice is complete, with the weight 1 / likelihood. Where its
-    // backward values are no numbers, and in careful counting, occupancies come from the forward
+    // backward values are not finite, and in careful counting, occupancies come from the forward
     // values alone; alpha is then the likelihood throughout and beta holds them.
     void add(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames, double weight);
 
@@ -101,8 +102,8 @@ struct Counts {
     void formArrivals(const HMMServer* current, const vsq::HmmOutputs& outputs, int nFrames,
                       double weight) const;
 
-    // The new model's start values and transitions; false when one of them is no finite float, or
-    // an occupancy no finite number.
+    // The new model's start values and transitions; false when one of them or an occupancy is not
+    // finite.
     bool finish(const HMMServer* current, HMMServer* next);
 
     bool visited(int state) const { return gammaOut[std::size_t(state)] >= smallestDenominator; }
@@ -133,7 +134,7 @@ public:
 
     // false when memory ran out; the model before is forgotten
     bool copyOf(const HMMServer* source);
-    void takeFrom(OwnModel& other) {
+    void moveFrom(OwnModel& other) {
         release();
         model = std::move(other.model);
     }
@@ -191,25 +192,25 @@ struct StopRule {
 
 // One iteration's pass over all sequences. Sequences that the model cannot produce have no
 // influence. False once a report's handler has released one of the models.
-template <class Flavour>
-bool countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
-              const Sequences<typename Flavour::Sequence>& sequences, Counts& counts) {
+template <class Estimator>
+bool countAll(Estimator& estimator, const HMMServer* current, const HMMServer* next,
+              const Sequences<typename Estimator::Sequence>& sequences, Counts& counts) {
     const HeldHMMServer heldCurrent(current), heldNext(next);
-    counts.begin(current);
+    counts.startIteration(current);
     const vsq::HmmUnpacked unpacked = counts.unpackedModel(current);
     for (int q = 0; q < sequences.count; ++q) {
         const int nFrames = sequences.pFrames[q];
         if (nFrames < 1) continue;
-        if (!counts.careful) flavour.review(current); // the second time all has been said
+        if (!counts.careful) estimator.reportDisagreement(current); // not twice
         if (heldCurrent.get() == nullptr || heldNext.get() == nullptr) return false;
         vsq::HmmOutputs outputs;
-        if (!flavour.score(current, next, sequences.all[q], nFrames, &outputs)) continue;
+        if (!estimator.score(current, next, sequences.all[q], nFrames, &outputs)) continue;
         int exponent;
         const double likelihood =
             forwardBackward(current, outputs, counts.lattice(nFrames), &exponent, unpacked);
         if (!(likelihood >= smallestDenominator) || !std::isfinite(likelihood)) continue;
         counts.add(current, outputs, nFrames, 1.0 / likelihood);
-        flavour.count(current, counts, sequences.all[q], nFrames, 1.0 / likelihood);
+        estimator.count(current, counts, sequences.all[q], nFrames, 1.0 / likelihood);
     }
     return true;
 }
@@ -217,51 +218,51 @@ bool countAll(Flavour& flavour, const HMMServer* current, const HMMServer* next,
 // A new model from the current one; false when memory ran out or a report's handler has released
 // one of them. Products of extreme values can leave the doubles, and sums of frames the floats:
 // what comes out so is counted once more, carefully.
-template <class Flavour>
-bool reestimate(Flavour& flavour, const HMMServer* current, OwnModel& newest,
-                const Sequences<typename Flavour::Sequence>& sequences, Counts& counts) {
+template <class Estimator>
+bool reestimate(Estimator& estimator, const HMMServer* current, OwnModel& newest,
+                const Sequences<typename Estimator::Sequence>& sequences, Counts& counts) {
     for (counts.careful = false;; counts.careful = true) {
         newest.release();
         if (!newest.copyOf(current)) return false;
         HMMServer* next = newest.get();
-        flavour.begin(current, next);
-        if (!countAll(flavour, current, next, sequences, counts)) return false;
+        estimator.startIteration(next);
+        if (!countAll(estimator, current, next, sequences, counts)) return false;
         const bool isFinite = counts.finish(current, next);
-        if ((flavour.finish(current, next, counts) && isFinite) || counts.careful) return true;
+        if ((estimator.finish(current, next, counts) && isFinite) || counts.careful) return true;
     }
 }
 
 // Trains copies of `model` until the rule stops; the new server's id, or -1 with everything
 // released.
-template <class Flavour>
-int iterate(Flavour& flavour, const HMMServer* model,
-            const Sequences<typename Flavour::Sequence>& sequences, Counts& counts, StopRule rule,
+template <class Estimator>
+int iterate(Estimator& estimator, const HMMServer* model,
+            const Sequences<typename Estimator::Sequence>& sequences, Counts& counts, StopRule rule,
             float* pTolerance) {
     OwnModel before, newest;
     for (const HMMServer* current = model;; current = before.get()) {
-        if (!reestimate(flavour, current, newest, sequences, counts)) return -1;
+        if (!reestimate(estimator, current, newest, sequences, counts)) return -1;
         const HMMServer* next = newest.get();
         const double atLeast = modelChange(current, next),
-                     outputChange = flavour.change(current, next);
+                     outputChange = estimator.change(current, next);
         const double change = outputChange > atLeast ? outputChange : atLeast;
         if (rule.stops(change)) {
             if (pTolerance != nullptr) *pTolerance = static_cast<float>(change);
             return newest.handOver();
         }
-        before.takeFrom(newest);
-        if (!flavour.proceed(before.get())) return -1;
+        before.moveFrom(newest);
+        if (!estimator.prepareToScore(before.get())) return -1;
     }
 }
 
-template <class Flavour>
-int train(Flavour& flavour, const HMMServer* model,
-          const Sequences<typename Flavour::Sequence>& sequences, int maxIterations,
+template <class Estimator>
+int train(Estimator& estimator, const HMMServer* model,
+          const Sequences<typename Estimator::Sequence>& sequences, int maxIterations,
           float* pTolerance) {
-    if (!evaluable(model, Flavour::kind)) return -1;
+    if (!evaluable(model, Estimator::kind)) return -1;
     const int longest = sequences.longest();
     Counts counts;
-    if (!counts.allocate(model, longest) || !flavour.prepare(model, longest)) return -1;
-    return iterate(flavour, model, sequences, counts, StopRule(maxIterations, pTolerance),
+    if (!counts.allocate(model, longest) || !estimator.prepare(model, longest)) return -1;
+    return iterate(estimator, model, sequences, counts, StopRule(maxIterations, pTolerance),
                    pTolerance);
 }
 

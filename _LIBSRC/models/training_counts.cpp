@@ -1,4 +1,5 @@
-// What training counts whatever the flavour of the outputs: occupancies and transitions.
+// What training counts whatever the output kind: occupancies of states and transitions, and from
+// them the new start values and transitions.
 #include "models/training.h"
 
 #include <algorithm>
@@ -31,14 +32,13 @@ double modelChange(const HMMServer* current, const HMMServer* next) {
     const double ofInitials = greatestChange(floats(current->initials), floats(next->initials),
                                              std::size_t(current->nStates), 0.0);
     const TransitionMap map = sourceMap(current);
-    // a band's second copy of its last transition is not looked at: a file may bring one that
-    // differs
+    // a band's second copy of its last transition is left out: a file may bring one that differs
     const std::size_t size = map.size(), second = std::min(map.duplicate(), size);
-    const std::size_t behind = std::min(second + 1, size);
+    const std::size_t after = std::min(second + 1, size);
     const double before =
         greatestChange(transitionsOf(current), transitionsOf(next), second, ofInitials);
-    return greatestChange(transitionsOf(current) + behind, transitionsOf(next) + behind,
-                          size - behind, before);
+    return greatestChange(transitionsOf(current) + after, transitionsOf(next) + after, size - after,
+                          before);
 }
 
 bool Counts::allocate(const HMMServer* model, int longest) {
@@ -56,7 +56,7 @@ bool Counts::allocate(const HMMServer* model, int longest) {
            unpacked.allocate(unpackedRows, stride);
 }
 
-void Counts::begin(const HMMServer* current) {
+void Counts::startIteration(const HMMServer* current) {
     gammaTotal = 0.0;
     for (Numbers* numbers : {&gammaTrans, &gammaOut, &piNum, &xiNum})
         numbers->clear();
@@ -139,7 +139,8 @@ void Counts::formArrivals(const HMMServer* current, const vsq::HmmOutputs& outpu
         }
 }
 
-// Denominators that are no numbers divide nothing; false when there were any.
+// Denominators that are not finite become 0, by which nothing is divided; false when there were
+// any.
 bool Counts::dropInfinite() {
     bool isFinite = true;
     const auto check = [&](double& occupancy) {
@@ -155,7 +156,7 @@ bool Counts::dropInfinite() {
     return isFinite;
 }
 
-// The copied values stand where there is nothing to divide by.
+// The copied values stay where there is nothing to divide by.
 bool Counts::finish(const HMMServer* current, HMMServer* next) {
     bool isFinite = dropInfinite();
     float* initials = floats(next->initials);

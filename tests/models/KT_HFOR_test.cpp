@@ -1,5 +1,5 @@
 #include "models/codebooks.h"
-#include "models/evaluation.h"
+#include "models/outputs.h"
 #include "support/alloc_faults.h"
 #include "support/every_level.h"
 #include "support/reports.h"

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "mixtures/mixtures.h"
-#include "models/evaluation.h"
 #include "models/fixture.h"
+#include "models/outputs.h"
 
 #include <cmath>
 #include <cstdlib>

@@ -5,8 +5,8 @@
 #include "frame/KT_ALLOC.h"
 #include "mixtures/KT_GAUSS.h"
 #include "models/codebooks.h"
-#include "models/evaluation.h"
 #include "models/forward_backward.h"
+#include "models/outputs.h"
 #include "support/streams.h"
 
 #include <algorithm>

@@ -1,4 +1,6 @@
-#include "models/evaluation.h"
+// The codebook of semicontinuous models in an evaluation: the checks that go before, and the
+// weighted densities of all frames, which every server of a call and every state shares.
+#include "models/outputs.h"
 
 #include "vsq.h"
 
@@ -7,15 +9,25 @@
 
 namespace hmm {
 
-const SemicontCodebook* codebookWithDensities(const ktl::Module& module, bool isFixed,
-                                              const char* funcName) {
+const SemicontCodebook* codebookWithDensities(const CodebookChecks& checks, bool isFixed) {
     const SemicontCodebook* codebook =
         isFixed ? KTGetContext()->wSemicont : KTGetContext()->sSemicont;
     if (codebook->ccgPdfs != nullptr) return codebook;
-    module.report(KT_StsBadArg,
-                  isFixed ? "_wSemicontCodebook->ccgPdfs==0" : "_sSemicontCodebook->ccgPdfs==0",
-                  funcName);
+    checks.module.report(
+        KT_StsBadArg, isFixed ? "_wSemicontCodebook->ccgPdfs==0" : "_sSemicontCodebook->ccgPdfs==0",
+        checks.whenEmpty);
     return nullptr;
+}
+
+bool agreesWithCodebook(const CodebookChecks& checks, const HMMServer* server,
+                        const SemicontCodebook* codebook) {
+    const char* mismatch = nullptr; // both numeric forms report with the float codebook's name
+    if (server->nSymbols != codebook->nSymbols)
+        mismatch = "nSymbols!=_sSemicontCodebook->nSymbols";
+    else if (server->nQuant != codebook->nQuant)
+        mismatch = "nQuant!=_sSemicontCodebook->nQuant";
+    if (mismatch != nullptr) checks.module.report(KT_StsBadArg, mismatch, checks.whenOther);
+    return mismatch == nullptr;
 }
 
 CodebookDisagreement::CodebookDisagreement(const HMMServer* server)
@@ -26,17 +38,6 @@ CodebookDisagreement::CodebookDisagreement(const HMMServer* server)
 void CodebookDisagreement::report(const ktl::Module& module, const char* funcName) const {
     if (inSymbols) module.report(KT_StsBadArg, "nSymbols!=_sSemicontCodebook->nSymbols", funcName);
     if (inLengths) module.report(KT_StsBadArg, "nQuant!=_sSemicontCodebook->nQuant", funcName);
-}
-
-bool agreesWithCodebook(const ktl::Module& module, const HMMServer* server,
-                        const SemicontCodebook* codebook, const char* funcName) {
-    const char* mismatch = nullptr; // both numeric forms report with the float codebook's name
-    if (server->nSymbols != codebook->nSymbols)
-        mismatch = "nSymbols!=_sSemicontCodebook->nSymbols";
-    else if (server->nQuant != codebook->nQuant)
-        mismatch = "nQuant!=_sSemicontCodebook->nQuant";
-    if (mismatch != nullptr) module.report(KT_StsBadArg, mismatch, funcName);
-    return mismatch == nullptr;
 }
 
 namespace {
@@ -99,10 +100,10 @@ void exponentsOf(const SemicontCodebook* codebook, const float* frame, int nPdfs
 
 short fixedDensity(const GaussMixServer* server, const short* frame, int nDim) {
     const auto plan = ktl::gauss::planExponent(server->scale);
-    const int form = ktl::gauss::fixedForm(server, 0, frame, nDim);
-    // at most 2^14, except where a scale above 1 has shifted the form beyond 32 bits: then the
-    // product wraps
-    const int density = KTexpFix(ktl::gauss::exponentOf(form, plan.shift), plan.frac, 14);
+    const int quadratic = ktl::gauss::fixedForm(server, 0, frame, nDim);
+    // at most 2^14, except where a scale above 1 has shifted the quadratic form beyond 32 bits:
+    // then the product wraps
+    const int density = KTexpFix(ktl::gauss::exponentOf(quadratic, plan.shift), plan.frac, 14);
     const auto product =
         static_cast<unsigned>(density) * static_cast<unsigned>(int(weights<short>(server)[0]));
     return static_cast<short>(static_cast<int>(product) >> 14);
