@@ -24,8 +24,8 @@ namespace hmm {
 // What an evaluation says about the codebook, and when.
 struct CodebookChecks {
     const ktl::Module& module;
-    const char* whenEmpty; // the function that reports name: of an empty codebook,
-    const char* whenOther; // of a server that disagrees with it
+    const char* whenEmpty; // the function named in a report of an empty codebook
+    const char* whenOther; // and in one of a server that does not agree with it
     bool modelFirst;       // an unknown model fails before the codebook is looked at
 };
 
