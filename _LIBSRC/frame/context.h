@@ -103,16 +103,12 @@ inline constexpr unsigned HMM_MODE_READY = 0x01000000u;
 // is reported. The codebooks start it as well as the models do.
 void KTInitHMMRegistry();
 
-namespace ktl {
-
-inline bool registryReady(const KTContext* context = KTGetContext()) {
+inline bool hasHMMRegistry(const KTContext* context = KTGetContext()) {
     return (context->hmmMode & HMM_MODE_READY) != 0;
 }
 
 // The same, with the registry made where there is none; false when memory ran out.
-inline bool startRegistry() {
+inline bool startHMMRegistry() {
     KTInitHMMRegistry();
-    return registryReady();
+    return hasHMMRegistry();
 }
-
-} // namespace ktl

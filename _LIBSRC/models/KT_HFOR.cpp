@@ -201,7 +201,7 @@ float evaluate(int hmm, const Outputs& outputs, int nFrames, int* pBest) {
 // caller's caller.
 bool begin(int*& pBest, int& unwanted) {
     if (pBest == nullptr) pBest = &unwanted;
-    if (!ktl::registryReady()) return false;
+    if (!hasHMMRegistry()) return false;
     *pBest = 0;
     return true;
 }

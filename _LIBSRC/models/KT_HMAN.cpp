@@ -53,7 +53,7 @@ constexpr CodebookTexts fixedTexts{"_wSemicontCodebook->status==0",
 
 // 0, or the Init's failure value after its report; -1 where there is not even a registry.
 int checkCodebook(bool isFixed, int nSymbols, int nQuant, const char* funcName) {
-    if (!ktl::registryReady()) return -1;
+    if (!hasHMMRegistry()) return -1;
     const SemicontCodebook* codebook =
         isFixed ? KTGetContext()->wSemicont : KTGetContext()->sSemicont;
     const CodebookTexts& texts = isFixed ? fixedTexts : floatTexts;
@@ -135,7 +135,7 @@ bool takeOver(HMMServer* server, const Request& request) {
 }
 
 int create(const Request& request, const char* funcName) {
-    if (!ktl::startRegistry() || refusesSizes(request, funcName)) return -1;
+    if (!startHMMRegistry() || refusesSizes(request, funcName)) return -1;
     HMMServer* server = ownNewHMMRecord();
     if (server == nullptr) return -1;
     server->nQuant = request.nQuant;
@@ -331,7 +331,7 @@ void KTFreeHMMServer(int id) {
 }
 
 void KTHMMFreeAll(void) {
-    if (!ktl::registryReady()) return;
+    if (!hasHMMRegistry()) return;
     KTContext* context = KTGetContext();
     KTsFreeSemicontCodebook();
     KTwFreeSemicontCodebook();

@@ -274,24 +274,23 @@ int scaled(int best, int scaleMode, int* pScale) {
 float KTsEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest) {
     float best = FloatForm::failure;
     const bool done =
-        ktl::registryReady() &&
+        hasHMMRegistry() &&
         evaluate<FloatForm>(hmm, Discrete<FloatForm>{observations}, nFrames, pBest, &best);
     return done ? best : FloatForm::failure;
 }
 
 float KTsEvalContHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest) {
     float best = FloatForm::failure;
-    const bool done =
-        ktl::registryReady() &&
-        evaluate<FloatForm>(hmm, Continuous<FloatForm>(frames), nFrames, pBest, &best);
+    const bool done = hasHMMRegistry() && evaluate<FloatForm>(hmm, Continuous<FloatForm>(frames),
+                                                              nFrames, pBest, &best);
     return done ? best : FloatForm::failure;
 }
 
 float KTsEvalSemicontHMMViterbi(int hmm, const float* const* frames, int nFrames, int* pBest) {
     float best = FloatForm::failure;
     const bool done =
-        ktl::registryReady() && evaluateSemicont<FloatForm>(hmm, frames, nFrames, pBest,
-                                                            "KTsEvalSemicontHMMViterbi", &best);
+        hasHMMRegistry() && evaluateSemicont<FloatForm>(hmm, frames, nFrames, pBest,
+                                                        "KTsEvalSemicontHMMViterbi", &best);
     return done ? best : FloatForm::failure;
 }
 
@@ -299,7 +298,7 @@ int KTwEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest,
                       int* pScale) {
     int best = FixedForm::failure;
     const bool done =
-        ktl::registryReady() &&
+        hasHMMRegistry() &&
         evaluate<FixedForm>(hmm, Discrete<FixedForm>{observations}, nFrames, pBest, &best);
     return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
 }
@@ -307,9 +306,8 @@ int KTwEvalHMMViterbi(int hmm, const int* observations, int nFrames, int* pBest,
 int KTwEvalContHMMViterbi(int hmm, const short* const* frames, int nFrames, int* pBest,
                           int scaleMode, int* pScale) {
     int best = FixedForm::failure;
-    const bool done =
-        ktl::registryReady() &&
-        evaluate<FixedForm>(hmm, Continuous<FixedForm>(frames), nFrames, pBest, &best);
+    const bool done = hasHMMRegistry() && evaluate<FixedForm>(hmm, Continuous<FixedForm>(frames),
+                                                              nFrames, pBest, &best);
     return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
 }
 
@@ -317,7 +315,7 @@ int KTwEvalSemicontHMMViterbi(int hmm, const short* const* frames, int nFrames, 
                               int scaleMode, int* pScale) {
     int best = FixedForm::failure;
     const bool done =
-        ktl::registryReady() && evaluateSemicont<FixedForm>(hmm, frames, nFrames, pBest,
-                                                            "KTwEvalSemicontHMMViterbi", &best);
+        hasHMMRegistry() && evaluateSemicont<FixedForm>(hmm, frames, nFrames, pBest,
+                                                        "KTwEvalSemicontHMMViterbi", &best);
     return done ? scaled(best, scaleMode, pScale) : FixedForm::failure;
 }

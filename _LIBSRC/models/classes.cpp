@@ -12,7 +12,6 @@ namespace {
 
 constexpr ktl::Module module{"..\\_LIBSRC\\KT_HMAN"};
 
-using ktl::registryReady;
 using ktl::zeroed;
 
 void freeChunks(HMMClass* group) {
@@ -241,7 +240,7 @@ HMMServer* nextHMMInClass(HMMClass* group) {
 
 HMMClass* KTFindHMMClass(int classId) {
     const KTContext* context = KTGetContext();
-    if (!registryReady(context)) return nullptr;
+    if (!hasHMMRegistry(context)) return nullptr;
     HMMClass* group = context->hmmClassList->next;
     while (group != context->hmmClassList && group->id < classId)
         group = group->next;
@@ -272,7 +271,7 @@ void KTFreeHMMClasses() {
 }
 
 int KTCreateHMMClass(void) {
-    HMMClass* group = ktl::startRegistry() ? zeroed<HMMClass>() : nullptr;
+    HMMClass* group = startHMMRegistry() ? zeroed<HMMClass>() : nullptr;
     if (group == nullptr) return -1;
     KTContext* context = KTGetContext();
     HMMClass* before = context->hmmClassList;

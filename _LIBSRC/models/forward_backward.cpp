@@ -25,7 +25,7 @@ HMMServer* begin(int hmm, double* pScales, int T, int* pExponent) {
 
 // Also the value where there is no server to evaluate.
 double failure() {
-    return ktl::registryReady() ? 0.0 : -1.0;
+    return hasHMMRegistry() ? 0.0 : -1.0;
 }
 
 // Backward values from occupancies.

@@ -298,7 +298,7 @@ void KTWriteHMMServer(FILE* stream, int hmm, const char* name) {
 }
 
 int KTReadHMMServer(FILE* stream, char* name) {
-    if (!ktl::startRegistry() || stream == nullptr) return -1;
+    if (!startHMMRegistry() || stream == nullptr) return -1;
     if (!readHeader(stream, name)) return -1;
     HMMServer* server = ownNewHMMRecord();
     if (server == nullptr) return -1;

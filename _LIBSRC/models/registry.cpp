@@ -29,7 +29,7 @@ bool makePlace(ktl::IdTable<HMMServer>& table, int id) {
 
 void KTInitHMMRegistry() {
     KTContext* context = KTGetContext();
-    if (ktl::registryReady(context)) return;
+    if (hasHMMRegistry(context)) return;
     auto* classes = ktl::zeroed<HMMClass>();
     auto* servers = ktl::zeroed<Registry>();
     auto* floatCodebook = ktl::zeroed<SemicontCodebook>();
@@ -92,7 +92,7 @@ void KTUnregisterHMMServer(HMMServer* server) {
 
 HMMServer* KTFindHMMServer(int id) {
     const KTContext* context = KTGetContext();
-    if (!ktl::registryReady(context)) return nullptr;
+    if (!hasHMMRegistry(context)) return nullptr;
     return reinterpret_cast<const Registry*>(context->hmmServerList)->table.find(id);
 }
 

@@ -51,7 +51,7 @@ struct FixedCodebook : ktl::FixedForm {
 // The thread's codebook of a form, with the registry made where there is none; null on exhaustion.
 template <class Form>
 SemicontCodebook* startedCodebook() {
-    return ktl::startRegistry() ? Form::codebook(KTGetContext()) : nullptr;
+    return startHMMRegistry() ? Form::codebook(KTGetContext()) : nullptr;
 }
 
 void freeServers(GaussMixServer** servers, int n) {
@@ -124,7 +124,7 @@ int initialise(GaussMixServer** ppServers, int nSymbols, int nQuant) {
 template <class Form>
 int release() {
     const KTContext* context = KTGetContext();
-    if (!ktl::registryReady(context)) return -1;
+    if (!hasHMMRegistry(context)) return -1;
     SemicontCodebook* codebook = Form::codebook(context);
     if (codebook->status == 0) return -1;
     if ((codebook->status & SEMICONT_OWNS_PDFS) == 0) {
