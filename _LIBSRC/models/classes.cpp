@@ -12,7 +12,6 @@ namespace {
 
 constexpr ktl::Module module{"..\\_LIBSRC\\KT_HMAN"};
 
-
 using ktl::zeroed;
 
 void freeChunks(HMMClass* group) {
