@@ -1,0 +1,59 @@
+#include "bench/quantisers/plain_search.h"
+
+#include "bench/support/lanes.h"
+
+#include <algorithm>
+
+namespace plain {
+
+Codes::Codes(const float* const* rows, int count, int n)
+    : nCodes(count), nDim(n), values(std::size_t(nCodes * nDim)), distances(std::size_t(nCodes)) {
+    for (int k = 0; k < nCodes; ++k)
+        for (int i = 0; i < nDim; ++i)
+            values[std::size_t(i * nCodes + k)] = rows[k][i];
+}
+
+void Codes::squares(const float* vector, float* out) const {
+    for (int k = 0; k < nCodes; k += 64) {
+        Floats a = {}, b = {}, c = {}, d = {};
+        const float* row = values.data() + k;
+        for (int i = 0; i < nDim; ++i, row += nCodes) {
+            const Floats da = load(row) - vector[i], db = load(row + 16) - vector[i];
+            const Floats dc = load(row + 32) - vector[i], dd = load(row + 48) - vector[i];
+            a += da * da;
+            b += db * db;
+            c += dc * dc;
+            d += dd * dd;
+        }
+        store(out + k, a);
+        store(out + k + 16, b);
+        store(out + k + 32, c);
+        store(out + k + 48, d);
+    }
+}
+
+int Codes::nearest(const float* vector, float* square) {
+    squares(vector, distances.data());
+    float least = distances[0];
+    for (int k = 1; k < nCodes; ++k)
+        least = std::min(least, distances[std::size_t(k)]);
+    *square = least;
+    return int(std::find(distances.begin(), distances.end(), least) - distances.begin());
+}
+
+int nearestWords(const short* vector, const short* const* rows, int nCodes, int nDim, int* square) {
+    int best = 0, least = 0x7FFFFFFF;
+    for (int k = 0; k < nCodes; ++k) {
+        int sum = 0;
+        for (int i = 0; i < nDim; ++i)
+            sum += (vector[i] - rows[k][i]) * (vector[i] - rows[k][i]);
+        if (sum < least) {
+            least = sum;
+            best = k;
+        }
+    }
+    *square = least;
+    return best;
+}
+
+} // namespace plain
