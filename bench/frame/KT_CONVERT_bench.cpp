@@ -1,8 +1,8 @@
 // Conversions between the numeric forms and orders of arrays, beside VOLK, memcpy and a sum of the same
 // bytes.
 #include "bench/frame/plain_conversions.h"
-#include "ktlp6.h"
 #include "bench/support/bench.h"
+#include "ktlp6.h"
 
 #ifdef KTL_HAVE_VOLK
 #include <volk/volk.h>
@@ -66,20 +66,17 @@ void addDown() {
              }));
 #endif
     row.other("memcpy", down(copyTraffic));
-    bench::Row("convertDownAuto/4096", down([](Arrays& a) {
-                   KTswbConvertDown(a.floats, a.shorts, count, KT_AutoScale, nullptr);
-               }))
+    bench::Row("convertDownAuto/4096",
+               down([](Arrays& a) { KTswbConvertDown(a.floats, a.shorts, count, KT_AutoScale, nullptr); }))
         .other("memcpy", down(copyTraffic));
 }
 
 void addUp() {
-    bench::Row row("convertUp/4096",
-                   up([](Arrays& a) { KTwsbConvertUp(a.shorts, a.floats, count, 15); }));
+    bench::Row row("convertUp/4096", up([](Arrays& a) { KTwsbConvertUp(a.shorts, a.floats, count, 15); }));
     row.peer("plain", 0, up([](Arrays& a) { plain::toFloats(a.shorts, a.floats, count, 1.0f / 32768); }));
 #ifdef KTL_HAVE_VOLK
-    row.peer("volk", 0, up([](Arrays& a) {
-                 volk_16i_s32f_convert_32f(a.floats, a.shorts, 32768.0f, count);
-             }));
+    row.peer("volk", 0,
+             up([](Arrays& a) { volk_16i_s32f_convert_32f(a.floats, a.shorts, 32768.0f, count); }));
 #endif
     row.other("memcpy", up(copyTraffic));
 }

@@ -2,8 +2,8 @@
 // behind the filters, 13 coefficients; with a window and without. A run is `frames` frames, so that peers
 // that take whole utterances can be set beside.
 #include "bench/frontend/plain_frontend.h"
-#include "ktlp6.h"
 #include "bench/support/bench.h"
+#include "ktlp6.h"
 
 #include <algorithm>
 #include <cmath>
@@ -232,10 +232,12 @@ const int registered = [] {
     windowed.peer("fftw", 1e-4, [] { return Fftw(true); });
 #endif
 #if KTL_HAVE_POCKETSPHINX
-    windowed.other("pocketsphinx", [] { return Pocketsphinx(); }, "filters of its own");
+    windowed.other(
+        "pocketsphinx", [] { return Pocketsphinx(); }, "filters of its own");
 #endif
 #if KTL_HAVE_AUBIO
-    windowed.other("aubio", [] { return Aubio(); }, "filters of its own, no pre-emphasis");
+    windowed.other(
+        "aubio", [] { return Aubio(); }, "filters of its own, no pre-emphasis");
 #endif
     // The fixed-point frame is wanted at no more than 1.4 of the float frame's time.
     bench::Row("mfccFixed/512", [] { return OursFixed(); }).other("float", ours(false), "our float frame");

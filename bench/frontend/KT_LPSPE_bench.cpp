@@ -1,7 +1,7 @@
 // The spectrum of an all-pole model, order 12, at 256 frequencies. The peer sums in float, ours in double.
 #include "bench/frontend/plain_frontend.h"
-#include "ktlp6.h"
 #include "bench/support/bench.h"
+#include "ktlp6.h"
 
 #include <cmath>
 
@@ -42,9 +42,8 @@ auto make(Function function) {
 const int registered = [] {
     bench::Row("lpSpectrum/256",
                make([](Arrays& a) { KTsLPSpectrum(a.coef, order, a.spectrum, fftOrder, 1.0f); }))
-        .peer("plain", 1e-5, make([](Arrays& a) {
-                  plain::spectrum(a.table, bins, a.coef, order, 1.0f, a.spectrum);
-              }));
+        .peer("plain", 1e-5,
+              make([](Arrays& a) { plain::spectrum(a.table, bins, a.coef, order, 1.0f, a.spectrum); }));
     bench::Row("lpSpectrumFixed/256", make([](Arrays& a) {
                    KTwLPSpectrum(a.fixedCoef, order - 1, a.fixedSpectrum, fftOrder, 1.0f, -12, KT_AutoScale,
                                  nullptr);

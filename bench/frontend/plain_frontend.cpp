@@ -94,7 +94,8 @@ Cepstra::Cepstra(const std::vector<float>& weights, int nFilters, int nBins, int
 
 void Cepstra::evaluate(const float* spectrum, float threshold, float* ceps) {
     for (int i = 0; i < last; ++i)
-        magnitudes[i] = std::sqrt(spectrum[2 * i] * spectrum[2 * i] + spectrum[2 * i + 1] * spectrum[2 * i + 1]);
+        magnitudes[i] =
+            std::sqrt(spectrum[2 * i] * spectrum[2 * i] + spectrum[2 * i + 1] * spectrum[2 * i + 1]);
     const int nFilters = int(filters.size());
     for (int f = 0; f < nFilters; ++f)
         energies[f] = dot(magnitudes.data() + filters[f].first, allWeights.data() + filters[f].weights,

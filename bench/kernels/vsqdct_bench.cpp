@@ -59,8 +59,8 @@ struct Fftw : Arrays {
     fftwf_plan plan;
     bool isForward;
     Fftw(int count, bool forward)
-        : Arrays(count), plan(fftwf_plan_r2r_1d(n, in, out, forward ? FFTW_REDFT10 : FFTW_REDFT01,
-                                                FFTW_MEASURE)),
+        : Arrays(count),
+          plan(fftwf_plan_r2r_1d(n, in, out, forward ? FFTW_REDFT10 : FFTW_REDFT01, FFTW_MEASURE)),
           isForward(forward) {
         for (int i = 0; i < n; ++i)
             in[i] = (float(i % 7) - 3.0f) * (isForward ? 1.0f : scale(i));

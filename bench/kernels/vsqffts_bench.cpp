@@ -9,19 +9,32 @@
 #endif
 
 #include <algorithm>
+#include <new>
 #include <string>
 
 namespace {
 
-std::vector<float> signal(int order) {
-    std::vector<float> samples;
+// Arrays at the start of cache lines, as the peer has them.
+template <class T>
+struct AtLines {
+    using value_type = T;
+    T* allocate(std::size_t n) {
+        return static_cast<T*>(::operator new(n * sizeof(T), std::align_val_t{64}));
+    }
+    void deallocate(T* block, std::size_t) { ::operator delete(block, std::align_val_t{64}); }
+    bool operator==(const AtLines&) const { return true; }
+};
+using Array = std::vector<float, AtLines<float>>;
+
+Array signal(int order) {
+    Array samples;
     for (int i = 0; i < 1 << order; ++i)
         samples.push_back(float(i % 77) * 0.3f - 7.0f);
     return samples;
 }
 
 // The half spectrum of the signal as bins, from the packed order with the last bin in element 1.
-bench::Values binsOf(const std::vector<float>& packed) {
+bench::Values binsOf(const Array& packed) {
     bench::Values bins(packed.begin(), packed.end());
     bins.insert(bins.end(), {bins[1], 0});
     bins[1] = 0;
@@ -30,7 +43,7 @@ bench::Values binsOf(const std::vector<float>& packed) {
 
 struct Ours {
     int order, flags;
-    std::vector<float> in, out;
+    Array in, out;
     Ours(int n, int direction) : order(n), flags(direction | VSQ_RCPerm), in(signal(n)), out(in.size()) {
         if (direction == VSQ_Inv) {
             vsqsRealFftlNip(in.data(), out.data(), order, VSQ_Forw | VSQ_RCPerm);
@@ -76,7 +89,7 @@ struct Fftw {
           bins(fftwf_alloc_complex(std::size_t(n / 2 + 1))),
           plan(forward ? fftwf_plan_dft_r2c_1d(n, reals, bins, FFTW_MEASURE)
                        : fftwf_plan_dft_c2r_1d(n, bins, reals, FFTW_MEASURE)) {
-        const std::vector<float> samples = signal(order);
+        const Array samples = signal(order);
         std::copy(samples.begin(), samples.end(), reals);
         if (isForward) return;
         Ours ours(order, VSQ_Forw);
@@ -124,7 +137,8 @@ const int registered = [] {
     }
     for (const int order : {8, 9, 10}) {
         bench::Row row("fixedFft/" + std::to_string(1 << order), [=] { return OursFixed(order); });
-        row.other("float", [=] { return Ours(order, VSQ_Forw); }, "our float transform");
+        row.other(
+            "float", [=] { return Ours(order, VSQ_Forw); }, "our float transform");
 #ifdef KTL_HAVE_FFTW
         row.peer("fftw", 2e-3, [=] { return FftwWords(order); }); // a unit where truncation differs
 #endif

@@ -222,8 +222,7 @@ struct OursFull : Full {
 struct PlainFull : Full {
     using Full::Full;
     void run() {
-        likelihood =
-            plain::fullMixture(x.data(), meanRows.data(), tables.data(), weights.data(), nDim, nMix);
+        likelihood = plain::fullMixture(x.data(), meanRows.data(), tables.data(), weights.data(), nDim, nMix);
     }
 };
 
@@ -288,9 +287,12 @@ void addEstimation() {
     bench::Row full("buildFull/20000x39", [] { return OursBuild(KT_GAUSS_FULL); });
     bench::Row invert("invert/39", [] { return OursInvert(); });
 #ifdef KTL_HAVE_ARMADILLO
-    diagonal.other("armadillo", [] { return ArmadilloBuild(false); }, "other data");
-    full.other("armadillo", [] { return ArmadilloBuild(true); }, "other data");
-    invert.other("armadillo", [] { return ArmadilloInvert(); }, "other data");
+    diagonal.other(
+        "armadillo", [] { return ArmadilloBuild(false); }, "other data");
+    full.other(
+        "armadillo", [] { return ArmadilloBuild(true); }, "other data");
+    invert.other(
+        "armadillo", [] { return ArmadilloInvert(); }, "other data");
 #endif
 }
 

@@ -59,15 +59,18 @@ auto make(int n, Function function) {
 
 void addSingle(int n) {
     const std::string size = std::to_string(n);
-    bench::Row("mahalanobisD/" + size, make(n, [](const Data& d, int count, double* out) {
-                   *out = KTsMahalanobisD(d.a.data(), d.b.data(), d.weights.data(), count, 0);
-               }))
+    bench::Row("mahalanobisD/" + size, make(n,
+                                            [](const Data& d, int count, double* out) {
+                                                *out = KTsMahalanobisD(d.a.data(), d.b.data(),
+                                                                       d.weights.data(), count, 0);
+                                            }))
         .peer("plain", 1e-6, make(n, [](const Data& d, int count, double* out) {
                   *out = plain::mahalanobisDiagonal(d.a.data(), d.b.data(), d.weights.data(), count);
               }));
-    bench::Row("mahalanobis/" + size, make(n, [](const Data& d, int count, double* out) {
-                   *out = KTsMahalanobis(d.a.data(), d.b.data(), d.rows.data(), count, 0);
-               }))
+    bench::Row(
+        "mahalanobis/" + size,
+        make(n, [](const Data& d, int count,
+                   double* out) { *out = KTsMahalanobis(d.a.data(), d.b.data(), d.rows.data(), count, 0); }))
         .peer("plain", 1e-6, make(n, [](const Data& d, int count, double* out) {
                   *out = plain::mahalanobis(d.a.data(), d.b.data(), d.rows.data(), count);
               }));
@@ -79,13 +82,15 @@ void addSingle(int n) {
 
 // A codebook's sixteen densities, which are laid out once: their exponents, and plain forms one by one.
 void addPanel(int n) {
-    bench::Row("mahalanobisD/16x" + std::to_string(n), make(n, [](const Data& d, int count, double* out) {
-                   float exponents[16];
-                   vsq::kernels().mahal->panelExponents(d.a.data(), d.panel.data(), 16, count, count,
-                                                        exponents);
-                   for (int k = 0; k < 16; ++k)
-                       out[k] = double(exponents[k]);
-               }))
+    bench::Row("mahalanobisD/16x" + std::to_string(n),
+               make(n,
+                    [](const Data& d, int count, double* out) {
+                        float exponents[16];
+                        vsq::kernels().mahal->panelExponents(d.a.data(), d.panel.data(), 16, count, count,
+                                                             exponents);
+                        for (int k = 0; k < 16; ++k)
+                            out[k] = double(exponents[k]);
+                    }))
         .peer("plain", 1e-6, make(n, [](const Data& d, int count, double* out) {
                   for (int k = 0; k < 16; ++k)
                       out[k] = -0.5 * plain::mahalanobisDiagonal(d.a.data(), d.b.data() + k,

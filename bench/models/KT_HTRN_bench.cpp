@@ -208,8 +208,7 @@ struct PlainContinuous : FrameJob {
     plain::Continuous trained = model;
     void run() {
         trained = model;
-        benchmark::DoNotOptimize(
-            plain::trainContinuous(trained, tables.data(), lengths.data(), count));
+        benchmark::DoNotOptimize(plain::trainContinuous(trained, tables.data(), lengths.data(), count));
     }
     bench::Values results() const { return parametersOf(trained.chain, {}); }
 };
@@ -218,23 +217,24 @@ struct OursSemicontinuous : FrameJob {
     int id = semicontinuousServer();
     void run() {
         float change = 1e-30f;
-        KTFreeHMMServer(
-            KTsTrainSemicontHMMBaumWelch(id, tables.data(), lengths.data(), count, 1, &change));
+        KTFreeHMMServer(KTsTrainSemicontHMMBaumWelch(id, tables.data(), lengths.data(), count, 1, &change));
     }
 };
 
 void addDiscrete(const char* name, int n, int sequences, int frames) {
-    bench::Row(name, [=] { return OursDiscrete(n, sequences, frames); })
-        .peer("plain", 1e-5, [=] { return PlainDiscrete(n, sequences, frames, plain::trainDiscrete); })
-        .peer("lanes", 1e-5, [=] { return PlainDiscrete(n, sequences, frames, plain::trainDiscreteLanes); });
+    bench::Row(name, [=] {
+        return OursDiscrete(n, sequences, frames);
+    }).peer("plain", 1e-5, [=] {
+          return PlainDiscrete(n, sequences, frames, plain::trainDiscrete);
+      }).peer("lanes", 1e-5, [=] { return PlainDiscrete(n, sequences, frames, plain::trainDiscreteLanes); });
 }
 
 const int registered = [] {
     addDiscrete("trainDiscrete/10x20x100", 10, 20, 100);
     addDiscrete("trainDiscrete/12x1x2000", 12, 1, 2000);
-    bench::Row("trainContinuous/5x4x26", [] {
-        return OursContinuous();
-    }).peer("plain", 1e-5, [] { return PlainContinuous(); });
+    bench::Row("trainContinuous/5x4x26", [] { return OursContinuous(); }).peer("plain", 1e-5, [] {
+        return PlainContinuous();
+    });
     bench::Row("trainSemicontinuous/5x64x26", [] { return OursSemicontinuous(); });
     return 0;
 }();

@@ -113,16 +113,16 @@ struct PlainViterbi : Job {
 
 struct LanesForward : Job {
     std::vector<const float*> rows = pointers(bySymbol);
-    plain::LaneModel model{dense.data(), rows.data(), nSymbols, probabilities.initial.data(), n, band == 2,
-                           0.0f};
+    plain::LaneModel model{dense.data(), rows.data(), nSymbols, probabilities.initial.data(), n,
+                           band == 2,    0.0f};
     using Job::Job;
     void run() { cost = double(model.forward(symbols.data(), nFrames)); }
 };
 
 struct LanesViterbi : Job {
     std::vector<const float*> rows = pointers(costsBySymbol);
-    plain::LaneModel model{denseCosts.data(), rows.data(), nSymbols, costs.initial.data(), n, band == 2,
-                           1e30f};
+    plain::LaneModel model{denseCosts.data(), rows.data(), nSymbols, costs.initial.data(), n,
+                           band == 2,         1e30f};
     using Job::Job;
     void run() { cost = double(model.viterbi(symbols.data(), nFrames)); }
 };
@@ -171,14 +171,19 @@ struct Group {
 
 void addCase(const Case& which) {
     const std::string name = which.name;
-    bench::Row("forward/" + name, [=] { return OursForward(which); })
-        .peer("plain", 1e-5, [=] { return PlainForward(which); })
-        .peer("lanes", 1e-5, [=] { return LanesForward(which); });
-    bench::Row("viterbi/" + name, [=] { return OursViterbi(which); })
-        .peer("plain", 1e-5, [=] { return PlainViterbi(which); })
-        .peer("lanes", 1e-5, [=] { return LanesViterbi(which); });
-    bench::Row("viterbiFixed/" + name, [=] { return OursViterbiFixed(which); })
-        .peer("float", 1e-3, [=] { return OursViterbi(which); });
+    bench::Row("forward/" + name, [=] {
+        return OursForward(which);
+    }).peer("plain", 1e-5, [=] {
+          return PlainForward(which);
+      }).peer("lanes", 1e-5, [=] { return LanesForward(which); });
+    bench::Row("viterbi/" + name, [=] {
+        return OursViterbi(which);
+    }).peer("plain", 1e-5, [=] {
+          return PlainViterbi(which);
+      }).peer("lanes", 1e-5, [=] { return LanesViterbi(which); });
+    bench::Row("viterbiFixed/" + name, [=] { return OursViterbiFixed(which); }).peer("float", 1e-3, [=] {
+        return OursViterbi(which);
+    });
 }
 
 const int registered = [] {

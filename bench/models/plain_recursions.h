@@ -21,8 +21,8 @@ float viterbi(const float* trans, const float* const* outputs, const float* init
 class LaneModel {
 public:
     // The domain decides what stands where there is nothing: 0 among probabilities, `nothing` among costs.
-    LaneModel(const float* trans, const float* const* outputs, int nSymbols, const float* initial, int nStates,
-              bool isBanded, float nothing);
+    LaneModel(const float* trans, const float* const* outputs, int nSymbols, const float* initial,
+              int nStates, bool isBanded, float nothing);
     float forward(const int* symbols, int nFrames) const;
     float viterbi(const int* symbols, int nFrames) const;
 
@@ -31,8 +31,8 @@ private:
     bool isBanded, isNarrow;
     int nStates;
     float nothing;
-    std::vector<float> rows;      // one row of `width` a source; banded: one a diagonal, by target
-    std::vector<float> outputs;   // one a symbol
+    std::vector<float> rows;    // one row of `width` a source; banded: one a diagonal, by target
+    std::vector<float> outputs; // one a symbol
     std::vector<float> initial;
 };
 

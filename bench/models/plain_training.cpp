@@ -197,9 +197,9 @@ struct Twelve {
 
 struct LaneSums {
     int n, symbols;
-    Values a, transposed, b, pi;                     // the model, padded; b by symbol
-    Values start, leaving, total, moves, outputs;    // the sums, padded
-    Values alpha, weighted, scale, sequenceMoves;    // of one sequence
+    Values a, transposed, b, pi;                  // the model, padded; b by symbol
+    Values start, leaving, total, moves, outputs; // the sums, padded
+    Values alpha, weighted, scale, sequenceMoves; // of one sequence
     explicit LaneSums(const Discrete& model)
         : n(model.chain.n), symbols(model.nSymbols), a(width * width), transposed(width * width),
           b(std::size_t(symbols * width)), pi(width), start(width), leaving(width), total(width),
@@ -302,8 +302,8 @@ double trainDiscreteLanes(Discrete& model, const int* const* sequences, const in
     for (int i = 0; i < n; ++i) {
         change = std::max(change, replace(model.chain.pi[i], sums.start[i] / count));
         for (int j = 0; j < n; ++j)
-            change = std::max(change, replace(model.chain.a[i * n + j],
-                                              sums.moves[i * width + j] / sums.leaving[i]));
+            change = std::max(change,
+                              replace(model.chain.a[i * n + j], sums.moves[i * width + j] / sums.leaving[i]));
         for (int k = 0; k < model.nSymbols; ++k)
             change = std::max(change, replace(model.b[i * model.nSymbols + k],
                                               sums.outputs[k * width + i] / sums.total[i]));

@@ -108,8 +108,7 @@ constexpr float rate = 0.01f, momentum = 0.5f;
 
 struct Training {
     const int items = patterns;
-    std::vector<float> inputs = filled<float>(patterns * 13, 1),
-                       targets = filled<float>(patterns * 13, 0.2f);
+    std::vector<float> inputs = filled<float>(patterns * 13, 1), targets = filled<float>(patterns * 13, 0.2f);
     std::vector<const float*> inputRows, targetRows;
     Training() {
         for (int p = 0; p < patterns; ++p) {
@@ -170,7 +169,8 @@ struct EigenTraining : Training {
     void run() { trainer.train(inputRows.data(), targetRows.data(), patterns, rate, momentum, 10); }
     bench::Values results() const {
         bench::Values all;
-        setWeights(trainingShape, [&](int l, int j, int i, float) { all.push_back(trainer.weight(l, j, i)); });
+        setWeights(trainingShape,
+                   [&](int l, int j, int i, float) { all.push_back(trainer.weight(l, j, i)); });
         return all;
     }
 };
@@ -226,8 +226,10 @@ const int registered = [] {
     sigmoid.peer("eigen3", 1e-6, [] { return EigenSigmoids(); });
 #endif
 #ifdef KTL_HAVE_FANN
-    forward.other("fann", [] { return FannForward(); }, "weights and biases of its own");
-    training.other("fann", [] { return FannTraining(); }, "weights and biases of its own, no error pass");
+    forward.other(
+        "fann", [] { return FannForward(); }, "weights and biases of its own");
+    training.other(
+        "fann", [] { return FannTraining(); }, "weights and biases of its own, no error pass");
 #endif
     return 0;
 }();

@@ -17,7 +17,8 @@ struct EigenNetwork::Layers {
     Matrix<10, 64> third;
 };
 
-EigenNetwork::EigenNetwork() : layers(new Layers) {}
+EigenNetwork::EigenNetwork() : layers(new Layers) {
+}
 
 EigenNetwork::~EigenNetwork() {
     delete layers;

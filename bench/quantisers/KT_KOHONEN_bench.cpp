@@ -74,9 +74,8 @@ struct LanesRanked : Lanes {
     void run() {
         stored.squares(vector.data(), squares.data());
         std::iota(indices.begin(), indices.end(), 0);
-        std::partial_sort(indices.begin(), indices.begin() + nBest, indices.end(), [&](int a, int b) {
-            return squares[std::size_t(a)] < squares[std::size_t(b)];
-        });
+        std::partial_sort(indices.begin(), indices.begin() + nBest, indices.end(),
+                          [&](int a, int b) { return squares[std::size_t(a)] < squares[std::size_t(b)]; });
         for (int k = 0; k < nBest; ++k)
             distances[std::size_t(k)] = std::sqrt(squares[std::size_t(indices[std::size_t(k)])]);
     }

@@ -82,6 +82,13 @@ struct OursTrainingFixed : Set {
     void run() { KT_FreeCodebook(trainFixed(KT_CB_SPLIT_WIDEST)); }
 };
 
+struct LanesTraining : Set {
+    double distortion = 0;
+    using Set::Set;
+    void run() { distortion = plain::kMeans(floatRows.data(), count, nDim, nSize, 10); }
+    std::string note() const { return distortionNote("10 iterations of k-means, ", distortion); }
+};
+
 // A trained codebook and what is found in it.
 struct Quantising : Set {
     KTCodebook* codebook = train(KT_CB_SPLIT_LARGEST);
@@ -170,7 +177,9 @@ struct FaissQuantising : Quantising {
 #endif
 
 void addTraining(const std::string& name, int n, int flags) {
-    bench::Row row("makeCodebook" + name + "/256x" + std::to_string(n), [=] { return OursTraining(n, flags); });
+    bench::Row row("makeCodebook" + name + "/256x" + std::to_string(n),
+                   [=] { return OursTraining(n, flags); });
+    row.other("lanes", [=] { return LanesTraining(n); });
 #ifdef KTL_HAVE_FAISS
     row.other("faiss", [=] { return FaissTraining(n); });
 #endif

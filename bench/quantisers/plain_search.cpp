@@ -3,6 +3,7 @@
 #include "bench/support/lanes.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace plain {
 
@@ -39,6 +40,36 @@ int Codes::nearest(const float* vector, float* square) {
         least = std::min(least, distances[std::size_t(k)]);
     *square = least;
     return int(std::find(distances.begin(), distances.end(), least) - distances.begin());
+}
+
+double kMeans(const float* const* vectors, int nVectors, int nDim, int nCodes, int nIterations) {
+    std::vector<float> centres, sums;
+    std::vector<const float*> rows;
+    std::vector<int> members;
+    for (int k = 0; k < nCodes; ++k)
+        centres.insert(centres.end(), vectors[k], vectors[k] + nDim);
+    for (int k = 0; k < nCodes; ++k)
+        rows.push_back(centres.data() + k * nDim);
+    double distortion = 0;
+    for (int iteration = 0; iteration < nIterations; ++iteration) {
+        Codes codes(rows.data(), nCodes, nDim);
+        sums.assign(centres.size(), 0.0f);
+        members.assign(std::size_t(nCodes), 0);
+        distortion = 0;
+        for (int v = 0; v < nVectors; ++v) {
+            float square;
+            const int k = codes.nearest(vectors[v], &square);
+            distortion += std::sqrt(square);
+            ++members[std::size_t(k)];
+            for (int i = 0; i < nDim; ++i)
+                sums[std::size_t(k * nDim + i)] += vectors[v][i];
+        }
+        for (int k = 0; k < nCodes; ++k)
+            for (int i = 0; members[std::size_t(k)] > 0 && i < nDim; ++i)
+                centres[std::size_t(k * nDim + i)] =
+                    sums[std::size_t(k * nDim + i)] / float(members[std::size_t(k)]);
+    }
+    return distortion / nVectors;
 }
 
 int nearestWords(const short* vector, const short* const* rows, int nCodes, int nDim, int* square) {

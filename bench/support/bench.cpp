@@ -21,10 +21,15 @@ double deviation(const Values& ours, const Values& peers) {
     return difference == 0 ? 0 : difference / greatest;
 }
 
-bool agree(benchmark::State& state, const Values& ours, const Values& peers, double tolerance) {
+bool agree(benchmark::State& state, const Values& ours, const Values& peers, double tolerance,
+           std::string& finding) {
     const double found = deviation(ours, peers);
-    if (found <= tolerance) return true;
     char text[96];
+    if (found <= tolerance) {
+        std::snprintf(text, sizeof text, found == 0 ? "equal" : "within %.1e of ours", found);
+        finding = text;
+        return true;
+    }
     std::snprintf(text, sizeof text, "deviates from ours by %.2g, more than %.2g", found, tolerance);
     state.SkipWithError(text);
     return false;

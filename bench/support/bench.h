@@ -22,9 +22,10 @@ Values valuesOf(const T* from, int n) {
 // The greatest deviation as a part of the greatest magnitude of ours; infinite where sizes differ.
 double deviation(const Values& ours, const Values& peers);
 
-// Whether a peer's results are ours within the tolerance. If not, the benchmark ends with an error. The
-// label says how near they are.
-bool agree(benchmark::State& state, const Values& ours, const Values& peers, double tolerance);
+// Whether a peer's results are ours within the tolerance, and then how near they are. If not, the benchmark
+// ends with an error.
+bool agree(benchmark::State& state, const Values& ours, const Values& peers, double tolerance,
+           std::string& finding);
 
 template <class Side>
 void timeSide(benchmark::State& state, Side& side) {
@@ -91,10 +92,7 @@ private:
         auto side = make();
         side.run();
         const Values got = side.results();
-        char text[64];
-        std::snprintf(text, sizeof text, "within %.1e of ours", deviation(expected, got));
-        finding = text;
-        return agree(state, expected, got, tolerance);
+        return agree(state, expected, got, tolerance, finding);
     }
 
     std::string name;

@@ -35,7 +35,54 @@ Pattern::Pattern(const float* const* frames, int nFrames, int dimensions)
             rows[k].resize(std::size_t(nColumns + margin));
 }
 
+// The columns of row i.
+struct Range {
+    int lo, hi;
+    Range(int i, int nRows, int nColumns)
+        : lo(std::max(i / 2, nColumns + 1 - 2 * nRows + 2 * i)),
+          hi(std::min(2 * i, nColumns - 1 - (nRows - 1 - i) / 2)) {}
+};
+
+void Pattern::clear() {
+    for (auto& row : costs)
+        std::fill(row.begin(), row.end(), dead);
+    for (auto& row : bans)
+        std::fill(row.begin(), row.end(), 0.0f);
+}
+
 void Pattern::distances(const float* frame, int lo, int hi) {
+    float* const sums = local.data();
+    for (int j = lo; j <= hi; ++j)
+        sums[j] = 0;
+    for (int d = 0; d < nDim; ++d) {
+        const float* const row = values.data() + d * stride;
+        for (int j = lo; j <= hi; ++j)
+            sums[j] += (row[j] - frame[d]) * (row[j] - frame[d]);
+    }
+    for (int j = lo; j <= hi; ++j)
+        sums[j] = std::sqrt(sums[j]);
+}
+
+float Pattern::warp(const float* const* test, int nRows) {
+    clear();
+    float *const cost = costs[0].data() + margin, *const ban = bans[0].data() + margin;
+    distances(test[0], 0, 0);
+    cost[0] = local[0];
+    for (int i = 1; i < nRows; ++i) {
+        const auto [lo, hi] = Range(i, nRows, nColumns);
+        distances(test[i], lo, hi);
+        for (int j = hi; j >= lo; --j) {
+            const float flat = cost[j] + ban[j], steep = std::min(cost[j - 1], cost[j - 2]);
+            ban[j] = flat < steep ? dead : 0.0f;
+            cost[j] = std::min(flat, steep) + local[std::size_t(j)];
+        }
+        cost[lo - 1] = dead; // what left the band
+        cost[lo - 2] = dead;
+    }
+    return cost[nColumns - 1];
+}
+
+void Pattern::distancesLanes(const float* frame, int lo, int hi) {
     for (int first = lo; first <= hi; first += 16) {
         Floats sums = {};
         for (int d = 0; d < nDim; ++d) {
@@ -48,17 +95,13 @@ void Pattern::distances(const float* frame, int lo, int hi) {
         local[std::size_t(j)] = std::sqrt(local[std::size_t(j)]);
 }
 
-float Pattern::warp(const float* const* test, int nRows) {
-    for (auto& row : costs)
-        std::fill(row.begin(), row.end(), dead);
-    for (auto& row : bans)
-        std::fill(row.begin(), row.end(), 0.0f);
+float Pattern::warpLanes(const float* const* test, int nRows) {
+    clear();
     distances(test[0], 0, 0);
     costs[0][margin] = local[0];
     for (int i = 1; i < nRows; ++i) {
-        const int lo = std::max(i / 2, nColumns + 1 - 2 * nRows + 2 * i);
-        const int hi = std::min(2 * i, nColumns - 1 - (nRows - 1 - i) / 2);
-        distances(test[i], lo, hi);
+        const auto [lo, hi] = Range(i, nRows, nColumns);
+        distancesLanes(test[i], lo, hi);
         const int from = (i - 1) % 2, to = i % 2;
         float* const cost = costs[to].data() + margin;
         advance(costs[from].data() + margin, bans[from].data() + margin, local.data(), lo, hi, cost,
