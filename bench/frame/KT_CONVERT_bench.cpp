@@ -1,5 +1,5 @@
-// Conversions between the numeric forms and orders of arrays, beside VOLK, memcpy and a sum of the same
-// bytes.
+// Conversions between the numeric forms and orders of arrays, beside VOLK, memcpy and a sum of the
+// same bytes.
 #include "bench/frame/plain_conversions.h"
 #include "bench/support/bench.h"
 #include "ktlp6.h"

@@ -7,9 +7,13 @@
 namespace plain {
 
 unsigned sum(const unsigned* words, int n) {
+    unsigned lanes[64] = {};
+    for (int i = 0; i + 64 <= n; i += 64)
+        for (int lane = 0; lane < 64; ++lane)
+            lanes[lane] += words[i + lane];
     unsigned total = 0;
-    for (int i = 0; i < n; ++i)
-        total += words[i];
+    for (const unsigned lane : lanes)
+        total += lane;
     return total;
 }
 
@@ -25,8 +29,9 @@ void toFloats(const short* src, float* dst, int n, float factor) {
         dst[i] = src[i] * factor;
 }
 
-// The truncating conversion gives the most negative integer for what is too large, so the upper end is
-// clamped before it, and the narrowing clamps the lower one. Whole registers only: n is a multiple of 32.
+// The truncating conversion gives the most negative integer for what is too large, so the upper end
+// is clamped before it, and the narrowing clamps the lower one. Whole registers only: n is a
+// multiple of 32.
 #if defined(__AVX512BW__)
 namespace {
 

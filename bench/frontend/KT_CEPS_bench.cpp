@@ -1,6 +1,6 @@
-// One frame of mel-frequency cepstra from samples: pre-emphasis, 512-point transform, 26 filters, logarithm
-// behind the filters, 13 coefficients; with a window and without. A run is `frames` frames, so that peers
-// that take whole utterances can be set beside.
+// One frame of mel-frequency cepstra from samples: pre-emphasis, 512-point transform, 26 filters,
+// logarithm behind the filters, 13 coefficients; with a window and without. A run is `frames`
+// frames, so that peers that take whole utterances can be set beside.
 #include "bench/frontend/plain_frontend.h"
 #include "bench/support/bench.h"
 #include "ktlp6.h"

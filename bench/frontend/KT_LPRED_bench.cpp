@@ -1,4 +1,5 @@
-// Linear prediction of a frame of 400 samples, order 12. The plain loops sum in float, ours in double.
+// Linear prediction of a frame of 400 samples, order 12. The plain loops sum in float, ours in
+// double.
 #include "bench/frontend/plain_frontend.h"
 #include "bench/support/bench.h"
 #include "ktlp6.h"

@@ -1,4 +1,5 @@
-// The spectrum of an all-pole model, order 12, at 256 frequencies. The peer sums in float, ours in double.
+// The spectrum of an all-pole model, order 12, at 256 frequencies. The peer sums in float, ours in
+// double.
 #include "bench/frontend/plain_frontend.h"
 #include "bench/support/bench.h"
 #include "ktlp6.h"

@@ -42,8 +42,8 @@ void autoCorr(const float* src, int n, float* dst, int nLags) {
 
 namespace {
 
-// Sixteen lags. Four chains hide the latency of the additions; zeros behind the samples stand for what is
-// missing.
+// Sixteen lags. Four chains hide the latency of the additions; zeros behind the samples stand for
+// what is missing.
 void sixteenLags(const float* fixed, const float* moved, int n, float* lags) {
     Floats a = {}, b = {}, c = {}, d = {};
     for (int i = 0; i < n; i += 4) {

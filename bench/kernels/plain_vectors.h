@@ -14,7 +14,8 @@ inline constexpr int mostLags = 32, mostSamples = 1024;
 void autoCorr(const float* src, int n, float* dst, int nLags);
 void autoCorrLanes(const float* src, int n, float* dst, int nLags);
 
-// out = the sum over i of in[i] times column i of a square table; null for lengths that are not compiled.
+// out = the sum over i of in[i] times column i of a square table; null for lengths that are not
+// compiled.
 using Transform = void (*)(const float* table, const float* in, float* out);
 Transform columnTransform(int n);
 

@@ -19,9 +19,9 @@ template <class T>
 struct AtLines {
     using value_type = T;
     T* allocate(std::size_t n) {
-        return static_cast<T*>(::operator new(n * sizeof(T), std::align_val_t{64}));
+        return static_cast<T*>(::operator new (n * sizeof(T), std::align_val_t{64}));
     }
-    void deallocate(T* block, std::size_t) { ::operator delete(block, std::align_val_t{64}); }
+    void deallocate(T* block, std::size_t) { ::operator delete (block, std::align_val_t{64}); }
     bool operator==(const AtLines&) const { return true; }
 };
 using Array = std::vector<float, AtLines<float>>;

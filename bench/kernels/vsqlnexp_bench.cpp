@@ -1,5 +1,5 @@
-// Logarithm and exponential function in place. Every run starts from fresh arguments, copied in at the
-// same cost for all; VOLK has no natural logarithm, so its base-2 one stands in.
+// Logarithm and exponential function in place. Every run starts from fresh arguments, copied in at
+// the same cost for all; VOLK has no natural logarithm, so its base-2 one stands in.
 #include "bench/kernels/plain_vectors.h"
 #include "bench/support/bench.h"
 #include "vsq.h"

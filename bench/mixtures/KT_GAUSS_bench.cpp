@@ -1,6 +1,6 @@
-// Mixtures: a frame's score beside a matrix-vector product with a log-sum-exp and beside mixtures in lanes,
-// both in float with a vector exponential; a run of frames in one call; estimation and inversion beside
-// Armadillo.
+// Mixtures: a frame's score beside a matrix-vector product with a log-sum-exp and beside mixtures
+// in lanes, both in float with a vector exponential; a run of frames in one call; estimation and
+// inversion beside Armadillo.
 #include "bench/mixtures/plain_mixtures.h"
 #include "bench/support/bench.h"
 #include "ktlp6.h"
@@ -139,8 +139,8 @@ struct LanesRun : Run {
 };
 
 #ifdef KTL_HAVE_OPENBLAS
-// log of weight * exp(-q / 2) = the row (x squared, x) times a column of a matrix, and a constant. The matrix
-// stands with its mixtures side by side, which is how the product is fastest.
+// log of weight * exp(-q / 2) = the row (x squared, x) times a column of a matrix, and a constant.
+// The matrix stands with its mixtures side by side, which is how the product is fastest.
 struct Table {
     std::vector<float> matrix, constants; // 2 * nDim rows of nMix
     explicit Table(const Data& d) : matrix(std::size_t(2 * d.nDim * d.nMix)) {

@@ -80,7 +80,8 @@ void addSingle(int n) {
                }));
 }
 
-// A codebook's sixteen densities, which are laid out once: their exponents, and plain forms one by one.
+// A codebook's sixteen densities, which are laid out once: their exponents, and plain forms one by
+// one.
 void addPanel(int n) {
     bench::Row("mahalanobisD/16x" + std::to_string(n),
                make(n,

@@ -1,5 +1,5 @@
-// The loops that the mixtures are compared with: in double as a textbook writes them, and in float as a user
-// in a hurry would, with as many mixtures side by side as a register holds.
+// The loops that the mixtures are compared with: in double as a textbook writes them, and in float
+// as a user in a hurry would, with as many mixtures side by side as a register holds.
 #pragma once
 
 #include <vector>
@@ -10,8 +10,8 @@ namespace plain {
 double fullMixture(const float* x, const float* const* means, const float* const* const* matrices,
                    const float* weights, int nDim, int nMix);
 
-// Diagonal mixtures in lanes: element i of all mixtures, then element i + 1. The number of mixtures is padded
-// to whole registers with mixtures of weight 0.
+// Diagonal mixtures in lanes: element i of all mixtures, then element i + 1. The number of mixtures
+// is padded to whole registers with mixtures of weight 0.
 class LaneMixture {
 public:
     LaneMixture(const float* const* means, const float* const* inverses, const float* weights, int nDim,
@@ -19,7 +19,8 @@ public:
     float likelihood(const float* x);
     // The same with the forms in memory, as the compiler vectorises it.
     float likelihoodByLoop(const float* x);
-    // -log10 of the product of the likelihoods of several frames, four frames in one pass over the mixtures.
+    // -log10 of the product of the likelihoods of several frames, four frames in one pass over the
+    // mixtures.
     double cost(const float* const* frames, int nFrames);
 
 private:

@@ -1,7 +1,7 @@
-// One Baum-Welch iteration: a discrete model of 64 symbols, 10 fully connected states on 20 sequences of 100
-// frames and 12 on one sequence of 2000; a continuous one of 5 banded states with 4 diagonal components of 26
-// dimensions on 100 sequences of 40 frames; a semicontinuous one over 64 densities. Loops in double beside
-// them.
+// One Baum-Welch iteration: a discrete model of 64 symbols, 10 fully connected states on 20
+// sequences of 100 frames and 12 on one sequence of 2000; a continuous one of 5 banded states with
+// 4 diagonal components of 26 dimensions on 100 sequences of 40 frames; a semicontinuous one over
+// 64 densities. Loops in double beside them.
 #include "bench/models/plain_training.h"
 #include "bench/support/bench.h"
 #include "ktlp6.h"

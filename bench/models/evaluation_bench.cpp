@@ -1,6 +1,6 @@
-// Evaluation of discrete hidden Markov models over 1000 frames: 5 and 30 states left to right (banded), 30
-// states with all transitions to the right (triangular), 30 states full; a class of models against a loop
-// over them.
+// Evaluation of discrete hidden Markov models over 1000 frames: 5 and 30 states left to right
+// (banded), 30 states with all transitions to the right (triangular), 30 states full; a class of
+// models against a loop over them.
 #include "bench/models/plain_recursions.h"
 #include "bench/support/bench.h"
 #include "ktlp6.h"

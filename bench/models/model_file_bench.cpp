@@ -1,5 +1,5 @@
-// Model files: 10,000 models on one stream, written and read back one by one, beside the same number of bytes moved
-// through the disk cache in large blocks without any processing.
+// Model files: 10,000 models on one stream, written and read back one by one, beside the same
+// number of bytes moved through the disk cache in large blocks without any processing.
 #include "bench/support/bench.h"
 #include "ktlp6.h"
 

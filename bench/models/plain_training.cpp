@@ -31,20 +31,35 @@ struct Pass {
             alpha[i] = chain.pi[i] * b[i];
         normalise(n, 0);
         for (int t = 1; t < frames; ++t) {
-            for (int i = 0; i < n; ++i)
-                for (int j = firstTarget(chain, i); j < lastTarget(chain, i); ++j)
-                    alpha[t * n + j] += alpha[(t - 1) * n + i] * chain.a[i * n + j];
-            for (int j = 0; j < n; ++j)
-                alpha[t * n + j] *= b[t * n + j];
+            forward(chain, &alpha[(t - 1) * n], &b[t * n], &alpha[t * n]);
             normalise(n, t);
         }
-        for (int t = frames - 1; t > 0; --t)
-            for (int i = 0; i < n; ++i) {
-                double sum = 0;
-                for (int j = firstTarget(chain, i); j < lastTarget(chain, i); ++j)
-                    sum += chain.a[i * n + j] * b[t * n + j] * beta[t * n + j];
-                beta[(t - 1) * n + i] = sum * scale[t];
-            }
+        Values weighted(static_cast<std::size_t>(n));
+        for (int t = frames - 1; t > 0; --t) {
+            for (int j = 0; j < n; ++j)
+                weighted[j] = b[t * n + j] * beta[t * n + j] * scale[t];
+            backward(chain, weighted.data(), &beta[(t - 1) * n]);
+        }
+    }
+
+    static void forward(const Chain& chain, const double* __restrict now, const double* __restrict outputs,
+                        double* __restrict next) {
+        const double* const __restrict a = chain.a.data();
+        for (int i = 0; i < chain.n; ++i)
+            for (int j = firstTarget(chain, i); j < lastTarget(chain, i); ++j)
+                next[j] += now[i] * a[i * chain.n + j];
+        for (int j = 0; j < chain.n; ++j)
+            next[j] *= outputs[j];
+    }
+
+    static void backward(const Chain& chain, const double* __restrict weighted, double* __restrict before) {
+        const double* const __restrict a = chain.a.data();
+        for (int i = 0; i < chain.n; ++i) {
+            double sum = 0;
+            for (int j = firstTarget(chain, i); j < lastTarget(chain, i); ++j)
+                sum += a[i * chain.n + j] * weighted[j];
+            before[i] = sum;
+        }
     }
 
     void normalise(int n, int t) {
@@ -69,11 +84,20 @@ struct Sums {
                 if (t + 1 < frames) leaving[i] += gamma;
                 total[i] += gamma;
             }
-        for (int t = 1; t < frames; ++t)
-            for (int i = 0; i < n; ++i)
-                for (int j = firstTarget(chain, i); j < lastTarget(chain, i); ++j)
-                    moves[i * n + j] += p.alpha[(t - 1) * n + i] * chain.a[i * n + j] * p.b[t * n + j] *
-                                        p.beta[t * n + j] * p.scale[t];
+        Values weighted(static_cast<std::size_t>(n));
+        for (int t = 1; t < frames; ++t) {
+            for (int j = 0; j < n; ++j)
+                weighted[j] = p.b[t * n + j] * p.beta[t * n + j] * p.scale[t];
+            addMoves(chain, &p.alpha[(t - 1) * n], weighted.data(), moves.data());
+        }
+    }
+
+    static void addMoves(const Chain& chain, const double* __restrict before,
+                         const double* __restrict weighted, double* __restrict sums) {
+        const double* const __restrict a = chain.a.data();
+        for (int i = 0; i < chain.n; ++i)
+            for (int j = firstTarget(chain, i); j < lastTarget(chain, i); ++j)
+                sums[i * chain.n + j] += before[i] * a[i * chain.n + j] * weighted[j];
     }
 
     double finish(Chain& chain, int count) const {

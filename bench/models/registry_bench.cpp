@@ -1,5 +1,5 @@
-// Registering and releasing many models: the time for each has to stay the same whatever their number. The
-// peer is a user's table of records by their lowest free number.
+// Registering and releasing many models: the time for each has to stay the same whatever their
+// number. The peer is a user's table of records by their lowest free number.
 #include "bench/support/bench.h"
 #include "ktlp6.h"
 

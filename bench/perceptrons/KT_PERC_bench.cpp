@@ -101,8 +101,8 @@ struct OursSigmoidsFixed {
     void run() { KTwSigmoidActivation(input.data(), output.data(), 4096, 15, -15); }
 };
 
-// The patterns of one training call; its fixed cost and the pass that measures the error are part of the
-// time for one pattern.
+// The patterns of one training call; its fixed cost and the pass that measures the error are part
+// of the time for one pattern.
 constexpr int patterns = 200;
 constexpr float rate = 0.01f, momentum = 0.5f;
 
@@ -120,8 +120,8 @@ struct Training {
     Training& operator=(const Training&) = delete;
 };
 
-// Each call begins with the same weights: rows whose first changes are their weights would double in every
-// call.
+// Each call begins with the same weights: rows whose first changes are their weights would double
+// in every call.
 struct OursTraining : Training {
     sMLPServer* server = floatServer(trainingShape);
     std::vector<std::vector<float>> start = weights();
@@ -164,8 +164,9 @@ struct EigenTraining : Training {
     EigenTraining() {
         setWeights(trainingShape, [&](int l, int j, int i, float w) { trainer.setWeight(l, j, i, w); });
     }
-    // Our rows are padded to multiples of four and the previous changes cleared without the padding, so the
-    // last three rows of the output layer begin with their weights as previous changes.
+    // Our rows are padded to multiples of four and the previous changes cleared without the
+    // padding, so the last three rows of the output layer begin with their weights as previous
+    // changes.
     void run() { trainer.train(inputRows.data(), targetRows.data(), patterns, rate, momentum, 10); }
     bench::Values results() const {
         bench::Values all;

@@ -45,8 +45,8 @@ void EigenNetwork::evaluate(const float* input, float* output) {
     Eigen::Map<Vector<10>>{output} = three.array().logistic();
 }
 
-// The output layer has 16 rows, whole registers: the last three have no weights, and their targets are what
-// such a neuron gives.
+// The output layer has 16 rows, whole registers: the last three have no weights, and their targets
+// are what such a neuron gives.
 struct EigenTrainer::State {
     EIGEN_MAKE_ALIGNED_OPERATOR_NEW
     struct Weights {

@@ -1,4 +1,5 @@
-// Networks and sigmoids by Eigen, compiled as its users would: the shapes are known to the compiler.
+// Networks and sigmoids by Eigen, compiled as its users would: the shapes are known to the
+// compiler.
 #pragma once
 
 namespace plain {
@@ -27,8 +28,8 @@ public:
     EigenTrainer& operator=(const EigenTrainer&) = delete;
     void setWeight(int layer, int neuron, int input, float weight);
     float weight(int layer, int neuron, int input) const;
-    // One epoch behind a pass that measures the error, from the weights that were set. A last row of the
-    // output layer from `firstMoving` on begins with its weights as its previous change.
+    // One epoch behind a pass that measures the error, from the weights that were set. A last row
+    // of the output layer from `firstMoving` on begins with its weights as its previous change.
     float train(const float* const* inputs, const float* const* targets, int nPatterns, float rate,
                 float momentum, int firstMoving);
 

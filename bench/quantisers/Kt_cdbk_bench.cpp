@@ -1,6 +1,6 @@
-// Tree codebooks: training and quantising of vectors of 13 elements, as cepstra are. Peers train by k-means,
-// and search through all cells where we descend a tree: remarks name the distortion of both sides, the mean
-// distance of a vector from its cell.
+// Tree codebooks: training and quantising of vectors of 13 elements, as cepstra are. Peers train by
+// k-means, and search through all cells where we descend a tree: remarks name the distortion of
+// both sides, the mean distance of a vector from its cell.
 #include "bench/quantisers/plain_search.h"
 #include "bench/support/bench.h"
 #include "ktlp6.h"

@@ -8,7 +8,8 @@ namespace plain {
 class Codes {
 public:
     Codes(const float* const* rows, int nCodes, int nDim); // nCodes is a multiple of 64
-    // The nearest code, the first of equals, and the square of its distance. Every code is looked at.
+    // The nearest code, the first of equals, and the square of its distance. Every code is looked
+    // at.
     int nearest(const float* vector, float* square);
     // The squares of all distances.
     void squares(const float* vector, float* distances) const;
@@ -18,8 +19,8 @@ private:
     std::vector<float> values, distances;
 };
 
-// k-means from the first vectors; a cell that loses all its vectors stays where it was. Returns the mean distance
-// of a vector from its cell in the last iteration.
+// k-means from the first vectors; a cell that loses all its vectors stays where it was. Returns the
+// mean distance of a vector from its cell in the last iteration.
 double kMeans(const float* const* vectors, int nVectors, int nDim, int nCodes, int nIterations);
 
 // The nearest code of 16-bit vectors, and the square of its distance.

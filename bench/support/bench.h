@@ -1,6 +1,7 @@
-// A row of benchmarks: ours and its peers, which do the same work on the same data. A side of a row is
-// an object with run(), which is timed, and results(), which shows what it computed. It may have
-// `items`, the number of frames or vectors in one run, for times of one of them, and note(), a remark.
+// A row of benchmarks: ours and its peers, which do the same work on the same data. A side of a row
+// is an object with run(), which is timed, and results(), which shows what it computed. It may have
+// `items`, the number of frames or vectors in one run, for times of one of them, and note(), a
+// remark.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -22,8 +23,8 @@ Values valuesOf(const T* from, int n) {
 // The greatest deviation as a part of the greatest magnitude of ours; infinite where sizes differ.
 double deviation(const Values& ours, const Values& peers);
 
-// Whether a peer's results are ours within the tolerance, and then how near they are. If not, the benchmark
-// ends with an error.
+// Whether a peer's results are ours within the tolerance, and then how near they are. If not, the
+// benchmark ends with an error.
 bool agree(benchmark::State& state, const Values& ours, const Values& peers, double tolerance,
            std::string& finding);
 

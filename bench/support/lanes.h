@@ -1,5 +1,5 @@
-// Vectors of a fixed number of lanes for plain loops that have to stay in registers; the compiler splits
-// them for the machine at hand.
+// Vectors of a fixed number of lanes for plain loops that have to stay in registers; the compiler
+// splits them for the machine at hand.
 #pragma once
 
 namespace plain {

@@ -1,6 +1,6 @@
-// Time warping: 50 patterns of 60 frames against a test of 60 frames, 13 dimensions, Euclidean, fixed ends;
-// against loops in float over the same band with transposed patterns, and with a threshold at the best
-// distance.
+// Time warping: 50 patterns of 60 frames against a test of 60 frames, 13 dimensions, Euclidean,
+// fixed ends; against loops in float over the same band with transposed patterns, and with a
+// threshold at the best distance.
 #include "bench/support/bench.h"
 #include "bench/templates/plain_warp.h"
 #include "ktlp6.h"
