@@ -35,15 +35,16 @@ void toFloats(const short* src, float* dst, int n, float factor) {
 #if defined(__AVX512BW__)
 namespace {
 
-__m256i sixteen(const float* src) {
+__m512i sixteen(const float* src) {
     const __m512 value = _mm512_min_ps(_mm512_loadu_ps(src), _mm512_set1_ps(32767.0f));
-    return _mm512_cvtsepi32_epi16(_mm512_cvttps_epi32(value));
+    return _mm512_cvttps_epi32(value);
 }
 
 void clampRegisters(const float* src, short* dst, int n) {
+    const __m512i order = _mm512_setr_epi64(0, 2, 4, 6, 1, 3, 5, 7);
     for (int i = 0; i < n; i += 32) {
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i), sixteen(src + i));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i + 16), sixteen(src + i + 16));
+        const __m512i packed = _mm512_packs_epi32(sixteen(src + i), sixteen(src + i + 16));
+        _mm512_storeu_si512(dst + i, _mm512_permutexvar_epi64(order, packed));
     }
 }
 
