@@ -66,14 +66,17 @@ void addDown() {
              }));
 #endif
     row.other("memcpy", down(copyTraffic));
-    bench::Row("convertDownAuto/4096",
-               down([](Arrays& a) { KTswbConvertDown(a.floats, a.shorts, count, KT_AutoScale, nullptr); }))
+    bench::Row("convertDownAuto/4096", down([](Arrays& a) {
+                   KTswbConvertDown(a.floats, a.shorts, count, KT_AutoScale, nullptr);
+               }))
         .other("memcpy", down(copyTraffic));
 }
 
 void addUp() {
-    bench::Row row("convertUp/4096", up([](Arrays& a) { KTwsbConvertUp(a.shorts, a.floats, count, 15); }));
-    row.peer("plain", 0, up([](Arrays& a) { plain::toFloats(a.shorts, a.floats, count, 1.0f / 32768); }));
+    bench::Row row("convertUp/4096",
+                   up([](Arrays& a) { KTwsbConvertUp(a.shorts, a.floats, count, 15); }));
+    row.peer("plain", 0,
+             up([](Arrays& a) { plain::toFloats(a.shorts, a.floats, count, 1.0f / 32768); }));
 #ifdef KTL_HAVE_VOLK
     row.peer("volk", 0,
              up([](Arrays& a) { volk_16i_s32f_convert_32f(a.floats, a.shorts, 32768.0f, count); }));
@@ -83,13 +86,16 @@ void addUp() {
 
 // There is no peer for an order: a sum over the same bytes shows the speed of reading them.
 void addOrders() {
-    bench::Row("floatOrder/4096",
-               down([](Arrays& a) { benchmark::DoNotOptimize(a.order = KTsMaxOrder(a.floats, count)); }))
+    bench::Row("floatOrder/4096", down([](Arrays& a) {
+                   benchmark::DoNotOptimize(a.order = KTsMaxOrder(a.floats, count));
+               }))
         .other("sum", down([](Arrays& a) {
-                   benchmark::DoNotOptimize(plain::sum(reinterpret_cast<const unsigned*>(a.floats), count));
+                   benchmark::DoNotOptimize(
+                       plain::sum(reinterpret_cast<const unsigned*>(a.floats), count));
                }));
-    bench::Row("shortOrder/4096",
-               down([](Arrays& a) { benchmark::DoNotOptimize(a.order = KTwMaxOrder(a.shorts, count)); }))
+    bench::Row("shortOrder/4096", down([](Arrays& a) {
+                   benchmark::DoNotOptimize(a.order = KTwMaxOrder(a.shorts, count));
+               }))
         .other("sum", down([](Arrays& a) {
                    benchmark::DoNotOptimize(
                        plain::sum(reinterpret_cast<const unsigned*>(a.shorts), count / 2));

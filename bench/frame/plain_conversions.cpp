@@ -60,7 +60,8 @@ __m256i eight(const float* src) {
 void clampRegisters(const float* src, short* dst, int n) {
     for (int i = 0; i < n; i += 16) {
         const __m256i packed = _mm256_packs_epi32(eight(src + i), eight(src + i + 8));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i), _mm256_permute4x64_epi64(packed, 0xD8));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i),
+                            _mm256_permute4x64_epi64(packed, 0xD8));
     }
 }
 

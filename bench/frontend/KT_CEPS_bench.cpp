@@ -31,7 +31,8 @@ constexpr int nCeps = 13;
 constexpr int sampleFreq = 16000;
 constexpr int frames = 64;
 constexpr int hop = 160;
-constexpr int filterFirst = KT_CepsTimeInput | KT_CepsThreshold | KT_CepsFilterFirst | KT_CepsZeroth;
+constexpr int filterFirst =
+    KT_CepsTimeInput | KT_CepsThreshold | KT_CepsFilterFirst | KT_CepsZeroth;
 constexpr int logarithmFirst = KT_CepsTimeInput | KT_CepsThreshold | KT_CepsZeroth;
 
 std::vector<short> utterance() {
@@ -39,7 +40,8 @@ std::vector<short> utterance() {
     std::normal_distribution<double> noise(0.0, 500.0);
     std::vector<short> samples(hop * frames + fftLen);
     for (std::size_t i = 0; i < samples.size(); ++i)
-        samples[i] = static_cast<short>(noise(random) + 3000.0 * std::sin(0.05 * static_cast<double>(i)));
+        samples[i] =
+            static_cast<short>(noise(random) + 3000.0 * std::sin(0.05 * static_cast<double>(i)));
     return samples;
 }
 
@@ -134,8 +136,8 @@ struct Fftw : Job {
     }
     void run() {
         for (int i = 0; i < frames; ++i) {
-            plain::prepare(floats.data() + i * hop, isWindowed ? window.data() : nullptr, 0.97f, frame,
-                           fftLen);
+            plain::prepare(floats.data() + i * hop, isWindowed ? window.data() : nullptr, 0.97f,
+                           frame, fftLen);
             fftwf_execute(plan);
             cepstra.evaluate(bins[0], 1.0f, row(i));
         }
@@ -151,10 +153,10 @@ struct Pocketsphinx : Job {
     std::vector<mfcc_t*> rows;
     Pocketsphinx() : Job(true) {
         err_set_logfp(nullptr);
-        config =
-            cmd_ln_init(nullptr, fe_get_args(), TRUE, "-samprate", "16000", "-nfft", "512", "-nfilt", "26",
-                        "-ncep", "13", "-lowerf", "0", "-upperf", "8000", "-alpha", "0.97", "-wlen", "0.032",
-                        "-remove_noise", "no", "-remove_silence", "no", "-dither", "no", nullptr);
+        config = cmd_ln_init(nullptr, fe_get_args(), TRUE, "-samprate", "16000", "-nfft", "512",
+                             "-nfilt", "26", "-ncep", "13", "-lowerf", "0", "-upperf", "8000",
+                             "-alpha", "0.97", "-wlen", "0.032", "-remove_noise", "no",
+                             "-remove_silence", "no", "-dither", "no", nullptr);
         fe = fe_init_auto_r(config);
         for (int i = 0; i < frames + 4; ++i)
             rows.push_back(out.data() + i * nCeps);
@@ -209,7 +211,8 @@ struct Filtering {
     KTMFCCFilters* bank;
     std::vector<float> spectrum;
     float out[nFilters];
-    explicit Filtering(int order) : bank(makeBank(order)), spectrum(std::size_t{1} << order, 1.5f) {}
+    explicit Filtering(int order)
+        : bank(makeBank(order)), spectrum(std::size_t{1} << order, 1.5f) {}
     Filtering(const Filtering&) = delete;
     Filtering& operator=(const Filtering&) = delete;
     ~Filtering() { KTsFreeMFCCFilters(bank); }
@@ -240,7 +243,9 @@ const int registered = [] {
         "aubio", [] { return Aubio(); }, "filters of its own, no pre-emphasis");
 #endif
     // The fixed-point frame is wanted at no more than 1.4 of the float frame's time.
-    bench::Row("mfccFixed/512", [] { return OursFixed(); }).other("float", ours(false), "our float frame");
+    bench::Row("mfccFixed/512", [] {
+        return OursFixed();
+    }).other("float", ours(false), "our float frame");
     bench::Row("mfccLogFirst/512", ours(false, nFilters, logarithmFirst));
     bench::Row("mfcc32/512", ours(false, 32));
     bench::Row("melFiltering/512", [] { return Filtering(9); });

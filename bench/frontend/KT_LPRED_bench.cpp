@@ -37,12 +37,16 @@ auto make(Function function) {
 const int registered = [] {
     bench::Row("autocorrPrediction/400x12",
                make([](Arrays& a) { KTsLPredict(a.frame, samples, a.coef, order, KT_LPAutocorr); }))
-        .peer("plain", 1e-3, make([](Arrays& a) { plain::predict(a.frame, samples, a.coef, order); }))
-        .peer("lanes", 1e-3, make([](Arrays& a) { plain::predictLanes(a.frame, samples, a.coef, order); }));
-    bench::Row("covariancePrediction/400x12",
-               make([](Arrays& a) { KTsLPredict(a.frame, samples, a.coef, order, KT_LPCovariance); }));
+        .peer("plain", 1e-3,
+              make([](Arrays& a) { plain::predict(a.frame, samples, a.coef, order); }))
+        .peer("lanes", 1e-3,
+              make([](Arrays& a) { plain::predictLanes(a.frame, samples, a.coef, order); }));
+    bench::Row("covariancePrediction/400x12", make([](Arrays& a) {
+                   KTsLPredict(a.frame, samples, a.coef, order, KT_LPCovariance);
+               }));
     bench::Row("fixedPrediction/400x12", make([](Arrays& a) {
-                   KTwLPredict(a.words, samples, a.fixedCoef, order, KT_LPAutocorr, KT_AutoScale, nullptr);
+                   KTwLPredict(a.words, samples, a.fixedCoef, order, KT_LPAutocorr, KT_AutoScale,
+                               nullptr);
                }));
     return 0;
 }();

@@ -43,11 +43,12 @@ auto make(Function function) {
 const int registered = [] {
     bench::Row("lpSpectrum/256",
                make([](Arrays& a) { KTsLPSpectrum(a.coef, order, a.spectrum, fftOrder, 1.0f); }))
-        .peer("plain", 1e-5,
-              make([](Arrays& a) { plain::spectrum(a.table, bins, a.coef, order, 1.0f, a.spectrum); }));
+        .peer("plain", 1e-5, make([](Arrays& a) {
+                  plain::spectrum(a.table, bins, a.coef, order, 1.0f, a.spectrum);
+              }));
     bench::Row("lpSpectrumFixed/256", make([](Arrays& a) {
-                   KTwLPSpectrum(a.fixedCoef, order - 1, a.fixedSpectrum, fftOrder, 1.0f, -12, KT_AutoScale,
-                                 nullptr);
+                   KTwLPSpectrum(a.fixedCoef, order - 1, a.fixedSpectrum, fftOrder, 1.0f, -12,
+                                 KT_AutoScale, nullptr);
                }));
     bench::Row("lpSpectrumTransform/256",
                make([](Arrays& a) { KTsLPSpectrum(a.coef, order, a.spectrum, 7, 1.0f); }));

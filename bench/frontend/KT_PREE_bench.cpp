@@ -34,13 +34,16 @@ const int registered = [] {
     const auto nothing = [](auto*) {};
     bench::Row("floatPreemphasis/400",
                make<float>([](float* frame) { KTsPreemphasize(frame, 0.97f, count); }))
-        .peer("plain", 1e-6, make<float>([](float* frame) { plain::preemphasize(frame, 0.97f, count); }))
+        .peer("plain", 1e-6,
+              make<float>([](float* frame) { plain::preemphasize(frame, 0.97f, count); }))
         .other("memcpy", make<float>(nothing));
-    bench::Row("fixedPreemphasis/400",
-               make<short>([](short* frame) { KTwPreemphasize(frame, 0.97f, count, KT_Saturate, nullptr); }))
+    bench::Row("fixedPreemphasis/400", make<short>([](short* frame) {
+                   KTwPreemphasize(frame, 0.97f, count, KT_Saturate, nullptr);
+               }))
         .other("memcpy", make<short>(nothing));
-    bench::Row("fixedPreemphasisNoScale/400",
-               make<short>([](short* frame) { KTwPreemphasize(frame, 0.97f, count, KT_NoScale, nullptr); }))
+    bench::Row("fixedPreemphasisNoScale/400", make<short>([](short* frame) {
+                   KTwPreemphasize(frame, 0.97f, count, KT_NoScale, nullptr);
+               }))
         .other("memcpy", make<short>(nothing));
     return 0;
 }();

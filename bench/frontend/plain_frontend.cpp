@@ -88,18 +88,19 @@ Cepstra::Cepstra(const std::vector<float>& weights, int nFilters, int nBins, int
     // the logarithm is to base 10: its factor stands in the cosines
     for (int f = 0; f < nFilters; ++f)
         for (int k = 0; k < nCeps; ++k)
-            cosines.push_back(float(std::log10(std::exp(1.0)) * std::sqrt((k == 0 ? 1.0 : 2.0) / nFilters) *
-                                    std::cos(std::acos(-1.0) * k * (2 * f + 1) / (2 * nFilters))));
+            cosines.push_back(
+                float(std::log10(std::exp(1.0)) * std::sqrt((k == 0 ? 1.0 : 2.0) / nFilters) *
+                      std::cos(std::acos(-1.0) * k * (2 * f + 1) / (2 * nFilters))));
 }
 
 void Cepstra::evaluate(const float* spectrum, float threshold, float* ceps) {
     for (int i = 0; i < last; ++i)
-        magnitudes[i] =
-            std::sqrt(spectrum[2 * i] * spectrum[2 * i] + spectrum[2 * i + 1] * spectrum[2 * i + 1]);
+        magnitudes[i] = std::sqrt(spectrum[2 * i] * spectrum[2 * i] +
+                                  spectrum[2 * i + 1] * spectrum[2 * i + 1]);
     const int nFilters = int(filters.size());
     for (int f = 0; f < nFilters; ++f)
-        energies[f] = dot(magnitudes.data() + filters[f].first, allWeights.data() + filters[f].weights,
-                          filters[f].length);
+        energies[f] = dot(magnitudes.data() + filters[f].first,
+                          allWeights.data() + filters[f].weights, filters[f].length);
     for (int f = 0; f < nFilters; ++f)
         energies[f] = std::log(std::max(threshold, energies[f]));
     std::fill(ceps, ceps + nCeps, 0.0f);

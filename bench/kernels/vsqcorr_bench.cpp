@@ -24,7 +24,8 @@ void ours(const float* src, int n, float* dst, int nLags) {
 }
 
 const int registered = [] {
-    const int shapes[][2] = {{240, 11}, {400, 13}, {400, 17}, {512, 25}, {4096, 64}, {16384, 16384}};
+    const int shapes[][2] = {{240, 11}, {400, 13},  {400, 17},
+                             {512, 25}, {4096, 64}, {16384, 16384}};
     for (const auto& [n, nLags] : shapes) {
         const auto make = [n = n, nLags = nLags](auto function) {
             return [=] { return Side(function, n, nLags); };

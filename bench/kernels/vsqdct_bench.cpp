@@ -68,7 +68,9 @@ struct Fftw : Arrays {
     Fftw(const Fftw&) = delete;
     Fftw& operator=(const Fftw&) = delete;
     ~Fftw() { fftwf_destroy_plan(plan); }
-    float scale(int k) const { return std::sqrt((k == 0 ? (isForward ? 0.25f : 1.0f) : 0.5f) / float(n)); }
+    float scale(int k) const {
+        return std::sqrt((k == 0 ? (isForward ? 0.25f : 1.0f) : 0.5f) / float(n));
+    }
     void run() { fftwf_execute(plan); }
     bench::Values results() const {
         bench::Values values;
@@ -85,7 +87,8 @@ const int registered = [] {
         bench::Row forward("dct/" + size, [=] { return Ours(n, VSQ_DctForw); });
         bench::Row inverse("inverseDct/" + size, [=] { return Ours(n, VSQ_DctInv); });
         bench::Row("fixedDct/" + size, [=] { return OursFixed(n); });
-        if (plain::columnTransform(n) != nullptr) forward.peer("columns", 1e-5, [=] { return Columns(n); });
+        if (plain::columnTransform(n) != nullptr)
+            forward.peer("columns", 1e-5, [=] { return Columns(n); });
 #ifdef KTL_HAVE_FFTW
         forward.peer("fftw", 1e-5, [=] { return Fftw(n, true); });
         inverse.peer("fftw", 1e-5, [=] { return Fftw(n, false); });

@@ -43,21 +43,25 @@ auto make(int n, Function function) {
 }
 
 void addProducts(int n) {
-    bench::Row row("dotProd/" + std::to_string(n),
-                   make(n, [](const Arrays& a, int count) { return vsqsDotProd(a.first, a.second, count); }));
+    bench::Row row("dotProd/" + std::to_string(n), make(n, [](const Arrays& a, int count) {
+                       return vsqsDotProd(a.first, a.second, count);
+                   }));
 #ifdef KTL_HAVE_OPENBLAS
-    row.peer("openblas", 1e-5,
-             make(n, [](const Arrays& a, int count) { return cblas_dsdot(count, a.first, 1, a.second, 1); }));
+    row.peer("openblas", 1e-5, make(n, [](const Arrays& a, int count) {
+                 return cblas_dsdot(count, a.first, 1, a.second, 1);
+             }));
 #endif
-    row.peer("plain", 1e-4,
-             make(n, [](const Arrays& a, int count) { return plain::dot(a.first, a.second, count); }));
+    row.peer("plain", 1e-4, make(n, [](const Arrays& a, int count) {
+                 return plain::dot(a.first, a.second, count);
+             }));
 }
 
 void addNorms(int n) {
     const std::string size = std::to_string(n);
-    bench::Row("norm/" + size,
-               make(n, [](const Arrays& a,
-                          int count) { return vsqsNorm(a.first, a.second, count, VSQ_NormSquares); }))
+    bench::Row("norm/" + size, make(n,
+                                    [](const Arrays& a, int count) {
+                                        return vsqsNorm(a.first, a.second, count, VSQ_NormSquares);
+                                    }))
         .peer("plain", 1e-5, make(n, [](const Arrays& a, int count) {
                   return plain::squaredDistance(a.first, a.second, count);
               }));

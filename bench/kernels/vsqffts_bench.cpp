@@ -44,7 +44,8 @@ bench::Values binsOf(const Array& packed) {
 struct Ours {
     int order, flags;
     Array in, out;
-    Ours(int n, int direction) : order(n), flags(direction | VSQ_RCPerm), in(signal(n)), out(in.size()) {
+    Ours(int n, int direction)
+        : order(n), flags(direction | VSQ_RCPerm), in(signal(n)), out(in.size()) {
         if (direction == VSQ_Inv) {
             vsqsRealFftlNip(in.data(), out.data(), order, VSQ_Forw | VSQ_RCPerm);
             in = out;

@@ -48,8 +48,12 @@ const int registered = [] {
         ln.peer("libmvec", 1e-6, make(plain::ln, n));
         exp.peer("libmvec", 1e-6, make(plain::exp, n));
 #ifdef KTL_HAVE_VOLK
-        const auto volkLog2 = [](float* vec, int count) { volk_32f_log2_32f(vec, vec, unsigned(count)); };
-        const auto volkExp = [](float* vec, int count) { volk_32f_exp_32f(vec, vec, unsigned(count)); };
+        const auto volkLog2 = [](float* vec, int count) {
+            volk_32f_log2_32f(vec, vec, unsigned(count));
+        };
+        const auto volkExp = [](float* vec, int count) {
+            volk_32f_exp_32f(vec, vec, unsigned(count));
+        };
         ln.peer("volk_log2", 1e-4, make(volkLog2, n, std::log(2.0)));
         exp.peer("volk", 1e-4, make(volkExp, n));
 #endif

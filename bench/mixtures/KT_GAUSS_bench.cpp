@@ -55,8 +55,8 @@ struct Data {
         return all;
     }
     GaussMixServer* diagonalServer() {
-        return KTsInitGaussMixServer(weights.data(), meanRows.data(), nullptr, inverseRows.data(), nDim, nMix,
-                                     0);
+        return KTsInitGaussMixServer(weights.data(), meanRows.data(), nullptr, inverseRows.data(),
+                                     nDim, nMix, 0);
     }
 };
 
@@ -128,7 +128,8 @@ struct OursRun : Run {
     ~OursRun() { KTHMMFreeAll(); }
     void run() {
         int best;
-        benchmark::DoNotOptimize(cost = KTsEvalContHMMForward(id, frameTable.data(), frames, &best));
+        benchmark::DoNotOptimize(cost =
+                                     KTsEvalContHMMForward(id, frameTable.data(), frames, &best));
     }
 };
 
@@ -172,8 +173,8 @@ struct Blas : Single {
     void run() {
         Table::expand(x.data(), nDim, row.data());
         std::copy(table.constants.begin(), table.constants.end(), logs.begin());
-        cblas_sgemv(CblasColMajor, CblasNoTrans, nMix, 2 * nDim, 1, table.matrix.data(), nMix, row.data(), 1,
-                    1, logs.data(), 1);
+        cblas_sgemv(CblasColMajor, CblasNoTrans, nMix, 2 * nDim, 1, table.matrix.data(), nMix,
+                    row.data(), 1, 1, logs.data(), 1);
         likelihood = std::exp(double(plain::logSumExp(logs.data(), nMix)));
     }
 };
@@ -188,8 +189,8 @@ struct BlasRun : Run {
             Table::expand(frameTable[std::size_t(t)], nDim, expanded.data() + 2 * nDim * t);
             std::copy(table.constants.begin(), table.constants.end(), logs.begin() + nMix * t);
         }
-        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, frames, nMix, 2 * nDim, 1, expanded.data(),
-                    2 * nDim, table.matrix.data(), nMix, 1, logs.data(), nMix);
+        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, frames, nMix, 2 * nDim, 1,
+                    expanded.data(), 2 * nDim, table.matrix.data(), nMix, 1, logs.data(), nMix);
         double sum = 0;
         for (int t = 0; t < frames; ++t)
             sum += double(plain::logSumExp(logs.data() + nMix * t, nMix));
@@ -212,8 +213,8 @@ struct Full : Single {
 };
 
 struct OursFull : Full {
-    GaussMixServer* server =
-        KTsInitGaussMixServer(weights.data(), meanRows.data(), tables.data(), nullptr, nDim, nMix, 0);
+    GaussMixServer* server = KTsInitGaussMixServer(weights.data(), meanRows.data(), tables.data(),
+                                                   nullptr, nDim, nMix, 0);
     using Full::Full;
     ~OursFull() { KTsFreeGaussMixServer(server); }
     void run() { benchmark::DoNotOptimize(likelihood = KTsEvalGaussMix(server, x.data(), nDim)); }
@@ -222,7 +223,8 @@ struct OursFull : Full {
 struct PlainFull : Full {
     using Full::Full;
     void run() {
-        likelihood = plain::fullMixture(x.data(), meanRows.data(), tables.data(), weights.data(), nDim, nMix);
+        likelihood = plain::fullMixture(x.data(), meanRows.data(), tables.data(), weights.data(),
+                                        nDim, nMix);
     }
 };
 
@@ -230,7 +232,8 @@ struct PlainFull : Full {
 struct Vectors : Data {
     Rows vectors;
     std::vector<float*> table;
-    explicit Vectors(int count) : Data(39, 1), vectors(rows(count, -1, 2)), table(pointers(vectors)) {}
+    explicit Vectors(int count)
+        : Data(39, 1), vectors(rows(count, -1, 2)), table(pointers(vectors)) {}
 };
 
 struct OursBuild : Vectors {
@@ -242,7 +245,8 @@ struct OursBuild : Vectors {
 };
 
 struct OursInvert : Vectors {
-    GaussMixServer* built = KTsBuildGaussMixServer(table.data(), int(table.size()), nDim, KT_GAUSS_FULL);
+    GaussMixServer* built =
+        KTsBuildGaussMixServer(table.data(), int(table.size()), nDim, KT_GAUSS_FULL);
     OursInvert() : Vectors(400) {}
     ~OursInvert() { KTsFreeGaussMixServer(built); }
     void run() { KTsFreeGaussMixServer(KTsInvertGaussianCovMatrix(built, 0)); }

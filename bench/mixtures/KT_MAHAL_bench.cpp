@@ -65,18 +65,20 @@ void addSingle(int n) {
                                                                        d.weights.data(), count, 0);
                                             }))
         .peer("plain", 1e-6, make(n, [](const Data& d, int count, double* out) {
-                  *out = plain::mahalanobisDiagonal(d.a.data(), d.b.data(), d.weights.data(), count);
+                  *out =
+                      plain::mahalanobisDiagonal(d.a.data(), d.b.data(), d.weights.data(), count);
               }));
-    bench::Row(
-        "mahalanobis/" + size,
-        make(n, [](const Data& d, int count,
-                   double* out) { *out = KTsMahalanobis(d.a.data(), d.b.data(), d.rows.data(), count, 0); }))
+    bench::Row("mahalanobis/" + size, make(n,
+                                           [](const Data& d, int count, double* out) {
+                                               *out = KTsMahalanobis(d.a.data(), d.b.data(),
+                                                                     d.rows.data(), count, 0);
+                                           }))
         .peer("plain", 1e-6, make(n, [](const Data& d, int count, double* out) {
                   *out = plain::mahalanobis(d.a.data(), d.b.data(), d.rows.data(), count);
               }));
     bench::Row("mahalanobisDFixed/" + size, make(n, [](const Data& d, int count, double* out) {
-                   *out = KTwMahalanobisD(d.wa.data(), d.wb.data(), d.wWeights.data(), count, 0, KT_Saturate,
-                                          nullptr);
+                   *out = KTwMahalanobisD(d.wa.data(), d.wb.data(), d.wWeights.data(), count, 0,
+                                          KT_Saturate, nullptr);
                }));
 }
 
@@ -87,8 +89,8 @@ void addPanel(int n) {
                make(n,
                     [](const Data& d, int count, double* out) {
                         float exponents[16];
-                        vsq::kernels().mahal->panelExponents(d.a.data(), d.panel.data(), 16, count, count,
-                                                             exponents);
+                        vsq::kernels().mahal->panelExponents(d.a.data(), d.panel.data(), 16, count,
+                                                             count, exponents);
                         for (int k = 0; k < 16; ++k)
                             out[k] = double(exponents[k]);
                     }))

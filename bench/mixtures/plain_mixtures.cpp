@@ -29,7 +29,8 @@ constexpr int lanes = 16;
 
 // The forms of sixteen mixtures, or of twice or four times sixteen.
 template <int groups>
-void formsOf(const float* x, const float* means, const float* inverses, int nDim, int stride, float* forms) {
+void formsOf(const float* x, const float* means, const float* inverses, int nDim, int stride,
+             float* forms) {
     Floats a = {}, b = {}, c = {}, d = {};
     for (int i = 0; i < nDim; ++i, means += stride, inverses += stride) {
         const Floats da = x[i] - load(means);
@@ -53,12 +54,13 @@ void formsOf(const float* x, const float* means, const float* inverses, int nDim
 }
 
 // Sixteen mixtures for four frames.
-void formsOfFour(const float* const* x, const float* means, const float* inverses, int nDim, int stride,
-                 float* const* forms) {
+void formsOfFour(const float* const* x, const float* means, const float* inverses, int nDim,
+                 int stride, float* const* forms) {
     Floats a = {}, b = {}, c = {}, d = {};
     for (int i = 0; i < nDim; ++i, means += stride, inverses += stride) {
         const Floats mean = load(means), inverse = load(inverses);
-        const Floats da = x[0][i] - mean, db = x[1][i] - mean, dc = x[2][i] - mean, dd = x[3][i] - mean;
+        const Floats da = x[0][i] - mean, db = x[1][i] - mean, dc = x[2][i] - mean,
+                     dd = x[3][i] - mean;
         a += inverse * da * da;
         b += inverse * db * db;
         c += inverse * dc * dc;
@@ -79,8 +81,8 @@ float weighted(const float* forms, const float* weights, int n) {
 
 } // namespace
 
-LaneMixture::LaneMixture(const float* const* rows, const float* const* inverseRows, const float* w, int n,
-                         int nMix)
+LaneMixture::LaneMixture(const float* const* rows, const float* const* inverseRows, const float* w,
+                         int n, int nMix)
     : nDim(n), nPadded((nMix + lanes - 1) / lanes * lanes), means(std::size_t(nDim * nPadded)),
       inverses(means.size()), weights(std::size_t(nPadded)), forms(std::size_t(4 * nPadded)) {
     std::copy(w, w + nMix, weights.begin());

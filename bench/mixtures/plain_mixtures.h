@@ -14,8 +14,8 @@ double fullMixture(const float* x, const float* const* means, const float* const
 // is padded to whole registers with mixtures of weight 0.
 class LaneMixture {
 public:
-    LaneMixture(const float* const* means, const float* const* inverses, const float* weights, int nDim,
-                int nMix);
+    LaneMixture(const float* const* means, const float* const* inverses, const float* weights,
+                int nDim, int nMix);
     float likelihood(const float* x);
     // The same with the forms in memory, as the compiler vectorises it.
     float likelihoodByLoop(const float* x);

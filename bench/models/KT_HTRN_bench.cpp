@@ -54,8 +54,8 @@ bench::Values parametersOf(int id, int n, int nSymbols) {
         transRows.push_back(trans.back().data());
         outRows.push_back(out.back().data());
     }
-    KTGetHMMProb(id, initial.data(), transRows.data(), nSymbols > 0 ? outRows.data() : nullptr, nullptr,
-                 nullptr);
+    KTGetHMMProb(id, initial.data(), transRows.data(), nSymbols > 0 ? outRows.data() : nullptr,
+                 nullptr, nullptr);
     bench::Values all(initial.begin(), initial.end());
     for (const auto* rows : {&trans, &out})
         for (const auto& row : *rows)
@@ -129,14 +129,15 @@ struct FrameJob {
     ~FrameJob() { KTHMMFreeAll(); }
     int continuousServer() const {
         const Table a(model.chain.a, n), pi(model.chain.pi, n);
-        Table weights(model.weights, nMix), means(model.means, nDim), inverses(model.inverses, nDim);
+        Table weights(model.weights, nMix), means(model.means, nDim),
+            inverses(model.inverses, nDim);
         std::vector<GaussMixServer*> mixtures;
         for (int i = 0; i < n; ++i)
-            mixtures.push_back(KTsInitGaussMixServer(weights.rows[std::size_t(i)],
-                                                     means.rows.data() + i * nMix, nullptr,
-                                                     inverses.rows.data() + i * nMix, nDim, nMix, 0));
-        const int id = KTsInitContHMMServer(a.rows.data(), pi.values.data(), mixtures.data(), n, nDim,
-                                            KT_HMM_EXPONENTIAL);
+            mixtures.push_back(
+                KTsInitGaussMixServer(weights.rows[std::size_t(i)], means.rows.data() + i * nMix,
+                                      nullptr, inverses.rows.data() + i * nMix, nDim, nMix, 0));
+        const int id = KTsInitContHMMServer(a.rows.data(), pi.values.data(), mixtures.data(), n,
+                                            nDim, KT_HMM_EXPONENTIAL);
         for (GaussMixServer* mixture : mixtures)
             KTsFreeGaussMixServer(mixture);
         return id;
@@ -158,8 +159,8 @@ struct FrameJob {
             weights.insert(weights.end(), row.begin(), row.end());
         }
         const Table a(model.chain.a, n), b(weights, densities), pi(model.chain.pi, n);
-        return KTsInitSemicontHMMServer(a.rows.data(), b.rows.data(), pi.values.data(), n, densities, nDim,
-                                        KT_HMM_EXPONENTIAL);
+        return KTsInitSemicontHMMServer(a.rows.data(), b.rows.data(), pi.values.data(), n,
+                                        densities, nDim, KT_HMM_EXPONENTIAL);
     }
     std::mt19937 random;
     plain::Continuous model;
@@ -208,7 +209,8 @@ struct PlainContinuous : FrameJob {
     plain::Continuous trained = model;
     void run() {
         trained = model;
-        benchmark::DoNotOptimize(plain::trainContinuous(trained, tables.data(), lengths.data(), count));
+        benchmark::DoNotOptimize(
+            plain::trainContinuous(trained, tables.data(), lengths.data(), count));
     }
     bench::Values results() const { return parametersOf(trained.chain, {}); }
 };
@@ -217,16 +219,17 @@ struct OursSemicontinuous : FrameJob {
     int id = semicontinuousServer();
     void run() {
         float change = 1e-30f;
-        KTFreeHMMServer(KTsTrainSemicontHMMBaumWelch(id, tables.data(), lengths.data(), count, 1, &change));
+        KTFreeHMMServer(
+            KTsTrainSemicontHMMBaumWelch(id, tables.data(), lengths.data(), count, 1, &change));
     }
 };
 
 void addDiscrete(const char* name, int n, int sequences, int frames) {
-    bench::Row(name, [=] {
-        return OursDiscrete(n, sequences, frames);
-    }).peer("plain", 1e-5, [=] {
-          return PlainDiscrete(n, sequences, frames, plain::trainDiscrete);
-      }).peer("lanes", 1e-5, [=] { return PlainDiscrete(n, sequences, frames, plain::trainDiscreteLanes); });
+    bench::Row(name, [=] { return OursDiscrete(n, sequences, frames); })
+        .peer("plain", 1e-5,
+              [=] { return PlainDiscrete(n, sequences, frames, plain::trainDiscrete); })
+        .peer("lanes", 1e-5,
+              [=] { return PlainDiscrete(n, sequences, frames, plain::trainDiscreteLanes); });
 }
 
 const int registered = [] {

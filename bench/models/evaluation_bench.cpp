@@ -88,7 +88,9 @@ struct OursViterbi : Job {
 struct OursViterbiFixed : Job {
     int id = fixed();
     using Job::Job;
-    void run() { cost = KTwEvalHMMViterbi(id, symbols.data(), nFrames, nullptr, 0, nullptr) / 256.0; }
+    void run() {
+        cost = KTwEvalHMMViterbi(id, symbols.data(), nFrames, nullptr, 0, nullptr) / 256.0;
+    }
 };
 
 struct PlainForward : Job {
@@ -96,8 +98,8 @@ struct PlainForward : Job {
     std::vector<float> alpha = std::vector<float>(std::size_t(2 * n));
     using Job::Job;
     void run() {
-        cost = double(plain::forward(dense.data(), rows.data(), probabilities.initial.data(), n, band,
-                                     symbols.data(), nFrames, alpha.data()));
+        cost = double(plain::forward(dense.data(), rows.data(), probabilities.initial.data(), n,
+                                     band, symbols.data(), nFrames, alpha.data()));
     }
 };
 
@@ -181,9 +183,9 @@ void addCase(const Case& which) {
     }).peer("plain", 1e-5, [=] {
           return PlainViterbi(which);
       }).peer("lanes", 1e-5, [=] { return LanesViterbi(which); });
-    bench::Row("viterbiFixed/" + name, [=] { return OursViterbiFixed(which); }).peer("float", 1e-3, [=] {
-        return OursViterbi(which);
-    });
+    bench::Row("viterbiFixed/" + name, [=] {
+        return OursViterbiFixed(which);
+    }).peer("float", 1e-3, [=] { return OursViterbi(which); });
 }
 
 const int registered = [] {

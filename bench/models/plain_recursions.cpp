@@ -16,8 +16,8 @@ int lastTarget(int i, int band, int n) {
 
 } // namespace
 
-float forward(const float* trans, const float* const* outputs, const float* initial, int n, int band,
-              const int* symbols, int nFrames, float* alpha) {
+float forward(const float* trans, const float* const* outputs, const float* initial, int n,
+              int band, const int* symbols, int nFrames, float* alpha) {
     float *now = alpha, *next = alpha + n;
     double cost = 0;
     float sum = 0;
@@ -45,8 +45,8 @@ float forward(const float* trans, const float* const* outputs, const float* init
     return float(cost - std::log10(double(sum)));
 }
 
-float viterbi(const float* trans, const float* const* outputs, const float* initial, int n, int band,
-              const int* symbols, int nFrames, float* delta) {
+float viterbi(const float* trans, const float* const* outputs, const float* initial, int n,
+              int band, const int* symbols, int nFrames, float* delta) {
     float *now = delta, *next = delta + n;
     for (int j = 0; j < n; ++j)
         now[j] = initial[j] + outputs[symbols[0]][j];
@@ -69,11 +69,11 @@ float viterbi(const float* trans, const float* const* outputs, const float* init
     return best;
 }
 
-LaneModel::LaneModel(const float* trans, const float* const* symbolRows, int nSymbols, const float* first,
-                     int n, bool banded, float none)
+LaneModel::LaneModel(const float* trans, const float* const* symbolRows, int nSymbols,
+                     const float* first, int n, bool banded, float none)
     : isBanded(banded), isNarrow(n <= 16), nStates(n), nothing(none),
-      rows(std::size_t((banded ? 3 : n) * width), none), outputs(std::size_t(nSymbols * width), none),
-      initial(std::size_t(width), none) {
+      rows(std::size_t((banded ? 3 : n) * width), none),
+      outputs(std::size_t(nSymbols * width), none), initial(std::size_t(width), none) {
     std::copy(first, first + n, initial.begin());
     for (int k = 0; k < nSymbols; ++k)
         std::copy(symbolRows[k], symbolRows[k] + n, outputs.begin() + k * width);
@@ -102,7 +102,8 @@ template <class Rule>
 Floats byDiagonals(const float* now, const float* diagonals, int width) {
     const Floats stay = Rule::along(load(now), load(diagonals));
     const Floats next = Rule::along(load(now - 1), load(diagonals + width));
-    return Rule::meet(Rule::meet(stay, next), Rule::along(load(now - 2), load(diagonals + 2 * width)));
+    return Rule::meet(Rule::meet(stay, next),
+                      Rule::along(load(now - 2), load(diagonals + 2 * width)));
 }
 
 Floats all(float value) {

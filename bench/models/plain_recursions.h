@@ -9,12 +9,12 @@ namespace plain {
 // Dense row-major transitions. -log10 of the likelihood, with a rescale by the sum where it has
 // become small. `band` is the farthest target above a source (0 .. nStates - 1) for left-to-right
 // models, -1 for a full matrix. `alpha` has 2 * nStates elements.
-float forward(const float* trans, const float* const* outputs, const float* initial, int nStates, int band,
-              const int* symbols, int nFrames, float* alpha);
+float forward(const float* trans, const float* const* outputs, const float* initial, int nStates,
+              int band, const int* symbols, int nFrames, float* alpha);
 
 // The cost of the best path; everything in costs.
-float viterbi(const float* trans, const float* const* outputs, const float* initial, int nStates, int band,
-              const int* symbols, int nFrames, float* delta);
+float viterbi(const float* trans, const float* const* outputs, const float* initial, int nStates,
+              int band, const int* symbols, int nFrames, float* delta);
 
 // The same with the states in registers, up to 32 of them: diagonals for models whose states lead
 // to themselves and the next two, rows for all others.

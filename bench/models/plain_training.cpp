@@ -42,8 +42,8 @@ struct Pass {
         }
     }
 
-    static void forward(const Chain& chain, const double* __restrict now, const double* __restrict outputs,
-                        double* __restrict next) {
+    static void forward(const Chain& chain, const double* __restrict now,
+                        const double* __restrict outputs, double* __restrict next) {
         const double* const __restrict a = chain.a.data();
         for (int i = 0; i < chain.n; ++i)
             for (int j = firstTarget(chain, i); j < lastTarget(chain, i); ++j)
@@ -52,7 +52,8 @@ struct Pass {
             next[j] *= outputs[j];
     }
 
-    static void backward(const Chain& chain, const double* __restrict weighted, double* __restrict before) {
+    static void backward(const Chain& chain, const double* __restrict weighted,
+                         double* __restrict before) {
         const double* const __restrict a = chain.a.data();
         for (int i = 0; i < chain.n; ++i) {
             double sum = 0;
@@ -133,7 +134,8 @@ double trainDiscrete(Discrete& model, const int* const* sequences, const int* le
         sums.add(model.chain, pass, lengths[q]);
         for (int t = 0; t < lengths[q]; ++t)
             for (int i = 0; i < n; ++i)
-                outputs[i * symbols + sequences[q][t]] += pass.alpha[t * n + i] * pass.beta[t * n + i];
+                outputs[i * symbols + sequences[q][t]] +=
+                    pass.alpha[t * n + i] * pass.beta[t * n + i];
     }
     double change = sums.finish(model.chain, count);
     for (int i = 0; i < n; ++i)
@@ -170,7 +172,8 @@ double trainContinuous(Continuous& model, const float* const* const* sequences, 
         for (int t = 0; t < frames; ++t)
             for (int c = 0; c < n * mixes; ++c) {
                 const int at = t * n + c / mixes;
-                const double part = pass.alpha[at] * pass.beta[at] * parts[t * n * mixes + c] / pass.b[at];
+                const double part =
+                    pass.alpha[at] * pass.beta[at] * parts[t * n * mixes + c] / pass.b[at];
                 counts[c] += part;
                 for (int d = 0; d < dims; ++d)
                     means[c * dims + d] += part * double(sequences[q][t][d]);
@@ -305,7 +308,8 @@ struct LaneSums {
             second.add(alpha[(t - 1) * width + i + 1], row);
         }
         addTo(moves.data() + i * width, first * Twelve::of(a.data() + i * width) * weight);
-        addTo(moves.data() + (i + 1) * width, second * Twelve::of(a.data() + (i + 1) * width) * weight);
+        addTo(moves.data() + (i + 1) * width,
+              second * Twelve::of(a.data() + (i + 1) * width) * weight);
     }
 };
 
@@ -317,7 +321,8 @@ double replace(double& parameter, double value) {
 
 } // namespace
 
-double trainDiscreteLanes(Discrete& model, const int* const* sequences, const int* lengths, int count) {
+double trainDiscreteLanes(Discrete& model, const int* const* sequences, const int* lengths,
+                          int count) {
     LaneSums sums(model);
     for (int q = 0; q < count; ++q)
         sums.add(sequences[q], lengths[q]);
@@ -326,8 +331,8 @@ double trainDiscreteLanes(Discrete& model, const int* const* sequences, const in
     for (int i = 0; i < n; ++i) {
         change = std::max(change, replace(model.chain.pi[i], sums.start[i] / count));
         for (int j = 0; j < n; ++j)
-            change = std::max(change,
-                              replace(model.chain.a[i * n + j], sums.moves[i * width + j] / sums.leaving[i]));
+            change = std::max(change, replace(model.chain.a[i * n + j],
+                                              sums.moves[i * width + j] / sums.leaving[i]));
         for (int k = 0; k < model.nSymbols; ++k)
             change = std::max(change, replace(model.b[i * model.nSymbols + k],
                                               sums.outputs[k * width + i] / sums.total[i]));

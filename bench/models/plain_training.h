@@ -7,7 +7,8 @@ namespace plain {
 
 struct Chain {
     int n;
-    int width;              // a state leads to itself and the next width - 1 states; n: to all states
+    // a state leads to itself and the next width - 1 states; n: to all states
+    int width;
     std::vector<double> pi; // n
     std::vector<double> a;  // n rows of n
 };
@@ -33,6 +34,7 @@ double trainContinuous(Continuous& model, const float* const* const* sequences, 
                        int count);
 
 // The same for full models of up to 12 states, whose sums stay in registers.
-double trainDiscreteLanes(Discrete& model, const int* const* sequences, const int* lengths, int count);
+double trainDiscreteLanes(Discrete& model, const int* const* sequences, const int* lengths,
+                          int count);
 
 } // namespace plain

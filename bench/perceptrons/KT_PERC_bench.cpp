@@ -50,7 +50,8 @@ sMLPServer* floatServer(const Shape& counts) {
 
 wMLPServer* fixedServer(const Shape& counts) {
     short*** table = KTwSetWeightsStr(counts.data(), int(counts.size()), 0);
-    setWeights(counts, [&](int l, int j, int i, float w) { table[l - 1][j][i] = short(w * 32768); });
+    setWeights(counts,
+               [&](int l, int j, int i, float w) { table[l - 1][j][i] = short(w * 32768); });
     wMLPServer* server = KTwInitMLPServer(table, nullptr, nullptr, counts.data(), nullptr, nullptr,
                                           int(counts.size()), KT_MLP_SIGMOID, -15, nullptr);
     KTwFreeWeightsStr(table);
@@ -108,7 +109,8 @@ constexpr float rate = 0.01f, momentum = 0.5f;
 
 struct Training {
     const int items = patterns;
-    std::vector<float> inputs = filled<float>(patterns * 13, 1), targets = filled<float>(patterns * 13, 0.2f);
+    std::vector<float> inputs = filled<float>(patterns * 13, 1),
+                       targets = filled<float>(patterns * 13, 0.2f);
     std::vector<const float*> inputRows, targetRows;
     Training() {
         for (int p = 0; p < patterns; ++p) {
@@ -137,10 +139,11 @@ struct OursTraining : Training {
     }
     void run() {
         for (int j = 0; j < 32 + 13; ++j)
-            sMLPSetWeights(server, j < 32 ? 1 : 2, j < 32 ? j : j - 32, start[std::size_t(j)].data());
+            sMLPSetWeights(server, j < 32 ? 1 : 2, j < 32 ? j : j - 32,
+                           start[std::size_t(j)].data());
         int epochs;
-        KTsTrainMLPBackPropagation(server, inputRows.data(), patterns, 13, targetRows.data(), 13, rate, 1,
-                                   -1.0f, momentum, &epochs);
+        KTsTrainMLPBackPropagation(server, inputRows.data(), patterns, 13, targetRows.data(), 13,
+                                   rate, 1, -1.0f, momentum, &epochs);
     }
     bench::Values results() const {
         bench::Values all;
@@ -154,7 +157,8 @@ struct OursTraining : Training {
 struct EigenForward : Forward {
     plain::EigenNetwork network;
     EigenForward() {
-        setWeights(forwardShape, [&](int l, int j, int i, float w) { network.setWeight(l, j, i, w); });
+        setWeights(forwardShape,
+                   [&](int l, int j, int i, float w) { network.setWeight(l, j, i, w); });
     }
     void run() { network.evaluate(input.data(), output); }
 };
@@ -162,7 +166,8 @@ struct EigenForward : Forward {
 struct EigenTraining : Training {
     plain::EigenTrainer trainer;
     EigenTraining() {
-        setWeights(trainingShape, [&](int l, int j, int i, float w) { trainer.setWeight(l, j, i, w); });
+        setWeights(trainingShape,
+                   [&](int l, int j, int i, float w) { trainer.setWeight(l, j, i, w); });
     }
     // Our rows are padded to multiples of four and the previous changes cleared without the
     // padding, so the last three rows of the output layer begin with their weights as previous

@@ -74,8 +74,8 @@ struct EigenTrainer::State {
         Vector<32> below;
         below.noalias() = now.output.transpose() * delta;
         below = below.array() * (1 - hidden.array()) * hidden.array();
-        change.hidden =
-            (rate * below) * Eigen::Map<const Vector<13>>(input).transpose() + momentum * change.hidden;
+        change.hidden = (rate * below) * Eigen::Map<const Vector<13>>(input).transpose() +
+                        momentum * change.hidden;
         now.hidden += change.hidden;
     }
 };
@@ -96,8 +96,8 @@ float EigenTrainer::weight(int layer, int neuron, int input) const {
     return layer == 1 ? state->now.hidden(neuron, input) : state->now.output(neuron, input);
 }
 
-float EigenTrainer::train(const float* const* inputs, const float* const* targets, int nPatterns, float rate,
-                          float momentum, int firstMoving) {
+float EigenTrainer::train(const float* const* inputs, const float* const* targets, int nPatterns,
+                          float rate, float momentum, int firstMoving) {
     State& s = *state;
     s.now = s.start;
     s.change.hidden.setZero();

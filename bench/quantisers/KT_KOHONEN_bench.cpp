@@ -48,8 +48,8 @@ struct Ours : Map<float, float> {
     bool isRooted;
     Ours(int n, int best, bool rooted) : Map(n, best), isRooted(rooted) {}
     void run() {
-        KTsVQKohonen(vector.data(), rows.data(), distances.data(), nDim, nCodes, indices.data(), nBest,
-                     isRooted);
+        KTsVQKohonen(vector.data(), rows.data(), distances.data(), nDim, nCodes, indices.data(),
+                     nBest, isRooted);
     }
 };
 
@@ -57,8 +57,8 @@ struct OursFixed : Map<short, int> {
     int scaleMode, scale = 0;
     OursFixed(int n, int mode) : Map(n, 1), scaleMode(mode) {}
     void run() {
-        KTwVQKohonen(vector.data(), rows.data(), distances.data(), nDim, nCodes, indices.data(), 1, 1,
-                     scaleMode, &scale);
+        KTwVQKohonen(vector.data(), rows.data(), distances.data(), nDim, nCodes, indices.data(), 1,
+                     1, scaleMode, &scale);
     }
 };
 
@@ -74,8 +74,9 @@ struct LanesRanked : Lanes {
     void run() {
         stored.squares(vector.data(), squares.data());
         std::iota(indices.begin(), indices.end(), 0);
-        std::partial_sort(indices.begin(), indices.begin() + nBest, indices.end(),
-                          [&](int a, int b) { return squares[std::size_t(a)] < squares[std::size_t(b)]; });
+        std::partial_sort(
+            indices.begin(), indices.begin() + nBest, indices.end(),
+            [&](int a, int b) { return squares[std::size_t(a)] < squares[std::size_t(b)]; });
         for (int k = 0; k < nBest; ++k)
             distances[std::size_t(k)] = std::sqrt(squares[std::size_t(indices[std::size_t(k)])]);
     }
@@ -108,15 +109,15 @@ const int registered = [] {
         row.peer("faiss", 0, [=] { return Faiss(n, 1); });
 #endif
     }
-    bench::Row("kohonenTenBestRooted/256x13", [] { return Ours(13, 10, true); }).peer("lanes", 0, [] {
-        return LanesRanked(13, 10);
-    });
-    bench::Row("kohonenFixed/256x13", [] { return OursFixed(13, KT_NoScale); }).peer("plain", 0, [] {
-        return PlainWords(13);
-    });
-    bench::Row("kohonenFixedScaled/256x13", [] { return OursFixed(13, KT_AutoScale); }).peer("plain", 0, [] {
-        return PlainWords(13);
-    });
+    bench::Row("kohonenTenBestRooted/256x13", [] {
+        return Ours(13, 10, true);
+    }).peer("lanes", 0, [] { return LanesRanked(13, 10); });
+    bench::Row("kohonenFixed/256x13", [] {
+        return OursFixed(13, KT_NoScale);
+    }).peer("plain", 0, [] { return PlainWords(13); });
+    bench::Row("kohonenFixedScaled/256x13", [] {
+        return OursFixed(13, KT_AutoScale);
+    }).peer("plain", 0, [] { return PlainWords(13); });
     return 0;
 }();
 

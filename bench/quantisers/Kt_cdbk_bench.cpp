@@ -30,7 +30,8 @@ std::string distortionNote(const char* search, double distortion) {
 
 // Vectors of 40 clouds; the same ones, rounded, for the fixed form.
 struct Set {
-    explicit Set(int n) : count(n), floats(static_cast<std::size_t>(n * nDim)), words(floats.size()) {
+    explicit Set(int n)
+        : count(n), floats(static_cast<std::size_t>(n * nDim)), words(floats.size()) {
         std::mt19937 random(7);
         std::normal_distribution<float> normal;
         std::vector<float> centres(40 * nDim);
@@ -101,7 +102,9 @@ struct Quantising : Set {
 };
 
 struct OursQuantising : Quantising {
-    void run() { KTsVQCodebook(codebook, floatRows.data(), index.data(), count, nDim, &distortion); }
+    void run() {
+        KTsVQCodebook(codebook, floatRows.data(), index.data(), count, nDim, &distortion);
+    }
     std::string note() const { return distortionNote("descent of a tree, ", distortion); }
 };
 
@@ -112,7 +115,8 @@ struct OursQuantisingFixed : Set {
     ~OursQuantisingFixed() { KT_FreeCodebook(codebook); }
     void run() {
         int distortion = 0;
-        KTwVQCodebook(codebook, wordRows.data(), index.data(), count, nDim, &distortion, KT_NoScale, nullptr);
+        KTwVQCodebook(codebook, wordRows.data(), index.data(), count, nDim, &distortion, KT_NoScale,
+                      nullptr);
     }
 };
 
@@ -158,7 +162,8 @@ struct FaissTraining : Set {
     std::string note() {
         std::vector<float> squares;
         Labels labels;
-        return distortionNote("10 iterations of k-means, ", distortionIn(cells, *this, squares, labels));
+        return distortionNote("10 iterations of k-means, ",
+                              distortionIn(cells, *this, squares, labels));
     }
 };
 
@@ -189,17 +194,17 @@ const int registered = [] {
     for (const int n : {5000, 20000, 80000})
         addTraining("", n, KT_CB_SPLIT_WIDEST);
     addTraining("LargestFirst", 20000, KT_CB_SPLIT_LARGEST);
-    bench::Row("makeCodebookFixed/256x20000", [] { return OursTrainingFixed(20000); }).other("float", [] {
-        return OursTraining(20000, KT_CB_SPLIT_WIDEST);
-    });
+    bench::Row("makeCodebookFixed/256x20000", [] {
+        return OursTrainingFixed(20000);
+    }).other("float", [] { return OursTraining(20000, KT_CB_SPLIT_WIDEST); });
     bench::Row quantising("vqCodebook/256x20000", [] { return OursQuantising(); });
     quantising.peer("lanes", 0.1, [] { return LanesQuantising(); });
 #ifdef KTL_HAVE_FAISS
     quantising.peer("faiss", 0.1, [] { return FaissQuantising(); });
 #endif
-    bench::Row("vqCodebookFixed/256x20000", [] { return OursQuantisingFixed(); }).other("float", [] {
-        return OursQuantising();
-    });
+    bench::Row("vqCodebookFixed/256x20000", [] {
+        return OursQuantisingFixed();
+    }).other("float", [] { return OursQuantising(); });
     return 0;
 }();
 

@@ -30,7 +30,8 @@ bool agree(benchmark::State& state, const Values& ours, const Values& peers, dou
         finding = text;
         return true;
     }
-    std::snprintf(text, sizeof text, "deviates from ours by %.2g, more than %.2g", found, tolerance);
+    std::snprintf(text, sizeof text, "deviates from ours by %.2g, more than %.2g", found,
+                  tolerance);
     state.SkipWithError(text);
     return false;
 }

@@ -34,7 +34,8 @@ void timeSide(benchmark::State& state, Side& side) {
         side.run();
         benchmark::ClobberMemory();
     }
-    if constexpr (requires { side.items; }) state.SetItemsProcessed(state.iterations() * side.items);
+    if constexpr (requires { side.items; })
+        state.SetItemsProcessed(state.iterations() * side.items);
 }
 
 template <class Side>
@@ -82,8 +83,8 @@ public:
 
 private:
     template <class Make>
-    static bool check(benchmark::State& state, const MakeOurs& ours, const Make& make, double tolerance,
-                      std::string& finding) {
+    static bool check(benchmark::State& state, const MakeOurs& ours, const Make& make,
+                      double tolerance, std::string& finding) {
         Values expected;
         {
             auto side = ours();

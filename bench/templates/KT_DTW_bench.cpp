@@ -33,9 +33,10 @@ struct Job {
                 std::vector<float> frame;
                 const int source = p == nPatterns ? 17 : p;
                 for (int k = 0; k < nDim; ++k)
-                    frame.push_back(10 * std::sin(float(i) * 0.02f * float(1 + (source * 7 + k * 3) % 11) +
-                                                  float(source)) +
-                                    (p == nPatterns ? 4 * noise() : noise()));
+                    frame.push_back(
+                        10 * std::sin(float(i) * 0.02f * float(1 + (source * 7 + k * 3) % 11) +
+                                      float(source)) +
+                        (p == nPatterns ? 4 * noise() : noise()));
                 frames.push_back(frame);
                 rows.push_back(frames.back().data());
             }
@@ -103,9 +104,9 @@ const int registered = [] {
     }).peer("transposed", 1e-5, [] {
           return Transposed(&plain::Pattern::warp);
       }).peer("lanes", 1e-5, [] { return Transposed(&plain::Pattern::warpLanes); });
-    bench::Row("warpAtThreshold/50x60x13", [] { return OursAtThreshold(); }).peer("withoutThreshold", 0, [] {
-        return WithoutThreshold();
-    });
+    bench::Row("warpAtThreshold/50x60x13", [] {
+        return OursAtThreshold();
+    }).peer("withoutThreshold", 0, [] { return WithoutThreshold(); });
     return 0;
 }();
 

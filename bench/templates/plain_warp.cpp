@@ -12,8 +12,8 @@ constexpr float dead = 1e30f;
 constexpr int margin = 2; // columns -1 and -2
 
 // One row of the grid: the previous row's costs and bans on flat steps in, this row's out.
-void advance(const float* cost, const float* ban, const float* local, int lo, int hi, float* newCost,
-             float* newBan) {
+void advance(const float* cost, const float* ban, const float* local, int lo, int hi,
+             float* newCost, float* newBan) {
     for (int j = lo; j <= hi; ++j) {
         const float flat = cost[j] + ban[j], diagonal = cost[j - 1], skip = cost[j - 2];
         const float steep = std::min(diagonal, skip);

@@ -39,7 +39,7 @@ TEST(RowProducts, AreThePlainSums) {
             std::vector<float> first;
             support::onEveryLevel([&] {
                 support::Guarded<float> sums(rows, -1.0f);
-                ownsMatVec(sums.data(), pointers.data(), x.data(), int(rows), int(cols));
+                ktl::rowProducts(sums.data(), pointers.data(), x.data(), int(rows), int(cols));
                 EXPECT_TRUE(sums.intact());
                 for (std::size_t r = 0; r < rows; ++r)
                     expectSum(table[r], x, sums.values()[r]);
@@ -53,7 +53,7 @@ TEST(RowProducts, TakeLaneByLaneWhatIsExact) {
     const std::vector<float> row = {1, 2, 4, 8, 16}, x = {1, 10, 100, 1000, 10000};
     const float* pointers[] = {row.data(), row.data() + 1};
     float sums[2];
-    ownsMatVec(sums, pointers, x.data(), 2, 4);
+    ktl::rowProducts(sums, pointers, x.data(), 2, 4);
     EXPECT_EQ(sums[0], 1.0f + 20 + 400 + 8000);
     EXPECT_EQ(sums[1], 2.0f + 40 + 800 + 16000);
 }
@@ -62,10 +62,10 @@ TEST(RowProducts, WithoutRowsWriteNothingAndWithoutColumnsZeros) {
     const float x = 1, *const pointers[] = {&x, &x};
     support::Guarded<float> sums(2, -1.0f);
     for (const int rows : {0, -1})
-        ownsMatVec(sums.data(), pointers, &x, rows, 1);
+        ktl::rowProducts(sums.data(), pointers, &x, rows, 1);
     EXPECT_EQ(sums.values(), (std::vector<float>{-1, -1}));
     for (const int cols : {0, -1}) {
-        ownsMatVec(sums.data(), pointers, &x, 2, cols);
+        ktl::rowProducts(sums.data(), pointers, &x, 2, cols);
         EXPECT_EQ(sums.values(), (std::vector<float>{0, 0}));
         EXPECT_TRUE(sums.intact());
     }
