@@ -406,16 +406,14 @@ double quantise(Quantising& call, Sample** ppVectors, bool isTrainings, const Di
     const KTDescent* const descent =
         isTrainings && call.nDim == codebook.nDim ? codebook.pDescent : nullptr;
     const int length = call.nDim < codebook.nDim ? call.nDim : codebook.nDim;
+    Descents<Sample> descents(codebook, descent, call.nVectors);
     double total = 0;
-    for (int start = 0; start < call.nVectors; start += vsq::descendGroup) {
-        const int left = call.nVectors - start,
-                  count = left < vsq::descendGroup ? left : vsq::descendGroup;
-        const KTCluster* nodes[vsq::descendGroup];
-        if (descent != nullptr) descendWhileSure(*descent, ppVectors + start, count, nodes);
+    for (int start = 0, count; start < call.nVectors; start += count) {
+        count = std::min(call.nVectors - start, descents.size());
+        descents.take(ppVectors + start, count);
         for (int i = 0; i < count; ++i) {
             const Sample* const row = ppVectors[start + i];
-            const KTCluster* const leaf = walk(
-                codebook, descent != nullptr ? nodes[i] : codebook.pRoot, row, length, distance);
+            const KTCluster* const leaf = walk(codebook, descents.nodeOf(i), row, length, distance);
             if (call.pIndex != nullptr) call.pIndex[start + i] = leaf != nullptr ? leaf->cell : 0;
             call.hasAll = call.hasAll && leaf != nullptr;
             if (call.wantsTotal && leaf != nullptr)

@@ -39,12 +39,26 @@ float reachOf(float squares, int nDim) {
                            : std::numeric_limits<float>::infinity();
 }
 
+void makePoints(const float* const* rows, int n, const Frame& frame, int nDim, float* points,
+                int stride, float* squares) {
+    kernels().pointsOfFloats(rows, n, frame.factor, frame.centre, nDim, points, stride, squares);
+}
+
+void makePoints(const short* const* rows, int n, const Frame& frame, int nDim, float* points,
+                int stride, float* squares) {
+    kernels().pointsOfShorts(rows, n, frame.centre, nDim, points, stride, squares);
+}
+
 float makePoint(const float* row, const Frame& frame, int nDim, float* point, int stride) {
-    return kernels().pointOfFloats(row, frame.factor, frame.centre, nDim, point, stride);
+    float squares;
+    makePoints(&row, 1, frame, nDim, point, stride, &squares);
+    return squares;
 }
 
 float makePoint(const short* row, const Frame& frame, int nDim, float* point, int stride) {
-    return kernels().pointOfShorts(row, frame.centre, nDim, point, stride);
+    float squares;
+    makePoints(&row, 1, frame, nDim, point, stride, &squares);
+    return squares;
 }
 
 // For exact coordinates y, l, r: |y - r|^2 - |y - l|^2 = y . 2(l - r) + |r|^2 - |l|^2.
