@@ -142,8 +142,7 @@ void Descents<Sample>::takeTogether(const Sample* const* rows, int count) {
     const Frame frame{descent_->centre, descent_->factor};
     const int nDim = descent_->nDim, length = size_ + vsq::descentSlack;
     makePoints(rows, count, frame, nDim, points_.get(), descent_->tree.stride, reaches_.get());
-    for (int i = 0; i < count; ++i)
-        reaches_[i] = reachOf(reaches_[i], nDim);
+    toReaches(reaches_.get(), count, nDim);
     const vsq::DescentRoom room{
         {{places_.get(), reaches_.get()}, {places_.get() + length, reaches_.get() + length}},
         pending_.get()};

@@ -32,11 +32,18 @@ int strideFor(int nDim) {
                             16u); // negative where no int holds it
 }
 
+void toReaches(float* squares, int n, int nDim) {
+    const double relative = 1 + sumError(nDim), absolute = std::sqrt(double(nDim)) * 0x1p-60;
+    for (int i = 0; i < n; ++i) {
+        const double length = std::sqrt(double(squares[i])) * relative + absolute;
+        squares[i] = length < farOut ? static_cast<float>(length * 1.0001)
+                                     : std::numeric_limits<float>::infinity();
+    }
+}
+
 float reachOf(float squares, int nDim) {
-    const double length =
-        std::sqrt(double(squares)) * (1 + sumError(nDim)) + std::sqrt(double(nDim)) * 0x1p-60;
-    return length < farOut ? static_cast<float>(length * 1.0001)
-                           : std::numeric_limits<float>::infinity();
+    toReaches(&squares, 1, nDim);
+    return squares;
 }
 
 void makePoints(const float* const* rows, int n, const Frame& frame, int nDim, float* points,

@@ -53,6 +53,7 @@ void makePoints(const short* const* rows, int n, const Frame& frame, int nDim, f
 // A bound on the length of a point from the sum of its squares; infinite when the bounds do not
 // hold so far out.
 float reachOf(float squares, int nDim);
+void toReaches(float* squares, int n, int nDim); // each in place
 
 // The plane between two seeds, in the coordinates of the frame; normal gets `stride` floats.
 template <class Sample>

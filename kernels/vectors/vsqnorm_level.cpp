@@ -64,6 +64,11 @@ double squares(const float* a, const float* b, int n) {
     }));
 }
 
+void distances(const float* const* a, const float* const* b, int count, int n, double* results) {
+    for (int i = 0; i < count; ++i)
+        results[i] = __builtin_sqrt(squares(a[i], b[i], n));
+}
+
 // Magnitudes of 16-bit differences need 17 bits, so 32-bit lanes hold them and sums of up to 2^15
 // of them; longer sums are carried on in 64 bits.
 constexpr int wordBlock = 1 << 15;
@@ -127,6 +132,7 @@ std::int64_t squaresWords(const short* a, const short* b, int n) {
 
 } // namespace
 
-extern const NormKernels normKernels{largest, sum, squares, largestWords, sumWords, squaresWords};
+extern const NormKernels normKernels{largest,  sum,          squares,  largestWords,
+                                     sumWords, squaresWords, distances};
 
 } // namespace vsq::VSQ_LEVEL

@@ -19,6 +19,9 @@ struct NormKernels {
     std::int64_t (*largestWords)(const short* a, const short* b, int n);
     std::int64_t (*sumWords)(const short* a, const short* b, int n);
     std::int64_t (*squaresWords)(const short* a, const short* b, int n);
+    // results[i] is the root of squares(a[i], b[i], n), for i < count; b[i] is not null.
+    void (*distances)(const float* const* a, const float* const* b, int count, int n,
+                      double* results);
 };
 VSQ_DECLARE_LEVELS(NormKernels, normKernels)
 
