@@ -104,7 +104,7 @@ void freeDescent(KTDescent* descent) {
 namespace {
 
 // Fewer rows go down in small groups: working room would cost more than it gains.
-constexpr int fewestTogether = 24;
+constexpr int fewestTogether = 32;
 // The points of a call are to stay in the cache, with the rest of its room.
 constexpr int floatsTogether = 1 << 16;
 

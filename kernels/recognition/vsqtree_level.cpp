@@ -25,7 +25,14 @@ struct ShortRow {
     }
     VSQ_INLINE Floats at(int k) const { return floats(load<std::int16_t, lanes>(elements + k)); }
     VSQ_INLINE Floats at(int k, int count) const {
-        return floats(loadPart<std::int16_t, lanes>(elements + k, count));
+        if constexpr (registerBytes > 16) {
+            return floats(loadPart<std::int16_t, lanes>(elements + k, count));
+        } else { // a part of so few bytes takes longer than its elements one by one
+            float copy[lanes] = {};
+            for (int i = 0; i < count; ++i)
+                copy[i] = float(elements[k + i]);
+            return load<float, lanes>(copy);
+        }
     }
 };
 
