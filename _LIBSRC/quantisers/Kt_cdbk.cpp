@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <type_traits>
 
 namespace {
 
@@ -394,6 +395,43 @@ bool canQuantise(const KTCodebook* codebook, int completeFlags, int nDim) {
     return codebook != nullptr && codebook->flags == completeFlags && nDim > 0;
 }
 
+// The distances of vectors from their cells' centroids, added up in the order of the vectors.
+template <class Sample, class Distance>
+class Distortion {
+public:
+    Distortion(int length, const Distance& distance) : length_(length), distance_(distance) {}
+
+    void add(const Sample* row, const Sample* centroid) {
+        if (known_ == most) flush();
+        rows_[known_] = row;
+        centroids_[known_++] = centroid;
+    }
+
+    double total() {
+        flush();
+        return total_;
+    }
+
+private:
+    void flush() {
+        double distances[most];
+        if constexpr (std::is_same_v<Sample, float>)
+            vsq::kernels().norm->distancesFloat(rows_, centroids_, known_, length_, distances);
+        else
+            for (int i = 0; i < known_; ++i)
+                distances[i] = distance_(rows_[i], centroids_[i], length_);
+        for (int i = 0; i < known_; ++i)
+            total_ += distances[i];
+        known_ = 0;
+    }
+
+    static constexpr int most = 16;
+    int length_, known_ = 0;
+    const Distance& distance_;
+    double total_ = 0;
+    const Sample *rows_[most], *centroids_[most];
+};
+
 // Quantises all vectors and returns the sum of the distances from their cells' centroids.
 // `isTrainings` says that `distance` is the one of the training, for which the planes of the
 // descent stand.
@@ -403,24 +441,22 @@ double quantise(Quantising& call, Sample** ppVectors, bool isTrainings, const Di
     const KTDescent* const descent =
         isTrainings && call.nDim == codebook.nDim ? codebook.pDescent : nullptr;
     const int length = call.nDim < codebook.nDim ? call.nDim : codebook.nDim;
-    double total = 0;
-    for (int start = 0; start < call.nVectors; start += vsq::descendGroup) {
-        const int left = call.nVectors - start,
-                  count = left < vsq::descendGroup ? left : vsq::descendGroup;
-        const KTCluster* nodes[vsq::descendGroup];
-        if (descent != nullptr) descendWhileSure(*descent, ppVectors + start, count, nodes);
+    Descents<Sample> descents(codebook, descent, call.nVectors);
+    Distortion<Sample, Distance> distortion(length, distance);
+    for (int start = 0, count; start < call.nVectors; start += count) {
+        count = std::min(call.nVectors - start, descents.size());
+        descents.take(ppVectors + start, count);
         for (int i = 0; i < count; ++i) {
             const Sample* const row = ppVectors[start + i];
-            const KTCluster* const leaf = walk(
-                codebook, descent != nullptr ? nodes[i] : codebook.pRoot, row, length, distance);
+            const KTCluster* const leaf = walk(codebook, descents.nodeOf(i), row, length, distance);
             if (call.pIndex != nullptr) call.pIndex[start + i] = leaf != nullptr ? leaf->cell : 0;
             call.hasAll = call.hasAll && leaf != nullptr;
             if (call.wantsTotal && leaf != nullptr)
-                total += distance(
-                    row, static_cast<const Sample*>(codebook.ppCentroids[leaf->cell - 1]), length);
+                distortion.add(row,
+                               static_cast<const Sample*>(codebook.ppCentroids[leaf->cell - 1]));
         }
     }
-    return total;
+    return distortion.total();
 }
 
 void quantiseNone(Quantising& call) {

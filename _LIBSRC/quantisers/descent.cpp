@@ -104,27 +104,79 @@ void freeDescent(KTDescent* descent) {
     std::free(descent);
 }
 
+namespace {
+
+// Fewer rows go down in small groups: working room would cost more than it gains.
+constexpr int fewestTogether = 32;
+// The points of a call are to stay in the cache, with the rest of its room.
+constexpr int floatsTogether = 1 << 16;
+
+} // namespace
+
 template <class Sample>
-void descendWhileSure(const KTDescent& descent, const Sample* const* rows, int count,
-                      const KTCluster** nodes) {
+Descents<Sample>::Descents(const KTCodebook& codebook, const KTDescent* descent, int wanted)
+    : descent_(descent), root_(codebook.pRoot) {
+    if (descent == nullptr || wanted < fewestTogether) return;
+    const int size = std::min(wanted, floatsTogether / descent->tree.stride);
+    isTogether_ = allocate(size);
+    if (isTogether_) size_ = size;
+}
+
+template <class Sample>
+bool Descents<Sample>::allocate(int size) {
+    points_ = AlignedScratch<float>(std::ptrdiff_t(size) * descent_->tree.stride);
+    reaches_ = Scratch<float>(2 * (size + vsq::descentSlack));
+    places_ = Scratch<int>(2 * (size + vsq::descentSlack));
+    nodes_ = Scratch<int>(size * (descent_->tree.stride / 16));
+    pending_ = Scratch<vsq::DescentRoom::Pending>(size);
+    return points_ && reaches_ && places_ && nodes_ && pending_;
+}
+
+template <class Sample>
+void Descents<Sample>::take(const Sample* const* rows, int count) {
+    if (isTogether_)
+        takeTogether(rows, count);
+    else if (descent_ != nullptr)
+        takeGroup(rows, count);
+}
+
+template <class Sample>
+void Descents<Sample>::takeTogether(const Sample* const* rows, int count) {
+    const Frame frame{descent_->centre, descent_->factor};
+    const int nDim = descent_->nDim, length = size_ + vsq::descentSlack;
+    makePoints(rows, count, frame, nDim, points_.get(), descent_->tree.stride, reaches_.get());
+    toReaches(reaches_.get(), count, nDim);
+    const vsq::DescentRoom room{
+        {{places_.get(), reaches_.get()}, {places_.get() + length, reaches_.get() + length}},
+        pending_.get()};
+    vsq::kernels().tree->descendTogether(&descent_->tree, points_.get(), count, &room,
+                                         nodes_.get());
+}
+
+// The group is always whole: the last row stands in for what is missing.
+template <class Sample>
+void Descents<Sample>::takeGroup(const Sample* const* rows, int count) {
     constexpr int group = vsq::descendGroup;
     alignas(64) float points[group * roundUp(longestOfDescent, 16)];
     float reach[group];
-    int reached[group];
-    const Frame frame{descent.centre, descent.factor};
-    const int stride = descent.tree.stride;
+    const Frame frame{descent_->centre, descent_->factor};
+    const int nDim = descent_->nDim, stride = descent_->tree.stride;
     for (int i = 0; i < group; ++i) {
         const Sample* const row = rows[i < count ? i : count - 1];
-        reach[i] =
-            reachOf(makePoint(row, frame, descent.nDim, points + i * stride, stride), descent.nDim);
-        reached[i] = 0;
+        reach[i] = reachOf(makePoint(row, frame, nDim, points + i * stride, stride), nDim);
+        group_[i] = 0;
     }
-    vsq::kernels().tree->descend(&descent.tree, points, reach, reached);
-    for (int i = 0; i < count; ++i)
-        nodes[i] = descent.clusters[reached[i] < 0 ? ~reached[i] : reached[i]];
+    vsq::kernels().tree->descend(&descent_->tree, points, reach, group_);
 }
 
-template void descendWhileSure(const KTDescent&, const float* const*, int, const KTCluster**);
-template void descendWhileSure(const KTDescent&, const short* const*, int, const KTCluster**);
+template <class Sample>
+const KTCluster* Descents<Sample>::nodeOf(int i) const {
+    if (descent_ == nullptr) return root_;
+    const int node = isTogether_ ? nodes_[i * (descent_->tree.stride / 16)] : group_[i];
+    return descent_->clusters[node < 0 ? ~node : node];
+}
+
+template class Descents<float>;
+template class Descents<short>;
 
 } // namespace ktl::codebook

@@ -35,19 +35,40 @@ int strideFor(int nDim) {
     return static_cast<int>(roundUp(static_cast<unsigned>(nDim), 16));
 }
 
+void toReaches(float* squares, int n, int nDim) {
+    const double relative = 1 + sumError(nDim), absolute = std::sqrt(double(nDim)) * 0x1p-60;
+    for (int i = 0; i < n; ++i) {
+        const double length = std::sqrt(double(squares[i])) * relative + absolute;
+        squares[i] = length < farOut ? static_cast<float>(length * 1.0001)
+                                     : std::numeric_limits<float>::infinity();
+    }
+}
+
 float reachOf(float squares, int nDim) {
-    const double length =
-        std::sqrt(double(squares)) * (1 + sumError(nDim)) + std::sqrt(double(nDim)) * 0x1p-60;
-    return length < farOut ? static_cast<float>(length * 1.0001)
-                           : std::numeric_limits<float>::infinity();
+    toReaches(&squares, 1, nDim);
+    return squares;
+}
+
+void makePoints(const float* const* rows, int n, const Frame& frame, int nDim, float* points,
+                int stride, float* squares) {
+    kernels().pointsFloat(rows, n, frame.factor, frame.centre, nDim, points, stride, squares);
+}
+
+void makePoints(const short* const* rows, int n, const Frame& frame, int nDim, float* points,
+                int stride, float* squares) {
+    kernels().pointsFixed(rows, n, frame.centre, nDim, points, stride, squares);
 }
 
 float makePoint(const float* row, const Frame& frame, int nDim, float* point, int stride) {
-    return kernels().pointFloat(row, frame.factor, frame.centre, nDim, point, stride);
+    float squares;
+    makePoints(&row, 1, frame, nDim, point, stride, &squares);
+    return squares;
 }
 
 float makePoint(const short* row, const Frame& frame, int nDim, float* point, int stride) {
-    return kernels().pointFixed(row, frame.centre, nDim, point, stride);
+    float squares;
+    makePoints(&row, 1, frame, nDim, point, stride, &squares);
+    return squares;
 }
 
 // For exact coordinates y, l, r: |y - r|^2 - |y - l|^2 = y . 2(l - r) + |r|^2 - |l|^2.

@@ -44,9 +44,16 @@ int strideFor(int nDim); // the floats of a point: nDim rounded up to whole grou
 float makePoint(const float* row, const Frame& frame, int nDim, float* point, int stride);
 float makePoint(const short* row, const Frame& frame, int nDim, float* point, int stride);
 
+// The same for n rows, whose points stand one after the other.
+void makePoints(const float* const* rows, int n, const Frame& frame, int nDim, float* points,
+                int stride, float* squares);
+void makePoints(const short* const* rows, int n, const Frame& frame, int nDim, float* points,
+                int stride, float* squares);
+
 // A bound on the length of a point from the sum of its squares; infinite when the bounds do not
 // hold so far out.
 float reachOf(float squares, int nDim);
+void toReaches(float* squares, int n, int nDim); // each in place
 
 // The plane between two seeds, in the coordinates of the frame; normal gets `stride` floats.
 template <class Sample>

@@ -35,6 +35,21 @@ struct PlaneTree {
     int parking; // a leaf where points in doubt are left standing
 };
 
+// Working room for the descents of n points together; its contents mean nothing between calls. Each
+// list has n + descentSlack elements.
+constexpr int descentSlack = 16;
+struct DescentRoom {
+    struct List {
+        int* places; // of a point: its first float, in units of 16 floats
+        float* reaches;
+    };
+    struct Pending {
+        int node, begin; // where its points begin in the first list
+    };
+    List lists[2];
+    Pending* pending; // n elements: each has a point of its own
+};
+
 // Points for the farthest pair, transposed in blocks of 16: coordinate k of point i is
 // coordinates[(i / 16) * 16 * nDim + k * 16 + i % 16].
 constexpr int pointBlock = 16;
@@ -49,11 +64,12 @@ constexpr int boxBlockSize(int nDim) {
 }
 
 struct TreeKernels {
-    // Writes one point: p[k] = src[k] * factor - centre[k] for k < nDim (the factor of shorts is
-    // 1), zeros up to stride. Returns the sum of its squares.
-    float (*pointFloat)(const float* src, float factor, const float* centre, int nDim, float* p,
-                        int stride);
-    float (*pointFixed)(const short* src, const float* centre, int nDim, float* p, int stride);
+    // Writes n points, one after the other: p[k] = row[k] * factor - centre[k] for k < nDim (the
+    // factor of shorts is 1), zeros up to stride. squares[i] is the sum of point i's squares.
+    void (*pointsFloat)(const float* const* rows, int n, float factor, const float* centre,
+                        int nDim, float* points, int stride, float* squares);
+    void (*pointsFixed)(const short* const* rows, int n, const float* centre, int nDim,
+                        float* points, int stride, float* squares);
 
     // sums[k] += src[k]
     void (*addFloat)(const float* src, double* sums, int nDim);
@@ -66,6 +82,12 @@ struct TreeKernels {
     // Takes 8 points, one after the other with their reaches, from nodes[i] down to a leaf; a point
     // in doubt at node k ends as ~k.
     void (*descend)(const PlaneTree* tree, const float* points, const float* reach, int* nodes);
+
+    // Takes n points, one after the other, from the root down to a leaf, all that are at a node
+    // together. Their reaches stand in the first list. nodes[i * stride / 16] becomes the leaf of
+    // point i, or ~k where it is in doubt at node k.
+    void (*descendTogether)(const PlaneTree* tree, const float* points, int n,
+                            const DescentRoom* room, int* nodes);
 
     // squares[i] = squared distance of points[members[i] * stride] from the point `from`.
     void (*squaresFrom)(const float* points, int stride, const int* members, int n,

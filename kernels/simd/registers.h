@@ -111,6 +111,21 @@ VSQ_INLINE void storePartOf(T* p, V v, int count) {
         }
 }
 
+// The lanes of v whose bit is set, one after another at p. The rest of a register there may be
+// written, too. Returns their number.
+template <class V, class T>
+VSQ_INLINE int storeChosenOf(T* p, V v, unsigned chosen) {
+    constexpr int lanes = lanesOf<V>;
+    T copy[lanes];
+    std::memcpy(copy, &v, sizeof copy);
+    int stored = 0;
+    for (int i = 0; i < lanes; ++i) { // without a branch that the data decide
+        p[stored] = copy[i];
+        stored += int(chosen >> i & 1);
+    }
+    return stored;
+}
+
 // --- lane by lane ---
 
 // x < y ? x : y and x > y ? x : y; where a comparison fails for a NaN, y.

@@ -87,6 +87,13 @@ VSQ_INLINE void storePartOf(T* p, V v, int count) {
     _mm_mask_storeu_epi32(p, __mmask8(firstLanes(count, 4)), (__m128i)v);
 }
 
+template <AnyRegister<4, 64> V, class T>
+VSQ_INLINE int storeChosenOf(T* p, V v, unsigned chosen) {
+    // to a register first: the form that stores is slow on some processors
+    _mm512_storeu_si512(p, _mm512_maskz_compress_epi32(__mmask16(chosen), (__m512i)v));
+    return __builtin_popcount(chosen);
+}
+
 // The forms with a mask of all lanes keep g++ from warning of its own headers.
 template <FloatRegister<64> V>
 VSQ_INLINE V smallerOf(V x, V y) {
@@ -260,6 +267,25 @@ VSQ_INLINE V loadPartOf(const T* p, int count, T fill) {
     const __m256i at = _mm256_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
     const __m256i last = _mm256_cmpeq_epi16(at, _mm256_set1_epi16(short(count - 1)));
     return (V)_mm256_blendv_epi8(result, _mm256_set1_epi16(short(p[count - 1])), last);
+}
+// For each choice of 8 lanes their numbers, a byte each.
+struct ChosenLanes {
+    std::uint64_t of[256];
+};
+constexpr ChosenLanes chosenLanes() {
+    ChosenLanes lanes{};
+    for (int choice = 0; choice < 256; ++choice)
+        for (int lane = 0, stored = 0; lane < 8; ++lane)
+            if ((choice >> lane & 1) != 0) lanes.of[choice] |= std::uint64_t(lane) << 8 * stored++;
+    return lanes;
+}
+template <AnyRegister<4, 32> V, class T>
+VSQ_INLINE int storeChosenOf(T* p, V v, unsigned chosen) {
+    static constexpr ChosenLanes lanes = chosenLanes();
+    const __m128i bytes = _mm_loadl_epi64((const __m128i*)(lanes.of + chosen));
+    const __m256i together = _mm256_permutevar8x32_epi32((__m256i)v, _mm256_cvtepu8_epi32(bytes));
+    _mm256_storeu_si256((__m256i*)p, together);
+    return __builtin_popcount(chosen);
 }
 template <AnyRegister<4, 32> V, class T>
 VSQ_INLINE void storePartOf(T* p, V v, int count) {

@@ -66,6 +66,12 @@ double squaresFloat(const float* a, const float* b, int n) {
     }));
 }
 
+void distancesFloat(const float* const* a, const float* const* b, int count, int n,
+                    double* results) {
+    for (int i = 0; i < count; ++i)
+        results[i] = __builtin_sqrt(squaresFloat(a[i], b[i], n));
+}
+
 // Magnitudes of 16-bit differences need 17 bits, so 32-bit lanes hold them and sums of up to 2^15
 // of them; longer sums are carried on in 64 bits.
 constexpr int wordBlock = 1 << 15;
@@ -136,6 +142,7 @@ extern const NormKernels normKernels{
     .largestFixed = largestFixed,
     .sumFixed = sumFixed,
     .squaresFixed = squaresFixed,
+    .distancesFloat = distancesFloat,
 };
 
 } // namespace vsq::VSQ_LEVEL

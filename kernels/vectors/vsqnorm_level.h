@@ -19,6 +19,9 @@ struct NormKernels {
     std::int64_t (*largestFixed)(const short* a, const short* b, int n);
     std::int64_t (*sumFixed)(const short* a, const short* b, int n);
     std::int64_t (*squaresFixed)(const short* a, const short* b, int n);
+    // results[i] is the root of squaresFloat(a[i], b[i], n), for i < count; b[i] is not null.
+    void (*distancesFloat)(const float* const* a, const float* const* b, int count, int n,
+                           double* results);
 };
 VSQ_DECLARE_LEVELS(NormKernels, normKernels)
 

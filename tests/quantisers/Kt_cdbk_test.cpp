@@ -172,6 +172,150 @@ TEST(TreeFloat, EqualsThePlainFormWhateverTheNumbersAre) {
     }
 }
 
+// --- many vectors in one call ---
+
+// The cells that one vector a call gives, and the mean of their distances in the order of the rows.
+template <class T>
+std::vector<int> oneByOne(const Codebook& codebook, Rows<T>& rows, double& distortion) {
+    std::vector<int> cells(rows.rows.size());
+    double total = 0;
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        quantise(codebook.get(), rows.get() + i, &cells[i], 1, rows.nDim());
+        const auto* const centroid =
+            static_cast<const T*>(codebook->ppCentroids[std::size_t(cells[i]) - 1]);
+        total += distanceOf(rows.pointers[i], centroid, rows.nDim());
+    }
+    total /= rows.count();
+    distortion = isFloat<T> ? total : std::trunc(total);
+    return cells;
+}
+
+template <class T>
+void expectAsOneByOne(const Codebook& codebook, Rows<T>& rows) {
+    double want = 0;
+    const std::vector<int> cells = oneByOne(codebook, rows, want);
+    support::onEveryLevel([&] {
+        support::Guarded<int> index(cells.size(), -7);
+        const double got =
+            quantise(codebook.get(), rows.get(), index.data(), rows.count(), rows.nDim());
+        EXPECT_EQ(index.values(), cells);
+        EXPECT_TRUE(sameBits(got, want)) << got << " " << want;
+        EXPECT_TRUE(index.intact());
+    });
+}
+
+// Adds rows halfway between centroids, on them and right beside both.
+template <class T>
+Rows<T> withMidways(const Codebook& codebook, Rows<T> rows, Random& random) {
+    const auto cells = std::size_t(codebook->nSize);
+    for (std::size_t i = 0; i < rows.rows.size(); i += 3) {
+        const auto* const a = static_cast<const T*>(codebook->ppCentroids[random() % cells]);
+        const auto* const b = static_cast<const T*>(codebook->ppCentroids[random() % cells]);
+        const double part = double(random() % 5) / 4;
+        for (std::size_t k = 0; k < rows.rows[i].size(); ++k)
+            rows.rows[i][k] = T(a[k] + part * (double(b[k]) - a[k]));
+        if constexpr (isFloat<T>)
+            if (random() % 2) rows.rows[i][0] = std::nextafter(rows.rows[i][0], T(1e30));
+    }
+    return Rows<T>(std::move(rows.rows));
+}
+
+TYPED_TEST(Tree, ManyVectorsInOneCallGoWhereEachWouldAlone) {
+    Random random(20);
+    for (int round = 0; round < 3 * kinds; ++round) {
+        const int kind = round % kinds, nDim = 1 + int(random() % 64);
+        const int nSize = 1 + int(random() % 150), n = 20 + int(random() % 700);
+        SCOPED_TRACE(testing::Message()
+                     << "kind " << kind << " n " << n << " nDim " << nDim << " nSize " << nSize);
+        Rows<TypeParam> set = someSet<TypeParam>(kind, 300, nDim, random);
+        const Codebook codebook = train(set, nSize, largest);
+        ASSERT_NE(codebook, nullptr);
+        Rows<TypeParam> tested =
+            withMidways(codebook, someSet<TypeParam>(kind, n, nDim, random), random);
+        expectAsOneByOne(codebook, tested);
+    }
+}
+
+TEST(TreeFloat, ManyOddVectorsInOneCallGoWhereEachWouldAlone) {
+    Random random(21);
+    for (int round = 0; round < 3 * oddKinds; ++round) {
+        const int kind = round % oddKinds, nDim = 1 + int(random() % 20);
+        SCOPED_TRACE(testing::Message() << "kind " << kind << " nDim " << nDim);
+        Rows<float> set = oddSet(kind, 300, nDim, random);
+        const Codebook codebook = train(set, 1 + int(random() % 40), largest);
+        ASSERT_NE(codebook, nullptr);
+        Rows<float> tested = oddSet((kind + round) % oddKinds, 500, nDim, random);
+        expectAsOneByOne(codebook, tested);
+    }
+}
+
+// Every count around those where a call begins to take vectors together and where its room ends.
+TYPED_TEST(Tree, EveryCountOfVectorsGivesTheSameCells) {
+    Random random(22);
+    for (int nDim : {13, 64}) {
+        Rows<TypeParam> set = someSet<TypeParam>(0, 9000, nDim, random);
+        const Codebook codebook = train(set, 40, largest);
+        ASSERT_NE(codebook, nullptr);
+        double distortion = 0;
+        const std::vector<int> cells = oneByOne(codebook, set, distortion);
+        std::vector<int> counts = {1023, 1024, 1025, 2049, 4095, 4096, 4097, 8193, 9000};
+        for (int count = 1; count < 100; ++count)
+            counts.push_back(count);
+        for (int count : counts) {
+            support::Guarded<int> index(std::size_t(count), -7);
+            quantise(codebook.get(), set.get(), index.data(), count, nDim);
+            EXPECT_TRUE(std::equal(index.data(), index.data() + count, cells.begin())) << count;
+            EXPECT_TRUE(index.intact()) << count;
+        }
+    }
+}
+
+TYPED_TEST(Tree, ManyVectorsGoDownADegenerateTree) {
+    Random random(23);
+    Rows<TypeParam> equal = fill<TypeParam>(4, 3, [](int, int) { return 5; });
+    const Codebook codebook = train(equal, 500, largest);
+    ASSERT_NE(codebook, nullptr);
+    Rows<TypeParam> tested =
+        fill<TypeParam>(300, 3, [&](int, int) { return double(random() % 11); });
+    expectAsOneByOne(codebook, tested);
+    // each cell is split off from the one before
+    Rows<TypeParam> line =
+        fill<TypeParam>(14, 1, [](int i, int) { return (i % 2 ? 1 : -1) * std::pow(2, i); });
+    const Codebook chain = train(line, 12, widest);
+    ASSERT_NE(chain, nullptr);
+    Rows<TypeParam> along =
+        fill<TypeParam>(1000, 1, [&](int, int) { return double(random() % 20000) - 10000; });
+    expectAsOneByOne(chain, along);
+}
+
+TYPED_TEST(Tree, QuantisingGoesOnWithoutMemory) {
+    Random random(24);
+    Rows<TypeParam> set = someSet<TypeParam>(0, 300, 13, random);
+    const Codebook codebook = train(set, 20, largest);
+    ASSERT_NE(codebook, nullptr);
+    double want = 0;
+    const std::vector<int> cells = oneByOne(codebook, set, want);
+    support::CapturedReports reports;
+    const long before = support::alloc::liveBlocks();
+    std::vector<int> index(cells.size());
+    double got = 0;
+    const auto check = [&] {
+        EXPECT_EQ(index, cells);
+        EXPECT_EQ(got, want);
+        EXPECT_EQ(reports.count(), 0u);
+        EXPECT_EQ(support::alloc::liveBlocks(), before);
+        index.assign(index.size(), -7);
+    };
+    const int failures = support::alloc::failEach(
+        [&] { got = quantise(codebook.get(), set.get(), index.data(), 300, 13); }, check);
+    EXPECT_GT(failures, 0);
+    check();
+    support::alloc::armFrom(1);
+    got = quantise(codebook.get(), set.get(), index.data(), 300, 13);
+    support::alloc::disarm();
+    check();
+}
+
 // --- what odd data cost ---
 
 // Processor seconds of a training, the shortest of three.
