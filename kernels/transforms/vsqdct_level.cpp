@@ -59,7 +59,7 @@ VSQ_INLINE Pack<float, N> reversed(const Pack<float, N>& v) {
         return {reversed(v.hi), reversed(v.lo)};
 }
 
-// The array that a and b are behind each other is `zipped`: a[0], b[0], a[1], b[1], ...
+// a[0], b[0], a[1], b[1], ...
 template <int N>
 VSQ_INLINE Pack<float, 2 * N> zipped(const Pack<float, N>& a, const Pack<float, N>& b) {
     if constexpr (isRegister<float, N>) {
@@ -69,12 +69,20 @@ VSQ_INLINE Pack<float, 2 * N> zipped(const Pack<float, N>& a, const Pack<float, 
         return {zipped(a.lo, b.lo), zipped(a.hi, b.hi)};
     }
 }
+// The even elements, or the odd ones.
 template <int N>
 VSQ_INLINE Pack<float, N / 2> everySecond(const Pack<float, N>& v, bool odd) {
     if constexpr (isRegister<float, N / 2>)
         return odd ? pick<oddLane>(v.lo, v.hi) : pick<evenLane>(v.lo, v.hi);
     else
         return {everySecond(v.lo, odd), everySecond(v.hi, odd)};
+}
+
+// Has the compiler load each term from memory into all lanes, where it would otherwise take them
+// out of registers by permutations, or keep and spill them from row to row.
+template <int n>
+VSQ_INLINE void keepInMemory(float (&a)[n], float (&b)[n]) {
+    asm("" : "+m"(a), "+m"(b));
 }
 
 // Sums and differences of the elements and their mirror images, whole rows of them: lanes from
@@ -96,18 +104,33 @@ VSQ_INLINE void foldHalves(const float* src, int n, float* sums, float* differen
     if (n % 2 != 0) sums[half] = src[half];
 }
 
-VSQ_INLINE void forwardOf(int n, const float* src, float* dst, const DctMatrices& matrices) {
-    const int half = n / 2;
+// f(row) for the rows of a length, from the last to the first. Those of a length that the compiler
+// knows are written out.
+template <int fixed, class F>
+VSQ_INLINE void eachRow(int rows, const F& f) {
+    static_assert((fixed + 1) / 2 <= 2 * rowLanes);
+    if constexpr (fixed == 0) {
+        for (int row = rows - 1; row >= 0; --row)
+            f(row);
+    } else {
+        if constexpr ((fixed + 1) / 2 > rowLanes) f(1);
+        f(0);
+    }
+}
+
+// `fixed` is n, or 0.
+template <int fixed>
+void forwardOf(const float* src, float* dst, const DctMatrices& matrices) {
+    const int n = fixed != 0 ? fixed : matrices.n, half = n / 2;
     alignas(64) float sums[mostTerms], differences[mostTerms];
     foldHalves(src, n, sums, differences);
-    const float *even = matrices.even, *odd = matrices.odd;
-    for (int k = 0; k < n - half; k += rowLanes) {
-        const Lanes evens = rowOf(even, sums, n - half, n - half - k);
-        const Lanes odds = rowOf(odd, differences, half, half - k);
+    eachRow<fixed>(rowsFor(n - half), [&](int row) VSQ_LAMBDA {
+        const int k = row * rowLanes;
+        keepInMemory(sums, differences);
+        const Lanes evens = rowOf(matrices.even + k * (n - half), sums, n - half, n - half - k);
+        const Lanes odds = rowOf(matrices.odd + k * half, differences, half, half - k);
         storePart(dst + 2 * k, zipped(evens, odds), n - 2 * k < 32 ? n - 2 * k : 32);
-        even += rowLanes * (n - half);
-        odd += rowLanes * half;
-    }
+    });
 }
 
 // The terms of the two products, the even elements and the odd ones.
@@ -140,23 +163,25 @@ VSQ_INLINE void unfoldRow(const Lanes& symmetric, const Lanes& antisymmetric, in
     storePart(dst + j, symmetric + antisymmetric, count);
 }
 
-VSQ_INLINE void inverseOf(int n, const float* src, float* dst, const DctMatrices& matrices) {
-    const int half = n / 2;
+template <int fixed>
+void inverseOf(const float* src, float* dst, const DctMatrices& matrices) {
+    const int n = fixed != 0 ? fixed : matrices.n, half = n / 2;
     alignas(64) float evens[mostTerms], odds[mostTerms];
     splitTerms(src, n, evens, odds);
     float middle = 0.0f;
-    for (int row = rowsFor(n - half) - 1; row >= 0; --row) {
+    eachRow<fixed>(rowsFor(n - half), [&](int row) VSQ_LAMBDA {
         const int j = row * rowLanes;
+        keepInMemory(evens, odds);
         const Lanes symmetric =
             rowOf(matrices.even + j * (n - half), evens, n - half, n - half - j);
-        if (half - j < rowLanes && n % 2 != 0) {
+        if (n % 2 != 0 && half - j < rowLanes) {
             alignas(64) float copy[rowLanes];
             store(copy, symmetric);
             middle = copy[half - j];
         }
         if (j < half)
             unfoldRow(symmetric, rowOf(matrices.odd + j * half, odds, half, half - j), j, n, dst);
-    }
+    });
     if (n % 2 != 0) dst[half] = middle;
 }
 
@@ -164,26 +189,26 @@ VSQ_INLINE void inverseOf(int n, const float* src, float* dst, const DctMatrices
 void forward(const float* src, float* dst, const DctMatrices& matrices) {
     switch (matrices.n) {
     case 24:
-        return forwardOf(24, src, dst, matrices);
+        return forwardOf<24>(src, dst, matrices);
     case 32:
-        return forwardOf(32, src, dst, matrices);
+        return forwardOf<32>(src, dst, matrices);
     case 40:
-        return forwardOf(40, src, dst, matrices);
+        return forwardOf<40>(src, dst, matrices);
     default:
-        return forwardOf(matrices.n, src, dst, matrices);
+        return forwardOf<0>(src, dst, matrices);
     }
 }
 
 void inverse(const float* src, float* dst, const DctMatrices& matrices) {
     switch (matrices.n) {
     case 24:
-        return inverseOf(24, src, dst, matrices);
+        return inverseOf<24>(src, dst, matrices);
     case 32:
-        return inverseOf(32, src, dst, matrices);
+        return inverseOf<32>(src, dst, matrices);
     case 40:
-        return inverseOf(40, src, dst, matrices);
+        return inverseOf<40>(src, dst, matrices);
     default:
-        return inverseOf(matrices.n, src, dst, matrices);
+        return inverseOf<0>(src, dst, matrices);
     }
 }
 
