@@ -5,11 +5,11 @@ namespace vsq::VSQ_LEVEL {
 namespace {
 
 // One pass over the signal serves a group of up to 20 lags. With four lanes, lag 4 q + r multiplies
-// block i - q of the signal by the four elements from 4 i + r on: so the four loads r = 0 to 3 serve
-// all lags of the group, and the first factors are blocks that were met before. Registers of four
-// doubles hold the sums and these blocks; narrower ones are too few, and both factors are widened to
-// memory. The products are exact, floats widened to double, so fusing them with the sums changes no
-// bit.
+// block i - q of the signal by the four elements from 4 i + r on: so the four loads r = 0 to 3
+// serve all lags of the group, and the first factors are blocks that were met before. Registers of
+// four doubles hold the sums and these blocks; narrower ones are too few, and both factors are
+// widened to memory. The products are exact, floats widened to double, so fusing them with the sums
+// changes no bit.
 constexpr int lanes = 4;
 constexpr int phases = lanes;
 constexpr int groupLags = 20;
@@ -100,7 +100,7 @@ struct Stretch {
 };
 
 // dst[i] = src[i] for the `count` elements, then zeros up to `room`.
-VSQ_INLINE void widen(const float* src, int count, double* dst, int room) {
+[[maybe_unused]] VSQ_INLINE void widen(const float* src, int count, double* dst, int room) {
     int i = 0;
     for (; i + step <= count; i += step)
         store(dst + i, convert<double>(load<float, step>(src + i)));
