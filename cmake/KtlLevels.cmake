@@ -1,7 +1,7 @@
 # Level sources (kernels/*/*_level.cpp) are compiled once per instruction-set level, each time into
 # a namespace of its own. kernels/levels/levels.list names the levels; KTLP6_LEVELS takes a choice
-# of them, so that a distributor can leave some out. Fused multiply-adds stay off: they would give
-# other bits than the baseline.
+# of them, so that a distributor can leave some out. The compiler fuses nothing by itself
+# (-ffp-contract=off): that would give other bits than the baseline.
 #
 # The sanitizers watch the lowest and the highest level, between which the others lie.
 set(KTLP6_LEVELS "all" CACHE STRING "instruction-set levels to build (baseline always): all, or a list of names")

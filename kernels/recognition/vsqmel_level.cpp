@@ -32,8 +32,9 @@ VSQ_INLINE Pack<float, rows> groupOf(const int* firstBin, int nBlocks, const dou
         weights += rows * bins;
         spectrum += bins;
         for (int row = 0; row < rows; ++row)
-            sum[row] = sum[row] + convert<double>(load<float, bins>(spectrum + firstBin[row])) *
-                                      load<double, bins>(weights + row * bins);
+            sum[row] =
+                fusedMultiplyAdd(convert<double>(load<float, bins>(spectrum + firstBin[row])),
+                                 load<double, bins>(weights + row * bins), sum[row]);
     }
     return convert<float>(sumRows(sum[0], sum[1], sum[2], sum[3]));
 }

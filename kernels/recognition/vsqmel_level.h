@@ -18,7 +18,8 @@ struct MelPlan {
     // 4 * nGroups: the row's first bin; 0 for rows that only fill the last group
     const int* firstBin;
     const int* nBlocks; // nGroups
-    // group after group, in it block after block, in it row after row: eight weights
+    // group after group, in it block after block, in it row after row: eight weights, each the
+    // value of a float, so that its product with a bin is exact in double
     const double* weights;
 };
 

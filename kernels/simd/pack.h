@@ -299,6 +299,14 @@ VSQ_INLINE Pack<T, N> select(const Pack<MaskOf<T>, N>& mask, const Pack<T, N>& a
     return each<T, N>([](auto m, auto x, auto y) VSQ_LAMBDA { return m ? x : y; }, mask, a, b);
 }
 
+// a * b + c, for exact products only: see fusedMultiplyAddOf.
+template <int N>
+VSQ_INLINE Pack<double, N> fusedMultiplyAdd(const Pack<double, N>& a, const Pack<double, N>& b,
+                                            const Pack<double, N>& c) {
+    return each<double, N>(
+        [](auto x, auto y, auto z) VSQ_LAMBDA { return fusedMultiplyAddOf(x, y, z); }, a, b, c);
+}
+
 // a < b ? a : b and a > b ? a : b; where a comparison fails for a NaN, b.
 template <class T, int N>
 VSQ_INLINE Pack<T, N> smaller(const Pack<T, N>& a, const Pack<T, N>& b) {

@@ -138,6 +138,14 @@ VSQ_INLINE V largerOf(V x, V y) {
     return x > y ? x : y;
 }
 
+// a * b + c for products that are exact, as those of two floats are in double: then it is all the
+// same whether the product is rounded before the addition. tests/build/unfused.cmake lists who
+// may call it.
+template <class V>
+VSQ_INLINE V fusedMultiplyAddOf(V a, V b, V c) {
+    return a * b + c;
+}
+
 template <class V>
 VSQ_INLINE V rootOf(V x) {
     for (int i = 0; i < lanesOf<V>; ++i) {

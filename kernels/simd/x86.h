@@ -237,6 +237,26 @@ VSQ_INLINE Pack<double, 16> selectNotBelowZero(const Pack<T, 16>& x, const Pack<
 
 #endif
 
+// --- FMA, which comes with both of the levels above the baseline ---
+#if defined(__FMA__)
+
+#if defined(__AVX512F__)
+template <DoubleRegister<64> V>
+VSQ_INLINE V fusedMultiplyAddOf(V a, V b, V c) {
+    return (V)_mm512_fmadd_pd((__m512d)a, (__m512d)b, (__m512d)c);
+}
+#endif
+template <DoubleRegister<32> V>
+VSQ_INLINE V fusedMultiplyAddOf(V a, V b, V c) {
+    return (V)_mm256_fmadd_pd((__m256d)a, (__m256d)b, (__m256d)c);
+}
+template <DoubleRegister<16> V>
+VSQ_INLINE V fusedMultiplyAddOf(V a, V b, V c) {
+    return (V)_mm_fmadd_pd((__m128d)a, (__m128d)b, (__m128d)c);
+}
+
+#endif
+
 // --- AVX2, for what AVX-512 does not do in its own way above ---
 #if defined(__AVX2__) && !defined(__AVX512VL__)
 

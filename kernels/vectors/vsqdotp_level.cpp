@@ -3,14 +3,7 @@
 #include "vectors/dot_product.h"
 
 namespace vsq::VSQ_LEVEL {
-namespace {
 
-double dot(const float* a, const float* b, int n) {
-    return dotProduct(a, b, n);
-}
-
-} // namespace
-
-extern const DotProductKernels dotProductKernels{.dot = dot};
+extern const DotProductKernels dotProductKernels{.dot = dotProduct};
 
 } // namespace vsq::VSQ_LEVEL

@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 
 namespace {
@@ -14,6 +16,17 @@ namespace {
 using support::expectRefused;
 using support::Guarded;
 using support::randomFloats;
+
+// Finite floats of every magnitude, denormals included.
+std::vector<float> floatsOfAllMagnitudes(int n, unsigned seed) {
+    std::mt19937 engine(seed);
+    std::vector<float> result(static_cast<std::size_t>(n));
+    for (float& value : result)
+        do
+            value = std::bit_cast<float>(std::uint32_t(engine()));
+        while (!std::isfinite(value));
+    return result;
+}
 
 struct Sum {
     long double value = 0, magnitude = 0;
@@ -93,6 +106,41 @@ TEST(AutoCorr, AllLevelsGiveTheSameBits) {
             EXPECT_EQ(actual, expected);
         });
     }
+}
+
+// The sums before their rounding to float; products are fused with them where they are exact.
+TEST(AutoCorr, AllLevelsGiveTheSameSumsForAllMagnitudes) {
+    for (int n = 1; n < 140; ++n) {
+        const std::vector<float> source = floatsOfAllMagnitudes(n, unsigned(n));
+        const int first = n % 3 == 0 ? 0 : n / 4, nLags = n - first;
+        std::vector<double> expected(static_cast<std::size_t>(nLags)), actual(expected);
+        vsq::selectLevel(vsq::Level::baseline);
+        vsq::kernels().corr->autoCorr(source.data(), n, first, expected.data(), nLags);
+        support::onEveryLevel([&] {
+            vsq::kernels().corr->autoCorr(source.data(), n, first, actual.data(), nLags);
+            for (std::size_t k = 0; k < actual.size(); ++k)
+                EXPECT_EQ(std::bit_cast<std::uint64_t>(actual[k]),
+                          std::bit_cast<std::uint64_t>(expected[k]))
+                    << n << " lag " << k;
+        });
+    }
+}
+
+// Lane l of four adds the products of the elements l, l + 4, ... with their partners, in ascending
+// order; then the lanes are added as a tree.
+TEST(AutoCorr, SumsRunInFourLanes) {
+    const int n = 1117, nLags = 50;
+    const std::vector<float> source = randomFloats(n, 5);
+    std::vector<double> sums(nLags);
+    support::onEveryLevel([&] {
+        vsq::kernels().corr->autoCorr(source.data(), n, 0, sums.data(), nLags);
+        for (int k = 0; k < nLags; ++k) {
+            double lanes[4] = {};
+            for (int i = 0; i + k < n; ++i)
+                lanes[i % 4] += double(source[std::size_t(i)]) * double(source[std::size_t(i + k)]);
+            EXPECT_EQ(sums[std::size_t(k)], (lanes[0] + lanes[2]) + (lanes[1] + lanes[3])) << k;
+        }
+    });
 }
 
 TEST(AutoCorr, AnInfiniteSampleReachesOnlyItsOwnProducts) {

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <random>
 
@@ -13,6 +15,17 @@ namespace {
 
 using support::expectRefused;
 using support::randomFloats;
+
+// Finite floats of every magnitude, denormals included.
+std::vector<float> floatsOfAllMagnitudes(int n, unsigned seed) {
+    std::mt19937 engine(seed);
+    std::vector<float> result(static_cast<std::size_t>(n));
+    for (float& value : result)
+        do
+            value = std::bit_cast<float>(std::uint32_t(engine()));
+        while (!std::isfinite(value));
+    return result;
+}
 
 TEST(DotProd, SumsProductsInDoubleOnEveryLevel) {
     support::onEveryLevel([] {
@@ -38,6 +51,20 @@ TEST(DotProd, AllLevelsGiveTheSameBits) {
         const double expected = vsqsDotProd(a.data(), b.data(), n);
         support::onEveryLevel(
             [&] { EXPECT_EQ(vsqsDotProd(a.data(), b.data(), n), expected) << n; });
+    }
+}
+
+// Where products are fused with the sums they have to be exact, from 2^-298 to 2^256.
+TEST(DotProd, AllLevelsGiveTheSameBitsForAllMagnitudes) {
+    for (int n = 1; n < 300; ++n) {
+        const std::vector<float> a = floatsOfAllMagnitudes(n, unsigned(n)),
+                                 b = floatsOfAllMagnitudes(n, unsigned(n + 700));
+        vsq::selectLevel(vsq::Level::baseline);
+        const auto expected = std::bit_cast<std::uint64_t>(vsqsDotProd(a.data(), b.data(), n));
+        support::onEveryLevel([&] {
+            const double sum = vsqsDotProd(a.data(), b.data(), n);
+            EXPECT_EQ(std::bit_cast<std::uint64_t>(sum), expected) << n;
+        });
     }
 }
 
