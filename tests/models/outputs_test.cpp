@@ -1,6 +1,6 @@
 // The densities of a codebook on frames, against plain computations.
 #include "models/codebooks.h"
-#include "models/evaluation.h"
+#include "models/outputs.h"
 #include "support/guarded.h"
 
 #include <cstdlib>
