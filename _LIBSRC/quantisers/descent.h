@@ -25,7 +25,8 @@ void freeDescent(KTDescent* descent); // null is allowed
 template <class Sample>
 class Descents {
 public:
-    // What a call that quantises `wanted` rows needs. Without a descent every row stays at the root.
+    // What a call that quantises `wanted` rows needs. Without a descent every row stays at the
+    // root.
     Descents(const KTCodebook& codebook, const KTDescent* descent, int wanted);
 
     int size() const { return size_; } // the rows that can be taken at a time

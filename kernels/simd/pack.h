@@ -130,8 +130,8 @@ VSQ_INLINE void storePart(T* p, const Pack<T, N>& v, int count) {
     }
 }
 
-// The lanes whose bit is set, one after another; the rest of N elements may be written, too. Returns
-// their number. For packs of one register.
+// The lanes whose bit is set, one after another; the rest of N elements may be written, too.
+// Returns their number. For packs of one register.
 template <class T, int N>
 VSQ_INLINE int storeChosen(T* p, const Pack<T, N>& v, unsigned chosen) {
     static_assert(isRegister<T, N>);

@@ -130,7 +130,7 @@ TEST(AutoCorr, AllLevelsGiveTheSameSumsForAllMagnitudes) {
 // order; then the lanes are added as a tree.
 TEST(AutoCorr, SumsRunInFourLanes) {
     const int n = 1117, nLags = 50;
-    const std::vector<float> source = randomFloats(n, 5);
+    const std::vector<float> source = support::randomFloats(n, -1.0f, 1.0f, 5);
     std::vector<double> sums(nLags);
     support::onEveryLevel([&] {
         vsq::kernels().corr->autoCorr(source.data(), n, 0, sums.data(), nLags);

@@ -31,16 +31,17 @@ template <class T>
 int descendAll(const KTCodebook& codebook, Rows<T>& tested) {
     int leaves = 0, size = 1;
     for (int first = 0; first < tested.count(); first += size) {
-        size = 1 + first % vsq::descendGroup;
+        size = 1 + first % 70; // few go down in groups, many together
         const int count = std::min(size, tested.count() - first);
-        std::vector<const KTCluster*> nodes(std::size_t(count) + 1);
         const std::vector<const T*> rows(tested.pointers.begin() + first,
                                          tested.pointers.begin() + first + count);
-        ktl::codebook::descendWhileSure(*codebook.pDescent, rows.data(), count, nodes.data());
-        EXPECT_EQ(nodes.back(), nullptr); // what was not asked for
+        ktl::codebook::Descents<T> descents(codebook, codebook.pDescent, count);
+        EXPECT_GE(descents.size(), count);
+        descents.take(rows.data(), count);
         for (int i = 0; i < count; ++i) {
-            EXPECT_TRUE(passes(codebook, rows[std::size_t(i)], nodes[std::size_t(i)])) << first + i;
-            leaves += nodes[std::size_t(i)]->isLeaf != 0;
+            const KTCluster* node = descents.nodeOf(i);
+            EXPECT_TRUE(passes(codebook, rows[std::size_t(i)], node)) << first + i;
+            leaves += node->isLeaf != 0;
         }
     }
     return leaves;
