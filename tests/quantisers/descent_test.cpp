@@ -36,12 +36,15 @@ int descendAll(const KTCodebook& codebook, Rows<T>& tested) {
         const std::vector<const T*> rows(tested.pointers.begin() + first,
                                          tested.pointers.begin() + first + count);
         ktl::codebook::Descents<T> descents(codebook, codebook.pDescent, count);
-        EXPECT_GE(descents.size(), count);
-        descents.take(rows.data(), count);
-        for (int i = 0; i < count; ++i) {
-            const KTCluster* node = descents.nodeOf(i);
-            EXPECT_TRUE(passes(codebook, rows[std::size_t(i)], node)) << first + i;
-            leaves += node->isLeaf != 0;
+        for (int done = 0; done < count; done += descents.size()) {
+            const int taken = std::min(count - done, descents.size());
+            descents.take(rows.data() + done, taken);
+            for (int i = 0; i < taken; ++i) {
+                const KTCluster* node = descents.nodeOf(i);
+                EXPECT_TRUE(passes(codebook, rows[std::size_t(done + i)], node))
+                    << first + done + i;
+                leaves += node->isLeaf != 0;
+            }
         }
     }
     return leaves;
