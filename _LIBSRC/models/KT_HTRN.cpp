@@ -187,7 +187,8 @@ public:
         bool isFinite = true;
         for (int i = 0; i < next->nStates; ++i)
             for (int m = 0; m < next->mixtures[i]->nMix; ++m) {
-                const double occupancy = gammaComp[std::size_t(view->pComponentStart[i] + m)];
+                const double occupancy =
+                    gammaComp[std::size_t(view->pComponentStart[i]) + std::size_t(m)];
                 const bool hasWeight =
                     finishWeight(next->mixtures[i], m, occupancy,
                                  counts.visited(i) ? counts.gammaOut[std::size_t(i)] : 0.0);
